@@ -1,0 +1,55 @@
+# The front door. Each target does all that it needs, from a fresh Debian 12 machine.
+#   make demo   run the main job on a private MariaDB and Redis, then remove everything
+#   make test   build and pass all tests
+# Others: build, bench, lint, sanitize, install, deps, format, clean.
+
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD := build/release
+PREFIX ?= /usr/local
+
+SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
+UNITS = $(filter %.cpp,$(SOURCES))
+
+.PHONY: all build demo test bench lint sanitize deps install format clean
+all: build
+
+deps:
+	@packaging/install-deps
+
+$(BUILD)/build.ninja: | deps
+	cmake --preset release
+
+build: deps $(BUILD)/build.ninja
+	cmake --build --preset release --target spoolcap
+
+demo: deps $(BUILD)/build.ninja
+	@cmake --build --preset release --target spoolcap-sandbox testbed -- --quiet
+	@$(BUILD)/bin/testbed demo/demo
+
+test: deps $(BUILD)/build.ninja
+	cmake --build --preset release
+	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
+
+bench: deps $(BUILD)/build.ninja
+	cmake --build --preset release
+	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
+
+sanitize: deps
+	cmake --preset sanitize
+	cmake --build --preset sanitize
+	build/sanitize/bin/testbed ctest --preset sanitize -j $(JOBS)
+
+lint: deps $(BUILD)/build.ninja
+	clang-format --dry-run --Werror $(SOURCES)
+	cmake --build --preset release
+	printf '%s\n' $(UNITS) | xargs -P $(JOBS) -n 1 clang-tidy --quiet -p $(BUILD)
+
+format:
+	clang-format -i $(SOURCES)
+
+install: build
+	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(BUILD)"
+
+clean:
+	rm -rf build

@@ -1,0 +1,32 @@
+/* The one seam for fixed paths: every path of the platform that is not configured comes from here.
+ * The installed program links the real ones and reads no environment; tests and the demo link a
+ * provider that puts a sandbox folder in front of each. */
+#ifndef COMMON_PATHS_H
+#define COMMON_PATHS_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+enum qx_path_id {
+  QX_PATH_PATHS_CONF,     /* directories of the platform */
+  QX_PATH_PBX_CONF,       /* database credentials; cache servers */
+  QX_PATH_SQLDBASE_CONF,  /* database servers */
+  QX_PATH_DISDBASE_CONF,  /* cache servers */
+  QX_PATH_LOCAL_CONF,     /* options of this node */
+  QX_PATH_ASTERISK_CONF,  /* Asterisk's own configuration */
+  QX_PATH_QUOTA_ROOT,     /* default of the quota root */
+  QX_PATH_AST_SPOOL,      /* default of Asterisk's spool directory */
+  QX_PATH_AST_LIB,        /* default of Asterisk's library and var-lib directories */
+  QX_PATH_NODE_ID,        /* id of this node */
+  QX_PATH_COUNT
+};
+
+/* The path, absolute and without a trailing slash; static, never NULL for an id of the list. */
+const char *qx_path(enum qx_path_id id);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

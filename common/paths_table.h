@@ -1,0 +1,15 @@
+// The fixed paths themselves, in the order of enum qx_path_id; shared by all providers of qx_path.
+#ifndef COMMON_PATHS_TABLE_H
+#define COMMON_PATHS_TABLE_H
+
+#include "paths.h"
+
+inline constexpr const char *qx_fixed_paths[QX_PATH_COUNT] = {
+    "/etc/quorvex/paths.conf",     "/etc/quorvex/pbx.conf",
+    "/etc/quorvex/sqldbase.conf",  "/etc/quorvex/disdbase.conf",
+    "/etc/quorvex/local.conf",     "/etc/asterisk/asterisk.conf",
+    "/var/lib/quorvexquota",       "/var/spool/asterisk",
+    "/var/lib/asterisk",           "/etc/quorvexnode/nodeid",
+};
+
+#endif

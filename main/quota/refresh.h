@@ -1,0 +1,32 @@
+// The slow refresh, step by step. Internal to the engine; quota_update_slow is its public face.
+#ifndef MAIN_QUOTA_REFRESH_H
+#define MAIN_QUOTA_REFRESH_H
+
+#include <cstdint>
+
+// quota_update_slow with a scratch value that is handed down unused.
+int quota_update_slow_internal(int account_id, unsigned kind, int64_t *total, int force,
+                               int64_t *scratch);
+
+// Refreshes the account whose quota directory *directory is, children first. Ids are decimal text
+// as the statements take them; parent and grandparent may be null. *directory is a growable string
+// that comes back as it was. 0 when every requested kind was handled, -1 on a failure that stopped
+// the walk.
+int quota_update_subtree(const char *id, const char *parent_id, const char *grandparent_id,
+                         int level, unsigned kind, char **directory, int64_t *total,
+                         int force_depth, int64_t *scratch);
+
+// Adds the children's values of one kind to *sum; children without a readable file add nothing.
+// 0, or -1 when the children cannot be listed to the end.
+int grab_child_quotas(const char *id, const char *parent_id, const char *grandparent_id,
+                      unsigned kind, const char *directory, int64_t *sum);
+
+// 1 when the quota file holds a record whose revision is 0 to 999, else 0. The value, when one was
+// read, is left in *value.
+int is_rev_inrange(const char *path, int64_t *value);
+
+// Writes one record under the file's lock, creating the file when it is not there. 0, or -1 when
+// it can be neither opened nor created.
+int quota_real_update(const char *path, int64_t value, int revision);
+
+#endif

@@ -1,0 +1,80 @@
+// Owners for what C interfaces hand out: each releases what it holds on every path.
+#ifndef PLATFORM_BASE_OWNER_H
+#define PLATFORM_BASE_OWNER_H
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+template <auto Function>
+struct call_to_release {
+  template <class T>
+  void operator()(T *pointer) const noexcept {
+    Function(pointer);
+  }
+};
+
+// Heap text as C callers expect it: from malloc, released with free.
+using c_string = std::unique_ptr<char, call_to_release<std::free>>;
+
+using c_file = std::unique_ptr<FILE, call_to_release<std::fclose>>;
+
+// A file descriptor; -1 holds nothing.
+class unique_fd {
+ public:
+  unique_fd() noexcept = default;
+  explicit unique_fd(int fd) noexcept : fd_(fd) {}
+  unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  unique_fd &operator=(unique_fd &&other) noexcept {
+    if (this != &other) reset(std::exchange(other.fd_, -1));
+    return *this;
+  }
+  ~unique_fd() { reset(); }
+
+  int get() const noexcept { return fd_; }
+  explicit operator bool() const noexcept { return fd_ >= 0; }
+  int release() noexcept { return std::exchange(fd_, -1); }
+  // errno survives, so that a failure's cause can be told after its descriptor went.
+  void reset(int fd = -1) noexcept {
+    if (fd_ >= 0) {
+      const int saved = errno;
+      ::close(fd_);
+      errno = saved;
+    }
+    fd_ = fd;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// The process umask for the length of a scope.
+class umask_guard {
+ public:
+  explicit umask_guard(mode_t mask) noexcept : old_(::umask(mask)) {}
+  umask_guard(const umask_guard &) = delete;
+  umask_guard &operator=(const umask_guard &) = delete;
+  ~umask_guard() { ::umask(old_); }
+
+ private:
+  mode_t old_;
+};
+
+// Runs the body of a function of the C face: no exception leaves it, `failure` is returned instead.
+template <class Result, class Body>
+Result no_throw(Result failure, Body &&body) noexcept {
+  try {
+    return std::forward<Body>(body)();
+  } catch (...) {
+    return failure;
+  }
+}
+
+#endif

@@ -1,0 +1,33 @@
+/* The directive files of the platform that are read by table.
+ *
+ * A line is a keyword, blanks, and a value; an "=" between blanks may stand before the value. The
+ * value is trimmed, and double quotes around it are removed. A line whose first non-blank byte is
+ * "#" is a comment. Keywords are matched exactly; the last line of a keyword wins; unknown
+ * keywords are ignored. */
+#ifndef PLATFORM_BASE_PARSECONFIG_H
+#define PLATFORM_BASE_PARSECONFIG_H
+
+#include <stddef.h>
+
+#include "base/safestr.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* One keyword and the string that takes its value. */
+struct parseconfig_entry {
+  const char *keyword;
+  safestr_t *value;
+};
+
+/* Fills the value of every entry whose keyword is in the file, releasing what it held, and leaves
+ * the rest untouched. An empty value gives an empty string. 0, or -1 when the file cannot be
+ * read. */
+int parseconfig(const char *path, const struct parseconfig_entry *entries, size_t count);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
