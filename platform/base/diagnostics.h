@@ -19,9 +19,8 @@ struct call_site {
 #define QX_HERE (call_site{qx_log_source, __func__, __LINE__})
 
 // Logs at a priority of FR_LOG_*, in the name of `site`.
-#define QX_LOG_AT(site, priority, ...)                                                  \
-  fr_log_impl((site).source, (site).line, (site).function, FR_LOG_MESSAGE, (priority), \
-              __VA_ARGS__)
+#define QX_LOG_AT(site, priority, ...) \
+  fr_log_impl((site).source, (site).line, (site).function, FR_LOG_MESSAGE, (priority), __VA_ARGS__)
 
 #define QX_LOG(priority, ...) QX_LOG_AT(QX_HERE, priority, __VA_ARGS__)
 

@@ -1,0 +1,160 @@
+#include "base/hash.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/owner.h"
+
+struct fr_array {
+  std::vector<const void *> elements;
+};
+
+// Entries stand in a deque in the order of their arrival, where they never move; an open-addressed
+// index of entry numbers finds them. Nothing is ever removed singly, so the index needs no
+// tombstones.
+struct fr_hash {
+  struct entry {
+    std::string key;
+    std::unique_ptr<std::byte[]> value;
+  };
+
+  static constexpr uint32_t free_slot = UINT32_MAX;
+
+  fr_hash_destructor destroy_value = nullptr;
+  std::deque<entry> entries;
+  std::vector<uint32_t> slots;
+  std::recursive_mutex lock;
+
+  // The slot that holds the key's entry, or the free one where it belongs. Needs a free slot.
+  uint32_t &slot_of(std::string_view key) {
+    const size_t mask = slots.size() - 1;
+    size_t slot = std::hash<std::string_view>{}(key)&mask;
+    while (slots[slot] != free_slot && entries[slots[slot]].key != key) slot = (slot + 1) & mask;
+    return slots[slot];
+  }
+
+  entry *find(std::string_view key) {
+    if (entries.empty()) return nullptr;
+    const uint32_t number = slot_of(key);
+    return number == free_slot ? nullptr : &entries[number];
+  }
+
+  // Keeps at least a quarter of the slots free, so that searches stay short.
+  void make_room() {
+    if ((entries.size() + 1) * 4 <= slots.size() * 3) return;
+    std::vector<uint32_t> wider(slots.empty() ? 16 : slots.size() * 2, free_slot);
+    slots.swap(wider);
+    for (uint32_t number = 0; number < entries.size(); ++number) {
+      slot_of(entries[number].key) = number;
+    }
+  }
+
+  void destroy(entry &old) const {
+    if (destroy_value != nullptr) destroy_value(old.value.get());
+  }
+
+  void put(std::string_view key, std::unique_ptr<std::byte[]> value) {
+    if (entry *known = find(key)) {
+      destroy(*known);
+      known->value = std::move(value);
+      return;
+    }
+    make_room();
+    entries.push_back({std::string(key), std::move(value)});
+    slot_of(key) = static_cast<uint32_t>(entries.size() - 1);
+  }
+
+  ~fr_hash() {
+    for (entry &last : entries) destroy(last);
+  }
+};
+
+namespace {
+
+std::string_view key_view(const void *key, size_t length) {
+  return {static_cast<const char *>(key), length};
+}
+
+}  // namespace
+
+fr_hash_t *fr_hash_init_api(int key_kinds, fr_hash_destructor destroy_value) {
+  if (key_kinds != 1) return nullptr;
+  return no_throw<fr_hash_t *>(nullptr, [&] {
+    auto table = std::make_unique<fr_hash>();
+    table->destroy_value = destroy_value;
+    return table.release();
+  });
+}
+
+int fr_hash_force_add(fr_hash_t *table, const void *key, size_t key_length, const void *value,
+                      size_t value_length) {
+  if (table == nullptr || key == nullptr || value == nullptr) return -1;
+  return no_throw(-1, [&] {
+    const std::lock_guard lock(table->lock);
+    auto copy = std::make_unique_for_overwrite<std::byte[]>(value_length);
+    std::memcpy(copy.get(), value, value_length);
+    table->put(key_view(key, key_length), std::move(copy));
+    return 0;
+  });
+}
+
+void *fr_hash_find(fr_hash_t *table, const void *key, size_t key_length) {
+  if (table == nullptr || key == nullptr) return nullptr;
+  return no_throw<void *>(nullptr, [&]() -> void * {
+    const std::lock_guard lock(table->lock);
+    const fr_hash::entry *found = table->find(key_view(key, key_length));
+    return found == nullptr ? nullptr : found->value.get();
+  });
+}
+
+int fr_hash_empty(fr_hash_t *table) {
+  if (table == nullptr) return 1;
+  return no_throw(1, [&] {
+    const std::lock_guard lock(table->lock);
+    return table->entries.empty() ? 1 : 0;
+  });
+}
+
+fr_array_t *fr_hash_getkeys(fr_hash_t *table) {
+  if (table == nullptr) return nullptr;
+  return no_throw<fr_array_t *>(nullptr, [&] {
+    const std::lock_guard lock(table->lock);
+    auto keys = std::make_unique<fr_array>();
+    keys->elements.reserve(table->entries.size());
+    for (const fr_hash::entry &entry : table->entries) keys->elements.push_back(entry.key.data());
+    return keys.release();
+  });
+}
+
+void fr_hash_lock(fr_hash_t *table) {
+  if (table != nullptr) table->lock.lock();
+}
+
+void fr_hash_unlock(fr_hash_t *table) {
+  if (table != nullptr) table->lock.unlock();
+}
+
+void fr__hash_destroy(fr_hash_t *table) {
+  delete table;
+}
+
+size_t fr_array_length(const fr_array_t *array) {
+  return array == nullptr ? 0 : array->elements.size();
+}
+
+const void *fr_array_get(const fr_array_t *array, size_t index) {
+  return index < fr_array_length(array) ? array->elements[index] : nullptr;
+}
+
+void fr_array_free(fr_array_t *array) {
+  delete array;
+}

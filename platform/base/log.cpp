@@ -1,0 +1,109 @@
+#include "base/log.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <shared_mutex>
+
+#include "base/owner.h"
+
+namespace {
+
+struct sink_setting {
+  fr_log_sink sink = nullptr;
+  void *context = nullptr;
+};
+
+sink_setting current_sink;
+// Held shared while a sink runs, so that a sink is never called after it was replaced.
+std::shared_mutex sink_lock;
+
+bool connects(int socket_type) {
+  const unique_fd probe(::socket(AF_UNIX, socket_type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!probe) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, "/dev/log");
+  return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+int64_t coarse_seconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
+
+// Whether a syslog daemon listens, looked up at most once a second.
+bool syslog_reachable() {
+  static std::mutex probing;
+  static std::atomic<int64_t> probed_at{-1};
+  static std::atomic<bool> reachable{false};
+
+  const int64_t now = coarse_seconds();
+  if (probed_at.load(std::memory_order_acquire) != now) {
+    const std::lock_guard lock(probing);
+    if (probed_at.load(std::memory_order_relaxed) != now) {
+      reachable.store(connects(SOCK_DGRAM) || connects(SOCK_STREAM), std::memory_order_relaxed);
+      probed_at.store(now, std::memory_order_release);
+    }
+  }
+  return reachable.load(std::memory_order_relaxed);
+}
+
+void open_syslog() {
+  static std::once_flag opened;
+  std::call_once(opened, [] { ::openlog(program_invocation_short_name, LOG_PID, LOG_USER); });
+}
+
+__attribute__((format(printf, 1, 0))) c_string format_message(const char *format, va_list args) {
+  char *formatted = nullptr;
+  if (::vasprintf(&formatted, format, args) < 0) return nullptr;
+  c_string text(formatted);
+  size_t length = std::strlen(formatted);
+  while (length > 0 && formatted[length - 1] == '\n') formatted[--length] = '\0';
+  return text;
+}
+
+void log_message(fr_log_record record, const char *format, va_list args, int saved_errno) {
+  const std::shared_lock lock(sink_lock);
+  if (current_sink.sink == nullptr && !syslog_reachable()) return;
+  errno = saved_errno;  // a format may hold %m
+  const c_string text = format_message(format, args);
+  if (!text) return;
+  record.text = text.get();
+  if (current_sink.sink != nullptr) {
+    current_sink.sink(&record, current_sink.context);
+  } else {
+    open_syslog();
+    ::syslog(record.priority, "%s", record.text);
+  }
+}
+
+}  // namespace
+
+void fr_log_impl(const char *file, int line, const char *function, int channel, int priority,
+                 const char *format, ...) {
+  const int saved_errno = errno;
+  va_list args;
+  va_start(args, format);
+  no_throw(0, [&] {
+    log_message({file, line, function, channel, priority, nullptr}, format, args, saved_errno);
+    return 0;
+  });
+  va_end(args);
+  errno = saved_errno;
+}
+
+void fr_log_set_sink(fr_log_sink sink, void *context) {
+  const std::unique_lock lock(sink_lock);
+  current_sink = {sink, context};
+}

@@ -1,0 +1,95 @@
+#include "base/str.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/owner.h"
+
+namespace {
+
+bool is_space(char byte) {
+  return std::isspace(static_cast<unsigned char>(byte)) != 0;
+}
+
+using field_list = std::unique_ptr<char *, call_to_release<fr_explode_free>>;
+
+}  // namespace
+
+char *fr_str_trim(char *text, int mode) {
+  if (text == nullptr) return nullptr;
+  size_t length = std::strlen(text);
+  if ((mode & FR_TRIM_END) != 0) {
+    while (length > 0 && is_space(text[length - 1])) --length;
+    text[length] = '\0';
+  }
+  if ((mode & FR_TRIM_START) != 0) {
+    size_t start = 0;
+    while (start < length && is_space(text[start])) ++start;
+    if (start > 0) std::memmove(text, text + start, length - start + 1);
+  }
+  return text;
+}
+
+char **fr_explode(const char *text, char separator, size_t *count) {
+  if (text == nullptr) return nullptr;
+  const char *end = text + std::strlen(text);
+  const size_t fields = static_cast<size_t>(std::count(text, end, separator)) + 1;
+  field_list list(static_cast<char **>(std::calloc(fields + 1, sizeof(char *))));
+  if (!list) return nullptr;
+  for (size_t i = 0; i < fields; ++i) {
+    const char *stop = std::find(text, end, separator);
+    char *field = ::strndup(text, static_cast<size_t>(stop - text));
+    if (field == nullptr) return nullptr;
+    list.get()[i] = field;
+    text = stop + 1;
+  }
+  if (count != nullptr) *count = fields;
+  return list.release();
+}
+
+void fr_explode_free(char **fields) {
+  if (fields == nullptr) return;
+  for (char **field = fields; *field != nullptr; ++field) std::free(*field);
+  std::free(fields);
+}
+
+char *fr_implode(char *const *fields, size_t first, size_t last, char separator) {
+  if (fields == nullptr || first > last) return nullptr;
+  size_t size = 0;
+  for (size_t i = first; i <= last; ++i) {
+    if (fields[i] == nullptr) return nullptr;
+    size += std::strlen(fields[i]) + 1;
+  }
+  auto *joined = static_cast<char *>(std::malloc(size));
+  if (joined == nullptr) return nullptr;
+  char *end = joined;
+  for (size_t i = first; i <= last; ++i) {
+    end = ::stpcpy(end, fields[i]);
+    *end++ = separator;
+  }
+  end[-1] = '\0';
+  return joined;
+}
+
+char *base64_enc_str(const void *data, size_t length) {
+  if (data == nullptr) return nullptr;
+  // The encoder counts in int; pieces of whole groups of three bytes join without padding.
+  constexpr size_t piece = 3 << 20;
+  auto *encoded = static_cast<char *>(std::malloc((length + 2) / 3 * 4 + 1));
+  if (encoded == nullptr) return nullptr;
+  const auto *input = static_cast<const unsigned char *>(data);
+  char *output = encoded;
+  while (length > 0) {
+    const size_t take = std::min(length, piece);
+    output +=
+        EVP_EncodeBlock(reinterpret_cast<unsigned char *>(output), input, static_cast<int>(take));
+    input += take;
+    length -= take;
+  }
+  *output = '\0';
+  return encoded;
+}
