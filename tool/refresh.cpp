@@ -1,0 +1,20 @@
+#include "refresh.h"
+
+#include "keys.h"
+#include "quota/quota.h"
+#include "settings.h"
+
+int refresh_user_quotas(fr_hash_t *targets) {
+  bool succeeded = false;
+  bool failed = false;
+  for_each_target(targets, [&](int32_t id, const target_record &target) {
+    if (target.selected == 0) return;
+    if (quota_update_slow(id, QUOTA_ALL_KINDS, nullptr, run.force_depth) == 0) {
+      succeeded = true;
+    } else {
+      failed = true;
+    }
+  });
+  if (!failed) return 0;
+  return succeeded ? 1 : 2;
+}

@@ -1,0 +1,12 @@
+// The refreshing half of a run.
+#ifndef TOOL_REFRESH_H
+#define TOOL_REFRESH_H
+
+#include "base/hash.h"
+
+// Refreshes every selected account of the table and its subtree; one that fails does not stop the
+// others. 0 when none failed (or there was none), 1 when some failed and some did not, 2 when all
+// failed.
+int refresh_user_quotas(fr_hash_t *targets);
+
+#endif

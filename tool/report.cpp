@@ -1,0 +1,116 @@
+#include "report.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "keys.h"
+#include "quota/quota.h"
+#include "settings.h"
+#include "sql_owner.h"
+
+QX_LOG_SOURCE("spoolcap");
+
+namespace {
+
+constexpr char select_accounts[] =
+    "SELECT client.id, acc.username FROM client, hs_account acc WHERE client.id = acc.userID";
+
+// The longest display name is one longer and overflows the column; it stays as it is.
+constexpr int name_width = 12;
+
+bool is_empty(const char *text) {
+  return text == nullptr || *text == '\0';
+}
+
+// Counts go through single precision: 24 significant bits are plenty for two decimals of a unit.
+void print_size(int64_t bytes) {
+  if (run.human_flag != 0) {
+    char unit[3];
+    const float scaled = to_human_readable(unit, static_cast<float>(bytes));
+    printf("%.2f %s\n", static_cast<double>(scaled), unit);
+  } else {
+    printf("%lld bytes\n", static_cast<long long>(bytes));
+  }
+}
+
+// This listing puts one tab after the id, prints the id as the database has it and does not tell
+// an unknown account from one without quota; the listing of targets below does otherwise. What
+// reads the report knows both forms.
+int show_all_accounts(SessionHandle session) {
+  sql_result rows;
+  const call_site site = {qx_log_source, "show_quotas", __LINE__};
+  if (sql_query(site, session, rows, select_accounts) != 0) return -1;
+  if (rows == nullptr) {
+    log_condition_failed(site);
+    return -1;
+  }
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+    if (is_empty(row[0]) || is_empty(row[1])) continue;
+    printf("Quota for user %s (with id: %s)\t", row[1], row[0]);
+    int64_t quotas[QUOTA_ALL_KINDS];
+    if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
+      puts("Quota Not found\n");
+    } else {
+      print_quotas(quotas);
+    }
+  }
+  return 0;
+}
+
+void show_target(int32_t id, const target_record &target) {
+  printf("Quota for user %s (with id: %d)\t\t", target.login, id);
+  int64_t quotas[QUOTA_ALL_KINDS];
+  switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
+    case -1:
+      puts("Quota Not found\n");
+      break;
+    case -2:
+      puts("User Not found\n");
+      break;
+    default:
+      print_quotas(quotas);
+  }
+}
+
+}  // namespace
+
+const char *quota_get_target_name(unsigned kind) {
+  static constexpr const char *names[QUOTA_ALL_KINDS] = {"Fax", "Sounds", "Recording", "Voicemail",
+                                                         "Music on hold"};
+  return kind < QUOTA_ALL_KINDS ? names[kind] : nullptr;
+}
+
+float to_human_readable(char (&unit)[3], float bytes) {
+  static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "?B"};
+  unsigned scale = 0;
+  for (; bytes / 1024.0F >= 1.0F; ++scale) bytes /= 1024.0F;
+  snprintf(unit, sizeof unit, "%s", units[scale < 5 ? scale : 5]);
+  return bytes;
+}
+
+int print_quotas(const int64_t *quotas) {
+  int64_t total = 0;
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    if (quotas[kind] > 0) total += quotas[kind];
+  }
+  print_size(total);
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    printf("\t%-*s\t\t", name_width, quota_get_target_name(kind));
+    if (quotas[kind] < 0) {
+      puts("Not found");
+    } else {
+      print_size(quotas[kind]);
+    }
+  }
+  putchar('\n');
+  return 0;
+}
+
+int show_quotas(fr_hash_t *targets) {
+  const sql_session session;
+  if (!session) return -1;
+  if (run.target_mode == TARGET_ALL) return show_all_accounts(session.get());
+  for_each_target(targets, show_target);
+  return 0;
+}

@@ -1,0 +1,34 @@
+// The settings of one run: filled by parse_args and get_config before anything else happens, and
+// read-only afterwards.
+#ifndef TOOL_SETTINGS_H
+#define TOOL_SETTINGS_H
+
+#include "base/safestr.h"
+
+enum run_action { ACTION_NONE = 0, ACTION_SET = 1, ACTION_SHOW = 2 };
+enum run_target_mode { TARGET_NONE = 0, TARGET_UID = 1, TARGET_ULOGIN = 2, TARGET_ALL = 3 };
+
+struct run_settings {
+  // Filled by parse_args.
+  int action;         // run_action
+  int target_mode;    // run_target_mode
+  char *uid_list;     // the texts of --uid and --ulogin as typed; owned, freed by main
+  char *ulogin_list;  //
+  int force_depth;    // levels below each target that are refreshed whatever their state; 0 or 10
+  int children_flag;  // accepted and read by nobody: a refresh always covers the subtree
+  int human_flag;
+  int quiet_flag;
+  // Filled by get_config; owned, released by main. Nobody reads them: the quota engine finds its
+  // own directories, and where quota files are written does not depend on these.
+  safestr_t quota_dir;
+  safestr_t ast_spool_dir;
+  safestr_t ast_lib_dir;
+};
+
+extern run_settings run;
+
+// Reads the directories from the platform's and Asterisk's configuration files; a missing file or
+// directive gives the default. 0: it has no failing path, though main has an answer to one.
+int get_config();
+
+#endif

@@ -1,0 +1,118 @@
+#include "targets.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "settings.h"
+#include "sql_owner.h"
+
+QX_LOG_SOURCE("spoolcap");
+
+// The table copies records byte by byte.
+static_assert(sizeof(target_record) == 40);
+
+namespace {
+
+// What the command line gave goes into IN(...) as typed: ids and quoted logins, separated by
+// commas. An administrator who may run this may also write the database.
+constexpr char select_by_uid[] =
+    "SELECT client.id, client.parent_client_id, client.level, acc.username "
+    "\tFROM client, hs_account acc "
+    "\tWHERE acc.userID = client.id AND client.id IN(%s)"
+    "\tORDER BY client.level";
+constexpr char select_by_login[] =
+    "SELECT client.id, client.parent_client_id, client.level, acc.username "
+    "\tFROM client, hs_account acc "
+    "\tWHERE acc.userID = client.id AND acc.username IN(%s)"
+    "\tORDER BY client.level";
+// Only the top of the tree: the refreshes of the subtrees cover every other account.
+constexpr char select_all[] =
+    "SELECT client.id, client.parent_client_id, client.level, acc.username "
+    "\tFROM client, hs_account acc "
+    "\tWHERE acc.userID = client.id AND client.level = %d";
+constexpr int top_level = 10;
+
+int run_selection(SessionHandle session, sql_result &rows) {
+  const call_site site = {qx_log_source, "get_sql_data", __LINE__};
+  switch (run.target_mode) {
+    case TARGET_ULOGIN:
+      return sql_query(site, session, rows, select_by_login, run.ulogin_list);
+    case TARGET_ALL:
+      return sql_query(site, session, rows, select_all, top_level);
+    default:
+      return sql_query(site, session, rows, select_by_uid, run.uid_list);
+  }
+}
+
+// Id texts fill their slot at most; the rest of the record is not theirs.
+void put_level_id(char (&slot)[5], const char *id) {
+  const size_t length = std::min(strlen(id), sizeof slot - 1);
+  memcpy(slot, id, length);
+  slot[length] = '\0';
+}
+
+void add_target(fr_hash_t *table, MYSQL_ROW row) {
+  if (std::any_of(row, row + 4, [](const char *column) { return column == nullptr; })) return;
+
+  target_record record = {};
+  record.level = atoi(row[2]);
+  if (record.level != 10 && record.level != 50 && record.level != 100) return;
+  record.level_index = lvl2idx(record.level);
+  const int32_t id = atoi(row[0]);
+  record.parent_id = atoi(row[1]);
+  if (fr_hash_find<target_record>(table, id) != nullptr) return;
+
+  const bool refreshing = run.action != ACTION_SHOW;
+  if (fr_hash_find<target_record>(table, record.parent_id) == nullptr) {
+    record.selected = refreshing ? 1 : 0;
+  } else if (refreshing && run.quiet_flag != 0) {
+    return;  // it would be neither refreshed by itself nor printed
+  }
+
+  put_level_id(record.level_ids[record.level_index], row[0]);
+  if (record.level_index > 0) put_level_id(record.level_ids[record.level_index - 1], row[1]);
+  c_string login(strdup(row[3]));
+  record.login = login.get();
+  if (fr_hash_force_add(table, id, record) == 0) static_cast<void>(login.release());
+}
+
+}  // namespace
+
+int lvl2idx(int level) {
+  switch (level) {
+    case 50:
+      return 1;
+    case 100:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
+int destroy_client(void *record) {
+  auto *target = static_cast<target_record *>(record);
+  if (target != nullptr) {
+    const c_string login(target->login);
+    target->login = nullptr;
+  }
+  return 0;
+}
+
+target_table get_sql_data() {
+  const sql_session session;
+  if (!session || run.target_mode == TARGET_NONE) return nullptr;
+  target_table table(fr_hash_init_api(1, destroy_client));
+  if (table == nullptr) return nullptr;
+
+  sql_result rows;
+  if (run_selection(session.get(), rows) != 0) return table;
+  if (rows == nullptr) {
+    log_condition_failed(QX_HERE);
+    return table;
+  }
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) add_target(table.get(), row);
+  if (fr_hash_empty(table.get()) != 0) return nullptr;
+  return table;
+}

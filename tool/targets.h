@@ -1,0 +1,37 @@
+// The accounts that a run is about.
+#ifndef TOOL_TARGETS_H
+#define TOOL_TARGETS_H
+
+#include <cstdint>
+#include <memory>
+
+#include "base/hash.h"
+#include "base/owner.h"
+
+// One selected account. The table keys these by account id, a 32-bit integer in native byte order.
+struct target_record {
+  char level_ids[3][5];  // own id in the slot of its level, the parent's in the slot above; cut to
+                         // four characters, as nobody reads them
+  int32_t level;         // 10, 50 or 100
+  int32_t level_index;
+  int32_t parent_id;
+  int32_t selected;  // 1: this run refreshes the account itself; 0: it is shown only, or its
+                     // parent's refresh covers it
+  char *login;  // owned by the table, freed by destroy_client
+};
+
+using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
+
+// The accounts that the command line names, each once and parents first; empty when nothing was
+// selected or selection could not start. A statement that fails is logged and gives a table
+// without records, so such a run goes on and ends well: scripts rely on telling that from "none of
+// the requested users", and it stays.
+target_table get_sql_data();
+
+// Index of a level: 10 is 0, 50 is 1, 100 is 2, any other 0.
+int lvl2idx(int level);
+
+// Frees what a record owns; 0.
+int destroy_client(void *record);
+
+#endif
