@@ -1,0 +1,127 @@
+#include "ratio.h"
+
+#include <cstdio>
+#include <map>
+#include <vector>
+
+namespace ratio {
+namespace {
+
+constexpr int repetitions = 15;
+
+enum class sense { at_most, at_least };
+
+struct row {
+  sense direction;
+  double target;
+  std::string work;
+  std::string limit_name;
+};
+
+struct fixed_row {
+  std::string work;
+  std::string unit;
+  double measured;
+  double target;
+};
+
+std::vector<row> rows;
+std::vector<fixed_row> fixed_rows;
+
+std::string measured_key(size_t index) {
+  return std::to_string(index) + "/measured";
+}
+std::string limit_key(size_t index) {
+  return std::to_string(index) + "/limit";
+}
+
+void add_benchmark(const std::string &key, const body &work, length rounds) {
+  auto *added = benchmark::RegisterBenchmark(key.c_str(), work);
+  added->UseRealTime()->Repetitions(repetitions)->ReportAggregatesOnly(true);
+  if (rounds == length::round) {
+    added->Iterations(1);
+  } else {
+    added->MinTime(0.05);
+  }
+}
+
+void add(row description, const body &measured, const body &limit, length rounds) {
+  const size_t index = rows.size();
+  rows.push_back(std::move(description));
+  add_benchmark(measured_key(index), measured, rounds);
+  add_benchmark(limit_key(index), limit, rounds);
+}
+
+// Keeps the medians, and prints nothing of its own.
+class median_collector : public benchmark::BenchmarkReporter {
+ public:
+  bool ReportContext(const Context & /*context*/) override { return true; }
+  void ReportRuns(const std::vector<Run> &runs) override {
+    for (const Run &one : runs) {
+      if (one.error_occurred) failure = one.error_message;
+      if (one.aggregate_name == "median")
+        medians[one.run_name.function_name] =
+            one.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(one.time_unit);
+    }
+  }
+
+  std::map<std::string, double> medians;
+  std::string failure;
+};
+
+const char *verdict(bool met) {
+  return met ? "met" : "MISSED";
+}
+
+}  // namespace
+
+void at_most(double target, const std::string &work, const std::string &limit_name, body measured,
+             body limit, length rounds) {
+  add({sense::at_most, target, work, limit_name}, measured, limit, rounds);
+}
+
+void at_least(double target, const std::string &work, const std::string &limit_name, body measured,
+              body limit, length rounds) {
+  add({sense::at_least, target, work, limit_name}, measured, limit, rounds);
+}
+
+void bound(const std::string &work, const std::string &unit, double measured, double target) {
+  fixed_rows.push_back({work, unit, measured, target});
+}
+
+int run(int argc, char **argv) {
+  std::vector<char *> arguments(argv, argv + argc);
+  char interleave[] = "--benchmark_enable_random_interleaving=true";
+  arguments.push_back(interleave);
+  int count = static_cast<int>(arguments.size());
+  benchmark::Initialize(&count, arguments.data());
+  median_collector collector;
+  if (!rows.empty()) benchmark::RunSpecifiedBenchmarks(&collector);
+  if (!collector.failure.empty()) {
+    fprintf(stderr, "bench: %s\n", collector.failure.c_str());
+    return 1;
+  }
+
+  bool all_met = true;
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const double measured = collector.medians[measured_key(i)];
+    const double limit = collector.medians[limit_key(i)];
+    const bool slower_counts = rows[i].direction == sense::at_most;
+    const double result = slower_counts ? measured / limit : limit / measured;
+    const bool met = slower_counts ? result <= rows[i].target : result >= rows[i].target;
+    all_met = all_met && met;
+    printf("| %-46s | %-46s | %s %5.2fx | %6.3fx | %-6s |\n", rows[i].work.c_str(),
+           rows[i].limit_name.c_str(), slower_counts ? "at most" : "faster ", rows[i].target,
+           result, verdict(met));
+  }
+  for (const fixed_row &one : fixed_rows) {
+    const bool met = one.measured <= one.target;
+    all_met = all_met && met;
+    printf("| %-46s | %-46s | at most %6g | %7g | %-6s |\n", one.work.c_str(), one.unit.c_str(),
+           one.target, one.measured, verdict(met));
+  }
+  fflush(stdout);
+  return all_met ? 0 : 1;
+}
+
+}  // namespace ratio

@@ -1,0 +1,43 @@
+// Figures as ratios: each piece of work runs beside its limit, in rounds that Google Benchmark
+// interleaves at random, and the medians of the two are compared with a target.
+#ifndef BENCH_RATIO_H
+#define BENCH_RATIO_H
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <string>
+
+namespace ratio {
+
+using body = std::function<void(benchmark::State &)>;
+
+enum class length {
+  round,  // long work: a round is one pass
+  calls   // short work: a round is as many calls as fill its time
+};
+
+// The work takes at most `target` times what the limit takes.
+void at_most(double target, const std::string &work, const std::string &limit_name, body measured,
+             body limit, length rounds = length::round);
+
+// The work is at least `target` times faster than the limit.
+void at_least(double target, const std::string &work, const std::string &limit_name, body measured,
+              body limit, length rounds = length::round);
+
+// A row for a figure that was not timed: a count or a size against its bound.
+void bound(const std::string &work, const std::string &unit, double measured, double target);
+
+// Runs everything that was registered and prints the table. 0 when every target is met, else 1.
+int run(int argc, char **argv);
+
+// A round that is one call.
+inline body once(std::function<void()> call) {
+  return [call = std::move(call)](benchmark::State &state) {
+    for (auto _ : state) call();
+  };
+}
+
+}  // namespace ratio
+
+#endif

@@ -1,0 +1,57 @@
+// Rewriting a quota record: over the old one, beside truncating the file first.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/statfs.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "base/owner.h"
+#include "quota/refresh.h"
+#include "ratio.h"
+
+namespace {
+
+constexpr long ext4_magic = 0xEF53;
+
+// Values of changing length, as they are in life.
+int64_t next_value() {
+  static int64_t value = 1;
+  value = value > 1000000000000 ? 1 : value * 7;
+  return value;
+}
+
+void truncate_and_write(const std::string &path) {
+  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  char record[32];
+  const int length =
+      snprintf(record, sizeof record, "%lld.0", static_cast<long long>(next_value()));
+  if (flock(file.get(), LOCK_EX) != 0 || ftruncate(file.get(), 0) != 0 ||
+      write(file.get(), record, static_cast<size_t>(length)) != length)
+    abort();
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  char folder[] = "/tmp/spoolcap-record-XXXXXX";
+  if (mkdtemp(folder) == nullptr) return 1;
+  struct statfs file_system;
+  if (statfs(folder, &file_system) != 0 || file_system.f_type != ext4_magic)
+    printf("(the next figure has its target on ext4; this file system is another)\n");
+  const std::string rewritten = std::string(folder) + "/fax.quota";
+  const std::string truncated = std::string(folder) + "/sound.quota";
+  if (quota_real_update(rewritten.c_str(), 1, 0) != 0 ||
+      quota_real_update(truncated.c_str(), 1, 0) != 0)
+    return 1;
+  ratio::at_most(
+      0.15, "rewriting a quota record", "open, lock, truncate to 0, write, close",
+      ratio::once([rewritten] { quota_real_update(rewritten.c_str(), next_value(), 0); }),
+      ratio::once([truncated] { truncate_and_write(truncated); }), ratio::length::calls);
+  const int status = ratio::run(argc, argv);
+  std::filesystem::remove_all(folder);
+  return status;
+}
