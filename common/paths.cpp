@@ -3,4 +3,6 @@
 
 #include "paths_table.h"
 
-const char *qx_path(qx_path_id id) { return qx_fixed_paths[id]; }
+const char *qx_path(qx_path_id id) {
+  return qx_fixed_paths[id];
+}

@@ -4,16 +4,9 @@
 #include <string_view>
 
 #include "base/owner.h"
+#include "base/view.h"
 
 namespace {
-
-constexpr std::string_view white_space = " \t\n\v\f\r";
-
-std::string_view trimmed(std::string_view text) {
-  const size_t start = text.find_first_not_of(white_space);
-  if (start == std::string_view::npos) return text.substr(text.size());
-  return text.substr(start, text.find_last_not_of(white_space) - start + 1);
-}
 
 struct directive {
   std::string_view keyword;

@@ -1,0 +1,206 @@
+#include "zarn_config_parser.h"
+
+#include <strings.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/diagnostics.h"
+#include "base/owner.h"
+#include "base/str.h"
+#include "conf_line.h"
+
+QX_LOG_SOURCE("../main/zarn_config_parser");
+
+namespace {
+
+constexpr int directive_line_size = 8192;
+
+using field_list = std::unique_ptr<char *, call_to_release<fr_explode_free>>;
+
+// Logs the early return when the file cannot be read.
+c_file open_config(const call_site &site, const char *path) {
+  c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
+  if (!file) log_conditional_return(site);
+  return file;
+}
+
+const char *skip_blanks(const char *text) {
+  return text + std::strspn(text, " \t");
+}
+
+c_string trimmed_copy(const char *text) {
+  return c_string(fr_str_trim(::strdup(text), FR_TRIM_BOTH));
+}
+
+bool begins_with(const char *text, const char *keyword) {
+  return ::strncasecmp(text, keyword, std::strlen(keyword)) == 0;
+}
+
+// The text of the next line that is no comment, without its leading blanks; null at the end.
+const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size]) {
+  while (std::fgets(buffer, directive_line_size, file) != nullptr) {
+    const char *text = skip_blanks(buffer);
+    if (*text != '#') return text;
+  }
+  return nullptr;
+}
+
+void give(char **out, const char *text) {
+  if (out != nullptr) *out = ::strdup(text);
+}
+
+// What a record of colon-separated fields must look like, and what is logged of one that does not.
+struct record_form {
+  size_t least_fields;
+  size_t most_fields;
+  const char *complaint;
+};
+
+constexpr record_form credentials_form{4, 4, "Invalid DB credentials line [%d] in <%s>.\n\n"};
+constexpr record_form host_form{3, SIZE_MAX, "Invalid DB host line [%d] in <%s>.\n\n"};
+
+// The fields of the first record of `keyword` whose id matches. A malformed record ends the search,
+// even when a good one for the id would follow.
+field_list find_record(const call_site &site, const record_form &form, const char *path,
+                       const char *keyword, const char *id, size_t *count) {
+  const c_file file = open_config(site, path);
+  if (!file || keyword == nullptr || id == nullptr) return nullptr;
+  char buffer[conf_line_size];
+  int line_number = 0;
+  while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
+    const c_string value = trimmed_copy(found + std::strlen(keyword));
+    field_list fields(fr_explode(value.get(), ':', count));
+    if (!fields) return nullptr;
+    if (*count < form.least_fields || *count > form.most_fields) {
+      QX_LOG_AT(site, FR_LOG_ERROR, form.complaint, line_number, path);
+      return nullptr;
+    }
+    if (std::strcmp(fields.get()[0], id) == 0) return fields;
+  }
+  return nullptr;
+}
+
+void add_value(qx_conf_directive &row, c_string value) {
+  const size_t count = static_cast<size_t>(row.count);
+  void *grown = ::reallocarray(row.values, count + 1, sizeof *row.values);
+  if (grown == nullptr) return;
+  row.values = static_cast<char **>(grown);
+  row.values[count] = value.release();
+  ++row.count;
+}
+
+}  // namespace
+
+int qx_conf_parse_string_value(const char *keyword, const char *path, char **value) {
+  if (keyword == nullptr || value == nullptr) {
+    log_conditional_return(QX_HERE);
+    return -1;
+  }
+  const c_string previous(std::exchange(*value, nullptr));
+  const c_file file = open_config(QX_HERE, path);
+  if (!file) return -1;
+  char buffer[directive_line_size];
+  while (const char *text = next_directive_line(file.get(), buffer)) {
+    if (!begins_with(text, keyword)) continue;
+    const char *after = text + std::strlen(keyword);
+    if (*after != ' ' && *after != '\t') continue;
+    *value = trimmed_copy(after).release();
+    break;
+  }
+  return 0;
+}
+
+int qx_conf_parse_db_cred(const char *keyword, const char *path, const char *id, char **field1,
+                          char **field2, char **field3) {
+  if (keyword == nullptr) keyword = "DB_CREDENTIALS";
+  size_t count = 0;
+  const field_list record = find_record(QX_HERE, credentials_form, path, keyword, id, &count);
+  if (!record) return -1;
+  give(field1, record.get()[1]);
+  give(field2, record.get()[2]);
+  give(field3, record.get()[3]);
+  return 0;
+}
+
+int qx_conf_parse_worker(const char *keyword, const char *path, char **value) {
+  if (keyword == nullptr) keyword = "WORKER_EXCHANGE";
+  const c_file file = open_config(QX_HERE, path);
+  if (!file) return -1;
+  char buffer[conf_line_size];
+  int line_number = 0;
+  while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
+    const char *after = found + std::strlen(keyword);
+    // As a signed byte: bytes above 127 are negative, and so may follow the keyword like blanks.
+    if (static_cast<signed char>(*after) > 0x20) continue;
+    *value = trimmed_copy(after).release();
+    return 0;
+  }
+  return -1;
+}
+
+int qx_conf_parse_db_host_custom(const char *path, const char *id, const char *keyword, char **host,
+                                 int32_t *port) {
+  size_t count = 0;
+  const field_list record = find_record(QX_HERE, host_form, path, keyword, id, &count);
+  if (!record) return -1;
+  if (host != nullptr) *host = fr_implode(record.get(), 1, count - 2, ':');
+  if (port != nullptr) *port = std::atoi(record.get()[count - 1]);
+  return 0;
+}
+
+int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char **host,
+                          int32_t *port) {
+  return qx_conf_parse_db_host_custom(path, id, is_master != 0 ? "DB_MASTER" : "DB_SLAVE", host,
+                                      port);
+}
+
+int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path) {
+  const char *const paths[] = {path, nullptr};
+  return qx_conf_parse_multi_directives_multi_files(table, path == nullptr ? nullptr : paths);
+}
+
+int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
+                                               const char *const *paths) {
+  if (table == nullptr || paths == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  qx_conf_parse_multi_directives_free_data(table);
+  for (; *paths != nullptr; ++paths) {
+    const c_file file(std::fopen(*paths, "re"));
+    if (!file) {
+      QX_LOG(FR_LOG_ERROR, "Error opening configuration file <%s>: %s.\n\n", *paths,
+             std::strerror(errno));
+      continue;
+    }
+    if (qx_conf_parse_multi_directives_handle_file(file.get(), table) != 0) {
+      QX_LOG(FR_LOG_ERROR, "Error parsing configuration file <%s>.\n\n", *paths);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_directive *table) {
+  char buffer[directive_line_size];
+  while (const char *text = next_directive_line(file, buffer)) {
+    for (qx_conf_directive *row = table; row->name != nullptr; ++row) {
+      // No separator is asked for after the name, so a longer keyword that begins with it counts as
+      // a line of it; files in use depend on this.
+      if (!begins_with(text, row->name)) continue;
+      add_value(*row, trimmed_copy(text + std::strlen(row->name)));
+      break;
+    }
+  }
+  return 0;
+}
+
+void qx_conf_parse_multi_directives_free_data(struct qx_conf_directive *table) {
+  if (table == nullptr) return;
+  for (; table->name != nullptr; ++table) {
+    for (int32_t i = 0; i < table->count; ++i) std::free(table->values[i]);
+    std::free(std::exchange(table->values, nullptr));
+    table->count = 0;
+  }
+}

@@ -1,0 +1,17 @@
+// White space on string views, for C++ callers that look at text without copying it.
+#ifndef PLATFORM_BASE_VIEW_H
+#define PLATFORM_BASE_VIEW_H
+
+#include <string_view>
+
+// The standard isspace class.
+inline constexpr std::string_view white_space = " \t\n\v\f\r";
+
+// `text` without white space at both ends. Never a null view, even when nothing is left.
+inline std::string_view trimmed(std::string_view text) {
+  const size_t start = text.find_first_not_of(white_space);
+  if (start == std::string_view::npos) return text.substr(text.size());
+  return text.substr(start, text.find_last_not_of(white_space) - start + 1);
+}
+
+#endif
