@@ -1,0 +1,18 @@
+// The provider of fixed paths in tests and the demo: the platform's paths with a folder in front.
+#ifndef SUPPORT_PATHS_SANDBOX_H
+#define SUPPORT_PATHS_SANDBOX_H
+
+#include <string>
+
+namespace support {
+
+// The environment variable that names the folder for a program that never calls set_paths_root.
+inline constexpr const char *paths_root_variable = "SPOOLCAP_SANDBOX";
+
+// Puts `root` (absolute, no slash at its end) in front of every path from now on. Texts that
+// qx_path gave before must not be used any more.
+void set_paths_root(const std::string &root);
+
+}  // namespace support
+
+#endif

@@ -1,0 +1,129 @@
+// A platform of one's own for one test: folder, configuration files, database and cache.
+//
+// Rows and files are added with the helpers below, and the code under test, in this process or in
+// the sandboxed command, sees only what is in here. Failures of the helpers throw.
+#ifndef SUPPORT_SANDBOX_H
+#define SUPPORT_SANDBOX_H
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/process.h"
+#include "support/servers.h"
+
+struct redisContext;
+struct st_mysql;
+
+namespace support {
+
+struct sandbox_options {
+  bool use_database = true;  // false: no server is named, and none is needed
+  bool use_cache = true;
+  mariadb_server *database = nullptr;  // a server of the test's own instead of the shared one
+  redis_server *cache = nullptr;
+  // Lines added to a configuration file, by its path in the sandbox:
+  // {{"etc/quorvex/sqldbase.conf", "SLAVE_DOWN_TIME 1\n"}}. To replace one, write_file it.
+  std::map<std::string, std::string> extra_lines;
+};
+
+using sql_row = std::vector<std::optional<std::string>>;  // nullopt is NULL
+
+class sandbox {
+ public:
+  explicit sandbox(const sandbox_options &options = {});
+  sandbox(const sandbox &) = delete;
+  sandbox &operator=(const sandbox &) = delete;
+  ~sandbox();
+
+  // Files. Relative names are below the sandbox's root: "etc/quorvex/pbx.conf".
+  const std::filesystem::path &root() const { return folder_.path(); }
+  std::string path(std::string_view relative) const;
+  // Missing folders on the way are made.
+  void write_file(std::string_view relative, std::string_view text);
+  void write_file(std::string_view relative, std::size_t size);
+  void write_file(std::string_view relative, int size) {
+    write_file(relative, static_cast<std::size_t>(size));
+  }
+  std::optional<std::string> read_file(std::string_view relative) const;  // nullopt: not there
+  void make_folder(std::string_view relative);
+
+  // Quota files below the quota root; 0 as client or owner stands for "none". `kind` is the file's
+  // name: "fax", "sound", "recording", "voicemail" or "music".
+  std::string quota_path(int reseller, int client, int owner, std::string_view kind) const;
+  std::optional<std::string> quota_file(int reseller, int client, int owner,
+                                        std::string_view kind) const;
+  void write_quota_file(int reseller, int client, int owner, std::string_view kind,
+                        std::string_view text);
+
+  // Media folders, relative to the root; `id` as the engine spells it ("12", or "0012").
+  static std::string sound_folder(std::string_view id);
+  static std::string music_folder(std::string_view id);
+
+  // Database.
+  const std::string &database() const { return database_; }
+  std::vector<sql_row> sql(const std::string &statement) const;
+  // First column of the first row; nullopt for NULL and for no row.
+  std::optional<std::string> sql_value(const std::string &statement) const;
+
+  // Cache, in the database of this sandbox. The reply as text: integers in decimal, nullopt for
+  // nil; an error reply throws.
+  int cache_database() const { return cache_database_; }
+  std::optional<std::string> redis(const std::vector<std::string> &command) const;
+  // A reply that is an array; "" stands for nil.
+  std::vector<std::string> redis_list(const std::vector<std::string> &command) const;
+
+  // Accounts: a row of client and one of hs_account.
+  void add_account(int id, std::optional<int> parent, int level, std::string_view login);
+  void add_reseller(int id, std::string_view login) { add_account(id, 0, 10, login); }
+  void add_client(int id, int reseller, std::string_view login) {
+    add_account(id, reseller, 50, login);
+  }
+  void add_owner(int id, int client, std::string_view login) {
+    add_account(id, client, 100, login);
+  }
+  void set_preference(int account, std::string_view name, std::string_view value);
+
+  // An extension of an owner; its extended number is "<owner's parent, 4 digits>*<number>".
+  void add_extension(int id, int owner, std::string_view number);
+  // Rows of stored files; the row's id comes back.
+  std::uint64_t add_recording(int extension, std::int64_t size);
+  std::uint64_t add_voicemail(int extension, std::int64_t size, std::string_view box = "INBOX");
+  std::uint64_t add_fax(int extension, std::int64_t size);
+
+  // The command in this sandbox.
+  process_result run_spoolcap(const std::vector<std::string> &arguments,
+                              const process_options &options = {}) const;
+  std::unique_ptr<background_process> start_spoolcap(const std::vector<std::string> &arguments,
+                                                     const process_options &options = {}) const;
+
+ private:
+  struct sql_closer {
+    void operator()(st_mysql *connection) const;
+  };
+  struct redis_closer {
+    void operator()(redisContext *context) const;
+  };
+
+  void make_database(const sandbox_options &options);
+  void make_cache_database(const sandbox_options &options);
+  void write_configuration(const sandbox_options &options);
+  std::uint64_t add_stored_file(const std::string &statement);
+  std::string quoted(std::string_view text) const;
+
+  private_folder folder_;
+  std::string mariadb_socket_, redis_socket_, redis_password_;
+  std::string database_;
+  int cache_database_ = 0;
+  std::unique_ptr<st_mysql, sql_closer> sql_;
+  std::unique_ptr<redisContext, redis_closer> redis_;
+};
+
+}  // namespace support
+
+#endif

@@ -1,0 +1,140 @@
+// Real MariaDB and Redis servers for tests, each a child of its own in a private folder.
+//
+// A server that does not come up throws std::runtime_error with its log. Destroying one kills it
+// and removes its folder; it also dies when the process that started it dies.
+#ifndef SUPPORT_SERVERS_H
+#define SUPPORT_SERVERS_H
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/process.h"
+
+namespace support {
+
+// The account that every MariaDB of the tests knows, with all rights; any host may use it.
+inline constexpr const char *database_user = "spoolcap";
+inline constexpr const char *database_password = "secret";
+
+// A folder of one's own that is removed with all that is in it.
+class private_folder {
+ public:
+  explicit private_folder(const std::string &prefix);
+  private_folder(const private_folder &) = delete;
+  private_folder &operator=(const private_folder &) = delete;
+  ~private_folder();
+  const std::filesystem::path &path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// What both kinds of server share: starting, watching and ending the child.
+class server {
+ public:
+  virtual ~server();
+  server(const server &) = delete;
+  server &operator=(const server &) = delete;
+
+  const std::filesystem::path &folder() const { return folder_.path(); }
+  std::string socket() const { return (folder() / "socket").string(); }
+  int port() const { return port_; }  // on 127.0.0.1; 0 without TCP
+  pid_t pid() const { return child_ ? child_->pid() : -1; }
+  std::string log() const;
+
+  // Starts it again on the same data, socket and port, after stop() or kill_hard().
+  void start();
+  // TERM, ten seconds, KILL.
+  void stop();
+  // As a crash would end it: KILL.
+  void kill_hard();
+  // A server that hangs: it accepts connections and answers nothing.
+  void pause();
+  void resume();
+
+ protected:
+  explicit server(const std::string &name, bool tcp);
+  virtual std::vector<std::string> command() const = 0;
+  virtual bool answers() const = 0;  // a real ping
+
+ private:
+  void start_once();
+
+  std::string name_;
+  private_folder folder_;
+  int port_ = 0;
+  bool tcp_;
+  std::unique_ptr<background_process> child_;
+};
+
+struct mariadb_options {
+  bool tcp = false;                       // also listen on a free port of 127.0.0.1
+  std::vector<std::string> arguments;     // appended to the server's own
+  std::filesystem::path template_folder;  // empty: the testbed's
+};
+
+class mariadb_server final : public server {
+ public:
+  explicit mariadb_server(mariadb_options options = {});
+  ~mariadb_server() override = default;
+
+  // Initialises a data directory that servers are copied from. Takes a few seconds.
+  static void make_template(const std::filesystem::path &folder);
+
+ private:
+  std::vector<std::string> command() const override;
+  bool answers() const override;
+
+  mariadb_options options_;
+};
+
+struct redis_options {
+  bool tcp = false;
+  std::string password;     // requirepass
+  std::string master_host;  // replicaof
+  int master_port = 0;
+  std::string master_password;
+  std::vector<std::string> arguments;
+};
+
+class redis_server final : public server {
+ public:
+  explicit redis_server(redis_options options = {});
+  ~redis_server() override = default;
+
+  const std::string &password() const { return options_.password; }
+
+ private:
+  std::vector<std::string> command() const override;
+  bool answers() const override;
+
+  redis_options options_;
+};
+
+// How many databases every Redis of the tests has.
+inline constexpr int redis_databases = 20'000;
+
+// The servers that the testbed started for all tests of a run.
+struct shared_server_set {
+  std::string mariadb_socket;
+  std::string redis_socket;
+};
+
+// Without a testbed the calling test is skipped with that reason, or fails when CI=true: the call
+// does not return then.
+const shared_server_set &shared_servers();
+
+// Names under which the testbed exports what it made.
+inline constexpr const char *mariadb_variable = "SPOOLCAP_TEST_MARIADB";
+inline constexpr const char *redis_variable = "SPOOLCAP_TEST_REDIS";
+inline constexpr const char *template_variable = "SPOOLCAP_TEST_TEMPLATE";
+inline constexpr const char *folder_variable = "SPOOLCAP_TEST_FOLDER";
+
+}  // namespace support
+
+#endif
