@@ -1,15 +1,13 @@
 #include "base/hash.h"
 
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "base/owner.h"
@@ -18,44 +16,22 @@ struct fr_array {
   std::vector<const void *> elements;
 };
 
-// Entries stand in a deque in the order of their arrival, where they never move; an open-addressed
-// index of entry numbers finds them. Nothing is ever removed singly, so the index needs no
-// tombstones.
+// Entries stand in a deque in the order of their arrival, where they never move, so that the map
+// may look them up by views of their keys.
 struct fr_hash {
   struct entry {
     std::string key;
     std::unique_ptr<std::byte[]> value;
   };
 
-  static constexpr uint32_t free_slot = UINT32_MAX;
-
   fr_hash_destructor destroy_value = nullptr;
   std::deque<entry> entries;
-  std::vector<uint32_t> slots;
+  std::unordered_map<std::string_view, entry *> by_key;
   std::recursive_mutex lock;
 
-  // The slot that holds the key's entry, or the free one where it belongs. Needs a free slot.
-  uint32_t &slot_of(std::string_view key) {
-    const size_t mask = slots.size() - 1;
-    size_t slot = std::hash<std::string_view>{}(key)&mask;
-    while (slots[slot] != free_slot && entries[slots[slot]].key != key) slot = (slot + 1) & mask;
-    return slots[slot];
-  }
-
   entry *find(std::string_view key) {
-    if (entries.empty()) return nullptr;
-    const uint32_t number = slot_of(key);
-    return number == free_slot ? nullptr : &entries[number];
-  }
-
-  // Keeps at least a quarter of the slots free, so that searches stay short.
-  void make_room() {
-    if ((entries.size() + 1) * 4 <= slots.size() * 3) return;
-    std::vector<uint32_t> wider(slots.empty() ? 16 : slots.size() * 2, free_slot);
-    slots.swap(wider);
-    for (uint32_t number = 0; number < entries.size(); ++number) {
-      slot_of(entries[number].key) = number;
-    }
+    const auto found = by_key.find(key);
+    return found == by_key.end() ? nullptr : found->second;
   }
 
   void destroy(entry &old) const {
@@ -68,9 +44,13 @@ struct fr_hash {
       known->value = std::move(value);
       return;
     }
-    make_room();
-    entries.push_back({std::string(key), std::move(value)});
-    slot_of(key) = static_cast<uint32_t>(entries.size() - 1);
+    entry &added = entries.emplace_back(entry{std::string(key), std::move(value)});
+    try {
+      by_key.emplace(added.key, &added);
+    } catch (...) {
+      entries.pop_back();
+      throw;
+    }
   }
 
   ~fr_hash() {
