@@ -1,0 +1,104 @@
+#include "connection.h"
+
+#include <errmsg.h>
+#include <fcntl.h>
+#include <mysqld_error.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+
+namespace {
+
+constexpr unsigned connect_timeout = 3;      // seconds
+constexpr unsigned statement_timeout = 600;  // seconds without any byte from the server
+
+void set_options(MYSQL *mysql, const sql_address &address) {
+  const unsigned protocol = address.is_socket() ? MYSQL_PROTOCOL_SOCKET : MYSQL_PROTOCOL_TCP;
+  const unsigned off = 0;
+  // The connect timeout also bounds each wait of the handshake, so a server that accepts and then
+  // says nothing costs no more than one that is not there.
+  mysql_options(mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout);
+  mysql_options(mysql, MYSQL_OPT_READ_TIMEOUT, &statement_timeout);
+  mysql_options(mysql, MYSQL_OPT_WRITE_TIMEOUT, &statement_timeout);
+  mysql_options(mysql, MYSQL_OPT_PROTOCOL, &protocol);
+  mysql_options(mysql, MYSQL_OPT_LOCAL_INFILE, &off);
+  mysql_options(mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
+}
+
+int wait_for(MYSQL *mysql, int events, std::chrono::steady_clock::time_point deadline) {
+  short wanted = 0;
+  if ((events & MYSQL_WAIT_READ) != 0) wanted |= POLLIN;
+  if ((events & MYSQL_WAIT_WRITE) != 0) wanted |= POLLOUT;
+  pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), wanted, 0};
+  for (;;) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const int ready = poll(&socket, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+    if (ready > 0) return events & (MYSQL_WAIT_READ | MYSQL_WAIT_WRITE);
+    if (ready == 0 || errno != EINTR) return MYSQL_WAIT_TIMEOUT;
+  }
+}
+
+}  // namespace
+
+bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
+                     const sql_address &address) {
+  handle.reset(mysql_init(nullptr));
+  if (!handle) return false;
+  set_options(handle.get(), address);
+  const bool local = address.is_socket();
+  if (mysql_real_connect(handle.get(), local ? nullptr : address.host.c_str(),
+                         credentials.user.c_str(), credentials.password.c_str(),
+                         credentials.database.c_str(), local ? 0 : address.port,
+                         local ? address.host.c_str() : nullptr, CLIENT_MULTI_RESULTS) == nullptr) {
+    return false;
+  }
+  // The client library offers no way to open the socket close-on-exec.
+  fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
+  return true;
+}
+
+bool is_closed_by_server(MYSQL *mysql) {
+  pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), POLLIN, 0};
+  return poll(&socket, 1, 0) != 0;
+}
+
+bool answers_ping(MYSQL *mysql) {
+  // A plain ping would wait as long as a statement may. The non-blocking form can be cut off; what
+  // it needs is allocated here, so that connections that never idle do not carry it.
+  mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout);
+  int failed = 1;
+  int events = mysql_ping_start(&failed, mysql);
+  while (events != 0) {
+    events = mysql_ping_cont(&failed, mysql, wait_for(mysql, events, deadline));
+  }
+  return failed == 0;
+}
+
+bool is_lost(MYSQL *mysql) {
+  // Errors of the client itself leave the conversation at an unknown place, whatever their cause.
+  const unsigned code = mysql_errno(mysql);
+  if (code >= CR_MIN_ERROR && code <= CR_MAX_ERROR) return true;
+  if (code >= CR_EVENT_CREATE_FAILED && code <= CR_MARIADB_LAST_ERROR) return true;
+  switch (code) {
+    case ER_CONNECTION_KILLED:
+    case ER_SERVER_SHUTDOWN:
+    case ER_NORMAL_SHUTDOWN:
+    case ER_FORCING_CLOSE:
+    case ER_ABORTING_CONNECTION:
+    case ER_NEW_ABORTING_CONNECTION:
+      return true;
+    default:
+      return false;
+  }
+}
+
+void set_error(MYSQL *mysql, unsigned code, const char *text) {
+  mysql->net.last_errno = code;
+  snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
+  snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
+}

@@ -1,0 +1,49 @@
+// One connection to one server: opening it within its time, and telling whether it still serves.
+// Internal to platform/sql.
+#ifndef PLATFORM_SQL_CONNECTION_H
+#define PLATFORM_SQL_CONNECTION_H
+
+#include <mysql.h>
+
+#include <memory>
+#include <string>
+
+#include "base/owner.h"
+
+using mysql_handle = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
+using mysql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
+
+struct sql_credentials {
+  std::string user;
+  std::string password;
+  std::string database;
+};
+
+struct sql_address {
+  std::string host;  // a path when it begins with "/"
+  unsigned port = 0;
+
+  bool is_socket() const { return host.starts_with('/'); }
+  std::string text() const { return is_socket() ? host : host + ":" + std::to_string(port); }
+};
+
+// Connects. `handle` is given a new connection object in any case, so that it can tell the reason
+// of a failure; it is null only when memory is short.
+bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
+                     const sql_address &address);
+
+// Whether the server closed an idle connection, or spoke unasked, which it does only to say that
+// it is about to. Costs one system call and asks the server nothing.
+bool is_closed_by_server(MYSQL *mysql);
+
+// Asks the server for a sign of life, within the time that connecting may take.
+bool answers_ping(MYSQL *mysql);
+
+// Whether the connection's last error leaves it unusable.
+bool is_lost(MYSQL *mysql);
+
+// Makes mysql_error tell of a failure that the client library had no part in, or another
+// connection.
+void set_error(MYSQL *mysql, unsigned code, const char *text);
+
+#endif

@@ -1,0 +1,126 @@
+#include "pool.h"
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+#include <utility>
+
+QX_LOG_SOURCE("../platform/sql");
+
+namespace {
+
+using std::chrono::seconds;
+
+// A master is the last resort of its shard: one that refuses at once is asked again each time, as
+// that costs nothing, and one that let its caller wait is passed over for no longer than this.
+constexpr seconds longest_master_pause{5};
+constexpr seconds slow_failure{1};
+
+// What the search below decided to try next.
+struct attempt {
+  sql_server *server;
+  std::optional<idle_connection> kept;
+};
+
+// Servers that were tried in vain in one search.
+using tried_list = std::vector<const sql_server *>;
+
+bool may_try(const sql_server &server, const tried_list &tried, sql_clock::time_point now) {
+  return server.down_until <= now && std::find(tried.begin(), tried.end(), &server) == tried.end();
+}
+
+// The master or slave to try: one that has a connection ready if any, else the next in turn.
+// Slaves take turns; masters are taken in the order of the file.
+sql_server *choose(fr_sql_shard &shard, bool is_master, const tried_list &tried) {
+  const auto now = sql_clock::now();
+  std::vector<sql_server *> candidates;
+  for (sql_server &server : shard.servers) {
+    if (server.is_master != is_master || !may_try(server, tried, now)) continue;
+    if (!server.idle.empty()) return &server;
+    candidates.push_back(&server);
+  }
+  if (candidates.empty()) return nullptr;
+  return candidates[is_master ? 0 : shard.next_slave++ % candidates.size()];
+}
+
+std::optional<attempt> next_attempt(fr_sql_shard &shard, sql_purpose purpose,
+                                    const tried_list &tried) {
+  const std::lock_guard guard(shard.lock);
+  sql_server *server = purpose == sql_purpose::read ? choose(shard, false, tried) : nullptr;
+  if (server == nullptr) server = choose(shard, true, tried);
+  if (server == nullptr) return std::nullopt;
+  attempt result = {server, std::nullopt};
+  if (!server->idle.empty()) {
+    result.kept = std::move(server->idle.back());
+    server->idle.pop_back();
+  }
+  return result;
+}
+
+bool still_serves(fr_sql_shard &shard, sql_server &server, const idle_connection &kept) {
+  if (is_closed_by_server(kept.handle.get())) return false;
+  const std::chrono::duration<double> idled = sql_clock::now() - kept.since;
+  if (idled.count() <= the_sql_pool().idle_limit) return true;
+  if (answers_ping(kept.handle.get())) return true;
+  // The others have idled for as long or longer; asking each of them could take as long again.
+  std::vector<idle_connection> suspect;
+  const std::lock_guard guard(shard.lock);
+  suspect.swap(server.idle);
+  return false;
+}
+
+bool connect(fr_sql_shard &shard, sql_server &server, mysql_handle &handle) {
+  const auto start = sql_clock::now();
+  const bool connected = open_connection(handle, shard.credentials, server.address);
+  const auto end = sql_clock::now();
+  const char *kind = server.is_master ? "master" : "slave";
+  if (connected) {
+    SQL_LOG(FR_LOG_DEBUG, "Connected to SQL %s %s of shard %s.\n", kind,
+            server.address.text().c_str(), shard.id.c_str());
+  } else {
+    SQL_LOG(FR_LOG_WARNING, "Failed to connect to SQL %s %s of shard %s: %s\n", kind,
+            server.address.text().c_str(), shard.id.c_str(),
+            handle ? mysql_error(handle.get()) : "out of memory");
+  }
+  seconds pause{connected ? 0 : the_sql_pool().down_time.load()};
+  if (server.is_master) {
+    pause = end - start < slow_failure ? seconds{0} : std::min(pause, longest_master_pause);
+  }
+  const std::lock_guard guard(shard.lock);
+  server.down_until = end + pause;
+  return connected;
+}
+
+}  // namespace
+
+sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
+  tried_list tried;
+  mysql_handle failed;
+  while (auto next = next_attempt(shard, purpose, tried)) {
+    if (next->kept) {
+      if (still_serves(shard, *next->server, *next->kept)) {
+        return {std::move(next->kept->handle), next->server};
+      }
+      continue;
+    }
+    mysql_handle opened;
+    if (connect(shard, *next->server, opened)) return {std::move(opened), next->server};
+    failed = std::move(opened);
+    tried.push_back(next->server);
+  }
+  return {std::move(failed), nullptr};
+}
+
+void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost) {
+  if (lease.server == nullptr || lost) return;
+  if ((lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0) return;
+  const std::lock_guard guard(shard.lock);
+  if (!shard.retired) {
+    lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
+  }
+}
+
+sql_pool &the_sql_pool() {
+  static sql_pool *const pool = new sql_pool;
+  return *pool;
+}

@@ -1,0 +1,76 @@
+// The pool behind the C face: shards, their servers, and the connections kept for each.
+// Internal to platform/sql.
+#ifndef PLATFORM_SQL_POOL_H
+#define PLATFORM_SQL_POOL_H
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "base/diagnostics.h"
+#include "connection.h"
+
+using sql_clock = std::chrono::steady_clock;
+
+struct idle_connection {
+  mysql_handle handle;
+  sql_clock::time_point since;
+};
+
+struct sql_server {
+  sql_address address;
+  bool is_master = false;
+  sql_clock::time_point down_until;
+  std::vector<idle_connection> idle;  // the one used last is at the end
+};
+
+// What the C face calls a shard. Servers are only ever added, so that a session may keep the
+// address of the one it is connected to.
+struct fr_sql_shard {
+  std::string id;
+  sql_credentials credentials;
+
+  std::mutex lock;  // guards all that follows
+  std::deque<sql_server> servers;
+  size_t next_slave = 0;
+  bool retired = false;  // the pool has let go of this shard: nothing is kept any more
+};
+
+// A connection out of a shard. Without a server there is none, and the handle, when there is one,
+// has the reason.
+struct sql_lease {
+  mysql_handle handle;
+  sql_server *server = nullptr;
+};
+
+enum class sql_purpose { read, write };
+
+// Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
+sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
+
+// Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
+void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost);
+
+struct sql_pool {
+  std::mutex lock;  // guards the list
+  std::vector<std::shared_ptr<fr_sql_shard>> shards;
+
+  std::atomic<double> idle_limit = 60.0;  // seconds
+  std::atomic<int> down_time = 30;        // seconds
+  std::atomic<int> verbosity = 0;
+};
+
+// The process-wide pool. It is never destroyed: a process may end with sessions out.
+sql_pool &the_sql_pool();
+
+// Logs in the name of the pool when it is to be that talkative; levels are priorities.
+#define SQL_LOG(priority, ...)                                                 \
+  do {                                                                         \
+    if ((priority) <= the_sql_pool().verbosity) QX_LOG(priority, __VA_ARGS__); \
+  } while (false)
+
+#endif

@@ -1,0 +1,137 @@
+// Shards and servers from the lines of the platform's files.
+#include <cstring>
+#include <optional>
+#include <string_view>
+
+#include "pool.h"
+#include "sqlpool.h"
+
+QX_LOG_SOURCE("../platform/sql");
+
+namespace {
+
+constexpr std::string_view blanks = " \t\r\n\v\f";
+
+std::string_view trimmed(std::string_view text) {
+  const size_t first = text.find_first_not_of(blanks);
+  if (first == text.npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+// Cuts the text up to the next colon off its front; nothing when there is no colon.
+std::optional<std::string_view> take_field(std::string_view &text) {
+  const size_t colon = text.find(':');
+  if (colon == text.npos) return std::nullopt;
+  const std::string_view field = text.substr(0, colon);
+  text.remove_prefix(colon + 1);
+  return field;
+}
+
+// The same from the end, for hosts and passwords that hold colons of their own.
+std::optional<std::string_view> take_last_field(std::string_view &text) {
+  const size_t colon = text.rfind(':');
+  if (colon == text.npos) return std::nullopt;
+  const std::string_view field = text.substr(colon + 1);
+  text.remove_suffix(text.size() - colon);
+  return field;
+}
+
+struct server_line {
+  std::string id;
+  sql_address address;
+};
+
+std::optional<server_line> parse_server(std::string_view value) {
+  const auto id = take_field(value);
+  const auto port = take_last_field(value);
+  if (!id || id->empty() || !port || value.empty()) return std::nullopt;
+  server_line line = {std::string(*id), {std::string(value), 0}};
+  if (line.address.is_socket()) return line;
+  line.address.port = static_cast<unsigned>(strtoul(std::string(*port).c_str(), nullptr, 10));
+  if (line.address.port == 0 || line.address.port > 65535) return std::nullopt;
+  return line;
+}
+
+// The value behind the keyword when the line is one of its; a blank must stand between them.
+std::optional<std::string_view> value_of(std::string_view line, std::string_view keyword) {
+  if (!line.starts_with(keyword)) return std::nullopt;
+  line.remove_prefix(keyword.size());
+  if (line.empty() || blanks.find(line.front()) == blanks.npos) return std::nullopt;
+  return trimmed(line);
+}
+
+// Gives the server to its shard; a line of a shard that nobody has credentials for is passed over.
+void add_server(const server_line &line, bool is_master) {
+  sql_pool &pool = the_sql_pool();
+  const std::lock_guard pool_guard(pool.lock);
+  for (const auto &shard : pool.shards) {
+    if (shard->id != line.id) continue;
+    const std::lock_guard shard_guard(shard->lock);
+    shard->servers.push_back({line.address, is_master, {}, {}});
+    return;
+  }
+  SQL_LOG(FR_LOG_WARNING, "No credentials for shard %s of SQL server %s.\n", line.id.c_str(),
+          line.address.text().c_str());
+}
+
+// Takes one line of the servers file; whether it names a master.
+bool take_line(std::string_view line, const char *path, int number) {
+  line = trimmed(line.substr(0, line.find('#')));
+  const auto master = value_of(line, "DB_MASTER");
+  const auto value = master ? master : value_of(line, "DB_SLAVE");
+  if (!value) return false;
+  const auto server = parse_server(*value);
+  if (!server) {
+    SQL_LOG(FR_LOG_ERROR, "Invalid SQL server line [%d] in <%s>.\n", number, path);
+    return false;
+  }
+  add_server(*server, master.has_value());
+  return master.has_value();
+}
+
+}  // namespace
+
+fr_sql_shard_t *fr_sql_shard_parse_info(const char *value) {
+  return no_throw<fr_sql_shard_t *>(nullptr, [value]() -> fr_sql_shard_t * {
+    std::string_view rest = value == nullptr ? std::string_view{} : trimmed(value);
+    const auto id = take_field(rest);
+    const auto user = take_field(rest);
+    const auto database = take_last_field(rest);
+    if (!id || id->empty() || !user || user->empty() || !database || database->empty()) {
+      // Without the value, which holds a password.
+      SQL_LOG(FR_LOG_ERROR, "Invalid SQL credentials: id:user:password:database is expected.\n");
+      return nullptr;
+    }
+    auto shard = std::make_unique<fr_sql_shard>();
+    shard->id = *id;
+    shard->credentials = {std::string(*user), std::string(rest), std::string(*database)};
+    return shard.release();
+  });
+}
+
+void fr_sql_shard_free(fr_sql_shard_t *shard) {
+  delete shard;
+}
+
+int fr_sql_shard_parse_connection_info(const char *path, const void *reserved, int need_master) {
+  return no_throw(-1, [=] {
+    if (path == nullptr || reserved != nullptr) return -1;
+    const c_file file(fopen(path, "re"));
+    if (!file) {
+      SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, strerror(errno));
+      return -1;
+    }
+    c_string line;
+    size_t size = 0;
+    ssize_t length = 0;
+    bool has_master = false;
+    for (int number = 1;; number++) {
+      char *buffer = line.release();
+      length = getline(&buffer, &size, file.get());
+      line.reset(buffer);
+      if (length < 0) break;
+      if (take_line({buffer, static_cast<size_t>(length)}, path, number)) has_master = true;
+    }
+    return has_master || need_master == 0 ? 0 : -1;
+  });
+}

@@ -1,0 +1,181 @@
+// The C face of the pool: its settings, sessions, and statements on them.
+#include "sqlpool.h"
+
+#include <errmsg.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <utility>
+
+#include "pool.h"
+#include "statement.h"
+
+QX_LOG_SOURCE("../platform/sql");
+
+struct fr_sql_conn {
+  std::shared_ptr<fr_sql_shard> shard;
+  sql_lease connection;  // always has a server
+  bool lost = false;
+};
+
+namespace {
+
+// Starting the client library makes the process ignore SIGPIPE. It does not need that, as it sends
+// without raising the signal, and a host may want to end when the reader of its output does.
+bool start_client_library() {
+  struct sigaction before = {};
+  sigaction(SIGPIPE, nullptr, &before);
+  const bool started = mysql_library_init(0, nullptr, nullptr) == 0;
+  sigaction(SIGPIPE, &before, nullptr);
+  return started;
+}
+
+int fail(fr_sql_conn &session, unsigned code, const char *text) {
+  set_error(session.connection.handle.get(), code, text);
+  return -1;
+}
+
+// After a write the session stays on the master, where what it wrote can be read.
+int move_to_master(fr_sql_conn &session) {
+  if (session.connection.server->is_master) return 0;
+  sql_lease master = take_connection(*session.shard, sql_purpose::write);
+  if (master.server == nullptr) {
+    if (!master.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL master can be reached");
+    return fail(session, mysql_errno(master.handle.get()), mysql_error(master.handle.get()));
+  }
+  std::swap(session.connection, master);
+  return_connection(*session.shard, std::move(master), false);
+  return 0;
+}
+
+// Reads everything the server answers, as the connection is of no use before that: a stored
+// procedure may give several results, of which the first is kept.
+bool read_results(MYSQL *mysql, mysql_result &first) {
+  int more = 0;
+  do {
+    mysql_result result(mysql_store_result(mysql));
+    if (!result && mysql_errno(mysql) != 0) return false;
+    if (result && !first) first = std::move(result);
+    more = mysql_next_result(mysql);
+  } while (more == 0);
+  return more < 0;
+}
+
+int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, va_list arguments) {
+  if (session.lost) return fail(session, CR_SERVER_GONE_ERROR, "The SQL connection was lost");
+  char *formatted = nullptr;
+  const int length = vasprintf(&formatted, format, arguments);
+  if (length < 0) return fail(session, CR_OUT_OF_MEMORY, "The statement cannot be formatted");
+  const c_string statement(formatted);
+  const auto size = static_cast<unsigned long>(length);
+  if (!is_read_statement({formatted, size}) && move_to_master(session) != 0) return -1;
+
+  MYSQL *const mysql = session.connection.handle.get();
+  mysql_result first;
+  if (mysql_real_query(mysql, formatted, size) != 0 || !read_results(mysql, first)) {
+    session.lost = is_lost(mysql);
+    return -1;
+  }
+  *result = first.release();
+  return 0;
+}
+
+}  // namespace
+
+int fr_sqlpool_init_api(const void *reserved1, const void *reserved2, double idle_limit) {
+  return no_throw(-1, [=] {
+    if (reserved1 != nullptr || reserved2 != nullptr || !start_client_library()) return -1;
+    fr_sqlpool_destroy();
+    sql_pool &pool = the_sql_pool();
+    pool.idle_limit = idle_limit;
+    pool.down_time = 30;
+    return 0;
+  });
+}
+
+void fr_sqlpool_verbosity_set(int level) {
+  the_sql_pool().verbosity = level;
+}
+
+void fr_sqlpool_down_time_set(int seconds) {
+  the_sql_pool().down_time = std::max(seconds, 0);
+}
+
+int fr_sqlpool_shard_add(fr_sql_shard_t *shard) {
+  return no_throw(-1, [shard] {
+    std::shared_ptr<fr_sql_shard> owned(shard);
+    if (!owned) return -1;
+    sql_pool &pool = the_sql_pool();
+    const std::lock_guard guard(pool.lock);
+    for (const auto &other : pool.shards) {
+      if (other->id != owned->id) continue;
+      SQL_LOG(FR_LOG_ERROR, "The SQL shard %s is there twice.\n", owned->id.c_str());
+      return -1;
+    }
+    pool.shards.push_back(std::move(owned));
+    return 0;
+  });
+}
+
+fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {
+  return no_throw<fr_sql_conn_t *>(nullptr, [shard]() -> fr_sql_conn_t * {
+    auto session = std::make_unique<fr_sql_conn>();
+    {
+      sql_pool &pool = the_sql_pool();
+      const std::lock_guard guard(pool.lock);
+      if (shard < 0 || static_cast<size_t>(shard) >= pool.shards.size()) return nullptr;
+      session->shard = pool.shards[static_cast<size_t>(shard)];
+    }
+    session->connection = take_connection(*session->shard, sql_purpose::read);
+    return session->connection.server == nullptr ? nullptr : session.release();
+  });
+}
+
+void fr_sqlpool_conn_free(fr_sql_conn_t *session) {
+  if (session == nullptr) return;
+  const std::unique_ptr<fr_sql_conn> owned(session);
+  no_throw(0, [session] {
+    return_connection(*session->shard, std::move(session->connection), session->lost);
+    return 0;
+  });
+}
+
+int fr_sqlpool_destroy(void) {
+  return no_throw(-1, [] {
+    std::vector<std::shared_ptr<fr_sql_shard>> shards;
+    {
+      sql_pool &pool = the_sql_pool();
+      const std::lock_guard guard(pool.lock);
+      shards.swap(pool.shards);
+    }
+    for (const auto &shard : shards) {
+      const std::lock_guard guard(shard->lock);
+      shard->retired = true;
+      for (sql_server &server : shard->servers) server.idle.clear();
+    }
+    return 0;
+  });
+}
+
+int fr_sql_conn_query(fr_sql_conn_t *session, int store, MYSQL_RES **result, const char *format,
+                      ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int status = fr_sql_conn_vquery(session, store, result, format, arguments);
+  va_end(arguments);
+  return status;
+}
+
+int fr_sql_conn_vquery(fr_sql_conn_t *session, int store, MYSQL_RES **result, const char *format,
+                       va_list arguments) {
+  if (result == nullptr) return -1;
+  *result = nullptr;
+  if (session == nullptr || format == nullptr) return -1;
+  if (store == 0) return fail(*session, CR_UNKNOWN_ERROR, "Results are read whole or not at all");
+  return no_throw(-1, [=] { return run_statement(*session, result, format, arguments); });
+}
+
+MYSQL *fr_sql_conn_get_mysql(fr_sql_conn_t *session) {
+  return session == nullptr ? nullptr : session->connection.handle.get();
+}
