@@ -14,7 +14,7 @@
 // path is empty or the directory cannot be opened. What cannot be read below it adds nothing.
 int compute_quota_dir(char **path, int64_t *total, int recurse);
 
-// The same on a copy of the path.
+// The same for a path that is not the caller's to change.
 int compute_quota(const char *path, int64_t *total, int recurse);
 
 #endif

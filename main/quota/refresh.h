@@ -4,14 +4,16 @@
 
 #include <cstdint>
 
+#include "sql_owner.h"
+
 // quota_update_slow with a scratch value that is handed down unused.
 int quota_update_slow_internal(int account_id, unsigned kind, int64_t *total, int force,
                                int64_t *scratch);
 
 // Refreshes the account whose quota directory *directory is, children first. Ids are decimal text
 // as the statements take them; parent and grandparent may be null. *directory is a growable string
-// that comes back as it was. 0 when every requested kind was handled, -1 on a failure that stopped
-// the walk.
+// that comes back as it was. *total, when given, takes the value of the last kind handled. 0 when
+// every requested kind was handled, -1 on a failure that stopped the walk.
 int quota_update_subtree(const char *id, const char *parent_id, const char *grandparent_id,
                          int level, unsigned kind, char **directory, int64_t *total,
                          int force_depth, int64_t *scratch);
@@ -28,5 +30,26 @@ int is_rev_inrange(const char *path, int64_t *value);
 // Writes one record under the file's lock, creating the file when it is not there. 0, or -1 when
 // it can be neither opened nor created.
 int quota_real_update(const char *path, int64_t value, int revision);
+
+// The same, telling all that may have come of it.
+enum class write_result { written, not_written, not_opened };
+write_result write_quota_file(const char *path, int64_t value, int revision);
+
+// An account that the walk is at, and the one above it in the walk.
+struct tree_account {
+  const char *id;
+  const char *parent_id;
+  const char *grandparent_id;
+  int level;
+  const tree_account *above;
+};
+
+// Bytes that the account itself uses of one kind; -1 when the database does not tell.
+int64_t own_usage(const tree_account &self, unsigned kind);
+
+// All rows of a statement that takes one id; null, logged in the name of `site`, when it fails. The
+// session goes back as soon as they are stored: a walk holds a result on every level it is in, and
+// never more than one session.
+sql_result rows_of(const call_site &site, const char *statement, const char *id);
 
 #endif

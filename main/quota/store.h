@@ -68,12 +68,20 @@ void free_dpath(char **paths, size_t count);
 // moved, or null when the text is null.
 char *quota_str_append(char **path, int number, ...);
 
+// Gives an open file to the owner ids when running as root; a failure is nobody's loss.
+void give_to_owner(int fd);
+
+// Opens a quota file to read and write it; a missing one is created, given to the owner ids, and
+// told in *created. Empty when that fails.
+unique_fd open_quota_file(const char *path, bool *created);
+
 // Reads the record at the file's position. -1, with the outputs untouched, when there is none.
 int quota_read_internal(int fd, int64_t *value, int *revision);
 
 // Replaces the file's content with the record; the caller holds the file's lock. The record goes
 // over the old one in one call and the file is then cut to its length, so that a reader without
-// the lock never meets an empty file and a crash leaves one of the two values.
+// the lock never meets an empty file and a crash leaves one of the two values. When the write
+// fails the file is left empty.
 int quota_write_internal(int fd, int64_t value, int revision);
 
 // Creates every missing directory of an absolute path, and gives it to the ids when running as

@@ -1,0 +1,38 @@
+#include "quota/account.h"
+
+#include <cstdlib>
+
+#include "quota/store.h"
+#include "zarn_str.h"
+#include "zarn_user.h"
+
+namespace {
+
+// A parent as its callers take it: the number, and the text unless it is empty.
+void hand_over_parent(c_string text, int *parent_id, char **parent_text) {
+  if (parent_id != nullptr) *parent_id = std::atoi(text.get());
+  if (parent_text != nullptr) *parent_text = *text == '\0' ? nullptr : text.release();
+}
+
+}  // namespace
+
+int get_parid_level(SessionHandle session, int account_id, int *parent_id, char **parent_text,
+                    int *level, char **level_text) {
+  const int found = qx_account_get_level_sess(session, account_id);
+  c_string parent(qx_account_get_parent_str_sess(session, account_id));
+  if (found < 0 || !parent) return -2;
+
+  char *text = nullptr;
+  if (level_text != nullptr && zarn_str_append(&text, "%d", found) == nullptr) return -2;
+  if (level_text != nullptr) *level_text = text;
+  if (level != nullptr) *level = found;
+  if (found != LEVEL_ROOT) hand_over_parent(std::move(parent), parent_id, parent_text);
+  return 0;
+}
+
+int get_parentid(SessionHandle session, int account_id, int *parent_id, char **parent_text) {
+  c_string parent(qx_account_get_parent_str_sess(session, account_id));
+  if (!parent) return -1;
+  hand_over_parent(std::move(parent), parent_id, parent_text);
+  return 0;
+}

@@ -1,0 +1,86 @@
+#include <cerrno>
+#include <string>
+
+#include "quota/store.h"
+
+namespace {
+
+bool running_as_root() {
+  return ::getuid() == 0;
+}
+
+bool is_directory(const char *path) {
+  struct stat status {};
+  if (::stat(path, &status) != 0) return false;
+  if (S_ISDIR(status.st_mode)) return true;
+  errno = ENOTDIR;
+  return false;
+}
+
+// 0, or the error that keeps this one directory from being there.
+int make_dir(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+  if (is_directory(path)) return 0;
+  if (errno == ENOTDIR) return ENOTDIR;
+  if (::mkdir(path, mode) != 0) {
+    // Another process may have been faster, and the directory is then there as wanted.
+    if (errno != EEXIST) return errno;
+    return is_directory(path) ? 0 : errno;
+  }
+  if (running_as_root() && ::chown(path, uid, gid) != 0) return errno;
+  return 0;
+}
+
+int make_missing(std::string path, mode_t mode, uid_t uid, gid_t gid) {
+  for (size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
+    path[slash] = '\0';
+    const int error = make_dir(path.c_str(), mode, uid, gid);
+    if (error != 0) return error;
+    path[slash] = '/';
+  }
+  return path.ends_with('/') ? 0 : make_dir(path.c_str(), mode, uid, gid);
+}
+
+std::string mark_of(const char *path) {
+  return std::string(path) + ".dirty";
+}
+
+}  // namespace
+
+void give_to_owner(int fd) {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (!running_as_root() || owner_ids(&uid, &gid) != 0) return;
+  // A file that stays root's is still a good file.
+  [[maybe_unused]] const int given = ::fchown(fd, uid, gid);
+}
+
+int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+  if (path == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  // Nearly always the whole path is there, and one look tells.
+  const int error = is_directory(path) ? 0 : make_missing(path, mode, uid, gid);
+  errno = error;
+  return error == 0 ? 0 : -1;
+}
+
+int is_dirty(const char *path) {
+  return ::access(mark_of(path).c_str(), F_OK) == 0 ? 1 : 0;
+}
+
+int set_dirty(const char *path) {
+  const unique_fd mark(
+      ::open(mark_of(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, quota_file_mode));
+  if (!mark) return -1;
+  // Without an owner to give it to the mark still stays: the file it stands for is no better.
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (owner_ids(&uid, &gid) != 0) return -1;
+  give_to_owner(mark.get());
+  return 0;
+}
+
+int unset_dirty(const char *path) {
+  return ::unlink(mark_of(path).c_str());
+}
