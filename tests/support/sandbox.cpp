@@ -1,1 +1,303 @@
 #include "support/sandbox.h"
+
+#include <hiredis.h>
+#include <mysql.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+
+#include "support/paths_sandbox.h"
+
+namespace support {
+namespace {
+
+using reply_owner = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
+using result_owner = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
+
+constexpr const char *quota_root = "var/lib/quorvexquota";
+
+std::string text_of(const std::filesystem::path &file) {
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) throw std::runtime_error("cannot read " + file.string());
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+reply_owner ask(redisContext *context, const std::vector<std::string> &command) {
+  if (context == nullptr) throw std::logic_error("this sandbox has no cache");
+  std::vector<const char *> words;
+  std::vector<size_t> lengths;
+  for (const std::string &word : command) {
+    words.push_back(word.data());
+    lengths.push_back(word.size());
+  }
+  reply_owner reply(static_cast<redisReply *>(
+      redisCommandArgv(context, static_cast<int>(words.size()), words.data(), lengths.data())));
+  if (!reply) throw std::runtime_error(command.at(0) + ": " + context->errstr);
+  if (reply->type == REDIS_REPLY_ERROR) throw std::runtime_error(command[0] + ": " + reply->str);
+  return reply;
+}
+
+std::optional<std::string> text_of(const redisReply &reply) {
+  if (reply.type == REDIS_REPLY_NIL) return std::nullopt;
+  if (reply.type == REDIS_REPLY_INTEGER) return std::to_string(reply.integer);
+  return std::string(reply.str, reply.len);
+}
+
+std::pair<std::vector<std::string>, process_options> spoolcap_command(
+    const sandbox &box, const std::vector<std::string> &arguments, process_options options) {
+  std::vector<std::string> argv = {SPOOLCAP_SANDBOX_BINARY};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  options.environment.emplace_back(paths_root_variable, box.root().string());
+  return {argv, options};
+}
+
+}  // namespace
+
+void sandbox::sql_closer::operator()(MYSQL *connection) const {
+  mysql_close(connection);
+}
+void sandbox::redis_closer::operator()(redisContext *context) const {
+  redisFree(context);
+}
+
+sandbox::sandbox(const sandbox_options &options) : folder_("box") {
+  if (options.use_database) make_database(options);
+  if (options.use_cache) make_cache_database(options);
+  write_configuration(options);
+  set_paths_root(root().string());
+  setenv(paths_root_variable, root().c_str(), 1);
+}
+
+sandbox::~sandbox() {
+  // A server that a test broke for good takes its content along.
+  try {
+    if (sql_) sql("DROP DATABASE " + database_);
+  } catch (const std::exception &) {
+  }
+  try {
+    if (redis_) redis({"FLUSHDB"});
+  } catch (const std::exception &) {
+  }
+}
+
+void sandbox::make_database(const sandbox_options &options) {
+  mariadb_socket_ =
+      options.database != nullptr ? options.database->socket() : shared_servers().mariadb_socket;
+  database_ = root().filename().string();
+  std::replace(database_.begin(), database_.end(), '-', '_');
+
+  sql_.reset(mysql_init(nullptr));
+  // A sandbox on a server that hangs or is gone has to come to its end.
+  const unsigned seconds = 20;
+  mysql_options(sql_.get(), MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
+  mysql_options(sql_.get(), MYSQL_OPT_READ_TIMEOUT, &seconds);
+  mysql_options(sql_.get(), MYSQL_SET_CHARSET_NAME, "utf8mb4");
+  if (mysql_real_connect(sql_.get(), nullptr, database_user, database_password, nullptr, 0,
+                         mariadb_socket_.c_str(), CLIENT_MULTI_STATEMENTS) == nullptr) {
+    throw std::runtime_error(std::string("sandbox: ") + mysql_error(sql_.get()));
+  }
+  sql("CREATE DATABASE " + database_ + " DEFAULT CHARACTER SET utf8mb4");
+  sql("USE " + database_);
+  sql(text_of(SPOOLCAP_SUPPORT_SOURCE "/schema.sql"));
+}
+
+void sandbox::make_cache_database(const sandbox_options &options) {
+  redis_socket_ =
+      options.cache != nullptr ? options.cache->socket() : shared_servers().redis_socket;
+  if (options.cache != nullptr) redis_password_ = options.cache->password();
+
+  redis_.reset(redisConnectUnixWithTimeout(redis_socket_.c_str(), timeval{20, 0}));
+  if (!redis_ || redis_->err != 0) throw std::runtime_error("sandbox: no cache");
+  redisSetTimeout(redis_.get(), timeval{20, 0});
+  if (!redis_password_.empty()) redis({"AUTH", redis_password_});
+  // Database 0 holds the counter that gives every sandbox of the server a number of its own.
+  const int ticket = std::stoi(redis({"INCR", "sandboxes"}).value());
+  cache_database_ = 1 + (ticket - 1) % (redis_databases - 1);
+  redis({"SELECT", std::to_string(cache_database_)});
+  redis({"FLUSHDB"});
+}
+
+void sandbox::write_configuration(const sandbox_options &options) {
+  std::map<std::string, std::string> files = {
+      {"etc/quorvex/paths.conf", "QUORVEX_QUOTA_D " + path(quota_root) + "\nASTERISK_CONF_FILE " +
+                                     path("etc/asterisk/asterisk.conf") + "\n"},
+      {"etc/quorvex/pbx.conf", ""},
+      {"etc/quorvex/sqldbase.conf", ""},
+      {"etc/quorvex/disdbase.conf", ""},
+      {"etc/quorvex/local.conf", ""},
+      {"etc/quorvexnode/nodeid", "1\n"},
+      {"etc/asterisk/asterisk.conf", "[directories]\nastspooldir => " + path("var/spool/asterisk") +
+                                         "\nastlibdir => " + path("var/lib/asterisk") +
+                                         "\nastvarlibdir => " + path("var/lib/asterisk") + "\n"}};
+  if (options.use_database) {
+    files["etc/quorvex/pbx.conf"] += std::string("DB_CREDENTIALS main:") + database_user + ":" +
+                                     database_password + ":" + database_ + "\n";
+    files["etc/quorvex/sqldbase.conf"] += "DB_MASTER main:" + mariadb_socket_ + ":3306\n";
+  }
+  if (options.use_cache) {
+    files["etc/quorvex/pbx.conf"] += "DISDBASE_CREDENTIALS main:spoolcap:" + redis_password_ + ":" +
+                                     std::to_string(cache_database_) + "\n";
+    files["etc/quorvex/disdbase.conf"] +=
+        "DISDBASE_HOST main:cache:one:" + redis_socket_ + ":6379\n";
+  }
+  for (const auto &[name, lines] : options.extra_lines) files[name] += lines;
+  for (const auto &[name, text] : files) write_file(name, text);
+}
+
+std::string sandbox::path(std::string_view relative) const {
+  return (root() / relative).string();
+}
+
+void sandbox::make_folder(std::string_view relative) {
+  std::filesystem::create_directories(root() / relative);
+}
+
+void sandbox::write_file(std::string_view relative, std::string_view text) {
+  const std::filesystem::path file = root() / relative;
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream stream(file, std::ios::binary | std::ios::trunc);
+  stream << text;
+  if (!stream.flush()) throw std::runtime_error("cannot write " + file.string());
+}
+
+void sandbox::write_file(std::string_view relative, std::size_t size) {
+  write_file(relative, std::string_view());
+  std::filesystem::resize_file(root() / relative, size);  // sizes count, contents do not
+}
+
+std::optional<std::string> sandbox::read_file(std::string_view relative) const {
+  if (!std::filesystem::exists(root() / relative)) return std::nullopt;
+  return text_of(root() / relative);
+}
+
+std::string sandbox::quota_path(int reseller, int client, int owner, std::string_view kind) const {
+  std::filesystem::path folder = root() / quota_root / std::to_string(reseller);
+  if (client != 0) folder /= std::to_string(client);
+  if (owner != 0) folder /= std::to_string(owner);
+  return (folder / std::string(kind).append(".quota")).string();
+}
+
+std::optional<std::string> sandbox::quota_file(int reseller, int client, int owner,
+                                               std::string_view kind) const {
+  return read_file(quota_path(reseller, client, owner, kind));
+}
+
+void sandbox::write_quota_file(int reseller, int client, int owner, std::string_view kind,
+                               std::string_view text) {
+  write_file(quota_path(reseller, client, owner, kind), text);
+}
+
+std::string sandbox::sound_folder(std::string_view id) {
+  return std::string("var/lib/asterisk/sounds/.").append(id);
+}
+
+std::string sandbox::music_folder(std::string_view id) {
+  return std::string("var/lib/asterisk/music/").append(id);
+}
+
+std::vector<sql_row> sandbox::sql(const std::string &statement) const {
+  if (!sql_) throw std::logic_error("this sandbox has no database");
+  std::vector<sql_row> rows;
+  int status = mysql_real_query(sql_.get(), statement.data(), statement.size());
+  while (status == 0) {
+    const result_owner result(mysql_store_result(sql_.get()));
+    for (MYSQL_ROW row; result && (row = mysql_fetch_row(result.get())) != nullptr;) {
+      const unsigned long *lengths = mysql_fetch_lengths(result.get());
+      sql_row &fields = rows.emplace_back();
+      for (unsigned i = 0; i < mysql_num_fields(result.get()); ++i) {
+        if (row[i] == nullptr) {
+          fields.emplace_back(std::nullopt);
+        } else {
+          fields.emplace_back(std::string(row[i], lengths[i]));
+        }
+      }
+    }
+    status = mysql_next_result(sql_.get());
+  }
+  if (status > 0) {
+    throw std::runtime_error(std::string(mysql_error(sql_.get())) + " in: " + statement);
+  }
+  return rows;
+}
+
+std::optional<std::string> sandbox::sql_value(const std::string &statement) const {
+  const std::vector<sql_row> rows = sql(statement);
+  return rows.empty() ? std::nullopt : rows[0].at(0);
+}
+
+std::optional<std::string> sandbox::redis(const std::vector<std::string> &command) const {
+  return text_of(*ask(redis_.get(), command));
+}
+
+std::vector<std::string> sandbox::redis_list(const std::vector<std::string> &command) const {
+  const reply_owner reply = ask(redis_.get(), command);
+  std::vector<std::string> result;
+  for (size_t i = 0; i < reply->elements; ++i) {
+    result.push_back(text_of(*reply->element[i]).value_or(""));
+  }
+  return result;
+}
+
+std::string sandbox::quoted(std::string_view text) const {
+  if (!sql_) throw std::logic_error("this sandbox has no database");
+  std::string escaped(2 * text.size() + 1, '\0');
+  escaped.resize(mysql_real_escape_string(sql_.get(), escaped.data(), text.data(), text.size()));
+  return "'" + escaped + "'";
+}
+
+void sandbox::add_account(int id, std::optional<int> parent, int level, std::string_view login) {
+  const std::string account = std::to_string(id);
+  sql("INSERT INTO client (id, parent_client_id, level, name, status, phonestatus) VALUES (" +
+      account + ", " + (parent ? std::to_string(*parent) : "NULL") + ", " + std::to_string(level) +
+      ", " + quoted(std::string("Name of ").append(login)) + ", 1, 1)");
+  sql("INSERT INTO hs_account (userID, username) VALUES (" + account + ", " + quoted(login) + ")");
+}
+
+void sandbox::set_preference(int account, std::string_view name, std::string_view value) {
+  sql("REPLACE INTO client_prefs (client_id, param, value) VALUES (" + std::to_string(account) +
+      ", " + quoted(name) + ", " + quoted(value) + ")");
+}
+
+void sandbox::add_extension(int id, int owner, std::string_view number) {
+  sql("INSERT INTO extension (id, client_id, number, extended_number, type) SELECT " +
+      std::to_string(id) + ", id, " + quoted(number) + ", CONCAT(LPAD(parent_client_id, " +
+      "GREATEST(4, LENGTH(parent_client_id)), '0'), '*', " + quoted(number) +
+      "), 'term' FROM client WHERE id = " + std::to_string(owner));
+}
+
+std::uint64_t sandbox::add_stored_file(const std::string &statement) {
+  sql(statement);
+  return mysql_insert_id(sql_.get());
+}
+
+std::uint64_t sandbox::add_recording(int extension, std::int64_t size) {
+  return add_stored_file("INSERT INTO extension_recording (extension_id, filesize) VALUES (" +
+                         std::to_string(extension) + ", " + std::to_string(size) + ")");
+}
+
+std::uint64_t sandbox::add_voicemail(int extension, std::int64_t size, std::string_view box) {
+  return add_stored_file(
+      "INSERT INTO extension_voicemail (extension_id, filesize, folder) VALUES (" +
+      std::to_string(extension) + ", " + std::to_string(size) + ", " + quoted(box) + ")");
+}
+
+std::uint64_t sandbox::add_fax(int extension, std::int64_t size) {
+  return add_stored_file("INSERT INTO extension_fax_center (extension_id, filesize) VALUES (" +
+                         std::to_string(extension) + ", " + std::to_string(size) + ")");
+}
+
+std::unique_ptr<background_process> sandbox::start_spoolcap(
+    const std::vector<std::string> &arguments, const process_options &options) const {
+  const auto [argv, own] = spoolcap_command(*this, arguments, options);
+  return std::make_unique<background_process>(argv, own);
+}
+
+process_result sandbox::run_spoolcap(const std::vector<std::string> &arguments,
+                                     const process_options &options) const {
+  const auto [argv, own] = spoolcap_command(*this, arguments, options);
+  return run_process(argv, own);
+}
+
+}  // namespace support

@@ -1,1 +1,274 @@
 #include "support/servers.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <hiredis.h>
+#include <mysql.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+namespace support {
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+std::string variable(const char *name) {
+  const char *value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+// Ends the calling test: skipped at a desk, failed where every test has to run. The exception is
+// the one that GoogleTest takes for a result that was already reported.
+[[noreturn]] void missing(const std::string &what) {
+  const std::string reason = what + " (run the tests under the testbed: make test)";
+  if (variable("CI") == "true") throw std::runtime_error(reason);
+  const auto skip = [&reason] { GTEST_SKIP() << reason; };
+  skip();
+  throw testing::AssertionException(
+      testing::TestPartResult(testing::TestPartResult::kSkip, nullptr, -1, reason.c_str()));
+}
+
+// A port that was free a moment ago; who takes it may still find it taken and ask for another.
+int free_port() {
+  const unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto *generic = reinterpret_cast<sockaddr *>(&address);
+  if (!fd || bind(fd.get(), generic, length) != 0 || getsockname(fd.get(), generic, &length) != 0) {
+    throw std::runtime_error("no free port on 127.0.0.1");
+  }
+  return ntohs(address.sin_port);
+}
+
+std::string user_argument() {
+  return geteuid() == 0 ? "--user=root" : "";
+}
+
+}  // namespace
+
+private_folder::private_folder(const std::string &prefix) {
+  std::filesystem::path parent = variable(folder_variable);
+  if (parent.empty()) parent = std::filesystem::temp_directory_path();
+  std::string name = (parent / (prefix + "-XXXXXX")).string();
+  if (mkdtemp(name.data()) == nullptr)
+    throw std::runtime_error("cannot make a folder like " + name);
+  path_ = name;
+}
+
+private_folder::~private_folder() {
+  std::error_code failure;
+  std::filesystem::remove_all(path_, failure);
+  // It holds one descriptor for each level that it is down; rm manages with few at any depth.
+  if (failure) run_process({"rm", "-rf", "--", path_.string()});
+}
+
+server::server(const std::string &name, bool tcp) : name_(name), folder_(name), tcp_(tcp) {
+  if (socket().size() >= sizeof sockaddr_un{}.sun_path) {
+    throw std::runtime_error("too long for a socket, set TMPDIR to a shorter folder: " + socket());
+  }
+}
+
+server::~server() {
+  kill_hard();
+}
+
+std::string server::log() const {
+  std::ifstream file(folder() / "log");
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void server::start() {
+  if (child_) throw std::logic_error(name_ + " runs already");
+  const bool choose_port = tcp_ && port_ == 0;
+  for (int attempts = choose_port ? 3 : 1;; --attempts) {
+    if (choose_port) port_ = free_port();
+    try {
+      start_once();
+      return;
+    } catch (const std::runtime_error &) {
+      child_.reset();
+      if (attempts == 1) throw;
+    }
+  }
+}
+
+void server::start_once() {
+  process_options options;
+  options.log = folder() / "log";
+  options.folder = folder();
+  options.own_session = true;
+  // Neither the tests' users nor a sanitizer's runtime are any business of a server.
+  options.without = {"LD_PRELOAD"};
+  child_ = std::make_unique<background_process>(command(), options);
+  for (const auto deadline = clock_type::now() + 60s; !answers();) {
+    if (!child_->running()) throw std::runtime_error(name_ + " ended at its start:\n" + log());
+    if (clock_type::now() > deadline) throw std::runtime_error(name_ + " is silent:\n" + log());
+    std::this_thread::sleep_for(10ms);
+  }
+}
+
+void server::stop() {
+  if (!child_) return;
+  child_->kill(SIGCONT);
+  child_->kill(SIGTERM);
+  child_->wait(10s);
+  kill_hard();
+}
+
+void server::kill_hard() {
+  child_.reset();
+}
+
+void server::pause() {
+  if (child_) child_->kill(SIGSTOP);
+}
+
+void server::resume() {
+  if (child_) child_->kill(SIGCONT);
+}
+
+mariadb_server::mariadb_server(mariadb_options options)
+    : server("mariadb", options.tcp), options_(std::move(options)) {
+  std::filesystem::path source = options_.template_folder;
+  if (source.empty()) source = variable(template_variable);
+  if (source.empty()) missing("no MariaDB data directory to copy");
+  std::filesystem::copy(source, folder() / "data", std::filesystem::copy_options::recursive);
+  std::filesystem::create_directory(folder() / "tmp");
+  start();
+}
+
+void mariadb_server::make_template(const std::filesystem::path &folder) {
+  const std::filesystem::path users = folder.string() + ".sql";
+  // The flush turns accounts on, which the server that runs this has switched off.
+  std::ofstream(users) << "FLUSH PRIVILEGES;\nCREATE USER '" << database_user
+                       << "'@'%' IDENTIFIED BY '" << database_password
+                       << "';\nGRANT ALL ON *.* TO '" << database_user
+                       << "'@'%' WITH GRANT OPTION;\n";
+  std::vector<std::string> argv = {"mariadb-install-db",
+                                   "--no-defaults",
+                                   user_argument(),
+                                   "--datadir=" + folder.string(),
+                                   "--auth-root-authentication-method=normal",
+                                   "--skip-test-db",
+                                   "--skip-name-resolve",
+                                   "--extra-file=" + users.string(),
+                                   "--innodb-log-file-size=16M",
+                                   "--innodb-flush-method=nosync",
+                                   "--innodb-doublewrite=0"};
+  std::erase(argv, "");
+  process_options options;
+  options.without = {"LD_PRELOAD"};
+  options.own_session = true;
+  options.limit = 120s;
+  const process_result result = run_process(argv, options);
+  if (result.status != 0) {
+    throw std::runtime_error("mariadb-install-db failed:\n" + result.out + result.err);
+  }
+  std::filesystem::remove(users);
+}
+
+std::vector<std::string> mariadb_server::command() const {
+  const std::string here = folder().string();
+  std::vector<std::string> argv = {
+      "mariadbd", "--no-defaults", user_argument(), "--datadir=" + here + "/data",
+      "--tmpdir=" + here + "/tmp", "--socket=" + socket(), "--pid-file=" + here + "/pid",
+      port() == 0 ? "--skip-networking" : "--bind-address=127.0.0.1",
+      port() == 0 ? "" : "--port=" + std::to_string(port()), "--skip-name-resolve",
+      "--character-set-server=utf8mb4", "--collation-server=utf8mb4_general_ci",
+      "--max-connections=500", "--max-connect-errors=1000000", "--max-allowed-packet=64M",
+      // Nothing in here has to survive the machine: no syncs, small buffers, a quick end.
+      "--innodb-flush-log-at-trx-commit=0", "--innodb-flush-method=nosync",
+      "--innodb-doublewrite=0", "--innodb-log-file-size=16M", "--innodb-buffer-pool-size=64M",
+      "--innodb-buffer-pool-dump-at-shutdown=0", "--innodb-fast-shutdown=2", "--key-buffer-size=1M",
+      "--aria-pagecache-buffer-size=8M"};
+  std::erase(argv, "");
+  argv.insert(argv.end(), options_.arguments.begin(), options_.arguments.end());
+  return argv;
+}
+
+bool mariadb_server::answers() const {
+  MYSQL connection;
+  mysql_init(&connection);
+  const unsigned seconds = 5;
+  mysql_options(&connection, MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
+  mysql_options(&connection, MYSQL_OPT_READ_TIMEOUT, &seconds);
+  const bool up = mysql_real_connect(&connection, nullptr, database_user, database_password,
+                                     nullptr, 0, socket().c_str(), 0) != nullptr &&
+                  mysql_ping(&connection) == 0;
+  mysql_close(&connection);
+  return up;
+}
+
+redis_server::redis_server(redis_options options)
+    : server("redis", options.tcp), options_(std::move(options)) {
+  start();
+}
+
+std::vector<std::string> redis_server::command() const {
+  std::vector<std::string> argv = {"redis-server",
+                                   "--port",
+                                   std::to_string(port()),
+                                   "--bind",
+                                   "127.0.0.1",
+                                   "--unixsocket",
+                                   socket(),
+                                   "--unixsocketperm",
+                                   "700",
+                                   "--dir",
+                                   folder().string(),
+                                   "--databases",
+                                   std::to_string(redis_databases),
+                                   "--save",
+                                   "",
+                                   "--appendonly",
+                                   "no",
+                                   "--daemonize",
+                                   "no",
+                                   "--loglevel",
+                                   "notice"};
+  const auto add = [&argv](std::initializer_list<std::string> more) {
+    argv.insert(argv.end(), more);
+  };
+  if (!options_.password.empty()) add({"--requirepass", options_.password});
+  if (!options_.master_host.empty()) {
+    add({"--replicaof", options_.master_host, std::to_string(options_.master_port)});
+  }
+  if (!options_.master_password.empty()) add({"--masterauth", options_.master_password});
+  argv.insert(argv.end(), options_.arguments.begin(), options_.arguments.end());
+  return argv;
+}
+
+bool redis_server::answers() const {
+  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
+      redisConnectUnixWithTimeout(socket().c_str(), timeval{5, 0}));
+  if (!context || context->err != 0) return false;
+  redisSetTimeout(context.get(), timeval{5, 0});
+  const auto ask = [&context](std::initializer_list<const char *> words) {
+    std::vector<const char *> argv(words);
+    return std::unique_ptr<redisReply, call_to_release<freeReplyObject>>(static_cast<redisReply *>(
+        redisCommandArgv(context.get(), static_cast<int>(argv.size()), argv.data(), nullptr)));
+  };
+  if (!options_.password.empty()) ask({"AUTH", options_.password.c_str()});
+  const auto pong = ask({"PING"});
+  return pong && pong->type == REDIS_REPLY_STATUS && std::string_view(pong->str) == "PONG";
+}
+
+const shared_server_set &shared_servers() {
+  static const shared_server_set servers{variable(mariadb_variable), variable(redis_variable)};
+  if (servers.mariadb_socket.empty() || servers.redis_socket.empty()) {
+    missing("no MariaDB and Redis for the tests");
+  }
+  return servers;
+}
+
+}  // namespace support

@@ -58,7 +58,7 @@ class server {
   void resume();
 
  protected:
-  explicit server(const std::string &name, bool tcp);
+  server(const std::string &name, bool tcp);
   virtual std::vector<std::string> command() const = 0;
   virtual bool answers() const = 0;  // a real ping
 

