@@ -9,16 +9,16 @@ extern "C" {
 #endif
 
 enum qx_path_id {
-  QX_PATH_PATHS_CONF,     /* directories of the platform */
-  QX_PATH_PBX_CONF,       /* database credentials; cache servers */
-  QX_PATH_SQLDBASE_CONF,  /* database servers */
-  QX_PATH_DISDBASE_CONF,  /* cache servers */
-  QX_PATH_LOCAL_CONF,     /* options of this node */
-  QX_PATH_ASTERISK_CONF,  /* Asterisk's own configuration */
-  QX_PATH_QUOTA_ROOT,     /* default of the quota root */
-  QX_PATH_AST_SPOOL,      /* default of Asterisk's spool directory */
-  QX_PATH_AST_LIB,        /* default of Asterisk's library and var-lib directories */
-  QX_PATH_NODE_ID,        /* id of this node */
+  QX_PATH_PATHS_CONF,    /* directories of the platform */
+  QX_PATH_PBX_CONF,      /* database credentials; cache servers */
+  QX_PATH_SQLDBASE_CONF, /* database servers */
+  QX_PATH_DISDBASE_CONF, /* cache servers */
+  QX_PATH_LOCAL_CONF,    /* options of this node */
+  QX_PATH_ASTERISK_CONF, /* Asterisk's own configuration */
+  QX_PATH_QUOTA_ROOT,    /* default of the quota root */
+  QX_PATH_AST_SPOOL,     /* default of Asterisk's spool directory */
+  QX_PATH_AST_LIB,       /* default of Asterisk's library and var-lib directories */
+  QX_PATH_NODE_ID,       /* id of this node */
   QX_PATH_COUNT
 };
 

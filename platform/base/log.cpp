@@ -73,10 +73,9 @@ __attribute__((format(printf, 1, 0))) c_string format_message(const char *format
   return text;
 }
 
-void log_message(fr_log_record record, const char *format, va_list args, int saved_errno) {
+void log_message(fr_log_record record, const char *format, va_list args) {
   const std::shared_lock lock(sink_lock);
   if (current_sink.sink == nullptr && !syslog_reachable()) return;
-  errno = saved_errno;  // a format may hold %m
   const c_string text = format_message(format, args);
   if (!text) return;
   record.text = text.get();
@@ -96,7 +95,7 @@ void fr_log_impl(const char *file, int line, const char *function, int channel, 
   va_list args;
   va_start(args, format);
   no_throw(0, [&] {
-    log_message({file, line, function, channel, priority, nullptr}, format, args, saved_errno);
+    log_message({file, line, function, channel, priority, nullptr}, format, args);
     return 0;
   });
   va_end(args);

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "base/hash.h"
@@ -30,8 +29,8 @@ int note_destroyed(void *value) {
 
 TEST(Hash, KeepsKeysInTheOrderOfTheirFirstAddition) {
   const hash_owner table(fr_hash_init_api(1, nullptr));
-  std::vector<int> added;
-  for (int i = 0; i < 5000; ++i) added.push_back(i * 7919 % 5003);
+  std::vector<int> added(5000);
+  for (size_t i = 0; i < added.size(); ++i) added[i] = static_cast<int>(i * 7919 % 5003);
   for (const int key : added) ASSERT_EQ(0, fr_hash_force_add(table.get(), key, key));
   ASSERT_EQ(0, fr_hash_force_add(table.get(), added.front(), -1));
 
