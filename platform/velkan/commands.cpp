@@ -1,0 +1,240 @@
+// The commands of the client: each sends one, checks the shape of its reply, and copies what it
+// hands out. Outputs are set to nothing first, so that a failure leaves nothing to free.
+#include <climits>
+#include <cstring>
+
+#include "group.h"
+
+namespace {
+
+// A command on hashes always has a verb and a key before its fields.
+constexpr size_t words_before_fields = 2;
+constexpr size_t most_words = INT_MAX;
+
+char *copy_text(const vk_mm &memory, const redisReply &reply) {
+  char *copy = static_cast<char *>(memory.allocate(reply.len + 1));
+  if (copy != nullptr) {
+    memcpy(copy, reply.str, reply.len);
+    copy[reply.len] = '\0';
+  }
+  return copy;
+}
+
+// An array of copies that frees them all unless it is handed over.
+class copied_array {
+ public:
+  copied_array(const vk_mm &memory, size_t size)
+      : memory_(memory),
+        slots_(static_cast<char **>(memory.allocate_cleared(size + 1, sizeof(char *)))) {}
+  copied_array(const copied_array &) = delete;
+  copied_array &operator=(const copied_array &) = delete;
+  ~copied_array() {
+    if (slots_ == nullptr) return;
+    for (size_t slot = 0; slot < size_; slot++) memory_.release(slots_[slot]);
+    memory_.release(static_cast<void *>(slots_));
+  }
+
+  // Appends a copy of a text, or NULL for what is absent.
+  int append(const redisReply &reply) {
+    if (slots_ == nullptr) return VK_ERR_MEMORY;
+    if (reply.type != REDIS_REPLY_STRING && reply.type != REDIS_REPLY_NIL) return VK_ERR_REPLY;
+    char *copy = nullptr;
+    if (reply.type == REDIS_REPLY_STRING) {
+      copy = copy_text(memory_, reply);
+      if (copy == nullptr) return VK_ERR_MEMORY;
+    }
+    slots_[size_++] = copy;
+    return VK_OK;
+  }
+
+  bool exists() const { return slots_ != nullptr; }
+  size_t size() const { return size_; }
+  char **release() { return std::exchange(slots_, nullptr); }
+
+ private:
+  const vk_mm &memory_;
+  char **slots_;
+  size_t size_ = 0;
+};
+
+// A window of a list: `limit` 0 is all that follow the offset.
+struct window {
+  size_t begin;
+  size_t end;
+};
+
+window window_of(size_t size, int offset, int limit) {
+  const size_t begin = std::min(size, static_cast<size_t>(offset));
+  const size_t wanted = limit == 0 ? size : static_cast<size_t>(limit);
+  return {begin, begin + std::min(size - begin, wanted)};
+}
+
+// Runs a command given as words; the reply is one of the two types expected.
+int run_words(vk_client_t *client, int count, const char **words, const size_t *lengths, int type,
+              int other_type, vk_reply &reply) {
+  const int status = run_command(*client->state, vk_command(count, words, lengths), reply);
+  if (status != VK_OK) return status;
+  return reply->type == type || reply->type == other_type ? VK_OK : VK_ERR_REPLY;
+}
+
+// Reads a hash whole with `verb`; one that is not there has no entries, which no hash is without.
+int read_whole(vk_client_t *client, std::string_view verb, const char *key, size_t key_length,
+               vk_reply &reply) {
+  const char *words[] = {verb.data(), key};
+  const size_t lengths[] = {verb.size(), key_length};
+  const int status =
+      run_words(client, 2, words, lengths, REDIS_REPLY_ARRAY, REDIS_REPLY_ARRAY, reply);
+  if (status != VK_OK) return status;
+  return reply->elements == 0 ? VK_ERR_NOT_FOUND : VK_OK;
+}
+
+// Runs the body unless the client is missing; memory that runs short is an error code.
+template <class Body>
+int with_client(const vk_client_t *client, bool arguments_are_good, Body &&body) {
+  if (client == nullptr) return VK_ERR_CLIENT;
+  if (!arguments_are_good) return VK_ERR_ARGUMENT;
+  return no_throw<int>(VK_ERR_MEMORY, std::forward<Body>(body));
+}
+
+}  // namespace
+
+int vk_hget_whole(vk_client_t *client, const char *key, size_t key_length, const char *field,
+                  size_t field_length, char **value, size_t *value_length, const char *, int) {
+  const bool good = key != nullptr && field != nullptr && value != nullptr;
+  if (value != nullptr) *value = nullptr;
+  if (value_length != nullptr) *value_length = 0;
+  return with_client(client, good, [=]() -> int {
+    const char *words[] = {"HGET", key, field};
+    const size_t lengths[] = {4, key_length, field_length};
+    vk_reply reply;
+    const int status =
+        run_words(client, 3, words, lengths, REDIS_REPLY_STRING, REDIS_REPLY_NIL, reply);
+    if (status != VK_OK || reply->type == REDIS_REPLY_NIL) return status;
+    *value = copy_text(client->state->memory, *reply);
+    if (*value == nullptr) return VK_ERR_MEMORY;
+    if (value_length != nullptr) *value_length = reply->len;
+    return VK_OK;
+  });
+}
+
+int vk_hmget_whole(vk_client_t *client, const char *key, size_t key_length,
+                   const char *const *fields, size_t field_count, const size_t *field_lengths,
+                   char ***values, size_t *entry_count, char **buffer, const char *, int) {
+  const bool good = key != nullptr && fields != nullptr && field_lengths != nullptr &&
+                    field_count > 0 && field_count < most_words - words_before_fields &&
+                    values != nullptr && entry_count != nullptr;
+  if (values != nullptr) *values = nullptr;
+  if (entry_count != nullptr) *entry_count = 0;
+  if (buffer != nullptr) *buffer = nullptr;
+  return with_client(client, good, [=]() -> int {
+    std::vector<const char *> words = {"HMGET", key};
+    std::vector<size_t> lengths = {5, key_length};
+    words.insert(words.end(), fields, fields + field_count);
+    lengths.insert(lengths.end(), field_lengths, field_lengths + field_count);
+    vk_reply reply;
+    int status = run_words(client, static_cast<int>(words.size()), words.data(), lengths.data(),
+                           REDIS_REPLY_ARRAY, REDIS_REPLY_ARRAY, reply);
+    if (status != VK_OK) return status;
+    if (reply->elements != field_count) return VK_ERR_REPLY;
+    copied_array copies(client->state->memory, field_count);
+    for (size_t slot = 0; slot < field_count; slot++) {
+      status = copies.append(*reply->element[slot]);
+      if (status != VK_OK) return status;
+    }
+    *entry_count = field_count;
+    *values = copies.release();
+    return VK_OK;
+  });
+}
+
+int vk_hgetall_whole(vk_client_t *client, const char *key, size_t key_length, size_t *entry_count,
+                     char ***values, char **buffer, int offset, int limit, const char *, int) {
+  const bool good =
+      key != nullptr && entry_count != nullptr && values != nullptr && offset >= 0 && limit >= 0;
+  if (values != nullptr) *values = nullptr;
+  if (entry_count != nullptr) *entry_count = 0;
+  if (buffer != nullptr) *buffer = nullptr;
+  return with_client(client, good, [=]() -> int {
+    vk_reply reply;
+    int status = read_whole(client, "HVALS", key, key_length, reply);
+    if (status != VK_OK) return status;
+    const window part = window_of(reply->elements, offset, limit);
+    copied_array copies(client->state->memory, part.end - part.begin);
+    if (!copies.exists()) return VK_ERR_MEMORY;
+    for (size_t entry = part.begin; entry < part.end; entry++) {
+      status = copies.append(*reply->element[entry]);
+      if (status != VK_OK) return status;
+    }
+    *entry_count = copies.size();
+    *values = copies.release();
+    return VK_OK;
+  });
+}
+
+int vk_hgetall(vk_client_t *client, const char *key, size_t key_length, size_t *count,
+               char ***fields, char ***values, int offset, int limit) {
+  const bool good = key != nullptr && count != nullptr && fields != nullptr && values != nullptr &&
+                    offset >= 0 && limit >= 0;
+  if (fields != nullptr) *fields = nullptr;
+  if (values != nullptr) *values = nullptr;
+  if (count != nullptr) *count = 0;
+  return with_client(client, good, [=]() -> int {
+    vk_reply reply;
+    int status = read_whole(client, "HGETALL", key, key_length, reply);
+    if (status != VK_OK) return status;
+    if (reply->elements % 2 != 0) return VK_ERR_REPLY;
+    const window part = window_of(reply->elements / 2, offset, limit);
+    copied_array names(client->state->memory, part.end - part.begin);
+    copied_array texts(client->state->memory, part.end - part.begin);
+    if (!names.exists() || !texts.exists()) return VK_ERR_MEMORY;
+    for (size_t pair = part.begin; pair < part.end; pair++) {
+      status = names.append(*reply->element[2 * pair]);
+      if (status == VK_OK) status = texts.append(*reply->element[2 * pair + 1]);
+      if (status != VK_OK) return status;
+    }
+    *count = names.size();
+    *fields = names.release();
+    *values = texts.release();
+    return VK_OK;
+  });
+}
+
+int vk_hset(vk_client_t *client, const char *key, size_t key_length, const char *field,
+            size_t field_length, const char *value, size_t value_length, int persistent) {
+  if (field == nullptr || value == nullptr) return VK_ERR_ARGUMENT;
+  return vk_hmset(client, key, key_length, &field, 1, &field_length, &value, &value_length,
+                  persistent);
+}
+
+int vk_hmset(vk_client_t *client, const char *key, size_t key_length, const char *const *fields,
+             size_t field_count, const size_t *field_lengths, const char *const *values,
+             const size_t *value_lengths, int) {
+  const bool good = key != nullptr && fields != nullptr && field_lengths != nullptr &&
+                    values != nullptr && value_lengths != nullptr && field_count > 0 &&
+                    field_count < (most_words - words_before_fields) / 2;
+  return with_client(client, good, [=] {
+    std::vector<const char *> words = {"HSET", key};
+    std::vector<size_t> lengths = {4, key_length};
+    for (size_t pair = 0; pair < field_count; pair++) {
+      words.insert(words.end(), {fields[pair], values[pair]});
+      lengths.insert(lengths.end(), {field_lengths[pair], value_lengths[pair]});
+    }
+    vk_reply reply;
+    return run_words(client, static_cast<int>(words.size()), words.data(), lengths.data(),
+                     REDIS_REPLY_INTEGER, REDIS_REPLY_INTEGER, reply);
+  });
+}
+
+int vk_exists(vk_client_t *client, const char *key, size_t key_length) {
+  // Who cannot ask must not conclude that the key is free to create.
+  constexpr int unknown = 1;
+  if (client == nullptr || key == nullptr) return unknown;
+  return no_throw(unknown, [=] {
+    const char *words[] = {"EXISTS", key};
+    const size_t lengths[] = {6, key_length};
+    vk_reply reply;
+    const int status =
+        run_words(client, 2, words, lengths, REDIS_REPLY_INTEGER, REDIS_REPLY_INTEGER, reply);
+    return status != VK_OK || reply->integer != 0 ? 1 : 0;
+  });
+}

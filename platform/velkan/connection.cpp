@@ -1,0 +1,185 @@
+#include "connection.h"
+
+#include <netdb.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// More than a peer can mean: a reply that claims to be larger is garbage, and must not make this
+// process reserve, or read, what it claims.
+constexpr size_t largest_reply = 64U << 20;
+constexpr int most_elements = 1 << 20;
+
+using address_list = std::unique_ptr<addrinfo, call_to_release<freeaddrinfo>>;
+
+// Whether the socket is ready for `events` before the deadline; errno is ETIMEDOUT if not.
+bool wait_for(int socket, short events, vk_clock::time_point deadline) {
+  pollfd entry = {socket, events, 0};
+  for (;;) {
+    const auto left = std::chrono::ceil<milliseconds>(deadline - vk_clock::now()).count();
+    const int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left, 0)));
+    if (ready > 0) return true;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) errno = ETIMEDOUT;
+    return false;
+  }
+}
+
+unique_fd connect_socket(int family, const sockaddr *address, socklen_t length,
+                         vk_clock::time_point deadline) {
+  unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!socket) return {};
+  if (connect(socket.get(), address, length) != 0) {
+    if (errno != EINPROGRESS || !wait_for(socket.get(), POLLOUT, deadline)) return {};
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    if (error != 0) {
+      errno = error;
+      return {};
+    }
+  }
+  return socket;
+}
+
+unique_fd connect_local(const std::string &path, vk_clock::time_point deadline) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return {};
+  }
+  memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return connect_socket(AF_UNIX, reinterpret_cast<const sockaddr *>(&address), sizeof address,
+                        deadline);
+}
+
+unique_fd connect_tcp(const std::string &host, int port, vk_clock::time_point deadline) {
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo *found = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+    errno = EHOSTUNREACH;
+    return {};
+  }
+  const address_list addresses(found);
+  for (const addrinfo *address = found; address != nullptr; address = address->ai_next) {
+    unique_fd socket =
+        connect_socket(address->ai_family, address->ai_addr, address->ai_addrlen, deadline);
+    if (!socket) continue;
+    const int on = 1;
+    setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    return socket;
+  }
+  return {};
+}
+
+// From now on a receive waits by itself, for the command timeout.
+bool make_patient(int socket) {
+  const timeval timeout = {vk_connection::command_timeout.count() / 1000, 0};
+  const int flags = fcntl(socket, F_GETFL);
+  return flags >= 0 && fcntl(socket, F_SETFL, flags & ~O_NONBLOCK) == 0 &&
+         setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+}
+
+decltype(redisReplyObjectFunctions::createArray) create_any_array = nullptr;
+
+void *create_sane_array(const redisReadTask *task, int elements) {
+  return elements > most_elements ? nullptr : create_any_array(task, elements);
+}
+
+// A reader that believes no length without bounds.
+vk_reader make_reader() {
+  vk_reader reader(redisReaderCreate());
+  if (!reader) return nullptr;
+  static redisReplyObjectFunctions functions = [&reader] {
+    redisReplyObjectFunctions own = *reader->fn;
+    create_any_array = own.createArray;
+    own.createArray = create_sane_array;
+    return own;
+  }();
+  reader->fn = &functions;
+  return reader;
+}
+
+}  // namespace
+
+vk_command::vk_command(int count, const char **arguments, const size_t *lengths) {
+  char *text = nullptr;
+  length_ = redisFormatCommandArgv(&text, count, arguments, lengths);
+  if (length_ >= 0) text_.reset(text);
+}
+
+std::optional<vk_connection> vk_connection::open(const std::string &host, int port,
+                                                 vk_clock::time_point deadline) {
+  unique_fd socket =
+      host.starts_with('/') ? connect_local(host, deadline) : connect_tcp(host, port, deadline);
+  if (!socket || !make_patient(socket.get())) return std::nullopt;
+  vk_reader reader = make_reader();
+  if (!reader) return std::nullopt;
+  return vk_connection(std::move(socket), std::move(reader));
+}
+
+vk_io vk_connection::ask(std::string_view command, vk_clock::time_point deadline, bool patient,
+                         vk_reply &reply) {
+  // What is left over belongs to no command that was sent; the answers would be out of step.
+  if (reader_->pos != reader_->len) return vk_io::garbage;
+  const vk_io sent = send_all(command, deadline);
+  return sent == vk_io::ok ? receive(deadline, patient, reply) : sent;
+}
+
+vk_io vk_connection::send_all(std::string_view bytes, vk_clock::time_point deadline) {
+  while (!bytes.empty()) {
+    // A peer that is gone must give an error, never a signal that ends the process.
+    const ssize_t sent =
+        ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent >= 0) {
+      bytes.remove_prefix(static_cast<size_t>(sent));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (!wait_for(socket_.get(), POLLOUT, deadline)) return vk_io::timed_out;
+    } else if (errno != EINTR) {
+      return vk_io::broken;
+    }
+  }
+  return vk_io::ok;
+}
+
+vk_io vk_connection::receive(vk_clock::time_point deadline, bool patient, vk_reply &reply) {
+  char buffer[16 * 1024];
+  size_t total = 0;
+  for (;;) {
+    void *complete = nullptr;
+    if (redisReaderGetReply(reader_.get(), &complete) != REDIS_OK) return vk_io::garbage;
+    if (complete != nullptr) {
+      reply.reset(static_cast<redisReply *>(complete));
+      return vk_io::ok;
+    }
+    if (total > largest_reply) return vk_io::garbage;
+    if (!patient && !wait_for(socket_.get(), POLLIN, deadline)) return vk_io::timed_out;
+    const ssize_t got = recv(socket_.get(), buffer, sizeof buffer, patient ? 0 : MSG_DONTWAIT);
+    if (got == 0) return vk_io::broken;
+    if (got > 0) {
+      if (redisReaderFeed(reader_.get(), buffer, static_cast<size_t>(got)) != REDIS_OK) {
+        return vk_io::garbage;
+      }
+      total += static_cast<size_t>(got);
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (patient) return vk_io::timed_out;
+    } else if (errno != EINTR) {
+      return vk_io::broken;
+    }
+    patient = false;  // whatever comes after the first piece is held to the deadline
+  }
+}

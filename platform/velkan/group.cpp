@@ -1,0 +1,162 @@
+#include "group.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr milliseconds connect_timeout{500};  // for all servers together
+constexpr milliseconds trial_timeout{200};    // for everything, after a failure
+constexpr int longest_pause = 60;             // seconds
+
+struct log_level {
+  unsigned bit;
+  int priority;
+};
+
+constexpr log_level as_error = {VK_LOG_ERROR, LOG_ERR};
+constexpr log_level as_warning = {VK_LOG_WARNING, LOG_WARNING};
+constexpr log_level as_notice = {VK_LOG_NOTICE, LOG_NOTICE};
+constexpr log_level as_event = {VK_LOG_EVENT, LOG_INFO};
+constexpr log_level as_debug = {VK_LOG_DEBUG, LOG_DEBUG};
+
+__attribute__((format(printf, 3, 4))) void write_log(const vk_state &state, log_level level,
+                                                     const char *format, ...) {
+  if ((state.log_mask & level.bit) == 0) return;
+  va_list arguments;
+  va_start(arguments, format);
+  vsyslog(LOG_USER | level.priority, format, arguments);
+  va_end(arguments);
+}
+
+const char *describe(vk_io result) {
+  switch (result) {
+    case vk_io::broken:
+      return "connection lost";
+    case vk_io::timed_out:
+      return "no answer in time";
+    default:
+      return "not the protocol of a cache server";
+  }
+}
+
+bool is_master(const redisReply &role) {
+  if (role.type != REDIS_REPLY_ARRAY || role.elements == 0) return false;
+  const redisReply &kind = *role.element[0];
+  return kind.type == REDIS_REPLY_STRING && std::string_view(kind.str, kind.len) == "master";
+}
+
+std::string command_text(std::initializer_list<std::string_view> words) {
+  std::vector<const char *> arguments;
+  std::vector<size_t> lengths;
+  for (const std::string_view word : words) {
+    arguments.push_back(word.data());
+    lengths.push_back(word.size());
+  }
+  const vk_command command(static_cast<int>(words.size()), arguments.data(), lengths.data());
+  return command.empty() ? std::string() : std::string(command.bytes());
+}
+
+// Logs in, asks for the role and takes the database, all in one exchange. Empty when the server
+// is ready for commands, else why it is not.
+std::string shake_hands(const vk_state &state, vk_connection &connection,
+                        vk_clock::time_point deadline) {
+  const auto key = state.keys.find(state.database);
+  const bool has_key = key != state.keys.end();
+  std::string greeting = has_key ? command_text({"AUTH", key->second}) : std::string();
+  greeting += command_text({"ROLE"});
+  greeting += command_text({"SELECT", std::to_string(state.database)});
+  if (const vk_io sent = connection.send_all(greeting, deadline); sent != vk_io::ok) {
+    return describe(sent);
+  }
+  const int replies = has_key ? 3 : 2;
+  for (int number = 0; number < replies; number++) {
+    vk_reply reply;
+    const vk_io received = connection.receive(deadline, false, reply);
+    if (received != vk_io::ok) return describe(received);
+    if (reply->type == REDIS_REPLY_ERROR) return {reply->str, reply->len};
+    if (number == replies - 2 && !is_master(*reply)) return "not a master";
+  }
+  return {};
+}
+
+// Finds the master. Each server gets an even share of the time left, so that one that hangs cannot
+// hide the one after it.
+bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
+  auto left = static_cast<int>(state.servers.size());
+  for (const vk_server &server : state.servers) {
+    const auto now = vk_clock::now();
+    const auto share = now + std::max(deadline - now, vk_clock::duration::zero()) / left--;
+    auto connection = vk_connection::open(server.host, server.port, share);
+    const std::string fault = connection ? shake_hands(state, *connection, share) : strerror(errno);
+    if (fault.empty()) {
+      write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
+                server.host.c_str());
+      state.connection = std::move(connection);
+      return true;
+    }
+    write_log(state, as_warning, "velkan: server %s (%s) is passed over: %s", server.name.c_str(),
+              server.host.c_str(), fault.c_str());
+  }
+  return false;
+}
+
+int give_up(vk_state &state, int code) {
+  const int pause = state.failures >= 6 ? longest_pause : 1 << state.failures;
+  state.connection.reset();
+  state.failures++;
+  state.paused_until = vk_clock::now() + seconds(pause);
+  write_log(state, as_error, "velkan: %s; not asking for %d s", vk_strerror(code), pause);
+  return code;
+}
+
+bool is_read_only(const redisReply &reply) {
+  return reply.type == REDIS_REPLY_ERROR &&
+         std::string_view(reply.str, reply.len).starts_with("READONLY");
+}
+
+}  // namespace
+
+int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
+  if (command.empty()) return VK_ERR_MEMORY;
+  const std::lock_guard guard(state.lock);
+  if (state.servers.empty()) return VK_ERR_CLIENT;
+  const auto start = vk_clock::now();
+  if (!state.connection && start < state.paused_until) return VK_ERR_DOWN;
+  const bool on_trial = state.failures > 0;
+  const auto deadline = start + (on_trial ? trial_timeout : vk_connection::command_timeout);
+
+  int failure = VK_ERR_IO;
+  for (int attempt = 0; attempt < 2; attempt++) {
+    const bool is_fresh = !state.connection;
+    if (is_fresh &&
+        !connect_to_master(state, std::min(deadline, vk_clock::now() + connect_timeout))) {
+      return give_up(state, VK_ERR_DOWN);
+    }
+    const vk_io result =
+        state.connection->ask(command.bytes(), deadline, !is_fresh && !on_trial, reply);
+    if (result == vk_io::timed_out || result == vk_io::garbage) return give_up(state, VK_ERR_IO);
+    if (result == vk_io::ok && !is_read_only(*reply)) {
+      if (reply->type == REDIS_REPLY_ERROR) {
+        write_log(state, as_debug, "velkan: error reply: %s", reply->str);
+        return VK_ERR_REPLY;
+      }
+      state.failures = 0;
+      return VK_OK;
+    }
+    // The server ended the connection, as at a restart, or is no master any more: both are known
+    // at once, so that the command may be given again without waiting twice.
+    failure = result == vk_io::ok ? VK_ERR_REPLY : VK_ERR_IO;
+    write_log(state, as_notice, "velkan: %s",
+              result == vk_io::ok ? "server turned read-only" : describe(result));
+    state.connection.reset();
+  }
+  return give_up(state, failure);
+}
