@@ -44,7 +44,7 @@ void store(safestr_t &value, std::string_view text) {
 class section_filter {
  public:
   explicit section_filter(const char *section)
-      : header_(section == nullptr ? std::string() : "[" + std::string(section) + "]"),
+      : header_(section == nullptr ? std::string() : std::string("[").append(section).append("]")),
         inside_(section == nullptr) {}
 
   // Whether settings of this line count. Any line with both brackets is a header, a value with

@@ -21,7 +21,7 @@ class Astconf : public testing::Test {
     return box.path("asterisk.conf");
   }
 
-  support::sandbox box{{.use_database = false, .use_cache = false}};
+  support::sandbox box{{.use_database = false, .use_cache = false, .extra_lines = {}}};
 };
 
 const char *const keys[] = {"spool", "lib", nullptr};

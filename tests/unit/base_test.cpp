@@ -186,7 +186,7 @@ TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
 }
 
 TEST(Parseconfig, TakesEveryFormOfALine) {
-  support::sandbox box({.use_database = false, .use_cache = false});
+  support::sandbox box({.use_database = false, .use_cache = false, .extra_lines = {}});
   const struct {
     const char *content;
     const char *expected;

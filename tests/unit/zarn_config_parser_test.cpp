@@ -39,7 +39,7 @@ class ConfigParser : public testing::Test {
     log.clear();
   }
 
-  support::sandbox box{{.use_database = false, .use_cache = false}};
+  support::sandbox box{{.use_database = false, .use_cache = false, .extra_lines = {}}};
   support::log_capture log;
 };
 

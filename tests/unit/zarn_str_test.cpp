@@ -244,7 +244,7 @@ TEST(Utf8, LeadBytesTellTheCharactersLength) {
 }
 
 TEST(NodeId, IsTheFirstLineWithoutItsTrailingBlanks) {
-  support::sandbox box({.use_database = false, .use_cache = false});
+  support::sandbox box({.use_database = false, .use_cache = false, .extra_lines = {}});
   const auto node_file = "etc/quorvexnode/nodeid";
   std::filesystem::remove(box.path(node_file));
   EXPECT_EQ(nullptr, get_nodeid());
