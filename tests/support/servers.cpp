@@ -130,7 +130,19 @@ void server::kill_hard() {
 }
 
 void server::pause() {
-  if (child_) child_->kill(SIGSTOP);
+  if (!child_) return;
+  child_->kill(SIGSTOP);
+  // Its threads stop one by one, and one that still runs may answer once more.
+  const auto stopped = [this] {
+    for (const auto &task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/task")) {
+      std::string stat;
+      std::getline(std::ifstream(task.path() / "stat"), stat);
+      if (stat.find(") T ") == std::string::npos) return false;
+    }
+    return true;
+  };
+  while (child_->running() && !stopped()) std::this_thread::sleep_for(1ms);
 }
 
 void server::resume() {
@@ -149,6 +161,9 @@ mariadb_server::mariadb_server(mariadb_options options)
 
 void mariadb_server::make_template(const std::filesystem::path &folder) {
   const std::filesystem::path users = folder.string() + ".sql";
+  // Servers that share a folder for temporary tables take each other's away.
+  const std::filesystem::path scratch = folder.string() + ".tmp";
+  std::filesystem::create_directory(scratch);
   // The flush turns accounts on, which the server that runs this has switched off.
   std::ofstream(users) << "FLUSH PRIVILEGES;\nCREATE USER '" << database_user
                        << "'@'%' IDENTIFIED BY '" << database_password
@@ -158,6 +173,7 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
                                    "--no-defaults",
                                    user_argument(),
                                    "--datadir=" + folder.string(),
+                                   "--tmpdir=" + scratch.string(),
                                    "--auth-root-authentication-method=normal",
                                    "--skip-test-db",
                                    "--skip-name-resolve",
@@ -175,6 +191,7 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
     throw std::runtime_error("mariadb-install-db failed:\n" + result.out + result.err);
   }
   std::filesystem::remove(users);
+  std::filesystem::remove_all(scratch);
 }
 
 std::vector<std::string> mariadb_server::command() const {
@@ -232,6 +249,8 @@ std::vector<std::string> redis_server::command() const {
                                    "",
                                    "--appendonly",
                                    "no",
+                                   "--repl-diskless-sync-delay",
+                                   "0",
                                    "--daemonize",
                                    "no",
                                    "--loglevel",
