@@ -87,6 +87,13 @@ TEST(MailHeader, BudgetsEachWordByTheRoomLeftOnItsLine) {
   }
 }
 
+TEST(MailHeader, TextWithoutRoomBesideALongNameBeginsOnTheNextLine) {
+  const string name(61, 'N');  // leaves 3 columns
+  EXPECT_EQ(name + ": =?UTF-8?B?\?=\n =?UTF-8?B?aGk=?=\n", encode(name, "UTF-8", "hi", nullptr));
+  const string shorter(60, 'N');
+  EXPECT_EQ(shorter + ": =?UTF-8?B?aGk=?=\n", encode(shorter, "UTF-8", "hi", nullptr));
+}
+
 TEST(MailHeader, NeverSplitsACharacterBetweenWords) {
   for (const string character : {"\xc3\xa4", "\xe2\x82\xac", "\xf0\x9f\x93\x9e"}) {
     for (size_t shift = 0; shift < 4; ++shift) {
