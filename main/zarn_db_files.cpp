@@ -8,8 +8,10 @@ QX_LOG_SOURCE("../main/zarn_db_files");
 
 namespace {
 
-// The sum of one account's files, by the account's level. The whole table has no use for the
-// account, so that its statement leaves the second argument over.
+// The sum of one account's files, by the account's level. The statement of the whole table has no
+// use for the account and leaves that argument over. It is kept as it is, naming an alias that it
+// does not give: a caller brings the alias with the table, and no account that is measured has
+// that level.
 struct level_statement {
   int level;
   const char *format;

@@ -11,8 +11,9 @@ extern "C" {
 #endif
 
 /* Bytes that a table holds for one account: for a level of 100 its own extensions', for 50 and 10
- * those of all users below it, for 0 the whole table; 0 for any other level and when there are no
- * files. -1 on failure. The account id goes into the statement as it is. */
+ * those of all users below it, for 0 the whole table, which must then be given with its alias
+ * ("extension_recording as er"); 0 for any other level and when there are no files. -1 on failure.
+ * Table and account id go into the statement as they are. */
 int64_t qx_get_db_files_quota(const char *table, int level, const char *account_id);
 
 #ifdef __cplusplus
