@@ -6,12 +6,12 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "base/owner.h"
 #include "quota/refresh.h"
 #include "ratio.h"
+#include "support/servers.h"
 
 namespace {
 
@@ -37,13 +37,12 @@ void truncate_and_write(const std::string &path) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  char folder[] = "/tmp/spoolcap-record-XXXXXX";
-  if (mkdtemp(folder) == nullptr) return 1;
+  const support::private_folder folder("bench-record");
   struct statfs file_system;
-  if (statfs(folder, &file_system) != 0 || file_system.f_type != ext4_magic)
+  if (statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic)
     printf("(the next figure has its target on ext4; this file system is another)\n");
-  const std::string rewritten = std::string(folder) + "/fax.quota";
-  const std::string truncated = std::string(folder) + "/sound.quota";
+  const std::string rewritten = folder.path() / "fax.quota";
+  const std::string truncated = folder.path() / "sound.quota";
   if (quota_real_update(rewritten.c_str(), 1, 0) != 0 ||
       quota_real_update(truncated.c_str(), 1, 0) != 0)
     return 1;
@@ -51,7 +50,5 @@ int main(int argc, char **argv) {
       0.15, "rewriting a quota record", "open, lock, truncate to 0, write, close",
       ratio::once([rewritten] { quota_real_update(rewritten.c_str(), next_value(), 0); }),
       ratio::once([truncated] { truncate_and_write(truncated); }), ratio::length::calls);
-  const int status = ratio::run(argc, argv);
-  std::filesystem::remove_all(folder);
-  return status;
+  return ratio::run(argc, argv);
 }

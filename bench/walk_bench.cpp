@@ -1,11 +1,11 @@
 // Measuring directories: compute_quota beside the bare system calls, and beside du.
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "quota/measure.h"
 #include "ratio.h"
+#include "support/servers.h"
 #include "trees.h"
 
 namespace {
@@ -37,10 +37,9 @@ int64_t measure(const std::string &root) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  char folder[] = "/tmp/spoolcap-walk-XXXXXX";
-  if (mkdtemp(folder) == nullptr) return 1;
+  const support::private_folder folder("bench-walk");
   for (const tree &one : trees) {
-    const std::string root = std::string(folder) + "/" + std::to_string(&one - trees);
+    const std::string root = folder.path() / std::to_string(&one - trees);
     one.make(root);
     if (measure(root) != bare_walk(root.c_str())) {
       fprintf(stderr, "bench: the two walks disagree on %s\n", one.name);
@@ -56,7 +55,5 @@ int main(int argc, char **argv) {
                       if (system(du.c_str()) != 0) abort();
                     }));
   }
-  const int status = ratio::run(argc, argv);
-  std::filesystem::remove_all(folder);
-  return status;
+  return ratio::run(argc, argv);
 }

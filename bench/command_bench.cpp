@@ -1,0 +1,156 @@
+// The command as a whole beside bare programs that do the same work, and what a run takes of the
+// database's connections and of memory.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "ratio.h"
+#include "support/paths_sandbox.h"
+#include "support/sandbox.h"
+#include "trees.h"
+
+namespace {
+
+using command = std::vector<std::string>;
+
+// Runs a program to its end, in a sandbox and with its output thrown away; its peak memory in KiB.
+long run_silently(const support::sandbox &box, const command &arguments) {
+  setenv(support::paths_root_variable, box.root().c_str(), 1);
+  std::vector<char *> argv;
+  for (const std::string &argument : arguments)
+    argv.push_back(const_cast<char *>(argument.c_str()));
+  argv.push_back(nullptr);
+  const pid_t child = vfork();
+  if (child == 0) {
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(null, STDOUT_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  int status = 0;
+  struct rusage usage = {};
+  if (wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    fprintf(stderr, "bench: %s failed\n", argv[0]);
+    exit(1);
+  }
+  return usage.ru_maxrss;
+}
+
+ratio::body running(const support::sandbox &box, const command &arguments) {
+  return ratio::once([&box, arguments] { run_silently(box, arguments); });
+}
+
+command bare(const char *program, const support::sandbox &box) {
+  const support::shared_server_set &servers = support::shared_servers();
+  return {program,
+          servers.mariadb_socket,
+          support::database_user,
+          support::database_password,
+          box.database(),
+          servers.redis_socket,
+          std::to_string(box.cache_database()),
+          box.root().string()};
+}
+
+constexpr int resellers = 50;
+constexpr int clients = 500;
+constexpr int owners = 5000;
+constexpr int first_client = 100;
+constexpr int first_owner = 1000;
+
+void fill_accounts(support::sandbox &box) {
+  const std::string statements[] = {
+      "INSERT INTO client(id, parent_client_id, level) SELECT seq, 0, 10 FROM seq_1_to_50",
+      "INSERT INTO client(id, parent_client_id, level) SELECT seq, 1 + seq MOD 50, 50 FROM "
+      "seq_100_to_599",
+      "INSERT INTO client(id, parent_client_id, level) SELECT seq, 100 + seq MOD 500, 100 FROM "
+      "seq_1000_to_5999",
+      "INSERT INTO hs_account(userID, username) SELECT id, CONCAT('user', id) FROM client",
+      "INSERT INTO extension(id, client_id, number, extended_number) SELECT id, id, id, "
+      "CONCAT('x*', id) FROM client WHERE level = 100",
+      "INSERT INTO extension_recording(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
+      "FROM seq_1_to_50000",
+      "INSERT INTO extension_voicemail(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
+      "FROM seq_1_to_20000",
+      "INSERT INTO extension_fax_center(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
+      "FROM seq_1_to_10000",
+      "ANALYZE TABLE client, hs_account, extension, extension_recording, extension_voicemail, "
+      "extension_fax_center"};
+  for (const std::string &statement : statements) box.sql(statement);
+}
+
+void fill_media(support::sandbox &box) {
+  for (int id = first_owner; id < first_owner + owners; ++id) {
+    make_flat_tree(box.path(box.sound_folder(std::to_string(id))), 1, 5);
+    make_flat_tree(box.path(box.music_folder(std::to_string(id))), 1, 3);
+  }
+}
+
+void add_whole_platform(support::sandbox &box) {
+  static_assert(resellers == 50 && clients == 500 && first_client == 100);
+  fill_accounts(box);
+  fill_media(box);
+  const command set = {SPOOLCAP_SANDBOX_BINARY, "--action", "set", "--all", "--force", "--quiet"};
+  run_silently(box, set);
+  ratio::at_most(1.15, "set --all --force --quiet, 5,550 accounts", "a bare program doing the same",
+                 running(box, set), running(box, bare(SPOOLCAP_BARE_SET, box)));
+}
+
+void add_show(support::sandbox &box) {
+  box.add_reseller(1, "reseller");
+  box.add_client(2, 1, "client");
+  box.add_owner(12, 2, "owner");
+  run_silently(box, {SPOOLCAP_SANDBOX_BINARY, "--action", "set", "--uid", "1", "--force"});
+  const command show = {SPOOLCAP_SANDBOX_BINARY, "--action", "show", "--uid", "12"};
+  run_silently(box, show);  // and its lookups are in the cache
+  ratio::at_most(1.15, "show of one account", "connect, one query, three cached fields",
+                 running(box, show), running(box, bare(SPOOLCAP_BARE_SHOW, box)));
+}
+
+long connections(const support::sandbox &box) {
+  const auto rows = box.sql("SHOW GLOBAL STATUS LIKE 'Connections'");
+  return std::stol(rows.at(0).at(1).value());
+}
+
+// 100,000 accounts and a million files.
+void measure_memory() {
+  support::sandbox box;
+  box.sql("INSERT INTO client(id, parent_client_id, level) VALUES (1, 0, 10), (2, 1, 50)");
+  box.sql(
+      "INSERT INTO client(id, parent_client_id, level) SELECT 100 + seq, 2, 100 FROM "
+      "seq_1_to_99998");
+  box.sql("INSERT INTO hs_account(userID, username) SELECT id, CONCAT('user', id) FROM client");
+  make_flat_tree(box.path(box.sound_folder("0001")), 1, 500000);
+  make_flat_tree(box.path(box.music_folder("0001")), 5000, 100);
+  const long before = connections(box);
+  const long set =
+      run_silently(box, {SPOOLCAP_SANDBOX_BINARY, "--action", "set", "--all", "--quiet"});
+  const long after_set = connections(box);
+  const long show = run_silently(box, {SPOOLCAP_SANDBOX_BINARY, "--action", "show", "--all"});
+  ratio::bound("peak memory of set, 100,000 accounts", "MiB", static_cast<double>(set) / 1024, 32);
+  ratio::bound("peak memory of show, 100,000 accounts", "MiB", static_cast<double>(show) / 1024,
+               32);
+  ratio::bound("connections opened by one set", "as many as sessions held at once",
+               static_cast<double>(after_set - before), 1);
+  ratio::bound("connections opened by one show", "as many as sessions held at once",
+               static_cast<double>(connections(box) - after_set), 2);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  measure_memory();
+  support::sandbox small;
+  ratio::at_most(1.05, "spoolcap --help", "an empty program with the same libraries",
+                 running(small, {SPOOLCAP_BINARY, "--help"}), running(small, {SPOOLCAP_EMPTY}));
+  add_show(small);
+  support::sandbox large;
+  add_whole_platform(large);
+  return ratio::run(argc, argv);
+}

@@ -1,0 +1,105 @@
+// Lookups: sums of the database beside the bare client call, cached fields beside the bare command.
+#include <hiredis/hiredis.h>
+#include <mysql.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "base/owner.h"
+#include "ratio.h"
+#include "sqlsession.h"
+#include "support/sandbox.h"
+#include "zarn_db_files.h"
+#include "zarn_user.h"
+
+namespace {
+
+using mysql_connection = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
+using redis_connection = std::unique_ptr<redisContext, call_to_release<redisFree>>;
+using redis_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
+
+constexpr int owner_id = 12;
+
+mysql_connection connect_mysql(const support::sandbox &box) {
+  mysql_connection connection(mysql_init(nullptr));
+  if (mysql_real_connect(connection.get(), nullptr, support::database_user,
+                         support::database_password, box.database().c_str(), 0,
+                         support::shared_servers().mariadb_socket.c_str(), 0) == nullptr)
+    abort();
+  return connection;
+}
+
+int64_t bare_sum(MYSQL *connection) {
+  static const std::string statement =
+      "SELECT SUM(er.filesize) FROM extension_recording as er, extension as e WHERE "
+      "e.id=er.extension_id and e.client_id='12'";
+  if (mysql_real_query(connection, statement.data(), statement.size()) != 0) abort();
+  const std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>> rows(
+      mysql_store_result(connection));
+  return strtoll(mysql_fetch_row(rows.get())[0], nullptr, 10);
+}
+
+redis_connection connect_redis(const support::sandbox &box) {
+  redis_connection connection(redisConnectUnix(support::shared_servers().redis_socket.c_str()));
+  const redis_reply selected(
+      static_cast<redisReply *>(redisCommand(connection.get(), "SELECT %d", box.cache_database())));
+  if (selected == nullptr || selected->type != REDIS_REPLY_STATUS) abort();
+  return connection;
+}
+
+void bare_hget(redisContext *connection) {
+  const char *argv[] = {"HGET", "res:inf:mng:12", "lvl"};
+  const size_t lengths[] = {4, 14, 3};
+  const redis_reply reply(
+      static_cast<redisReply *>(redisCommandArgv(connection, 3, argv, lengths)));
+  if (reply == nullptr || reply->type != REDIS_REPLY_STRING) abort();
+}
+
+void three_fields() {
+  const char *names[] = {"max_moh", "max_record", "max_sound"};
+  char **values = qx_account_get_prefs(owner_id, 3, names);
+  if (values == nullptr || values[2] == nullptr) abort();
+  for (int i = 0; i < 3; ++i) free(values[i]);
+  free(values);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  support::sandbox box;
+  box.add_reseller(1, "reseller");
+  box.add_client(2, 1, "client");
+  box.add_owner(owner_id, 2, "owner");
+  for (const char *name : {"max_moh", "max_record", "max_sound"})
+    box.set_preference(owner_id, name, "100");
+  box.sql(
+      "INSERT INTO extension(id, client_id, number, extended_number) "
+      "SELECT seq, 12, seq, CONCAT('0002*', seq) FROM seq_1_to_20000");
+  box.sql(
+      "INSERT INTO extension_recording(extension_id, filesize) "
+      "SELECT 1 + seq MOD 20000, seq FROM seq_1_to_200000");
+  box.sql("ANALYZE TABLE extension, extension_recording");
+  qx_sql_pool_init();
+
+  const mysql_connection sql = connect_mysql(box);
+  const redis_connection redis = connect_redis(box);
+  if (qx_get_db_files_quota("extension_recording", 100, "12") != bare_sum(sql.get())) {
+    fprintf(stderr, "bench: the two sums disagree\n");
+    return 1;
+  }
+  ratio::at_most(1.05, "sum of 200,000 rows of 20,000 extensions", "the bare client call",
+                 ratio::once([] { qx_get_db_files_quota("extension_recording", 100, "12"); }),
+                 ratio::once([&] { bare_sum(sql.get()); }));
+
+  if (qx_account_get_level(owner_id) != 100) return 1;  // and the caches are warm
+  three_fields();
+  ratio::at_most(1.10, "one cached field", "bare hiredis HGET",
+                 ratio::once([] { qx_account_get_level(owner_id); }),
+                 ratio::once([&] { bare_hget(redis.get()); }), ratio::length::calls);
+  ratio::at_most(1.30, "three cached fields at once", "bare hiredis HGET",
+                 ratio::once([] { three_fields(); }), ratio::once([&] { bare_hget(redis.get()); }),
+                 ratio::length::calls);
+  return ratio::run(argc, argv);
+}
