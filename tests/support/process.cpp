@@ -112,8 +112,7 @@ std::filesystem::path find_program(const std::string &name) {
   folders += ":/usr/local/sbin:/usr/sbin:/sbin:/usr/bin:/bin";
   for (std::size_t from = 0; from <= folders.size();) {
     const std::size_t to = std::min(folders.find(':', from), folders.size());
-    const std::filesystem::path candidate =
-        std::filesystem::path(folders.substr(from, to - from)) / name;
+    std::filesystem::path candidate = std::filesystem::path(folders.substr(from, to - from)) / name;
     if (to > from && access(candidate.c_str(), X_OK) == 0) return candidate;
     from = to + 1;
   }

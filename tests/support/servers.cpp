@@ -232,32 +232,15 @@ redis_server::redis_server(redis_options options)
 }
 
 std::vector<std::string> redis_server::command() const {
-  std::vector<std::string> argv = {"redis-server",
-                                   "--port",
-                                   std::to_string(port()),
-                                   "--bind",
-                                   "127.0.0.1",
-                                   "--unixsocket",
-                                   socket(),
-                                   "--unixsocketperm",
-                                   "700",
-                                   "--dir",
-                                   folder().string(),
-                                   "--databases",
-                                   std::to_string(redis_databases),
-                                   "--save",
-                                   "",
-                                   "--appendonly",
-                                   "no",
-                                   "--repl-diskless-sync-delay",
-                                   "0",
-                                   "--daemonize",
-                                   "no",
-                                   "--loglevel",
-                                   "notice"};
+  std::vector<std::string> argv = {"redis-server"};
   const auto add = [&argv](std::initializer_list<std::string> more) {
     argv.insert(argv.end(), more);
   };
+  add({"--port", std::to_string(port()), "--bind", "127.0.0.1"});
+  add({"--unixsocket", socket(), "--unixsocketperm", "700"});
+  add({"--dir", folder().string(), "--databases", std::to_string(redis_databases)});
+  add({"--save", "", "--appendonly", "no", "--daemonize", "no"});
+  add({"--repl-diskless-sync-delay", "0"});  // a replica has not to wait for others
   if (!options_.password.empty()) add({"--requirepass", options_.password});
   if (!options_.master_host.empty()) {
     add({"--replicaof", options_.master_host, std::to_string(options_.master_port)});

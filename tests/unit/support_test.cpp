@@ -117,7 +117,7 @@ TEST(MariaDbServer, CrashesHangsAndComesBackWithItsData) {
   options.use_cache = false;
   {
     const sandbox box(options);
-    const std::string database = box.database();
+    const std::string &database = box.database();
     const auto tables = [&] {
       process_options limit;
       limit.limit = 1s;
