@@ -1,6 +1,7 @@
 #include "zarn_velkan.h"
 
 #include <gtest/gtest.h>
+#include <syslog.h>
 
 #include <cstring>
 
@@ -136,6 +137,26 @@ TEST_F(ZarnVelkan, AddingAServerGivesOneForAValueThatIsNotItsOwn) {
   EXPECT_EQ(add_vk_srv_(client, "Main:a:b:h:1"), 1);
   EXPECT_EQ(add_vk_srv_(client, ""), 1);
   EXPECT_EQ(add_vk_srv_(client, "main:a:b::1"), VK_ERR_ARGUMENT) << "the library's own status";
+}
+
+TEST_F(ZarnVelkan, WhatIsWrittenToSyslogDirectlyKeepsItsTexts) {
+  set_up();
+  openlog("spoolcap", LOG_PERROR, LOG_USER);  // shows on standard error what is sent
+  testing::internal::CaptureStderr();
+  add_vk_srv_(client, "main:a:b:h");
+  add_vk_srv_(client, "other:a:b:h:1");
+  add_vk_syslog_(client, "none|of|these");
+  add_vk_syslog_(client, "ERROR|WARNING");
+  log_wrap(LOG_ERR, "%s %d", "wrapped", 7);
+  const std::string written = testing::internal::GetCapturedStderr();
+  closelog();
+  EXPECT_EQ(written,
+            "spoolcap: Failed to parse disdb host. Entry: main:a:b:h.\n"
+            "spoolcap: Skiping velkan server (null) from partition other\n"
+            "spoolcap: Parsing syslog loglevel for libvelkan: none|of|these\n"
+            "spoolcap: Parsing syslog loglevel for libvelkan: ERROR|WARNING\n"
+            "spoolcap: Enabling syslog for libvelkan. Loglevel: 0x11\n"
+            "spoolcap: wrapped 7\n");
 }
 
 TEST_F(ZarnVelkan, AClientThatWasSetUpReachesItsDatabase) {

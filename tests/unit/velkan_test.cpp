@@ -1,0 +1,459 @@
+#include "velkan/velkan.h"
+
+#include <gtest/gtest.h>
+#include <hiredis.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <thread>
+
+#include "base/owner.h"
+#include "support/servers.h"
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using support::redis_server;
+
+namespace {
+
+using optional_text = std::optional<std::string>;
+using clock_type = std::chrono::steady_clock;
+
+double seconds_since(clock_type::time_point start) {
+  return std::chrono::duration<double>(clock_type::now() - start).count();
+}
+
+// A client of its own, with the calls that the tests use in short form.
+class cache_client {
+ public:
+  explicit cache_client(std::initializer_list<std::string> hosts, const std::string &key = "") {
+    vk_mm_t *memory = vk_mm_create(malloc, calloc, realloc, free);
+    client_ = vk_client_create(1, 2, memory, nullptr);
+    vk_mm_destroy(memory);
+    for (const std::string &host : hosts) EXPECT_EQ(add(host, 0), VK_OK);
+    EXPECT_EQ(vk_select(client_, 3, 0), VK_OK);
+    if (!key.empty()) {
+      EXPECT_EQ(vk_set_database_key(client_, 3, key.data(), key.size()), VK_OK);
+    }
+  }
+  cache_client(const cache_client &) = delete;
+  cache_client &operator=(const cache_client &) = delete;
+  ~cache_client() { vk_client_destroy(client_); }
+
+  int add(const std::string &host, int port) const {
+    return vk_server_add(client_, host.c_str(), port, "a:b");
+  }
+  vk_client_t *handle() const { return client_; }
+
+  int set(const std::string &key, const std::string &field, const std::string &value) const {
+    return vk_hset(client_, key.data(), key.size(), field.data(), field.size(), value.data(),
+                   value.size(), 0);
+  }
+  int get(const std::string &key, const std::string &field, optional_text &value) const {
+    char *text = nullptr;
+    size_t length = 0;
+    const int status = vk_hget_whole(client_, key.data(), key.size(), field.data(), field.size(),
+                                     &text, &length, "", 1);
+    const c_string owned(text);
+    value = text == nullptr ? std::nullopt : optional_text(std::string(text, length));
+    return status;
+  }
+  int get(const std::string &key, const std::string &field) const {
+    optional_text ignored;
+    return get(key, field, ignored);
+  }
+
+ private:
+  vk_client_t *client_ = nullptr;
+};
+
+// Elements of an array that was handed out, "-" for what is absent; all of it is freed.
+std::string joined(char **array, size_t count) {
+  std::string all;
+  for (size_t i = 0; array != nullptr && i < count; i++) {
+    const c_string element(array[i]);
+    if (i > 0) all += ',';
+    all += element ? element.get() : "-";
+  }
+  free(static_cast<void *>(array));
+  return all;
+}
+
+std::string ask(const redis_server &server, std::vector<const char *> words) {
+  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
+      redisConnectUnix(server.socket().c_str()));
+  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
+      static_cast<redisReply *>(
+          redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr)));
+  return reply && reply->str != nullptr ? std::string(reply->str, reply->len) : "";
+}
+
+void wait_for_link(const redis_server &replica) {
+  for (int i = 0; i < 500; i++) {
+    if (ask(replica, {"INFO", "replication"}).find("master_link_status:up") != std::string::npos) {
+      return;
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+  FAIL() << "the replica did not find its master";
+}
+
+support::redis_options over_tcp() {
+  support::redis_options options;
+  options.tcp = true;
+  return options;
+}
+
+support::redis_options replica_of(const redis_server &master) {
+  support::redis_options options = over_tcp();
+  options.master_host = "127.0.0.1";
+  options.master_port = master.port();
+  return options;
+}
+
+// A peer that sends what it is told to, whatever it is asked: `greeting` once something came, and
+// `answer` for all that comes later, a byte at a time when `drip` is set. An empty text is silence.
+struct script {
+  std::string greeting;
+  std::string answer;
+  bool drip = false;
+  bool hang_up = false;  // after the last text
+};
+
+class scripted_peer {
+ public:
+  explicit scripted_peer(script what) : script_(std::move(what)) {
+    listener_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, path().c_str(), sizeof address.sun_path - 1);
+    if (bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listener_.get(), 16) != 0) {
+      throw std::runtime_error("cannot listen on " + path());
+    }
+    thread_ = std::thread([this] { serve(); });
+  }
+  scripted_peer(const scripted_peer &) = delete;
+  scripted_peer &operator=(const scripted_peer &) = delete;
+  ~scripted_peer() {
+    stop_ = true;
+    shutdown(listener_.get(), SHUT_RDWR);
+    thread_.join();
+  }
+  std::string path() const { return folder_.path() / "peer"; }
+
+ private:
+  void serve() {
+    while (!stop_) {
+      const unique_fd peer(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+      if (!peer) continue;
+      const timeval often{0, 20'000};
+      setsockopt(peer.get(), SOL_SOCKET, SO_RCVTIMEO, &often, sizeof often);
+      if (!await(peer.get()) || !say(peer.get(), script_.greeting)) continue;
+      if (script_.answer.empty() && script_.hang_up) continue;
+      while (await(peer.get()) && say(peer.get(), script_.answer) && !script_.hang_up) continue;
+    }
+  }
+
+  // Until something comes; false when the other side is gone.
+  bool await(int peer) const {
+    char buffer[4096];
+    while (!stop_) {
+      const ssize_t got = recv(peer, buffer, sizeof buffer, 0);
+      if (got > 0) return true;
+      if (got == 0 || errno != EAGAIN) return false;
+    }
+    return false;
+  }
+
+  bool say(int peer, const std::string &text) const {
+    for (size_t at = 0; !stop_ && at < text.size();) {
+      const ssize_t sent =
+          send(peer, text.data() + at, script_.drip ? 1 : text.size() - at, MSG_NOSIGNAL);
+      if (sent < 0) return false;
+      at += static_cast<size_t>(sent);
+      if (script_.drip) std::this_thread::sleep_for(50ms);
+    }
+    return true;
+  }
+
+  support::private_folder folder_{"peer"};
+  script script_;
+  unique_fd listener_;
+  std::atomic<bool> stop_ = false;
+  std::thread thread_;
+};
+
+}  // namespace
+
+TEST(Velkan, KeysFieldsAndValuesHoldAnyBytes) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  const std::string all_bytes = "a\0b\r\n\xff$5\r\n"s;
+  for (const std::string &text : {all_bytes, ""s, std::string(3 << 20, 'x')}) {
+    optional_text value;
+    ASSERT_EQ(client.set("k" + all_bytes, "f" + all_bytes, text), VK_OK);
+    ASSERT_EQ(client.get("k" + all_bytes, "f" + all_bytes, value), VK_OK);
+    EXPECT_TRUE(value == text) << "a value of " << text.size() << " bytes came back changed";
+  }
+}
+
+TEST(Velkan, WhatIsAbsentIsAMissForAFieldAndAnErrorForAWholeHash) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  optional_text value = "old";
+  EXPECT_EQ(client.get("none", "f", value), VK_OK);
+  EXPECT_EQ(value, std::nullopt);
+  ASSERT_EQ(client.set("h", "f", ""), VK_OK);
+  EXPECT_EQ(client.get("h", "none", value), VK_OK);
+  EXPECT_EQ(value, std::nullopt);
+
+  size_t count = 1;
+  char **fields = nullptr, **values = nullptr;
+  EXPECT_EQ(vk_hgetall(client.handle(), "none", 4, &count, &fields, &values, 0, 0),
+            VK_ERR_NOT_FOUND);
+  EXPECT_EQ(vk_hgetall_whole(client.handle(), "none", 4, &count, &values, nullptr, 0, 0, "", 1),
+            VK_ERR_NOT_FOUND);
+  EXPECT_EQ(count, 0U);
+  EXPECT_EQ(values, nullptr);
+  EXPECT_EQ(vk_exists(client.handle(), "none", 4), 0);
+  EXPECT_NE(vk_exists(client.handle(), "h", 1), 0);
+}
+
+TEST(Velkan, SeveralFieldsAreReadAndWrittenAtOnceAndBothHandlesSeeThem) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  const char *fields[] = {"b", "a", "none", "c"};
+  const char *values[] = {"2", "", "x", "3"};
+  const size_t one[] = {1, 1, 4, 1}, lengths[] = {1, 0, 1, 1};
+  ASSERT_EQ(vk_hmset(client.handle(), "h", 1, fields, 2, one, values, lengths, 1), VK_OK);
+
+  for (vk_client_t *handle : {client.handle(), client.handle()->secondary}) {
+    size_t count = 0;
+    char **found = nullptr, *buffer = nullptr;
+    ASSERT_EQ(vk_hmget_whole(handle, "h", 1, fields, 4, one, &found, &count, &buffer, "", 1),
+              VK_OK);
+    EXPECT_EQ(count, 4U);
+    EXPECT_EQ(joined(found, count), "2,,-,-");
+    EXPECT_EQ(buffer, nullptr);
+  }
+  ASSERT_EQ(client.set("h", "c", "3"), VK_OK);
+  struct {
+    int offset, limit;
+    const char *fields, *values;
+  } const windows[] = {{0, 0, "b,a,c", "2,,3"}, {1, 0, "a,c", ",3"}, {1, 1, "a", ""},
+                       {0, 2, "b,a", "2,"},     {3, 0, "", ""},      {9, 9, "", ""}};
+  for (const auto &row : windows) {
+    size_t count = 0;
+    char **names = nullptr, **texts = nullptr;
+    ASSERT_EQ(vk_hgetall(client.handle(), "h", 1, &count, &names, &texts, row.offset, row.limit),
+              VK_OK);
+    EXPECT_EQ(joined(names, count), row.fields) << row.offset << " " << row.limit;
+    EXPECT_EQ(joined(texts, count), row.values) << row.offset << " " << row.limit;
+    ASSERT_EQ(vk_hgetall_whole(client.handle(), "h", 1, &count, &texts, nullptr, row.offset,
+                               row.limit, "", 1),
+              VK_OK);
+    EXPECT_EQ(joined(texts, count), row.values) << row.offset << " " << row.limit;
+  }
+}
+
+TEST(Velkan, AnErrorReplyIsAnErrorAndTheConnectionGoesOn) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
+  ask(server, {"CONFIG", "RESETSTAT"});
+  ask(server, {"EVAL", "redis.call('select', 3) return redis.call('set', 'text', '1')", "0"});
+  EXPECT_EQ(client.get("text", "f"), VK_ERR_REPLY);
+  EXPECT_EQ(client.set("text", "f", "v"), VK_ERR_REPLY);
+  optional_text value;
+  EXPECT_EQ(client.get("h", "f", value), VK_OK);
+  EXPECT_EQ(value, "v");
+  EXPECT_NE(ask(server, {"INFO", "stats"}).find("total_connections_received:2\r"),
+            std::string::npos)
+      << "only the two of this test's own were new";
+}
+
+TEST(Velkan, ArgumentsThatCannotBeAreRefused) {
+  const cache_client client({});
+  vk_client_t *handle = client.handle();
+  char *value = nullptr, **values = nullptr;
+  size_t count = 0;
+  EXPECT_EQ(client.get("k", "f"), VK_ERR_CLIENT) << "no server";
+  EXPECT_EQ(vk_hget_whole(nullptr, "k", 1, "f", 1, &value, &count, "", 1), VK_ERR_CLIENT);
+  EXPECT_EQ(vk_hget_whole(handle, nullptr, 1, "f", 1, &value, &count, "", 1), VK_ERR_ARGUMENT);
+  EXPECT_EQ(vk_hmget_whole(handle, "k", 1, nullptr, 0, nullptr, &values, &count, nullptr, "", 1),
+            VK_ERR_ARGUMENT);
+  EXPECT_EQ(vk_hgetall_whole(handle, "k", 1, &count, &values, nullptr, -1, 0, "", 1),
+            VK_ERR_ARGUMENT);
+  EXPECT_EQ(vk_hset(handle, "k", 1, "f", 1, nullptr, 0, 0), VK_ERR_ARGUMENT);
+  EXPECT_NE(vk_exists(nullptr, "k", 1), 0) << "who cannot ask must take it to be there";
+  EXPECT_EQ(vk_select(handle, -1, 0), VK_ERR_ARGUMENT);
+  EXPECT_EQ(client.add("", 1), VK_ERR_ARGUMENT);
+  for (const int port : {0, -1, 65536}) EXPECT_EQ(client.add("host", port), VK_ERR_ARGUMENT);
+  EXPECT_EQ(vk_mm_create(malloc, nullptr, realloc, free), nullptr);
+  EXPECT_EQ(vk_client_create(1, 2, nullptr, nullptr), nullptr);
+}
+
+TEST(Velkan, TheKeyIsSentOnEveryConnectAndAWrongOneIsNoServer) {
+  support::redis_options options = over_tcp();
+  options.password = "right";
+  redis_server server(options);
+  const cache_client right({server.socket()}, "right"), wrong({server.socket()}, "wrong"),
+      none({server.socket()}), tcp({}, "right");
+  ASSERT_EQ(tcp.add("127.0.0.1", server.port()), VK_OK);
+  EXPECT_EQ(right.set("h", "f", "v"), VK_OK);
+  EXPECT_EQ(tcp.get("h", "f"), VK_OK);
+  const auto start = clock_type::now();
+  for (int i = 0; i < 100; i++) {
+    EXPECT_EQ(wrong.get("h", "f"), VK_ERR_DOWN);
+    EXPECT_EQ(none.get("h", "f"), VK_ERR_DOWN);
+  }
+  EXPECT_LT(seconds_since(start), 0.5);
+  server.stop();
+  server.start();
+  EXPECT_EQ(right.set("h", "f", "v"), VK_OK) << "a restart is not the caller's business";
+}
+
+TEST(Velkan, AReplicaIsPassedOverAndAFailOverIsFollowed) {
+  redis_server first(over_tcp());
+  redis_server second(replica_of(first));
+  wait_for_link(second);
+  const cache_client client({second.socket(), first.socket()});
+  ASSERT_EQ(client.set("h", "f", "1"), VK_OK);
+
+  // By hand: the roles change while the connection stays.
+  const std::string port = std::to_string(second.port());
+  ask(second, {"REPLICAOF", "NO", "ONE"});
+  ask(first, {"REPLICAOF", "127.0.0.1", port.c_str()});
+  wait_for_link(first);
+  EXPECT_EQ(client.set("h", "f", "2"), VK_OK);
+  optional_text value;
+  EXPECT_EQ(client.get("h", "f", value), VK_OK);
+  EXPECT_EQ(value, "2");
+
+  // By a crash.
+  wait_for_link(first);
+  second.kill_hard();
+  ask(first, {"REPLICAOF", "NO", "ONE"});
+  EXPECT_EQ(client.set("h", "f", "3"), VK_OK);
+}
+
+TEST(Velkan, AServerThatHangsDoesNotHideTheNext) {
+  redis_server hanging;
+  const redis_server serving;
+  hanging.pause();
+  const cache_client client({hanging.socket(), serving.socket()});
+  const auto start = clock_type::now();
+  EXPECT_EQ(client.set("h", "f", "v"), VK_OK);
+  EXPECT_LT(seconds_since(start), 0.45);
+}
+
+TEST(Velkan, ADeadServerCostsNothingAndIsFoundAgainAfterThePause) {
+  signal(SIGPIPE, SIG_DFL);  // the end of a peer must not end the process
+  redis_server server;
+  const cache_client client({server.socket()});
+  ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
+  server.kill_hard();
+  const auto start = clock_type::now();
+  for (int i = 0; i < 1000; i++) EXPECT_NE(client.get("h", "f"), VK_OK);
+  EXPECT_LT(seconds_since(start), 0.2);
+  server.start();
+  while (client.get("h", "f") != VK_OK && seconds_since(start) < 5) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_LT(seconds_since(start), 2.0) << "the first pause is one second";
+}
+
+// A server that hangs for good costs 2 s, and then 200 ms after pauses of 1, 2, 4, 8, 16, 32 and 60
+// s: over ten minutes 4.8 s. This watches the first seven seconds of that.
+TEST(Velkan, AHangingServerCostsOneTimeoutAndThenLittleAfterGrowingPauses) {
+  redis_server server;
+  const cache_client client({server.socket()});
+  ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
+  server.pause();
+  std::vector<double> waits;
+  const auto start = clock_type::now();
+  while (seconds_since(start) < 7) {
+    const auto before = clock_type::now();
+    EXPECT_NE(client.get("h", "f"), VK_OK);
+    const double spent = seconds_since(before);
+    if (spent > 0.05) waits.push_back(spent);
+    std::this_thread::sleep_for(5ms);
+  }
+  ASSERT_EQ(waits.size(), 3U);
+  EXPECT_NEAR(waits[0], 2.0, 0.2);
+  EXPECT_NEAR(waits[1], 0.2, 0.1);
+  EXPECT_NEAR(waits[2], 0.2, 0.1);
+  server.resume();
+  while (client.get("h", "f") != VK_OK && seconds_since(start) < 20) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_LT(seconds_since(start), 11.0) << "the third pause is four seconds";
+  server.pause();
+  const auto again = clock_type::now();
+  EXPECT_EQ(client.get("h", "f"), VK_ERR_IO);
+  EXPECT_NEAR(seconds_since(again), 2.0, 0.2) << "after a success it is trusted as before";
+}
+
+TEST(Velkan, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
+  signal(SIGPIPE, SIG_DFL);
+  const std::string greeting = "*3\r\n$6\r\nmaster\r\n:0\r\n*0\r\n+OK\r\n";
+  struct {
+    const char *name;
+    script peer;
+    double limit;  // of the first command, in seconds
+  } const rows[] = {
+      {"silence", {"", ""}, 0.7},
+      {"another protocol", {"HTTP/1.1 400 Bad Request\r\n\r\n", ""}, 0.2},
+      {"the wrong types", {":1\r\n:1\r\n", ":1\r\n"}, 0.2},
+      {"a list that cannot be", {"*2147483647\r\n", ""}, 0.2},
+      {"a text that never comes", {"$2147483647\r\nabc", ""}, 0.7},
+      {"a hang-up", {"", "", false, true}, 0.2},
+      {"half a greeting", {greeting.substr(0, 9), "", false, true}, 0.2},
+      {"a greeting in drops", {greeting + greeting, "", true}, 0.7},
+      {"one reply too many", {greeting + "$1\r\nx\r\n", "$1\r\ny\r\n"}, 0.2},
+      {"silence after the greeting", {greeting, ""}, 2.2},
+      {"a hang-up after the greeting", {greeting, "", false, true}, 0.2},
+      {"garbage after the greeting", {greeting, "?\r\n"}, 0.2},
+      {"a list after the greeting", {greeting, "*1\r\n$1\r\nx\r\n"}, 0.2},
+      {"an answer in drops", {greeting, "$99\r\n" + std::string(200, 'x'), true}, 2.2},
+  };
+  for (const auto &row : rows) {
+    scripted_peer peer(row.peer);
+    const cache_client client({peer.path()});
+    auto start = clock_type::now();
+    optional_text value;
+    EXPECT_NE(client.get("h", "f", value), VK_OK) << row.name;
+    EXPECT_EQ(value, std::nullopt) << row.name;
+    EXPECT_LT(seconds_since(start), row.limit) << row.name;
+    start = clock_type::now();
+    for (int i = 0; i < 20; i++) client.get("h", "f");
+    EXPECT_LT(seconds_since(start), 0.05) << row.name << ": it was asked again at once";
+  }
+}
+
+TEST(Velkan, ThreadsShareAClientWithoutMixingAnswers) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  std::atomic<int> wrong = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int thread = 0; thread < 8; thread++) {
+      threads.emplace_back([&client, &wrong, thread] {
+        for (int round = 0; round < 200; round++) {
+          const std::string field = std::to_string(thread), text = std::to_string(round);
+          optional_text value;
+          if (client.set("h", field, text) != VK_OK) wrong++;
+          if (client.get("h", field, value) != VK_OK || value != text) wrong++;
+        }
+      });
+    }
+  }
+  EXPECT_EQ(wrong, 0);
+}
