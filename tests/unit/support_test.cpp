@@ -94,6 +94,13 @@ TEST(Sandbox, LeavesNothingBehind) {
     const sandbox gone;
     root = gone.root();
     database = gone.database();
+    // Deeper than there are descriptors, and than a path may be long.
+    const std::string name(200, 'd');
+    unique_fd folder(open(root.c_str(), O_DIRECTORY | O_CLOEXEC));
+    for (int i = 0; i < 1500; ++i) {
+      ASSERT_EQ(mkdirat(folder.get(), name.c_str(), 0700), 0);
+      folder = unique_fd(openat(folder.get(), name.c_str(), O_DIRECTORY | O_CLOEXEC));
+    }
   }
   const sandbox next;
   EXPECT_FALSE(std::filesystem::exists(root));
