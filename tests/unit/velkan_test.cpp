@@ -123,7 +123,8 @@ struct script {
   std::string greeting;
   std::string answer;
   bool drip = false;
-  bool hang_up = false;  // after the last text
+  bool hang_up = false;      // after the last text
+  std::string first_answer = {};  // sent whole, before the others
 };
 
 class scripted_peer {
@@ -155,9 +156,14 @@ class scripted_peer {
       if (!peer) continue;
       const timeval often{0, 20'000};
       setsockopt(peer.get(), SOL_SOCKET, SO_RCVTIMEO, &often, sizeof often);
-      if (!await(peer.get()) || !say(peer.get(), script_.greeting)) continue;
+      if (!await(peer.get()) || !say(peer.get(), script_.greeting, script_.drip)) continue;
+      if (!script_.first_answer.empty() &&
+          !(await(peer.get()) && say(peer.get(), script_.first_answer, false))) {
+        continue;
+      }
       if (script_.answer.empty() && script_.hang_up) continue;
-      while (await(peer.get()) && say(peer.get(), script_.answer) && !script_.hang_up) continue;
+      while (await(peer.get()) && say(peer.get(), script_.answer, script_.drip) && !script_.hang_up)
+        continue;
     }
   }
 
@@ -172,13 +178,12 @@ class scripted_peer {
     return false;
   }
 
-  bool say(int peer, const std::string &text) const {
+  bool say(int peer, const std::string &text, bool drip) const {
     for (size_t at = 0; !stop_ && at < text.size();) {
-      const ssize_t sent =
-          send(peer, text.data() + at, script_.drip ? 1 : text.size() - at, MSG_NOSIGNAL);
+      const ssize_t sent = send(peer, text.data() + at, drip ? 1 : text.size() - at, MSG_NOSIGNAL);
       if (sent < 0) return false;
       at += static_cast<size_t>(sent);
-      if (script_.drip) std::this_thread::sleep_for(50ms);
+      if (drip) std::this_thread::sleep_for(50ms);
     }
     return true;
   }
@@ -409,7 +414,7 @@ TEST(Velkan, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
     script peer;
     double limit;  // of the first command, in seconds
   } const rows[] = {
-      {"silence", {"", ""}, 0.7},
+      {"silence", {}, 0.7},
       {"another protocol", {"HTTP/1.1 400 Bad Request\r\n\r\n", ""}, 0.2},
       {"the wrong types", {":1\r\n:1\r\n", ":1\r\n"}, 0.2},
       {"a list that cannot be", {"*2147483647\r\n", ""}, 0.2},
@@ -436,6 +441,18 @@ TEST(Velkan, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
     for (int i = 0; i < 20; i++) client.get("h", "f");
     EXPECT_LT(seconds_since(start), 0.05) << row.name << ": it was asked again at once";
   }
+}
+
+TEST(Velkan, AnAnswerInDropsIsHeldToTheTimeoutOnAProvenConnectionToo) {
+  scripted_peer peer({"*3\r\n$6\r\nmaster\r\n:0\r\n*0\r\n+OK\r\n",
+                      "$999\r\n" + std::string(99, 'x'), true, false, "$1\r\nv\r\n"});
+  const cache_client client({peer.path()});
+  optional_text value;
+  ASSERT_EQ(client.get("h", "f", value), VK_OK);
+  EXPECT_EQ(value, "v");
+  const auto start = clock_type::now();
+  EXPECT_EQ(client.get("h", "f", value), VK_ERR_IO);
+  EXPECT_NEAR(seconds_since(start), 2.0, 0.2);
 }
 
 TEST(Velkan, ThreadsShareAClientWithoutMixingAnswers) {
