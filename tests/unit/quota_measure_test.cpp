@@ -245,12 +245,21 @@ void make_deep_tree(const std::string &top, int depth, const std::string &name) 
 }
 
 TEST_F(Walk, DeepTreesAreMeasuredInFullWithFewDescriptors) {
-  constexpr int depth = 2500;
-  make_deep_tree(tree(), depth, std::string(200, 'd'));  // far beyond the longest path
-  for (const unsigned spare : {256U, 20U, 3U, 2U}) {
-    SCOPED_TRACE(testing::Message() << spare << " descriptors to spare");
-    const descriptor_limit limit(spare);
-    EXPECT_EQ(measured(), depth * 201);
+  // Each far beyond the longest path that a call takes.
+  open_folder("deep");
+  open_folder("less_deep");
+  make_deep_tree(tree("deep"), 2500, std::string(200, 'd'));
+  make_deep_tree(tree("less_deep"), 300, std::string(200, 'd'));
+  const struct {
+    const char *name;
+    int depth;
+    unsigned spare;  // descriptors
+  } rows[] = {
+      {"deep", 2500, 256}, {"deep", 2500, 20}, {"less_deep", 300, 3}, {"less_deep", 300, 2}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(testing::Message() << row.name << ", " << row.spare << " descriptors to spare");
+    const descriptor_limit limit(row.spare);
+    EXPECT_EQ(measured(row.name), row.depth * 201);
   }
 }
 

@@ -308,6 +308,7 @@ TEST_F(Store, SeveralProcessesMakeOneDirectory) {
     const std::string folder = path("r" + std::to_string(round) + "/a/b/c");
     std::atomic<int> failures{0};
     std::vector<std::thread> makers;
+    makers.reserve(4);
     for (int i = 0; i < 4; ++i) {
       makers.emplace_back([&] {
         if (make_dirs(folder.c_str(), 0770, ::getuid(), ::getgid()) != 0) ++failures;
