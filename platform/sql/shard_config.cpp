@@ -89,24 +89,46 @@ bool take_line(std::string_view line, const char *path, int number) {
   return master.has_value();
 }
 
+std::unique_ptr<fr_sql_shard> parse_shard(std::string_view value) {
+  std::string_view rest = trimmed(value);
+  const auto id = take_field(rest);
+  const auto user = take_field(rest);
+  const auto database = take_last_field(rest);
+  if (!id || id->empty() || !user || user->empty() || !database || database->empty()) {
+    // Without the value, which holds a password.
+    SQL_LOG(FR_LOG_ERROR, "Invalid SQL credentials: id:user:password:database is expected.\n");
+    return nullptr;
+  }
+  auto shard = std::make_unique<fr_sql_shard>();
+  shard->id = *id;
+  shard->credentials = {std::string(*user), std::string(rest), std::string(*database)};
+  return shard;
+}
+
+int read_servers(const char *path, bool need_master) {
+  const c_file file(fopen(path, "re"));
+  if (!file) {
+    SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, strerror(errno));
+    return -1;
+  }
+  c_string line;
+  size_t size = 0;
+  bool has_master = false;
+  for (int number = 1;; number++) {
+    char *buffer = line.release();
+    const ssize_t length = getline(&buffer, &size, file.get());
+    line.reset(buffer);
+    if (length < 0) break;
+    if (take_line({buffer, static_cast<size_t>(length)}, path, number)) has_master = true;
+  }
+  return has_master || !need_master ? 0 : -1;
+}
+
 }  // namespace
 
 fr_sql_shard_t *fr_sql_shard_parse_info(const char *value) {
-  return no_throw<fr_sql_shard_t *>(nullptr, [value]() -> fr_sql_shard_t * {
-    std::string_view rest = value == nullptr ? std::string_view{} : trimmed(value);
-    const auto id = take_field(rest);
-    const auto user = take_field(rest);
-    const auto database = take_last_field(rest);
-    if (!id || id->empty() || !user || user->empty() || !database || database->empty()) {
-      // Without the value, which holds a password.
-      SQL_LOG(FR_LOG_ERROR, "Invalid SQL credentials: id:user:password:database is expected.\n");
-      return nullptr;
-    }
-    auto shard = std::make_unique<fr_sql_shard>();
-    shard->id = *id;
-    shard->credentials = {std::string(*user), std::string(rest), std::string(*database)};
-    return shard.release();
-  });
+  return no_throw<fr_sql_shard_t *>(
+      nullptr, [value] { return parse_shard(value == nullptr ? "" : value).release(); });
 }
 
 void fr_sql_shard_free(fr_sql_shard_t *shard) {
@@ -114,24 +136,6 @@ void fr_sql_shard_free(fr_sql_shard_t *shard) {
 }
 
 int fr_sql_shard_parse_connection_info(const char *path, const void *reserved, int need_master) {
-  return no_throw(-1, [=] {
-    if (path == nullptr || reserved != nullptr) return -1;
-    const c_file file(fopen(path, "re"));
-    if (!file) {
-      SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, strerror(errno));
-      return -1;
-    }
-    c_string line;
-    size_t size = 0;
-    ssize_t length = 0;
-    bool has_master = false;
-    for (int number = 1;; number++) {
-      char *buffer = line.release();
-      length = getline(&buffer, &size, file.get());
-      line.reset(buffer);
-      if (length < 0) break;
-      if (take_line({buffer, static_cast<size_t>(length)}, path, number)) has_master = true;
-    }
-    return has_master || need_master == 0 ? 0 : -1;
-  });
+  if (path == nullptr || reserved != nullptr) return -1;
+  return no_throw(-1, [=] { return read_servers(path, need_master != 0); });
 }

@@ -31,6 +31,19 @@ bool start_client_library() {
   return started;
 }
 
+int add_shard(std::shared_ptr<fr_sql_shard> shard) {
+  if (!shard) return -1;
+  sql_pool &pool = the_sql_pool();
+  const std::lock_guard guard(pool.lock);
+  for (const auto &other : pool.shards) {
+    if (other->id != shard->id) continue;
+    SQL_LOG(FR_LOG_ERROR, "The SQL shard %s is there twice.\n", shard->id.c_str());
+    return -1;
+  }
+  pool.shards.push_back(std::move(shard));
+  return 0;
+}
+
 int fail(fr_sql_conn &session, unsigned code, const char *text) {
   set_error(session.connection.handle.get(), code, text);
   return -1;
@@ -103,19 +116,7 @@ void fr_sqlpool_down_time_set(int seconds) {
 }
 
 int fr_sqlpool_shard_add(fr_sql_shard_t *shard) {
-  return no_throw(-1, [shard] {
-    std::shared_ptr<fr_sql_shard> owned(shard);
-    if (!owned) return -1;
-    sql_pool &pool = the_sql_pool();
-    const std::lock_guard guard(pool.lock);
-    for (const auto &other : pool.shards) {
-      if (other->id != owned->id) continue;
-      SQL_LOG(FR_LOG_ERROR, "The SQL shard %s is there twice.\n", owned->id.c_str());
-      return -1;
-    }
-    pool.shards.push_back(std::move(owned));
-    return 0;
-  });
+  return no_throw(-1, [shard] { return add_shard(std::shared_ptr<fr_sql_shard>(shard)); });
 }
 
 fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {

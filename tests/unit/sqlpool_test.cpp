@@ -239,6 +239,15 @@ TEST_F(SqlPool, ASlaveThatIsDownIsPassedOverForTheDownTime) {
   EXPECT_EQ(server_of(take()), slave.socket()) << "no down time, and it is back";
 }
 
+TEST_F(SqlPool, SlavesTakeTurnsAndAConnectionThatIsThereIsUsedFirst) {
+  const mariadb_server master, first, second;
+  start(line("DB_MASTER", master) + line("DB_SLAVE", first) + line("DB_SLAVE", second));
+  for (int round = 0; round < 3; round++) EXPECT_EQ(server_of(take()), first.socket());
+  const session one = take(), other = take();
+  EXPECT_EQ(server_of(other), second.socket());
+  EXPECT_EQ(log.count("Connected to SQL"), 2U);
+}
+
 TEST_F(SqlPool, AWriteWithoutAMasterIsAnErrorAndTheSessionGoesOnReading) {
   mariadb_server master;
   const mariadb_server slave;
@@ -285,6 +294,7 @@ TEST_F(SqlPool, ALostConnectionGivesErrorsAndIsNotHandedOutAgain) {
   const session next = take();
   ASSERT_TRUE(next);
   EXPECT_NE(id_of(next), id);
+  EXPECT_EQ(ask(next, "SELECT 1"), "1");
 
   master.kill_hard();
   EXPECT_TRUE(failed(ask(next, "SELECT 1")));
@@ -322,14 +332,15 @@ TEST_F(SqlPool, OnlyAConnectionThatIdledLongerThanTheLimitIsAskedFirst) {
 
   start(line("DB_MASTER", master), 0.0);
   const std::string id = id_of(take());
-  const session again = take();
-  EXPECT_EQ(id_of(again), id) << "it answered, and is as good as before";
-  const session second = take();
-  ASSERT_TRUE(second);
-  fr_sqlpool_conn_free(fr_sqlpool_conn_get(0));
+  {
+    const session again = take();
+    EXPECT_EQ(id_of(again), id) << "it answered, and is as good as before";
+    const session second = take(), third = take();
+    ASSERT_TRUE(second && third);
+  }
   master.pause();
   const double spent = seconds_of([] { EXPECT_FALSE(take()); });
-  EXPECT_NEAR(spent, 6.0, 1.5) << "one check and one attempt to connect";
+  EXPECT_NEAR(spent, 6.0, 1.5) << "one check for all three, and one attempt to connect";
 }
 
 TEST_F(SqlPool, AProcedureMayGiveSeveralResultsOfWhichTheFirstIsKept) {
@@ -358,9 +369,14 @@ TEST_F(SqlPool, ASessionOutlivesThePool) {
   const mariadb_server master;
   start(line("DB_MASTER", master));
   const session one = take();
+  session other = take();
   EXPECT_EQ(fr_sqlpool_destroy(), 0);
   EXPECT_FALSE(take());
-  EXPECT_EQ(ask(one, "SELECT 1"), "1");
+  const std::string find = "SELECT id FROM information_schema.processlist WHERE id=" + id_of(other);
+  EXPECT_FALSE(ask(one, find).empty());
+  other.reset();
+  for (int i = 0; i < 500 && !ask(one, find).empty(); i++) std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(ask(one, find), "") << "a connection was kept for a pool that is gone";
 }
 
 TEST_F(SqlPool, ThreadsTakeNoMoreConnectionsThanTheyHoldSessions) {
@@ -370,13 +386,14 @@ TEST_F(SqlPool, ThreadsTakeNoMoreConnectionsThanTheyHoldSessions) {
   std::atomic<int> wrong = 0;
   {
     std::vector<std::jthread> running;
+    running.reserve(threads);
     for (size_t thread = 0; thread < threads; thread++) {
       running.emplace_back([&wrong, thread] {
         for (int round = 0; round < 50; round++) {
           const session one = take();
           const std::string sent = std::to_string(thread * 1000) + std::to_string(round);
           if (!one || ask(one, "SELECT '" + sent + "'") != sent) wrong++;
-          if (round % 2 == 1 && ask(one, "DO 0") != "") wrong++;
+          if (round % 2 == 1 && !ask(one, "DO 0").empty()) wrong++;
         }
       });
     }

@@ -12,11 +12,13 @@ namespace {
 
 QX_LOG_SOURCE("../main/test");
 
+using optional_text = std::optional<std::string>;
+
 class SqlSession : public testing::Test {
  protected:
   ~SqlSession() override { qx_sql_pool_destroy(); }
 
-  int read_files(std::optional<std::string> credentials, std::optional<std::string> servers) {
+  int read_files(const optional_text &credentials, const optional_text &servers) {
     for (const auto &[name, text] : {std::pair{"pbx", credentials}, std::pair{"sql", servers}}) {
       std::filesystem::remove(box.path(name));
       if (text) box.write_file(name, *text);
