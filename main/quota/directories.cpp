@@ -24,7 +24,7 @@ int make_dir(const char *path, mode_t mode, uid_t uid, gid_t gid) {
   if (::mkdir(path, mode) != 0) {
     // Another process may have been faster, and the directory is then there as wanted.
     if (errno != EEXIST) return errno;
-    return is_directory(path) ? 0 : errno;
+    return is_directory(path) ? 0 : EEXIST;
   }
   if (running_as_root() && ::chown(path, uid, gid) != 0) return errno;
   return 0;

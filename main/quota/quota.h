@@ -24,8 +24,10 @@ enum quota_kind {
 /* Recomputes the quota files of an account and of its whole subtree from the real data, children
  * first. Files that are clean and were updated fewer than 1000 times since their last refresh are
  * left as they are, unless they lie within `force` levels of the account (0 forces none). *total,
- * when not NULL, takes the account's value of the last kind handled. The process umask is 007
- * during the call. One thread at a time.
+ * when not NULL, takes the account's value of the last kind handled. What cannot be measured
+ * counts as 0; a value that rests on it, or on a child that could not be refreshed, is left with a
+ * dirty mark, so that the next refresh computes it again. The process umask is 007 during the
+ * call. One thread at a time.
  *
  * 0 when the refresh ran, whatever came of single files; -1 for a kind above 5 or no database
  * session; -1 also when an owner's parent cannot be looked up; -2 when the account cannot be. */
@@ -33,7 +35,8 @@ int quota_update_slow(int account_id, unsigned kind, int64_t *total, int force);
 
 /* Reads an account's stored values, for kind 5 into values[0..4], else into values[0]; a file that
  * is missing or not readable gives -1. `revisions` (updates since the last refresh) may be NULL.
- * The parent is 0 for a reseller, the grandparent 0 for a client. Never locks.
+ * The parent is 0 for a reseller, the grandparent 0 for a client. Never locks. Safe from
+ * several threads, as is all that follows.
  * 0; -1 for a kind above 5, no values, no account, or a grandparent without the two below it. */
 int quota_read(unsigned account_id, unsigned parent_id, unsigned grandparent_id, unsigned kind,
                int64_t *values, int *revisions);
