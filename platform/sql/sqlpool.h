@@ -3,9 +3,11 @@
  * Shards are named by the id that ties a DB_CREDENTIALS line to its DB_MASTER and DB_SLAVE lines;
  * the first one registered is shard 0. A session reads (SELECT) from a slave when one is up, and
  * from the master otherwise; everything else goes to the master, and after such a statement the
- * session stays there. A server that cannot be reached is passed over for the down time (30 s
- * unless set). Connections are kept and reused per server; one that idled for longer than the
- * limit given at initialisation is checked before it is handed out. Nothing is retried.
+ * session stays there. A slave that cannot be reached is passed over for the down time (30 s
+ * unless set); a master only when it made its caller wait, and then for no more than 5 s, as there
+ * is nobody to take its place. Connections are kept and reused per server; one that idled for
+ * longer than the limit given at initialisation is checked before it is handed out. No statement
+ * is retried: after a lost connection every further one on its session fails.
  *
  * Connecting may take 3 s; a statement without any answer fails after 600 s. Text is utf8mb4.
  * All functions may be called from any thread; a session belongs to one thread at a time. */
