@@ -1,0 +1,74 @@
+// A cache client for the tests, with its calls in short form.
+#ifndef TESTS_VELKAN_FIXTURE_H
+#define TESTS_VELKAN_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <hiredis.h>
+
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/owner.h"
+#include "support/servers.h"
+#include "velkan/velkan.h"
+
+using optional_text = std::optional<std::string>;
+
+// A client of its own, with the calls that the tests use in short form.
+class cache_client {
+ public:
+  explicit cache_client(std::initializer_list<std::string> hosts, const std::string &key = "") {
+    vk_mm_t *memory = vk_mm_create(malloc, calloc, realloc, free);
+    client_ = vk_client_create(1, 2, memory, nullptr);
+    vk_mm_destroy(memory);
+    for (const std::string &host : hosts) EXPECT_EQ(add(host, 0), VK_OK);
+    EXPECT_EQ(vk_select(client_, 3, 0), VK_OK);
+    if (!key.empty()) {
+      EXPECT_EQ(vk_set_database_key(client_, 3, key.data(), key.size()), VK_OK);
+    }
+  }
+  cache_client(const cache_client &) = delete;
+  cache_client &operator=(const cache_client &) = delete;
+  ~cache_client() { vk_client_destroy(client_); }
+
+  int add(const std::string &host, int port) const {
+    return vk_server_add(client_, host.c_str(), port, "a:b");
+  }
+  vk_client_t *handle() const { return client_; }
+
+  int set(const std::string &key, const std::string &field, const std::string &value) const {
+    return vk_hset(client_, key.data(), key.size(), field.data(), field.size(), value.data(),
+                   value.size(), 0);
+  }
+  int get(const std::string &key, const std::string &field, optional_text &value) const {
+    char *text = nullptr;
+    size_t length = 0;
+    const int status = vk_hget_whole(client_, key.data(), key.size(), field.data(), field.size(),
+                                     &text, &length, "", 1);
+    const c_string owned(text);
+    value = text == nullptr ? std::nullopt : optional_text(std::string(text, length));
+    return status;
+  }
+  int get(const std::string &key, const std::string &field) const {
+    optional_text ignored;
+    return get(key, field, ignored);
+  }
+
+ private:
+  vk_client_t *client_ = nullptr;
+};
+
+// The text of a reply to a command given beside the client.
+inline std::string ask(const support::redis_server &server, std::vector<const char *> words) {
+  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
+      redisConnectUnix(server.socket().c_str()));
+  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
+      static_cast<redisReply *>(
+          redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr)));
+  return reply && reply->str != nullptr ? std::string(reply->str, reply->len) : "";
+}
+
+#endif
