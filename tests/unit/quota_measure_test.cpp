@@ -126,13 +126,6 @@ TEST_F(Walk, FollowsLinksToFilesAndDirectories) {
   EXPECT_EQ(measured("entry"), 5 + 1000 + 1200) << "the given path may be a link itself";
 }
 
-TEST_F(Walk, TwoWaysToOneDirectoryCountTwice) {
-  file("real/a", 7);
-  link("real", "again");
-  link("real/a", "alias");
-  EXPECT_EQ(measured(), 7 + 7 + 7);
-}
-
 TEST_F(Walk, ADirectoryOnTheCurrentPathIsNotEnteredAgain) {
   const struct {
     const char *name, *target, *from;
@@ -157,14 +150,6 @@ TEST_F(Walk, ADirectoryOnTheCurrentPathIsNotEnteredAgain) {
   }
 }
 
-TEST_F(Walk, LinksThatCrossEachOtherEnd) {
-  file("a/x", 1);
-  file("b/y", 10);
-  link("../b", "a/to_b");
-  link("../a", "b/to_a");
-  EXPECT_EQ(measured(), (1 + 10) + (10 + 1));
-}
-
 TEST_F(Walk, FifosSocketsAndDevicesAreNeverOpened) {
   file("a", 3);
   ASSERT_EQ(::mkfifo(tree("fifo").c_str(), 0600), 0);
@@ -185,7 +170,8 @@ TEST_F(Walk, NamesMayBeAnyBytes) {
       "per%scent",   std::string(255, 'n'), "ta\tb", "\x01"};
   int64_t expected = 0;
   for (const std::string &name : names) {
-    file("d" + name.substr(0, 250) + "/" + name, 1000);
+    std::string folder("d");
+    file(folder.append(name, 0, 250).append("/").append(name), 1000);
     file(name, 1);
     expected += 1001;
   }

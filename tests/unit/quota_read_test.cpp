@@ -37,14 +37,13 @@ TEST_F(Reading, AnAncestryPicksTheFile) {
   box.write_quota_file(1, 2, 3, "sound", "300.3");
   const struct {
     unsigned account, parent, grandparent, kind;
-    int result;
+    int result, revision;
     int64_t value;
-    int revision;
   } rows[] = {
-      {1, 0, 0, 1, 0, 100, 1},    {2, 1, 0, 1, 0, 200, 2},           {3, 2, 1, 1, 0, 300, 3},
+      {1, 0, 0, 1, 0, 1, 100},    {2, 1, 0, 1, 0, 2, 200},           {3, 2, 1, 1, 0, 3, 300},
       {9, 0, 0, 1, 0, -1, -1},    {3, 1, 0, 1, 0, -1, -1},           {1, 0, 0, 2, 0, -1, -1},
-      {1, 0, 0, 6, -1, -77, -78}, {0, 0, 0, 1, -1, -77, -78},        {0, 2, 1, 1, -1, -77, -78},
-      {3, 0, 1, 1, -1, -77, -78}, {4000000000U, 0, 0, 1, 0, -1, -1},
+      {1, 0, 0, 6, -1, -78, -77}, {0, 0, 0, 1, -1, -78, -77},        {0, 2, 1, 1, -1, -78, -77},
+      {3, 0, 1, 1, -1, -78, -77}, {4000000000U, 0, 0, 1, 0, -1, -1},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(testing::Message() << row.grandparent << "/" << row.parent << "/" << row.account
@@ -116,16 +115,14 @@ TEST_F(ReadingByTree, TheLevelTellsThePlace) {
 
 TEST_F(ReadingByTree, AccountsTellTheirParentAndLevel) {
   const struct {
-    int account, result, parent;
-    const char *parent_text;  // "untouched" where the output is left alone
-    int level;
-    const char *level_text;
+    int account, result, parent, level;
+    const char *parent_text, *level_text;  // "untouched" where the output is left alone
   } rows[] = {
-      {1, 0, 7, "7", 10, "10"},
-      {3, 0, 2, "2", 100, "100"},
-      {6, 0, 0, nullptr, 50, "50"},
-      {7, 0, -77, "untouched", 0, "0"},
-      {8, -2, -77, "untouched", -77, "untouched"},
+      {1, 0, 7, 10, "7", "10"},
+      {3, 0, 2, 100, "2", "100"},
+      {6, 0, 0, 50, nullptr, "50"},
+      {7, 0, -77, 0, "untouched", "0"},
+      {8, -2, -77, -77, "untouched", "untouched"},
   };
   const sql_session session;
   ASSERT_TRUE(session);

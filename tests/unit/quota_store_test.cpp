@@ -163,16 +163,14 @@ TEST_F(MediaPaths, FollowKindAndLevel) {
 
 TEST_F(Store, AppendedIdsLoseTheirPadding) {
   const struct {
-    const char *path;
-    int number;
-    const char *id;
-    int keep_zeros;
+    const char *path, *id;
+    int number, keep_zeros;
     text result, left;
   } rows[] = {
-      {"/q", 0, "0042", 0, "/q/42", "/q/42"},     {"/q/", 0, "0042", 0, "/q/42", "/q/42"},
-      {"/q", 0, "0042", 1, "/q/0042", "/q/0042"}, {"/q", 0, "0000", 0, "/q/", "/q/"},
-      {"/q", 7, "0042", 0, "/q/7", "/q/7"},       {"/q", -7, nullptr, 0, "/q/-7", "/q/-7"},
-      {"/q", 0, "400", 0, "/q/400", "/q/400"},    {"/q", 0, nullptr, 0, {}, "/q/"},
+      {"/q", "0042", 0, 0, "/q/42", "/q/42"},     {"/q/", "0042", 0, 0, "/q/42", "/q/42"},
+      {"/q", "0042", 0, 1, "/q/0042", "/q/0042"}, {"/q", "0000", 0, 0, "/q/", "/q/"},
+      {"/q", "0042", 7, 0, "/q/7", "/q/7"},       {"/q", nullptr, -7, 0, "/q/-7", "/q/-7"},
+      {"/q", "400", 0, 0, "/q/400", "/q/400"},    {"/q", nullptr, 0, 0, {}, "/q/"},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(testing::Message() << row.path << " + " << row.number);
@@ -186,23 +184,22 @@ TEST_F(Store, AppendedIdsLoseTheirPadding) {
 TEST_F(Store, RecordsAreReadByTheirFirstDot) {
   const struct {
     std::string content;
-    int result;
     int64_t value;
-    int revision;
+    int result, revision;
   } rows[] = {
-      {"1234.7", 0, 1234, 7},
+      {"1234.7", 1234, 0, 7},
       {"0.0", 0, 0, 0},
-      {"-500.-3", 0, -500, -3},
-      {"12.3.4", 0, 12, 3},
-      {"12.", 0, 12, 0},
+      {"-500.-3", -500, 0, -3},
+      {"12.3.4", 12, 0, 3},
+      {"12.", 12, 0, 0},
       {".5", 0, 0, 5},
       {"abc.5", 0, 0, 5},
-      {"5.1\n", 0, 5, 1},
-      {"9223372036854775807.2147483647", 0, INT64_MAX, INT_MAX},
-      {std::string(30, '1') + ".5", 0, INT64_MAX, 0},  // the 31st byte is the last that counts
-      {std::string(31, '1') + ".5", -1, -77, -78},
-      {"1234", -1, -77, -78},
-      {"", -1, -77, -78},
+      {"5.1\n", 5, 0, 1},
+      {"9223372036854775807.2147483647", INT64_MAX, 0, INT_MAX},
+      {std::string(30, '1') + ".5", INT64_MAX, 0, 0},  // the 31st byte is the last that counts
+      {std::string(31, '1') + ".5", -77, -1, -78},
+      {"1234", -77, -1, -78},
+      {"", -77, -1, -78},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.content);
@@ -305,7 +302,7 @@ TEST_F(Store, MissingDirectoriesAreMadeUpToTheFirstObstacle) {
 
 TEST_F(Store, SeveralProcessesMakeOneDirectory) {
   for (int round = 0; round < 50; ++round) {
-    const std::string folder = path("r" + std::to_string(round) + "/a/b/c");
+    const std::string folder = path(std::to_string(round)) + "/a/b/c";
     std::atomic<int> failures{0};
     std::vector<std::thread> makers;
     makers.reserve(4);
@@ -350,17 +347,6 @@ TEST_F(Store, WhatRootCreatesBelongsToAsterisk) {
     EXPECT_EQ(status.st_uid, uid);
     EXPECT_EQ(status.st_gid, gid);
   }
-}
-
-TEST_F(Store, IdsAreLookedUpByName) {
-  uid_t uid = 77;
-  gid_t gid = 78;
-  EXPECT_EQ(get_ids(nullptr, nullptr, &uid, &gid), 0);
-  EXPECT_EQ(get_ids("nobody-of-this-name", "asterisk", nullptr, &gid), 0);
-  EXPECT_EQ(uid, 77U);
-  EXPECT_NE(gid, 78U);
-  EXPECT_EQ(get_ids("nobody-of-this-name", nullptr, &uid, nullptr), -1);
-  EXPECT_EQ(get_ids(nullptr, "nobody-of-this-name", nullptr, &gid), -1);
 }
 
 }  // namespace
