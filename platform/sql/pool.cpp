@@ -97,27 +97,36 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
   tried_list tried;
   mysql_handle failed;
   while (auto next = next_attempt(shard, purpose, tried)) {
+    mysql_handle handle;
     if (next->kept) {
-      if (still_serves(shard, *next->server, *next->kept)) {
-        return {std::move(next->kept->handle), next->server};
-      }
+      if (!still_serves(shard, *next->server, *next->kept)) continue;
+      handle = std::move(next->kept->handle);
+    } else if (!connect(shard, *next->server, handle)) {
+      failed = std::move(handle);
+      tried.push_back(next->server);
       continue;
     }
-    mysql_handle opened;
-    if (connect(shard, *next->server, opened)) return {std::move(opened), next->server};
-    failed = std::move(opened);
-    tried.push_back(next->server);
+    const std::lock_guard guard(shard.lock);
+    ++shard.in_use;
+    return {std::move(handle), next->server};
   }
   return {std::move(failed), nullptr};
 }
 
-void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost) {
-  if (lease.server == nullptr || lost) return;
-  if ((lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0) return;
+bool may_connect_later(fr_sql_shard &shard) {
   const std::lock_guard guard(shard.lock);
-  if (!shard.retired) {
-    lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
-  }
+  return shard.in_use > 0 &&
+         std::all_of(shard.servers.begin(), shard.servers.end(),
+                     [](const sql_server &server) { return server.idle.empty(); });
+}
+
+void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost) {
+  if (lease.server == nullptr) return;
+  const std::lock_guard guard(shard.lock);
+  --shard.in_use;
+  const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
+  if (lost || in_transaction || shard.retired) return;
+  lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
 }
 
 sql_pool &the_sql_pool() {

@@ -37,6 +37,7 @@ struct fr_sql_shard {
   std::mutex lock;  // guards all that follows
   std::deque<sql_server> servers;
   size_t next_slave = 0;
+  size_t in_use = 0;     // connections that sessions hold
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
 };
 
@@ -51,6 +52,10 @@ enum class sql_purpose { read, write };
 
 // Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
+
+// Whether a session would have to connect now although another one holds a live connection, which
+// shows that a server answers: it may then just as well connect when it has a statement to run.
+bool may_connect_later(fr_sql_shard &shard);
 
 // Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
 void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost);

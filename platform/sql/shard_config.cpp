@@ -3,20 +3,13 @@
 #include <optional>
 #include <string_view>
 
+#include "base/view.h"
 #include "pool.h"
 #include "sqlpool.h"
 
 QX_LOG_SOURCE("../platform/sql");
 
 namespace {
-
-constexpr std::string_view blanks = " \t\r\n\v\f";
-
-std::string_view trimmed(std::string_view text) {
-  const size_t first = text.find_first_not_of(blanks);
-  if (first == text.npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
 
 // Cuts the text up to the next colon off its front; nothing when there is no colon.
 std::optional<std::string_view> take_field(std::string_view &text) {
@@ -56,7 +49,7 @@ std::optional<server_line> parse_server(std::string_view value) {
 std::optional<std::string_view> value_of(std::string_view line, std::string_view keyword) {
   if (!line.starts_with(keyword)) return std::nullopt;
   line.remove_prefix(keyword.size());
-  if (line.empty() || blanks.find(line.front()) == blanks.npos) return std::nullopt;
+  if (line.empty() || white_space.find(line.front()) == white_space.npos) return std::nullopt;
   return trimmed(line);
 }
 

@@ -15,7 +15,7 @@ QX_LOG_SOURCE("../platform/sql");
 
 struct fr_sql_conn {
   std::shared_ptr<fr_sql_shard> shard;
-  sql_lease connection;  // always has a server
+  sql_lease connection;  // has no server before the first statement of a session that connects late
   bool lost = false;
 };
 
@@ -44,21 +44,30 @@ int add_shard(std::shared_ptr<fr_sql_shard> shard) {
   return 0;
 }
 
+// The handle for mysql_error, whether the session ever connected or not.
+MYSQL *handle_of(fr_sql_conn &session) {
+  mysql_handle &handle = session.connection.handle;
+  if (!handle) handle.reset(mysql_init(nullptr));
+  return handle.get();
+}
+
 int fail(fr_sql_conn &session, unsigned code, const char *text) {
-  set_error(session.connection.handle.get(), code, text);
+  if (MYSQL *const mysql = handle_of(session)) set_error(mysql, code, text);
   return -1;
 }
 
-// After a write the session stays on the master, where what it wrote can be read.
-int move_to_master(fr_sql_conn &session) {
-  if (session.connection.server->is_master) return 0;
-  sql_lease master = take_connection(*session.shard, sql_purpose::write);
-  if (master.server == nullptr) {
-    if (!master.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL master can be reached");
-    return fail(session, mysql_errno(master.handle.get()), mysql_error(master.handle.get()));
+// Sees to it that the session holds a connection that serves the purpose. After a write it stays on
+// the master, where what it wrote can be read.
+int attach(fr_sql_conn &session, sql_purpose purpose) {
+  const sql_server *const server = session.connection.server;
+  if (server != nullptr && (purpose == sql_purpose::read || server->is_master)) return 0;
+  sql_lease lease = take_connection(*session.shard, purpose);
+  if (lease.server == nullptr) {
+    if (!lease.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL server can be reached");
+    return fail(session, mysql_errno(lease.handle.get()), mysql_error(lease.handle.get()));
   }
-  std::swap(session.connection, master);
-  return_connection(*session.shard, std::move(master), false);
+  std::swap(session.connection, lease);
+  return_connection(*session.shard, std::move(lease), false);
   return 0;
 }
 
@@ -82,7 +91,8 @@ int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, 
   if (length < 0) return fail(session, CR_OUT_OF_MEMORY, "The statement cannot be formatted");
   const c_string statement(formatted);
   const auto size = static_cast<unsigned long>(length);
-  if (!is_read_statement({formatted, size}) && move_to_master(session) != 0) return -1;
+  const bool reads = is_read_statement({formatted, size});
+  if (attach(session, reads ? sql_purpose::read : sql_purpose::write) != 0) return -1;
 
   MYSQL *const mysql = session.connection.handle.get();
   mysql_result first;
@@ -128,6 +138,7 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {
       if (shard < 0 || static_cast<size_t>(shard) >= pool.shards.size()) return nullptr;
       session->shard = pool.shards[static_cast<size_t>(shard)];
     }
+    if (may_connect_later(*session->shard)) return session.release();
     session->connection = take_connection(*session->shard, sql_purpose::read);
     return session->connection.server == nullptr ? nullptr : session.release();
   });
@@ -178,5 +189,5 @@ int fr_sql_conn_vquery(fr_sql_conn_t *session, int store, MYSQL_RES **result, co
 }
 
 MYSQL *fr_sql_conn_get_mysql(fr_sql_conn_t *session) {
-  return session == nullptr ? nullptr : session->connection.handle.get();
+  return session == nullptr ? nullptr : handle_of(*session);
 }

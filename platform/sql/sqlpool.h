@@ -48,8 +48,9 @@ int fr_sqlpool_shard_add(fr_sql_shard_t *shard);
  * master a failure. 0, or -1. */
 int fr_sql_shard_parse_connection_info(const char *path, const void *reserved, int need_master);
 
-/* A session on a shard with a live connection, or NULL when there is no such shard or none of its
- * servers answers. Release with fr_sqlpool_conn_free. */
+/* A session on a shard, or NULL when there is no such shard or none of its servers answers. It has
+ * a live connection; only while another session holds one and none is kept does it connect at its
+ * first statement. Release with fr_sqlpool_conn_free. */
 fr_sql_conn_t *fr_sqlpool_conn_get(int shard);
 
 /* Gives a session back; a connection that died is closed, not kept. NULL is ignored. */

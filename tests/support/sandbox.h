@@ -29,7 +29,7 @@ struct sandbox_options {
   redis_server *cache = nullptr;
   // Lines added to a configuration file, by its path in the sandbox:
   // {{"etc/quorvex/sqldbase.conf", "SLAVE_DOWN_TIME 1\n"}}. To replace one, write_file it.
-  std::map<std::string, std::string> extra_lines;
+  std::map<std::string, std::string> extra_lines = {};
 };
 
 using sql_row = std::vector<std::optional<std::string>>;  // nullopt is NULL

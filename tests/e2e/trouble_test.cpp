@@ -1,0 +1,155 @@
+// Runs beside servers and disks in trouble: the figures and statuses are those of a quiet day or
+// say what is missing, nothing hangs, and the next run heals.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/sandbox.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using line = std::vector<std::string>;
+
+const line set_all = {"-A", "set", "-a", "--force"};
+
+void fill(support::sandbox &box, int owners) {
+  box.add_reseller(1, "ann");
+  box.add_client(2, 1, "bob");
+  for (int id = 100; id < 100 + owners; ++id) {
+    box.add_owner(id, 2, "user" + std::to_string(id));
+    box.add_extension(id, id, std::to_string(id));
+    box.add_fax(id, 1000);
+  }
+}
+
+std::string total(const support::sandbox &box) {
+  return box.quota_file(1, 0, 0, "fax").value_or("missing");
+}
+
+double seconds_of(const std::function<void()> &work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST(cache_trouble, costs_time_at_most_and_changes_no_figure) {
+  support::redis_server cache({.password = "right"});
+  support::sandbox box({.cache = &cache});
+  fill(box, 20);
+  const support::process_result healthy = box.run_spoolcap(set_all);
+  ASSERT_EQ(healthy.status, 0);
+  ASSERT_EQ(total(box), "20000.0");
+
+  const auto expect_the_same = [&](const char *what) {
+    SCOPED_TRACE(what);
+    support::process_result result;
+    EXPECT_LT(seconds_of([&] { result = box.run_spoolcap(set_all); }), 10);
+    EXPECT_EQ(result.out, healthy.out);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.status, 0);
+  };
+  cache.pause();
+  expect_the_same("a cache that hangs");
+  cache.resume();
+  const std::string servers = box.read_file("etc/quorvex/disdbase.conf").value();
+  box.write_file("etc/quorvex/disdbase.conf", "DISDBASE_CREDENTIALS main:x:wrong:1\n" + servers);
+  expect_the_same("a cache that refuses the password");
+  box.write_file("etc/quorvex/disdbase.conf", servers);
+  cache.kill_hard();
+  expect_the_same("a cache that is down");
+  std::filesystem::remove(box.path("etc/quorvex/local.conf"));
+  expect_the_same("a cache that is not set up");
+}
+
+TEST(database_trouble, a_server_killed_in_the_middle_leaves_valid_files_and_the_next_run_heals) {
+  // What was committed survives the kill.
+  support::mariadb_server server({.arguments = {"--innodb-flush-log-at-trx-commit=2"}});
+  support::sandbox box({.database = &server});
+  fill(box, 300);
+  ASSERT_EQ(box.run_spoolcap(set_all).status, 0);
+  for (const auto delay : {20ms, 60ms}) {
+    const auto run = box.start_spoolcap(set_all);
+    std::this_thread::sleep_for(delay);
+    server.kill_hard();
+    const auto ended = run->wait(20s);
+    ASSERT_TRUE(ended.has_value());
+    EXPECT_EQ(ended->signal, 0);
+    server.start();
+    for (int id = 100; id < 400; ++id) {
+      const std::string record = box.quota_file(1, 2, id, "fax").value_or("missing");
+      EXPECT_TRUE(record == "1000.0" || record == "0.0") << id << ": " << record;
+    }
+    EXPECT_EQ(box.run_spoolcap({"-A", "set", "-a", "-q"}).status, 0);
+    EXPECT_EQ(total(box), "300000.0");
+    EXPECT_EQ(box.quota_file(1, 2, 399, "fax"), "1000.0");
+  }
+}
+
+TEST(database_trouble, a_hanging_server_costs_the_connect_timeout_and_status_10) {
+  support::mariadb_server server;
+  support::sandbox box({.database = &server});
+  server.pause();
+  support::process_result result;
+  EXPECT_LT(seconds_of([&] { result = box.run_spoolcap({"-A", "show", "-a"}); }), 6);
+  EXPECT_EQ(result.status, 10);
+  server.resume();
+}
+
+TEST(database_trouble, a_slave_that_is_down_is_passed_over) {
+  support::sandbox box(
+      {.extra_lines = {{"etc/quorvex/sqldbase.conf", "DB_SLAVE main:/nowhere/at/all.sock:1\n"}}});
+  fill(box, 2);
+  EXPECT_EQ(box.run_spoolcap(set_all).status, 0);
+  EXPECT_EQ(total(box), "2000.0");
+}
+
+TEST(disk_trouble, one_account_in_the_way_leaves_the_others_and_heals) {
+  support::sandbox box;
+  fill(box, 2);
+  box.write_file("var/lib/quorvexquota/1/2/100", "a file where a directory should be");
+  std::filesystem::create_directories(box.quota_path(1, 2, 101, "sound"));
+  EXPECT_EQ(box.run_spoolcap(set_all).status, 0);
+  EXPECT_EQ(box.quota_file(1, 2, 101, "fax"), "1000.0");
+  EXPECT_EQ(total(box), "1000.0");
+  std::filesystem::remove(box.path("var/lib/quorvexquota/1/2/100"));
+  std::filesystem::remove(box.quota_path(1, 2, 101, "sound"));
+  EXPECT_EQ(box.run_spoolcap({"-A", "set", "-a"}).status, 0);
+  EXPECT_EQ(total(box), "2000.0");
+  EXPECT_EQ(box.quota_file(1, 2, 101, "sound"), "0.0");
+}
+
+TEST(disk_trouble, kill_at_any_moment_is_made_good_by_the_next_run) {
+  support::sandbox box;
+  fill(box, 100);
+  for (int delay = 5; delay <= 85; delay += 20) {
+    const auto run = box.start_spoolcap(set_all);
+    std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    run->kill(SIGKILL);
+    run->wait(10s);
+    EXPECT_EQ(box.run_spoolcap({"-A", "set", "-a", "-q"}).status, 0);
+    EXPECT_EQ(total(box), "100000.0") << delay << " ms";
+  }
+}
+
+TEST(two_runs, at_once_both_end_and_leave_the_right_figures) {
+  support::sandbox box;
+  fill(box, 100);
+  const auto one = box.start_spoolcap(set_all);
+  const auto other = box.start_spoolcap(set_all);
+  for (const auto *run : {&one, &other}) {
+    const auto ended = (*run)->wait(30s);
+    ASSERT_TRUE(ended.has_value());
+    EXPECT_EQ(ended->status, 0);
+  }
+  box.run_spoolcap(set_all);
+  EXPECT_EQ(total(box), "100000.0");
+}
+
+}  // namespace
