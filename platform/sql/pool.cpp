@@ -120,13 +120,19 @@ bool may_connect_later(fr_sql_shard &shard) {
                      [](const sql_server &server) { return server.idle.empty(); });
 }
 
-void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost) {
+void return_connection(fr_sql_shard &shard, sql_lease lease) {
   if (lease.server == nullptr) return;
   const std::lock_guard guard(shard.lock);
   --shard.in_use;
   const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
-  if (lost || in_transaction || shard.retired) return;
+  if (in_transaction || shard.retired) return;
   lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
+}
+
+void lose_connection(fr_sql_shard &shard, sql_lease &lease) {
+  const std::lock_guard guard(shard.lock);
+  --shard.in_use;
+  lease.server = nullptr;
 }
 
 sql_pool &the_sql_pool() {

@@ -37,7 +37,7 @@ struct fr_sql_shard {
   std::mutex lock;  // guards all that follows
   std::deque<sql_server> servers;
   size_t next_slave = 0;
-  size_t in_use = 0;     // connections that sessions hold
+  size_t in_use = 0;     // live connections that sessions hold
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
 };
 
@@ -57,8 +57,11 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
 // shows that a server answers: it may then just as well connect when it has a statement to run.
 bool may_connect_later(fr_sql_shard &shard);
 
-// Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
-void return_connection(fr_sql_shard &shard, sql_lease lease, bool lost);
+// Keeps the connection for the next taker, unless somebody's transaction is open.
+void return_connection(fr_sql_shard &shard, sql_lease lease);
+
+// Takes note that the connection died. The handle stays, to tell why.
+void lose_connection(fr_sql_shard &shard, sql_lease &lease);
 
 struct sql_pool {
   std::mutex lock;  // guards the list

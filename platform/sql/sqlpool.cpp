@@ -67,7 +67,7 @@ int attach(fr_sql_conn &session, sql_purpose purpose) {
     return fail(session, mysql_errno(lease.handle.get()), mysql_error(lease.handle.get()));
   }
   std::swap(session.connection, lease);
-  return_connection(*session.shard, std::move(lease), false);
+  return_connection(*session.shard, std::move(lease));
   return 0;
 }
 
@@ -98,6 +98,7 @@ int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, 
   mysql_result first;
   if (mysql_real_query(mysql, formatted, size) != 0 || !read_results(mysql, first)) {
     session.lost = is_lost(mysql);
+    if (session.lost) lose_connection(*session.shard, session.connection);
     return -1;
   }
   *result = first.release();
@@ -148,7 +149,7 @@ void fr_sqlpool_conn_free(fr_sql_conn_t *session) {
   if (session == nullptr) return;
   const std::unique_ptr<fr_sql_conn> owned(session);
   no_throw(0, [session] {
-    return_connection(*session->shard, std::move(session->connection), session->lost);
+    return_connection(*session->shard, std::move(session->connection));
     return 0;
   });
 }
