@@ -65,13 +65,13 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
   return error == 0 ? 0 : -1;
 }
 
-int is_dirty(const char *path) {
-  return ::access(mark_of(path).c_str(), F_OK) == 0 ? 1 : 0;
+int is_dirty(const char *path, int at) {
+  return ::faccessat(at, mark_of(path).c_str(), F_OK, 0) == 0 ? 1 : 0;
 }
 
-int set_dirty(const char *path) {
-  const unique_fd mark(
-      ::open(mark_of(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, quota_file_mode));
+int set_dirty(const char *path, int at) {
+  const unique_fd mark(::openat(at, mark_of(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
+                                quota_file_mode));
   if (!mark) return -1;
   // Without an owner to give it to the mark still stays: the file it stands for is no better.
   uid_t uid = 0;
@@ -81,6 +81,6 @@ int set_dirty(const char *path) {
   return 0;
 }
 
-int unset_dirty(const char *path) {
-  return ::unlink(mark_of(path).c_str());
+int unset_dirty(const char *path, int at) {
+  return ::unlinkat(at, mark_of(path).c_str(), 0);
 }

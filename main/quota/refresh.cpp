@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "quota/account.h"
 #include "quota/store.h"
@@ -67,23 +68,49 @@ outcome refresh_children(const tree_account &self, unsigned kind, char **directo
   return {0, uncertain};
 }
 
+// The directory of an account's quota files. It is opened once it is there, so that the files are
+// reached without walking its whole path for each.
+class quota_directory {
+ public:
+  explicit quota_directory(std::string path) : path_(std::move(path)) { open(); }
+
+  const char *path() const { return path_.c_str(); }
+  int fd() const {
+    return fd_.get();
+  }  // -1, which no file can be reached by, while it is not there
+
+  void make(uid_t uid, gid_t gid) {
+    if (fd_) return;
+    make_dirs(path(), quota_directory_mode, uid, gid);
+    open();
+  }
+
+ private:
+  void open() { fd_.reset(::open(path(), O_PATH | O_DIRECTORY | O_CLOEXEC)); }
+
+  std::string path_;
+  unique_fd fd_;
+};
+
 // Puts a computed value into its file; true when it is there. A value that is not certain gets a
 // dirty mark with it, so that the next refresh computes it again, forced or not.
-bool store_value(const char *path, int64_t value, bool certain) {
-  const bool marked = certain || set_dirty(path) == 0;
-  const bool stored = write_quota_file(path, value, 0) == write_result::written;
-  if (certain && stored) unset_dirty(path);
+bool store_value(const char *file, int at, int64_t value, bool certain) {
+  const bool marked = certain || set_dirty(file, at) == 0;
+  const bool stored = write_quota_file(file, value, 0, at) == write_result::written;
+  if (certain && stored) unset_dirty(file, at);
+  if (marked) return stored;
   // No room even for a mark: an empty file is computed again as well.
-  if (!marked && ::truncate(path, 0) != 0) return false;
-  return stored;
+  const unique_fd unmarked(::openat(at, file, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  return stored && unmarked;
 }
 
 // Recomputes one kind, or leaves it when its file is still good. `uncertain`: the kinds that rest
 // on a child which failed.
-outcome refresh_kind(const tree_account &self, unsigned kind, const std::string &directory,
+outcome refresh_kind(const tree_account &self, unsigned kind, quota_directory &directory,
                      int64_t &value, int force_depth, kind_set uncertain) {
-  const std::string path = directory + "/" + quota_kind_names[kind] + ".quota";
-  if (force_depth < 1 && is_dirty(path.c_str()) == 0 && is_rev_inrange(path.c_str(), &value) == 1) {
+  const std::string file = std::string(quota_kind_names[kind]) + ".quota";
+  if (force_depth < 1 && is_dirty(file.c_str(), directory.fd()) == 0 &&
+      is_rev_inrange(file.c_str(), &value, directory.fd()) == 1) {
     return {0, 0};
   }
   bool certain = (uncertain & set_of(kind)) == 0;
@@ -94,14 +121,14 @@ outcome refresh_kind(const tree_account &self, unsigned kind, const std::string 
     value = 0;
   }
   if (self.level < LEVEL_OWNER && grab_child_quotas(self.id, self.parent_id, self.grandparent_id,
-                                                    kind, directory.c_str(), &value) != 0) {
+                                                    kind, directory.path(), &value) != 0) {
     return stopped(kind);
   }
   uid_t uid = 0;
   gid_t gid = 0;
   if (owner_ids(&uid, &gid) != 0) return stopped(kind);
-  make_dirs(directory.c_str(), quota_directory_mode, uid, gid);
-  const bool stored = store_value(path.c_str(), value, certain);
+  directory.make(uid, gid);
+  const bool stored = store_value(file.c_str(), directory.fd(), value, certain);
   return {0, stored && certain ? 0 : set_of(kind)};
 }
 
@@ -116,8 +143,9 @@ outcome refresh_steps(const tree_account &self, unsigned kind, char **directory,
   if (self.level < LEVEL_OWNER) done = refresh_children(self, kind, directory, force_depth);
   if (done.result != 0) return done;
 
-  std::string place(*directory);
-  if (place.ends_with('/')) place.pop_back();
+  std::string path(*directory);
+  if (path.ends_with('/')) path.pop_back();
+  quota_directory place(std::move(path));
   const bool all = kind == QUOTA_ALL_KINDS;
   const unsigned last = all ? kind - 1 : kind;
   kind_set uncertain = 0;

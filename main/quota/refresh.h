@@ -23,9 +23,9 @@ int quota_update_subtree(const char *id, const char *parent_id, const char *gran
 int grab_child_quotas(const char *id, const char *parent_id, const char *grandparent_id,
                       unsigned kind, const char *directory, int64_t *sum);
 
-// 1 when the quota file holds a record whose revision is 0 to 999, else 0. The value, when one was
-// read, is left in *value.
-int is_rev_inrange(const char *path, int64_t *value);
+// 1 when the quota file (relative to the open directory `at`) holds a record whose revision is 0 to
+// 999, else 0. The value, when one was read, is left in *value.
+int is_rev_inrange(const char *path, int64_t *value, int at = AT_FDCWD);
 
 // Writes one record under the file's lock, creating the file when it is not there. 0, or -1 when
 // it can be neither opened nor created.
@@ -33,7 +33,7 @@ int quota_real_update(const char *path, int64_t value, int revision);
 
 // The same, telling all that may have come of it.
 enum class write_result { written, not_written, not_opened };
-write_result write_quota_file(const char *path, int64_t value, int revision);
+write_result write_quota_file(const char *path, int64_t value, int revision, int at = AT_FDCWD);
 
 // An account that the walk is at, and the one above it in the walk.
 struct tree_account {

@@ -1,4 +1,5 @@
 // One account's part of a refresh: what it uses, what its children use, and its files.
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -46,8 +47,8 @@ int64_t media_usage(const tree_account &self, unsigned kind) {
   return total;
 }
 
-bool read_quota_file(const char *path, int64_t *value, int *revision) {
-  const unique_fd file(::open(path, O_RDONLY | O_CLOEXEC));
+bool read_quota_file(int at, const char *path, int64_t *value, int *revision) {
+  const unique_fd file(::openat(at, path, O_RDONLY | O_CLOEXEC));
   return file && quota_read_internal(file.get(), value, revision) == 0;
 }
 
@@ -89,28 +90,28 @@ int grab_child_quotas(const char *id, const char * /*parent_id*/, const char * /
   const sql_result rows =
       rows_of(QX_HERE, "SELECT client.id FROM client WHERE client.parent_client_id = '%s'", id);
   if (!rows) return -1;
-  std::string path;
+  const unique_fd parent(::open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
     if (row[0] == nullptr) return -1;
-    path.assign(directory).append("/").append(std::to_string(std::atoi(row[0])));
-    path.append("/").append(quota_kind_names[kind]).append(".quota");
+    char path[64];
+    std::snprintf(path, sizeof path, "%d/%s.quota", std::atoi(row[0]), quota_kind_names[kind]);
     int64_t value = 0;
-    if (!read_quota_file(path.c_str(), &value, nullptr) || value < 0) continue;
+    if (!read_quota_file(parent.get(), path, &value, nullptr) || value < 0) continue;
     // A damaged record may hold any number; the sum then wraps.
     (void)__builtin_add_overflow(*sum, value, sum);
   }
   return 0;
 }
 
-int is_rev_inrange(const char *path, int64_t *value) {
+int is_rev_inrange(const char *path, int64_t *value, int at) {
   int revision = -1;
-  if (!read_quota_file(path, value, &revision)) return 0;
+  if (!read_quota_file(at, path, value, &revision)) return 0;
   return revision >= 0 && revision <= highest_fresh_revision ? 1 : 0;
 }
 
-write_result write_quota_file(const char *path, int64_t value, int revision) {
+write_result write_quota_file(const char *path, int64_t value, int revision, int at) {
   bool created = false;
-  const unique_fd file = open_quota_file(path, &created);
+  const unique_fd file = open_quota_file(path, &created, at);
   if (!file) return write_result::not_opened;
   int locked = 0;
   do {

@@ -72,8 +72,9 @@ char *quota_str_append(char **path, int number, ...);
 void give_to_owner(int fd);
 
 // Opens a quota file to read and write it; a missing one is created, given to the owner ids, and
-// told in *created. Empty when that fails.
-unique_fd open_quota_file(const char *path, bool *created);
+// told in *created. Empty when that fails. Here and below, `at` is the open directory that a
+// relative path starts from.
+unique_fd open_quota_file(const char *path, bool *created, int at = AT_FDCWD);
 
 // Reads the record at the file's position. -1, with the outputs untouched, when there is none.
 int quota_read_internal(int fd, int64_t *value, int *revision);
@@ -89,11 +90,11 @@ int quota_write_internal(int fd, int64_t value, int revision);
 int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid);
 
 // 1 when the quota file has a dirty mark, else 0.
-int is_dirty(const char *path);
+int is_dirty(const char *path, int at = AT_FDCWD);
 
-int set_dirty(const char *path);
+int set_dirty(const char *path, int at = AT_FDCWD);
 
 // The result of unlink.
-int unset_dirty(const char *path);
+int unset_dirty(const char *path, int at = AT_FDCWD);
 
 #endif
