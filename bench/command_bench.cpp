@@ -1,6 +1,7 @@
 // The command as a whole beside bare programs that do the same work, and what a run takes of the
 // database's connections and of memory.
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -26,16 +27,16 @@ long run_silently(const support::sandbox &box, const command &arguments) {
   for (const std::string &argument : arguments)
     argv.push_back(const_cast<char *>(argument.c_str()));
   argv.push_back(nullptr);
-  const pid_t child = vfork();
-  if (child == 0) {
-    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null, STDOUT_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
+  posix_spawn_file_actions_t silence;
+  posix_spawn_file_actions_init(&silence);
+  posix_spawn_file_actions_addopen(&silence, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t child = -1;
+  const int failed = posix_spawn(&child, argv[0], &silence, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&silence);
   int status = 0;
   struct rusage usage = {};
-  if (wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+  if (failed != 0 || wait4(child, &status, 0, &usage) != child || !WIFEXITED(status) ||
+      WEXITSTATUS(status) != 0) {
     fprintf(stderr, "bench: %s failed\n", argv[0]);
     exit(1);
   }
@@ -73,24 +74,29 @@ constexpr int first_client = 100;
 constexpr int first_owner = 1000;
 
 void fill_accounts(support::sandbox &box) {
-  const std::string statements[] = {
-      "INSERT INTO client(id, parent_client_id, level) SELECT seq, 0, 10 FROM seq_1_to_50",
+  box.sql("INSERT INTO client(id, parent_client_id, level) SELECT seq, 0, 10 FROM seq_1_to_50");
+  box.sql(
       "INSERT INTO client(id, parent_client_id, level) SELECT seq, 1 + seq MOD 50, 50 FROM "
-      "seq_100_to_599",
+      "seq_100_to_599");
+  box.sql(
       "INSERT INTO client(id, parent_client_id, level) SELECT seq, 100 + seq MOD 500, 100 FROM "
-      "seq_1000_to_5999",
-      "INSERT INTO hs_account(userID, username) SELECT id, CONCAT('user', id) FROM client",
+      "seq_1000_to_5999");
+  box.sql("INSERT INTO hs_account(userID, username) SELECT id, CONCAT('user', id) FROM client");
+  box.sql(
       "INSERT INTO extension(id, client_id, number, extended_number) SELECT id, id, id, "
-      "CONCAT('x*', id) FROM client WHERE level = 100",
+      "CONCAT('x*', id) FROM client WHERE level = 100");
+  box.sql(
       "INSERT INTO extension_recording(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
-      "FROM seq_1_to_50000",
+      "FROM seq_1_to_50000");
+  box.sql(
       "INSERT INTO extension_voicemail(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
-      "FROM seq_1_to_20000",
+      "FROM seq_1_to_20000");
+  box.sql(
       "INSERT INTO extension_fax_center(extension_id, filesize) SELECT 1000 + seq MOD 5000, seq "
-      "FROM seq_1_to_10000",
+      "FROM seq_1_to_10000");
+  box.sql(
       "ANALYZE TABLE client, hs_account, extension, extension_recording, extension_voicemail, "
-      "extension_fax_center"};
-  for (const std::string &statement : statements) box.sql(statement);
+      "extension_fax_center");
 }
 
 void fill_media(support::sandbox &box) {

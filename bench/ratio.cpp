@@ -7,7 +7,8 @@
 namespace ratio {
 namespace {
 
-constexpr int repetitions = 15;
+constexpr int rounds_of_long_work = 9;
+constexpr int rounds_of_short_work = 15;
 
 enum class sense { at_most, at_least };
 
@@ -37,11 +38,11 @@ std::string limit_key(size_t index) {
 
 void add_benchmark(const std::string &key, const body &work, length rounds) {
   auto *added = benchmark::RegisterBenchmark(key.c_str(), work);
-  added->UseRealTime()->Repetitions(repetitions)->ReportAggregatesOnly(true);
+  added->UseRealTime()->ReportAggregatesOnly(true);
   if (rounds == length::round) {
-    added->Iterations(1);
+    added->Iterations(1)->Repetitions(rounds_of_long_work);
   } else {
-    added->MinTime(0.05);
+    added->MinTime(0.05)->Repetitions(rounds_of_short_work);
   }
 }
 
@@ -75,13 +76,13 @@ const char *verdict(bool met) {
 
 }  // namespace
 
-void at_most(double target, const std::string &work, const std::string &limit_name, body measured,
-             body limit, length rounds) {
+void at_most(double target, const std::string &work, const std::string &limit_name,
+             const body &measured, const body &limit, length rounds) {
   add({sense::at_most, target, work, limit_name}, measured, limit, rounds);
 }
 
-void at_least(double target, const std::string &work, const std::string &limit_name, body measured,
-              body limit, length rounds) {
+void at_least(double target, const std::string &work, const std::string &limit_name,
+              const body &measured, const body &limit, length rounds) {
   add({sense::at_least, target, work, limit_name}, measured, limit, rounds);
 }
 

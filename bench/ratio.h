@@ -18,12 +18,12 @@ enum class length {
 };
 
 // The work takes at most `target` times what the limit takes.
-void at_most(double target, const std::string &work, const std::string &limit_name, body measured,
-             body limit, length rounds = length::round);
+void at_most(double target, const std::string &work, const std::string &limit_name,
+             const body &measured, const body &limit, length rounds = length::round);
 
 // The work is at least `target` times faster than the limit.
-void at_least(double target, const std::string &work, const std::string &limit_name, body measured,
-              body limit, length rounds = length::round);
+void at_least(double target, const std::string &work, const std::string &limit_name,
+              const body &measured, const body &limit, length rounds = length::round);
 
 // A row for a figure that was not timed: a count or a size against its bound.
 void bound(const std::string &work, const std::string &unit, double measured, double target);
