@@ -2,8 +2,8 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
+#include "base/view.h"
 #include "keys.h"
 #include "quota/quota.h"
 #include "settings.h"
@@ -19,9 +19,9 @@ constexpr char select_accounts[] =
 // The longest display name is one longer and overflows the column; it stays as it is.
 constexpr int name_width = 12;
 
-bool is_empty(const char *text) {
-  return text == nullptr || *text == '\0';
-}
+// puts ends its line once more than the texts do: an empty line sets the next account off.
+constexpr char no_quota[] = "Quota Not found\n";
+constexpr char no_user[] = "User Not found\n";
 
 // Counts go through single precision: 24 significant bits are plenty for two decimals of a unit.
 void print_size(int64_t bytes) {
@@ -50,7 +50,7 @@ int show_all_accounts(SessionHandle session) {
     printf("Quota for user %s (with id: %s)\t", row[1], row[0]);
     int64_t quotas[QUOTA_ALL_KINDS];
     if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
-      puts("Quota Not found\n");
+      puts(no_quota);
     } else {
       print_quotas(quotas);
     }
@@ -63,10 +63,10 @@ void show_target(int32_t id, const target_record &target) {
   int64_t quotas[QUOTA_ALL_KINDS];
   switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
     case -1:
-      puts("Quota Not found\n");
+      puts(no_quota);
       break;
     case -2:
-      puts("User Not found\n");
+      puts(no_user);
       break;
     default:
       print_quotas(quotas);
@@ -92,7 +92,8 @@ float to_human_readable(char (&unit)[3], float bytes) {
 int print_quotas(const int64_t *quotas) {
   int64_t total = 0;
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    if (quotas[kind] > 0) total += quotas[kind];
+    // A damaged record may hold any number; the sum then wraps.
+    if (quotas[kind] > 0) (void)__builtin_add_overflow(total, quotas[kind], &total);
   }
   print_size(total);
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {

@@ -1,22 +1,16 @@
 #include "settings.h"
 
 #include <array>
-#include <memory>
 
 #include "base/owner.h"
 #include "base/parseconfig.h"
+#include "base/view.h"
 #include "paths.h"
 #include "utils.h"
 
 run_settings run = {};
 
 namespace {
-
-using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
-
-bool is_empty(const char *text) {
-  return text == nullptr || *text == '\0';
-}
 
 safestr_t value_or(safestr_t value, qx_path_id fallback) {
   return value != nullptr ? value : safestr_dup(qx_path(fallback));

@@ -1,7 +1,6 @@
 #include "targets.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -17,15 +17,15 @@ struct target_record {
   int32_t parent_id;
   int32_t selected;  // 1: this run refreshes the account itself; 0: it is shown only, or its
                      // parent's refresh covers it
-  char *login;  // owned by the table, freed by destroy_client
+  char *login;       // owned by the table, freed by destroy_client
 };
 
 using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
 
 // The accounts that the command line names, each once and parents first; empty when nothing was
 // selected or selection could not start. A statement that fails is logged and gives a table
-// without records, so such a run goes on and ends well: scripts rely on telling that from "none of
-// the requested users", and it stays.
+// without records instead: such a run goes on and ends with 0, unlike one that finds nobody, and
+// that difference stays as it is.
 target_table get_sql_data();
 
 // Index of a level: 10 is 0, 50 is 1, 100 is 2, any other 0.

@@ -66,17 +66,12 @@ class tree_walk {
   uint64_t bytes() const { return bytes_; }
 
  private:
-  // An entry of the arena: a byte that tells how to open it, then the name with its terminator.
-  enum : char { plain = 'd', maybe_link = 'l' };
-
-  const char *name_at(size_t entry) const { return arena_.data() + entry + 1; }
-  bool is_plain(size_t entry) const { return arena_[entry] == plain; }
+  const char *name_at(size_t entry) const { return arena_.data() + entry; }
   size_t names_end(size_t index) const {
     return index + 1 < levels_.size() ? levels_[index + 1].first : arena_.size();
   }
 
-  void push_name(char how, const char *name) {
-    arena_.push_back(how);
+  void push_name(const char *name) {
     arena_.insert(arena_.end(), name, name + std::strlen(name) + 1);
   }
 
@@ -109,7 +104,7 @@ class tree_walk {
         take_by_status(directory, name);
         break;
       case DT_DIR:
-        if (recurse_ && !is_dot_or_dot_dot(name)) push_name(plain, name);
+        if (recurse_ && !is_dot_or_dot_dot(name)) push_name(name);
         break;
       default:  // fifos, sockets and devices hold nothing that counts
         break;
@@ -122,7 +117,7 @@ class tree_walk {
     if (S_ISREG(status.st_mode)) {
       bytes_ += static_cast<uint64_t>(status.st_size);
     } else if (S_ISDIR(status.st_mode) && recurse_ && !is_dot_or_dot_dot(name)) {
-      push_name(maybe_link, name);
+      push_name(name);
     }
   }
 
@@ -134,11 +129,12 @@ class tree_walk {
       return;
     }
     top.current = top.next;
-    const bool by_link = !is_plain(top.current);
     const char *name = name_at(top.current);
-    top.next = top.current + 1 + std::strlen(name) + 1;
+    top.next = top.current + std::strlen(name) + 1;
 
-    unique_fd directory = open_directory(top.directory.get(), name, by_link);
+    unique_fd directory = open_directory(top.directory.get(), name, false);
+    const bool by_link = !directory && (errno == ENOTDIR || errno == ELOOP);
+    if (by_link) directory = open_directory(top.directory.get(), name, true);
     if (!directory) return;
     // Only a link leads back up; as long as the path has none, nobody needs to know who is who.
     std::optional<identity> id;
@@ -157,7 +153,6 @@ class tree_walk {
     identified_ = std::min(identified_, levels_.size());
   }
 
-  // A directory that an entry was seen to be must not have become a link since: it is not followed.
   unique_fd open_directory(int at, const char *name, bool follow) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | (follow ? 0 : O_NOFOLLOW);
     for (;;) {
@@ -195,8 +190,7 @@ class tree_walk {
     for (; index < levels_.size(); ++index) {
       level &here = levels_[index];
       if (!here.directory) {
-        const size_t entry = index > 0 ? levels_[index - 1].current : 0;
-        passing = index > 0 ? open_directory(at, name_at(entry), !is_plain(entry))
+        passing = index > 0 ? open_directory(at, name_at(levels_[index - 1].current), here.by_link)
                             : open_directory(AT_FDCWD, path_, true);
         if (!passing) return false;
         at = passing.get();
@@ -216,6 +210,7 @@ class tree_walk {
   }
 
   bool identify_path() {
+    while (identified_ < levels_.size() && levels_[identified_].id) ++identified_;
     if (identified_ < levels_.size() && retrace(identified_)) identified_ = levels_.size();
     return identified_ == levels_.size();
   }

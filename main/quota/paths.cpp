@@ -4,15 +4,12 @@
 #include <initializer_list>
 #include <vector>
 
+#include "base/view.h"
 #include "quota/store.h"
 #include "zarn_str.h"
 #include "zarn_user.h"
 
 namespace {
-
-bool is_empty(const char *text) {
-  return text == nullptr || *text == '\0';
-}
 
 // An account's directory or, but for "all kinds", its quota file of one kind.
 c_string quota_path(const char *root, std::initializer_list<int> ids, unsigned kind) {
@@ -39,8 +36,9 @@ class path_list {
     va_start(arguments, format);
     const int length = ::vasprintf(&text, format, arguments);
     va_end(arguments);
-    if (length < 0) return false;
-    paths_.emplace_back(text);
+    c_string path(length < 0 ? nullptr : text);
+    if (!path) return false;
+    paths_.push_back(std::move(path));
     return true;
   }
 

@@ -75,9 +75,8 @@ int quota_read_internal(int fd, int64_t *value, int *revision) {
 int quota_write_internal(int fd, int64_t value, int revision) {
   char record[record_size];
   const int length = std::snprintf(record, sizeof record, "%" PRId64 ".%d", value, revision);
-  if (length < 1 || static_cast<size_t>(length) >= sizeof record) return -1;
-
-  if (replace_record(fd, record, static_cast<size_t>(length))) return 0;
+  const bool fits = length > 0 && static_cast<size_t>(length) < sizeof record;
+  if (fits && replace_record(fd, record, static_cast<size_t>(length))) return 0;
   // An old value that looks right would never be computed again; an empty file is.
   [[maybe_unused]] const int emptied = ::ftruncate(fd, 0);
   return -1;

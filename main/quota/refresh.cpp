@@ -1,6 +1,7 @@
 #include "quota/refresh.h"
 
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
@@ -31,6 +32,20 @@ outcome stopped(unsigned kind) {
   return {-1, set_of(kind)};
 }
 
+// Visits one kind, or all in their order, until a visit gives false; then false.
+template <class Visit>
+bool for_each_kind(unsigned kind, Visit visit) {
+  const bool all = kind == QUOTA_ALL_KINDS;
+  for (unsigned one = all ? 0 : kind; one < (all ? kind : kind + 1); ++one) {
+    if (!visit(one)) return false;
+  }
+  return true;
+}
+
+std::string file_name(unsigned kind) {
+  return std::string(quota_kind_names[kind]) + ".quota";
+}
+
 bool is_on_path(const tree_account *deepest, int id) {
   for (const tree_account *one = deepest; one != nullptr; one = one->above) {
     if (std::atoi(one->id) == id) return true;
@@ -41,25 +56,41 @@ bool is_on_path(const tree_account *deepest, int id) {
 outcome refresh_account(const tree_account &self, unsigned kind, char **directory, int64_t *total,
                         int force_depth);
 
+// A forced refresh rewrites an account's files after those of its children. Until then they are
+// given a revision that the next refresh recomputes, so that a run that is killed in between leaves
+// no clean file with an old sum behind.
+void expire_files(unsigned kind, const char *directory) {
+  const unique_fd at(::open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!at) return;
+  for_each_kind(kind, [&](unsigned one) {
+    expire_quota_file(file_name(one).c_str(), at.get());
+    return true;
+  });
+}
+
 // Refreshes the accounts below one, each with its whole subtree.
 outcome refresh_children(const tree_account &self, unsigned kind, char **directory,
                          int force_depth) {
   // The leading, doubled and trailing blanks belong to the statement as operators know it.
-  const sql_result rows = rows_of(QX_HERE,
+  const sql_result rows = rows_of({qx_log_source, "quota_update_subtree", __LINE__},
                                   " SELECT client.id, client.level  FROM client WHERE "
                                   "client.parent_client_id = '%s' ",
                                   self.id);
   if (!rows) return stopped(kind);
+  if (force_depth > 0) expire_files(kind, *directory);
   const size_t length = std::strlen(*directory);
   const int child_depth = force_depth > 0 ? force_depth - 1 : 0;
   kind_set uncertain = 0;
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
-    if (row[0] == nullptr || row[1] == nullptr) return stopped(kind);
+    if (row[0] == nullptr || row[1] == nullptr) return {-1, 0};
     // An account that is its own ancestor can only be damaged data; the walk would go round in it
     // for ever.
     if (is_on_path(&self, std::atoi(row[0]))) continue;
     // Children go by the id as the database gives it, in directories without leading zeros.
-    if (quota_str_append(directory, 0, row[0], 0) == nullptr) return stopped(kind);
+    if (quota_str_append(directory, 0, row[0], 0) == nullptr) {
+      (*directory)[length] = '\0';
+      return stopped(kind);
+    }
     const tree_account child{row[0], self.id, self.parent_id, std::atoi(row[1]), &self};
     // What becomes of a child stops neither its siblings nor its parent.
     uncertain |= refresh_account(child, kind, directory, nullptr, child_depth).uncertain;
@@ -75,9 +106,8 @@ class quota_directory {
   explicit quota_directory(std::string path) : path_(std::move(path)) { open(); }
 
   const char *path() const { return path_.c_str(); }
-  int fd() const {
-    return fd_.get();
-  }  // -1, which no file can be reached by, while it is not there
+  // -1, which no file can be reached by, while the directory is not there.
+  int fd() const { return fd_.get(); }
 
   void make(uid_t uid, gid_t gid) {
     if (fd_) return;
@@ -95,31 +125,31 @@ class quota_directory {
 // Puts a computed value into its file; true when it is there. A value that is not certain gets a
 // dirty mark with it, so that the next refresh computes it again, forced or not.
 bool store_value(const char *file, int at, int64_t value, bool certain) {
-  const bool marked = certain || set_dirty(file, at) == 0;
-  const bool stored = write_quota_file(file, value, 0, at) == write_result::written;
-  if (certain && stored) unset_dirty(file, at);
-  if (marked) return stored;
-  // No room even for a mark: an empty file is computed again as well.
-  const unique_fd unmarked(::openat(at, file, O_WRONLY | O_TRUNC | O_CLOEXEC));
-  return stored && unmarked;
+  bool written = false;
+  if (!certain && set_dirty(file, at) != 0) {
+    // No room even for a mark: a revision out of range serves as well.
+    quota_real_update(file, value, expired_revision, at, &written);
+    return written;
+  }
+  quota_real_update(file, value, 0, at, &written);
+  if (certain && written) unset_dirty(file, at);
+  return written;
 }
 
 // Recomputes one kind, or leaves it when its file is still good. `uncertain`: the kinds that rest
 // on a child which failed.
 outcome refresh_kind(const tree_account &self, unsigned kind, quota_directory &directory,
                      int64_t &value, int force_depth, kind_set uncertain) {
-  const std::string file = std::string(quota_kind_names[kind]) + ".quota";
+  const std::string file = file_name(kind);
   if (force_depth < 1 && is_dirty(file.c_str(), directory.fd()) == 0 &&
       is_rev_inrange(file.c_str(), &value, directory.fd()) == 1) {
     return {0, 0};
   }
   bool certain = (uncertain & set_of(kind)) == 0;
   value = own_usage(self, kind);
-  if (value < 0) {
-    // What cannot be measured counts as nothing, and does not stop the rest.
-    certain = false;
-    value = 0;
-  }
+  if (value == -1) certain = false;
+  // What cannot be measured counts as nothing, and does not stop the rest.
+  if (value < 0) value = 0;
   if (self.level < LEVEL_OWNER && grab_child_quotas(self.id, self.parent_id, self.grandparent_id,
                                                     kind, directory.path(), &value) != 0) {
     return stopped(kind);
@@ -146,15 +176,13 @@ outcome refresh_steps(const tree_account &self, unsigned kind, char **directory,
   std::string path(*directory);
   if (path.ends_with('/')) path.pop_back();
   quota_directory place(std::move(path));
-  const bool all = kind == QUOTA_ALL_KINDS;
-  const unsigned last = all ? kind - 1 : kind;
   kind_set uncertain = 0;
-  for (unsigned one = all ? 0 : kind; one <= last; ++one) {
+  const bool finished = for_each_kind(kind, [&](unsigned one) {
     const outcome step = refresh_kind(self, one, place, value, force_depth, done.uncertain);
-    if (step.result != 0) return stopped(kind);
     uncertain |= step.uncertain;
-  }
-  return {0, uncertain};
+    return step.result == 0;
+  });
+  return finished ? outcome{0, uncertain} : stopped(kind);
 }
 
 outcome refresh_account(const tree_account &self, unsigned kind, char **directory, int64_t *total,
@@ -182,7 +210,7 @@ struct target {
 int locate(int account_id, target &found) {
   const sql_session session;
   if (!session) {
-    log_condition_failed(QX_HERE);
+    log_condition_failed({qx_log_source, "quota_update_slow_internal", __LINE__});
     return -1;
   }
   // Four digits, and only the last four of a longer id: the target's statements and media paths

@@ -28,12 +28,17 @@ int grab_child_quotas(const char *id, const char *parent_id, const char *grandpa
 int is_rev_inrange(const char *path, int64_t *value, int at = AT_FDCWD);
 
 // Writes one record under the file's lock, creating the file when it is not there. 0, or -1 when
-// it can be neither opened nor created.
-int quota_real_update(const char *path, int64_t value, int revision);
+// it can be neither opened nor created; what the write itself gave is told in *written only.
+int quota_real_update(const char *path, int64_t value, int revision, int at = AT_FDCWD,
+                      bool *written = nullptr);
 
-// The same, telling all that may have come of it.
-enum class write_result { written, not_written, not_opened };
-write_result write_quota_file(const char *path, int64_t value, int revision, int at = AT_FDCWD);
+// Revisions that a refresh leaves alone end here, and the first that it does not.
+inline constexpr int highest_fresh_revision = 999;
+inline constexpr int expired_revision = 1000;
+
+// Makes the next refresh compute the file again, with its value as it is. A file that is missing
+// or holds no record needs nothing.
+void expire_quota_file(const char *path, int at);
 
 // An account that the walk is at, and the one above it in the walk.
 struct tree_account {

@@ -12,8 +12,6 @@ QX_LOG_SOURCE("../main/quota");
 
 namespace {
 
-constexpr int highest_fresh_revision = 999;
-
 struct media_paths {
   media_paths() = default;
   media_paths(const media_paths &) = delete;
@@ -50,6 +48,15 @@ int64_t media_usage(const tree_account &self, unsigned kind) {
 bool read_quota_file(int at, const char *path, int64_t *value, int *revision) {
   const unique_fd file(::openat(at, path, O_RDONLY | O_CLOEXEC));
   return file && quota_read_internal(file.get(), value, revision) == 0;
+}
+
+// Waits for the exclusive lock; it goes with the descriptor.
+bool lock_file(int fd) {
+  int locked = 0;
+  do {
+    locked = ::flock(fd, LOCK_EX);
+  } while (locked != 0 && errno == EINTR);
+  return locked == 0;
 }
 
 }  // namespace
@@ -109,22 +116,26 @@ int is_rev_inrange(const char *path, int64_t *value, int at) {
   return revision >= 0 && revision <= highest_fresh_revision ? 1 : 0;
 }
 
-write_result write_quota_file(const char *path, int64_t value, int revision, int at) {
+int quota_real_update(const char *path, int64_t value, int revision, int at, bool *written) {
   bool created = false;
   const unique_fd file = open_quota_file(path, &created, at);
-  if (!file) return write_result::not_opened;
-  int locked = 0;
-  do {
-    locked = ::flock(file.get(), LOCK_EX);
-  } while (locked != 0 && errno == EINTR);
-  // Where locks cannot be had at all, a value written without one is better than none.
-  const int error = quota_write_internal(file.get(), value, revision);
-  if (locked == 0) ::flock(file.get(), LOCK_UN);
-  return error == 0 ? write_result::written : write_result::not_written;
+  if (!file) return -1;
+  const bool locked = lock_file(file.get());
+  // Where locks cannot be had at all, a value written without one is better than none. A write that
+  // failed leaves an empty file, which is computed again.
+  const int status = quota_write_internal(file.get(), value, revision);
+  if (locked) ::flock(file.get(), LOCK_UN);
+  if (written != nullptr) *written = status == 0;
+  return 0;
 }
 
-int quota_real_update(const char *path, int64_t value, int revision) {
-  // What the write itself gave is not told: a file that could not be written is empty, and is
-  // computed again.
-  return write_quota_file(path, value, revision) == write_result::not_opened ? -1 : 0;
+void expire_quota_file(const char *path, int at) {
+  const unique_fd file(::openat(at, path, O_RDWR | O_CLOEXEC));
+  if (!file || !lock_file(file.get())) return;
+  int64_t value = 0;
+  int revision = 0;
+  if (quota_read_internal(file.get(), &value, &revision) == 0 && revision >= 0 &&
+      revision <= highest_fresh_revision) {
+    quota_write_internal(file.get(), value, expired_revision);
+  }
 }

@@ -8,6 +8,7 @@
 
 #include "base/diagnostics.h"
 #include "base/parseconfig.h"
+#include "base/view.h"
 #include "paths.h"
 #include "quota/store.h"
 #include "utils.h"
@@ -32,10 +33,9 @@ struct {
 
 // Takes over what a reader found, so that a setting once filled never changes under its users.
 void fill(c_string &setting, safestr_t found, qx_path_id fallback) {
-  const std::unique_ptr<char, call_to_release<safestr_free>> value(found);
+  const safestr_owner value(found);
   if (setting) return;
-  const bool usable = value && value.get()[0] != '\0';
-  setting.reset(::strdup(usable ? value.get() : qx_path(fallback)));
+  setting.reset(::strdup(is_empty(value.get()) ? qx_path(fallback) : value.get()));
 }
 
 bool all_filled() {

@@ -13,6 +13,8 @@
 #include <memory>
 #include <utility>
 
+#include "base/safestr.h"
+
 template <auto Function>
 struct call_to_release {
   template <class T>
@@ -23,6 +25,8 @@ struct call_to_release {
 
 // Heap text as C callers expect it: from malloc, released with free.
 using c_string = std::unique_ptr<char, call_to_release<std::free>>;
+
+using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
 
 using c_file = std::unique_ptr<FILE, call_to_release<std::fclose>>;
 

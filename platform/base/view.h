@@ -1,8 +1,12 @@
-// White space on string views, for C++ callers that look at text without copying it.
+// Looking at text without copying it.
 #ifndef PLATFORM_BASE_VIEW_H
 #define PLATFORM_BASE_VIEW_H
 
 #include <string_view>
+
+inline bool is_empty(const char *text) {
+  return text == nullptr || *text == '\0';
+}
 
 // The standard isspace class.
 inline constexpr std::string_view white_space = " \t\n\v\f\r";
