@@ -35,25 +35,21 @@ class log_capture {
   void expect(int priority, std::string_view text);
 
   std::vector<log_line> lines() const;
-  std::vector<std::string> messages() const;  // texts only, oldest first
-  bool has(std::string_view text) const;      // some message contains it
-  std::size_t count(std::string_view text) const;
+  std::vector<std::string> messages() const;       // texts only, oldest first
+  std::size_t count(std::string_view text) const;  // how many contain it
+  bool has(std::string_view text) const { return count(text) > 0; }
   void clear();  // forgets what was logged, but not an error that was not announced
 
  private:
   struct announced {
     int priority;
     std::string text;
-    bool met;
-  };
-  struct recorded {
-    log_line line;
-    bool cleared;
   };
   static void sink(const fr_log_record *record, void *context);
 
   mutable std::mutex mutex_;
-  std::vector<recorded> lines_;
+  std::vector<log_line> lines_;
+  std::size_t cleared_ = 0;  // so many of them are forgotten
   std::vector<announced> announced_;
 };
 

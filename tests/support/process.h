@@ -8,9 +8,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "base/owner.h"
@@ -18,31 +18,27 @@
 namespace support {
 
 struct process_options {
-  std::vector<std::pair<std::string, std::string>> environment;  // set or replaced for the child
-  std::vector<std::string> without;                              // variables it must not see
-  std::filesystem::path folder;                                  // working directory; empty: ours
-  std::string input;                                             // its standard input, then EOF
-  std::filesystem::path log;           // stdout and stderr go to this file instead of the result
-  bool own_session = false;            // away from the terminal, so that its signals miss it
-  bool inherit_output = false;         // writes where this process writes
-  int signal_when_orphaned = SIGKILL;  // sent when the thread that started it ends; 0: none
+  // Set or replaced for the child; taken from it where there is no value.
+  std::map<std::string, std::optional<std::string>> environment = {};
+  std::filesystem::path log = {};  // stdout and stderr go to this file instead of the result
+  // Writes where this process writes, and belongs to its terminal; others miss its signals.
+  bool inherit_output = false;
   std::chrono::milliseconds limit{60'000};  // then run_process ends it with SIGKILL
 };
 
 struct process_result {
   std::string out;
   std::string err;
-  int status = -1;  // exit status; -1 when a signal ended it
+  int status = -1;  // exit status; -1 when a signal ended it, 127 when it cannot be started
   int signal = 0;   // the signal that ended it; 0 when it exited
-  bool timed_out = false;
 };
 
-// Runs `argv` to its end. argv[0] is a path, or a name that is looked up (find_program). Throws
-// std::runtime_error when it cannot be started.
+// Runs `argv` to its end; argv[0] is a path, or a name that is looked up in PATH.
 process_result run_process(const std::vector<std::string> &argv,
                            const process_options &options = {});
 
-// A program that runs beside the test; whatever still runs at the end is killed and reaped.
+// A program that runs beside the test; whatever still runs at the end is killed and reaped. It also
+// dies with the thread that started it.
 class background_process {
  public:
   explicit background_process(const std::vector<std::string> &argv,
@@ -56,19 +52,12 @@ class background_process {
   void kill(int signal) const;  // nothing happens once it has ended
   // Its result once it has ended, or nullopt when it still runs after `limit`.
   std::optional<process_result> wait(std::chrono::milliseconds limit);
-  // What it has written so far.
-  std::string out() const;
-  std::string err() const;
 
  private:
   pid_t pid_ = -1;
   unique_fd pidfd_, out_, err_;
   std::optional<process_result> result_;
 };
-
-// Full path of a program, searched in PATH and in the folders of system programs, which an
-// ordinary user's PATH does not name; empty when there is none.
-std::filesystem::path find_program(const std::string &name);
 
 }  // namespace support
 

@@ -24,32 +24,11 @@ std::string text_of(const std::filesystem::path &file) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-reply_owner ask(redisContext *context, const std::vector<std::string> &command) {
-  if (context == nullptr) throw std::logic_error("this sandbox has no cache");
-  std::vector<const char *> words;
-  std::vector<size_t> lengths;
-  for (const std::string &word : command) {
-    words.push_back(word.data());
-    lengths.push_back(word.size());
-  }
-  reply_owner reply(static_cast<redisReply *>(
-      redisCommandArgv(context, static_cast<int>(words.size()), words.data(), lengths.data())));
-  if (!reply) throw std::runtime_error(command.at(0) + ": " + context->errstr);
-  if (reply->type == REDIS_REPLY_ERROR) throw std::runtime_error(command[0] + ": " + reply->str);
-  return reply;
-}
-
-std::optional<std::string> text_of(const redisReply &reply) {
-  if (reply.type == REDIS_REPLY_NIL) return std::nullopt;
-  if (reply.type == REDIS_REPLY_INTEGER) return std::to_string(reply.integer);
-  return std::string(reply.str, reply.len);
-}
-
 std::pair<std::vector<std::string>, process_options> spoolcap_command(
     const sandbox &box, const std::vector<std::string> &arguments, process_options options) {
   std::vector<std::string> argv = {SPOOLCAP_SANDBOX_BINARY};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
-  options.environment.emplace_back(paths_root_variable, box.root().string());
+  options.environment[paths_root_variable] = box.root().string();
   return {argv, options};
 }
 
@@ -67,16 +46,12 @@ sandbox::sandbox(const sandbox_options &options) : folder_("box") {
   if (options.use_cache) make_cache_database(options);
   write_configuration(options);
   set_paths_root(root().string());
-  setenv(paths_root_variable, root().c_str(), 1);
 }
 
 sandbox::~sandbox() {
   // A server that a test broke for good takes its content along.
   try {
     if (sql_) sql("DROP DATABASE " + database_);
-  } catch (const std::exception &) {
-  }
-  try {
     if (redis_) redis({"FLUSHDB"});
   } catch (const std::exception &) {
   }
@@ -162,9 +137,8 @@ void sandbox::write_file(std::string_view relative, std::string_view text) {
   if (!stream.flush()) throw std::runtime_error("cannot write " + file.string());
 }
 
-void sandbox::write_file(std::string_view relative, std::size_t size) {
-  write_file(relative, std::string_view());
-  std::filesystem::resize_file(root() / relative, size);  // sizes count, contents do not
+void sandbox::write_file(std::string_view relative, int size) {
+  write_file(relative, std::string(static_cast<std::size_t>(size), 'x'));
 }
 
 std::optional<std::string> sandbox::read_file(std::string_view relative) const {
@@ -207,11 +181,8 @@ std::vector<sql_row> sandbox::sql(const std::string &statement) const {
       const unsigned long *lengths = mysql_fetch_lengths(result.get());
       sql_row &fields = rows.emplace_back();
       for (unsigned i = 0; i < mysql_num_fields(result.get()); ++i) {
-        if (row[i] == nullptr) {
-          fields.emplace_back(std::nullopt);
-        } else {
-          fields.emplace_back(std::string(row[i], lengths[i]));
-        }
+        fields.emplace_back();
+        if (row[i] != nullptr) fields.back().emplace(row[i], lengths[i]);
       }
     }
     status = mysql_next_result(sql_.get());
@@ -228,16 +199,20 @@ std::optional<std::string> sandbox::sql_value(const std::string &statement) cons
 }
 
 std::optional<std::string> sandbox::redis(const std::vector<std::string> &command) const {
-  return text_of(*ask(redis_.get(), command));
-}
-
-std::vector<std::string> sandbox::redis_list(const std::vector<std::string> &command) const {
-  const reply_owner reply = ask(redis_.get(), command);
-  std::vector<std::string> result;
-  for (size_t i = 0; i < reply->elements; ++i) {
-    result.push_back(text_of(*reply->element[i]).value_or(""));
+  if (!redis_) throw std::logic_error("this sandbox has no cache");
+  std::vector<const char *> words;
+  std::vector<size_t> lengths;
+  for (const std::string &word : command) {
+    words.push_back(word.data());
+    lengths.push_back(word.size());
   }
-  return result;
+  const reply_owner reply(static_cast<redisReply *>(redisCommandArgv(
+      redis_.get(), static_cast<int>(words.size()), words.data(), lengths.data())));
+  if (!reply) throw std::runtime_error(command.at(0) + ": " + redis_->errstr);
+  if (reply->type == REDIS_REPLY_ERROR) throw std::runtime_error(command[0] + ": " + reply->str);
+  if (reply->type == REDIS_REPLY_NIL) return std::nullopt;
+  if (reply->type == REDIS_REPLY_INTEGER) return std::to_string(reply->integer);
+  return std::string(reply->str, reply->len);
 }
 
 std::string sandbox::quoted(std::string_view text) const {
@@ -267,25 +242,9 @@ void sandbox::add_extension(int id, int owner, std::string_view number) {
       "), 'term' FROM client WHERE id = " + std::to_string(owner));
 }
 
-std::uint64_t sandbox::add_stored_file(const std::string &statement) {
-  sql(statement);
-  return mysql_insert_id(sql_.get());
-}
-
-std::uint64_t sandbox::add_recording(int extension, std::int64_t size) {
-  return add_stored_file("INSERT INTO extension_recording (extension_id, filesize) VALUES (" +
-                         std::to_string(extension) + ", " + std::to_string(size) + ")");
-}
-
-std::uint64_t sandbox::add_voicemail(int extension, std::int64_t size, std::string_view box) {
-  return add_stored_file(
-      "INSERT INTO extension_voicemail (extension_id, filesize, folder) VALUES (" +
-      std::to_string(extension) + ", " + std::to_string(size) + ", " + quoted(box) + ")");
-}
-
-std::uint64_t sandbox::add_fax(int extension, std::int64_t size) {
-  return add_stored_file("INSERT INTO extension_fax_center (extension_id, filesize) VALUES (" +
-                         std::to_string(extension) + ", " + std::to_string(size) + ")");
+void sandbox::add_stored_file(const std::string &table, int extension, std::int64_t size) {
+  sql("INSERT INTO extension_" + table + " (extension_id, filesize) VALUES (" +
+      std::to_string(extension) + ", " + std::to_string(size) + ")");
 }
 
 std::unique_ptr<background_process> sandbox::start_spoolcap(

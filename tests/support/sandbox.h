@@ -46,10 +46,7 @@ class sandbox {
   std::string path(std::string_view relative) const;
   // Missing folders on the way are made.
   void write_file(std::string_view relative, std::string_view text);
-  void write_file(std::string_view relative, std::size_t size);
-  void write_file(std::string_view relative, int size) {
-    write_file(relative, static_cast<std::size_t>(size));
-  }
+  void write_file(std::string_view relative, int size);  // of so many bytes, whichever
   std::optional<std::string> read_file(std::string_view relative) const;  // nullopt: not there
   void make_folder(std::string_view relative);
 
@@ -75,8 +72,6 @@ class sandbox {
   // nil; an error reply throws.
   int cache_database() const { return cache_database_; }
   std::optional<std::string> redis(const std::vector<std::string> &command) const;
-  // A reply that is an array; "" stands for nil.
-  std::vector<std::string> redis_list(const std::vector<std::string> &command) const;
 
   // Accounts: a row of client and one of hs_account.
   void add_account(int id, std::optional<int> parent, int level, std::string_view login);
@@ -91,10 +86,14 @@ class sandbox {
 
   // An extension of an owner; its extended number is "<owner's parent, 4 digits>*<number>".
   void add_extension(int id, int owner, std::string_view number);
-  // Rows of stored files; the row's id comes back.
-  std::uint64_t add_recording(int extension, std::int64_t size);
-  std::uint64_t add_voicemail(int extension, std::int64_t size, std::string_view box = "INBOX");
-  std::uint64_t add_fax(int extension, std::int64_t size);
+  // Rows of stored files.
+  void add_recording(int extension, std::int64_t size) {
+    add_stored_file("recording", extension, size);
+  }
+  void add_voicemail(int extension, std::int64_t size) {
+    add_stored_file("voicemail", extension, size);
+  }
+  void add_fax(int extension, std::int64_t size) { add_stored_file("fax_center", extension, size); }
 
   // The command in this sandbox.
   process_result run_spoolcap(const std::vector<std::string> &arguments,
@@ -113,7 +112,7 @@ class sandbox {
   void make_database(const sandbox_options &options);
   void make_cache_database(const sandbox_options &options);
   void write_configuration(const sandbox_options &options);
-  std::uint64_t add_stored_file(const std::string &statement);
+  void add_stored_file(const std::string &table, int extension, std::int64_t size);
   std::string quoted(std::string_view text) const;
 
   private_folder folder_;

@@ -50,6 +50,9 @@ int free_port() {
   return ntohs(address.sin_port);
 }
 
+// Neither the tests' users nor a sanitizer's runtime are any business of a server.
+const process_options for_servers{.environment = {{"LD_PRELOAD", std::nullopt}}, .limit = 120s};
+
 std::string user_argument() {
   return geteuid() == 0 ? "--user=root" : "";
 }
@@ -90,11 +93,10 @@ std::string server::log() const {
 void server::start() {
   if (child_) throw std::logic_error(name_ + " runs already");
   const bool choose_port = tcp_ && port_ == 0;
-  for (int attempts = choose_port ? 3 : 1;; --attempts) {
+  for (int attempts = choose_port ? 3 : 1; !child_; --attempts) {
     if (choose_port) port_ = free_port();
     try {
       start_once();
-      return;
     } catch (const std::runtime_error &) {
       child_.reset();
       if (attempts == 1) throw;
@@ -103,12 +105,8 @@ void server::start() {
 }
 
 void server::start_once() {
-  process_options options;
+  process_options options = for_servers;
   options.log = folder() / "log";
-  options.folder = folder();
-  options.own_session = true;
-  // Neither the tests' users nor a sanitizer's runtime are any business of a server.
-  options.without = {"LD_PRELOAD"};
   child_ = std::make_unique<background_process>(command(), options);
   for (const auto deadline = clock_type::now() + 60s; !answers();) {
     if (!child_->running()) throw std::runtime_error(name_ + " ended at its start:\n" + log());
@@ -151,8 +149,7 @@ void server::resume() {
 
 mariadb_server::mariadb_server(mariadb_options options)
     : server("mariadb", options.tcp), options_(std::move(options)) {
-  std::filesystem::path source = options_.template_folder;
-  if (source.empty()) source = variable(template_variable);
+  const std::string source = variable(template_variable);
   if (source.empty()) missing("no MariaDB data directory to copy");
   std::filesystem::copy(source, folder() / "data", std::filesystem::copy_options::recursive);
   std::filesystem::create_directory(folder() / "tmp");
@@ -182,11 +179,7 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
                                    "--innodb-flush-method=nosync",
                                    "--innodb-doublewrite=0"};
   std::erase(argv, "");
-  process_options options;
-  options.without = {"LD_PRELOAD"};
-  options.own_session = true;
-  options.limit = 120s;
-  const process_result result = run_process(argv, options);
+  const process_result result = run_process(argv, for_servers);
   if (result.status != 0) {
     throw std::runtime_error("mariadb-install-db failed:\n" + result.out + result.err);
   }
@@ -245,8 +238,6 @@ std::vector<std::string> redis_server::command() const {
   if (!options_.master_host.empty()) {
     add({"--replicaof", options_.master_host, std::to_string(options_.master_port)});
   }
-  if (!options_.master_password.empty()) add({"--masterauth", options_.master_password});
-  argv.insert(argv.end(), options_.arguments.begin(), options_.arguments.end());
   return argv;
 }
 

@@ -7,10 +7,8 @@
 
 #include <chrono>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/process.h"
@@ -73,9 +71,8 @@ class server {
 };
 
 struct mariadb_options {
-  bool tcp = false;                       // also listen on a free port of 127.0.0.1
-  std::vector<std::string> arguments;     // appended to the server's own
-  std::filesystem::path template_folder;  // empty: the testbed's
+  bool tcp = false;                         // also listen on a free port of 127.0.0.1
+  std::vector<std::string> arguments = {};  // appended to the server's own
 };
 
 class mariadb_server final : public server {
@@ -95,11 +92,9 @@ class mariadb_server final : public server {
 
 struct redis_options {
   bool tcp = false;
-  std::string password;     // requirepass
-  std::string master_host;  // replicaof
+  std::string password = {};     // requirepass
+  std::string master_host = {};  // replicaof
   int master_port = 0;
-  std::string master_password;
-  std::vector<std::string> arguments;
 };
 
 class redis_server final : public server {

@@ -70,10 +70,7 @@ int run(const std::vector<std::string> &argv, const end_signals &signals) {
   setenv(support::mariadb_variable, database.socket().c_str(), 1);
   setenv(support::redis_variable, cache.socket().c_str(), 1);
 
-  support::process_options options;
-  options.inherit_output = true;
-  options.signal_when_orphaned = SIGTERM;
-  support::background_process command(argv, options);
+  support::background_process command(argv, {.inherit_output = true});
   std::optional<support::process_result> result;
   while (!(result = command.wait(50ms))) {
     if (const int number = signals.next(from_terminal); number != 0 && !from_terminal) {
@@ -98,11 +95,17 @@ int main(int argc, char **argv) {
   prctl(PR_SET_PDEATHSIG, SIGTERM);
   if (getppid() != parent) return 128 + SIGTERM;
   prctl(PR_SET_CHILD_SUBREAPER, 1);
-  int status = 1;
+  // Servers stand in the folders of system programs, which an ordinary user's PATH does not name.
+  const char *path = getenv("PATH");
+  setenv("PATH",
+         std::string(path != nullptr ? path : "/usr/bin:/bin")
+             .append(":/usr/local/sbin:/usr/sbin:/sbin")
+             .c_str(),
+         1);
   try {
-    status = run({argv + 1, argv + argc}, signals);
+    return run({argv + 1, argv + argc}, signals);
   } catch (const std::exception &failure) {
     std::fprintf(stderr, "testbed: %s\n", failure.what());
+    return 1;
   }
-  return status;
 }
