@@ -18,36 +18,32 @@
 // for one that is not there, "!" behind one with a dirty mark.
 using figures = std::map<std::string, std::string>;
 
-// Reseller 1 with clients 2 (owners 21 and 22) and 3 (owner 31).
+inline const figures right_figures = {
+    {"1", "7.0 1234.0 35.0 3.0 51.0"},   {"1/2", "7.0 230.0 35.0 3.0 50.0"},
+    {"1/2/21", "0.0 30.0 30.0 3.0 0.0"}, {"1/2/22", "7.0 0.0 5.0 0.0 50.0"},
+    {"1/3", "0.0 4.0 0.0 0.0 0.0"},      {"1/3/31", "0.0 4.0 0.0 0.0 0.0"}};
+
+// Reseller 1 with clients 2 (owners 21 and 22) and 3 (owner 31, without extensions).
 class refresh_test : public testing::Test {
  protected:
   refresh_test() {
     box.add_reseller(1, "reseller");
-    box.add_client(2, 1, "client");
-    box.add_client(3, 1, "other client");
-    box.add_owner(21, 2, "owner");
-    box.add_owner(22, 2, "other owner");
-    box.add_owner(31, 3, "owner without extensions");
-    box.add_extension(100, 21, "100");
-    box.add_extension(101, 21, "101");
-    box.add_extension(200, 22, "200");
-    box.add_recording(100, 10);
-    box.add_recording(101, 20);
-    box.add_recording(200, 5);
-    box.add_voicemail(100, 3);
-    box.add_fax(200, 7);
+    for (const int client : {2, 3}) box.add_client(client, 1, "client");
+    for (const int owner : {21, 22, 31}) box.add_owner(owner, owner / 10, "owner");
+    for (const int extension : {210, 211, 220}) {
+      box.add_extension(extension, extension / 10, std::to_string(extension));
+    }
+    box.add_recording(210, 10);
+    box.add_recording(211, 20);
+    box.add_recording(220, 5);
+    box.add_voicemail(210, 3);
+    box.add_fax(220, 7);
     box.write_file(box.sound_folder("0001") + "/hello.wav", 1000);
     box.write_file(box.sound_folder("2") + "/menu/hello.wav", 200);
     box.write_file(box.sound_folder("21") + "/hello.wav", 30);
     box.write_file(box.sound_folder("31") + "/hello.wav", 4);
     box.write_file(box.music_folder("0001") + "/song.wav", 1);
     box.write_file(box.music_folder("22") + "/song.wav", 50);
-  }
-
-  static figures right_figures() {
-    return {{"1", "7.0 1234.0 35.0 3.0 51.0"},   {"1/2", "7.0 230.0 35.0 3.0 50.0"},
-            {"1/2/21", "0.0 30.0 30.0 3.0 0.0"}, {"1/2/22", "7.0 0.0 5.0 0.0 50.0"},
-            {"1/3", "0.0 4.0 0.0 0.0 0.0"},      {"1/3/31", "0.0 4.0 0.0 0.0 0.0"}};
   }
 
   std::string quota_root() const { return box.path("var/lib/quorvexquota"); }
@@ -57,25 +53,21 @@ class refresh_test : public testing::Test {
     figures found;
     if (!fs::is_directory(quota_root())) return found;
     for (const auto &entry : fs::recursive_directory_iterator(quota_root())) {
-      if (!entry.is_directory() || entry.path().extension() == ".quota") continue;
+      if (!entry.is_directory()) continue;
       std::string &line = found[fs::relative(entry.path(), quota_root())];
       for (const char *kind : quota_kind_names) {
         const std::string file = entry.path().string() + "/" + kind + ".quota";
-        line += line.empty() ? "" : " ";
-        line += fs::is_regular_file(file) ? *box.read_file(file) : "-";
-        line += fs::exists(file + ".dirty") ? "!" : "";
+        line += (line.empty() ? "" : " ") + box.read_file(file).value_or("-") +
+                (fs::exists(file + ".dirty") ? "!" : "");
       }
     }
     return found;
   }
 
-  // Every file of the platform above, with this record and, when asked for, a dirty mark.
-  void store_everywhere(const std::string &record, bool dirty) {
-    for (const auto &[place, unused] : right_figures()) {
-      for (const char *kind : quota_kind_names) {
-        const std::string file = "var/lib/quorvexquota/" + place + "/" + kind + ".quota";
-        box.write_file(file, record);
-        if (dirty) box.write_file(file + ".dirty", "");
+  void store_everywhere(const std::string &record) {
+    for (const auto &[place, unused] : right_figures) {
+      for (const std::string kind : quota_kind_names) {
+        box.write_file("var/lib/quorvexquota/" + place + "/" + kind + ".quota", record);
       }
     }
   }
