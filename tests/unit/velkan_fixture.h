@@ -17,7 +17,6 @@
 
 using optional_text = std::optional<std::string>;
 
-// A client of its own, with the calls that the tests use in short form.
 class cache_client {
  public:
   explicit cache_client(std::initializer_list<std::string> hosts, const std::string &key = "") {
