@@ -16,8 +16,6 @@ namespace {
 
 constexpr int directive_line_size = 8192;
 
-using field_list = std::unique_ptr<char *, call_to_release<fr_explode_free>>;
-
 // Logs the early return when the file cannot be read.
 c_file open_config(const call_site &site, const char *path) {
   c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
@@ -60,25 +58,28 @@ struct record_form {
 constexpr record_form credentials_form{4, 4, "Invalid DB credentials line [%d] in <%s>.\n\n"};
 constexpr record_form host_form{3, SIZE_MAX, "Invalid DB host line [%d] in <%s>.\n\n"};
 
-// The fields of the first record of `keyword` whose id matches. A malformed record ends the search,
-// even when a good one for the id would follow.
-field_list find_record(const call_site &site, const record_form &form, const char *path,
-                       const char *keyword, const char *id, size_t *count) {
+// The fields of the first record of `keyword` whose id matches, or none. A malformed record ends
+// the search, even when a good one for the id would follow.
+value_fields find_record(const call_site &site, const record_form &form, const char *path,
+                         const char *keyword, const char *id) {
+  if (keyword == nullptr || id == nullptr) {
+    log_conditional_return(site);
+    return {};
+  }
   const c_file file = open_config(site, path);
-  if (!file || keyword == nullptr || id == nullptr) return nullptr;
+  if (!file) return {};
   char buffer[conf_line_size];
   int line_number = 0;
   while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
     const c_string value = trimmed_copy(found + std::strlen(keyword));
-    field_list fields(fr_explode(value.get(), ':', count));
-    if (!fields) return nullptr;
-    if (*count < form.least_fields || *count > form.most_fields) {
+    value_fields fields(value.get());
+    if (fields.count() < form.least_fields || fields.count() > form.most_fields) {
       QX_LOG_AT(site, FR_LOG_ERROR, form.complaint, line_number, path);
-      return nullptr;
+      return {};
     }
-    if (std::strcmp(fields.get()[0], id) == 0) return fields;
+    if (std::strcmp(fields[0], id) == 0) return fields;
   }
-  return nullptr;
+  return {};
 }
 
 void add_value(qx_conf_directive &row, c_string value) {
@@ -114,12 +115,11 @@ int qx_conf_parse_string_value(const char *keyword, const char *path, char **val
 int qx_conf_parse_db_cred(const char *keyword, const char *path, const char *id, char **field1,
                           char **field2, char **field3) {
   if (keyword == nullptr) keyword = "DB_CREDENTIALS";
-  size_t count = 0;
-  const field_list record = find_record(QX_HERE, credentials_form, path, keyword, id, &count);
-  if (!record) return -1;
-  give(field1, record.get()[1]);
-  give(field2, record.get()[2]);
-  give(field3, record.get()[3]);
+  const value_fields record = find_record(QX_HERE, credentials_form, path, keyword, id);
+  if (record.count() == 0) return -1;
+  give(field1, record[1]);
+  give(field2, record[2]);
+  give(field3, record[3]);
   return 0;
 }
 
@@ -141,11 +141,10 @@ int qx_conf_parse_worker(const char *keyword, const char *path, char **value) {
 
 int qx_conf_parse_db_host_custom(const char *path, const char *id, const char *keyword, char **host,
                                  int32_t *port) {
-  size_t count = 0;
-  const field_list record = find_record(QX_HERE, host_form, path, keyword, id, &count);
-  if (!record) return -1;
-  if (host != nullptr) *host = fr_implode(record.get(), 1, count - 2, ':');
-  if (port != nullptr) *port = std::atoi(record.get()[count - 1]);
+  const value_fields record = find_record(QX_HERE, host_form, path, keyword, id);
+  if (record.count() == 0) return -1;
+  if (host != nullptr) *host = record.joined(1, record.count() - 2).release();
+  if (port != nullptr) *port = record.number(record.count() - 1);
   return 0;
 }
 
@@ -186,8 +185,8 @@ int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_direct
   char buffer[directive_line_size];
   while (const char *text = next_directive_line(file, buffer)) {
     for (qx_conf_directive *row = table; row->name != nullptr; ++row) {
-      // No separator is asked for after the name, so a longer keyword that begins with it counts as
-      // a line of it; files in use depend on this.
+      // No separator is asked for after the name: a longer keyword that begins with it counts as a
+      // line of it.
       if (!begins_with(text, row->name)) continue;
       add_value(*row, trimmed_copy(text + std::strlen(row->name)));
       break;

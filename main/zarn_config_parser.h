@@ -43,7 +43,8 @@ int qx_conf_parse_db_cred(const char *keyword, const char *path, const char *id,
 int qx_conf_parse_worker(const char *keyword, const char *path, char **value);
 
 /* Host and port of the "id:host:port" line with this id; the host may hold colons. Outputs that
- * are NULL are not wanted. -1 when there is none, and at the first line with fewer fields. */
+ * are NULL are not wanted. -1 when there is none, at the first line with fewer fields, and
+ * without looking when the id or the keyword is NULL. */
 int qx_conf_parse_db_host_custom(const char *path, const char *id, const char *keyword, char **host,
                                  int32_t *port);
 

@@ -5,11 +5,10 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "base/diagnostics.h"
 #include "base/owner.h"
-#include "base/str.h"
+#include "conf_line.h"
 #include "paths.h"
 #include "velkan/velkan.h"
 #include "zarn_config_parser.h"
@@ -28,23 +27,6 @@ struct level_word {
 constexpr level_word level_words[] = {
     {"ERROR", VK_LOG_ERROR},   {"DEBUG", VK_LOG_DEBUG},     {"EVENT", VK_LOG_EVENT},
     {"NOTICE", VK_LOG_NOTICE}, {"WARNING", VK_LOG_WARNING},
-};
-
-// The fields of a value between its colons.
-class colon_fields {
- public:
-  explicit colon_fields(const char *value) : fields_(fr_explode(value, ':', &count_)) {}
-
-  size_t count() const { return fields_ ? count_ : 0; }
-  const char *operator[](size_t index) const { return fields_.get()[index]; }
-  int number(size_t index) const { return atoi(fields_.get()[index]); }
-  c_string joined(size_t first, size_t last) const {
-    return c_string(fr_implode(fields_.get(), first, last, ':'));
-  }
-
- private:
-  size_t count_ = 0;
-  std::unique_ptr<char *, call_to_release<fr_explode_free>> fields_;
 };
 
 // The two directives of the cache, and their values for as long as this lives.
@@ -115,7 +97,7 @@ void select_database(vk_client_t *client, int database, const char *key) {
 bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) {
   for (int32_t entry = 0; entry < credentials.count; entry++) {
     const auto number = static_cast<size_t>(entry);
-    const colon_fields fields(credentials.values[entry]);
+    const value_fields fields(credentials.values[entry]);
     if (fields.count() < 4) {
       QX_LOG(FR_LOG_ERROR,
              "Failed to parse velkan credentials from /etc/quorvex/pbx.conf. Entry nr: %zu.\n",
@@ -162,14 +144,14 @@ int ast_vk_init(vk_client **client) {
 }
 
 int add_vk_srv_(vk_client *client, const char *value) {
-  const colon_fields fields(value);
+  const value_fields fields(value);
   const size_t count = fields.count();
   if (count <= 4) {
     syslog(LOG_ERR, "Failed to parse disdb host. Entry: %s.\n", value);
     return 1;
   }
   if (strcmp(fields[0], own_partition) != 0) {
-    // The line has always shown no name for the server, and those who read the log know it so.
+    // The name of a server that is passed over is not put together, and the line shows none.
     syslog(LOG_NOTICE, "Skiping velkan server %s from partition %s", "(null)", fields[0]);
     return 1;
   }
@@ -180,13 +162,11 @@ int add_vk_srv_(vk_client *client, const char *value) {
 
 int add_vk_syslog_(vk_client *client, const char *levels) {
   syslog(LOG_NOTICE, "Parsing syslog loglevel for libvelkan: %s", levels);
-  size_t count = 0;
-  const std::unique_ptr<char *, call_to_release<fr_explode_free>> words(
-      fr_explode(levels, '|', &count));
+  const value_fields words(levels, '|');
   unsigned mask = 0;
-  for (size_t word = 0; words && word < count; word++) {
+  for (size_t word = 0; word < words.count(); word++) {
     for (const level_word &row : level_words) {
-      if (strcmp(words.get()[word], row.word) == 0) mask |= row.bit;
+      if (strcmp(words[word], row.word) == 0) mask |= row.bit;
     }
   }
   if (mask == 0) return 0;

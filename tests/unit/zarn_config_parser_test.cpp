@@ -55,7 +55,7 @@ TEST_F(ConfigParser, StringValueTakesTheFirstLineThatBeginsWithTheKeyword) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(ConfigParser, UnreadableFilesAndMissingOutputsAreTraced) {
+TEST_F(ConfigParser, UnreadableFilesAndMissingArgumentsAreTraced) {
   char *value = ::strdup("old");
   const char *absent = "/nonexistent/test.conf";
   EXPECT_EQ(-1, qx_conf_parse_string_value("KEY", absent, &value));
@@ -64,6 +64,9 @@ TEST_F(ConfigParser, UnreadableFilesAndMissingOutputsAreTraced) {
   EXPECT_EQ(-1, qx_conf_parse_db_cred(nullptr, absent, "a", nullptr, nullptr, nullptr));
   EXPECT_EQ(-1, qx_conf_parse_worker(nullptr, absent, &value));
   EXPECT_EQ(-1, qx_conf_parse_db_host(absent, "a", 1, nullptr, nullptr));
+  const string record = file("DB_MASTER a:h:1\n");
+  EXPECT_EQ(-1, qx_conf_parse_db_host_custom(record.c_str(), "a", nullptr, nullptr, nullptr));
+  EXPECT_EQ(-1, qx_conf_parse_db_host(record.c_str(), nullptr, 1, nullptr, nullptr));
   string functions;
   for (const support::log_line &line : log.lines()) {
     functions += line.function.substr(std::strlen("qx_conf_parse_")) + " ";
@@ -72,7 +75,9 @@ TEST_F(ConfigParser, UnreadableFilesAndMissingOutputsAreTraced) {
     EXPECT_EQ(FR_LOG_TRACE, line.channel);
     EXPECT_EQ(FR_LOG_DEBUG, line.priority);
   }
-  EXPECT_EQ("string_value string_value db_cred worker db_host_custom ", functions);
+  EXPECT_EQ(
+      "string_value string_value db_cred worker db_host_custom db_host_custom db_host_custom ",
+      functions);
 }
 
 TEST_F(ConfigParser, CredentialsAreTheFieldsOfTheFirstLineWithTheId) {
@@ -136,7 +141,6 @@ TEST_F(ConfigParser, HostsMayHoldColons) {
   char *host = nullptr;
   EXPECT_EQ(0, qx_conf_parse_db_host(path.c_str(), "main", 0, &host, nullptr));
   EXPECT_STREQ("s", c_string(host).get());
-  EXPECT_EQ(-1, qx_conf_parse_db_host_custom(path.c_str(), "main", nullptr, nullptr, nullptr));
 }
 
 TEST_F(ConfigParser, WorkerTakesAnyByteUpTo32OrAbove127AfterTheKeyword) {
