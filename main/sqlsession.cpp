@@ -66,6 +66,7 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
   }
   if (!for_each_value(file.get(), "DB_CREDENTIALS", add_shard)) return -1;
 
+  file.reset();
   file.reset(servers_file == nullptr ? nullptr : fopen(servers_file, "re"));
   if (!file) return -1;
   for_each_value(file.get(), "SLAVE_DOWN_TIME", set_down_time);

@@ -12,8 +12,8 @@ extern "C" {
 
 typedef struct fr_sql_conn *SessionHandle;
 
-/* Sets the pool up from the platform's own files; call once at start. A failure is logged and
- * shows in sess_init. */
+/* Sets the pool up from the platform's own files; call once at start. A failure shows in
+ * sess_init, and in the log unless it is that the servers file cannot be opened. */
 void qx_sql_pool_init(void);
 
 /* The same from other files: `credentials_file` with the DB_CREDENTIALS lines, `servers_file` with
