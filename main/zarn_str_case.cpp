@@ -26,8 +26,7 @@ void convert_name(char *str) {
   const size_t length = std::strlen(str);
   for (size_t i = 0; i < length;) {
     if (i + 2 < length && lower(str[i]) == 'm' && lower(str[i + 1]) == 'c') {
-      // "Mc" is taken for the start of a family name wherever it stands, inside words too: names
-      // that were stored in this form have to come out the same again.
+      // "Mc" is taken for the start of a family name wherever it stands, inside words too.
       str[i] = 'M';
       str[i + 1] = 'c';
       str[i + 2] = upper(str[i + 2]);
