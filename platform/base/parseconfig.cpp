@@ -1,9 +1,8 @@
 #include "base/parseconfig.h"
 
-#include <cstdio>
 #include <string_view>
 
-#include "base/owner.h"
+#include "base/line_reader.h"
 #include "base/view.h"
 
 namespace {
@@ -36,13 +35,10 @@ directive split_line(std::string_view line) {
 
 int parseconfig(const char *path, const struct parseconfig_entry *entries, size_t count) {
   if (path == nullptr || (entries == nullptr && count > 0)) return -1;
-  const c_file file(std::fopen(path, "re"));
-  if (!file) return -1;
-  char *buffer = nullptr;
-  size_t capacity = 0;
-  ssize_t length = 0;
-  while ((length = ::getline(&buffer, &capacity, file.get())) >= 0) {
-    const directive found = split_line({buffer, static_cast<size_t>(length)});
+  line_reader lines(path);
+  if (!lines) return -1;
+  while (const auto line = lines.next()) {
+    const directive found = split_line(*line);
     for (size_t i = 0; i < count; ++i) {
       if (found.keyword.empty() || found.keyword != entries[i].keyword) continue;
       safestr_t value = safestr_create(found.value.data(), found.value.size());
@@ -51,6 +47,5 @@ int parseconfig(const char *path, const struct parseconfig_entry *entries, size_
       *entries[i].value = value;
     }
   }
-  const c_string line_owner(buffer);
-  return std::ferror(file.get()) != 0 ? -1 : 0;
+  return lines.failed() ? -1 : 0;
 }

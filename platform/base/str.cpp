@@ -3,17 +3,13 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/owner.h"
+#include "base/view.h"
 
 namespace {
-
-bool is_space(char byte) {
-  return std::isspace(static_cast<unsigned char>(byte)) != 0;
-}
 
 using field_list = std::unique_ptr<char *, call_to_release<fr_explode_free>>;
 

@@ -11,6 +11,10 @@ inline bool is_empty(const char *text) {
 // The standard isspace class.
 inline constexpr std::string_view white_space = " \t\n\v\f\r";
 
+constexpr bool is_space(char byte) {
+  return white_space.find(byte) != std::string_view::npos;
+}
+
 // `text` without white space at both ends. Never a null view, even when nothing is left.
 inline std::string_view trimmed(std::string_view text) {
   const size_t start = text.find_first_not_of(white_space);

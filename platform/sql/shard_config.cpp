@@ -3,6 +3,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/line_reader.h"
 #include "base/view.h"
 #include "pool.h"
 #include "sqlpool.h"
@@ -49,7 +50,7 @@ std::optional<server_line> parse_server(std::string_view value) {
 std::optional<std::string_view> value_of(std::string_view line, std::string_view keyword) {
   if (!line.starts_with(keyword)) return std::nullopt;
   line.remove_prefix(keyword.size());
-  if (line.empty() || white_space.find(line.front()) == white_space.npos) return std::nullopt;
+  if (line.empty() || !is_space(line.front())) return std::nullopt;
   return trimmed(line);
 }
 
@@ -99,20 +100,15 @@ std::unique_ptr<fr_sql_shard> parse_shard(std::string_view value) {
 }
 
 int read_servers(const char *path, bool need_master) {
-  const c_file file(fopen(path, "re"));
-  if (!file) {
+  line_reader lines(path);
+  if (!lines) {
     SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, strerror(errno));
     return -1;
   }
-  c_string line;
-  size_t size = 0;
   bool has_master = false;
-  for (int number = 1;; number++) {
-    char *buffer = line.release();
-    const ssize_t length = getline(&buffer, &size, file.get());
-    line.reset(buffer);
-    if (length < 0) break;
-    if (take_line({buffer, static_cast<size_t>(length)}, path, number)) has_master = true;
+  int number = 0;
+  while (const auto line = lines.next()) {
+    if (take_line(*line, path, ++number)) has_master = true;
   }
   return has_master || !need_master ? 0 : -1;
 }

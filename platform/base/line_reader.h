@@ -1,0 +1,35 @@
+// Reading a text file line by line.
+#ifndef PLATFORM_BASE_LINE_READER_H
+#define PLATFORM_BASE_LINE_READER_H
+
+#include <cstdio>
+#include <optional>
+#include <string_view>
+
+#include "base/owner.h"
+
+class line_reader {
+ public:
+  // Opens the file; errno tells why when the reader is false after that.
+  explicit line_reader(const char *path) noexcept : file_(std::fopen(path, "re")) {}
+  explicit operator bool() const noexcept { return file_ != nullptr; }
+
+  // The next line with its line end, borrowed until the next call, with a NUL byte behind it.
+  std::optional<std::string_view> next() noexcept {
+    char *buffer = line_.release();
+    const ssize_t length = ::getline(&buffer, &capacity_, file_.get());
+    line_.reset(buffer);
+    if (length < 0) return std::nullopt;
+    return std::string_view(buffer, static_cast<size_t>(length));
+  }
+
+  // After the last line: whether there may be more that could not be read.
+  bool failed() const noexcept { return std::feof(file_.get()) == 0; }
+
+ private:
+  c_file file_;
+  c_string line_;
+  size_t capacity_ = 0;
+};
+
+#endif
