@@ -14,12 +14,8 @@ class lookup_argument {
   explicit lookup_argument(const char *text)
       : kind_(text == nullptr ? kind::none : kind::text), text_(text) {}
 
-  // Null when memory is short.
-  c_string key(const char *format) const;
-  c_string text(const char *format) const { return key(format); }
-
-  // Runs a statement with the argument put in as it is; 0, or non-zero with nothing logged.
-  int query(SessionHandle session, sql_result &result, const char *format) const;
+  // A text with the argument put in as it is; null when memory is short.
+  c_string format(const char *pattern) const;
 
  private:
   enum class kind { none, number, text };
@@ -40,8 +36,8 @@ struct field_lookup {
 
   // The value that the database gave, which is also what is written back; null when there is none
   // and nothing is written. `row` is the first row, NULL when there is none or the statement
-  // failed; further rows come from mysql_fetch_row(rows).
-  c_string (*value_of)(MYSQL_ROW row, MYSQL_RES *rows);
+  // failed.
+  c_string (*value_of)(MYSQL_ROW row);
 
   int keep_markers;
 
@@ -62,7 +58,7 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
                           const lookup_argument &argument, SessionHandle session);
 
 // First columns as values.
-c_string column_or_nothing(MYSQL_ROW row, MYSQL_RES *rows);
-c_string column_or_marker(MYSQL_ROW row, MYSQL_RES *rows);
+c_string column_or_nothing(MYSQL_ROW row);
+c_string column_or_marker(MYSQL_ROW row);
 
 #endif

@@ -2,7 +2,6 @@
 
 #include <strings.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,10 +13,6 @@
 QX_LOG_SOURCE("../main/zarn_cache");
 
 namespace {
-
-bool has_null(const char *const *texts, int count) {
-  return std::any_of(texts, texts + count, [](const char *text) { return text == nullptr; });
-}
 
 char *joined_values(const call_site &site, int persistent, const char *key) {
   string_array values;
@@ -123,7 +118,7 @@ char *drget_hash(int persistent, const char *field, const char *sql_format, cons
                  const char *argument, int keep_markers) {
   const call_site here = QX_HERE;
   if (argument == nullptr) {
-    log_condition_failed(here);
+    log_condition_failed(QX_HERE);
     return nullptr;
   }
   return read_one(here, persistent, field, sql_format, key_format, lookup_argument(argument),
@@ -134,7 +129,7 @@ char *drget_hash_by_id(int persistent, const char *field, const char *sql_format
                        const char *key_format, int id, int keep_markers) {
   const call_site here = QX_HERE;
   if (id <= 0) {
-    log_condition_failed(here);
+    log_condition_failed(QX_HERE);
     return nullptr;
   }
   return read_one(here, persistent, field, sql_format, key_format, lookup_argument(id),

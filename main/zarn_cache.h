@@ -5,7 +5,8 @@
  * back, a missing row and a NULL column as markers, so that negative answers are cached as well.
  * Cache trouble never stops a lookup: a failed read is a miss, a failed write is logged.
  *
- * Keys are built from a printf format and must not contain "%". Values hold any bytes but NUL.
+ * Keys are built from a printf format and used as they come out of it. Values hold any bytes but
+ * NUL.
  * Strings and arrays handed out are malloc'ed and the caller's. The cache client is created at the
  * first use and kept for the life of the process. Calls may come from several threads. */
 #ifndef MAIN_ZARN_CACHE_H
@@ -42,8 +43,8 @@ char *rgetall_hash_comma(int persistent, const char *key_format, ...)
 
 /* `count` fields of one hash, NULL where absent. NULL when count is not positive, an argument is
  * NULL or the read failed. Release with rget_free_vals. */
-char **rmget_hash(int persistent, int count, const char *const *fields, const char *key_format,
-                  ...) __attribute__((format(printf, 4, 5)));
+char **rmget_hash(int persistent, int count, const char *const *fields, const char *key_format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 /* Frees `count` strings and their array; a NULL array is ignored. */
 void rget_free_vals(int count, char **values);

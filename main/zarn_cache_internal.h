@@ -6,6 +6,7 @@
 #ifndef MAIN_ZARN_CACHE_INTERNAL_H
 #define MAIN_ZARN_CACHE_INTERNAL_H
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
@@ -60,6 +61,10 @@ class string_array {
 // never as a format again, so that a "%" brought in by an argument does no harm.
 c_string format_cache_key(const char *format, va_list arguments)
     __attribute__((format(printf, 1, 0)));
+
+inline bool has_null(const char *const *texts, int count) {
+  return std::find(texts, texts + count, nullptr) != texts + count;
+}
 
 // Text with a backslash before each backslash, double quote and single quote.
 std::string escape_sql(const char *text);

@@ -50,9 +50,10 @@ void parameter_lookup::read_cache() {
                            std::strcmp(bindings[i]->key_format, binding->key_format) == 0;
          ++i)
       fields.push_back(bindings[i]->field);
-    if (const c_string key = key_argument.key(binding->key_format)) {
+    if (const c_string key = key_argument.format(binding->key_format)) {
       string_array found =
-          rmget_hash_key(site, binding->persistent, key.get(), fields.data(), fields.size());
+          rmget_hash_key({site.source, "rmget_hash", __LINE__}, binding->persistent, key.get(),
+                         fields.data(), fields.size());
       for (size_t i = 0; i < found.count(); ++i) values.set(first + i, found.take(i));
     }
     first += fields.size();
@@ -101,7 +102,7 @@ bool parameter_lookup::read_database() {
   const std::string escaped = argument == nullptr ? "" : escape_sql(argument);
   const sql_session session;
   if (!session) {
-    log_condition_failed(site);
+    log_condition_failed({site.source, site.function, __LINE__});
     return false;
   }
   const char *const first = column_mode || argument == nullptr ? list.c_str() : escaped.c_str();
@@ -112,7 +113,7 @@ bool parameter_lookup::read_database() {
                          : sql_query(site, session.get(), rows, sql_format, first, second);
   if (status != 0) return false;
   if (!rows) {
-    log_condition_failed(site);
+    log_condition_failed({site.source, site.function, __LINE__});
     return false;
   }
   if (column_mode)
@@ -127,8 +128,8 @@ bool parameter_lookup::read_database() {
 void parameter_lookup::write_back() const {
   for (const size_t slot : missing) {
     const cache_binding *const binding = bindings[slot];
-    if (binding == nullptr) continue;
-    if (const c_string key = key_argument.key(binding->key_format))
+    if (binding == nullptr || values[slot] == nullptr) continue;  // no binding; short of memory
+    if (const c_string key = key_argument.format(binding->key_format))
       rset_hash_str(site, binding->persistent, key.get(), binding->field, values[slot]);
   }
 }
@@ -152,7 +153,7 @@ char **drmget_hash(int binding_count, const cache_binding *bindings, int count,
                    int numeric_arg, int column_mode, int keep_markers) {
   const call_site here = QX_HERE;
   if (binding_count <= 0 || bindings == nullptr || count <= 0 || names == nullptr ||
-      std::find(names, names + count, nullptr) != names + count)
+      has_null(names, count))
     return nullptr;
   return no_throw<char **>(nullptr, [&] {
     const auto slots = static_cast<size_t>(count);

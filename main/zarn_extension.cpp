@@ -34,5 +34,5 @@ char *qx_get_full_number_sess(SessionHandle session, const char *parent_id, cons
   const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr;
   if (row == nullptr) return nullptr;
   if (row[0] == nullptr) log_condition_failed(QX_HERE);
-  return column_or_nothing(row, rows.get()).release();
+  return column_or_nothing(row).release();
 }

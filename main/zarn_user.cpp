@@ -4,6 +4,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "base/view.h"
 #include "read_through.h"
 #include "velkan/velkan.h"
 #include "zarn_cache.h"
@@ -29,6 +30,7 @@ constexpr cache_binding pref_bindings[] = {
     {"max_record", limits_key, 0, "mrec"},          {"max_sound", limits_key, 0, "msnd"},
     {"max_voice", limits_key, 0, "mvoc"},
 };
+constexpr int pref_count = static_cast<int>(std::size(pref_bindings));
 
 // A text that is no number, a marker for one, counts as the number 0 and is taken for an answer.
 bool not_negative(const char *cached) {
@@ -38,21 +40,19 @@ bool not_minus_one(const char *cached) {
   return std::atoi(cached) != -1;
 }
 
-c_string column_or_empty(MYSQL_ROW row, MYSQL_RES *) {
+c_string column_or_empty(MYSQL_ROW row) {
   if (row == nullptr) return nullptr;
   return c_string(strdup(row[0] == nullptr ? "" : row[0]));
 }
 
-c_string filled_column(MYSQL_ROW row, MYSQL_RES *rows) {
-  return row == nullptr || row[0] == nullptr || row[0][0] == '\0' ? nullptr
-                                                                  : column_or_nothing(row, rows);
+c_string filled_column(MYSQL_ROW row) {
+  return row == nullptr || is_empty(row[0]) ? nullptr : column_or_nothing(row);
 }
 
 // A lookup in the account's hash. A cached text is the answer whatever it is, so no marker is
 // hidden; none is written either.
 constexpr field_lookup account_field(const char *field, const char *statement,
-                                     bool (*usable)(const char *),
-                                     c_string (*value_of)(MYSQL_ROW, MYSQL_RES *),
+                                     bool (*usable)(const char *), c_string (*value_of)(MYSQL_ROW),
                                      const char *complaint = nullptr) {
   return {account_key, field, 0, statement, usable, value_of, QX_KEEP_NULL | QX_KEEP_NO_ROW,
           complaint};
@@ -90,7 +90,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
   sql_result rows;
   if (sql_query(site, own.get(), rows, extensions_statement, account_id) != 0) return nullptr;
   if (!rows) {
-    log_condition_failed(site);
+    log_condition_failed({site.source, site.function, __LINE__});
     return nullptr;
   }
   const size_t row_count = mysql_num_rows(rows.get());
@@ -113,7 +113,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
 
 char **read_extensions(const call_site &site, SessionHandle session, const char *parent_id,
                        int account_id, bool numbers_only, size_t *count) {
-  const c_string key = lookup_argument(account_id).key(extensions_key);
+  const c_string key = lookup_argument(account_id).format(extensions_key);
   if (!key) return nullptr;
   string_array numbers;
   string_array ids;
@@ -176,13 +176,13 @@ char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id,
 }
 
 char **qx_account_get_prefs(int account_id, int count, const char *const *names) {
-  const c_string id = lookup_argument(account_id).text("%d");
+  const c_string id = lookup_argument(account_id).format("%d");
   if (!id) return nullptr;
-  return drmget_hash(static_cast<int>(std::size(pref_bindings)), pref_bindings, count, names,
-                     prefs_statement, id.get(), 1, 0, 0);
+  return drmget_hash(pref_count, pref_bindings, count, names, prefs_statement, id.get(), 1, 0, 0);
 }
 
 char *qx_account_get_pref(int account_id, const char *name) {
+  if (get_binding(pref_count, pref_bindings, name) == nullptr) return nullptr;
   string_array values(qx_account_get_prefs(account_id, 1, &name), 1);
   return values ? values.take(0).release() : nullptr;
 }

@@ -40,6 +40,9 @@ char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id,
 /* `count` preferences by the names that `client_prefs` has for them, NULL where the account has
  * none; NULL when they cannot be read. Release with rget_free_vals. */
 char **qx_account_get_prefs(int account_id, int count, const char *const *names);
+
+/* One of those that the cache has a place for (storage limits, concurrency limits); NULL for any
+ * other name, without asking anybody. */
 char *qx_account_get_pref(int account_id, const char *name);
 
 #ifdef __cplusplus
