@@ -23,7 +23,7 @@ vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_
     return nullptr;
   }
   return no_throw<vk_mm_t *>(nullptr, [=] {
-    return new vk_mm{allocate, allocate_cleared, resize, release};
+    return new vk_mm{allocate, allocate_cleared, release};
   });
 }
 

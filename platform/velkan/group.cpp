@@ -14,7 +14,7 @@ using std::chrono::seconds;
 
 constexpr milliseconds connect_timeout{500};  // for all servers together
 constexpr milliseconds trial_timeout{200};    // for everything, after a failure
-constexpr int longest_pause = 60;             // seconds
+constexpr seconds longest_pause{60};
 
 struct log_level {
   unsigned bit;
@@ -109,11 +109,12 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
 }
 
 int give_up(vk_state &state, int code) {
-  const int pause = state.failures >= 6 ? longest_pause : 1 << state.failures;
+  const seconds pause = state.failures >= 6 ? longest_pause : seconds(1 << state.failures);
   state.connection.reset();
   state.failures++;
-  state.paused_until = vk_clock::now() + seconds(pause);
-  write_log(state, as_error, "velkan: %s; not asking for %d s", vk_strerror(code), pause);
+  state.paused_until = vk_clock::now() + pause;
+  write_log(state, as_error, "velkan: %s; not asking for %d s", vk_strerror(code),
+            static_cast<int>(pause.count()));
   return code;
 }
 
@@ -148,7 +149,7 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
         write_log(state, as_debug, "velkan: error reply: %s", reply->str);
         return VK_ERR_REPLY;
       }
-      state.failures = 0;
+      if (on_trial && vk_clock::now() >= state.paused_until + longest_pause) state.failures = 0;
       return VK_OK;
     }
     // The server ended the connection, as at a restart, or is no master any more: both are known

@@ -1,11 +1,12 @@
 // The servers of a client as one replicated group: finding its master, keeping the connection to
 // it, and keeping the time bounded that a dead cache can cost. Internal to platform/velkan.
 //
-// What a cache that never answers costs at most: a command never takes longer than its deadline,
-// whatever it does inside: 2 s while the group is held to be up, 200 ms in all, connecting
-// included, from the first failure to the next success. Between two commands that ask lie the
-// pauses of 1, 2, 4, 8, 16, 32 and then 60 s. In ten minutes that is one command of 2 s and at
-// most fourteen of 200 ms: 4.8 s.
+// What a cache that answers nothing, or only some commands, costs at most: a command never takes
+// longer than its deadline: 2 s while the group is trusted, 200 ms in all, connecting included,
+// from the first failure on. Each failure is followed by a pause: 1, 2, 4, 8, 16, 32 and then 60 s.
+// Commands that succeed in between change neither, until a minute has passed since the last pause
+// without another failure. In ten minutes that is one command of 2 s and at most fourteen of
+// 200 ms: 4.8 s.
 #ifndef PLATFORM_VELKAN_GROUP_H
 #define PLATFORM_VELKAN_GROUP_H
 
@@ -21,7 +22,6 @@
 struct vk_mm {
   void *(*allocate)(size_t);
   void *(*allocate_cleared)(size_t, size_t);
-  void *(*resize)(void *, size_t);
   void (*release)(void *);
 };
 
@@ -44,7 +44,7 @@ struct vk_state {
   int database = 0;
 
   std::optional<vk_connection> connection;
-  int failures = 0;  // since the last command that succeeded
+  int failures = 0;  // since the group was last trusted
   vk_clock::time_point paused_until;
 };
 
