@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -66,6 +67,20 @@ class lookup_test : public testing::Test {
 
  private:
   std::string module_;
+};
+
+// The same beside a cache that is configured and does not answer.
+template <class Fixture>
+class beside_dead_cache : public Fixture {
+ protected:
+  beside_dead_cache() : beside_dead_cache(std::make_unique<support::redis_server>()) {}
+
+ private:
+  explicit beside_dead_cache(std::unique_ptr<support::redis_server> server)
+      : Fixture({.cache = server.get()}), server_(std::move(server)) {
+    server_->kill_hard();
+  }
+  std::unique_ptr<support::redis_server> server_;
 };
 
 #endif
