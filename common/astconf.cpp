@@ -1,19 +1,15 @@
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/line_reader.h"
 #include "base/owner.h"
 #include "base/view.h"
 #include "utils.h"
 
 namespace {
-
-bool is_space(char byte) {
-  return std::isspace(static_cast<unsigned char>(byte)) != 0;
-}
 
 struct setting {
   std::string_view key;
@@ -40,37 +36,22 @@ void store(safestr_t &value, std::string_view text) {
   value = safestr_create(text.data(), text.size());
 }
 
-// Tells section headers from settings and remembers which section the reader is in.
-class section_filter {
- public:
-  explicit section_filter(const char *section)
-      : header_(section == nullptr ? std::string() : std::string("[").append(section).append("]")),
-        inside_(section == nullptr) {}
+// Any line with both brackets, a value with brackets in it included.
+bool is_header(std::string_view line) {
+  return line.find('[') != std::string_view::npos && line.find(']') != std::string_view::npos;
+}
 
-  // Whether settings of this line count. Any line with both brackets is a header, a value with
-  // brackets in it included, and a header with text around it still opens its section.
-  bool admits(std::string_view line) {
-    if (header_.empty()) return true;
-    if (line.find('[') != std::string_view::npos && line.find(']') != std::string_view::npos) {
-      inside_ = line.find(header_) != std::string_view::npos;
-    }
-    return inside_;
-  }
-
- private:
-  std::string header_;
-  bool inside_;
-};
-
-void read_section(FILE *file, const char *section, const char *const *keys, safestr_t *values) {
-  section_filter filter(section);
-  char *buffer = nullptr;
-  size_t capacity = 0;
-  ssize_t length = 0;
-  while ((length = ::getline(&buffer, &capacity, file)) >= 0) {
-    const std::string_view line(buffer, static_cast<size_t>(length));
-    if (is_ignorable(buffer, '#', 0) != 0 || !filter.admits(line)) continue;
-    const std::optional<setting> found = split_setting(line, true);
+void read_section(line_reader &lines, const char *section, const char *const *keys,
+                  safestr_t *values) {
+  const std::string header = section == nullptr ? "" : "[" + std::string(section) + "]";
+  bool inside = section == nullptr;
+  while (const auto line = lines.next()) {
+    if (is_ignorable(line->data(), '#', 0) != 0) continue;
+    // A header with text around it still opens its section.
+    if (section != nullptr && is_header(*line))
+      inside = line->find(header) != std::string_view::npos;
+    if (!inside) continue;
+    const std::optional<setting> found = split_setting(*line, true);
     if (!found) continue;
     for (size_t i = 0; keys[i] != nullptr; ++i) {
       if (found->key != keys[i]) continue;
@@ -78,23 +59,23 @@ void read_section(FILE *file, const char *section, const char *const *keys, safe
       break;
     }
   }
-  const c_string owner(buffer);
 }
 
 }  // namespace
 
 int get_astconf_section_values(const char *path, const char *section, const char *const *keys,
                                safestr_t *values) {
-  const c_file file(std::fopen(path, "re"));
-  if (!file) return -1;
+  if (path == nullptr) return -1;
+  line_reader lines(path);
+  if (!lines) return -1;
   return no_throw(-1, [&] {
-    read_section(file.get(), section, keys, values);
+    read_section(lines, section, keys, values);
     return 0;
   });
 }
 
 int get_astconf_values(const char *path, const char *const *keys, safestr_t *values, int count) {
-  const c_file file(std::fopen(path, "re"));
+  const c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
   if (!file) return -1;
   for (int i = 0; i < count; ++i) values[i] = nullptr;
   char piece[1024];
@@ -135,7 +116,7 @@ const char *get_inline_comment(const char *line, char *dst, size_t dst_len, cons
   }
   if (start != line) {
     // The first byte of the line is never looked at: padding that reaches back to it comes without
-    // it, and callers that rebuild lines count on that.
+    // it.
     const char *before = start - 1;
     while (before > line && is_space(*before)) --before;
     start = before + 1;

@@ -1,7 +1,6 @@
 // The readers of Asterisk-style configuration files and their line helpers.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
 #include "base/owner.h"
@@ -11,19 +10,18 @@
 namespace {
 
 using std::string;
-using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
 
 // The values of "spool" and "lib" in the file, as "a|b" with "-" for none: those of a section (""
 // for any) by the reader of sections, or without `section` by the plain reader.
-string values_in(const string &path, const char *section) {
+string values_in(const char *path, const char *section) {
   const char *const keys[] = {"spool", "lib", nullptr};
   char stale[] = "stale";
   safestr_t values[2] = {};
   if (section == nullptr) values[0] = values[1] = stale;
-  const int result = section == nullptr
-                         ? get_astconf_values(path.c_str(), keys, values, 2)
-                         : get_astconf_section_values(
-                               path.c_str(), *section == '\0' ? nullptr : section, keys, values);
+  const int result =
+      section == nullptr
+          ? get_astconf_values(path, keys, values, 2)
+          : get_astconf_section_values(path, *section == '\0' ? nullptr : section, keys, values);
   if (result != 0) return std::to_string(result);
   const safestr_owner spool(values[0]), lib(values[1]);
   return string(spool ? spool.get() : "-") + "|" + (lib ? lib.get() : "-");
@@ -57,8 +55,10 @@ TEST(Astconf, TakesTheValuesThatItsReaderAdmits) {
   };
   for (const auto &row : rows) {
     box.write_file("asterisk.conf", row.content);
-    EXPECT_EQ(row.expected, values_in(box.path("asterisk.conf"), row.section)) << row.content;
-    EXPECT_EQ("-1", values_in(box.path("absent"), row.section));
+    EXPECT_EQ(row.expected, values_in(box.path("asterisk.conf").c_str(), row.section))
+        << row.content;
+    EXPECT_EQ("-1", values_in(box.path("absent").c_str(), row.section));
+    EXPECT_EQ("-1", values_in(nullptr, row.section));
   }
 }
 
