@@ -57,7 +57,7 @@ int vk_server_add(vk_client_t *client, const char *host, int port, const char *n
   if (host == nullptr || *host == '\0') return VK_ERR_ARGUMENT;
   if (*host != '/' && (port < 1 || port > 65535)) return VK_ERR_ARGUMENT;
   return change(client, [=](vk_state &state) {
-    state.servers.push_back({host, port, name == nullptr ? "" : name});
+    state.servers.push_back({host, port, name == nullptr ? "" : name, {}, true, {}});
     return VK_OK;
   });
 }

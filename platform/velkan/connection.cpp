@@ -35,11 +35,12 @@ bool wait_for(int socket, short events, vk_clock::time_point deadline) {
   }
 }
 
-unique_fd connect_socket(int family, const sockaddr *address, socklen_t length,
-                         vk_clock::time_point deadline) {
+unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadline) {
+  const int family = address.bytes.ss_family;
   unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) return {};
-  if (connect(socket.get(), address, length) != 0) {
+  const auto *peer = reinterpret_cast<const sockaddr *>(&address.bytes);
+  if (connect(socket.get(), peer, address.length) != 0) {
     if (errno != EINPROGRESS || !wait_for(socket.get(), POLLOUT, deadline)) return {};
     int error = 0;
     socklen_t size = sizeof error;
@@ -49,41 +50,26 @@ unique_fd connect_socket(int family, const sockaddr *address, socklen_t length,
       return {};
     }
   }
+  if (family != AF_UNIX) {
+    const int on = 1;
+    setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
   return socket;
 }
 
-unique_fd connect_local(const std::string &path, vk_clock::time_point deadline) {
-  sockaddr_un address = {};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    errno = ENAMETOOLONG;
-    return {};
-  }
-  memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  return connect_socket(AF_UNIX, reinterpret_cast<const sockaddr *>(&address), sizeof address,
-                        deadline);
+vk_address address_from(const void *bytes, socklen_t length) {
+  vk_address address = {};
+  memcpy(&address.bytes, bytes, length);
+  address.length = length;
+  return address;
 }
 
-unique_fd connect_tcp(const std::string &host, int port, vk_clock::time_point deadline) {
-  addrinfo hints = {};
-  hints.ai_family = AF_UNSPEC;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_NUMERICSERV;
-  addrinfo *found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
-    errno = EHOSTUNREACH;
-    return {};
-  }
-  const address_list addresses(found);
-  for (const addrinfo *address = found; address != nullptr; address = address->ai_next) {
-    unique_fd socket =
-        connect_socket(address->ai_family, address->ai_addr, address->ai_addrlen, deadline);
-    if (!socket) continue;
-    const int on = 1;
-    setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    return socket;
-  }
-  return {};
+std::vector<vk_address> local_address(const std::string &path) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) return {};
+  memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return {address_from(&address, sizeof address)};
 }
 
 // From now on a receive waits by itself, for the command timeout.
@@ -122,10 +108,31 @@ vk_command::vk_command(int count, const char **arguments, const size_t *lengths)
   if (length_ >= 0) text_.reset(text);
 }
 
-std::optional<vk_connection> vk_connection::open(const std::string &host, int port,
+std::vector<vk_address> addresses_of(const std::string &host, int port) {
+  if (host.starts_with('/')) return local_address(host);
+  addrinfo hints = {};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  addrinfo *found = nullptr;
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return {};
+  const address_list owner(found);
+  std::vector<vk_address> addresses;
+  for (const addrinfo *entry = found; entry != nullptr; entry = entry->ai_next) {
+    addresses.push_back(address_from(entry->ai_addr, entry->ai_addrlen));
+  }
+  return addresses;
+}
+
+std::optional<vk_connection> vk_connection::open(const std::vector<vk_address> &addresses,
                                                  vk_clock::time_point deadline) {
-  unique_fd socket =
-      host.starts_with('/') ? connect_local(host, deadline) : connect_tcp(host, port, deadline);
+  errno = EHOSTUNREACH;
+  unique_fd socket;
+  size_t left = addresses.size();
+  for (const vk_address &address : addresses) {
+    socket = connect_socket(address, share_of(deadline, left--));
+    if (socket) break;
+  }
   if (!socket || !make_patient(socket.get())) return std::nullopt;
   vk_reader reader = make_reader();
   if (!reader) return std::nullopt;
@@ -136,11 +143,12 @@ vk_io vk_connection::ask(std::string_view command, vk_clock::time_point deadline
                          vk_reply &reply) {
   // What is left over belongs to no command that was sent; the answers would be out of step.
   if (reader_->pos != reader_->len) return vk_io::garbage;
-  const vk_io sent = send_all(command, deadline);
-  return sent == vk_io::ok ? receive(deadline, patient, reply) : sent;
+  bool waited = false;
+  const vk_io sent = send_all(command, deadline, waited);
+  return sent == vk_io::ok ? receive(deadline, patient && !waited, reply) : sent;
 }
 
-vk_io vk_connection::send_all(std::string_view bytes, vk_clock::time_point deadline) {
+vk_io vk_connection::send_all(std::string_view bytes, vk_clock::time_point deadline, bool &waited) {
   while (!bytes.empty()) {
     // A peer that is gone must give an error, never a signal that ends the process.
     const ssize_t sent =
@@ -148,6 +156,7 @@ vk_io vk_connection::send_all(std::string_view bytes, vk_clock::time_point deadl
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<size_t>(sent));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      waited = true;
       if (!wait_for(socket_.get(), POLLOUT, deadline)) return vk_io::timed_out;
     } else if (errno != EINTR) {
       return vk_io::broken;

@@ -4,16 +4,25 @@
 #define PLATFORM_VELKAN_CONNECTION_H
 
 #include <hiredis/hiredis.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/owner.h"
 
 using vk_clock = std::chrono::steady_clock;
+
+// The end of the first of `count` even shares of the time that is left.
+inline vk_clock::time_point share_of(vk_clock::time_point deadline, size_t count) {
+  const auto now = vk_clock::now();
+  return now + std::max(deadline - now, vk_clock::duration::zero()) / static_cast<long>(count);
+}
 
 using vk_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
 using vk_reader = std::unique_ptr<redisReader, call_to_release<redisReaderFree>>;
@@ -37,21 +46,32 @@ enum class vk_io {
   garbage     // the peer does not speak the protocol
 };
 
+struct vk_address {
+  sockaddr_storage bytes;
+  socklen_t length;
+};
+
+// Where a host can be reached; one that begins with "/" is a Unix socket. Empty when that is
+// nowhere. Looking up a name takes as long as the resolver does; anything else takes no time.
+std::vector<vk_address> addresses_of(const std::string &host, int port);
+
 class vk_connection {
  public:
   // How long a plain wait may take; other waits are told their deadline.
   static constexpr std::chrono::milliseconds command_timeout{2000};
 
-  // Connects before the deadline; a host that begins with "/" is a Unix socket. Empty, with errno,
-  // when that fails.
-  static std::optional<vk_connection> open(const std::string &host, int port,
+  // Connects before the deadline to the first of a host's addresses that lets it. Each one gets an
+  // even share of the time left. Empty, with errno, when none does.
+  static std::optional<vk_connection> open(const std::vector<vk_address> &addresses,
                                            vk_clock::time_point deadline);
 
   // Sends a command and takes its reply. `patient` waits inside the one receiving call instead of
-  // before it, for up to the command timeout: right for a peer that is known to answer.
+  // before it, for up to the command timeout: right for a peer that is known to answer. It is only
+  // taken up when sending did not use up time already.
   vk_io ask(std::string_view command, vk_clock::time_point deadline, bool patient, vk_reply &reply);
 
-  vk_io send_all(std::string_view bytes, vk_clock::time_point deadline);
+  // `waited` becomes true when the peer did not take the bytes at once.
+  vk_io send_all(std::string_view bytes, vk_clock::time_point deadline, bool &waited);
   vk_io receive(vk_clock::time_point deadline, bool patient, vk_reply &reply);
 
  private:

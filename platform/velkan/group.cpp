@@ -64,6 +64,16 @@ std::string command_text(std::initializer_list<std::string_view> words) {
   return command.empty() ? std::string() : std::string(command.bytes());
 }
 
+// Looks the server's addresses up when they are not known or did not serve, but not again and again
+// while it is down.
+void find_addresses(vk_server &server) {
+  if (!server.look_up || vk_clock::now() < server.next_look_up) return;
+  auto addresses = addresses_of(server.host, server.port);
+  if (!addresses.empty()) server.addresses = std::move(addresses);
+  server.look_up = false;
+  server.next_look_up = vk_clock::now() + longest_pause;
+}
+
 // Logs in, asks for the role and takes the database, all in one exchange. Empty when the server
 // is ready for commands, else why it is not.
 std::string shake_hands(const vk_state &state, vk_connection &connection,
@@ -73,9 +83,9 @@ std::string shake_hands(const vk_state &state, vk_connection &connection,
   std::string greeting = has_key ? command_text({"AUTH", key->second}) : std::string();
   greeting += command_text({"ROLE"});
   greeting += command_text({"SELECT", std::to_string(state.database)});
-  if (const vk_io sent = connection.send_all(greeting, deadline); sent != vk_io::ok) {
-    return describe(sent);
-  }
+  bool waited = false;
+  const vk_io sent = connection.send_all(greeting, deadline, waited);
+  if (sent != vk_io::ok) return describe(sent);
   const int replies = has_key ? 3 : 2;
   for (int number = 0; number < replies; number++) {
     vk_reply reply;
@@ -90,11 +100,11 @@ std::string shake_hands(const vk_state &state, vk_connection &connection,
 // Finds the master. Each server gets an even share of the time left, so that one that hangs cannot
 // hide the one after it.
 bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
-  auto left = static_cast<int>(state.servers.size());
-  for (const vk_server &server : state.servers) {
-    const auto now = vk_clock::now();
-    const auto share = now + std::max(deadline - now, vk_clock::duration::zero()) / left--;
-    auto connection = vk_connection::open(server.host, server.port, share);
+  size_t left = state.servers.size();
+  for (vk_server &server : state.servers) {
+    find_addresses(server);
+    const auto share = share_of(deadline, left--);
+    auto connection = vk_connection::open(server.addresses, share);
     const std::string fault = connection ? shake_hands(state, *connection, share) : strerror(errno);
     if (fault.empty()) {
       write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
@@ -102,6 +112,7 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
       state.connection = std::move(connection);
       return true;
     }
+    server.look_up = true;
     write_log(state, as_warning, "velkan: server %s (%s) is passed over: %s", server.name.c_str(),
               server.host.c_str(), fault.c_str());
   }

@@ -29,6 +29,11 @@ struct vk_server {
   std::string host;
   int port;
   std::string name;
+
+  // Kept from the last look-up, so that a reconnect does not wait for the resolver.
+  std::vector<vk_address> addresses;
+  bool look_up = true;  // the addresses did not serve, or there are none yet
+  vk_clock::time_point next_look_up;
 };
 
 // What both handles of a client share.

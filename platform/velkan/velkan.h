@@ -5,8 +5,9 @@
  * configuration. It connects at the first command (500 ms), and then gives each command 2 s. When
  * no server answers, commands fail at once for a pause that doubles from 1 s to 60 s, and the
  * attempt after a pause gets 200 ms, its command included, so a dead cache costs a process a few
- * seconds in all. A host name is looked up at each connect and may take as long as the resolver
- * does; an address costs nothing.
+ * seconds in all. Commands keep to 200 ms until the group has been well for a minute. A host name
+ * is looked up at the first connect, and again at most once a minute while its addresses do not
+ * serve; that may take as long as the resolver does. An address costs nothing.
  *
  * Keys, fields and values are counted byte strings. Functions return 0 on success and an error
  * code that vk_strerror explains otherwise. They may be called from any thread. What they hand out
