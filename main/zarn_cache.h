@@ -69,6 +69,8 @@ char *drget_hash_by_id(int persistent, const char *field, const char *sql_format
                        const char *key_format, int id, int keep_markers);
 
 /* `count` named parameters through the cache, and through one statement for all that is missing.
+ * A caller names each parameter once: the database's value goes to the first of equal names, and
+ * the further ones count as rows that are not there, in the cache as well.
  * Row mode (column_mode 0): the statement takes (argument, quoted names) and gives rows of
  * (parameter, value). Column mode: it takes (names, argument) and gives one row with a column per
  * name. A NULL argument is left out; otherwise it is escaped. numeric_arg builds cache keys from

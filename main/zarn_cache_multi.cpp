@@ -84,15 +84,17 @@ void parameter_lookup::take_columns(MYSQL_RES *rows) {
   for (size_t i = 0; i < columns; ++i) values.set(missing[i], value_or_null_marker(row[i]));
 }
 
-// Rows of (parameter, value). Parameters are told apart by case, as the names were asked; a row
-// for a name that was not asked in this spelling is passed over, and a name that was asked twice
-// gets its value twice.
+// Rows of (parameter, value). Parameters are told apart by case, as the names were asked, and a row
+// for a name that was not asked in this spelling is passed over. Of a name that was asked twice
+// the first slot takes the value; the other one stays as if there were no row.
 void parameter_lookup::take_rows(MYSQL_RES *rows) {
   if (mysql_num_fields(rows) < 2) return;
   while (const MYSQL_ROW row = mysql_fetch_row(rows)) {
     if (row[0] == nullptr) continue;
-    for (const size_t slot : missing)
-      if (std::strcmp(names[slot], row[0]) == 0) values.set(slot, value_or_null_marker(row[1]));
+    const auto slot = std::find_if(missing.begin(), missing.end(), [&](size_t candidate) {
+      return std::strcmp(names[candidate], row[0]) == 0;
+    });
+    if (slot != missing.end()) values.set(*slot, value_or_null_marker(row[1]));
   }
 }
 

@@ -203,6 +203,8 @@ TEST_F(Parameters, MissingOnesAreAskedInOneStatementAndWrittenBackOneByOne) {
   EXPECT_EQ((values{"A", std::nullopt, std::nullopt, "D"}),
             get({"alpha", "beta", "gamma", "delta"}, "7", 0, 0));
   EXPECT_EQ(2, statements()) << "all were in the cache";
+  EXPECT_EQ("rmget_hash(two:7,X1): success", told().back());
+  EXPECT_EQ("rmget_hash", last_line.function);
   get({"free", "alpha"});
   get({"free", "alpha"});
   EXPECT_EQ(4, statements()) << "a name without a binding is asked every time";
@@ -236,8 +238,9 @@ TEST_F(Parameters, RowsMatchByCaseAndOddRowsAreHarmless) {
   } rows[] = {
       // The database finds 'alpha' for 'ALPHA'; the row answers neither spelling that was asked.
       {{"ALPHA"}, rows_statement, {"_NR_"}},
-      {{"free", "alpha", "free"}, rows_statement, {"F", "A", "F"}},
-      {{"delta", "delta"}, rows_statement, {"D", "D"}},
+      // Of equal names only the first takes the row.
+      {{"free", "alpha", "free"}, rows_statement, {"F", "A", "_NR_"}},
+      {{"delta", "delta"}, rows_statement, {"D", "_NR_"}},
       {{"free"}, "SELECT 'free', '%s' UNION ALL SELECT %s, 'last'", {"last"}},
       {{"free"}, "SELECT NULL, CONCAT('%s', %s)", {"_NR_"}},
       {{"free"}, "SELECT CONCAT('%s', %s)", {"_NR_"}},
@@ -276,6 +279,12 @@ TEST_F(Parameters, FailureOfTheDatabaseDropsWhatTheCacheHad) {
   EXPECT_EQ("condition failed", told().back()) << "a statement without a result set";
   EXPECT_EQ(std::nullopt, cached("one:7", "be"));
   EXPECT_EQ(values{"cached"}, get({"alpha"}, "7", 0, 3, "not asked %s %s"));
+
+  const int no_result = last_line.line;
+  qx_sql_pool_destroy();
+  EXPECT_EQ(values{}, get({"alpha", "beta"}));
+  EXPECT_EQ("condition failed", told().back()) << "no session";
+  EXPECT_NE(no_result, last_line.line);
 }
 
 TEST_F(Parameters, BadArgumentsAreRefusedInSilence) {

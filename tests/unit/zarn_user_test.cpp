@@ -247,7 +247,10 @@ TEST_F(Account, PreferencesAreCachedUnderTheirShortNames) {
     EXPECT_EQ(std::string("of ") + row.field, cached(row.key, row.field)) << row.name;
     EXPECT_EQ(std::string("of ") + row.field, taken(qx_account_get_pref(3, row.name)));
   }
-  EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(3, "unknown")));
+  box.set_preference(3, "other", "there");
+  const char *const other = "other";
+  EXPECT_EQ(values{"there"}, taken(1, qx_account_get_prefs(3, 1, &other)));
+  EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(3, other))) << "it has no place in the cache";
   EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(2, "max_moh")));
   EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(3, nullptr)));
 }
