@@ -18,8 +18,8 @@ constexpr unsigned statement_timeout = 600;  // seconds without any byte from th
 void set_options(MYSQL *mysql, const sql_address &address) {
   const unsigned protocol = address.is_socket() ? MYSQL_PROTOCOL_SOCKET : MYSQL_PROTOCOL_TCP;
   const unsigned off = 0;
-  // The connect timeout also bounds each wait of the handshake, so a server that accepts and then
-  // says nothing costs no more than one that is not there.
+  // This also bounds each wait of the handshake, so a server that accepts and then says nothing
+  // costs no more than one that is not there.
   mysql_options(mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout);
   mysql_options(mysql, MYSQL_OPT_READ_TIMEOUT, &statement_timeout);
   mysql_options(mysql, MYSQL_OPT_WRITE_TIMEOUT, &statement_timeout);
@@ -42,6 +42,29 @@ int wait_for(MYSQL *mysql, int events, std::chrono::steady_clock::time_point dea
   }
 }
 
+// Connects to a remote server by a deadline for all of it: the library's own timeout starts anew
+// with each byte that comes.
+bool connect_remote(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
+  mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout);
+  MYSQL *connected = nullptr;
+  int events =
+      mysql_real_connect_start(&connected, mysql, address.host.c_str(), credentials.user.c_str(),
+                               credentials.password.c_str(), credentials.database.c_str(),
+                               address.port, nullptr, CLIENT_MULTI_RESULTS);
+  while (events != 0) {
+    events = mysql_real_connect_cont(&connected, mysql, wait_for(mysql, events, deadline));
+  }
+  return connected != nullptr;
+}
+
+// The blocking form waits while the server's queue is full; the other one fails on a socket then.
+bool connect_local(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
+  return mysql_real_connect(mysql, nullptr, credentials.user.c_str(), credentials.password.c_str(),
+                            credentials.database.c_str(), 0, address.host.c_str(),
+                            CLIENT_MULTI_RESULTS) != nullptr;
+}
+
 }  // namespace
 
 bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
@@ -49,13 +72,8 @@ bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
   handle.reset(mysql_init(nullptr));
   if (!handle) return false;
   set_options(handle.get(), address);
-  const bool local = address.is_socket();
-  if (mysql_real_connect(handle.get(), local ? nullptr : address.host.c_str(),
-                         credentials.user.c_str(), credentials.password.c_str(),
-                         credentials.database.c_str(), local ? 0 : address.port,
-                         local ? address.host.c_str() : nullptr, CLIENT_MULTI_RESULTS) == nullptr) {
-    return false;
-  }
+  const auto connect = address.is_socket() ? connect_local : connect_remote;
+  if (!connect(handle.get(), credentials, address)) return false;
   // The client library offers no way to open the socket close-on-exec.
   fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
   return true;
@@ -67,8 +85,7 @@ bool is_closed_by_server(MYSQL *mysql) {
 }
 
 bool answers_ping(MYSQL *mysql) {
-  // A plain ping would wait as long as a statement may. The non-blocking form can be cut off; what
-  // it needs is allocated here, so that connections that never idle do not carry it.
+  // A plain ping would wait as long as a statement may; the non-blocking form can be cut off.
   mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout);
   int failed = 1;

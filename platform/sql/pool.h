@@ -54,7 +54,8 @@ enum class sql_purpose { read, write };
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
 
 // Whether a session would have to connect now although another one holds a live connection, which
-// shows that a server answers: it may then just as well connect when it has a statement to run.
+// shows that a server answers: it may then just as well connect when it has a statement to run. A
+// server that dies in between shows as a failed statement instead of as no session.
 bool may_connect_later(fr_sql_shard &shard);
 
 // Keeps the connection for the next taker, unless somebody's transaction is open.

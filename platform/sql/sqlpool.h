@@ -9,7 +9,8 @@
  * longer than the limit given at initialisation is checked before it is handed out. No statement
  * is retried: after a lost connection every further one on its session fails.
  *
- * Connecting may take 3 s; a statement without any answer fails after 600 s. Text is utf8mb4.
+ * Connecting may take 3 s, after what the resolver takes for a host name (on a Unix socket, 3 s for
+ * each wait); a statement without any answer fails after 600 s. Text is utf8mb4.
  * All functions may be called from any thread; a session belongs to one thread at a time. */
 #ifndef PLATFORM_SQL_SQLPOOL_H
 #define PLATFORM_SQL_SQLPOOL_H
