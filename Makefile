@@ -41,9 +41,9 @@ sanitize: deps
 	build/sanitize/bin/testbed ctest --preset sanitize -j $(JOBS)
 
 lint: deps $(BUILD)/build.ninja
-	clang-format --dry-run --Werror $(SOURCES)
+	@clang-format --dry-run --Werror $(SOURCES)
 	cmake --build --preset release
-	printf '%s\n' $(UNITS) | xargs -P $(JOBS) -n 1 \
+	@printf '%s\n' $(UNITS) | xargs -P $(JOBS) -n 1 \
 	  clang-tidy --quiet -p $(BUILD) --extra-arg=-Wno-unknown-warning-option
 
 format:

@@ -1,2 +1,4 @@
 /* An empty program: with the libraries of the command, the least that starting it can cost. */
-int main(void) { return 0; }
+int main(void) {
+  return 0;
+}
