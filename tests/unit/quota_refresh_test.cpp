@@ -38,37 +38,29 @@ TEST_F(Refresh, ATargetHasItsOwnUsageAndItsChildrensAndNothingElseIsTouched) {
 TEST_F(Refresh, AFileIsComputedAgainWhenItIsDueOrForced) {
   box.add_reseller(5, "lonely");
   box.write_file(box.sound_folder("0005") + "/a.wav", 500);
-  const std::string file = box.quota_path(5, 0, 0, "sound");
   const struct {
-    const char *record;  // null: no file
-    bool dirty;
+    std::string record;  // "!" behind it for a dirty mark
     int force;
-    const char *after;
-    int64_t total;
-  } rows[] = {
-      {"7.0", false, 0, "7.0", 7},        {"7.999", false, 0, "7.999", 7},
-      {"7.1000", false, 0, "500.0", 500}, {"7.-1", false, 0, "500.0", 500},
-      {"7", false, 0, "500.0", 500},      {"7.0", true, 0, "500.0", 500},
-      {"7.0", false, 1, "500.0", 500},    {"7.0", false, -1, "7.0", 7},
-  };
+    std::string after;
+  } rows[] = {{"7.0", 0, "7.0"},    {"7.999", 0, "7.999"}, {"7.1000", 0, "500.0"},
+              {"7.-1", 0, "500.0"}, {"7", 0, "500.0"},     {"7.0!", 0, "500.0"},
+              {"7.0", 1, "500.0"},  {"7.0", -1, "7.0"}};
   for (const auto &row : rows) {
-    SCOPED_TRACE(testing::Message() << (row.record == nullptr ? "no file" : row.record)
-                                    << (row.dirty ? " dirty" : "") << " force " << row.force);
-    fs::remove_all(quota_root());
-    if (row.record != nullptr) box.write_file(file, row.record);
-    if (row.dirty) box.write_file(file + ".dirty", "");
+    SCOPED_TRACE(row.record + " force " + std::to_string(row.force));
+    const size_t length = row.record.find('!');
+    box.write_quota_file(5, 0, 0, "sound", row.record.substr(0, length));
+    if (length != row.record.npos) set_dirty(box.quota_path(5, 0, 0, "sound").c_str());
     int64_t total = -77;
     EXPECT_EQ(quota_update_slow(5, QUOTA_SOUND, &total, row.force), 0);
-    EXPECT_EQ(box.read_file(file), row.after);
-    EXPECT_FALSE(fs::exists(file + ".dirty"));
-    EXPECT_EQ(total, row.total);
+    EXPECT_EQ(stored()["5"], "- " + row.after + " - - -");
+    EXPECT_EQ(total, std::stoll(row.after));
   }
 }
 
 TEST_F(Refresh, ForceReachesAsManyLevelsAsItSays) {
   const struct {
     int force;
-    const char *reseller, *client, *owner;
+    std::string reseller, client, owner;  // the sounds; nothing else was asked for
   } rows[] = {{0, "9.5", "9.5", "9.5"},
               {1, "1018.0", "9.5", "9.5"},
               {2, "1227.0", "218.0", "9.5"},
@@ -77,10 +69,10 @@ TEST_F(Refresh, ForceReachesAsManyLevelsAsItSays) {
     SCOPED_TRACE(testing::Message() << "force " << row.force);
     store_everywhere("9.5");
     EXPECT_EQ(refresh(QUOTA_SOUND, row.force), 0);
-    EXPECT_EQ(box.quota_file(1, 0, 0, "sound"), row.reseller);
-    EXPECT_EQ(box.quota_file(1, 2, 0, "sound"), row.client);
-    EXPECT_EQ(box.quota_file(1, 2, 21, "sound"), row.owner);
-    EXPECT_EQ(box.quota_file(1, 0, 0, "music"), "9.5") << "not asked for";
+    figures found = stored();
+    EXPECT_EQ(found["1"], "9.5 " + row.reseller + " 9.5 9.5 9.5");
+    EXPECT_EQ(found["1/2"], "9.5 " + row.client + " 9.5 9.5 9.5");
+    EXPECT_EQ(found["1/2/21"], "9.5 " + row.owner + " 9.5 9.5 9.5");
   }
 }
 

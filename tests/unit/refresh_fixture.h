@@ -57,8 +57,9 @@ class refresh_test : public testing::Test {
       std::string &line = found[fs::relative(entry.path(), quota_root())];
       for (const char *kind : quota_kind_names) {
         const std::string file = entry.path().string() + "/" + kind + ".quota";
-        line += (line.empty() ? "" : " ") + box.read_file(file).value_or("-") +
-                (fs::exists(file + ".dirty") ? "!" : "");
+        line += line.empty() ? "" : " ";
+        line += box.read_file(file).value_or("-");
+        line += fs::exists(file + ".dirty") ? "!" : "";
       }
     }
     return found;
@@ -66,9 +67,8 @@ class refresh_test : public testing::Test {
 
   void store_everywhere(const std::string &record) {
     for (const auto &[place, unused] : right_figures) {
-      for (const std::string kind : quota_kind_names) {
-        box.write_file("var/lib/quorvexquota/" + place + "/" + kind + ".quota", record);
-      }
+      const std::string folder = "var/lib/quorvexquota/" + place + "/";
+      for (const char *kind : quota_kind_names) box.write_file(folder + kind + ".quota", record);
     }
   }
 

