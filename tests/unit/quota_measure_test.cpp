@@ -151,7 +151,7 @@ TEST_F(Walk, WhatCannotBeReadAddsNothing) {
 
 TEST_F(Walk, DeepTreesAreMeasuredInFullWithFewDescriptors) {
   // Far beyond the longest path that a call takes, and with more to enter on the way back.
-  constexpr int depth = 700;
+  constexpr int depth = 2000;
   const std::string down(200, 'd');
   fs::current_path(tree());
   for (int i = 0; i < depth; ++i) {

@@ -67,8 +67,9 @@ class refresh_test : public testing::Test {
 
   void store_everywhere(const std::string &record) {
     for (const auto &[place, unused] : right_figures) {
-      const std::string folder = "var/lib/quorvexquota/" + place + "/";
-      for (const char *kind : quota_kind_names) box.write_file(folder + kind + ".quota", record);
+      const std::filesystem::path folder = "var/lib/quorvexquota/" + place;
+      for (const std::string kind : quota_kind_names)
+        box.write_file((folder / (kind + ".quota")).string(), record);
     }
   }
 

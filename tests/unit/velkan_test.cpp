@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -132,8 +133,9 @@ TEST(Velkan, ThreadsShareAClientWithoutMixingAnswers) {
       if (client.get("h", field, value) != VK_OK || value != text) wrong++;
     }
   };
-  std::vector<std::jthread> threads(8);
-  for (int thread = 0; std::jthread & one : threads) one = std::jthread(work, thread++);
-  threads.clear();
+  {
+    std::array<std::jthread, 8> threads;
+    for (int thread = 0; std::jthread & one : threads) one = std::jthread(work, thread++);
+  }
   EXPECT_EQ(wrong, 0);
 }
