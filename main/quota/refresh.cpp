@@ -82,7 +82,7 @@ outcome refresh_children(const tree_account &self, unsigned kind, char **directo
   const int child_depth = force_depth > 0 ? force_depth - 1 : 0;
   kind_set uncertain = 0;
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
-    if (row[0] == nullptr || row[1] == nullptr) return {-1, 0};
+    if (row[0] == nullptr || row[1] == nullptr) return {-1, uncertain};
     // An account that is its own ancestor can only be damaged data; the walk would go round in it
     // for ever.
     if (is_on_path(&self, std::atoi(row[0]))) continue;
