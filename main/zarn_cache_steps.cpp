@@ -13,21 +13,17 @@ namespace {
 // The client of the process: created at the first use, never released.
 std::atomic<vk_client_t *> process_client{nullptr};
 
-class read_section {
+// One of the brackets for the length of a scope.
+template <void (*Enter)()>
+class section {
  public:
-  read_section() { ast_cache_rdlock(); }
-  read_section(const read_section &) = delete;
-  read_section &operator=(const read_section &) = delete;
-  ~read_section() { ast_cache_unlock(); }
+  section() { Enter(); }
+  section(const section &) = delete;
+  section &operator=(const section &) = delete;
+  ~section() { ast_cache_unlock(); }
 };
-
-class write_section {
- public:
-  write_section() { ast_cache_wrlock(); }
-  write_section(const write_section &) = delete;
-  write_section &operator=(const write_section &) = delete;
-  ~write_section() { ast_cache_unlock(); }
-};
+using read_section = section<ast_cache_rdlock>;
+using write_section = section<ast_cache_wrlock>;
 
 // The brackets do nothing by themselves, so a lock of our own keeps two first users from creating
 // two clients, and the handle is published only when its set-up is over. A set-up that failed

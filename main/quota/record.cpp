@@ -40,14 +40,12 @@ bool replace_record(int fd, const char *record, size_t length) {
 
 }  // namespace
 
-unique_fd open_quota_file(const char *path, bool *created, int at) {
-  *created = false;
+unique_fd open_quota_file(const char *path, int at) {
   unique_fd file(::openat(at, path, O_RDWR | O_CLOEXEC));
   if (file || errno != ENOENT) return file;
 
   file.reset(::openat(at, path, O_RDWR | O_CREAT | O_CLOEXEC, quota_file_mode));
   if (!file) return file;
-  *created = true;
   give_to_owner(file.get());
   return file;
 }

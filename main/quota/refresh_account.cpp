@@ -117,8 +117,7 @@ int is_rev_inrange(const char *path, int64_t *value, int at) {
 }
 
 int quota_real_update(const char *path, int64_t value, int revision, int at, bool *written) {
-  bool created = false;
-  const unique_fd file = open_quota_file(path, &created, at);
+  const unique_fd file = open_quota_file(path, at);
   if (!file) return -1;
   const bool locked = lock_file(file.get());
   // Where locks cannot be had at all, a value written without one is better than none. A write that

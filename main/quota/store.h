@@ -71,18 +71,18 @@ char *quota_str_append(char **path, int number, ...);
 // Gives an open file to the owner ids when running as root; a failure is nobody's loss.
 void give_to_owner(int fd);
 
-// Opens a quota file to read and write it; a missing one is created, given to the owner ids, and
-// told in *created. Empty when that fails. Here and below, `at` is the open directory that a
-// relative path starts from.
-unique_fd open_quota_file(const char *path, bool *created, int at = AT_FDCWD);
+// Opens a quota file to read and write it; a missing one is created and given to the owner ids.
+// Empty when that fails. Here and below, `at` is the open directory that a relative path starts
+// from.
+unique_fd open_quota_file(const char *path, int at = AT_FDCWD);
 
 // Reads the record at the file's position. -1, with the outputs untouched, when there is none.
 int quota_read_internal(int fd, int64_t *value, int *revision);
 
 // Replaces the file's content with the record; the caller holds the file's lock. The record goes
-// over the old one in one call and the file is then cut to its length, so that a reader without
-// the lock never meets an empty file and a crash leaves one of the two values. When the write
-// fails the file is left empty.
+// over the old one in one call (after the file grew by dots, when it is longer) and the file is cut
+// to its length, so that a reader without the lock never meets an empty file and a crash leaves one
+// of the two values. When the write fails the file is left empty.
 int quota_write_internal(int fd, int64_t value, int revision);
 
 // Creates every missing directory of an absolute path, and gives it to the ids when running as

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +14,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using support::seconds_of;
 using line = std::vector<std::string>;
 
 const line set_all = {"-A", "set", "-a", "--force"};
@@ -31,12 +31,6 @@ void fill(support::sandbox &box, int owners) {
 
 std::string total(const support::sandbox &box) {
   return box.quota_file(1, 0, 0, "fax").value_or("missing");
-}
-
-double seconds_of(const std::function<void()> &work) {
-  const auto start = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 TEST(cache_trouble, costs_time_at_most_and_changes_no_figure) {

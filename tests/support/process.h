@@ -59,6 +59,13 @@ class background_process {
   std::optional<process_result> result_;
 };
 
+// How long some work takes.
+double seconds_of(const auto &work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 }  // namespace support
 
 #endif

@@ -11,16 +11,7 @@
 
 using namespace std::chrono_literals;
 using support::redis_server;
-
-namespace {
-
-double seconds_of(const auto &work) {
-  const auto start = vk_clock::now();
-  work();
-  return std::chrono::duration<double>(vk_clock::now() - start).count();
-}
-
-}  // namespace
+using support::seconds_of;
 
 TEST(VelkanTime, AServerThatAnswersOnlyReadsKeepsToTheShortTimes) {
   const redis_server server;

@@ -13,14 +13,9 @@
 
 using namespace std::chrono_literals;
 using support::redis_server;
+using support::seconds_of;
 
 namespace {
-
-double seconds_of(const auto &work) {
-  const auto start = vk_clock::now();
-  work();
-  return std::chrono::duration<double>(vk_clock::now() - start).count();
-}
 
 void wait_for_link(const redis_server &replica) {
   for (int i = 0; i < 500; i++) {
