@@ -19,6 +19,10 @@ enum qx_path_id {
   QX_PATH_AST_SPOOL,     /* default of Asterisk's spool directory */
   QX_PATH_AST_LIB,       /* default of Asterisk's library and var-lib directories */
   QX_PATH_NODE_ID,       /* id of this node */
+  QX_PATH_STORAGE_CONF,  /* file storage */
+  QX_PATH_TRANSFER_IN,   /* default of the folder of downloads from the object store */
+  QX_PATH_TRANSFER_OUT,  /* default of the folder of files that leave for it */
+  QX_PATH_STORAGE_CACHE, /* default of the local cache of the object store */
   QX_PATH_COUNT
 };
 

@@ -5,10 +5,11 @@
 #include "paths.h"
 
 inline constexpr const char *qx_fixed_paths[QX_PATH_COUNT] = {
-    "/etc/quorvex/paths.conf",    "/etc/quorvex/pbx.conf",   "/etc/quorvex/sqldbase.conf",
-    "/etc/quorvex/disdbase.conf", "/etc/quorvex/local.conf", "/etc/asterisk/asterisk.conf",
-    "/var/lib/quorvexquota",      "/var/spool/asterisk",     "/var/lib/asterisk",
-    "/etc/quorvexnode/nodeid",
+    "/etc/quorvex/paths.conf",     "/etc/quorvex/pbx.conf",     "/etc/quorvex/sqldbase.conf",
+    "/etc/quorvex/disdbase.conf",  "/etc/quorvex/local.conf",   "/etc/asterisk/asterisk.conf",
+    "/var/lib/quorvexquota",       "/var/spool/asterisk",       "/var/lib/asterisk",
+    "/etc/quorvexnode/nodeid",     "/etc/quorvex/storage.conf", "/usr/local/quorvex/stmp/in",
+    "/usr/local/quorvex/stmp/out", "/usr/local/quorvex/scache",
 };
 
 #endif
