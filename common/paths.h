@@ -7,6 +7,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum qx_path_id {
   QX_PATH_PATHS_CONF,    /* directories of the platform */
@@ -29,6 +30,7 @@ enum qx_path_id {
 /* The path, absolute and without a trailing slash; static, never NULL for an id of the list. */
 const char *qx_path(enum qx_path_id id);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

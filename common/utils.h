@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Reads keys of one section (or of the whole file when `section` is NULL). `keys` is NULL-ended;
  * values[i] takes the value of keys[i]: the caller passes it NULL, and it stays NULL when the key
@@ -39,6 +40,7 @@ char *get_start_padding(const char *line, char *dst, size_t dst_len, const char 
  * No marker gives an empty text. */
 const char *get_inline_comment(const char *line, char *dst, size_t dst_len, const char *marker);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

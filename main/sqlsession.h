@@ -9,6 +9,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef struct fr_sql_conn *SessionHandle;
 
@@ -30,6 +31,7 @@ SessionHandle sess_init(void);
 /* NULL is ignored. */
 void sess_destroy(SessionHandle session);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

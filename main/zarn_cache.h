@@ -15,6 +15,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Markers: the database has no such row; the row's column is NULL. */
 #define QX_CACHE_NO_ROW "_NR_"
@@ -87,6 +88,7 @@ int check_add_norows_to_missing_persistent(const char *key, int persistent, cons
 /* Frees *value and sets it to NULL when it is a marker that keep_markers does not keep. */
 void filter_cache_return(char **value, int keep_markers);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -18,6 +18,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* A directive and the values found for it. A table of these ends with a row whose name is NULL;
  * rows start with count 0 and values NULL, and the module owns what it puts there. */
@@ -66,6 +67,7 @@ int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_direct
 /* Frees the values of every row and empties it. */
 void qx_conf_parse_multi_directives_free_data(struct qx_conf_directive *table);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -9,6 +9,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Bytes that a table holds for one account: for a level of 100 its own extensions', for 50 and 10
  * those of all users below it, for 0 the whole table, which must then be given with its alias
@@ -16,6 +17,7 @@ extern "C" {
  * Table and account id go into the statement as they are. */
 int64_t qx_get_db_files_quota(const char *table, int level, const char *account_id);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* The full number of an extension, from its short number and the id of its owner's parent as text;
  * NULL when there is none, an argument is NULL, or the database fails. Asks the database only. The
@@ -15,6 +16,7 @@ extern "C" {
 char *qx_get_full_number(const char *parent_id, const char *number);
 char *qx_get_full_number_sess(SessionHandle session, const char *parent_id, const char *number);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -9,6 +9,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* The bytes from `start` up to `end`, each bound brought inside the text; NULL for a NULL text or
  * a start beyond the end. */
@@ -76,6 +77,7 @@ int zarn_sleep(float seconds);
 /* Now, in seconds since the epoch, with microseconds. */
 double qx_get_tstamp(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

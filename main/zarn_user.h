@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* The parent's id as text, empty when the account has none; NULL when it is not known. */
 char *qx_account_get_parent_str_sess(SessionHandle session, int account_id);
@@ -45,6 +46,7 @@ char **qx_account_get_prefs(int account_id, int count, const char *const *names)
  * other name, without asking anybody. */
 char *qx_account_get_pref(int account_id, const char *name);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -6,6 +6,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 struct vk_client;
 
@@ -25,6 +26,7 @@ int add_vk_srv_(struct vk_client *client, const char *value);
 /* Forwards to vsyslog. */
 void log_wrap(int priority, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

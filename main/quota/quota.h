@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 enum quota_kind {
   QUOTA_FAX,
@@ -97,6 +98,7 @@ int fine_sleep(float seconds);
  * cannot be opened. */
 int64_t quota_get_dirsize(const char *path);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

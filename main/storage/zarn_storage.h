@@ -24,6 +24,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Resource types. Any other value is "misc": it has an object key, but no local folder and no
  * table. */
@@ -167,6 +168,7 @@ int qx_storage_delete(int resource_type, const char *stored_name, const char *en
 int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                 const char *other_text, void *argument);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

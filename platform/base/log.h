@@ -11,6 +11,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* Channels. */
 enum { FR_LOG_TRACE = 2, FR_LOG_MESSAGE = 3 };
@@ -38,6 +39,7 @@ typedef void (*fr_log_sink)(const struct fr_log_record *record, void *context);
 /* Sends everything to `sink` from now on; NULL goes back to syslog. */
 void fr_log_set_sink(fr_log_sink sink, void *context);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif

@@ -8,6 +8,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 typedef char *safestr_t;
 
@@ -22,6 +23,7 @@ size_t safestr_length(const char *safestr);
 /* NULL is ignored. Only for what safestr_create or safestr_dup gave. */
 void safestr_free(safestr_t safestr);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 }
 #endif
