@@ -36,3 +36,27 @@ int get_parentid(SessionHandle session, int account_id, int *parent_id, char **p
   hand_over_parent(std::move(parent), parent_id, parent_text);
   return 0;
 }
+
+int climb_tree(SessionHandle session, int account_id,
+               const std::function<void(int account_id, int level)> &visit) {
+  constexpr int above_all = 101;
+  // Only damaged data leads in a circle. It is noticed by coming back to an account on it; which
+  // one is remembered moves up at ever longer intervals, so that it lies on the circle some day.
+  int remembered = 0;
+  unsigned steps = 0;
+  unsigned next_to_remember = 1;
+  for (int level = above_all; level > highest_top_level;) {
+    if (++steps == next_to_remember) {
+      remembered = account_id;
+      next_to_remember *= 2;
+    } else if (account_id == remembered) {
+      return -1;
+    }
+    int parent_id = 0;
+    const int error = get_parid_level(session, account_id, &parent_id, nullptr, &level, nullptr);
+    if (error != 0) return error;
+    visit(account_id, level);
+    account_id = parent_id;
+  }
+  return 0;
+}

@@ -2,6 +2,8 @@
 #ifndef MAIN_QUOTA_ACCOUNT_H
 #define MAIN_QUOTA_ACCOUNT_H
 
+#include <functional>
+
 #include "sqlsession.h"
 
 // Level and parent of an account; every output may be null. Texts are malloc'ed, the caller's; the
@@ -12,5 +14,10 @@ int get_parid_level(SessionHandle session, int account_id, int *parent_id, char 
 
 // Parent of an account; 0, or -1 when it is not known.
 int get_parentid(SessionHandle session, int account_id, int *parent_id, char **parent_text);
+
+// Visits an account and all above it, with their levels, until one with a level below 11 was
+// visited. 0; the error of get_parid_level; -1 when the way up leads in a circle.
+int climb_tree(SessionHandle session, int account_id,
+               const std::function<void(int account_id, int level)> &visit);
 
 #endif

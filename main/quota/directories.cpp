@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <mutex>
 #include <string>
 
 #include "quota/store.h"
@@ -40,11 +41,29 @@ int make_missing(std::string path, mode_t mode, uid_t uid, gid_t gid) {
   return path.ends_with('/') ? 0 : make_dir(path.c_str(), mode, uid, gid);
 }
 
+// Who is inside a quota_umask. The first sets the mask, the last restores it: with a memory of its
+// own for each, overlapping threads would leave the process with the wrong one.
+struct {
+  std::mutex lock;
+  int users = 0;
+  mode_t old = 0;
+} mask;
+
 std::string mark_of(const char *path) {
   return std::string(path) + ".dirty";
 }
 
 }  // namespace
+
+quota_umask::quota_umask() {
+  const std::lock_guard guard(mask.lock);
+  if (mask.users++ == 0) mask.old = ::umask(007);
+}
+
+quota_umask::~quota_umask() {
+  const std::lock_guard guard(mask.lock);
+  if (--mask.users == 0) ::umask(mask.old);
+}
 
 void give_to_owner(int fd) {
   uid_t uid = 0;

@@ -113,6 +113,16 @@ int make_qpaths(unsigned kind, int reseller_id, int client_id, int owner_id, cha
   return 0;
 }
 
+bool ancestry_paths::make(unsigned kind, int reseller_id, int client_id, int owner_id) {
+  char *made[] = {nullptr, nullptr, nullptr};
+  const int status =
+      make_qpaths(kind, reseller_id, client_id, owner_id, &made[0], &made[1], &made[2]);
+  reseller.reset(made[0]);
+  client.reset(made[1]);
+  owner.reset(made[2]);
+  return status == 0;
+}
+
 int make_dpath(unsigned kind, int level, const char *reseller_id, const char *client_id,
                const char *owner_id, char ***paths, size_t *count) {
   const char *account = nullptr;

@@ -40,12 +40,17 @@ bool replace_record(int fd, const char *record, size_t length) {
 
 }  // namespace
 
-unique_fd open_quota_file(const char *path, int at) {
+unique_fd open_quota_file(const char *path, int at, bool *created) {
   unique_fd file(::openat(at, path, O_RDWR | O_CLOEXEC));
   if (file || errno != ENOENT) return file;
 
-  file.reset(::openat(at, path, O_RDWR | O_CREAT | O_CLOEXEC, quota_file_mode));
-  if (!file) return file;
+  // Exactly one of several processes creates it; the others find it there.
+  file.reset(::openat(at, path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, quota_file_mode));
+  if (!file) {
+    if (errno == EEXIST) file.reset(::openat(at, path, O_RDWR | O_CLOEXEC));
+    return file;
+  }
+  if (created != nullptr) *created = true;
   give_to_owner(file.get());
   return file;
 }

@@ -258,7 +258,7 @@ int quota_update_subtree(const char *id, const char *parent_id, const char *gran
 int quota_update_slow_internal(int account_id, unsigned kind, int64_t *total, int force,
                                int64_t *scratch) {
   if (kind > QUOTA_ALL_KINDS) return -1;
-  const umask_guard mask(007);
+  const quota_umask mask;
   target found;
   const int error = locate(account_id, found);
   if (error != 0) return error;

@@ -21,8 +21,11 @@
 inline constexpr mode_t quota_file_mode = 0660;
 inline constexpr mode_t quota_directory_mode = 0770;
 
-// Levels of an account; one below 11 is the top when the tree is climbed.
+// Levels of an account.
 enum account_level { LEVEL_ROOT = 0, LEVEL_RESELLER = 10, LEVEL_CLIENT = 50, LEVEL_OWNER = 100 };
+
+// One up to this level is the top when the tree is climbed.
+inline constexpr int highest_top_level = 10;
 
 // Names by kind: of the quota file, and of the limit preference (KiB).
 extern const char *const quota_kind_names[QUOTA_ALL_KINDS];
@@ -55,6 +58,16 @@ int owner_ids(uid_t *uid, gid_t *gid);
 int make_qpaths(unsigned kind, int reseller_id, int client_id, int owner_id, char **reseller_path,
                 char **client_path, char **owner_path);
 
+// The quota files of one kind along an ancestry; null where an id is 0.
+struct ancestry_paths {
+  c_string reseller;
+  c_string client;
+  c_string owner;
+
+  // False for a kind above 5 and for a reseller that is not positive.
+  bool make(unsigned kind, int reseller_id, int client_id, int owner_id);
+};
+
 // The media directories to measure for one account and kind: a malloc'ed array of *count paths
 // (count 0 on entry). -1 for a level without an id, and for kinds 0, 2 and 3 below level 100.
 int make_dpath(unsigned kind, int level, const char *reseller_id, const char *client_id,
@@ -71,10 +84,19 @@ char *quota_str_append(char **path, int number, ...);
 // Gives an open file to the owner ids when running as root; a failure is nobody's loss.
 void give_to_owner(int fd);
 
-// Opens a quota file to read and write it; a missing one is created and given to the owner ids.
-// Empty when that fails. Here and below, `at` is the open directory that a relative path starts
-// from.
-unique_fd open_quota_file(const char *path, int at = AT_FDCWD);
+// The process umask of 007 for the length of a scope; scopes of several threads may overlap.
+class quota_umask {
+ public:
+  quota_umask();
+  quota_umask(const quota_umask &) = delete;
+  quota_umask &operator=(const quota_umask &) = delete;
+  ~quota_umask();
+};
+
+// Opens a quota file to read and write it; a missing one is created and given to the owner ids,
+// and *created is then set. Empty, with errno, when that fails. Here and below, `at` is the open
+// directory that a relative path starts from.
+unique_fd open_quota_file(const char *path, int at = AT_FDCWD, bool *created = nullptr);
 
 // Reads the record at the file's position. -1, with the outputs untouched, when there is none.
 int quota_read_internal(int fd, int64_t *value, int *revision);

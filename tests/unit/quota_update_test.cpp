@@ -1,0 +1,226 @@
+// Fast updates of quota files, and verification against the limits.
+#include <sys/resource.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <thread>
+
+#include "lookup_fixture.h"
+#include "quota/quota.h"
+#include "quota/store.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using support::seconds_of;
+
+// Reseller 1, client 2, owner 12.
+class FastUpdate : public lookup_test {
+ protected:
+  FastUpdate() : lookup_test("../main/quota") {
+    box.add_reseller(1, "reseller");
+    box.add_client(2, 1, "client");
+    box.add_owner(12, 2, "owner");
+  }
+
+  // The fax files of owner, client and reseller: "-" for none, "!" behind one with a dirty mark.
+  texts stored() const {
+    texts found;
+    for (const std::string &path : {owner, client, reseller}) {
+      found.push_back(box.read_file(path).value_or("-") + (fs::exists(path + ".dirty") ? "!" : ""));
+    }
+    return found;
+  }
+
+  int update_owner(int64_t delta, int wait = 0) const {
+    return quota_upd_fast_internal(owner.c_str(), delta, wait);
+  }
+
+  std::string owner = box.quota_path(1, 2, 12, "fax");
+  std::string client = box.quota_path(1, 2, 0, "fax");
+  std::string reseller = box.quota_path(1, 0, 0, "fax");
+};
+
+TEST_F(FastUpdate, AddsToOneFileOrLeavesAMark) {
+  constexpr int64_t gib = 1 << 30;
+  const struct {
+    const char *before;  // null: no file; "!" behind a record: a dirty mark
+    int64_t delta;
+    std::string after;
+    int result;
+  } rows[] = {{"200.4", -500, "0.5", 0},
+              {"200.4", 0, "200.4", 200},
+              {"5.999", 1, "6.1000", 6},
+              {nullptr, 0, "0.1", 0},
+              {nullptr, 7, "7.1", 7},
+              {nullptr, -7, "0.1", 0},
+              {"5.1!", 1, "5.1!", -1},
+              {"abc", 1, "abc!", -1},
+              {"", 1, "!", -1},
+              {"-1.3", 1, "-1.3!", -1},
+              {"5.-1", 1, "5.-1!", 5},
+              {"-5.1", 0, "-5.1", -5},
+              {"2147483647.1", 1, "2147483648.2", static_cast<int>(-2 * gib)},
+              {"4294967296.1", 5, "4294967301.2", 5},
+              {"9223372036854775807.1", 1, "9223372036854775807.2", -1},
+              {"1.2147483647", 1, "2.2147483647", 2},
+              // As a writer that was killed leaves it: before a longer record, and before the cut.
+              {"9.9.....", 991, "1000.10", 1000},
+              {"999.0999", 1, "1000.1000", 1000}};
+  for (const auto &row : rows) {
+    fs::remove_all(fs::path(owner).parent_path());
+    std::string before = row.before == nullptr ? "" : row.before;
+    if (before.ends_with('!')) {
+      before.pop_back();
+      box.write_file(owner + ".dirty", "");
+    }
+    if (row.before != nullptr) box.write_file(owner, before);
+    EXPECT_EQ(update_owner(row.delta), row.result) << before << " + " << row.delta;
+    EXPECT_EQ(stored()[0], row.after) << before << " + " << row.delta;
+  }
+  EXPECT_EQ(quota_upd_fast_internal("fax.quota", 1, 0), -1) << "a path without a directory";
+}
+
+TEST_F(FastUpdate, ReachesTheAccountAndAllAboveIt) {
+  box.write_file(client, "100.3");
+  box.write_file(reseller, "abc");
+  const mode_t before = ::umask(022);
+  EXPECT_EQ(quota_update(12, QUOTA_FAX, 50, -1), 0);
+  EXPECT_EQ(stored(), (texts{"50.1", "150.4", "abc!"}));
+  EXPECT_EQ(::umask(before), 022U) << "the caller's umask is back";
+  EXPECT_EQ(fs::status(owner).permissions(), fs::perms(0660));
+  EXPECT_EQ(fs::status(fs::path(owner).parent_path()).permissions(), fs::perms(0770));
+  EXPECT_EQ(quota_update(2, QUOTA_FAX, 50, 0), 0);
+  EXPECT_EQ(quota_update_fast(QUOTA_FAX, 50, 0, 1, 2, 0), 0);
+  EXPECT_EQ(stored(), (texts{"50.1", "250.6", "abc!"}));
+}
+
+TEST_F(FastUpdate, GivesUpOnALockAfterItsWaitAndUpdatesTheOthers) {
+  for (const std::string &path : {owner, client, reseller}) box.write_file(path, "1.1");
+  unique_fd held(::open(client.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+  const double waited = seconds_of([&] { quota_update_fast(QUOTA_FAX, 1, 30, 1, 2, 12); });
+  EXPECT_GE(waited, 0.04);
+  EXPECT_LT(waited, 0.5) << "and not until the holder lets go";
+  EXPECT_EQ(stored(), (texts{"2.2", "1.1!", "2.2"}));
+
+  fs::remove(client + ".dirty");
+  std::jthread letting_go([&] {
+    fine_sleep(0.05F);
+    held.reset();
+  });
+  quota_update_fast(QUOTA_FAX, 1, 10'000, 1, 2, 12);
+  EXPECT_EQ(stored(), (texts{"3.3", "2.2", "3.3"}));
+}
+
+TEST_F(FastUpdate, AFullDiskNeverLeavesAValueThatLooksRight) {
+  box.write_file(owner, "5.1");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit none{0, 0};
+    ::setrlimit(RLIMIT_FSIZE, &none);
+    quota_update_fast(QUOTA_FAX, 5, 0, 1, 2, 12);
+    ::_exit(0);
+  }
+  ::waitpid(child, nullptr, 0);
+  EXPECT_EQ(stored(), (texts{"!", "!", "!"}));
+}
+
+TEST_F(FastUpdate, SaysWhichAccountCannotBeUpdated) {
+  box.add_account(1000, std::nullopt, 0, "root");
+  box.add_client(30, 31, "of a circle");
+  box.add_client(31, 32, "of a circle");
+  box.add_client(32, 31, "of a circle");
+  box.add_client(33, 34, "without a parent");
+  const struct {
+    int account;
+    unsigned kind;
+    int update, verify;
+  } rows[] = {{12, QUOTA_ALL_KINDS, -1, -1},
+              {1000, QUOTA_FAX, -1, 0},
+              {30, QUOTA_FAX, -1, -1},
+              {33, QUOTA_FAX, -2, -2},
+              {99, QUOTA_FAX, -2, -2}};
+  log.expect(FR_LOG_ERROR, "returned:-2");
+  log.expect(FR_LOG_ERROR, "returned:-1");
+  testing::internal::CaptureStdout();
+  for (const auto &row : rows) {
+    EXPECT_EQ(quota_update(row.account, row.kind, 1, 0), row.update) << row.account;
+    EXPECT_EQ(quota_verify(row.account, row.kind), row.verify) << row.account;
+  }
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(quota_update_fast(QUOTA_FAX, 1, 0, 0, 2, 12), -1);
+  EXPECT_EQ(quota_verify_disk(QUOTA_FAX, 0, 2, 12, 0, 0, 0), -1);
+  EXPECT_EQ(stored(), (texts{"-", "-", "-"}));
+}
+
+TEST_F(FastUpdate, VerificationNamesTheLowestFullAccount) {
+  const struct {
+    const char *records[3];  // owner, client, reseller
+    int64_t limits[3];
+    int result;
+    const char *after[3] = {};  // null: as before
+  } rows[] = {
+      {{"10240.1", "10240.1", "9.1"}, {10240, 10240, 5}, 1'000'000'012},
+      {{"10239.1", "10240.1", "9.1"}, {10240, 10240, 5}, 500'000'002},
+      {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 9}, 100'000'001},
+      {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 10}, 0},
+      {{"9.1", "9.1", "9.1"}, {-1, -1024, 9}, 100'000'001},
+      {{"0.1", "0.1", "0.1"}, {0, -1, -1}, 1'000'000'012},
+      {{"2147483648.1", "4294967295.1", "4294967296.1"}, {5, 5, 5}, 0},
+      {{"9.1!", "abc", nullptr}, {5, 5, 5}, 0, {"9.1!", "abc!", "0.1"}},
+      {{nullptr, nullptr, nullptr}, {5, -1, 5}, 0, {"0.1", nullptr, "0.1"}},
+  };
+  for (const auto &row : rows) {
+    fs::remove_all(fs::path(reseller).parent_path());
+    texts expected;
+    const std::string paths[] = {owner, client, reseller};
+    for (int i = 0; i < 3; ++i) {
+      std::string record = row.records[i] == nullptr ? "-" : row.records[i];
+      expected.push_back(row.after[i] == nullptr ? record : row.after[i]);
+      if (record == "-") continue;
+      if (record.ends_with('!')) box.write_file(paths[i] + ".dirty", "");
+      box.write_file(paths[i], record.substr(0, record.find('!')));
+    }
+    EXPECT_EQ(quota_verify_disk(QUOTA_FAX, 1, 2, 12, row.limits[2], row.limits[1], row.limits[0]),
+              row.result)
+        << expected[0];
+    EXPECT_EQ(stored(), expected);
+  }
+}
+
+TEST_F(FastUpdate, VerificationNeverWaitsAndMarksWhatIsLocked) {
+  box.write_file(owner, "9.1");
+  const unique_fd held(::open(owner.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
+  double shortest = 1;
+  for (int i = 0; i < 10; ++i) {
+    fs::remove(owner + ".dirty");
+    shortest =
+        std::min(shortest, seconds_of([] { quota_verify_disk(QUOTA_FAX, 1, 2, 12, -1, -1, 5); }));
+    EXPECT_EQ(stored()[0], "9.1!");
+  }
+  EXPECT_LT(shortest, 0.01) << "less than one pause between two tries";
+}
+
+TEST_F(FastUpdate, VerificationTakesLimitsInKibAndPrintsItsResult) {
+  box.set_preference(12, "max_sound", "10");
+  box.set_preference(2, "max_sound", "99999999999999999999");
+  for (const auto &[bytes, result] : {std::pair{"10239.7", 0}, {"10240.7", 1'000'000'012}}) {
+    box.write_quota_file(1, 2, 12, "sound", bytes);
+    const std::string line =
+        " + quota_verify(target:1, resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
+        (result == 0 ? " (if >0 it means: client.id:0, client.level:0)"
+                     : " (if >0 it means: client.id:12, client.level:100)");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(quota_verify(12, QUOTA_SOUND), result);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), line + "\n");
+    if (result != 0) log.expect(FR_LOG_ERROR, line);
+    EXPECT_EQ(log.has(line), result != 0);
+  }
+}
+
+}  // namespace
