@@ -2,43 +2,13 @@
 #include <mutex>
 #include <string>
 
+#include "make_directories.h"
 #include "quota/store.h"
 
 namespace {
 
 bool running_as_root() {
   return ::getuid() == 0;
-}
-
-bool is_directory(const char *path) {
-  struct stat status {};
-  if (::stat(path, &status) != 0) return false;
-  if (S_ISDIR(status.st_mode)) return true;
-  errno = ENOTDIR;
-  return false;
-}
-
-// 0, or the error that keeps this one directory from being there.
-int make_dir(const char *path, mode_t mode, uid_t uid, gid_t gid) {
-  if (is_directory(path)) return 0;
-  if (errno == ENOTDIR) return ENOTDIR;
-  if (::mkdir(path, mode) != 0) {
-    // Another process may have been faster, and the directory is then there as wanted.
-    if (errno != EEXIST) return errno;
-    return is_directory(path) ? 0 : EEXIST;
-  }
-  if (running_as_root() && ::chown(path, uid, gid) != 0) return errno;
-  return 0;
-}
-
-int make_missing(std::string path, mode_t mode, uid_t uid, gid_t gid) {
-  for (size_t slash = path.find('/', 1); slash != path.npos; slash = path.find('/', slash + 1)) {
-    path[slash] = '\0';
-    const int error = make_dir(path.c_str(), mode, uid, gid);
-    if (error != 0) return error;
-    path[slash] = '/';
-  }
-  return path.ends_with('/') ? 0 : make_dir(path.c_str(), mode, uid, gid);
 }
 
 // Who is inside a quota_umask. The first sets the mask, the last restores it: with a memory of its
@@ -78,8 +48,9 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
     errno = EINVAL;
     return -1;
   }
-  // Nearly always the whole path is there, and one look tells.
-  const int error = is_directory(path) ? 0 : make_missing(path, mode, uid, gid);
+  const int error = make_directories(path, mode, [=](const char *made) {
+    return running_as_root() && ::chown(made, uid, gid) != 0 ? errno : 0;
+  });
   errno = error;
   return error == 0 ? 0 : -1;
 }
