@@ -1,0 +1,162 @@
+// The fast update of a quota file beside the bare system calls, alone and against others, and the
+// verification of an account beside the reads that it cannot do without.
+#include <fcntl.h>
+#include <hiredis/hiredis.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "base/owner.h"
+#include "quota/quota.h"
+#include "ratio.h"
+#include "sqlsession.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using redis_connection = std::unique_ptr<redisContext, call_to_release<redisFree>>;
+using redis_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
+
+constexpr int owner_id = 12;
+
+void bare_update(const std::string &path) {
+  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  char record[32] = {};
+  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
+      read(file.get(), record, sizeof record - 1) <= 0 || lseek(file.get(), 0, SEEK_SET) != 0 ||
+      ftruncate(file.get(), 0) != 0)
+    abort();
+  const int length = snprintf(record, sizeof record, "%lld.%d", atoll(record) + 1, 1);
+  if (write(file.get(), record, static_cast<size_t>(length)) != length) abort();
+}
+
+void write_record(const std::string &path) {
+  const c_file file(fopen(path.c_str(), "w"));
+  fputs("1000.1", file.get());
+}
+
+void compare_updates(double target, const std::string &folder, const std::string &where) {
+  const std::string path = folder + "/update.quota";
+  const std::string bare = folder + "/bare.quota";
+  write_record(path);
+  write_record(bare);
+  if (quota_upd_fast_internal(path.c_str(), 1, 0) != 1001) abort();  // and all is set up
+  ratio::at_most(target, "fast update of one file, " + where,
+                 "open, lock, read, truncate, write, close",
+                 ratio::once([path] { quota_upd_fast_internal(path.c_str(), 1, 0); }),
+                 ratio::once([bare] { bare_update(bare); }), ratio::length::calls);
+}
+
+// Four processes on one file, with random pauses of 10 ms on average. What gave up left a mark,
+// which is taken away at once so that the next attempts count as well.
+void measure_give_ups(double target, const std::string &folder, const std::string &where) {
+  constexpr int attempts = 500;
+  const std::string path = folder + "/shared.quota";
+  write_record(path);
+  std::vector<pid_t> children;
+  for (unsigned seed = 0; seed < 4; ++seed) {
+    children.push_back(fork());
+    if (children.back() != 0) continue;
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<useconds_t> pauses(0, 20'000);
+    int gave_up = 0;
+    for (int i = 0; i < attempts; ++i) {
+      usleep(pauses(random));
+      // A mark that another process has just left is a refusal too: it is not an attempt.
+      while (access((path + ".dirty").c_str(), F_OK) == 0) usleep(100);
+      if (quota_upd_fast_internal(path.c_str(), 1, 30) == -1) {
+        ++gave_up;
+        unlink((path + ".dirty").c_str());
+      }
+    }
+    _exit(gave_up > 255 ? 255 : gave_up);
+  }
+  int gave_up = 0;
+  for (const pid_t child : children) {
+    int status = 0;
+    waitpid(child, &status, 0);
+    gave_up += WEXITSTATUS(status);
+  }
+  const int done = static_cast<int>(children.size()) * attempts - gave_up;
+  const int lost = 1000 + done - quota_upd_fast_internal(path.c_str(), 0, 30);
+  ratio::bound("updates that give up, 4 processes, " + where, "% of 2,000 attempts",
+               100.0 * gave_up / (4 * attempts), target);
+  ratio::bound("updates that are lost among those, " + where, "updates", lost, 0);
+}
+
+void expect_text(redisContext *connection, const char *key, const char *field) {
+  const char *argv[] = {"HGET", key, field};
+  const redis_reply reply(
+      static_cast<redisReply *>(redisCommandArgv(connection, 3, argv, nullptr)));
+  if (reply == nullptr || reply->type != REDIS_REPLY_STRING) abort();
+}
+
+// Place and limit of three accounts are a read each: the place is two fields of one hash.
+void bare_verify(redisContext *connection, const std::vector<std::string> &records) {
+  static constexpr const char *places[] = {"res:inf:mng:12", "res:inf:mng:2", "res:inf:mng:1"};
+  static constexpr const char *limits[] = {"res:pre:mng:12", "res:pre:mng:2", "res:pre:mng:1"};
+  for (int i = 0; i < 3; ++i) {
+    expect_text(connection, places[i], "lvl");
+    expect_text(connection, limits[i], "mrec");
+  }
+  for (const std::string &path : records) {
+    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    char record[32] = {};
+    if (read(file.get(), record, sizeof record - 1) <= 0) abort();
+  }
+}
+
+// The call prints its result, which is not for this table.
+void verify_unprinted(benchmark::State &state) {
+  const c_file nowhere(fopen("/dev/null", "w"));
+  FILE *const printed = std::exchange(stdout, nowhere.get());
+  for (auto _ : state) {
+    if (quota_verify(owner_id, QUOTA_RECORDING) != 0) abort();
+  }
+  stdout = printed;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  support::sandbox box;
+  box.add_reseller(1, "reseller");
+  box.add_client(2, 1, "client");
+  box.add_owner(owner_id, 2, "owner");
+  std::vector<std::string> records;
+  for (const int account : {1, 2, owner_id}) box.set_preference(account, "max_record", "1000");
+  for (const auto &[client, owner] : {std::pair{0, 0}, {2, 0}, {2, owner_id}}) {
+    box.write_quota_file(1, client, owner, "recording", "5.1");
+    records.push_back(box.quota_path(1, client, owner, "recording"));
+  }
+  const support::private_folder on_disk("bench-update");
+  setenv(support::folder_variable, "/dev/shm", 1);
+  const support::private_folder in_memory("bench-update");
+
+  measure_give_ups(8, on_disk.path(), "ext4");
+  measure_give_ups(2, in_memory.path(), "tmpfs");
+  compare_updates(0.20, on_disk.path(), "ext4");
+  compare_updates(1.15, in_memory.path(), "tmpfs");
+
+  qx_sql_pool_init();
+  const redis_connection redis(redisConnectUnix(support::shared_servers().redis_socket.c_str()));
+  const redis_reply selected(
+      static_cast<redisReply *>(redisCommand(redis.get(), "SELECT %d", box.cache_database())));
+  if (selected == nullptr || selected->type != REDIS_REPLY_STATUS) abort();
+  for (int i = 0; i < 2; ++i) {
+    FILE *const printed = std::exchange(stdout, fopen("/dev/null", "w"));
+    quota_verify(owner_id, QUOTA_RECORDING);
+    fclose(std::exchange(stdout, printed));
+  }
+  ratio::at_most(1.25, "verification of an account of three levels",
+                 "6 HGET and 3 reads of records", verify_unprinted,
+                 ratio::once([&] { bare_verify(redis.get(), records); }), ratio::length::calls);
+  return ratio::run(argc, argv);
+}
