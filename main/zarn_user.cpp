@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include "base/view.h"
 #include "read_through.h"
@@ -10,6 +11,7 @@
 #include "zarn_cache.h"
 #include "zarn_cache_internal.h"
 #include "zarn_extension.h"
+#include "zarn_user_internal.h"
 
 QX_LOG_SOURCE("../main/zarn_user");
 
@@ -40,22 +42,30 @@ bool not_minus_one(const char *cached) {
   return std::atoi(cached) != -1;
 }
 
-c_string column_or_empty(MYSQL_ROW row) {
+c_string column_or_empty(MYSQL_RES *rows) {
+  const MYSQL_ROW row = next_row(rows);
   if (row == nullptr) return nullptr;
   return c_string(strdup(row[0] == nullptr ? "" : row[0]));
 }
 
-c_string filled_column(MYSQL_ROW row) {
-  return row == nullptr || is_empty(row[0]) ? nullptr : column_or_nothing(row);
+c_string filled_column(MYSQL_RES *rows) {
+  c_string column = column_or_nothing(rows);
+  return is_empty(column.get()) ? nullptr : std::move(column);
 }
 
 // A lookup in the account's hash. A cached text is the answer whatever it is, so no marker is
 // hidden; none is written either.
 constexpr field_lookup account_field(const char *field, const char *statement,
-                                     bool (*usable)(const char *), c_string (*value_of)(MYSQL_ROW),
+                                     bool (*usable)(const char *),
+                                     c_string (*value_of)(MYSQL_RES *),
                                      const char *complaint = nullptr) {
-  return {account_key, field, 0, statement, usable, value_of, QX_KEEP_NULL | QX_KEEP_NO_ROW,
-          complaint};
+  return {.key_format = account_key,
+          .field = field,
+          .statement = statement,
+          .usable = usable,
+          .value_of = value_of,
+          .keep_markers = QX_KEEP_NULL | QX_KEEP_NO_ROW,
+          .complaint = complaint};
 }
 
 constexpr field_lookup parent_lookup = account_field(
@@ -143,6 +153,18 @@ int qx_account_get_level_sess(SessionHandle session, int account_id) {
 
 int qx_account_get_level(int account_id) {
   return qx_account_get_level_sess(nullptr, account_id);
+}
+
+account_place get_account_place(SessionHandle session, int account_id) {
+  const c_string key = lookup_argument(account_id).format(account_key);
+  const char *const fields[] = {level_lookup.field, parent_lookup.field};
+  string_array cached;
+  if (key) cached = rmget_hash_key(QX_HERE, 0, key.get(), fields, std::size(fields));
+  if (cached && cached[0] != nullptr && cached[1] != nullptr && not_negative(cached[0])) {
+    return {std::atoi(cached[0]), cached.take(1)};
+  }
+  const int level = qx_account_get_level_sess(session, account_id);
+  return {level, c_string(qx_account_get_parent_str_sess(session, account_id))};
 }
 
 int qx_user_get_status(int account_id) {

@@ -5,6 +5,7 @@
 #include "quota/store.h"
 #include "zarn_str.h"
 #include "zarn_user.h"
+#include "zarn_user_internal.h"
 
 namespace {
 
@@ -18,15 +19,16 @@ void hand_over_parent(c_string text, int *parent_id, char **parent_text) {
 
 int get_parid_level(SessionHandle session, int account_id, int *parent_id, char **parent_text,
                     int *level, char **level_text) {
-  const int found = qx_account_get_level_sess(session, account_id);
-  c_string parent(qx_account_get_parent_str_sess(session, account_id));
-  if (found < 0 || !parent) return -2;
+  account_place place = get_account_place(session, account_id);
+  if (place.level < 0 || !place.parent_id) return -2;
 
   char *text = nullptr;
-  if (level_text != nullptr && zarn_str_append(&text, "%d", found) == nullptr) return -2;
+  if (level_text != nullptr && zarn_str_append(&text, "%d", place.level) == nullptr) return -2;
   if (level_text != nullptr) *level_text = text;
-  if (level != nullptr) *level = found;
-  if (found != LEVEL_ROOT) hand_over_parent(std::move(parent), parent_id, parent_text);
+  if (level != nullptr) *level = place.level;
+  if (place.level != LEVEL_ROOT) {
+    hand_over_parent(std::move(place.parent_id), parent_id, parent_text);
+  }
   return 0;
 }
 
