@@ -103,6 +103,15 @@ int cache_hmget(const call_site &site, int persistent, const char *key, const ch
 int cache_hmset(const call_site &site, int persistent, const char *key, const char *const *fields,
                 const char *const *values, size_t count);
 
+// Adds a member of a sorted set, on the secondary handle, or gives it this score.
+int cache_zaddval(const call_site &site, const char *key, const char *member, double score,
+                  const char *value);
+
+// Makes the client of the process anew from its configuration. Calls that run finish with the old
+// one, which goes with the last of them. The result of ast_vk_init; a client whose set-up failed
+// half way stays, as one of the first set-up does.
+int renew_cache_client();
+
 // cache_hmget with the outcome told once more in the name of rmget_hash; empty on a failure.
 string_array rmget_hash_key(const call_site &site, int persistent, const char *key,
                             const char *const *fields, size_t count);

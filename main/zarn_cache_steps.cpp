@@ -1,6 +1,6 @@
-#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -10,8 +10,20 @@
 
 namespace {
 
-// The client of the process: created at the first use, never released.
-std::atomic<vk_client_t *> process_client{nullptr};
+using client_handle = std::shared_ptr<vk_client_t>;
+
+// The client of the process: created at the first use, replaced by renew_cache_client only. Never
+// destroyed, as other threads may use it while the process exits.
+struct {
+  std::mutex creation;  // taken first
+  std::mutex lock;      // guards the handle, and is held for no longer than to copy it
+  client_handle &handle = *new client_handle;
+} process_client;
+
+client_handle current_client() {
+  const std::lock_guard guard(process_client.lock);
+  return process_client.handle;
+}
 
 // One of the brackets for the length of a scope.
 template <void (*Enter)()>
@@ -25,27 +37,38 @@ class section {
 using read_section = section<ast_cache_rdlock>;
 using write_section = section<ast_cache_wrlock>;
 
-// The brackets do nothing by themselves, so a lock of our own keeps two first users from creating
-// two clients, and the handle is published only when its set-up is over. A set-up that failed
-// after the client was made leaves a client whose commands fail; it is not tried again.
-void create_client() noexcept {
-  static std::mutex creation;
-  const write_section section;
-  const std::lock_guard<std::mutex> lock(creation);
-  if (process_client.load(std::memory_order_relaxed) != nullptr) return;
+// The handle is published only when the set-up is over. A set-up that failed after the client was
+// made leaves a client whose commands fail; it is not tried again.
+int publish_new_client() noexcept {
   vk_client_t *created = nullptr;
-  ast_vk_init(&created);
-  process_client.store(created, std::memory_order_release);
+  const int status = ast_vk_init(&created);
+  return no_throw(-1, [&] {
+    client_handle handle(created, vk_client_destroy);
+    const std::lock_guard guard(process_client.lock);
+    process_client.handle.swap(handle);  // the old one goes after the lock
+    return status;
+  });
+}
+
+// The brackets do nothing by themselves, so a lock of our own keeps two first users from creating
+// two clients.
+void create_client() noexcept {
+  const write_section section;
+  const std::lock_guard guard(process_client.creation);
+  if (current_client() == nullptr) publish_new_client();
 }
 
 // Calls the client library with the handle for `persistent`, between the brackets.
 template <class Call>
 int with_client(int persistent, Call &&call) {
-  if (process_client.load(std::memory_order_acquire) == nullptr) create_client();
+  client_handle client = current_client();
+  if (client == nullptr) {
+    create_client();
+    client = current_client();
+  }
   const read_section section;
-  vk_client_t *const client = process_client.load(std::memory_order_acquire);
   if (client == nullptr) return VK_ERR_CLIENT;
-  return call(persistent != 0 ? client : client->secondary);
+  return call(persistent != 0 ? client.get() : client->secondary);
 }
 
 std::vector<size_t> lengths_of(const char *const *texts, size_t count) {
@@ -193,6 +216,25 @@ int cache_hmset(const call_site &site, int persistent, const char *key, const ch
   else
     CACHE_LOG(site, "cache_hmset(%s,%zuX): success", key, count);
   return status;
+}
+
+int cache_zaddval(const call_site &site, const char *key, const char *member, double score,
+                  const char *value) {
+  const int status = with_client(0, [&](vk_client_t *client) {
+    return vk_zaddval(client, key, std::strlen(key), member, std::strlen(member), score, value,
+                      std::strlen(value));
+  });
+  if (status != VK_OK)
+    CACHE_LOG(site, "cache_zaddval(%s, %s): error %s", key, member, vk_strerror(status));
+  else
+    CACHE_LOG(site, "cache_zaddval(%s, %s): success", key, member);
+  return status;
+}
+
+int renew_cache_client() {
+  const write_section section;
+  const std::lock_guard guard(process_client.creation);
+  return publish_new_client();
 }
 
 string_array rmget_hash_key(const call_site &site, int persistent, const char *key,

@@ -1,5 +1,6 @@
 // The commands of the client: each sends one, checks the shape of its reply, and copies what it
 // hands out. Outputs are set to nothing first, so that a failure leaves nothing to free.
+#include <charconv>
 #include <climits>
 #include <cstring>
 
@@ -222,6 +223,21 @@ int vk_hmset(vk_client_t *client, const char *key, size_t key_length, const char
     vk_reply reply;
     return run_words(client, static_cast<int>(words.size()), words.data(), lengths.data(),
                      REDIS_REPLY_INTEGER, REDIS_REPLY_INTEGER, reply);
+  });
+}
+
+int vk_zaddval(vk_client_t *client, const char *key, size_t key_length, const char *member,
+               size_t member_length, double score, const char *, size_t) {
+  return with_client(client, key != nullptr && member != nullptr, [=] {
+    // As %.17g writes it, whatever the process's locale has for a decimal point.
+    char digits[32];
+    const auto [end, error] =
+        std::to_chars(std::begin(digits), std::end(digits), score, std::chars_format::general, 17);
+    if (error != std::errc()) return static_cast<int>(VK_ERR_ARGUMENT);
+    const char *words[] = {"ZADD", key, digits, member};
+    const size_t lengths[] = {4, key_length, static_cast<size_t>(end - digits), member_length};
+    vk_reply reply;
+    return run_words(client, 4, words, lengths, REDIS_REPLY_INTEGER, REDIS_REPLY_INTEGER, reply);
   });
 }
 

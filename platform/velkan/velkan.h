@@ -111,6 +111,12 @@ int vk_hmset(vk_client_t *client, const char *key, size_t key_length, const char
              size_t field_count, const size_t *field_lengths, const char *const *values,
              const size_t *value_lengths, int persistent);
 
+/* Adds a member of a sorted set, or gives it this score, which the server keeps to the last bit.
+ * `value` is a text of the member's own: it is accepted for a server that has room for one, and is
+ * not stored here. */
+int vk_zaddval(vk_client_t *client, const char *key, size_t key_length, const char *member,
+               size_t member_length, double score, const char *value, size_t value_length);
+
 /* Non-zero when the key exists or the server could not be asked, 0 when it does not exist. */
 int vk_exists(vk_client_t *client, const char *key, size_t key_length);
 

@@ -1,0 +1,47 @@
+// What file storage keeps for the process: its configuration and the transfer service. Sessions
+// take both as they are when they start, and keep them. Internal to main/storage/.
+#ifndef MAIN_STORAGE_CONFIG_H
+#define MAIN_STORAGE_CONFIG_H
+
+#include <memory>
+#include <string>
+
+#include "base/diagnostics.h"
+#include "base/owner.h"
+#include "storage/zarn_storage.h"
+
+enum class storage_engine { invalid = -1, posix = 1, s3 = 2 };
+
+// The word of an engine, and the engine of a word; NULL means POSIX.
+const char *word_of(storage_engine engine);
+storage_engine engine_of(const char *word);
+
+struct storage_config {
+  storage_engine engine = storage_engine::posix;
+  std::string transfer_in;
+  std::string transfer_out;
+  std::string cache;
+  int cache_expire = 48;  // this and the next two are the transfer service's, and only kept
+  int trash_expire = 1;
+  int upload_interval = 120;
+  std::string base_dir;
+  std::string monitor_dir;
+};
+
+// Both at one moment. The configuration is null before the first one was loaded, the service while
+// none is registered.
+struct storage_snapshot {
+  std::shared_ptr<const storage_config> config;
+  std::shared_ptr<const qx_storage_api_t> service;
+
+  bool s3_usable() const { return service != nullptr && service->s3_usable(service->context) != 0; }
+
+  // The service's text; null when it has none or is not there.
+  c_string location(const qx_storage_location_query_t &query) const {
+    return c_string(service == nullptr ? nullptr : service->location(service->context, &query));
+  }
+};
+
+storage_snapshot take_snapshot();
+
+#endif

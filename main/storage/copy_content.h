@@ -1,0 +1,10 @@
+// Internal to main/storage/.
+#ifndef MAIN_STORAGE_COPY_CONTENT_H
+#define MAIN_STORAGE_COPY_CONTENT_H
+
+// Copies a regular file, of which nothing was read yet, into an empty one, in the cheapest way that
+// the file systems have. A source that shrinks meanwhile is copied as far as it goes, one that
+// grows as far as it went at first. 0, or an error number.
+int copy_content(int from, int to);
+
+#endif

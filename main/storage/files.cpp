@@ -1,0 +1,129 @@
+#include "storage/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/diagnostics.h"
+#include "base/owner.h"
+#include "make_directories.h"
+#include "storage/copy_content.h"
+
+QX_LOG_SOURCE("../main/zarn_storage");
+
+namespace {
+
+// 61 letters: there is no Y, and names have always been drawn without it.
+constexpr std::string_view name_alphabet =
+    "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
+constexpr int name_length = 16;
+constexpr int name_attempts = 5;
+
+std::string random_name() {
+  std::string name;
+  for (int i = 0; i < name_length; ++i) {
+    name += name_alphabet[static_cast<size_t>(std::rand()) % name_alphabet.size()];
+  }
+  return name;
+}
+
+// "" for a file in the root.
+std::string folder_of(const std::string &path) {
+  return path.substr(0, path.rfind('/'));
+}
+
+int make_folder_of(const std::string &path) {
+  const std::string folder = folder_of(path);
+  return folder.empty() ? 0 : make_folder(folder);
+}
+
+// The file under which another one grows, in the same folder, so that a rename completes it.
+struct growing_file {
+  unique_fd fd;
+  temporary_file name;
+};
+
+growing_file make_growing_file(const std::string &folder) {
+  std::string name = folder + "/.storing-XXXXXX";
+  unique_fd fd(::mkostemp(name.data(), O_CLOEXEC));
+  if (!fd) return {};
+  return {std::move(fd), temporary_file(std::move(name))};
+}
+
+// The copy of a file whose folder is there.
+int copy_to(const std::string &from, const std::string &to) {
+  const unique_fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!source) return errno;
+  growing_file copy = make_growing_file(folder_of(to));
+  if (!copy.fd) return errno;
+  const int error = copy_content(source.get(), copy.fd.get());
+  if (error != 0) return error;
+  if (::fchmod(copy.fd.get(), storage_mode) != 0) return errno;
+  // Some file systems tell only here that the disk is full. A power cut is not provided against:
+  // that would cost every file the time of a disk write.
+  if (::close(copy.fd.release()) != 0) return errno;
+  if (::rename(copy.name.path().c_str(), to.c_str()) != 0) return errno;
+  copy.name.give_up();
+  return 0;
+}
+
+}  // namespace
+
+int make_folder(const std::string &folder) {
+  return make_directories(folder.c_str(), storage_mode, [](const char *made) {
+    return ::chmod(made, storage_mode) == 0 ? 0 : errno;
+  });
+}
+
+std::optional<temporary_file> make_temporary_file(const std::string &folder,
+                                                  const std::string &extension) {
+  std::string path = folder;
+  int error = make_folder(folder);
+  for (int attempt = 0; attempt < name_attempts && (error == 0 || error == EEXIST); ++attempt) {
+    path = folder + "/" + random_name();
+    if (!extension.empty()) path += "." + extension;
+    const unique_fd file(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, storage_mode));
+    if (file) return temporary_file(std::move(path));
+    error = errno;
+  }
+  QX_LOG(FR_LOG_ERROR, "Failed to create temporary file [%s]: %s.\n\n", path.c_str(),
+         std::strerror(error));
+  return std::nullopt;
+}
+
+int copy_file(const std::string &from, const std::string &to) {
+  const int error = make_folder_of(to);
+  return error == 0 ? copy_to(from, to) : error;
+}
+
+int move_file(const std::string &from, const std::string &to) {
+  int error = make_folder_of(to);
+  if (error != 0) return error;
+  // While the name is still ours; a file system without modes keeps files all the same.
+  ::chmod(from.c_str(), storage_mode);
+  if (::rename(from.c_str(), to.c_str()) == 0) return 0;
+  if (errno != EXDEV) return errno;
+  error = copy_to(from, to);
+  if (error == 0) ::unlink(from.c_str());
+  return error;
+}
+
+int find_file(const std::string &path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return errno;
+  return S_ISDIR(status.st_mode) ? EISDIR : 0;
+}
+
+bool has_parent_component(std::string_view name) {
+  for (size_t start = 0; start <= name.size();) {
+    const size_t end = std::min(name.find('/', start), name.size());
+    if (name.substr(start, end - start) == "..") return true;
+    start = end + 1;
+  }
+  return false;
+}

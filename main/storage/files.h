@@ -1,0 +1,62 @@
+// Files on the way to their place. Paths are whole; errors are error numbers, 0 is success.
+// Internal to main/storage/.
+#ifndef MAIN_STORAGE_FILES_H
+#define MAIN_STORAGE_FILES_H
+
+#include <unistd.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+// Of all files and folders made here, whatever the umask is.
+inline constexpr mode_t storage_mode = 0770;
+
+// A file that is removed at the end, unless its name was given up before. The name can be read for
+// as long as this lives.
+class temporary_file {
+ public:
+  temporary_file() = default;
+  explicit temporary_file(std::string path) : path_(std::move(path)), owned_(true) {}
+  temporary_file(temporary_file &&other) noexcept
+      : path_(std::move(other.path_)), owned_(std::exchange(other.owned_, false)) {}
+  temporary_file &operator=(temporary_file &&other) noexcept {
+    std::swap(path_, other.path_);
+    std::swap(owned_, other.owned_);
+    return *this;
+  }
+  ~temporary_file() { remove(); }
+
+  const std::string &path() const { return path_; }
+  // The name is somebody else's from now on.
+  void give_up() { owned_ = false; }
+  void remove() {
+    if (std::exchange(owned_, false)) ::unlink(path_.c_str());
+  }
+
+ private:
+  std::string path_;
+  bool owned_ = false;
+};
+
+// Makes a folder and all above it.
+int make_folder(const std::string &folder);
+
+// A new, empty file of a random name in a folder, which is made when it is not there. Nothing, with
+// the reason logged, when there can be none.
+std::optional<temporary_file> make_temporary_file(const std::string &folder,
+                                                  const std::string &extension);
+
+// Brings a file to a place whose folder is made when it is not there. What is at that place is
+// replaced, and is never half a file. On an error the place and the source are as they were.
+int copy_file(const std::string &from, const std::string &to);
+int move_file(const std::string &from, const std::string &to);
+
+// 0 when the path names a file that is no folder, else an error number.
+int find_file(const std::string &path);
+
+// Whether a name leads out of the folder that it is taken to be in.
+bool has_parent_component(std::string_view name);
+
+#endif

@@ -1,0 +1,58 @@
+#include "storage/queue.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include "base/owner.h"
+#include "storage/kinds.h"
+#include "storage/session.h"
+#include "zarn_cache_internal.h"
+#include "zarn_str.h"
+
+namespace {
+
+constexpr char upload_queue[] = "storage:upqueue:%s:%s";
+constexpr char delete_queue[] = "storage:delqueue:%s:%s";
+
+__attribute__((format(printf, 1, 2))) c_string format_text(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  c_string text = format_cache_key(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+int add_to_queue(const call_site &site, const char *queue, const char *member) {
+  const c_string key = format_text(queue, word_of(storage_engine::s3), storage_shard);
+  if (!key) return ENOMEM;
+  const int status = cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL);
+  return status == 0 ? 0 : EIO;
+}
+
+}  // namespace
+
+int queue_upload(const call_site &site, const char *location, const std::string &object_key) {
+  const c_string member = format_text("%s:%s", location, object_key.c_str());
+  if (!member) {
+    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to allocate memory for member_key\n\n");
+    return ENOMEM;
+  }
+  return add_to_queue(site, upload_queue, member.get());
+}
+
+int queue_deletion(const call_site &site, const char *location, const char *stored_name) {
+  const c_string member = format_text("%s:o:%s", location, stored_name);
+  if (!member) return ENOMEM;
+  CACHE_LOG(site, "Adding member [%s] to delete queue.", member.get());
+  return add_to_queue(site, delete_queue, member.get());
+}
+
+int queue_owner_deletion(const call_site &site, const char *location, int type, int first_id,
+                         int second_id) {
+  const std::string prefix = prefix_key(type, first_id, second_id);
+  const c_string member = format_text("%s:r:%s", location, prefix.c_str());
+  if (!member) return ENOMEM;
+  CACHE_LOG(site, "Adding %s recursive member [%s] to delete queue.", kind_of(type).name,
+            member.get());
+  return add_to_queue(site, delete_queue, member.get());
+}

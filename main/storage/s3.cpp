@@ -1,0 +1,137 @@
+#include "storage/s3.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "base/view.h"
+#include "storage/kinds.h"
+#include "storage/queue.h"
+
+QX_LOG_SOURCE("../main/zarn_storage");
+
+namespace {
+
+// Where the cache has the file of an object key.
+std::string cache_path(const storage_config &config, const std::string &key) {
+  return config.cache + "/" + storage_shard + "/" + key;
+}
+
+bool is_object_key(const char *name) {
+  return !is_empty(name) && *name != '/' && !has_parent_component(name);
+}
+
+// The end of a download, on a thread of the service's. The cookie is the reference that was taken
+// for it.
+void finish_download(void *cookie, int status, const char *path) {
+  const session_owner session(static_cast<qx_storage_session *>(cookie));
+  std::string cached = no_throw(std::string(), [&] {
+    if (status != QX_STORAGE_READY || path == nullptr) return std::string();
+    std::string place = session->cache_path;
+    const int error = move_file(path, place);
+    if (error == 0) {
+      if (session->temporary.path() == path) session->temporary.give_up();
+      return place;
+    }
+    QX_LOG(FR_LOG_ERROR, "Failed to move file [%s] to [%s]: %s.\n\n", path, place.c_str(),
+           std::strerror(error));
+    return std::string();
+  });
+  // The path was the request's, and may end with it. Who waits for the session may take it that
+  // nothing of the download is left.
+  session->temporary.remove();
+  const qx_storage_api_t &service = *session->made_with.service;
+  if (void *request = session->request_done()) service.release(service.context, request);
+  const int result = cached.empty() ? QX_STORAGE_FAILED : QX_STORAGE_READY;
+  session->finish(result, std::move(cached));
+}
+
+bool start_download(qx_storage_session &session, const char *name, const char *extra) {
+  auto target = make_temporary_file(session.config().transfer_in, "");
+  if (!target) return false;
+  session.temporary = std::move(*target);
+
+  const qx_storage_api_t &service = *session.made_with.service;
+  session.reference();
+  void *request =
+      service.download(service.context, name, storage_shard, word_of(storage_engine::s3), extra,
+                       session.temporary.path().c_str(), finish_download, &session);
+  if (request == nullptr) {
+    session.finish(QX_STORAGE_FAILED, "");
+    session.release();
+    return true;
+  }
+  // The download may be over by now; our caller's reference has kept the session.
+  if (void *ended = session.request_started(request)) service.release(service.context, ended);
+  return true;
+}
+
+}  // namespace
+
+bool prepare_s3(qx_storage_session &session) {
+  auto made =
+      make_temporary_file(session.config().transfer_out + "/" + storage_shard, session.extension);
+  if (!made) return false;
+  session.temporary = std::move(*made);
+  return true;
+}
+
+std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &session,
+                                    int file_id) {
+  stored_file file;
+  file.name = std::string(kind_of(session.resource_type).key_word) + "/" +
+              owned_file(session.first_id, session.second_id, file_id, session.extension);
+  file.path = cache_path(session.config(), file.name);
+  const int error = copy_file(session.temporary.path(), file.path);
+  if (error != 0) {
+    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to copy file [%s] to [%s]: %s.\n\n",
+              session.temporary.path().c_str(), file.path.c_str(), std::strerror(error));
+    return std::nullopt;
+  }
+  if (queue_upload(site, session.location.c_str(), file.name) != 0) {
+    // The copy stays: an answer that was lost on the way may have left the place in the queue, and
+    // the service would find nothing there. It ends what nobody asks of the cache.
+    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to queue file [%s].\n\n", file.name.c_str());
+    return std::nullopt;
+  }
+  return file;
+}
+
+bool fetch_s3(const call_site &site, qx_storage_session &session, const char *name,
+              const char *extra) {
+  if (!session.made_with.s3_usable()) {
+    QX_LOG_AT(site, FR_LOG_ERROR,
+              "The S3 storage engine is disabled due to a configuration error. Cannot retrieve "
+              "file from S3.\n");
+    return false;
+  }
+  if (!is_object_key(name)) {
+    QX_LOG_AT(site, FR_LOG_WARNING, "Cannot retrieve requested file from storage [%s]: %s.\n\n",
+              name == nullptr ? "" : name, std::strerror(EINVAL));
+    return false;
+  }
+  session.cache_path = cache_path(session.config(), name);
+  if (find_file(session.cache_path) != 0) return start_download(session, name, extra);
+  session.finish(QX_STORAGE_READY, session.cache_path);
+  return true;
+}
+
+int delete_s3(const call_site &site, const storage_config &config, const char *name,
+              const char *location) {
+  if (!is_object_key(name)) {
+    QX_LOG_AT(site, FR_LOG_ERROR, "Could not remove file [%s]: %s.\n\n", name,
+              std::strerror(EINVAL));
+    return EINVAL;
+  }
+  const std::string cached = cache_path(config, name);
+  const int error = queue_deletion(site, location, name);
+  if (error != 0) return error;
+  // Once the object goes, a copy in the cache would bring it back for those who ask for it.
+  if (::unlink(cached.c_str()) != 0 && errno != ENOENT) {
+    const int cause = errno;
+    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
+              cached.c_str(), cause, std::strerror(cause));
+  }
+  return 0;
+}

@@ -1,0 +1,75 @@
+// A storage session. Internal to main/storage/.
+#ifndef MAIN_STORAGE_SESSION_H
+#define MAIN_STORAGE_SESSION_H
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "storage/config.h"
+#include "storage/files.h"
+
+// The key prefix that all files have in the object store's local places and queues.
+inline constexpr char storage_shard[] = "main";
+
+struct qx_storage_session {
+  enum class purpose { storing, fetching };
+
+  // Logged in the name of `site`.
+  qx_storage_session(const call_site &site, storage_snapshot start, purpose wanted, int type);
+
+  const storage_snapshot made_with;
+  const purpose use;
+  storage_engine engine;
+  const int resource_type;
+  int first_id = 0;
+  int second_id = 0;
+  std::string extension;
+  std::string folder;          // of the kind, POSIX only
+  std::string requested_name;  // empty when none was
+  std::string location;
+  // Storing: what the caller writes. Fetching: what the service downloads into.
+  temporary_file temporary;
+  std::string cache_path;  // where a download goes in the end
+
+  const storage_config &config() const { return *made_with.config; }
+
+  int status();
+  // Ends waiting. The path is where the file is, empty when there is none.
+  void finish(int result, std::string path);
+  int wait();
+  // NULL while there is no file.
+  const char *file_path();
+
+  // A request and its completion meet here, in either order; the second one gets the request, and
+  // ends it.
+  void *request_started(void *started);
+  void *request_done();
+
+  void reference() { references_.fetch_add(1, std::memory_order_relaxed); }
+  void release() {
+    if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+
+ private:
+  ~qx_storage_session() = default;
+
+  std::atomic<int> references_{1};
+  std::mutex lock_;  // guards all that follows
+  std::condition_variable changed_;
+  int status_ = QX_STORAGE_PENDING;
+  std::string path_;
+  void *request_ = nullptr;
+  bool done_ = false;
+};
+
+// One reference.
+using session_owner =
+    std::unique_ptr<qx_storage_session, call_to_release<qx_storage_release_session>>;
+
+// A new session under the configuration of this moment; null, logged, when there is none yet.
+session_owner start_session(const call_site &site, qx_storage_session::purpose use, int type);
+
+#endif

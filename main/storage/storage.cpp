@@ -1,0 +1,180 @@
+// The public operations: each checks what it was given and hands it to the engine.
+#include <cerrno>
+#include <cstring>
+
+#include "base/view.h"
+#include "storage/posix.h"
+#include "storage/queue.h"
+#include "storage/record.h"
+#include "storage/s3.h"
+
+QX_LOG_SOURCE("../main/zarn_storage");
+
+namespace {
+
+using purpose = qx_storage_session::purpose;
+
+constexpr size_t longest_extension = 15;
+
+// -1 with this error, or 0.
+int result_of(int error) {
+  if (error == 0) return 0;
+  errno = error;
+  return -1;
+}
+
+// Where the session's file is to be kept; false when the engine cannot do without and has nothing.
+bool take_location(const call_site &site, qx_storage_session &session) {
+  const c_string text = session.made_with.location({.resource_type = session.resource_type,
+                                                    .first_id = session.first_id,
+                                                    .second_id = session.second_id});
+  if (text) session.location = text.get();
+  if (text || session.engine == storage_engine::posix) return true;
+  log_condition_failed(site);
+  return false;
+}
+
+session_owner create_session(const call_site &site, int type, int first_id, int second_id,
+                             const char *extension) {
+  if (extension != nullptr && std::strchr(extension, '/') != nullptr) {
+    log_condition_failed(site);
+    return nullptr;
+  }
+  session_owner session = start_session(site, purpose::storing, type);
+  if (!session) return nullptr;
+  session->first_id = first_id;
+  session->second_id = second_id;
+  if (extension != nullptr)
+    session->extension.assign(extension, strnlen(extension, longest_extension));
+  if (session->engine == storage_engine::s3 && !session->made_with.s3_usable()) {
+    QX_LOG_AT(site, FR_LOG_WARNING,
+              "S3 engine is disabled due to a configuration error. Storing file to POSIX\n");
+    session->engine = storage_engine::posix;
+  }
+  const bool ready =
+      session->engine == storage_engine::s3 ? prepare_s3(*session) : prepare_posix(site, *session);
+  if (!ready || !take_location(site, *session)) return nullptr;
+  return session;
+}
+
+bool commit(const call_site &site, qx_storage_session &session, int file_id) {
+  std::optional<stored_file> file = session.engine == storage_engine::s3
+                                        ? store_s3(site, session, file_id)
+                                        : store_posix(site, session, file_id);
+  if (!file) return false;
+  // The file is stored, whatever comes of its row.
+  no_throw(0, [&] {
+    record_location(session, file_id, file->name);
+    return 0;
+  });
+  session.finish(QX_STORAGE_READY, std::move(file->path));
+  return true;
+}
+
+session_owner retrieve_session(const call_site &site, int type, const char *name,
+                               const char *engine_word, const char *extra) {
+  const storage_engine engine = engine_of(engine_word);
+  if (engine == storage_engine::invalid) {
+    QX_LOG_AT(site, FR_LOG_ERROR,
+              "Invalid storage engine specified [%s]. Cannot retrieve file.\n\n", engine_word);
+    return nullptr;
+  }
+  session_owner session = start_session(site, purpose::fetching, type);
+  if (!session) return nullptr;
+  session->engine = engine;
+  const bool found = engine == storage_engine::s3 ? fetch_s3(site, *session, name, extra)
+                                                  : fetch_posix(site, *session, name);
+  return found ? std::move(session) : nullptr;
+}
+
+int delete_file(const call_site &site, int type, const char *name, const char *engine_word,
+                const char *location) {
+  const storage_engine engine = engine_of(engine_word);
+  // What has no name or place in the object store was never there.
+  if (engine == storage_engine::s3 && (name == nullptr || location == nullptr)) return 0;
+  const auto config = take_snapshot().config;
+  if (engine == storage_engine::invalid || config == nullptr) {
+    QX_LOG_AT(site, FR_LOG_ERROR, "Could not remove file [%s]: %s.\n\n",
+              name == nullptr ? "" : name, std::strerror(EINVAL));
+    return EINVAL;
+  }
+  return engine == storage_engine::s3 ? delete_s3(site, *config, name, location)
+                                      : delete_posix(site, *config, type, name);
+}
+
+int delete_owner(const call_site &site, const qx_storage_location_query_t &query) {
+  const c_string location = take_snapshot().location(query);
+  if (!location) {
+    log_condition_failed(site);
+    return ENOBUFS;
+  }
+  for (const int type : {QX_STORAGE_VOICEMAIL, QX_STORAGE_FAX, QX_STORAGE_RECORDING}) {
+    const int error =
+        queue_owner_deletion(site, location.get(), type, query.first_id, query.second_id);
+    if (error != 0) return error;
+  }
+  return 0;
+}
+
+}  // namespace
+
+qx_storage_session_t *qx_storage_session_create(int resource_type, int first_id, int second_id,
+                                                const char *extension) {
+  const call_site here = QX_HERE;
+  return no_throw<qx_storage_session *>(nullptr, [&] {
+    return create_session(here, resource_type, first_id, second_id, extension).release();
+  });
+}
+
+int qx_storage_set_posix_filename(qx_storage_session_t *session, const char *name) {
+  const bool is_absolute = name != nullptr && *name == '/';
+  if (session == nullptr ||
+      (name != nullptr && !is_absolute && (*name == '\0' || has_parent_component(name)))) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
+  return no_throw(-1, [=] {
+    session->requested_name = name == nullptr ? "" : name;
+    return 0;
+  });
+}
+
+int qx_storage_commit_file(qx_storage_session_t *session, int file_id) {
+  const call_site here = QX_HERE;
+  // A file is stored once: after that, there is nothing under the temporary name, or not ours.
+  if (session == nullptr || session->use != purpose::storing ||
+      session->status() == QX_STORAGE_READY) {
+    log_condition_failed(here);
+    return -1;
+  }
+  if (no_throw(false, [&] { return commit(here, *session, file_id); })) return 0;
+  session->finish(QX_STORAGE_FAILED, "");
+  return -1;
+}
+
+qx_storage_session_t *qx_storage_session_retrieve(int resource_type, const char *stored_name,
+                                                  const char *engine, const char *extra) {
+  const call_site here = QX_HERE;
+  return no_throw<qx_storage_session *>(nullptr, [&] {
+    return retrieve_session(here, resource_type, stored_name, engine, extra).release();
+  });
+}
+
+int qx_storage_delete(int resource_type, const char *stored_name, const char *engine,
+                      const char *location) {
+  const call_site here = QX_HERE;
+  return result_of(no_throw(
+      ENOMEM, [&] { return delete_file(here, resource_type, stored_name, engine, location); }));
+}
+
+int qx_storage_delete_extension(int second_id, const char *text, int first_id,
+                                const char *other_text, void *argument) {
+  const call_site here = QX_HERE;
+  return result_of(no_throw(ENOMEM, [&] {
+    return delete_owner(here, {.first_id = first_id,
+                               .second_id = second_id,
+                               .first_text = text,
+                               .second_text = other_text,
+                               .argument = argument});
+  }));
+}
