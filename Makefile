@@ -21,7 +21,7 @@ $(BUILD)/build.ninja: | deps
 	cmake --preset release
 
 build: deps $(BUILD)/build.ninja
-	cmake --build --preset release --target spoolcap
+	cmake --build --preset release --target spoolcap spoolcap_library
 
 demo: deps $(BUILD)/build.ninja
 	@cmake --build --preset release --target spoolcap-sandbox testbed -- --quiet
@@ -39,6 +39,9 @@ sanitize: deps
 	cmake --preset sanitize
 	cmake --build --preset sanitize
 	build/sanitize/bin/testbed ctest --preset sanitize -j $(JOBS)
+	cmake --preset sanitize-threads
+	cmake --build --preset sanitize-threads
+	build/sanitize-threads/bin/testbed ctest --preset sanitize-threads -j $(JOBS)
 
 lint: deps $(BUILD)/build.ninja
 	@clang-format --dry-run --Werror $(SOURCES)

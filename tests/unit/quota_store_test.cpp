@@ -207,7 +207,7 @@ TEST_F(Store, MissingDirectoriesAreMadeUpToTheFirstObstacle) {
   EXPECT_EQ(make_dirs(nullptr, 0770, 0, 0), -1);
 }
 
-TEST_F(Store, SeveralMayMakeOneDirectoryAtOnce) {
+TEST_F(Store, SeveralThreadsMayMakeOneDirectoryAtOnce) {
   std::atomic<int> failures = 0;
   const auto make = [&] {
     for (int i = 0; i < 60; ++i) {
