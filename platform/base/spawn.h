@@ -1,0 +1,31 @@
+/* Starting programs whose output is read, without a shell. Safe from several threads. */
+#ifndef PLATFORM_BASE_SPAWN_H
+#define PLATFORM_BASE_SPAWN_H
+
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Starts argv[0], a path, with the NULL-ended vector `argv` and this process's environment.
+ * The child writes its standard output into a pipe; its standard input and standard error are
+ * /dev/null, and it gets no other descriptor, no blocked signal and no signal disposition of this
+ * process. Its pid, with the pipe's reading end (close-on-exec, blocking, the caller's to close)
+ * in *output; or -1 with errno, *output untouched, when it cannot be started.
+ *
+ * Nothing reaps the child but fr_spawn_finish, which every caller must call in the end: no signal
+ * handler is set and no disposition of SIGCHLD changed. */
+pid_t fr_spawn_async_piped(char *const argv[], int *output);
+
+/* Waits for the child's end up to `grace` seconds and reaps it; one that still runs is then ended
+ * with SIGKILL and reaped, for which another second is allowed. 0 when it ended by itself; -1 when
+ * it was ended, or when it is no child of this process any more because the host ignores SIGCHLD
+ * or reaps whatever ends. */
+int fr_spawn_finish(pid_t pid, float grace);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
