@@ -55,6 +55,7 @@ class Contention : public refresh_test {
   // The eight updating processes, beside others that go on until they are stopped.
   void run_updates(int wait, const std::vector<std::function<bool()>> &others) {
     std::vector<pid_t> beside;
+    beside.reserve(others.size());
     for (const auto &work : others) {
       beside.push_back(start([&] {
         bool good = true;
