@@ -43,7 +43,7 @@ std::string posix_folder(const storage_config &config, int type) {
 bool prepare_posix(const call_site &site, qx_storage_session &session) {
   session.folder = posix_folder(session.config(), session.resource_type);
   if (session.folder.empty()) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Requested to store unknown resource type [%d].\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Requested to store unknown resource type [%d].\n\n",
               session.resource_type);
     return false;
   }
@@ -60,7 +60,7 @@ std::optional<stored_file> store_posix(const call_site &site, qx_storage_session
   file.name = name_below(session.folder, file.path);
   const int error = move_file(session.temporary.path(), file.path);
   if (error != 0) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to move file [%s] to [%s]: %s.\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n",
               session.temporary.path().c_str(), file.path.c_str(), std::strerror(error));
     return std::nullopt;
   }
@@ -72,7 +72,7 @@ std::optional<stored_file> store_posix(const call_site &site, qx_storage_session
 bool fetch_posix(const call_site &site, qx_storage_session &session, const char *name) {
   const std::string folder = posix_folder(session.config(), session.resource_type);
   if (folder.empty()) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Requested to retrieve unknown resource type [%d].\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Requested to retrieve unknown resource type [%d].\n\n",
               session.resource_type);
     return false;
   }
@@ -93,7 +93,7 @@ int delete_posix(const call_site &site, const storage_config &config, int type, 
   int error = folder.empty() || is_empty(name) || has_parent_component(name) ? EINVAL : 0;
   if (error == 0 && ::unlink(path.c_str()) != 0) error = errno;
   if (error != 0) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Could not remove file [%s]: %s.\n\n", path.c_str(),
+    QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n", path.c_str(),
               std::strerror(error));
   }
   return error;

@@ -34,7 +34,7 @@ int add_to_queue(const call_site &site, const char *queue, const char *member) {
 int queue_upload(const call_site &site, const char *location, const std::string &object_key) {
   const c_string member = format_text("%s:%s", location, object_key.c_str());
   if (!member) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to allocate memory for member_key\n\n");
+    QX_LOG_AT(site, FR_LOG_WARNING, "Failed to allocate memory for member_key\n\n");
     return ENOMEM;
   }
   return add_to_queue(site, upload_queue, member.get());

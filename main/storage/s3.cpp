@@ -34,7 +34,7 @@ void finish_download(void *cookie, int status, const char *path) {
       if (session->temporary.path() == path) session->temporary.give_up();
       return place;
     }
-    QX_LOG(FR_LOG_ERROR, "Failed to move file [%s] to [%s]: %s.\n\n", path, place.c_str(),
+    QX_LOG(FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n", path, place.c_str(),
            std::strerror(error));
     return std::string();
   });
@@ -85,14 +85,14 @@ std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &s
   file.path = cache_path(session.config(), file.name);
   const int error = copy_file(session.temporary.path(), file.path);
   if (error != 0) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to copy file [%s] to [%s]: %s.\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Failed to copy file [%s] to [%s]: %s.\n\n",
               session.temporary.path().c_str(), file.path.c_str(), std::strerror(error));
     return std::nullopt;
   }
   if (queue_upload(site, session.location.c_str(), file.name) != 0) {
     // The copy stays: an answer that was lost on the way may have left the place in the queue, and
     // the service would find nothing there. It ends what nobody asks of the cache.
-    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to queue file [%s].\n\n", file.name.c_str());
+    QX_LOG_AT(site, FR_LOG_WARNING, "Failed to queue file [%s].\n\n", file.name.c_str());
     return std::nullopt;
   }
   return file;
@@ -101,7 +101,7 @@ std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &s
 bool fetch_s3(const call_site &site, qx_storage_session &session, const char *name,
               const char *extra) {
   if (!session.made_with.s3_usable()) {
-    QX_LOG_AT(site, FR_LOG_ERROR,
+    QX_LOG_AT(site, FR_LOG_WARNING,
               "The S3 storage engine is disabled due to a configuration error. Cannot retrieve "
               "file from S3.\n");
     return false;
@@ -120,7 +120,7 @@ bool fetch_s3(const call_site &site, qx_storage_session &session, const char *na
 int delete_s3(const call_site &site, const storage_config &config, const char *name,
               const char *location) {
   if (!is_object_key(name)) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Could not remove file [%s]: %s.\n\n", name,
+    QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n", name,
               std::strerror(EINVAL));
     return EINVAL;
   }
@@ -130,7 +130,7 @@ int delete_s3(const call_site &site, const storage_config &config, const char *n
   // Once the object goes, a copy in the cache would bring it back for those who ask for it.
   if (::unlink(cached.c_str()) != 0 && errno != ENOENT) {
     const int cause = errno;
-    QX_LOG_AT(site, FR_LOG_ERROR, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
               cached.c_str(), cause, std::strerror(cause));
   }
   return 0;

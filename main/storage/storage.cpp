@@ -75,7 +75,7 @@ session_owner retrieve_session(const call_site &site, int type, const char *name
                                const char *engine_word, const char *extra) {
   const storage_engine engine = engine_of(engine_word);
   if (engine == storage_engine::invalid) {
-    QX_LOG_AT(site, FR_LOG_ERROR,
+    QX_LOG_AT(site, FR_LOG_WARNING,
               "Invalid storage engine specified [%s]. Cannot retrieve file.\n\n", engine_word);
     return nullptr;
   }
@@ -94,7 +94,7 @@ int delete_file(const call_site &site, int type, const char *name, const char *e
   if (engine == storage_engine::s3 && (name == nullptr || location == nullptr)) return 0;
   const auto config = take_snapshot().config;
   if (engine == storage_engine::invalid || config == nullptr) {
-    QX_LOG_AT(site, FR_LOG_ERROR, "Could not remove file [%s]: %s.\n\n",
+    QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n",
               name == nullptr ? "" : name, std::strerror(EINVAL));
     return EINVAL;
   }
