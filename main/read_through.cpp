@@ -23,30 +23,45 @@ namespace {
 
 // Asks the database; null when it has no value, with the reason logged where one is due.
 c_string ask_database(const call_site &site, const field_lookup &lookup,
-                      const lookup_argument &argument, SessionHandle session) {
+                      const lookup_argument &argument, SessionHandle session,
+                      const row_reader &also) {
+  if (lookup.announcement != nullptr)
+    QX_LOG_AT(site, FR_LOG_DEBUG, "%s:%d:%s\n", site.source, site.line, lookup.announcement);
   const c_string statement = argument.format(lookup.statement);
   MYSQL_RES *result = nullptr;
   const bool failed =
       !statement || fr_sql_conn_query(session, 1, &result, "%s", statement.get()) != 0;
   const sql_result rows(result);
-  const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr;
+  const bool has_row = rows && mysql_num_rows(rows.get()) > 0;
   if (lookup.complaint == nullptr) {
     if (failed) log_mysql_error(site, session);
-  } else if (row == nullptr) {
+  } else if (!has_row) {
     const c_string complaint = argument.format(lookup.complaint);
-    if (failed || (rows && mysql_num_rows(rows.get()) > 0))
+    if (failed)
       QX_LOG_AT(site, FR_LOG_WARNING, "%s (%s)\n", complaint.get(),
                 mysql_error(fr_sql_conn_get_mysql(session)));
     else
       QX_LOG_AT(site, FR_LOG_WARNING, "%s\n", complaint.get());
   }
-  return lookup.value_of(row);
+  c_string value = lookup.value_of(rows.get());
+  if (also && has_row) {
+    mysql_data_seek(rows.get(), 0);
+    also(rows.get(), mysql_fetch_row(rows.get()));
+  }
+  return value;
+}
+
+void write_back(const call_site &site, const field_lookup &lookup, const char *key,
+                const char *value) {
+  const auto write = lookup.unguarded ? cache_hset : rset_hash_str;
+  write(site, lookup.persistent, key, lookup.field, value);
 }
 
 }  // namespace
 
 field_answer read_through(const call_site &site, const field_lookup &lookup,
-                          const lookup_argument &argument, SessionHandle session) {
+                          const lookup_argument &argument, SessionHandle session,
+                          const row_reader &also) {
   const c_string key = argument.format(lookup.key_format);
   if (!key) return {nullptr, answer_source::nowhere};
 
@@ -56,8 +71,8 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
     answer.source = answer_source::cache;
   } else if (const sql_session own(session); !own) {
     log_condition_failed(site);
-  } else if (c_string value = ask_database(site, lookup, argument, own.get())) {
-    rset_hash_str(site, lookup.persistent, key.get(), lookup.field, value.get());
+  } else if (c_string value = ask_database(site, lookup, argument, own.get(), also)) {
+    write_back(site, lookup, key.get(), value.get());
     answer = {std::move(value), answer_source::database};
   }
 
@@ -67,11 +82,13 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
   return answer;
 }
 
-c_string column_or_nothing(MYSQL_ROW row) {
+c_string column_or_nothing(MYSQL_RES *rows) {
+  const MYSQL_ROW row = next_row(rows);
   return c_string(row == nullptr || row[0] == nullptr ? nullptr : strdup(row[0]));
 }
 
-c_string column_or_marker(MYSQL_ROW row) {
+c_string column_or_marker(MYSQL_RES *rows) {
+  const MYSQL_ROW row = next_row(rows);
   if (row == nullptr) return c_string(strdup(QX_CACHE_NO_ROW));
   return c_string(strdup(row[0] == nullptr ? QX_CACHE_NULL : row[0]));
 }

@@ -3,6 +3,8 @@
 #ifndef MAIN_READ_THROUGH_H
 #define MAIN_READ_THROUGH_H
 
+#include <functional>
+
 #include "sql_owner.h"
 #include "zarn_cache_internal.h"
 
@@ -28,22 +30,28 @@ class lookup_argument {
 struct field_lookup {
   const char *key_format;
   const char *field;
-  int persistent;
+  int persistent = 0;
   const char *statement;
 
   // Whether a cached text answers the question, so that the database need not be asked; NULL: any.
-  bool (*usable)(const char *cached);
+  bool (*usable)(const char *cached) = nullptr;
 
   // The value that the database gave, which is also what is written back; null when there is none
-  // and nothing is written. `row` is the first row, NULL when there is none or the statement
-  // failed.
-  c_string (*value_of)(MYSQL_ROW row);
+  // and nothing is written. `rows` is at its first row; NULL when the statement failed or gives
+  // none.
+  c_string (*value_of)(MYSQL_RES *rows);
 
-  int keep_markers;
+  // The value is never a marker, so it is written without asking whether one may be.
+  bool unguarded = false;
+
+  int keep_markers = 0;
+
+  // When not NULL, told before the database is asked.
+  const char *announcement = nullptr;
 
   // When not NULL, a statement without a row is reported as a warning that begins with this text,
   // formatted with the argument. Otherwise only a failed statement is, in the common form.
-  const char *complaint;
+  const char *complaint = nullptr;
 };
 
 enum class answer_source { cache, database, nowhere };
@@ -54,11 +62,21 @@ struct field_answer {
   answer_source source;
 };
 
-field_answer read_through(const call_site &site, const field_lookup &lookup,
-                          const lookup_argument &argument, SessionHandle session);
+// For a lookup that takes more from the result than its one value: called with the first row before
+// the value is written back, and not at all when there is no row.
+using row_reader = std::function<void(MYSQL_RES *rows, MYSQL_ROW row)>;
 
-// First columns as values.
-c_string column_or_nothing(MYSQL_ROW row);
-c_string column_or_marker(MYSQL_ROW row);
+field_answer read_through(const call_site &site, const field_lookup &lookup,
+                          const lookup_argument &argument, SessionHandle session,
+                          const row_reader &also = {});
+
+// The next row, NULL when there is none; no result has none.
+inline MYSQL_ROW next_row(MYSQL_RES *rows) {
+  return rows == nullptr ? nullptr : mysql_fetch_row(rows);
+}
+
+// First columns of first rows as values.
+c_string column_or_nothing(MYSQL_RES *rows);
+c_string column_or_marker(MYSQL_RES *rows);
 
 #endif

@@ -1,16 +1,45 @@
 #include "sql_owner.h"
 
 #include <cstdarg>
+#include <cstring>
 
-int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
-              ...) {
+namespace {
+
+__attribute__((format(printf, 4, 0))) int query(const call_site &site, SessionHandle session,
+                                                sql_result &result, const char *format,
+                                                va_list arguments) {
   result.reset();
   MYSQL_RES *rows = nullptr;
-  va_list arguments;
-  va_start(arguments, format);
   const int status = fr_sql_conn_vquery(session, 1, &rows, format, arguments);
-  va_end(arguments);
   result.reset(rows);
   if (status != 0) log_mysql_error(site, session);
   return status;
+}
+
+}  // namespace
+
+int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
+              ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int status = query(site, session, result, format, arguments);
+  va_end(arguments);
+  return status;
+}
+
+c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...) {
+  const sql_session own(session);
+  if (!own) {
+    log_condition_failed(site);
+    return nullptr;
+  }
+  sql_result rows;
+  va_list arguments;
+  va_start(arguments, format);
+  query(site, own.get(), rows, format, arguments);
+  va_end(arguments);
+  const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr;
+  if (row == nullptr) return nullptr;
+  if (row[0] == nullptr) log_condition_failed(site);
+  return c_string(row[0] == nullptr ? nullptr : strdup(row[0]));
 }

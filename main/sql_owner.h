@@ -49,4 +49,10 @@ inline void log_mysql_error(const call_site &site, SessionHandle session) {
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
               ...) __attribute__((format(printf, 4, 5)));
 
+// The first column of a statement's first row, on the caller's session or, when that is NULL, on
+// one of its own; null when there is none. A failed statement is logged as above; a NULL column
+// and a session that cannot be had are failed conditions.
+c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+
 #endif

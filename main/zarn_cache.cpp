@@ -37,10 +37,8 @@ char *read_one(const call_site &site, int persistent, const char *field, const c
                                .field = field,
                                .persistent = persistent,
                                .statement = sql_format,
-                               .usable = nullptr,
                                .value_of = column_or_marker,
-                               .keep_markers = keep_markers,
-                               .complaint = nullptr};
+                               .keep_markers = keep_markers};
   return read_through(site, lookup, argument, nullptr).value.release();
 }
 

@@ -122,3 +122,15 @@ CREATE TABLE ser_subscriber (
   can_register TINYINT NULL,
   UNIQUE KEY by_username (username)
 ) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+-- Caller screening; the lists are numbers joined with ",".
+CREATE TABLE screening (
+  extension_id INT UNSIGNED NOT NULL PRIMARY KEY,
+  behaviour VARCHAR(32) NULL,
+  allowed TEXT NULL,
+  denied TEXT NULL
+) ENGINE=InnoDB DEFAULT CHARSET=utf8mb4;
+
+CREATE PROCEDURE get_screening_prefs(IN full_number VARCHAR(64)) READS SQL DATA
+  SELECT behaviour, allowed, denied FROM screening, extension
+  WHERE extension.id=screening.extension_id AND extension.extended_number=full_number;
