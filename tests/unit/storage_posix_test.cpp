@@ -1,0 +1,144 @@
+// File storage in local directories, and what both engines refuse.
+#include "storage_fixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class StoragePosix : public storage_test {
+ protected:
+  StoragePosix() : storage_test("posix") {}
+};
+
+TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
+  const umask_guard mask(077);  // the modes do not depend on it
+  const std::string other = "/dev/shm/" + box.root().filename().string();  // another file system
+  const struct {
+    int type;
+    std::string kind;
+    const char *extension;
+    std::string name, place;
+  } cases[] = {
+      {QX_STORAGE_RECORDING, "recording", "wav", "", "base/monitor/1/2/7.wav"},
+      {QX_STORAGE_VOICEMAIL, "voicemail", "123456789abcdefg", "",
+       "base/voicemail/1/2/7.123456789abcdef"},
+      {QX_STORAGE_FAX, "fax_center", nullptr, "", "base/fax/1/2/7."},
+      {QX_STORAGE_RECORDING, "recording", "wav", "sub/..a/b..mp3", "base/monitor/sub/..a/b..mp3"},
+      {QX_STORAGE_FAX, "fax_center", "pdf", box.path("else/where"), "else/where"},
+      {QX_STORAGE_FAX, "fax_center", "pdf", other, other}};
+  for (const auto &one : cases) {
+    SCOPED_TRACE(one.place);
+    box.sql("UPDATE extension_" + one.kind + " SET se = 'old'");
+    const storage_session made = written(one.type, one.extension, one.place);
+    if (!one.name.empty()) {
+      EXPECT_EQ(qx_storage_set_posix_filename(made.get(), one.name.c_str()), 0);
+    }
+    EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
+    EXPECT_EQ(box.read_file(one.place), one.place);
+    EXPECT_EQ(mode(box.path(one.place)), 0770);
+    EXPECT_FALSE(fs::exists(qx_storage_get_temp_file(made.get())));
+    EXPECT_EQ(qx_storage_get_file_path(made.get()), box.path(one.place));
+    EXPECT_EQ(row(one.kind, 7), "|posix|");
+    EXPECT_EQ(row(one.kind, 8), "old|old|old");
+  }
+  fs::remove(other);
+}
+
+TEST_F(StoragePosix, ACommitThatFailsKeepsTheFileForTheNextOne) {
+  log.expect(FR_LOG_WARNING, "Failed to move file [");
+  const storage_session made = written(QX_STORAGE_RECORDING, "wav", "content");
+  for (const std::string obstacle : {"base/monitor/1", "base/monitor/1/2/7.wav/in the way"}) {
+    box.write_file(obstacle, "x");
+    expect_not_stored(made, "content");
+    fs::remove_all(box.path("base/monitor/1"));
+  }
+  EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
+  EXPECT_EQ(box.read_file("base/monitor/1/2/7.wav"), "content");
+}
+
+TEST_F(StoragePosix, WhatTheDatabaseDoesNotTakeIsLoggedAndTheFileIsStored) {
+  box.sql("RENAME TABLE extension_recording TO gone");
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "x"), 0);
+  EXPECT_TRUE(log.has(" -MySQL error: Table '" + box.database() + ".extension_recording'"));
+  qx_sql_pool_destroy();
+  log.expect(FR_LOG_ERROR,
+             "Fatal: Failed to update the database for the newly stored file [1/2/8.wav].");
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 8, "x"), 0);
+  EXPECT_EQ(files("base/monitor"), (texts{"1/2/7.wav", "1/2/8.wav"}));
+}
+
+TEST_F(StoragePosix, ASessionThatCannotBeHadLeavesNothing) {
+  log.expect(FR_LOG_WARNING, "Requested to store unknown resource type [4].");
+  log.expect(FR_LOG_ERROR, "Failed to create temporary file [" + base + "/voicemail/tmp");
+  EXPECT_EQ(written(4, "wav", ""), nullptr);
+  EXPECT_EQ(written(QX_STORAGE_FAX, "../x", ""), nullptr);
+  box.write_file("base/voicemail", "in the way");
+  EXPECT_EQ(written(QX_STORAGE_VOICEMAIL, "wav", ""), nullptr);
+  EXPECT_EQ(files("base"), texts{"voicemail"});
+}
+
+TEST_F(StoragePosix, NoNameLeavesItsFolder) {
+  service.emplace(box);
+  log.expect(FR_LOG_WARNING, "Could not remove file [");
+  box.write_file("base/victim", "x");
+  box.write_file("usr/local/quorvex/scache/victim", "x");
+  for (const char *name : {"../victim", "a/../../victim", "..", "a/.."}) {
+    const storage_session made = written(QX_STORAGE_RECORDING, "wav", "content");
+    EXPECT_EQ(qx_storage_set_posix_filename(made.get(), "first"), 0);
+    EXPECT_EQ(qx_storage_set_posix_filename(made.get(), name), -1) << name;
+    EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
+    for (const char *engine : {"posix", "s3"}) {
+      EXPECT_EQ(fetched(QX_STORAGE_RECORDING, name, engine), nullptr) << engine << name;
+      errno = 0;
+      EXPECT_EQ(qx_storage_delete(QX_STORAGE_RECORDING, name, engine, "eu"), -1) << engine << name;
+      EXPECT_EQ(errno, EINVAL);
+    }
+  }
+  EXPECT_EQ(files("base"), (texts{"monitor/first", "victim"}));
+  EXPECT_EQ(files("usr/local/quorvex/scache"), texts{"victim"});
+  EXPECT_EQ(members("del"), "");
+}
+
+TEST_F(StoragePosix, AStoredFileIsFetchedAndDeleted) {
+  box.write_file("base/fax/7.pdf", "x");
+  for (const char *engine : {"posix", "PoSiX", static_cast<const char *>(nullptr)}) {
+    const storage_session found = fetched(QX_STORAGE_FAX, "7.pdf", engine);
+    EXPECT_EQ(qx_storage_wait_for_file(found.get()), QX_STORAGE_READY);
+    EXPECT_EQ(qx_storage_get_file_path(found.get()), base + "/fax/7.pdf");
+  }
+  EXPECT_EQ(qx_storage_delete(QX_STORAGE_FAX, "7.pdf", nullptr, nullptr), 0);
+  EXPECT_EQ(files("base/fax"), texts{});
+  const struct {
+    int type;
+    const char *engine;
+    std::string problem;
+    int error;
+  } cases[] = {
+      {QX_STORAGE_FAX, "posix",
+       "Cannot retrieve requested file from storage [" + base + "/fax/7.pdf]: No such ", ENOENT},
+      {9, "posix", "Requested to retrieve unknown resource type [9].", EINVAL},
+      {QX_STORAGE_FAX, "s3x", "Invalid storage engine specified [s3x]. Cannot retrieve file.",
+       EINVAL}};
+  log.expect(FR_LOG_WARNING, "Could not remove file [");
+  for (const auto &one : cases) {
+    log.expect(FR_LOG_WARNING, one.problem);
+    EXPECT_EQ(fetched(one.type, "7.pdf", one.engine), nullptr);
+    EXPECT_EQ(qx_storage_delete(one.type, "7.pdf", one.engine, nullptr), -1);
+    EXPECT_EQ(errno, one.error) << one.problem;
+  }
+}
+
+TEST_F(StoragePosix, ASessionKeepsTheConfigurationItWasMadeWith) {
+  const storage_session old = written(QX_STORAGE_RECORDING, "wav", "old");
+  for (const std::string &refused : {std::string(), std::string(4096, 'x')})
+    EXPECT_EQ(qx_storage_load_config(refused.c_str(), nullptr), -1);
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 8, "same"), 0);
+  EXPECT_EQ(qx_storage_load_config(base.c_str(), box.path("calls").c_str()), 0);
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "new"), 0);
+  EXPECT_EQ(qx_storage_commit_file(old.get(), 7), 0);
+  EXPECT_EQ(box.read_file("base/monitor/1/2/7.wav"), "old");
+  EXPECT_EQ(files("base/monitor"), (texts{"1/2/7.wav", "1/2/8.wav"}));
+  EXPECT_EQ(files("calls"), texts{"1/2/7.wav"});
+}
+
+}  // namespace
