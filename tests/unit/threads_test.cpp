@@ -22,6 +22,10 @@ class Threads : public lookup_test {
   Threads() : lookup_test("threads") {
     box.add_reseller(1, "reseller");
     box.add_client(2, 1, "client");
+    // Were they missing, one thread could find the file that another has just made still empty, and
+    // would leave it with a dirty mark.
+    box.write_quota_file(1, 0, 0, "fax", "0.0");
+    box.write_quota_file(1, 2, 0, "fax", "0.0");
     for (int id = first_owner; id < first_owner + owner_count; ++id) {
       box.add_owner(id, 2, std::to_string(id));
       box.add_extension(id * 10, id, std::to_string(id * 10));
