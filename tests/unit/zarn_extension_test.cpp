@@ -1,23 +1,33 @@
-// Full numbers from the database.
-#include "zarn_extension.h"
-
+// Lookups of extensions by their full number: what is asked, what is cached and under which name,
+// and what each lookup does differently.
 #include <gtest/gtest.h>
 
+#include <sstream>
+#include <tuple>
+
 #include "lookup_fixture.h"
+#include "zarn_extension.h"
 
 namespace {
 
-class FullNumber : public lookup_test {
+using text = std::optional<std::string>;
+
+const char number[] = "0002*101", other_number[] = "0002*102";
+const char info[] = "res:inf:ext:0002*101", prefs[] = "res:po:ext:0002*101";
+const char sip[] = "res:sip:ext:0002*101", sip_session[] = "rtl:sipses:ext:0002*101";
+
+class Extension : public lookup_test {
  protected:
-  FullNumber() : lookup_test("../main/zarn_extension") {
+  Extension() : lookup_test("../main/zarn_extension") {
     box.add_reseller(1, "reseller");
     box.add_client(2, 1, "client");
     box.add_owner(3, 2, "owner");
     box.add_extension(11, 3, "101");
+    box.sql("INSERT INTO misc VALUES('ext_length', '3'), ('ext_separator', '*')");
   }
 };
 
-TEST_F(FullNumber, IsFoundByShortNumberAndParent) {
+TEST_F(Extension, FullNumberIsFoundByShortNumberAndParent) {
   const struct {
     const char *parent, *number;
     std::optional<std::string> expected;
@@ -34,7 +44,7 @@ TEST_F(FullNumber, IsFoundByShortNumberAndParent) {
   EXPECT_EQ(texts{}, told());
 }
 
-TEST_F(FullNumber, NullColumnAndFailedStatementAreTold) {
+TEST_F(Extension, NullColumnAndFailedStatementAreTold) {
   const SessionHandle session = sess_init();
   box.sql("ALTER TABLE extension MODIFY extended_number VARCHAR(40) NULL");
   box.sql("UPDATE extension SET extended_number=NULL");
@@ -51,11 +61,183 @@ TEST_F(FullNumber, NullColumnAndFailedStatementAreTold) {
   sess_destroy(session);
 }
 
-TEST_F(FullNumber, WithoutADatabaseThereIsNone) {
+TEST_F(Extension, WithoutADatabaseThereIsNoFullNumber) {
   qx_sql_pool_destroy();
   EXPECT_EQ(std::nullopt, taken(qx_get_full_number("2", "101")));
   EXPECT_EQ(std::nullopt, taken(qx_get_full_number_sess(nullptr, "2", "101")));
   EXPECT_EQ((texts{"condition failed", "condition failed"}), told());
+}
+
+TEST_F(Extension, NumberIsSplitByTheLengthAndSeparatorInForce) {
+  const char *const rows[][4] = {
+      {"3", "'*'", "0003*101", "0003 101"},
+      {"3", "'*'", "1*101", "1 101"},
+      {"3", "'*'", "03*1*101", "03*1 101"},
+      {"3", "'*'", "0003-101", ""},
+      {"3", "'*'", "*101", ""},
+      {"3", "'*'", nullptr, ""},
+      {"3", "NULL", "0003*101", ""},
+      {"NULL", "'*'", "0003*101", ""},
+      {"-5", "''", "0003*101", ""},
+      {"2147483647", "'*'", "0003*101", ""},
+      {"0", "'*'", "0003*", "0003 "},
+      {"2", "'\xC3\xA9'", "3\xC3_1", "3 _1"},
+  };
+  for (const auto &[length, separator, of, parts] : rows) {
+    box.redis({"DEL", "system:pbx"});
+    box.sql(std::string("UPDATE misc SET value=IF(param='ext_length',") + length + "," + separator +
+            ")");
+    char *owner = nullptr, *shorter = nullptr;
+    const int status = qx_split_full_number(of, &owner, &shorter);
+    const c_string owned[] = {c_string(owner), c_string(shorter)};
+    EXPECT_EQ(parts, status == 0 ? std::string(owner) + " " + shorter : "") << length << separator;
+  }
+}
+
+TEST_F(Extension, IdsAreCachedAsFarAsTheyWereRead) {
+  const auto ids = [](const char *of, bool with_organisation = true) {
+    int id[3] = {7, 7, 7};
+    qx_get_extension_ids(of, &id[0], &id[1], with_organisation ? &id[2] : nullptr);
+    return std::to_string(id[0]) + " " + std::to_string(id[1]) + " " + std::to_string(id[2]);
+  };
+  EXPECT_EQ("-1 -1 -1", ids(other_number));
+  EXPECT_EQ(-1, qx_get_extension_id(other_number));
+  EXPECT_EQ("0", box.redis({"DBSIZE"}));
+  cache(info, "extid", "99");
+  EXPECT_EQ("11 3 7", ids(number, false)) << "half an answer of the cache is none";
+  EXPECT_EQ("2", box.redis({"HLEN", info}));
+  EXPECT_EQ(2, qx_get_extension_owner(number));
+  EXPECT_EQ("3", box.redis({"HLEN", info}));
+  box.sql("UPDATE extension SET client_id=NULL");
+  EXPECT_EQ("11 3 2", ids(number)) << "all are cached";
+
+  box.redis({"DEL", info});
+  EXPECT_EQ("-1 -1 7", ids(number, false)) << "without a user";
+  EXPECT_EQ("0", box.redis({"DBSIZE"}));
+  box.sql("UPDATE extension SET client_id=3, extended_number='0002*\\'\"\\\\1'");
+  box.sql("UPDATE client SET parent_client_id=NULL");
+  EXPECT_EQ("11 3 -1", ids("0002*'\"\\1")) << "escaped; without an organisation";
+}
+
+TEST_F(Extension, PreferencesAndParametersHaveTheirPlacesInTheCache) {
+  for (const char *row :
+       {"res:po:ext:0002*101 call_waiting cw chat_status cst conf conf conf_size confs dir dir dnd "
+        "dnd dnd_sound dndso dnd_sound_active dndsa encryption enc fax fx fax_active fxa "
+        "fax_attach fxatt fax_autoans_time fxat fax_redirect_to_voicemail fxrv hotdesk hdsk "
+        "no_answer noans rec rec record_always recal record_sound_active recsa voicemail vm "
+        "voicemail_active vma voicemail_autoans_time vmat",
+        "res:cb:ext:0002*101 callreturn crt", "res:cc:ext:0002*101 credit_limit clim",
+        "system:pbx avgcall acd billing_disabled chst currency cur diagnostic_passwd dp "
+        "elocal_calls_cost ecc ext_length extlen ext_separator extsep language pln "
+        "local_calls_cost lcc snd_currency sndc text2speach t2s"}) {
+    std::istringstream words(row);
+    std::string key, name, field;
+    for (words >> key; words >> name >> field;) {
+      const bool of_system = key == "system:pbx";
+      box.sql((of_system ? "REPLACE misc VALUES('" : "REPLACE extension_prefs VALUES(11,'") + name +
+              "','of " + name + "')");
+      EXPECT_EQ("of " + name, of_system ? taken(qx_misc_get_param(name.c_str()))
+                                        : taken(qx_extension_get_pref(number, name.c_str())));
+      EXPECT_EQ("of " + name, cached(key, field));
+    }
+  }
+  EXPECT_EQ(0, qx_billing_disabled());
+  cache("system:pbx", "chst", "1");
+  EXPECT_EQ(1, qx_billing_disabled());
+}
+
+const auto user_name = [] { return taken(qx_get_user_name_from_number(nullptr, number)); };
+const auto type = []() -> text { return std::to_string(qx_get_extension_type(number)); };
+const auto codecs = [] { return taken(qx_get_extension_codecs(number)); };
+const auto may = []() -> text { return std::to_string(qx_extension_can_register({}, number)); };
+const auto multi = []() -> text { return std::to_string(qx_is_multiuser_aware(number)); };
+const auto of_alias = [] { return taken(qx_get_extension_from_alias_sess(nullptr, "a")); };
+const auto alias = [] { return taken(qx_get_alias_from_full_number(nullptr, number)); };
+const auto timezone = [] { return taken(qx_get_extension_timezone(11)); };
+const auto pref_by_id = [] { return taken(qx_extension_get_pref_by_id(11, "dnd")); };
+
+TEST_F(Extension, AnswersAndNegativeAnswersAreCachedAsEachLookupDoes) {
+  box.sql("INSERT INTO timezone VALUES(5,'Rome')");
+  const text none;
+  const std::tuple<text (*)(), const char *, text, std::string, std::string, text, text> rows[] = {
+      {of_alias, "UPDATE extension SET alias='a'", number, "", "", none, number},
+      {alias, "DO 0", "a", "", "", none, "a"},
+      {timezone, "UPDATE client SET timezone_id=5", "Rome", "", "", none, "Rome"},
+      {pref_by_id, "INSERT INTO extension_prefs VALUES(11,'dnd','1')", "1", "", "", none, "1"},
+      {user_name, "UPDATE client SET name='N'", "N", "res:cid:ext:0002*101", "ownona", "N", "N"},
+      {type, "UPDATE extension SET type='QUEUE'", "1", info, "typ", "QUEUE", "1"},
+      {type, "UPDATE extension SET type='queuecenter'", "8", info, "typ", "queuecenter", "8"},
+      {type, "UPDATE extension SET type=NULL", "-1", info, "typ", "_NL_", "-1"},
+      {codecs, "INSERT INTO codec VALUES(1,'a'),(2,'b')", none, prefs, "cod", "_NR_", none},
+      {codecs, "INSERT INTO extension_codec_rel VALUES(11,1,2),(11,2,1)", "b,a,", prefs, "cod",
+       "b,a,", "b,a,"},
+      {may, "INSERT INTO ser_subscriber VALUES(1,'0002*101',NULL)", "0", sip, "creg", none, "0"},
+      {may, "UPDATE ser_subscriber SET can_register=1", "1", sip, "creg", "1", "1"},
+      {may, "UPDATE ser_subscriber SET can_register=2", "0", sip, "creg", "2", "2"},
+      {multi, "DO 0", "0", prefs, "mu", "0", "0"},
+      {multi, "REPLACE client_prefs VALUES(3,'multi_user','1')", "1", prefs, "mu", "1", "1"},
+  };
+  for (const auto &[ask, sql, first, key, field, written, later] : rows) {
+    box.redis({"FLUSHDB"});
+    if (written == "_NR_") cache(key, "other", "so that a marker may be written");
+    box.sql(sql);
+    EXPECT_EQ(first, ask()) << sql;
+    EXPECT_EQ(written, cached(key, field)) << sql;
+    EXPECT_EQ(later, ask()) << sql;
+  }
+}
+
+TEST_F(Extension, ScreeningComesFromTheProcedureOnceAndFromTheCacheLater) {
+  box.sql("INSERT INTO screening VALUES(11,'deny','100,200','300')");
+  char *behaviour, *allowed, *denied;
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(0, qx_screening_get_behaviour(number, &behaviour, &allowed, &denied));
+    EXPECT_EQ((values{"deny", "100,200", "300"}),
+              (values{taken(behaviour), taken(allowed), taken(denied)}));
+    EXPECT_EQ(3, qx_get_extension_usrid_from_extid(11)) << "on the connection of the call";
+    box.sql("DELETE FROM screening");
+  }
+  EXPECT_EQ(1U, log.count("searching for screening params in database ..."));
+  EXPECT_EQ(-1, qx_screening_get_behaviour(other_number, &behaviour, nullptr, &denied));
+  EXPECT_EQ(nullptr, behaviour);
+}
+
+TEST_F(Extension, ExistsWhenIndexedAndExpiresUnlessItsSessionLastsAndIsReachable) {
+  EXPECT_EQ(1, qx_extension_expired(number));
+  EXPECT_EQ(0, qx_extension_exists(number));
+  cache("res:ind:2:ext", "101", "11");
+  EXPECT_EQ(1, qx_extension_exists(number));
+  cache("res:ind:vext", "900", number);
+  const std::tuple<const char *, const char *, int> rows[] = {
+      {"2999-01-01 00:00:00", "yes", 0}, {"'2999-01-01 00:00:00'", "yes,udp", 0},
+      {"2999-01-01 00:00:00", "ye", 1},  {"2999-01-01 00:00:00", "no", 1},
+      {"2001-01-01 00:00:00", "yes", 1}, {"'2999-01-01 00:00:00", "yes", 1},
+  };
+  for (const auto &[expires, reachable, expected] : rows) {
+    box.redis({"HSET", sip_session, "expires", expires, "rch", reachable});
+    EXPECT_EQ(expected, qx_extension_expired(number)) << expires << reachable;
+    EXPECT_EQ(expected, qx_extension_expired("900")) << "as the number behind it";
+  }
+  setenv("TZ", "America/New_York", 1);
+  time_t time = 0;
+  EXPECT_EQ(0, redis_str2time("2024-07-29 12:00:00", &time));
+  EXPECT_EQ(1722254400, time) << "in UTC";
+}
+
+TEST_F(Extension, AccountsBelowAnAccountAreThoseThatOwnExtensions) {
+  box.add_account(9, std::nullopt, 0, "root");
+  box.add_client(4, 1, "other client");
+  box.add_owner(5, 4, "other owner");
+  box.add_reseller(6, "reseller without clients");
+  const std::tuple<int, int, std::string> rows[] = {
+      {9, 0, "3 5 "},     {9, 1, "1 6 2 4 3 5 "}, {1, 0, "3 5 "}, {2, 1, "3 "},
+      {1, 1, "2 4 3 5 "}, {3, 0, "3 "},           {6, 1, ""},     {77, 0, "NULL"}};
+  for (const auto &[account, flag, expected] : rows) {
+    const std::unique_ptr<int, call_to_release<std::free>> ids(qx_get_extensions_of(account, flag));
+    std::string found = ids ? "" : "NULL";
+    for (const int *id = ids.get(); id && *id != -1; ++id) found += std::to_string(*id) + " ";
+    EXPECT_EQ(expected, found) << account << " " << flag;
+  }
 }
 
 }  // namespace
