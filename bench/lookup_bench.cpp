@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,7 @@
 #include "sqlsession.h"
 #include "support/sandbox.h"
 #include "zarn_db_files.h"
+#include "zarn_extension.h"
 #include "zarn_user.h"
 
 namespace {
@@ -49,12 +51,21 @@ redis_connection connect_redis(const support::sandbox &box) {
   return connection;
 }
 
-void bare_hget(redisContext *connection) {
-  const char *argv[] = {"HGET", "res:inf:mng:12", "lvl"};
-  const size_t lengths[] = {4, 14, 3};
+void bare_hget(redisContext *connection, const char *key, const char *field) {
+  const char *argv[] = {"HGET", key, field};
+  const size_t lengths[] = {4, strlen(key), strlen(field)};
   const redis_reply reply(
       static_cast<redisReply *>(redisCommandArgv(connection, 3, argv, lengths)));
   if (reply == nullptr || reply->type != REDIS_REPLY_STRING) abort();
+}
+
+void bare_level(redisContext *connection) {
+  bare_hget(connection, "res:inf:mng:12", "lvl");
+}
+
+void one_preference() {
+  const c_string value(qx_extension_get_pref("0002*1", "dnd"));
+  if (!value) abort();
 }
 
 void three_fields() {
@@ -80,6 +91,7 @@ int main(int argc, char **argv) {
   box.sql(
       "INSERT INTO extension_recording(extension_id, filesize) "
       "SELECT 1 + seq MOD 20000, seq FROM seq_1_to_200000");
+  box.sql("INSERT INTO extension_prefs VALUES(1, 'dnd', 'yes')");
   box.sql("ANALYZE TABLE extension, extension_recording");
   qx_sql_pool_init();
 
@@ -95,11 +107,16 @@ int main(int argc, char **argv) {
 
   if (qx_account_get_level(owner_id) != 100) return 1;  // and the caches are warm
   three_fields();
+  one_preference();
   ratio::at_most(1.10, "one cached field", "bare hiredis HGET",
                  ratio::once([] { qx_account_get_level(owner_id); }),
-                 ratio::once([&] { bare_hget(redis.get()); }), ratio::length::calls);
+                 ratio::once([&] { bare_level(redis.get()); }), ratio::length::calls);
+  ratio::at_most(1.10, "one cached preference of an extension", "bare hiredis HGET",
+                 ratio::once([] { one_preference(); }),
+                 ratio::once([&] { bare_hget(redis.get(), "res:po:ext:0002*1", "dnd"); }),
+                 ratio::length::calls);
   ratio::at_most(1.30, "three cached fields at once", "bare hiredis HGET",
-                 ratio::once([] { three_fields(); }), ratio::once([&] { bare_hget(redis.get()); }),
+                 ratio::once([] { three_fields(); }), ratio::once([&] { bare_level(redis.get()); }),
                  ratio::length::calls);
   return ratio::run(argc, argv);
 }
