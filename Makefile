@@ -24,7 +24,7 @@ build: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target spoolcap spoolcap_library
 
 demo: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target spoolcap-sandbox testbed -- --quiet
+	@cmake --build --preset release --target spoolcap-sandbox store_recording testbed -- --quiet
 	@$(BUILD)/bin/testbed demo/demo
 
 test: deps $(BUILD)/build.ninja
