@@ -2,11 +2,11 @@
 
 #include <strings.h>
 
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
-#include <string_view>
 
 #include "base/parseconfig.h"
 #include "base/view.h"
@@ -32,41 +32,59 @@ process_state &process() {
   return state;
 }
 
-// The file's directives, empty where it is silent.
+// The file's directives, NULL where it is silent.
 struct directives {
-  safestr_owner system, transfer_in, transfer_out, cache, cache_expire, trash_expire,
-      upload_interval;
+  directives() = default;
+  directives(const directives &) = delete;
+  directives &operator=(const directives &) = delete;
+  ~directives() {
+    for (safestr_t text :
+         {system, transfer_in, transfer_out, cache, cache_expire, trash_expire, upload_interval}) {
+      safestr_free(text);
+    }
+  }
+
+  // False, logged, when the file is there and cannot be read: the defaults, taken then, would move
+  // the whole storage elsewhere.
+  bool read(const call_site &site);
+
+  safestr_t system = nullptr;
+  safestr_t transfer_in = nullptr;
+  safestr_t transfer_out = nullptr;
+  safestr_t cache = nullptr;
+  safestr_t cache_expire = nullptr;
+  safestr_t trash_expire = nullptr;
+  safestr_t upload_interval = nullptr;
 };
 
-directives read_directives() {
-  safestr_t texts[7] = {};
+bool directives::read(const call_site &site) {
   const parseconfig_entry entries[] = {
-      {"STORAGE_SYSTEM", &texts[0]},        {"STORAGE_TRANSFERIN_D", &texts[1]},
-      {"STORAGE_TRANSFEROUT_D", &texts[2]}, {"STORAGE_CACHE_D", &texts[3]},
-      {"STORAGE_CACHE_EXPIRE", &texts[4]},  {"STORAGE_TRASH_EXPIRE", &texts[5]},
-      {"S3_UPL_INTERVAL", &texts[6]},
+      {"STORAGE_SYSTEM", &system},
+      {"STORAGE_TRANSFERIN_D", &transfer_in},
+      {"STORAGE_TRANSFEROUT_D", &transfer_out},
+      {"STORAGE_CACHE_D", &cache},
+      {"STORAGE_CACHE_EXPIRE", &cache_expire},
+      {"STORAGE_TRASH_EXPIRE", &trash_expire},
+      {"S3_UPL_INTERVAL", &upload_interval},
   };
-  parseconfig(qx_path(QX_PATH_STORAGE_CONF), entries, std::size(entries));
-  return {safestr_owner(texts[0]), safestr_owner(texts[1]), safestr_owner(texts[2]),
-          safestr_owner(texts[3]), safestr_owner(texts[4]), safestr_owner(texts[5]),
-          safestr_owner(texts[6])};
+  const char *const path = qx_path(QX_PATH_STORAGE_CONF);
+  if (parseconfig(path, entries, std::size(entries)) == 0 || errno == ENOENT) return true;
+  QX_LOG_AT(site, FR_LOG_WARNING, "Cannot read %s: %s.\n\n", path, std::strerror(errno));
+  return false;
 }
 
-std::string directory_or(const safestr_owner &text, qx_path_id fallback) {
-  return is_empty(text.get()) ? qx_path(fallback) : text.get();
+std::string directory_or(const char *text, qx_path_id fallback) {
+  return is_empty(text) ? qx_path(fallback) : text;
 }
 
 // A text that is no number leaves the default.
-void take_number(const safestr_owner &text, int &number) {
-  if (text == nullptr) return;
-  const std::string_view digits = text.get();
-  std::from_chars(digits.data(), digits.data() + digits.size(), number);
+void take_number(const char *text, int &number) {
+  if (text != nullptr) std::from_chars(text, text + std::strlen(text), number);
 }
 
-storage_config read_config(const char *base_dir, const char *monitor_dir) {
-  const directives found = read_directives();
+storage_config make_config(const directives &found, const char *base_dir, const char *monitor_dir) {
   storage_config config;
-  if (found.system && std::strcmp(found.system.get(), word_of(storage_engine::s3)) == 0)
+  if (found.system != nullptr && std::strcmp(found.system, word_of(storage_engine::s3)) == 0)
     config.engine = storage_engine::s3;
   config.transfer_in = directory_or(found.transfer_in, QX_PATH_TRANSFER_IN);
   config.transfer_out = directory_or(found.transfer_out, QX_PATH_TRANSFER_OUT);
@@ -75,7 +93,7 @@ storage_config read_config(const char *base_dir, const char *monitor_dir) {
   take_number(found.trash_expire, config.trash_expire);
   take_number(found.upload_interval, config.upload_interval);
   config.base_dir = base_dir;
-  config.monitor_dir = monitor_dir == nullptr ? config.base_dir + "/monitor" : monitor_dir;
+  config.monitor_dir = is_empty(monitor_dir) ? config.base_dir + "/monitor" : monitor_dir;
   return config;
 }
 
@@ -112,7 +130,9 @@ int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
       log_condition_failed(here);
       return -1;
     }
-    auto config = std::make_shared<const storage_config>(read_config(base_dir, monitor_dir));
+    directives found;
+    if (!found.read(here)) return -1;
+    auto config = std::make_shared<const storage_config>(make_config(found, base_dir, monitor_dir));
     if (has_long_directory(*config)) {
       log_condition_failed({here.source, here.function, __LINE__});
       return -1;

@@ -18,8 +18,10 @@ std::string cache_path(const storage_config &config, const std::string &key) {
   return config.cache + "/" + storage_shard + "/" + key;
 }
 
+// A name that ends in a slash is a folder's: it would be in the way of a file's own.
 bool is_object_key(const char *name) {
-  return !is_empty(name) && *name != '/' && !has_parent_component(name);
+  return !is_empty(name) && *name != '/' && !std::string_view(name).ends_with('/') &&
+         !has_parent_component(name);
 }
 
 // The end of a download, on a thread of the service's. The cookie is the reference that was taken

@@ -10,7 +10,8 @@
  * "<location>:<object key>", and "storage:delqueue:s3:<shard>" with "<location>:o:<object key>" for
  * one file and "<location>:r:<prefix>" for all of an owner; the score is the time of queueing in
  * seconds since the epoch. A queued file lies in "<cache directory>/<shard>/<object key>", complete
- * from the moment it is there. The shard is always "main".
+ * from the moment it is there; what a process that was killed left half copied lies beside it
+ * under a name that begins with ".storing-". The shard is always "main".
  *
  * Ids: a file is kept under two levels of its owner, the first and the second id, and its own id,
  * which is the id of its row in extension_recording, extension_voicemail or extension_fax_center.
@@ -90,14 +91,15 @@ void qx_storage_unregister_api(void);
 
 /* Reads the node id and the configuration; where the engine is S3, also makes the cache client of
  * the process anew, so that it follows its configuration. `monitor_dir` is where recordings are
- * kept, NULL for "<base_dir>/monitor". */
+ * kept, NULL or empty for "<base_dir>/monitor". */
 int qx_storage_initialize(const char *base_dir, const char *monitor_dir);
 
 /* Reads storage.conf again: STORAGE_SYSTEM ("s3", or anything else for POSIX),
  * STORAGE_TRANSFERIN_D, STORAGE_TRANSFEROUT_D, STORAGE_CACHE_D, STORAGE_CACHE_EXPIRE (48),
  * STORAGE_TRASH_EXPIRE (1), S3_UPL_INTERVAL (120). A file that is not there means the defaults.
  * Sessions that exist keep what they were made with. -1, with the configuration as it was, for a
- * NULL or empty base directory and for a directory of more than 4095 bytes. */
+ * NULL or empty base directory, a directory of more than 4095 bytes, and a file that is there and
+ * cannot be read. */
 int qx_storage_load_config(const char *base_dir, const char *monitor_dir);
 
 /* Frees the node id. */
@@ -117,13 +119,14 @@ const char *qx_storage_get_temp_file(const qx_storage_session_t *session);
 
 /* POSIX: the name that a commit gives the file, below the type's folder, or exactly this path when
  * it begins with "/". Without one it is <first id>/<second id>/<file id>.<extension>. NULL takes it
- * back. -1, with the name as it was, when a relative name has a component "..". */
+ * back. -1, with the name as it was, when it is empty, or relative with a component "..". */
 int qx_storage_set_posix_filename(qx_storage_session_t *session, const char *name);
 
 /* Stores the written file under the id of its row, and says in the row where it is. 0 when the file
  * is at its place (POSIX), or complete in the cache and queued for upload (S3); that the row could
  * not be written is then only logged. -1 when the file could not be stored: it is still the
- * temporary file, and the call may be made again; releasing the session removes it. */
+ * temporary file, and the call may be made again; releasing the session removes it. A session
+ * stores once: -1, with nothing changed, after that. */
 int qx_storage_commit_file(qx_storage_session_t *session, int file_id);
 
 /* ---- Fetching ---- */
@@ -162,8 +165,9 @@ void qx_storage_release_session(qx_storage_session_t *session);
 int qx_storage_delete(int resource_type, const char *stored_name, const char *engine,
                       const char *location);
 
-/* Queues all that an owner has in the object store for deletion: voicemail, fax, recordings. The
- * texts and the argument go into the service's location query. -1 with errno: ENOBUFS without a
+/* Queues all that an owner has in the object store for deletion: voicemail, fax, recordings.
+ * `text`, `other_text` and `argument` go into the service's location query, as its first and second
+ * text and its argument. -1 with errno: ENOBUFS without a
  * location, ENOMEM, or EIO when the queue cannot be written; what was queued before stays. */
 int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                 const char *other_text, void *argument);
