@@ -24,29 +24,33 @@ bool is_object_key(const char *name) {
          !has_parent_component(name);
 }
 
+// Moves what was downloaded into the cache; false, logged, when that fails.
+bool keep_download(qx_storage_session &session, const char *path) {
+  const int error = move_file(path, session.cache_path);
+  if (error != 0) {
+    QX_LOG(FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n", path,
+           session.cache_path.c_str(), std::strerror(error));
+    return false;
+  }
+  if (session.temporary.path() == path) session.temporary.give_up();
+  return true;
+}
+
 // The end of a download, on a thread of the service's. The cookie is the reference that was taken
 // for it.
 void finish_download(void *cookie, int status, const char *path) {
   const session_owner session(static_cast<qx_storage_session *>(cookie));
-  std::string cached = no_throw(std::string(), [&] {
-    if (status != QX_STORAGE_READY || path == nullptr) return std::string();
-    std::string place = session->cache_path;
-    const int error = move_file(path, place);
-    if (error == 0) {
-      if (session->temporary.path() == path) session->temporary.give_up();
-      return place;
-    }
-    QX_LOG(FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n", path, place.c_str(),
-           std::strerror(error));
-    return std::string();
-  });
+  const bool kept = status == QX_STORAGE_READY && path != nullptr &&
+                    no_throw(false, [&] { return keep_download(*session, path); });
   // The path was the request's, and may end with it. Who waits for the session may take it that
   // nothing of the download is left.
   session->temporary.remove();
   const qx_storage_api_t &service = *session->made_with.service;
   if (void *request = session->request_done()) service.release(service.context, request);
-  const int result = cached.empty() ? QX_STORAGE_FAILED : QX_STORAGE_READY;
-  session->finish(result, std::move(cached));
+  if (kept)
+    session->finish(QX_STORAGE_READY, std::move(session->cache_path));
+  else
+    session->finish(QX_STORAGE_FAILED, "");
 }
 
 bool start_download(qx_storage_session &session, const char *name, const char *extra) {
