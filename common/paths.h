@@ -27,7 +27,8 @@ enum qx_path_id {
   QX_PATH_COUNT
 };
 
-/* The path, absolute and without a trailing slash; static, never NULL for an id of the list. */
+/* The path, absolute and without a trailing slash; static, never NULL for an id of the list. Safe
+ * from several threads. */
 const char *qx_path(enum qx_path_id id);
 
 #pragma GCC visibility pop

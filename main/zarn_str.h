@@ -2,7 +2,8 @@
  *
  * Results that are strings are malloc'ed and the caller's (free); lists are NULL-ended arrays of
  * such strings (zarn_str_freelist). Functions that change a string in place take the address of
- * the caller's pointer and may move it. No shared state: safe on distinct strings. */
+ * the caller's pointer and may move it. No shared state: safe from several threads on different
+ * strings. */
 #ifndef MAIN_ZARN_STR_H
 #define MAIN_ZARN_STR_H
 

@@ -1,5 +1,6 @@
 /* Set-up of the cache client from the platform's files: servers and database of the partition
- * "main", and the syslog levels of the client library. */
+ * "main", and the syslog levels of the client library. One thread at a time; the lookups call it
+ * themselves when they need it first. */
 #ifndef MAIN_ZARN_VELKAN_H
 #define MAIN_ZARN_VELKAN_H
 

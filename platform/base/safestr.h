@@ -1,5 +1,6 @@
 /* SafeStr: a counted string whose handle points at its NUL-terminated text, so that it can be
- * printed and compared like any other. It may hold NUL bytes before its end. */
+ * printed and compared like any other. It may hold NUL bytes before its end. No shared state: safe
+ * from several threads on different strings. */
 #ifndef PLATFORM_BASE_SAFESTR_H
 #define PLATFORM_BASE_SAFESTR_H
 
