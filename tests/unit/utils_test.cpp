@@ -20,8 +20,8 @@ TEST(Console, ACommandIsSentAfterTheGreetingAndItsOutputComesAsItIsWithinLimits)
   sockaddr_un address{AF_UNIX, ""};
   box.path("console").copy(address.sun_path, sizeof address.sun_path - 1);
   const unique_fd listening(socket(AF_UNIX, SOCK_STREAM, 0));
-  bind(listening.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
-  listen(listening.get(), 0);
+  ASSERT_EQ(0, bind(listening.get(), reinterpret_cast<sockaddr *>(&address), sizeof address));
+  ASSERT_EQ(0, listen(listening.get(), 0));
   // A greeting takes 80 bytes; later output comes after longer than finished output may pause; a
   // failure is a hang-up.
   const struct {
