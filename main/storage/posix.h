@@ -8,12 +8,6 @@
 
 #include "storage/session.h"
 
-// A file that was stored: where it is, and the name that it goes by in its engine.
-struct stored_file {
-  std::string path;
-  std::string name;
-};
-
 // The folder of a kind, empty when it has none. New files grow in its sub-folder "tmp".
 std::string posix_folder(const storage_config &config, int type);
 

@@ -5,7 +5,6 @@
 
 #include <optional>
 
-#include "storage/posix.h"
 #include "storage/session.h"
 
 // Makes the session's temporary file; false, logged, when it cannot have it.

@@ -11,7 +11,8 @@
 #include "storage/config.h"
 #include "storage/files.h"
 
-// The key prefix that all files have in the object store's local places and queues.
+// The part of the platform that all files belong to: a folder of the transfer-out directory and of
+// the cache, and the end of the queues' names.
 inline constexpr char storage_shard[] = "main";
 
 struct qx_storage_session {
@@ -63,6 +64,12 @@ struct qx_storage_session {
   std::string path_;
   void *request_ = nullptr;
   bool done_ = false;
+};
+
+// A file that was stored: where it is, and the name that it goes by in its engine.
+struct stored_file {
+  std::string path;
+  std::string name;
 };
 
 // One reference.
