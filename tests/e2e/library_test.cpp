@@ -44,17 +44,17 @@ TEST_F(library, serves_the_example_which_stores_until_the_account_is_full) {
   box.add_client(2, 1, "bob");
   box.set_preference(2, "max_sound", "2");
   box.write_file("voice", 1500);
-  const std::tuple<std::string, std::string, int, std::string> runs[] = {
-      {"99", "one", 2, "Account 99, or one above it, is not known\n"},
-      {"2", "one", 0, "one: 1500 bytes for account 2\n"},
-      {"2", "one", 4, "one: File exists\n"},
-      {"2", "two", 0, "two: 1500 bytes for account 2\n"},
-      {"2", "three", 3, "No room: account 2 (level 50) is full\n"},
-      {"1", "three", 0, "three: 1500 bytes for account 1\n"}};
-  for (const auto &[account, target, status, said] : runs) {
+  const std::tuple<std::string, int, std::string> runs[] = {
+      {"99 sound voice one", 2, "Account 99, or one above it, is not known\n"},
+      {"2 sound voice one", 0, "one: 1500 bytes for account 2\n"},
+      {"2 sound voice one", 4, "one: File exists\n"},
+      {"2 sound voice two", 0, "two: 1500 bytes for account 2\n"},
+      {"2 sound voice three", 3, "No room: account 2 (level 50) is full\n"},
+      {"1 sound voice three", 0, "three: 1500 bytes for account 1\n"}};
+  for (const auto &[arguments, status, said] : runs) {
     const auto run = shell("SPOOLCAP_SANDBOX=$PWD LD_PRELOAD=" SPOOLCAP_PATHS_MODULE
                            ":$LD_PRELOAD exec ./store " +
-                           account + " sound voice " + target);
+                           arguments);
     EXPECT_EQ(run.status, status) << run.out;
     EXPECT_NE(run.out.find(said), std::string::npos) << run.out;
   }
