@@ -8,7 +8,8 @@
  * Keys are built from a printf format and used as they come out of it. Values hold any bytes but
  * NUL.
  * Strings and arrays handed out are malloc'ed and the caller's. The cache client is created at the
- * first use and kept for the life of the process. Calls may come from several threads. */
+ * first use and kept; only qx_storage_initialize puts a new one in its place. Calls may come from
+ * several threads. */
 #ifndef MAIN_ZARN_CACHE_H
 #define MAIN_ZARN_CACHE_H
 

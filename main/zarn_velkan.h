@@ -12,8 +12,8 @@ extern "C" {
 struct vk_client;
 
 /* Creates the client and stores it through `client` first; it stays there when a later step fails
- * and lives for the rest of the process. 0 when a server was added and the credentials of "main"
- * were found, else -1. Call it under the cache write lock. */
+ * and is the caller's. 0 when a server was added and the credentials of "main" were found, else -1.
+ * Call it under the cache write lock. */
 int ast_vk_init(struct vk_client **client);
 
 /* Turns on the client's syslog for level words joined by "|" (ERROR, DEBUG, EVENT, NOTICE,
