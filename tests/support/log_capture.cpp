@@ -44,17 +44,11 @@ std::vector<log_line> log_capture::lines() const {
   return {lines_.begin() + static_cast<std::ptrdiff_t>(cleared_), lines_.end()};
 }
 
-std::vector<std::string> log_capture::messages() const {
-  std::vector<std::string> result;
-  for (const log_line &line : lines()) result.push_back(line.text);
-  return result;
-}
-
 std::size_t log_capture::count(std::string_view text) const {
-  const std::vector<std::string> all = messages();
-  return static_cast<std::size_t>(std::count_if(
-      all.begin(), all.end(),
-      [&](const std::string &message) { return message.find(text) != std::string::npos; }));
+  const std::vector<log_line> all = lines();
+  return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const log_line &line) {
+    return line.text.find(text) != std::string::npos;
+  }));
 }
 
 void log_capture::clear() {

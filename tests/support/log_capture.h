@@ -35,7 +35,6 @@ class log_capture {
   void expect(int priority, std::string_view text);
 
   std::vector<log_line> lines() const;
-  std::vector<std::string> messages() const;       // texts only, oldest first
   std::size_t count(std::string_view text) const;  // how many contain it
   bool has(std::string_view text) const { return count(text) > 0; }
   void clear();  // forgets what was logged, but not an error that was not announced

@@ -136,12 +136,8 @@ std::optional<process_result> background_process::wait(std::chrono::milliseconds
 }
 
 process_result run_process(const std::vector<std::string> &argv, const process_options &options) {
-  background_process child(argv, options);
-  auto result = child.wait(options.limit);
-  if (result) return *result;
-  child.kill(SIGKILL);
-  result = child.wait(std::chrono::seconds(10));
-  if (!result) throw std::runtime_error(argv[0] + " survives SIGKILL");
+  const auto result = background_process(argv, options).wait(options.limit);
+  if (!result) throw std::runtime_error(argv[0] + " takes too long");
   return *result;
 }
 

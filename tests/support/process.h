@@ -23,7 +23,7 @@ struct process_options {
   std::filesystem::path log = {};  // stdout and stderr go to this file instead of the result
   // Writes where this process writes, and belongs to its terminal; others miss its signals.
   bool inherit_output = false;
-  std::chrono::milliseconds limit{60'000};  // then run_process ends it with SIGKILL
+  std::chrono::milliseconds limit{60'000};  // then run_process ends it and throws
 };
 
 struct process_result {

@@ -1,11 +1,9 @@
 #include "support/sandbox.h"
 
-#include <hiredis.h>
-#include <mysql.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <stdexcept>
 
 #include "support/paths_sandbox.h"
@@ -24,22 +22,7 @@ std::string text_of(const std::filesystem::path &file) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-std::pair<std::vector<std::string>, process_options> spoolcap_command(
-    const sandbox &box, const std::vector<std::string> &arguments, process_options options) {
-  std::vector<std::string> argv = {SPOOLCAP_SANDBOX_BINARY};
-  argv.insert(argv.end(), arguments.begin(), arguments.end());
-  options.environment[paths_root_variable] = box.root().string();
-  return {argv, options};
-}
-
 }  // namespace
-
-void sandbox::sql_closer::operator()(MYSQL *connection) const {
-  mysql_close(connection);
-}
-void sandbox::redis_closer::operator()(redisContext *context) const {
-  redisFree(context);
-}
 
 sandbox::sandbox(const sandbox_options &options) : folder_("box") {
   if (options.use_database) make_database(options);
@@ -117,7 +100,6 @@ void sandbox::write_configuration(const sandbox_options &options) {
     files["etc/quorvex/disdbase.conf"] +=
         "DISDBASE_HOST main:cache:one:" + redis_socket_ + ":6379\n";
   }
-  for (const auto &[name, lines] : options.extra_lines) files[name] += lines;
   for (const auto &[name, text] : files) write_file(name, text);
 }
 
@@ -248,15 +230,15 @@ void sandbox::add_stored_file(const std::string &table, int extension, std::int6
 }
 
 std::unique_ptr<background_process> sandbox::start_spoolcap(
-    const std::vector<std::string> &arguments, const process_options &options) const {
-  const auto [argv, own] = spoolcap_command(*this, arguments, options);
-  return std::make_unique<background_process>(argv, own);
+    const std::vector<std::string> &arguments) const {
+  std::vector<std::string> argv = {SPOOLCAP_SANDBOX_BINARY};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  return std::make_unique<background_process>(
+      argv, process_options{.environment = {{paths_root_variable, root().string()}}});
 }
 
-process_result sandbox::run_spoolcap(const std::vector<std::string> &arguments,
-                                     const process_options &options) const {
-  const auto [argv, own] = spoolcap_command(*this, arguments, options);
-  return run_process(argv, own);
+process_result sandbox::run_spoolcap(const std::vector<std::string> &arguments) const {
+  return start_spoolcap(arguments)->wait(std::chrono::seconds(60)).value();
 }
 
 }  // namespace support

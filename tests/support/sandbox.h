@@ -5,9 +5,11 @@
 #ifndef SUPPORT_SANDBOX_H
 #define SUPPORT_SANDBOX_H
 
+#include <hiredis.h>
+#include <mysql.h>
+
 #include <cstdint>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,9 +19,6 @@
 #include "support/process.h"
 #include "support/servers.h"
 
-struct redisContext;
-struct st_mysql;
-
 namespace support {
 
 struct sandbox_options {
@@ -27,9 +26,6 @@ struct sandbox_options {
   bool use_cache = true;
   mariadb_server *database = nullptr;  // a server of the test's own instead of the shared one
   redis_server *cache = nullptr;
-  // Lines added to a configuration file, by its path in the sandbox:
-  // {{"etc/quorvex/sqldbase.conf", "SLAVE_DOWN_TIME 1\n"}}. To replace one, write_file it.
-  std::map<std::string, std::string> extra_lines = {};
 };
 
 using sql_row = std::vector<std::optional<std::string>>;  // nullopt is NULL
@@ -96,19 +92,11 @@ class sandbox {
   void add_fax(int extension, std::int64_t size) { add_stored_file("fax_center", extension, size); }
 
   // The command in this sandbox.
-  process_result run_spoolcap(const std::vector<std::string> &arguments,
-                              const process_options &options = {}) const;
-  std::unique_ptr<background_process> start_spoolcap(const std::vector<std::string> &arguments,
-                                                     const process_options &options = {}) const;
+  process_result run_spoolcap(const std::vector<std::string> &arguments) const;
+  std::unique_ptr<background_process> start_spoolcap(
+      const std::vector<std::string> &arguments) const;
 
  private:
-  struct sql_closer {
-    void operator()(st_mysql *connection) const;
-  };
-  struct redis_closer {
-    void operator()(redisContext *context) const;
-  };
-
   void make_database(const sandbox_options &options);
   void make_cache_database(const sandbox_options &options);
   void write_configuration(const sandbox_options &options);
@@ -119,8 +107,8 @@ class sandbox {
   std::string mariadb_socket_, redis_socket_, redis_password_;
   std::string database_;
   int cache_database_ = 0;
-  std::unique_ptr<st_mysql, sql_closer> sql_;
-  std::unique_ptr<redisContext, redis_closer> redis_;
+  std::unique_ptr<MYSQL, call_to_release<mysql_close>> sql_;
+  std::unique_ptr<redisContext, call_to_release<redisFree>> redis_;
 };
 
 }  // namespace support

@@ -1,12 +1,12 @@
 #include "support/servers.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <hiredis.h>
 #include <mysql.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -25,29 +25,11 @@ std::string variable(const char *name) {
   return value != nullptr ? value : "";
 }
 
-// Ends the calling test: skipped at a desk, failed where every test has to run. The exception is
-// the one that GoogleTest takes for a result that was already reported.
-[[noreturn]] void missing(const std::string &what) {
-  const std::string reason = what + " (run the tests under the testbed: make test)";
-  if (variable("CI") == "true") throw std::runtime_error(reason);
-  const auto skip = [&reason] { GTEST_SKIP() << reason; };
-  skip();
-  throw testing::AssertionException(
-      testing::TestPartResult(testing::TestPartResult::kSkip, nullptr, -1, reason.c_str()));
-}
-
-// A port that was free a moment ago; who takes it may still find it taken and ask for another.
-int free_port() {
-  const unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto *generic = reinterpret_cast<sockaddr *>(&address);
-  if (!fd || bind(fd.get(), generic, length) != 0 || getsockname(fd.get(), generic, &length) != 0) {
-    throw std::runtime_error("no free port on 127.0.0.1");
-  }
-  return ntohs(address.sin_port);
+// What the testbed exported under this name.
+std::string from_testbed(const char *name) {
+  const std::string value = variable(name);
+  if (value.empty()) throw std::runtime_error("run the tests under the testbed: make test");
+  return value;
 }
 
 // Neither the tests' users nor a sanitizer's runtime are any business of a server.
@@ -58,6 +40,18 @@ std::string user_argument() {
 }
 
 }  // namespace
+
+unique_fd bound_to_loopback(int &port) {
+  unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  socklen_t length = sizeof address;
+  auto *generic = reinterpret_cast<sockaddr *>(&address);
+  if (bind(fd.get(), generic, length) != 0 || getsockname(fd.get(), generic, &length) != 0) {
+    throw std::runtime_error("no free port on 127.0.0.1");
+  }
+  port = ntohs(address.sin_port);
+  return fd;
+}
 
 private_folder::private_folder(const std::string &prefix) {
   std::filesystem::path parent = variable(folder_variable);
@@ -92,19 +86,7 @@ std::string server::log() const {
 
 void server::start() {
   if (child_) throw std::logic_error(name_ + " runs already");
-  const bool choose_port = tcp_ && port_ == 0;
-  for (int attempts = choose_port ? 3 : 1; !child_; --attempts) {
-    if (choose_port) port_ = free_port();
-    try {
-      start_once();
-    } catch (const std::runtime_error &) {
-      child_.reset();
-      if (attempts == 1) throw;
-    }
-  }
-}
-
-void server::start_once() {
+  if (tcp_ && port_ == 0) bound_to_loopback(port_);
   process_options options = for_servers;
   options.log = folder() / "log";
   child_ = std::make_unique<background_process>(command(), options);
@@ -130,28 +112,17 @@ void server::kill_hard() {
 void server::pause() {
   if (!child_) return;
   child_->kill(SIGSTOP);
-  // Its threads stop one by one, and one that still runs may answer once more.
-  const auto stopped = [this] {
-    for (const auto &task :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid()) + "/task")) {
-      std::string stat;
-      std::getline(std::ifstream(task.path() / "stat"), stat);
-      if (stat.find(") T ") == std::string::npos) return false;
-    }
-    return true;
-  };
-  while (child_->running() && !stopped()) std::this_thread::sleep_for(1ms);
+  siginfo_t ignored;  // its threads stop one by one, and one that still runs may answer once more
+  waitid(P_PID, static_cast<id_t>(pid()), &ignored, WSTOPPED);
 }
 
 void server::resume() {
   if (child_) child_->kill(SIGCONT);
 }
 
-mariadb_server::mariadb_server(mariadb_options options)
-    : server("mariadb", options.tcp), options_(std::move(options)) {
-  const std::string source = variable(template_variable);
-  if (source.empty()) missing("no MariaDB data directory to copy");
-  std::filesystem::copy(source, folder() / "data", std::filesystem::copy_options::recursive);
+mariadb_server::mariadb_server(const mariadb_options &options) : server("mariadb", options.tcp) {
+  std::filesystem::copy(from_testbed(template_variable), folder() / "data",
+                        std::filesystem::copy_options::recursive);
   std::filesystem::create_directory(folder() / "tmp");
   start();
 }
@@ -202,7 +173,6 @@ std::vector<std::string> mariadb_server::command() const {
       "--innodb-buffer-pool-dump-at-shutdown=0", "--innodb-fast-shutdown=2", "--key-buffer-size=1M",
       "--aria-pagecache-buffer-size=8M"};
   std::erase(argv, "");
-  argv.insert(argv.end(), options_.arguments.begin(), options_.arguments.end());
   return argv;
 }
 
@@ -235,9 +205,6 @@ std::vector<std::string> redis_server::command() const {
   add({"--save", "", "--appendonly", "no", "--daemonize", "no"});
   add({"--repl-diskless-sync-delay", "0"});  // a replica has not to wait for others
   if (!options_.password.empty()) add({"--requirepass", options_.password});
-  if (!options_.master_host.empty()) {
-    add({"--replicaof", options_.master_host, std::to_string(options_.master_port)});
-  }
   return argv;
 }
 
@@ -246,21 +213,15 @@ bool redis_server::answers() const {
       redisConnectUnixWithTimeout(socket().c_str(), timeval{5, 0}));
   if (!context || context->err != 0) return false;
   redisSetTimeout(context.get(), timeval{5, 0});
-  const auto ask = [&context](std::initializer_list<const char *> words) {
-    std::vector<const char *> argv(words);
-    return std::unique_ptr<redisReply, call_to_release<freeReplyObject>>(static_cast<redisReply *>(
-        redisCommandArgv(context.get(), static_cast<int>(argv.size()), argv.data(), nullptr)));
-  };
-  if (!options_.password.empty()) ask({"AUTH", options_.password.c_str()});
-  const auto pong = ask({"PING"});
-  return pong && pong->type == REDIS_REPLY_STATUS && std::string_view(pong->str) == "PONG";
+  // One that asks for its password is up as well.
+  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
+      static_cast<redisReply *>(redisCommand(context.get(), "PING")));
+  return reply != nullptr;
 }
 
 const shared_server_set &shared_servers() {
-  static const shared_server_set servers{variable(mariadb_variable), variable(redis_variable)};
-  if (servers.mariadb_socket.empty() || servers.redis_socket.empty()) {
-    missing("no MariaDB and Redis for the tests");
-  }
+  static const shared_server_set servers{from_testbed(mariadb_variable),
+                                         from_testbed(redis_variable)};
   return servers;
 }
 

@@ -32,6 +32,9 @@ class private_folder {
   std::filesystem::path path_;
 };
 
+// A TCP socket on a free port of 127.0.0.1, which it tells; it does not listen yet.
+unique_fd bound_to_loopback(int &port);
+
 // What both kinds of server share: starting, watching and ending the child.
 class server {
  public:
@@ -61,8 +64,6 @@ class server {
   virtual bool answers() const = 0;  // a real ping
 
  private:
-  void start_once();
-
   std::string name_;
   private_folder folder_;
   int port_ = 0;
@@ -71,13 +72,12 @@ class server {
 };
 
 struct mariadb_options {
-  bool tcp = false;                         // also listen on a free port of 127.0.0.1
-  std::vector<std::string> arguments = {};  // appended to the server's own
+  bool tcp = false;  // also listen on a free port of 127.0.0.1
 };
 
 class mariadb_server final : public server {
  public:
-  explicit mariadb_server(mariadb_options options = {});
+  explicit mariadb_server(const mariadb_options &options = {});
   ~mariadb_server() override = default;
 
   // Initialises a data directory that servers are copied from. Takes a few seconds.
@@ -86,15 +86,11 @@ class mariadb_server final : public server {
  private:
   std::vector<std::string> command() const override;
   bool answers() const override;
-
-  mariadb_options options_;
 };
 
 struct redis_options {
   bool tcp = false;
-  std::string password = {};     // requirepass
-  std::string master_host = {};  // replicaof
-  int master_port = 0;
+  std::string password = {};  // requirepass
 };
 
 class redis_server final : public server {
@@ -120,8 +116,7 @@ struct shared_server_set {
   std::string redis_socket;
 };
 
-// Without a testbed the calling test is skipped with that reason, or fails when CI=true: the call
-// does not return then.
+// Throws without a testbed.
 const shared_server_set &shared_servers();
 
 // Names under which the testbed exports what it made.

@@ -1,22 +1,18 @@
 #include "sql/connection.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <thread>
+
+#include "support/servers.h"
 
 using namespace std::chrono_literals;
 
 TEST(SqlConnection, ARemoteServerThatDripsItsGreetingIsHeldToThreeSecondsInAll) {
-  const unique_fd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in name{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t length = sizeof name;
-  auto *const address = reinterpret_cast<sockaddr *>(&name);
-  ASSERT_EQ(bind(listener.get(), address, length), 0);
+  int port = 0;
+  const unique_fd listener = support::bound_to_loopback(port);
   ASSERT_EQ(listen(listener.get(), 1), 0);
-  ASSERT_EQ(getsockname(listener.get(), address, &length), 0);
   const std::jthread server([&listener] {
     const unique_fd peer(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     const char header[] = {100, 0, 0, 0};
@@ -26,9 +22,10 @@ TEST(SqlConnection, ARemoteServerThatDripsItsGreetingIsHeldToThreeSecondsInAll) 
     }
   });
   mysql_handle handle;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(open_connection(handle, {"user", "", ""}, {"127.0.0.1", ntohs(name.sin_port)}));
-  const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
-  EXPECT_NEAR(spent.count(), 3.0, 0.3);
+  const double spent = support::seconds_of([&] {
+    EXPECT_FALSE(
+        open_connection(handle, {"user", "", ""}, {"127.0.0.1", static_cast<unsigned>(port)}));
+  });
+  EXPECT_NEAR(spent, 3.0, 0.3);
   EXPECT_STRNE(mysql_error(handle.get()), "");
 }

@@ -6,10 +6,6 @@
 #include <hiredis.h>
 
 #include <initializer_list>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "base/owner.h"
 #include "support/servers.h"
