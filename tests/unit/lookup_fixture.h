@@ -5,11 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "base/owner.h"
 #include "sqlsession.h"
 #include "support/log_capture.h"
@@ -35,10 +30,7 @@ inline values taken(int count, char **array) {
 
 class lookup_test : public testing::Test {
  protected:
-  explicit lookup_test(const char *module, const support::sandbox_options &options = {})
-      : box(options), module_(module) {
-    qx_sql_pool_init();
-  }
+  explicit lookup_test(const char *module) : module_(module) { qx_sql_pool_init(); }
 
   // The module's messages since the last call, oldest first, without the file and line that begin
   // each.
@@ -67,20 +59,6 @@ class lookup_test : public testing::Test {
 
  private:
   std::string module_;
-};
-
-// The same beside a cache that is configured and does not answer.
-template <class Fixture>
-class beside_dead_cache : public Fixture {
- protected:
-  beside_dead_cache() : beside_dead_cache(std::make_unique<support::redis_server>()) {}
-
- private:
-  explicit beside_dead_cache(std::unique_ptr<support::redis_server> server)
-      : Fixture({.cache = server.get()}), server_(std::move(server)) {
-    server_->kill_hard();
-  }
-  std::unique_ptr<support::redis_server> server_;
 };
 
 #endif
