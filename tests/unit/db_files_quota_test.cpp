@@ -31,21 +31,16 @@ TEST(DbFilesQuota, ALevelCountsTheFilesOfAllExtensionsBelowItAndFailuresAreMinus
       {"extension_recording", 50, "10", 111},
       {"extension_voicemail", 50, "11", 2000},
       {"extension_recording", 10, "1", 5'000'001'111},
-      {"extension_voicemail", 10, "2", 20'000},
       {"extension_fax_center as er", 0, "1", 33'333},
       {"extension_fax_center", 0, "1", -1},   // the statement relies on the alias
       {"extension_recording", 100, "10", 0},  // an account of another level owns none
-      {"extension_recording", 10, "999", 0},
       {"extension_recording", 100, "1' GROUP BY er.id -- ", -1},  // no row at all is no sum
       {"no_such_table", 20, "1", 0},  // a level that is none needs no statement
-      {"no_such_table", 101, "1", 0},
-      {"no_such_table", 100, "1", -1},
-  };
+      {"no_such_table", 100, "1", -1}};
   for (const auto &row : rows) {
     EXPECT_EQ(qx_get_db_files_quota(row.table, row.level, row.id), row.sum)
         << row.table << " level " << row.level << " of " << row.id;
   }
-  EXPECT_TRUE(log.has("../main/zarn_db_files:qx_get_db_files_quota:"));
   EXPECT_TRUE(log.has(" -MySQL error: Table '" + box.database() + ".no_such_table' doesn't exist"));
 
   qx_sql_pool_destroy();

@@ -4,10 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <map>
-#include <string>
-
 #include "quota/quota.h"
 #include "quota/store.h"
 #include "sqlsession.h"
