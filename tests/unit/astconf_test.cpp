@@ -1,9 +1,6 @@
 // The readers of Asterisk-style configuration files and their line helpers.
 #include <gtest/gtest.h>
 
-#include <string>
-
-#include "base/owner.h"
 #include "support/sandbox.h"
 #include "utils.h"
 
@@ -34,25 +31,23 @@ TEST(Astconf, TakesTheValuesThatItsReaderAdmits) {
   const struct {
     const char *section;
     string content, expected;
-  } rows[] = {
-      {"d", " \t[d](!) ; x\n  spool  =>  /a b ; old \r\nlib=/b", "/a b ; old|/b"},
-      {"d", "spool => 1\n[e]\nspool => 2\n[d]\nlib => 3\n[e]\n[d]\nspool => 4\n", "4|3"},
-      {"d", "[d]\nspool => /a\nspool => /b\nspool =>\nspool => \nSPOOL => /c\n", "/b|-"},
-      {"d", "[d]\n# spool => /a\n  #lib => /b\n;lib => /c\nlib = ;/d\n", "-|;/d"},
-      // A value with brackets is taken for a header.
-      {"d", "[d]\nspool => [x]\nlib => /b\n", "-|-"},
-      {"d", "[d]\nspool => a[d]\nlib => b]\n", "a[d]|b]"},
-      {"d", "[d]\nspool=lib=>/a\nlib = a=b\n", "-|a=b"},
-      {"d", "[d] => x\nspool==>x\nlib => => y\n", "-|=> y"},
-      {"d", "[d]\nspool => " + long_value, long_value + "|-"},
-      {"", "spool = /a\n[x]\nlib => /b\n", "/a|/b"},
-      {nullptr, "spool => /a\n[x]\n lib=>/b \nspool => /c\n#lib => /d\n", "/c|/b"},
-      {nullptr, "spool = x => /a\nspool = /a\nlib =>\n", "-|-"},
-      // The plain reader takes a line in pieces of 1023 bytes.
-      {nullptr, string(1023, 'x') + "lib => [b]\n", "-|[b]"},
-      {nullptr, string(1022, 'x') + "lib => /b\n", "-|-"},
-      {nullptr, "lib => " + rest + "spool => /a\n", "/a|" + rest},
-  };
+  } rows[] = {{"d", " \t[d](!) ; x\n  spool  =>  /a b ; old \r\nlib=/b", "/a b ; old|/b"},
+              {"d", "spool => 1\n[e]\nspool => 2\n[d]\nlib => 3\n[e]\n[d]\nspool => 4\n", "4|3"},
+              {"d", "[d]\nspool => /a\nspool => /b\nspool =>\nspool => \nSPOOL => /c\n", "/b|-"},
+              {"d", "[d]\n# spool => /a\n  #lib => /b\n;lib => /c\nlib = ;/d\n", "-|;/d"},
+              // A value with brackets is taken for a header.
+              {"d", "[d]\nspool => [x]\nlib => /b\n", "-|-"},
+              {"d", "[d]\nspool => a[d]\nlib => b]\n", "a[d]|b]"},
+              {"d", "[d]\nspool=lib=>/a\nlib = a=b\n", "-|a=b"},
+              {"d", "[d] => x\nspool==>x\nlib => => y\n", "-|=> y"},
+              {"d", "[d]\nspool => " + long_value, long_value + "|-"},
+              {"", "spool = /a\n[x]\nlib => /b\n", "/a|/b"},
+              {nullptr, "spool => /a\n[x]\n lib=>/b \nspool => /c\n#lib => /d\n", "/c|/b"},
+              {nullptr, "spool = x => /a\nspool = /a\nlib =>\n", "-|-"},
+              // The plain reader takes a line in pieces of 1023 bytes.
+              {nullptr, string(1023, 'x') + "lib => [b]\n", "-|[b]"},
+              {nullptr, string(1022, 'x') + "lib => /b\n", "-|-"},
+              {nullptr, "lib => " + rest + "spool => /a\n", "/a|" + rest}};
   for (const auto &row : rows) {
     box.write_file("asterisk.conf", row.content);
     EXPECT_EQ(row.expected, values_in(box.path("asterisk.conf").c_str(), row.section))
@@ -73,16 +68,7 @@ TEST(LineHelpers, BlankAndCommentLinesAreIgnorable) {
   }
 }
 
-TEST(LineHelpers, PaddingAndCommentsAreCutToTheirDestination) {
-  char text[] = "????????";
-  EXPECT_STREQ("\t ", get_start_padding("\t  x", text, 3, nullptr));
-  EXPECT_EQ('?', text[3]);
-  EXPECT_STREQ("--+", get_start_padding("--+x", text, 8, "+-"));
-  EXPECT_STREQ(" ;no", string(get_inline_comment("x ;note", text, 4, ";"), 4).c_str());
-  EXPECT_EQ('?', text[4]);
-}
-
-TEST(LineHelpers, InlineCommentsComeWithThePaddingBeforeThem) {
+TEST(LineHelpers, InlineCommentsAndPaddingAreCutToTheirDestination) {
   const struct {
     const char *line, *marker, *expected;
   } rows[] = {{"value ;a;b", ";", " ;a;b"},
@@ -95,6 +81,10 @@ TEST(LineHelpers, InlineCommentsComeWithThePaddingBeforeThem) {
     EXPECT_STREQ(row.expected, get_inline_comment(row.line, nullptr, 0, row.marker)) << row.line;
     EXPECT_STREQ(row.expected, get_inline_comment(row.line, comment, 32, row.marker)) << row.line;
   }
+  char text[] = "????????";
+  EXPECT_EQ(" ;no?", string(get_inline_comment("x ;note", text, 4, ";"), 5));
+  EXPECT_STREQ("\t ", get_start_padding("\t  x", text, 3, nullptr));
+  EXPECT_STREQ("--+", get_start_padding("--+x", text, 8, "+-"));
 }
 
 }  // namespace

@@ -2,12 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <string>
-#include <vector>
+#include <cstring>
+#include <sstream>
 
 #include "base/hash.h"
 #include "base/log.h"
-#include "base/owner.h"
 #include "base/parseconfig.h"
 #include "base/safestr.h"
 #include "base/str.h"
@@ -17,14 +16,16 @@ namespace {
 
 using std::string;
 using hash_owner = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
-using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
+using strings = std::vector<string>;
 
 TEST(Hash, KeepsKeysInTheOrderOfTheirFirstAddition) {
   const hash_owner table(fr_hash_init_api(1, nullptr));
+  EXPECT_EQ(1, fr_hash_empty(table.get()));
   std::vector<int> added(5000), found;
   for (size_t i = 0; i < added.size(); ++i) added[i] = static_cast<int>(i * 7919 % 5003);
   for (const int key : added) ASSERT_EQ(0, fr_hash_force_add(table.get(), key, -key));
   ASSERT_EQ(0, fr_hash_force_add(table.get(), added.front(), 1));
+  EXPECT_EQ(0, fr_hash_empty(table.get()));
 
   const std::unique_ptr<fr_array_t, call_to_release<fr_array_free>> keys(
       fr_hash_getkeys(table.get()));
@@ -38,36 +39,27 @@ TEST(Hash, KeepsKeysInTheOrderOfTheirFirstAddition) {
   EXPECT_EQ(nullptr, fr_array_get(keys.get(), added.size()));
 }
 
-TEST(Hash, TellsKeysApartByAllTheirBytes) {
-  const hash_owner table(fr_hash_init_api(1, nullptr));
-  EXPECT_EQ(1, fr_hash_empty(table.get()));
-  ASSERT_EQ(0, fr_hash_force_add(table.get(), "a\0b", 3, "long", 5));
-  EXPECT_EQ(0, fr_hash_empty(table.get()));
-  EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0c", 3));
-  EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0b", 2));
-  EXPECT_STREQ("long", static_cast<char *>(fr_hash_find(table.get(), "a\0b", 3)));
-}
-
-TEST(Hash, RunsTheDestructorOnReplacedAndRemainingValues) {
-  static std::vector<int> destroyed;
+TEST(Hash, TellsKeysApartByAllTheirBytesAndDestroysWhatItHeld) {
+  static std::vector<string> destroyed;
   hash_owner table(fr_hash_init_api(1, [](void *value) {
-    destroyed.push_back(*static_cast<int *>(value));
+    destroyed.emplace_back(static_cast<char *>(value));
     return 0;
   }));
-  for (const auto &[key, value] : {std::pair(1, 10), {2, 20}, {1, 11}}) {
-    ASSERT_EQ(0, fr_hash_force_add(table.get(), key, value));
-  }
-  EXPECT_EQ(std::vector<int>{10}, destroyed);
+  for (const char *value : {"first", "new"})
+    ASSERT_EQ(0, fr_hash_force_add(table.get(), "a\0b", 3, value, strlen(value) + 1));
+  EXPECT_EQ(strings{"first"}, destroyed);
+  EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0c", 3));
+  EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0b", 2));
+  EXPECT_STREQ("new", static_cast<char *>(fr_hash_find(table.get(), "a\0b", 3)));
   table.reset();
-  EXPECT_EQ((std::vector<int>{10, 11, 20}), destroyed);
+  EXPECT_EQ((strings{"first", "new"}), destroyed);
 }
 
 TEST(Log, RecordsReachTheSinkWithTheirPlaceAndLeaveErrnoAlone) {
-  static fr_log_record seen;
-  static string text;
+  static std::ostringstream seen;
   const fr_log_sink keep = [](const fr_log_record *record, void *) {
-    seen = *record;
-    text = record->text;
+    seen << record->file << " " << record->line << " " << record->function << " "
+         << (record->channel == FR_LOG_TRACE) << (record->priority == FR_LOG_DEBUG) << record->text;
     errno = ERANGE;
   };
   const string longer(5000, 'x');
@@ -77,10 +69,7 @@ TEST(Log, RecordsReachTheSinkWithTheirPlaceAndLeaveErrnoAlone) {
     fr_log_impl("f", 12, "work", FR_LOG_TRACE, FR_LOG_DEBUG, "%d\n%s\n\n", 7, longer.c_str());
     EXPECT_EQ(EXDEV, errno);
   }
-  EXPECT_EQ("f work", string(seen.file) + " " + seen.function);
-  EXPECT_EQ((std::vector<int>{12, FR_LOG_TRACE, FR_LOG_DEBUG}),
-            (std::vector<int>{seen.line, seen.channel, seen.priority}));
-  EXPECT_EQ("7\n" + longer, text);
+  EXPECT_EQ("f 12 work 117\n" + longer, seen.str());
 }
 
 TEST(Str, TrimRemovesWhiteSpaceAtTheSidesToldOnly) {
@@ -92,7 +81,6 @@ TEST(Str, TrimRemovesWhiteSpaceAtTheSidesToldOnly) {
               {" a ", FR_TRIM_START, "a "},
               {" a ", FR_TRIM_END, " a"},
               {" a ", 0, " a "},
-              {" \n ", FR_TRIM_BOTH, ""},
               {"\x01 a\x01", FR_TRIM_BOTH, "\x01 a\x01"}};
   for (auto row : rows) EXPECT_STREQ(row.expected, fr_str_trim(row.text.data(), row.mode));
 }
@@ -103,25 +91,21 @@ TEST(Str, ExplodeKeepsEmptyFieldsAndImplodeJoinsARange) {
       fr_explode(":a::b:", ':', &count));
   char *const *fields = owner.get();
   ASSERT_EQ(5U, count);
-  EXPECT_EQ((std::vector<string>{"", "a", "", "b", ""}), std::vector<string>(fields, fields + 5));
+  EXPECT_EQ((strings{"", "a", "", "b", ""}), strings(fields, fields + 5));
   EXPECT_EQ(nullptr, fields[5]);
   EXPECT_STREQ("a::b", c_string(fr_implode(fields, 1, 3, ':')).get());
-  EXPECT_STREQ("a", c_string(fr_implode(fields, 1, 1, ':')).get());
   EXPECT_EQ(nullptr, fr_implode(fields, 2, 1, ':'));
 }
 
 TEST(Str, Base64IsStandardPaddedAndInOneLine) {
   const string large((3 << 20) + 1, '\0');  // beyond the size that is encoded at once
-  const struct {
-    string data, expected;
-  } rows[] = {{"", ""},
-              {"f", "Zg=="},
-              {"fo", "Zm8="},
-              {{"\0\xff\xfe", 3}, "AP/+"},
-              {large, string((large.size() - 1) / 3 * 4, 'A') + "AA=="}};
-  for (const auto &row : rows) {
-    EXPECT_EQ(row.expected, c_string(base64_enc_str(row.data.data(), row.data.size())).get());
-  }
+  const std::pair<string, string> rows[] = {
+      {"", ""},
+      {"fo", "Zm8="},
+      {{"\0\xff\xfe", 3}, "AP/+"},
+      {large, string((large.size() - 1) / 3 * 4, 'A') + "AA=="}};
+  for (const auto &[data, expected] : rows)
+    EXPECT_EQ(expected, c_string(base64_enc_str(data.data(), data.size())).get());
 }
 
 TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
@@ -138,7 +122,6 @@ TEST(Parseconfig, TakesEveryFormOfALine) {
               {"KEY \"/srv/my q \"\n", "/srv/my q "},
               {"KEY = \"\"\n", ""},
               {"KEY\n", ""},
-              {"KEY =\n", ""},
               {"KEY =x\n", "=x"},
               {"KEY one\nKEY a = b # c\n", "a = b # c"},
               {"KEY \"\n", "\""},
