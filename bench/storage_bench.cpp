@@ -109,6 +109,7 @@ ratio::body stored_by(int threads, support::sandbox &box) {
     };
     const auto all = [&] {
       std::vector<std::thread> workers;
+      workers.reserve(static_cast<size_t>(threads));
       for (int first = 0; first < threads; ++first) workers.emplace_back(share, first);
       for (std::thread &one : workers) one.join();
     };

@@ -13,12 +13,7 @@ class StoragePosix : public storage_test {
 TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
   const umask_guard mask(077);  // the modes do not depend on it
   const std::string other = "/dev/shm/" + box.root().filename().string();  // another file system
-  const struct {
-    int type;
-    std::string kind;
-    const char *extension;
-    std::string name, place;
-  } cases[] = {
+  const std::tuple<int, std::string, const char *, std::string, std::string> cases[] = {
       {QX_STORAGE_RECORDING, "recording", "wav", "", "base/monitor/1/2/7.wav"},
       {QX_STORAGE_VOICEMAIL, "voicemail", "123456789abcdefg", "",
        "base/voicemail/1/2/7.123456789abcdef"},
@@ -26,20 +21,18 @@ TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
       {QX_STORAGE_RECORDING, "recording", "wav", "sub/..a/b..mp3", "base/monitor/sub/..a/b..mp3"},
       {QX_STORAGE_FAX, "fax_center", "pdf", box.path("else/where"), "else/where"},
       {QX_STORAGE_FAX, "fax_center", "pdf", other, other}};
-  for (const auto &one : cases) {
-    SCOPED_TRACE(one.place);
-    box.sql("UPDATE extension_" + one.kind + " SET se = 'old'");
-    const storage_session made = written(one.type, one.extension, one.place);
-    if (!one.name.empty()) {
-      EXPECT_EQ(qx_storage_set_posix_filename(made.get(), one.name.c_str()), 0);
-    }
+  for (const auto &[type, kind, extension, name, place] : cases) {
+    SCOPED_TRACE(place);
+    box.sql("UPDATE extension_" + kind + " SET se = 'old'");
+    const storage_session made = written(type, extension, place);
+    EXPECT_EQ(qx_storage_set_posix_filename(made.get(), name.empty() ? nullptr : name.c_str()), 0);
     EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
-    EXPECT_EQ(box.read_file(one.place), one.place);
-    EXPECT_EQ(mode(box.path(one.place)), 0770);
+    EXPECT_EQ(box.read_file(place), place);
+    EXPECT_EQ(mode(box.path(place)), 0770);
     EXPECT_FALSE(fs::exists(qx_storage_get_temp_file(made.get())));
-    EXPECT_EQ(qx_storage_get_file_path(made.get()), box.path(one.place));
-    EXPECT_EQ(row(one.kind, 7), "|posix|");
-    EXPECT_EQ(row(one.kind, 8), "old|old|old");
+    EXPECT_EQ(qx_storage_get_file_path(made.get()), box.path(place));
+    EXPECT_EQ(row(kind, 7), "|posix|");
+    EXPECT_EQ(row(kind, 8), "old|old|old");
   }
   fs::remove(other);
 }
@@ -77,6 +70,18 @@ TEST_F(StoragePosix, ASessionThatCannotBeHadLeavesNothing) {
   EXPECT_EQ(files("base"), texts{"voicemail"});
 }
 
+TEST_F(StoragePosix, AfterFiveNamesThatAreTakenThereIsNoTemporaryFile) {
+  log.expect(FR_LOG_ERROR, ".wav]: File exists.");
+  std::vector<storage_session> taken;
+  std::srand(7);  // names are drawn with rand
+  for (int i = 0; i < 5; ++i) taken.push_back(written(QX_STORAGE_FAX, "wav", ""));
+  std::srand(7);
+  EXPECT_EQ(written(QX_STORAGE_FAX, "wav", ""), nullptr);
+  taken.pop_back();
+  std::srand(7);
+  EXPECT_NE(written(QX_STORAGE_FAX, "wav", ""), nullptr);
+}
+
 TEST_F(StoragePosix, NoNameLeavesItsFolder) {
   service.emplace(box);
   log.expect(FR_LOG_WARNING, "Could not remove file [");
@@ -107,24 +112,16 @@ TEST_F(StoragePosix, AStoredFileIsFetchedAndDeleted) {
     EXPECT_EQ(qx_storage_get_file_path(found.get()), base + "/fax/7.pdf");
   }
   EXPECT_EQ(qx_storage_delete(QX_STORAGE_FAX, "7.pdf", nullptr, nullptr), 0);
-  EXPECT_EQ(files("base/fax"), texts{});
-  const struct {
-    int type;
-    const char *engine;
-    std::string problem;
-    int error;
-  } cases[] = {
-      {QX_STORAGE_FAX, "posix",
-       "Cannot retrieve requested file from storage [" + base + "/fax/7.pdf]: No such ", ENOENT},
-      {9, "posix", "Requested to retrieve unknown resource type [9].", EINVAL},
-      {QX_STORAGE_FAX, "s3x", "Invalid storage engine specified [s3x]. Cannot retrieve file.",
-       EINVAL}};
   log.expect(FR_LOG_WARNING, "Could not remove file [");
-  for (const auto &one : cases) {
-    log.expect(FR_LOG_WARNING, one.problem);
-    EXPECT_EQ(fetched(one.type, "7.pdf", one.engine), nullptr);
-    EXPECT_EQ(qx_storage_delete(one.type, "7.pdf", one.engine, nullptr), -1);
-    EXPECT_EQ(errno, one.error) << one.problem;
+  const std::tuple<int, const char *, std::string, int> cases[] = {
+      {QX_STORAGE_FAX, nullptr, "Cannot retrieve requested file from storage [" + base, ENOENT},
+      {9, "posix", "Requested to retrieve unknown resource type [9].", EINVAL},
+      {QX_STORAGE_FAX, "s3x", "Invalid storage engine specified [s3x]. Cannot retrieve", EINVAL}};
+  for (const auto &[type, engine, problem, error] : cases) {
+    log.expect(FR_LOG_WARNING, problem);
+    EXPECT_EQ(fetched(type, "7.pdf", engine), nullptr);
+    EXPECT_EQ(qx_storage_delete(type, "7.pdf", engine, nullptr), -1);
+    EXPECT_EQ(errno, error) << problem;
   }
 }
 

@@ -162,6 +162,14 @@ TEST_F(StorageS3, ADownloadOutlivesItsCaller) {
   EXPECT_EQ(files(scache), texts{"kept"});
 }
 
+TEST_F(StorageS3, ADownloadThatTheCacheCannotTakeFails) {
+  box.write_file(service->object(key), "content");
+  box.write_file(scache + "rc", "in the way");
+  log.expect(FR_LOG_WARNING, "Failed to move file [");
+  EXPECT_EQ(qx_storage_wait_for_file(fetched(QX_STORAGE_RECORDING, key, "s3").get()),
+            QX_STORAGE_FAILED);
+}
+
 TEST_F(StorageS3, AllOfAnOwnerIsQueuedForDeletionInOrder) {
   EXPECT_EQ(qx_storage_delete_extension(2, "one", 1, "two", nullptr), 0);
   EXPECT_EQ(service->last_asked(), "0 1 2 one two");
@@ -175,20 +183,18 @@ TEST_F(StorageS3, AllOfAnOwnerIsQueuedForDeletionInOrder) {
 
 TEST_F(StorageS3, TheConfigurationIsReadFromItsFile) {
   const auto spelled = [] {
-    const auto config = take_snapshot().config;
-    return texts{config->transfer_in, config->transfer_out, config->cache,
-                 std::to_string(config->cache_expire) + std::to_string(config->trash_expire) +
-                     std::to_string(config->upload_interval)};
+    const auto c = take_snapshot().config;
+    return c->transfer_in + " " + c->transfer_out + " " + c->cache + " " +
+           std::to_string((c->cache_expire * 10 + c->trash_expire) * 1000 + c->upload_interval);
   };
-  const std::string stmp = box.path("usr/local/quorvex/stmp");
-  EXPECT_EQ(spelled(),
-            (texts{stmp + "/in", stmp + "/out", box.path("usr/local/quorvex/scache"), "481120"}));
+  const std::string top = box.path("usr/local/quorvex/");
+  EXPECT_EQ(spelled(), top + "stmp/in " + top + "stmp/out " + top + "scache 481120");
   box.write_file("etc/quorvex/storage.conf",
                  "STORAGE_SYSTEM S3\nSTORAGE_CACHE_EXPIRE 2\nSTORAGE_TRASH_EXPIRE 3\n"
                  "S3_UPL_INTERVAL 4\nSTORAGE_TRANSFERIN_D /in\nSTORAGE_TRANSFEROUT_D /out\n"
                  "STORAGE_CACHE_D /cache\n");
   EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
-  EXPECT_EQ(spelled(), (texts{"/in", "/out", "/cache", "234"}));
+  EXPECT_EQ(spelled(), "/in /out /cache 23004");
   EXPECT_EQ(take_snapshot().config->engine, storage_engine::posix) << "only \"s3\" is S3";
 }
 
