@@ -181,7 +181,7 @@ TEST_F(StorageS3, AllOfAnOwnerIsQueuedForDeletionInOrder) {
   EXPECT_EQ(written(QX_STORAGE_FAX, "pdf", ""), nullptr) << "nor is a file kept nowhere";
 }
 
-TEST_F(StorageS3, TheConfigurationIsReadFromItsFile) {
+TEST_F(StorageS3, TheConfigurationIsReadFromItsFileForNewSessions) {
   const auto spelled = [] {
     const auto c = take_snapshot().config;
     return c->transfer_in + " " + c->transfer_out + " " + c->cache + " " +
@@ -189,6 +189,7 @@ TEST_F(StorageS3, TheConfigurationIsReadFromItsFile) {
   };
   const std::string top = box.path("usr/local/quorvex/");
   EXPECT_EQ(spelled(), top + "stmp/in " + top + "stmp/out " + top + "scache 481120");
+  const storage_session old = written(QX_STORAGE_RECORDING, "wav", "x");
   box.write_file("etc/quorvex/storage.conf",
                  "STORAGE_SYSTEM S3\nSTORAGE_CACHE_EXPIRE 2\nSTORAGE_TRASH_EXPIRE 3\n"
                  "S3_UPL_INTERVAL 4\nSTORAGE_TRANSFERIN_D /in\nSTORAGE_TRANSFEROUT_D /out\n"
@@ -196,6 +197,8 @@ TEST_F(StorageS3, TheConfigurationIsReadFromItsFile) {
   EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
   EXPECT_EQ(spelled(), "/in /out /cache 23004");
   EXPECT_EQ(take_snapshot().config->engine, storage_engine::posix) << "only \"s3\" is S3";
+  EXPECT_EQ(qx_storage_commit_file(old.get(), 7), 0);
+  EXPECT_EQ(files(scache), texts{key}) << "a session keeps what it was made with";
 }
 
 }  // namespace
