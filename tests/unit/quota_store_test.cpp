@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <thread>
 
 #include "sqlsession.h"
 #include "support/log_capture.h"
@@ -78,6 +80,21 @@ TEST_F(Store, MediaPathsFollowKindAndLevel) {
   }
 }
 
+TEST_F(Store, AppendedIdsLoseTheirPadding) {
+  const struct {
+    const char *path, *id;
+    int number, keep_zeros;
+    const char *result;
+  } rows[] = {{"/q", "0042", 0, 0, "/q/42"},   {"/q/", "400", 0, 0, "/q/400"},
+              {"/q", "0042", 0, 1, "/q/0042"}, {"/q", "0000", 0, 0, "/q/"},
+              {"/q", "0042", -7, 0, "/q/-7"},  {"/q", nullptr, 0, 0, nullptr}};
+  for (const auto &row : rows) {
+    char *path = ::strdup(row.path);
+    EXPECT_STREQ(quota_str_append(&path, row.number, row.id, row.keep_zeros), row.result);
+    std::free(path);
+  }
+}
+
 TEST_F(Store, RecordsAreReadByTheirFirstDot) {
   const std::pair<std::string, const char *> rows[] = {
       // result, value, revision
@@ -144,6 +161,20 @@ TEST_F(Store, MissingDirectoriesAreMadeUpToTheFirstObstacle) {
     EXPECT_EQ(fs::status(path(row.there)).permissions(), fs::perms{0770});
   }
   EXPECT_EQ(make_dirs(nullptr, 0770, 0, 0), -1);
+}
+
+TEST_F(Store, SeveralThreadsMayMakeOneDirectoryAtOnce) {
+  std::atomic<int> failures = 0;
+  const auto make = [&] {
+    for (int i = 0; i < 60; ++i) {
+      const std::string folder = path(std::to_string(i)) + "/a/b/c/d/e/f";
+      failures -= make_dirs(folder.c_str(), 0770, ::getuid(), ::getgid());
+    }
+  };
+  std::vector<std::jthread> makers(4);
+  for (std::jthread &maker : makers) maker = std::jthread(make);
+  makers.clear();
+  EXPECT_EQ(failures, 0);
 }
 
 TEST_F(Store, DirtyMarksStandBesideTheirFile) {

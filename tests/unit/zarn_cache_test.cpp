@@ -60,6 +60,7 @@ TEST_F(CacheLayer, AbsentRowMarkerIsNeverTheFirstEntryOfANonPersistentHash) {
   EXPECT_EQ("_NR_", cached("res:t:none", "f")) << "a persistent hash may begin with it";
   get("null");
   EXPECT_EQ("_NL_", cached("res:t:null", "f")) << "and any hash with a NULL column";
+  EXPECT_NE(0, check_add_norows_to_missing_persistent("absent", 0, "_NR_"));
   for (const char *other : {"_NR_1", static_cast<const char *>(nullptr)})
     EXPECT_EQ(0, check_add_norows_to_missing_persistent("absent", 0, other));
 }
