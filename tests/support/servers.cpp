@@ -27,7 +27,7 @@ std::string variable(const char *name) {
 
 // What the testbed exported under this name.
 std::string from_testbed(const char *name) {
-  const std::string value = variable(name);
+  std::string value = variable(name);
   if (value.empty()) throw std::runtime_error("run the tests under the testbed: make test");
   return value;
 }

@@ -34,8 +34,9 @@ class scripted_peer {
   scripted_peer(const std::vector<std::string> &texts, bool drip) : texts_(texts), drip_(drip) {
     sockaddr_un address{AF_UNIX, {}};
     path().copy(address.sun_path, sizeof address.sun_path - 1);
-    bind(listener_.get(), reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(listener_.get(), 16);
+    const auto *generic = reinterpret_cast<sockaddr *>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, sizeof address), 0);
+    EXPECT_EQ(listen(listener_.get(), 16), 0);
     thread_ = std::jthread([this](const std::stop_token &stop) {
       while (!stop.stop_requested()) {
         serve(unique_fd(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)), stop);
