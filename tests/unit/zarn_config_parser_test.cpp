@@ -110,13 +110,12 @@ TEST_F(ConfigParser, AMalformedRecordEndsTheSearch) {
 
 TEST_F(ConfigParser, HostsMayHoldColons) {
   const struct {
-    int master;
     const char *content, *host;  // no host: none is found, and the port stays
-    int port;
-  } rows[] = {{1, "DB_MASTER main:fe80::1:5432 # v6\n", "fe80::1", 5432},
-              {1, "DB_SLAVE main:s:2\nXDB_MASTER main:/run/db.sock:\n", "/run/db.sock", 0},
-              {0, "DB_MASTER main:m:1\nDB_SLAVE main:s:2\n", "s", 2},
-              {1, "DB_MASTERX main:h:1\nDB_SLAVE main:h:1\nDB_MASTER other:h:1\n", nullptr, -7}};
+    int master, port;
+  } rows[] = {{"DB_MASTER main:fe80::1:5432 # v6\n", "fe80::1", 1, 5432},
+              {"DB_SLAVE main:s:2\nXDB_MASTER main:/run/db.sock:\n", "/run/db.sock", 1, 0},
+              {"DB_MASTER main:m:1\nDB_SLAVE main:s:2\n", "s", 0, 2},
+              {"DB_MASTERX main:h:1\nDB_SLAVE main:h:1\nDB_MASTER other:h:1\n", nullptr, 1, -7}};
   for (const auto &row : rows) {
     char *host = nullptr;
     int32_t port = -7;
