@@ -93,11 +93,12 @@ TEST_F(ConfigParser, CredentialsAreTheFieldsOfTheFirstLineWithTheId) {
 }
 
 TEST_F(ConfigParser, AMalformedRecordEndsTheSearch) {
-  for (const auto &[line, content] : {std::pair<string, string>("1", "DB_CREDENTIALS main:u:p"),
-                                      {"3", "\n# comment\nDB_CREDENTIALS main:u:p:d:e"},
-                                      {"4", string(600, 'x') + "\nDB_CREDENTIALS"}}) {
+  for (const auto &[line, content] :
+       {std::pair<const char *, string>("1", "DB_CREDENTIALS main:u:p"),
+        {"3", "\n# comment\nDB_CREDENTIALS main:u:p:d:e"},
+        {"4", string(600, 'x') + "\nDB_CREDENTIALS"}}) {
     const string path = file(content + "\nDB_CREDENTIALS main:u:p:d\n");
-    expect_error("Invalid DB credentials line [" + line + "] in <" + path + ">.", [&] {
+    expect_error("Invalid DB credentials line [" + string(line) + "] in <" + path + ">.", [&] {
       EXPECT_EQ(-1,
                 qx_conf_parse_db_cred(nullptr, path.c_str(), "main", nullptr, nullptr, nullptr));
     });
