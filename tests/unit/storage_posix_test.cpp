@@ -1,4 +1,6 @@
 // File storage in local directories, and what both engines refuse.
+#include <array>
+
 #include "storage_fixture.h"
 
 namespace {
@@ -72,12 +74,12 @@ TEST_F(StoragePosix, ASessionThatCannotBeHadLeavesNothing) {
 
 TEST_F(StoragePosix, AfterFiveNamesThatAreTakenThereIsNoTemporaryFile) {
   log.expect(FR_LOG_ERROR, ".wav]: File exists.");
-  std::vector<storage_session> taken;
+  std::array<storage_session, 5> taken;
   std::srand(7);  // names are drawn with rand
-  for (int i = 0; i < 5; ++i) taken.push_back(written(QX_STORAGE_FAX, "wav", ""));
+  for (storage_session &session : taken) session = written(QX_STORAGE_FAX, "wav", "");
   std::srand(7);
   EXPECT_EQ(written(QX_STORAGE_FAX, "wav", ""), nullptr);
-  taken.pop_back();
+  taken.back().reset();
   std::srand(7);
   EXPECT_NE(written(QX_STORAGE_FAX, "wav", ""), nullptr);
 }
