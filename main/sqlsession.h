@@ -3,7 +3,8 @@
  * A SessionHandle belongs to whoever took it with sess_init and to one thread at a time. Functions
  * whose name ends in _sess take one or NULL; with NULL they take a session of their own and give
  * it back before they return, and they never release a caller's. Sessions are taken and given back
- * from several threads; set the pool up before they start, and close it after they have ended. */
+ * from several threads; set the pool up before they start, and close it after they have ended.
+ * A child of fork may go on with the pool, but not with sessions of its parent. */
 #ifndef MAIN_SQLSESSION_H
 #define MAIN_SQLSESSION_H
 

@@ -39,6 +39,9 @@ bool is_closed_by_server(MYSQL *mysql);
 // Asks the server for a sign of life, within the time that connecting may take.
 bool answers_ping(MYSQL *mysql);
 
+// Lets go of a connection that another process goes on using, without a word to the server.
+void abandon(mysql_handle handle);
+
 // Whether the connection's last error leaves it unusable.
 bool is_lost(MYSQL *mysql);
 

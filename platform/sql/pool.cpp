@@ -1,5 +1,7 @@
 #include "pool.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
 #include <optional>
@@ -46,6 +48,7 @@ sql_server *choose(fr_sql_shard &shard, bool is_master, const tried_list &tried)
 std::optional<attempt> next_attempt(fr_sql_shard &shard, sql_purpose purpose,
                                     const tried_list &tried) {
   const std::lock_guard guard(shard.lock);
+  keep_to_own_connections(shard);
   sql_server *server = purpose == sql_purpose::read ? choose(shard, false, tried) : nullptr;
   if (server == nullptr) server = choose(shard, true, tried);
   if (server == nullptr) return std::nullopt;
@@ -93,6 +96,16 @@ bool connect(fr_sql_shard &shard, sql_server &server, mysql_handle &handle) {
 
 }  // namespace
 
+void keep_to_own_connections(fr_sql_shard &shard) {
+  if (shard.process == getpid()) return;
+  for (sql_server &server : shard.servers) {
+    for (idle_connection &inherited : server.idle) abandon(std::move(inherited.handle));
+    server.idle.clear();
+  }
+  shard.in_use = 0;
+  shard.process = getpid();
+}
+
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
   tried_list tried;
   mysql_handle failed;
@@ -115,6 +128,7 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
 
 bool may_connect_later(fr_sql_shard &shard) {
   const std::lock_guard guard(shard.lock);
+  keep_to_own_connections(shard);
   return shard.in_use > 0 &&
          std::all_of(shard.servers.begin(), shard.servers.end(),
                      [](const sql_server &server) { return server.idle.empty(); });

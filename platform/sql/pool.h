@@ -38,6 +38,7 @@ struct fr_sql_shard {
   std::deque<sql_server> servers;
   size_t next_slave = 0;
   size_t in_use = 0;     // live connections that sessions hold
+  pid_t process = 0;     // whose these connections are
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
 };
 
@@ -57,6 +58,10 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
 // shows that a server answers: it may then just as well connect when it has a statement to run. A
 // server that dies in between shows as a failed statement instead of as no session.
 bool may_connect_later(fr_sql_shard &shard);
+
+// Drops what a child of fork inherited: two processes that share a connection read each other's
+// answers. The caller holds the shard's lock.
+void keep_to_own_connections(fr_sql_shard &shard);
 
 // Keeps the connection for the next taker, unless somebody's transaction is open.
 void return_connection(fr_sql_shard &shard, sql_lease lease);

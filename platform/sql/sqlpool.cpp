@@ -165,6 +165,7 @@ int fr_sqlpool_destroy(void) {
     for (const auto &shard : shards) {
       const std::lock_guard guard(shard->lock);
       shard->retired = true;
+      keep_to_own_connections(*shard);
       for (sql_server &server : shard->servers) server.idle.clear();
     }
     return 0;

@@ -11,7 +11,8 @@
  *
  * Connecting may take 3 s, after what the resolver takes for a host name (on a Unix socket, 3 s for
  * each wait); a statement without any answer fails after 600 s. Text is utf8mb4.
- * All functions may be called from any thread; a session belongs to one thread at a time. */
+ * All functions may be called from any thread; a session belongs to one thread at a time. A child
+ * of fork gets connections of its own, but must not use the sessions that its parent had out. */
 #ifndef PLATFORM_SQL_SQLPOOL_H
 #define PLATFORM_SQL_SQLPOOL_H
 

@@ -1,6 +1,7 @@
 #include "group.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -110,6 +111,7 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
       write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
                 server.host.c_str());
       state.connection = std::move(connection);
+      state.connected_by = getpid();
       return true;
     }
     server.look_up = true;
@@ -140,6 +142,9 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
   if (command.empty()) return VK_ERR_MEMORY;
   const std::lock_guard guard(state.lock);
   if (state.servers.empty()) return VK_ERR_CLIENT;
+  // A child of fork leaves the connection to its parent: two that share one read each other's
+  // replies.
+  if (state.connection && state.connected_by != getpid()) state.connection.reset();
   const auto start = vk_clock::now();
   if (!state.connection && start < state.paused_until) return VK_ERR_DOWN;
   const bool on_trial = state.failures > 0;

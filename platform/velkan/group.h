@@ -49,6 +49,7 @@ struct vk_state {
   int database = 0;
 
   std::optional<vk_connection> connection;
+  pid_t connected_by = 0;
   int failures = 0;  // since the group was last trusted
   vk_clock::time_point paused_until;
 };

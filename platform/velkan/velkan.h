@@ -10,8 +10,8 @@
  * serve; that may take as long as the resolver does. An address costs nothing.
  *
  * Keys, fields and values are counted byte strings. Functions return 0 on success and an error
- * code that vk_strerror explains otherwise. They may be called from any thread. What they hand out
- * is malloc'ed and the caller's. */
+ * code that vk_strerror explains otherwise. They may be called from any thread, and in a child of
+ * fork, which gets a connection of its own. What they hand out is malloc'ed and the caller's. */
 #ifndef PLATFORM_VELKAN_VELKAN_H
 #define PLATFORM_VELKAN_VELKAN_H
 

@@ -1,8 +1,13 @@
 // Lookups of accounts: what is asked, what is cached, and what each lookup does differently.
 #include "zarn_user.h"
 
+#include <sys/wait.h>
+
+#include <array>
+
 #include "lookup_fixture.h"
 #include "sql_owner.h"
+#include "zarn_extension.h"
 
 namespace {
 
@@ -211,6 +216,34 @@ TEST_F(Account, PreferencesAreCachedUnderTheirShortNames) {
   EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(3, "other"))) << "it has no place in the cache";
   EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(2, "max_moh")));
   EXPECT_EQ(std::nullopt, taken(qx_account_get_pref(3, nullptr)));
+}
+
+TEST_F(Account, ChildrenOfForkKeepOutOfTheConversationsOfTheirParent) {
+  const auto all_right = [] {
+    for (int i = 0; i < 200; ++i) {
+      if (qx_account_get_level(3) != 100 || taken(qx_get_full_number("2", "31")) != "0002*31")
+        return false;
+    }
+    return true;
+  };
+  box.add_extension(31, 3, "31");
+  EXPECT_TRUE(all_right());
+  std::array<pid_t, 3> children;
+  for (pid_t &child : children) {
+    child = ::fork();
+    if (child != 0) continue;
+    const bool good = all_right();
+    qx_sql_pool_destroy();
+    ::_exit(good ? 0 : 1);
+  }
+  EXPECT_TRUE(all_right());
+  for (const pid_t child : children) {
+    int ended = -1;
+    ::waitpid(child, &ended, 0);
+    EXPECT_EQ(ended, 0);
+  }
+  EXPECT_TRUE(all_right());
+  EXPECT_FALSE(log.has("error"));
 }
 
 }  // namespace
