@@ -49,23 +49,26 @@ int quota_read_sql(int account_id, unsigned kind, int64_t *values, int *revision
 
 /* Adds `delta` bytes to the quota files of one kind of an account and of all accounts above it, as
  * a component does after it stored or deleted media. `wait` is the time in milliseconds that each
- * file's lock is tried for, in steps of 10; negative means 30. A file that cannot be brought up to
- * date is left with a dirty mark, so that the next refresh computes it again, and the others are
- * updated all the same. The process umask is 007 during the call.
+ * file's lock is tried for, in steps of 10; negative means 30. A file that cannot be locked, read
+ * or written is left with a dirty mark, so that the next refresh computes it again, and the others
+ * are updated all the same; one that cannot even be opened loses the delta without a mark. The
+ * process umask is 007 during the call.
  *
  * 0 when the update ran, whatever came of single files; -1 for a kind above 4, no database session,
- * or no reseller above the account; -2 when an account on the way up is not known. */
+ * no reseller above the account, or a way up that leads in a circle; -2 when an account on it is
+ * not known. */
 int quota_update(int account_id, unsigned kind, int64_t delta, int wait);
 
 /* The same for an account whose place in the tree is known; an id is 0 where there is none, and
- * `wait` is taken as it is. The umask is the caller's. 0; -1 for a kind above 5 or a reseller that
+ * `wait` is taken as it is. The umask is the caller's. 0; -1 for a kind above 4 or a reseller that
  * is not positive. */
 int quota_update_fast(unsigned kind, int64_t delta, int wait, int reseller_id, int client_id,
                       int owner_id);
 
 /* The same for one quota file by its path; it and its directory are created when they are not
- * there. The lock is tried wait / 10 + 1 times, with 10 ms after each failure. A sum below 0 is
- * stored as 0. A delta of 0 only reads, unless the file is new.
+ * there. The lock is tried wait / 10 + 1 times, with 10 ms after each failure; once and without a
+ * pause for a negative wait. A file that another process has just created and not yet filled counts
+ * as locked. A sum below 0 is stored as 0. A delta of 0 only reads, unless the file is new.
  *
  * The file's value in bytes, of which an int holds the lowest 32 bits: 2 GiB and more give a
  * negative number or a wrong small one. -1 when there is no value: a path without "/", no user or
@@ -74,20 +77,20 @@ int quota_update_fast(unsigned kind, int64_t delta, int wait, int reseller_id, i
 int quota_upd_fast_internal(const char *path, int64_t delta, int wait);
 
 /* Whether an account, or one above it, has used up its storage of one kind: asked before media is
- * stored. Limits are the accounts' preferences, in KiB; an account without one is never full, and
- * neither is one whose file is dirty or not readable, or holds 2 GiB to less than 4 GiB, which the
- * 32 bits of quota_upd_fast_internal show as a negative number. Tries each lock once and never
- * waits. A missing file is created and holds 0 afterwards, a file that is locked gets a dirty mark.
- * Also prints its result as one line on standard output.
+ * stored. Limits are the accounts' preferences, in KiB; a text that is no number is a limit of 0.
+ * An account without one is never full, and neither is one whose file is dirty or not readable, or
+ * holds 2 GiB to less than 4 GiB, which the 32 bits of quota_upd_fast_internal show as a negative
+ * number. Tries each lock once and never waits. A missing file is created and holds 0 afterwards, a
+ * file that is locked gets a dirty mark. Also prints its result as one line on standard output.
  *
  * 0 when nothing is full, or the root was met on the way up; the id of the full account, the lowest
  * one first, plus 10,000,000 times its level (owner 100, client 50, reseller 10); -1 for a kind
- * above 4, no database session, or no reseller above the account; -2 when an account on the way up
- * is not known. */
+ * above 4, no database session, no reseller above the account, or a way up that leads in a circle;
+ * -2 when an account on it is not known. */
 int quota_verify(int account_id, unsigned kind);
 
 /* The same for an account whose place in the tree and limits in bytes are known; a negative limit
- * is none. Prints and logs nothing. -1 for a kind above 5 or a reseller that is not positive. */
+ * is none. Prints and logs nothing. -1 for a kind above 4 or a reseller that is not positive. */
 int quota_verify_disk(unsigned kind, int reseller_id, int client_id, int owner_id,
                       int64_t reseller_limit, int64_t client_limit, int64_t owner_limit);
 

@@ -2,6 +2,8 @@
 #include "quota/store.h"
 #include "sql_owner.h"
 
+QX_LOG_SOURCE("../main/quota");
+
 namespace {
 
 c_string quota_file_of(int account_id, int parent_id, int grandparent_id, unsigned kind) {
@@ -18,7 +20,10 @@ c_string quota_file_of(int account_id, int parent_id, int grandparent_id, unsign
 
 int read_by_place(int account_id, unsigned kind, int64_t *values, int *revisions) {
   const sql_session session;
-  if (!session) return -1;
+  if (!session) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
   int level = 0;
   int parent = 0;
   const int error = get_parid_level(session.get(), account_id, &parent, nullptr, &level, nullptr);

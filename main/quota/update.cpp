@@ -17,15 +17,25 @@ namespace {
 constexpr int default_wait = 30;  // ms
 constexpr int lock_step = 10;     // ms
 
-bool try_lock(int fd) {
-  return ::flock(fd, LOCK_EX | LOCK_NB) == 0;
+bool is_empty(int fd) {
+  struct stat status {};
+  return ::fstat(fd, &status) == 0 && status.st_size == 0;
+}
+
+// Somebody else's file that is still empty is being created: who made it has yet to come for the
+// lock, and is let in first.
+bool try_lock(int fd, bool created) {
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
+  if (created || !is_empty(fd)) return true;
+  ::flock(fd, LOCK_UN);
+  return false;
 }
 
 // Tries as often as the wait has steps, and once more; a negative wait is one try without a pause.
-bool lock_within(int fd, int wait) {
-  if (wait < 0) return try_lock(fd);
+bool lock_within(int fd, int wait, bool created) {
+  if (wait < 0) return try_lock(fd, created);
   for (int tries = wait / lock_step; tries >= 0; --tries) {
-    if (try_lock(fd)) return true;
+    if (try_lock(fd, created)) return true;
     fine_sleep(lock_step / 1000.0F);
   }
   return false;
@@ -76,7 +86,7 @@ int64_t update_file(const char *path, int64_t delta, int wait) {
   bool created = false;
   const unique_fd file = open_or_create(path, uid, gid, &created);
   if (!file) return -1;
-  if (!lock_within(file.get(), wait)) {
+  if (!lock_within(file.get(), wait, created)) {
     set_dirty(path);
     return -1;
   }
@@ -88,7 +98,10 @@ int64_t update_file(const char *path, int64_t delta, int wait) {
 
 int update_ancestry(int account_id, unsigned kind, int64_t delta, int wait) {
   const sql_session session;
-  if (!session) return -1;
+  if (!session) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
   int reseller = 0;
   int client = 0;
   int owner = 0;
@@ -114,6 +127,8 @@ int quota_upd_fast_internal(const char *path, int64_t delta, int wait) {
 
 int quota_update_fast(unsigned kind, int64_t delta, int wait, int reseller_id, int client_id,
                       int owner_id) {
+  // For all kinds at once there is no file: the path would be that of the account's directory.
+  if (kind >= QUOTA_ALL_KINDS) return -1;
   return no_throw(-1, [&] {
     ancestry_paths paths;
     if (!paths.make(kind, reseller_id, client_id, owner_id)) return -1;

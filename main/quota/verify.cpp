@@ -51,6 +51,7 @@ bool is_full(const c_string &path, int64_t limit) {
 }
 
 int verify_disk(unsigned kind, const limited_ancestry &place) {
+  if (kind >= QUOTA_ALL_KINDS) return -1;  // there is no file of all kinds
   ancestry_paths paths;
   if (!paths.make(kind, place.reseller.id, place.client.id, place.owner.id)) return -1;
   if (is_full(paths.owner, place.owner.limit)) return place.owner.id + LEVEL_OWNER * level_factor;
@@ -64,7 +65,10 @@ int verify_disk(unsigned kind, const limited_ancestry &place) {
 int verify(int account_id, unsigned kind, limited_ancestry &place) {
   if (kind >= QUOTA_ALL_KINDS) return -1;
   const sql_session session;
-  if (!session) return -1;
+  if (!session) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
   bool root_met = false;
   const int error = climb_tree(session.get(), account_id, [&](int id, int level) {
     root_met = level == LEVEL_ROOT;

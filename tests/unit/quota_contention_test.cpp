@@ -129,6 +129,25 @@ TEST_F(Contention, ReadersAlwaysFindARecordAndAQuietRefreshMakesAllExact) {
   EXPECT_EQ(stored(), right_figures);
 }
 
+TEST_F(Contention, FirstUpdatesOfAFileMeetWithoutAMark) {
+  const std::string &path = paths[0];
+  for (int round = 0; round < 20; ++round) {
+    fs::remove_all(fs::path(path).parent_path());
+    shared->stop = false;
+    std::vector<pid_t> children(6);
+    for (pid_t &child : children) {
+      child = start([&] {
+        while (!shared->stop) continue;
+        return quota_upd_fast_internal(path.c_str(), 5, 10'000) > 0;
+      });
+    }
+    shared->stop = true;
+    for (const pid_t child : children) expect_success(child);
+    EXPECT_EQ(box.read_file(path), "30.6");
+    EXPECT_FALSE(is_marked(path));
+  }
+}
+
 TEST_F(Contention, AnUpdateThatIsKilledWasDoneOrNot) {
   const std::string &path = paths[0];
   std::mt19937 random(1);

@@ -92,6 +92,11 @@ TEST_F(FastUpdate, ReachesTheAccountAndAllAboveIt) {
   EXPECT_EQ(::umask(before), 022U) << "the caller's umask is back";
   EXPECT_EQ(fs::status(owner).permissions(), fs::perms(0660));
   EXPECT_EQ(fs::status(fs::path(owner).parent_path()).permissions(), fs::perms(0770));
+  // An account of another level is passed on the way up.
+  box.add_account(7, 1, 20, "between");
+  box.add_client(2000, 7, "below it");
+  EXPECT_EQ(quota_update(2000, QUOTA_SOUND, 9, 0), 0);
+  EXPECT_EQ(box.quota_file(1, 2000, 0, "sound"), "9.1");
   EXPECT_EQ(quota_update(2, QUOTA_FAX, 50, 0), 0);
   EXPECT_EQ(quota_update_fast(QUOTA_FAX, 50, 0, 1, 2, 0), 0);
   EXPECT_EQ(stored(), (texts{"50.1", "250.6", "abc!"}));
@@ -113,6 +118,10 @@ TEST_F(FastUpdate, GivesUpOnALockAfterItsWaitAndUpdatesTheOthers) {
   });
   quota_update_fast(QUOTA_FAX, 1, 10'000, 1, 2, 12);
   EXPECT_EQ(stored(), (texts{"3.3", "2.2", "3.3"}));
+
+  const unique_fd again(::open(client.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(again.get(), LOCK_EX), 0);
+  EXPECT_GE(seconds_of([] { quota_update(12, QUOTA_FAX, 1, -1); }), 0.04) << "the usual wait";
 }
 
 TEST_F(FastUpdate, AFullDiskNeverLeavesAValueThatLooksRight) {
@@ -152,8 +161,11 @@ TEST_F(FastUpdate, SaysWhichAccountCannotBeUpdated) {
     EXPECT_EQ(quota_verify(row.account, row.kind), row.verify) << row.account;
   }
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(quota_update_fast(QUOTA_FAX, 1, 0, 0, 2, 12), -1);
-  EXPECT_EQ(quota_verify_disk(QUOTA_FAX, 0, 2, 12, 0, 0, 0), -1);
+  for (const auto &[kind, id] : {std::pair{QUOTA_FAX, 0}, {QUOTA_ALL_KINDS, 1}}) {
+    EXPECT_EQ(quota_update_fast(kind, 1, 0, id, 2, 12), -1);
+    EXPECT_EQ(quota_verify_disk(kind, id, 2, 12, 0, 0, 0), -1);
+  }
+  EXPECT_FALSE(fs::exists(reseller.substr(0, reseller.rfind('/'))));
   EXPECT_EQ(stored(), (texts{"-", "-", "-"}));
 }
 
@@ -207,16 +219,25 @@ TEST_F(FastUpdate, VerificationNeverWaitsAndMarksWhatIsLocked) {
 }
 
 TEST_F(FastUpdate, VerificationTakesLimitsInKibAndPrintsItsResult) {
-  box.set_preference(12, "max_sound", "10");
+  const struct {
+    unsigned kind;
+    const char *preference, *bytes;
+    int result;
+  } rows[] = {{QUOTA_FAX, "fax_storage", "1024.7", 1'000'000'012},
+              {QUOTA_SOUND, "max_sound", "2048.7", 1'000'000'012},
+              {QUOTA_RECORDING, "max_record", "3072.7", 1'000'000'012},
+              {QUOTA_VOICEMAIL, "max_voice", "4096.7", 1'000'000'012},
+              {QUOTA_MUSIC, "max_moh", "5119.7", 0}};
+  for (const auto &row : rows) box.set_preference(12, row.preference, std::to_string(row.kind + 1));
   box.set_preference(2, "max_sound", "99999999999999999999");
-  for (const auto &[bytes, result] : {std::pair{"10239.7", 0}, {"10240.7", 1'000'000'012}}) {
-    box.write_quota_file(1, 2, 12, "sound", bytes);
-    const std::string line =
-        " + quota_verify(target:1, resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
-        (result == 0 ? " (if >0 it means: client.id:0, client.level:0)"
-                     : " (if >0 it means: client.id:12, client.level:100)");
+  for (const auto &[kind, preference, bytes, result] : rows) {
+    box.write_quota_file(1, 2, 12, quota_kind_names[kind], bytes);
+    const std::string line = " + quota_verify(target:" + std::to_string(kind) +
+                             ", resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
+                             (result == 0 ? " (if >0 it means: client.id:0, client.level:0)"
+                                          : " (if >0 it means: client.id:12, client.level:100)");
     testing::internal::CaptureStdout();
-    EXPECT_EQ(quota_verify(12, QUOTA_SOUND), result);
+    EXPECT_EQ(quota_verify(12, kind), result);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), line + "\n");
     if (result != 0) log.expect(FR_LOG_ERROR, line);
     EXPECT_EQ(log.has(line), result != 0);
