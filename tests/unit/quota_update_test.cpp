@@ -220,17 +220,17 @@ TEST_F(FastUpdate, VerificationNeverWaitsAndMarksWhatIsLocked) {
 
 TEST_F(FastUpdate, VerificationTakesLimitsInKibAndPrintsItsResult) {
   const struct {
-    unsigned kind;
     const char *preference, *bytes;
+    unsigned kind;
     int result;
-  } rows[] = {{QUOTA_FAX, "fax_storage", "1024.7", 1'000'000'012},
-              {QUOTA_SOUND, "max_sound", "2048.7", 1'000'000'012},
-              {QUOTA_RECORDING, "max_record", "3072.7", 1'000'000'012},
-              {QUOTA_VOICEMAIL, "max_voice", "4096.7", 1'000'000'012},
-              {QUOTA_MUSIC, "max_moh", "5119.7", 0}};
+  } rows[] = {{"fax_storage", "1024.7", QUOTA_FAX, 1'000'000'012},
+              {"max_sound", "2048.7", QUOTA_SOUND, 1'000'000'012},
+              {"max_record", "3072.7", QUOTA_RECORDING, 1'000'000'012},
+              {"max_voice", "4096.7", QUOTA_VOICEMAIL, 1'000'000'012},
+              {"max_moh", "5119.7", QUOTA_MUSIC, 0}};
   for (const auto &row : rows) box.set_preference(12, row.preference, std::to_string(row.kind + 1));
   box.set_preference(2, "max_sound", "99999999999999999999");
-  for (const auto &[kind, preference, bytes, result] : rows) {
+  for (const auto &[preference, bytes, kind, result] : rows) {
     box.write_quota_file(1, 2, 12, quota_kind_names[kind], bytes);
     const std::string line = " + quota_verify(target:" + std::to_string(kind) +
                              ", resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
