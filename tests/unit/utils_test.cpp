@@ -2,6 +2,8 @@
 // files and names.
 #include <gtest/gtest.h>
 
+#include <grp.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -51,10 +53,16 @@ TEST(Console, ACommandIsSentAfterTheGreetingAndItsOutputComesAsItIsWithinLimits)
     console.join();
   }
   EXPECT_GT(0, ast_connect(box.path("absent").c_str()));
+  const unique_fd left(ast_connect(address.sun_path));  // by a console that only greets
+  write_safe(unique_fd(accept(listening.get(), nullptr, nullptr)).get(), "greeting", 8);
+  EXPECT_EQ(-1, ast_runcmd(left.get(), "core show", 0));  // and no signal ends the test
 
   int ends[2];
   ASSERT_EQ(0, pipe(ends));
   const unique_fd writing(ends[1]);
+  char last = 0;
+  EXPECT_EQ(0, fr_write_nb_full(writing.get(), "\n", 1, 1) + ast_el_read_char(ends[0], &last));
+  EXPECT_EQ(4, last);
   std::thread slow_reader([reading = unique_fd(ends[0])] {
     char part[512];
     for (int i = 0; i < 100 && read(reading.get(), part, sizeof part) > 0; ++i) sleep_for(20ms);
@@ -75,12 +83,20 @@ TEST(Console, ACommandIsSentAfterTheGreetingAndItsOutputComesAsItIsWithinLimits)
 TEST(Console, ARemoteAsteriskGetsItsArgumentsAndLeavesNoZombie) {
   support::sandbox box({.use_database = false, .use_cache = false});
   const string binary = box.path("asterisk");
-  box.write_file(
-      "asterisk",
-      "#!/bin/sh\n[ \"$2\" = hang ] && exec sleep 60\nprintf '%s|' \"$@\" > $0.argv; seq 99999");
+  box.write_file("asterisk", R"(#!/bin/sh
+[ "$2" = hang ] && exec sleep 60
+{ while read -r name set; do case $name in Sig[BI]*) printf '%s ' ${set#?????????};; esac; done
+  printf '%s|' "$@"; echo $(ls /proc/self/fd); } < /proc/$$/status > $0.argv; seq 99999)");
   chmod(binary.c_str(), 0700);
+  const unique_fd not_for_it(open("/dev/null", O_RDONLY));
+  signal(SIGUSR1, SIG_IGN);
+  sigset_t blocked;
+  sigfillset(&blocked);
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
   EXPECT_EQ(0, rasterisk(binary.c_str(), "'a b'; $HOME"));
-  EXPECT_EQ("-rx|'a b'; $HOME|", box.read_file("asterisk.argv"));
+  // Which of the first 28 signals it blocks and ignores, its arguments, and its descriptors and the
+  // one that ls has.
+  EXPECT_EQ("0000000 0000000 -rx|'a b'; $HOME|0 1 2 3\n", box.read_file("asterisk.argv"));
   EXPECT_NEAR(7, seconds_of([&] { EXPECT_EQ(0, rasterisk(binary.c_str(), "hang")); }), 2);
   EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));  // no child is left, alive or dead
   EXPECT_EQ(-1, rasterisk(box.path("absent").c_str(), "x"));
@@ -92,8 +108,8 @@ string shown(safestr_t text) {
 }
 
 TEST(Files, NumbersArePaddedAndNamesAndFoldersCheckedAndBothSafeCallsWrite) {
-  EXPECT_EQ("007 1234 none",
-            shown(pad(7, 3)) + " " + shown(pad(1234, 3)) + " " + shown(pad(-1, 3)));
+  EXPECT_EQ("007 1234 none none", shown(pad(7, 3)) + " " + shown(pad(1234, 3)) + " " +
+                                      shown(pad(-1, 3)) + " " + shown(pad(7, 0)));
   const char *const allowed[] = {"gsm", "wav", nullptr};
   const struct {
     const char *name, *extension;
@@ -102,6 +118,7 @@ TEST(Files, NumbersArePaddedAndNamesAndFoldersCheckedAndBothSafeCallsWrite) {
       {"a.tar.gz", "gz", 0, 0, 0, 0},  {"name.", "none", 0, 0, 5, 0},  {"A.WAV", "WAV", 0, 1, 5, 0},
       {"ab_1.wav", "wav", 1, 1, 0, 0}, {"a.wavx", "wavx", 0, 0, 0, 0}, {"ab_1", "none", 0, 0, 4, 1},
       {"ab_1", "none", 0, 0, 5, 0},    {"a-b", "none", 0, 0, 3, 0},    {"", "none", 0, 0, -1, 1},
+      {"ab_1", "none", 0, 0, 0, 1},
   };
   for (const auto &row : rows) {
     const safestr_owner name(safestr_dup(row.name));
@@ -121,4 +138,12 @@ TEST(Files, NumbersArePaddedAndNamesAndFoldersCheckedAndBothSafeCallsWrite) {
   const c_file file(std::fopen(box.path("f").c_str(), "w"));
   EXPECT_EQ(5, write_safe(fileno(file.get()), "one", 3) + read_safe(fileno(file.get()), "two", 2));
   EXPECT_EQ("onetw", box.read_file("f"));
+}
+
+TEST(Files, TheVersionAndCopiedEntriesAreTheCallersAndAreFreedWhole) {
+  EXPECT_TRUE(string(c_string(get_version_string()).get()).starts_with("spoolcap "));
+  const auto text = [] { return strdup("text"); };
+  const auto copy = []<class entry>(const entry &of) { return new (malloc(sizeof of)) entry(of); };
+  free_pw_nam(copy(passwd{text(), text(), 0, 0, text(), text(), text()}));
+  free_gr_nam(copy(group{text(), text(), 0, copy(std::array<char *, 3>{text(), text()})->data()}));
 }

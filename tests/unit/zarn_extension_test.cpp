@@ -12,7 +12,7 @@ namespace {
 
 using text = std::optional<std::string>;
 
-const char number[] = "0002*101", other_number[] = "0002*102";
+const char number[] = "0002*101", absent_number[] = "0002*100";
 const char info[] = "res:inf:ext:0002*101", prefs[] = "res:po:ext:0002*101";
 const char sip[] = "res:sip:ext:0002*101", sip_session[] = "rtl:sipses:ext:0002*101";
 
@@ -22,7 +22,10 @@ class Extension : public lookup_test {
     box.add_reseller(1, "reseller");
     box.add_client(2, 1, "client");
     box.add_owner(3, 2, "owner");
+    box.add_owner(8, 2, "owner of no extension");
     box.add_extension(11, 3, "101");
+    // Its owner is not there.
+    box.sql("INSERT INTO extension VALUES(10, 7, '102', '0002*102', NULL, NULL)");
     box.sql("INSERT INTO misc VALUES('ext_length', '3'), ('ext_separator', '*')");
   }
 };
@@ -35,7 +38,7 @@ TEST_F(Extension, FullNumberIsFoundByShortNumberAndParent) {
       {"2", "101", "0002*101"},       {"1", "101", std::nullopt},
       {"2", "102", std::nullopt},     {"", "101", std::nullopt},
       {nullptr, "101", std::nullopt}, {"2", "x' OR extension.number='101", "0002*101"},
-      {"2", nullptr, std::nullopt},
+      {"2", nullptr, std::nullopt},   {"2", "100", std::nullopt},
   };
   for (const auto &row : rows) {
     EXPECT_EQ(row.expected, taken(qx_get_full_number(row.parent, row.number)));
@@ -98,8 +101,9 @@ TEST_F(Extension, IdsAreCachedAsFarAsTheyWereRead) {
     qx_get_extension_ids(of, &id[0], &id[1], with_organisation ? &id[2] : nullptr);
     return std::to_string(id[0]) + " " + std::to_string(id[1]) + " " + std::to_string(id[2]);
   };
-  EXPECT_EQ("-1 -1 -1", ids(other_number));
-  EXPECT_EQ(-1, qx_get_extension_id(other_number));
+  EXPECT_EQ("-1 -1 -1", ids(absent_number));
+  EXPECT_EQ("-1 -1 -1", ids("0002*102")) << "with a user that is not there";
+  EXPECT_EQ(-1, qx_get_extension_id(absent_number));
   EXPECT_EQ("0", box.redis({"DBSIZE"}));
   cache(info, "extid", "99");
   EXPECT_EQ("11 3 7", ids(number, false)) << "half an answer of the cache is none";
@@ -112,7 +116,7 @@ TEST_F(Extension, IdsAreCachedAsFarAsTheyWereRead) {
   box.redis({"DEL", info});
   EXPECT_EQ("-1 -1 7", ids(number, false)) << "without a user";
   EXPECT_EQ("0", box.redis({"DBSIZE"}));
-  box.sql("UPDATE extension SET client_id=3, extended_number='0002*\\'\"\\\\1'");
+  box.sql("UPDATE extension SET client_id=3, extended_number='0002*\\'\"\\\\1' WHERE id=11");
   box.sql("UPDATE client SET parent_client_id=NULL");
   EXPECT_EQ("11 3 -1", ids("0002*'\"\\1")) << "escaped; without an organisation";
 }
@@ -139,6 +143,8 @@ TEST_F(Extension, PreferencesAndParametersHaveTheirPlacesInTheCache) {
       EXPECT_EQ("of " + name, of_system ? taken(qx_misc_get_param(name.c_str()))
                                         : taken(qx_extension_get_pref(number, name.c_str())));
       EXPECT_EQ("of " + name, cached(key, field));
+      for (const char *of : {absent_number, "0002*102"})
+        EXPECT_EQ(std::nullopt, taken(qx_extension_get_pref(of, name.c_str()))) << name;
     }
   }
   EXPECT_EQ(0, qx_billing_disabled());
@@ -146,44 +152,55 @@ TEST_F(Extension, PreferencesAndParametersHaveTheirPlacesInTheCache) {
   EXPECT_EQ(1, qx_billing_disabled());
 }
 
-const auto user_name = [] { return taken(qx_get_user_name_from_number(nullptr, number)); };
-const auto type = []() -> text { return std::to_string(qx_get_extension_type(number)); };
-const auto codecs = [] { return taken(qx_get_extension_codecs(number)); };
-const auto may = []() -> text { return std::to_string(qx_extension_can_register({}, number)); };
-const auto multi = []() -> text { return std::to_string(qx_is_multiuser_aware(number)); };
-const auto of_alias = [] { return taken(qx_get_extension_from_alias_sess(nullptr, "a")); };
-const auto alias = [] { return taken(qx_get_alias_from_full_number(nullptr, number)); };
-const auto timezone = [] { return taken(qx_get_extension_timezone(11)); };
-const auto pref_by_id = [] { return taken(qx_extension_get_pref_by_id(11, "dnd")); };
+// Each asks by the number or by the id, whichever it takes.
+using str = const char *;
+const auto user_name = [](str n, int) { return taken(qx_get_user_name_from_number(nullptr, n)); };
+const auto type = [](str n, int) -> text { return std::to_string(qx_get_extension_type(n)); };
+const auto codecs = [](str n, int) { return taken(qx_get_extension_codecs(n)); };
+const auto ok = [](str n, int) -> text { return std::to_string(qx_extension_can_register({}, n)); };
+const auto multi = [](str n, int) -> text { return std::to_string(qx_is_multiuser_aware(n)); };
+const auto of_alias = [](str n, int) { return taken(qx_get_extension_from_alias_sess({}, n + 7)); };
+const auto alias = [](str n, int) { return taken(qx_get_alias_from_full_number(nullptr, n)); };
+const auto timezone = [](str, int id) { return taken(qx_get_extension_timezone(id)); };
+const auto pref_by_id = [](str, int id) { return taken(qx_extension_get_pref_by_id(id, "dnd")); };
 
 TEST_F(Extension, AnswersAndNegativeAnswersAreCachedAsEachLookupDoes) {
-  box.sql("INSERT INTO timezone VALUES(5,'Rome')");
+  box.sql("INSERT INTO timezone VALUES(4,'Oslo'),(5,'Rome')");
   const text none;
-  const std::tuple<text (*)(), const char *, text, std::string, std::string, text, text> rows[] = {
-      {of_alias, "UPDATE extension SET alias='a'", number, "", "", none, number},
-      {alias, "DO 0", "a", "", "", none, "a"},
+  using row = std::tuple<text (*)(str, int), str, text, std::string, std::string, text, text>;
+  const row rows[] = {
+      {of_alias, "UPDATE extension SET alias='1' WHERE id=11", number, "", "", none, number},
+      {alias, "DO 0", "1", "", "", none, "1"},
       {timezone, "UPDATE client SET timezone_id=5", "Rome", "", "", none, "Rome"},
-      {pref_by_id, "INSERT INTO extension_prefs VALUES(11,'dnd','1')", "1", "", "", none, "1"},
+      {pref_by_id, "INSERT extension_prefs VALUES(11,'dnd',1),(12,'z',1)", "1", "", "", none, "1"},
       {user_name, "UPDATE client SET name='N'", "N", "res:cid:ext:0002*101", "ownona", "N", "N"},
-      {type, "UPDATE extension SET type='QUEUE'", "1", info, "typ", "QUEUE", "1"},
-      {type, "UPDATE extension SET type='queuecenter'", "8", info, "typ", "queuecenter", "8"},
+      {type, "UPDATE extension SET type='QUEUE' WHERE id=11", "1", info, "typ", "QUEUE", "1"},
       {type, "UPDATE extension SET type=NULL", "-1", info, "typ", "_NL_", "-1"},
       {codecs, "INSERT INTO codec VALUES(1,'a'),(2,'b')", none, prefs, "cod", "_NR_", none},
-      {codecs, "INSERT INTO extension_codec_rel VALUES(11,1,2),(11,2,1)", "b,a,", prefs, "cod",
-       "b,a,", "b,a,"},
-      {may, "INSERT INTO ser_subscriber VALUES(1,'0002*101',NULL)", "0", sip, "creg", none, "0"},
-      {may, "UPDATE ser_subscriber SET can_register=1", "1", sip, "creg", "1", "1"},
-      {may, "UPDATE ser_subscriber SET can_register=2", "0", sip, "creg", "2", "2"},
-      {multi, "DO 0", "0", prefs, "mu", "0", "0"},
+      {codecs, "INSERT INTO extension_codec_rel VALUES(9,1,3),(11,1,2),(11,2,1)", "b,a,", prefs,
+       "cod", "b,a,", "b,a,"},
+      {ok, "INSERT INTO ser_subscriber VALUES(1,'0002*101',NULL)", "0", sip, "creg", none, "0"},
+      {ok, "UPDATE ser_subscriber SET can_register=1", "1", sip, "creg", "1", "1"},
+      {ok, "UPDATE ser_subscriber SET can_register=2", "0", sip, "creg", "2", "2"},
+      {multi, "REPLACE client_prefs VALUES(3,'multi_user',0),(3,'z',1)", "0", prefs, "mu", "0",
+       "0"},
       {multi, "REPLACE client_prefs VALUES(3,'multi_user','1')", "1", prefs, "mu", "1", "1"},
   };
   for (const auto &[ask, sql, first, key, field, written, later] : rows) {
     box.redis({"FLUSHDB"});
     if (written == "_NR_") cache(key, "other", "so that a marker may be written");
     box.sql(sql);
-    EXPECT_EQ(first, ask()) << sql;
+    EXPECT_EQ(first, ask(number, 11)) << sql;
     EXPECT_EQ(written, cached(key, field)) << sql;
-    EXPECT_EQ(later, ask()) << sql;
+    EXPECT_EQ(later, ask(number, 11)) << sql;
+    const text nobody = key == info ? text("-1") : key == sip || field == "mu" ? text("0") : none;
+    EXPECT_EQ(nobody, ask(absent_number, 12)) << sql;
+    EXPECT_EQ(nobody, ask("0002*102", 10)) << sql;
+  }
+  for (int value = 0; str name : {"term", "queue", "ivr", "voicecenter", "conference", "callback",
+                                  "callcard", "intercom", "queuecenter"}) {
+    cache(info, "typ", name);
+    EXPECT_EQ(value++, qx_get_extension_type(number)) << name;
   }
 }
 
@@ -195,10 +212,11 @@ TEST_F(Extension, ScreeningComesFromTheProcedureOnceAndFromTheCacheLater) {
     EXPECT_EQ((values{"deny", "100,200", "300"}),
               (values{taken(behaviour), taken(allowed), taken(denied)}));
     EXPECT_EQ(3, qx_get_extension_usrid_from_extid(11)) << "on the connection of the call";
+    EXPECT_EQ(-1, qx_get_extension_usrid_from_extid(9));
     box.sql("DELETE FROM screening");
   }
   EXPECT_EQ(1U, log.count("searching for screening params in database ..."));
-  EXPECT_EQ(-1, qx_screening_get_behaviour(other_number, &behaviour, nullptr, &denied));
+  EXPECT_EQ(-1, qx_screening_get_behaviour(absent_number, &behaviour, nullptr, &denied));
   EXPECT_EQ(nullptr, behaviour);
 }
 
@@ -229,9 +247,10 @@ TEST_F(Extension, AccountsBelowAnAccountAreThoseThatOwnExtensions) {
   box.add_client(4, 1, "other client");
   box.add_owner(5, 4, "other owner");
   box.add_reseller(6, "reseller without clients");
-  const std::tuple<int, int, std::string> rows[] = {
-      {9, 0, "3 5 "},     {9, 1, "1 6 2 4 3 5 "}, {1, 0, "3 5 "}, {2, 1, "3 "},
-      {1, 1, "2 4 3 5 "}, {3, 0, "3 "},           {6, 1, ""},     {77, 0, "NULL"}};
+  const std::tuple<int, int, std::string> rows[] = {{9, 0, "3 5 8 "},     {9, 1, "1 6 2 4 3 5 8 "},
+                                                    {1, 0, "3 8 5 "},     {2, 1, "3 8 "},
+                                                    {1, 1, "2 4 3 8 5 "}, {3, 0, "3 "},
+                                                    {6, 1, ""},           {77, 0, "NULL"}};
   for (const auto &[account, flag, expected] : rows) {
     const std::unique_ptr<int, call_to_release<std::free>> ids(qx_get_extensions_of(account, flag));
     std::string found = ids ? "" : "NULL";
