@@ -53,8 +53,9 @@ const char *get_inline_comment(const char *line, char *dst, size_t dst_len, cons
 
 /* Runs "<asterisk_binary> -rx <command>" without a shell and waits for the end of its output, which
  * is dropped, as is its exit status. Its environment is this process's. 0; -1 for a NULL command or
- * when it cannot be started. Output that pauses for 5 seconds counts as ended; what still runs a
- * second later is killed. The child is reaped in any case, and no signal handling is changed. */
+ * when it cannot be started. Output that pauses for 5 seconds counts as ended; a command that still
+ * runs a second later goes on without being listened to, and its process is reaped at a later call.
+ * No signal handling is changed. */
 int rasterisk(const char *asterisk_binary, const char *command);
 
 /* A connection to the console's Unix-domain socket, made within 10 seconds: a close-on-exec

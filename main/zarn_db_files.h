@@ -40,8 +40,8 @@ typedef struct qx_db_file_list {
 /* The files of an extension; `folder` (NULL: all) must match, `order_by` (NULL: any order) is what
  * follows ORDER BY. With *list NULL a list is allocated, otherwise that one is reset and used
  * again; release it with qx_release_db_files either way, also after a failure, which leaves it
- * empty. Faxes have the extension "pdf", and the name of the column file_name. The number of
- * records, which may be 0, or -1. */
+ * empty (as it was for a NULL argument). Faxes have the extension "pdf", and the name of the column
+ * file_name. The number of records, which may be 0, or -1. */
 int64_t qx_list_db_files(const char *table, int extension_id, const char *folder,
                          const char *order_by, qx_db_file_list_t **list);
 

@@ -138,7 +138,10 @@ int qx_extension_expired(const char *full_number);
  * 0; -1 when no behaviour is known, for which no list applies, and all outs are NULL.
  *
  * get_screening_prefs (full number) gives one row: behaviour, allow list, deny list, the lists
- * joined with ",". Cached, a list is a hash with a field and an equal value for each number. */
+ * joined with ",". Cached, a list is a hash with a field and an equal value for each number
+ * ("res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied); whoever changes the lists in the
+ * database deletes both hashes with the field "scrb", or numbers that were taken out stay in them.
+ */
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied);
 

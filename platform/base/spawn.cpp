@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <mutex>
 #include <thread>
+#include <vector>
 
 #include "base/deadline.h"
 #include "base/owner.h"
@@ -62,6 +64,18 @@ class launch_plan {
   int attributes_error_;
 };
 
+// Children that were still running when their output had ended.
+struct {
+  std::mutex lock;
+  std::vector<pid_t> children;
+} left_behind;
+
+void reap_left_behind() noexcept {
+  const std::lock_guard guard(left_behind.lock);
+  std::erase_if(left_behind.children,
+                [](pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; });
+}
+
 enum class child_state { reaped, running, lost };
 
 child_state reap_within(pid_t pid, float seconds) {
@@ -73,8 +87,7 @@ child_state reap_within(pid_t pid, float seconds) {
     if (ended == pid) return child_state::reaped;
     if (ended < 0 && errno != EINTR) return child_state::lost;
     if (end.passed()) return child_state::running;
-    // Naps, as a descriptor of the process is one more thing that may not be had: without one, a
-    // child would be ended that only needed its time.
+    // Naps: waiting on a descriptor of the process fails where no descriptor is left to be had.
     std::this_thread::sleep_for(std::min(nap, milliseconds(end.milliseconds_left())));
     nap = std::min(2 * nap, milliseconds(20));
   }
@@ -87,6 +100,7 @@ pid_t fr_spawn_async_piped(char *const argv[], int *output) {
     errno = EINVAL;
     return -1;
   }
+  reap_left_behind();
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
   unique_fd reading(ends[0]);
@@ -106,10 +120,12 @@ pid_t fr_spawn_async_piped(char *const argv[], int *output) {
 int fr_spawn_finish(pid_t pid, float grace) {
   if (pid <= 0) return -1;
   const child_state state = reap_within(pid, grace);
-  if (state == child_state::reaped) return 0;
   if (state == child_state::running) {
-    ::kill(pid, SIGKILL);
-    reap_within(pid, 1);
+    no_throw(0, [pid] {
+      const std::lock_guard guard(left_behind.lock);
+      left_behind.children.push_back(pid);
+      return 0;
+    });
   }
-  return -1;
+  return state == child_state::reaped ? 0 : -1;
 }

@@ -14,14 +14,13 @@ extern "C" {
  * process. Its pid, with the pipe's reading end (close-on-exec, blocking, the caller's to close)
  * in *output; or -1 with errno, *output untouched, when it cannot be started.
  *
- * Nothing reaps the child but fr_spawn_finish, which every caller must call in the end: no signal
- * handler is set and no disposition of SIGCHLD changed. */
+ * Nothing reaps the child before fr_spawn_finish, which every caller must call in the end: no
+ * signal handler is set and no disposition of SIGCHLD changed. */
 pid_t fr_spawn_async_piped(char *const argv[], int *output);
 
-/* Waits for the child's end up to `grace` seconds and reaps it; one that still runs is then ended
- * with SIGKILL and reaped, for which another second is allowed. 0 when it ended by itself; -1 when
- * it was ended, or when it is no child of this process any more because the host ignores SIGCHLD
- * or reaps whatever ends. */
+/* Waits for the child's end up to `grace` seconds and reaps it. One that still runs goes on, and
+ * is reaped when a later child is started. 0 when it ended; -1 when it runs on, or is no child of
+ * this process any more because the host ignores SIGCHLD or reaps whatever ends. */
 int fr_spawn_finish(pid_t pid, float grace);
 
 #ifdef __cplusplus

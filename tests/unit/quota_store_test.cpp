@@ -141,7 +141,7 @@ TEST_F(Store, ARecordReplacesWhateverWasThereOrFails) {
 }
 
 TEST_F(Store, MissingDirectoriesAreMadeUpToTheFirstObstacle) {
-  const umask_guard mask(007);
+  const quota_umask mask;
   box.write_file("file", "");
   const struct {
     std::string path;
@@ -178,7 +178,7 @@ TEST_F(Store, SeveralThreadsMayMakeOneDirectoryAtOnce) {
 }
 
 TEST_F(Store, DirtyMarksStandBesideTheirFile) {
-  const umask_guard mask(007);
+  const quota_umask mask;
   const std::string file = path("fax.quota");
   EXPECT_EQ(unset_dirty(file.c_str()), -1);
   for (int i = 0; i < 2; ++i) {
