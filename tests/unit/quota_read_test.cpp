@@ -82,6 +82,8 @@ TEST_F(Reading, TheRowsTellAnAccountsParentLevelAndFile) {
     EXPECT_EQ((std::vector<int64_t>{parent, level, value}),
               (std::vector<int64_t>{row.parent, row.level, row.value}));
   }
+  // A cached level below 0 is no answer, whatever stands beside it.
+  box.redis({"HSET", "res:inf:mng:3", "lvl", "-5"});
   char *parent = nullptr, *level = nullptr;
   EXPECT_EQ(get_parid_level(session.get(), 3, nullptr, &parent, nullptr, &level), 0);
   EXPECT_STREQ(c_string(parent).get(), "2");
