@@ -11,6 +11,7 @@
 #include "base/parseconfig.h"
 #include "base/view.h"
 #include "paths.h"
+#include "storage/files.h"
 #include "zarn_cache_internal.h"
 #include "zarn_str.h"
 
@@ -125,6 +126,7 @@ storage_snapshot take_snapshot() {
 
 int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
   const call_site here = QX_HERE;
+  seed_names();
   return no_throw(-1, [=] {
     if (is_empty(base_dir)) {
       log_condition_failed(here);

@@ -67,5 +67,5 @@ int copy_content(int from, int to) {
     // is believed.
     if (moved < 0 && (copy == by_hand || !is_refusal(errno))) return errno;
   }
-  return 0;
+  return EIO;
 }

@@ -1,13 +1,16 @@
 #include "storage/files.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "base/diagnostics.h"
 #include "base/owner.h"
@@ -23,6 +26,9 @@ constexpr std::string_view name_alphabet =
     "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
 constexpr int name_length = 16;
 constexpr int name_attempts = 5;
+
+// The process whose names were seeded last.
+std::atomic<pid_t> seeded_process{0};
 
 std::string random_name() {
   std::string name;
@@ -55,8 +61,22 @@ growing_file make_growing_file(const std::string &folder) {
   return {std::move(fd), temporary_file(std::move(name))};
 }
 
+enum class at_target { replace, keep };
+
+// Gives a whole file its name. EEXIST when what is there is kept.
+int rename_to(const std::string &from, const std::string &to, at_target what) {
+  const unsigned flags = what == at_target::keep ? RENAME_NOREPLACE : 0;
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
+  // Not every file system, kernel and sandbox knows the call or its flag.
+  if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return errno;
+  if (what == at_target::replace) return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  if (::link(from.c_str(), to.c_str()) != 0) return errno;
+  ::unlink(from.c_str());
+  return 0;
+}
+
 // The copy of a file whose folder is there.
-int copy_to(const std::string &from, const std::string &to) {
+int copy_to(const std::string &from, const std::string &to, at_target what) {
   const unique_fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source) return errno;
   growing_file copy = make_growing_file(folder_of(to));
@@ -67,12 +87,33 @@ int copy_to(const std::string &from, const std::string &to) {
   // Some file systems tell only here that the disk is full. A power cut is not provided against:
   // that would cost every file the time of a disk write.
   if (::close(copy.fd.release()) != 0) return errno;
-  if (::rename(copy.name.path().c_str(), to.c_str()) != 0) return errno;
-  copy.name.give_up();
-  return 0;
+  const int refused = rename_to(copy.name.path(), to, what);
+  if (refused == 0) copy.name.give_up();
+  return refused;
+}
+
+int move_to(const std::string &from, const std::string &to, at_target what) {
+  int error = make_folder_of(to);
+  if (error != 0) return error;
+  // While the name is still ours; a file system without modes keeps files all the same.
+  ::chmod(from.c_str(), storage_mode);
+  error = rename_to(from, to, what);
+  if (error != EXDEV) return error;
+  error = copy_to(from, to, what);
+  if (error == 0) ::unlink(from.c_str());
+  return error;
 }
 
 }  // namespace
+
+void seed_names() {
+  const pid_t self = ::getpid();
+  if (seeded_process.exchange(self) == self) return;
+  unsigned seed = 0;
+  if (::getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed))
+    seed = static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(self) << 16U;
+  std::srand(seed);
+}
 
 int make_folder(const std::string &folder) {
   return make_directories(folder.c_str(), storage_mode, [](const char *made) {
@@ -82,6 +123,8 @@ int make_folder(const std::string &folder) {
 
 std::optional<temporary_file> make_temporary_file(const std::string &folder,
                                                   const std::string &extension) {
+  // A child of fork would draw what its parent and its siblings draw.
+  seed_names();
   std::string path = folder;
   int error = make_folder(folder);
   for (int attempt = 0; attempt < name_attempts && (error == 0 || error == EEXIST); ++attempt) {
@@ -99,19 +142,15 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
 
 int copy_file(const std::string &from, const std::string &to) {
   const int error = make_folder_of(to);
-  return error == 0 ? copy_to(from, to) : error;
+  return error == 0 ? copy_to(from, to, at_target::replace) : error;
 }
 
 int move_file(const std::string &from, const std::string &to) {
-  int error = make_folder_of(to);
-  if (error != 0) return error;
-  // While the name is still ours; a file system without modes keeps files all the same.
-  ::chmod(from.c_str(), storage_mode);
-  if (::rename(from.c_str(), to.c_str()) == 0) return 0;
-  if (errno != EXDEV) return errno;
-  error = copy_to(from, to);
-  if (error == 0) ::unlink(from.c_str());
-  return error;
+  return move_to(from, to, at_target::replace);
+}
+
+int move_new_file(const std::string &from, const std::string &to) {
+  return move_to(from, to, at_target::keep);
 }
 
 int find_file(const std::string &path) {
@@ -127,4 +166,9 @@ bool has_parent_component(std::string_view name) {
     start = end + 1;
   }
   return false;
+}
+
+bool has_reserved_byte(std::string_view name) {
+  return std::any_of(name.begin(), name.end(),
+                     [](unsigned char byte) { return byte == ':' || byte < ' ' || byte == 0x7f; });
 }

@@ -10,7 +10,8 @@
 #include <string_view>
 #include <utility>
 
-// Of all files and folders made here, whatever the umask is.
+// Of stored files and of folders made here, whatever the umask is; a temporary file has it less the
+// umask.
 inline constexpr mode_t storage_mode = 0770;
 
 // A file that is removed at the end, unless its name was given up before. The name can be read for
@@ -40,6 +41,9 @@ class temporary_file {
   bool owned_ = false;
 };
 
+// Seeds rand, which draws the names of temporary files, unless that was done in this process.
+void seed_names();
+
 // Makes a folder and all above it.
 int make_folder(const std::string &folder);
 
@@ -52,11 +56,16 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
 // replaced, and is never half a file. On an error the place and the source are as they were.
 int copy_file(const std::string &from, const std::string &to);
 int move_file(const std::string &from, const std::string &to);
+// EEXIST, in place of replacing what is there.
+int move_new_file(const std::string &from, const std::string &to);
 
 // 0 when the path names a file that is no folder, else an error number.
 int find_file(const std::string &path);
 
 // Whether a name leads out of the folder that it is taken to be in.
 bool has_parent_component(std::string_view name);
+
+// Whether it has a ":", which separates the parts of a queue's member, or a control byte.
+bool has_reserved_byte(std::string_view name);
 
 #endif

@@ -21,13 +21,16 @@ std::string cache_path(const storage_config &config, const std::string &key) {
 // A name that ends in a slash is a folder's: it would be in the way of a file's own.
 bool is_object_key(const char *name) {
   return !is_empty(name) && *name != '/' && !std::string_view(name).ends_with('/') &&
-         !has_parent_component(name);
+         !has_parent_component(name) && !has_reserved_byte(name);
 }
 
 // Moves what was downloaded into the cache; false, logged, when that fails.
 bool keep_download(qx_storage_session &session, const char *path) {
-  const int error = move_file(path, session.cache_path);
-  if (error != 0) {
+  const int error = move_new_file(path, session.cache_path);
+  // A commit or another download was faster, and what it brought is no older than this.
+  if (error == EEXIST && find_file(session.cache_path) == 0) {
+    ::unlink(path);
+  } else if (error != 0) {
     QX_LOG(FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n", path,
            session.cache_path.c_str(), std::strerror(error));
     return false;
@@ -64,6 +67,7 @@ bool start_download(qx_storage_session &session, const char *name, const char *e
       service.download(service.context, name, storage_shard, word_of(storage_engine::s3), extra,
                        session.temporary.path().c_str(), finish_download, &session);
   if (request == nullptr) {
+    session.temporary.remove();
     session.finish(QX_STORAGE_FAILED, "");
     session.release();
     return true;

@@ -36,7 +36,8 @@ bool take_location(const call_site &site, qx_storage_session &session) {
 
 session_owner create_session(const call_site &site, int type, int first_id, int second_id,
                              const char *extension) {
-  if (extension != nullptr && std::strchr(extension, '/') != nullptr) {
+  if (extension != nullptr &&
+      (std::strchr(extension, '/') != nullptr || has_reserved_byte(extension))) {
     log_condition_failed(site);
     return nullptr;
   }
@@ -62,11 +63,7 @@ bool commit(const call_site &site, qx_storage_session &session, int file_id) {
                                         ? store_s3(site, session, file_id)
                                         : store_posix(site, session, file_id);
   if (!file) return false;
-  // The file is stored, whatever comes of its row.
-  no_throw(0, [&] {
-    record_location(session, file_id, file->name);
-    return 0;
-  });
+  record_location(session, file_id, file->name);
   session.finish(QX_STORAGE_READY, std::move(file->path));
   return true;
 }

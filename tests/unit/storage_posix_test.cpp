@@ -1,5 +1,8 @@
 // File storage in local directories, and what both engines refuse.
+#include <sys/wait.h>
+
 #include <array>
+#include <set>
 
 #include "storage_fixture.h"
 
@@ -14,7 +17,7 @@ class StoragePosix : public storage_test {
 
 TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
   const umask_guard mask(077);  // the modes do not depend on it
-  const std::string other = "/dev/shm/" + box.root().filename().string();  // another file system
+  const std::string other = "/dev/shm/" + box.root().filename().string() + "/7";  // elsewhere
   const std::tuple<int, std::string, const char *, std::string, std::string> cases[] = {
       {QX_STORAGE_RECORDING, "recording", "wav", "", "base/monitor/1/2/7.wav"},
       {QX_STORAGE_VOICEMAIL, "voicemail", "123456789abcdefg", "",
@@ -26,17 +29,24 @@ TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
   for (const auto &[type, kind, extension, name, place] : cases) {
     SCOPED_TRACE(place);
     box.sql("UPDATE extension_" + kind + " SET se = 'old'");
-    const storage_session made = written(type, extension, place);
+    storage_session made = written(type, extension, place);
+    const std::string temporary = qx_storage_get_temp_file(made.get());
     EXPECT_EQ(qx_storage_set_posix_filename(made.get(), name.empty() ? nullptr : name.c_str()), 0);
     EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
     EXPECT_EQ(box.read_file(place), place);
     EXPECT_EQ(mode(box.path(place)), 0770);
-    EXPECT_FALSE(fs::exists(qx_storage_get_temp_file(made.get())));
+    EXPECT_EQ(mode(fs::path(box.path(place)).parent_path()), 0770);
+    EXPECT_FALSE(fs::exists(temporary));
     EXPECT_EQ(qx_storage_get_file_path(made.get()), box.path(place));
     EXPECT_EQ(row(kind, 7), "|posix|");
     EXPECT_EQ(row(kind, 8), "old|old|old");
+    box.write_file(temporary, "of a session that drew the same name");
+    EXPECT_EQ(qx_storage_commit_file(made.get(), 7), -1);
+    EXPECT_EQ(box.read_file(place), place);
+    made.reset();
+    EXPECT_TRUE(fs::remove(temporary));
   }
-  fs::remove(other);
+  fs::remove_all(fs::path(other).parent_path());
 }
 
 TEST_F(StoragePosix, ACommitThatFailsKeepsTheFileForTheNextOne) {
@@ -52,6 +62,8 @@ TEST_F(StoragePosix, ACommitThatFailsKeepsTheFileForTheNextOne) {
 }
 
 TEST_F(StoragePosix, WhatTheDatabaseDoesNotTakeIsLoggedAndTheFileIsStored) {
+  log.expect(FR_LOG_ERROR, "for the newly stored file [1/2/9.wav].");  // there is no such row
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 9, "x"), 0);
   box.sql("RENAME TABLE extension_recording TO gone");
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "x"), 0);
   EXPECT_TRUE(log.has(" -MySQL error: Table '" + box.database() + ".extension_recording'"));
@@ -59,14 +71,15 @@ TEST_F(StoragePosix, WhatTheDatabaseDoesNotTakeIsLoggedAndTheFileIsStored) {
   log.expect(FR_LOG_ERROR,
              "Fatal: Failed to update the database for the newly stored file [1/2/8.wav].");
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 8, "x"), 0);
-  EXPECT_EQ(files("base/monitor"), (texts{"1/2/7.wav", "1/2/8.wav"}));
+  EXPECT_EQ(files("base/monitor"), (texts{"1/2/7.wav", "1/2/8.wav", "1/2/9.wav"}));
 }
 
 TEST_F(StoragePosix, ASessionThatCannotBeHadLeavesNothing) {
   log.expect(FR_LOG_WARNING, "Requested to store unknown resource type [4].");
   log.expect(FR_LOG_ERROR, "Failed to create temporary file [" + base + "/voicemail/tmp");
   EXPECT_EQ(written(4, "wav", ""), nullptr);
-  EXPECT_EQ(written(QX_STORAGE_FAX, "../x", ""), nullptr);
+  for (const char *extension : {"../x", "a:b", "a\n", "\x7f"})
+    EXPECT_EQ(written(QX_STORAGE_FAX, extension, ""), nullptr) << extension;
   box.write_file("base/voicemail", "in the way");
   EXPECT_EQ(written(QX_STORAGE_VOICEMAIL, "wav", ""), nullptr);
   EXPECT_EQ(files("base"), texts{"voicemail"});
@@ -82,6 +95,21 @@ TEST_F(StoragePosix, AfterFiveNamesThatAreTakenThereIsNoTemporaryFile) {
   taken.back().reset();
   std::srand(7);
   EXPECT_NE(written(QX_STORAGE_FAX, "wav", ""), nullptr);
+}
+
+TEST_F(StoragePosix, EachProcessDrawsNamesOfItsOwn) {
+  std::set<std::string> names;
+  for (const bool initializes : {false, false, true, true}) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      if (initializes) qx_storage_initialize(base.c_str(), nullptr);
+      box.write_file("name", qx_storage_get_temp_file(written(QX_STORAGE_FAX, "", "").get()));
+      ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    names.insert(box.read_file("name").value());
+  }
+  EXPECT_EQ(names.size(), 4U);
 }
 
 TEST_F(StoragePosix, NoNameLeavesItsFolder) {

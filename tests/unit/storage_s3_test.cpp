@@ -33,6 +33,7 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
     const std::string name = std::string(word) + "/1/2/7.wav", path = box.path(scache + name);
     const storage_session made = written(type, "wav", name);
     EXPECT_EQ(service->last_asked(), std::to_string(type) + " 1 2 - -");
+    EXPECT_EQ(files("usr/local/quorvex/stmp/out/main").size(), 1U);
     EXPECT_EQ(qx_storage_commit_file(made.get(), 7), 0);
     EXPECT_EQ(members("up"), place + name);
     const auto score = box.redis({"ZSCORE", "storage:upqueue:s3:main", place + name});
@@ -51,6 +52,11 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
   }
   EXPECT_EQ(qx_storage_delete(1, nullptr, "s3", "eu"), 0);
   EXPECT_EQ(qx_storage_delete(1, key.c_str(), "s3", nullptr), 0);
+  for (const char *name : {"", "/a", "a/", "a:b", "a\nb", "\x7f"}) {
+    EXPECT_EQ(fetched(1, name, "s3"), nullptr) << name;
+    EXPECT_EQ(qx_storage_delete(1, name, "s3", "eu"), -1) << name;
+    EXPECT_EQ(std::exchange(errno, 0), EINVAL);
+  }
   EXPECT_EQ(members("del"), "");
 }
 
@@ -64,6 +70,7 @@ TEST_F(StorageS3, WithoutTheDisDBNothingIsStoredOrDeleted) {
   EXPECT_TRUE(log.has("cache_zaddval(storage:upqueue:s3:main, eu:bucket:" + key + "): error "));
   EXPECT_EQ(qx_storage_delete(1, key.c_str(), "s3", "eu"), -1);
   EXPECT_EQ(std::exchange(errno, 0), EIO);
+  EXPECT_EQ(box.read_file(scache + key), "content");
   EXPECT_EQ(qx_storage_delete_extension(2, "", 1, "", nullptr), -1);
   EXPECT_EQ(errno, EIO);
   box.write_file("etc/quorvex/disdbase.conf", servers);
@@ -112,7 +119,7 @@ TEST_F(StorageS3, WhileItIsNotUsableFilesAreStoredLocally) {
   service->usable = false;
   for (const int id : {7, 8}) {
     EXPECT_EQ(stored(QX_STORAGE_FAX, id, "x"), 0);
-    EXPECT_TRUE(row("fax_center", id).starts_with("|posix|"));
+    EXPECT_EQ(row("fax_center", id), id == 7 ? "|posix|eu:bucket" : "|posix|");
     EXPECT_EQ(fetched(QX_STORAGE_RECORDING, key, "s3"), nullptr);
     service.reset();  // and without any service
   }
@@ -137,6 +144,7 @@ TEST_F(StorageS3, ADownloadEndsAsItsServiceSaysAndWakesAllWhoWait) {
       service->let_go();
       first.join();
       second.join();
+      EXPECT_EQ(files("usr/local/quorvex/stmp"), texts{});
       const char *path = qx_storage_get_file_path(found.get());
       EXPECT_EQ(path != nullptr, how == outcome::whole);
       EXPECT_EQ(files(scache), how == outcome::whole ? texts{key} : texts{});
@@ -148,6 +156,26 @@ TEST_F(StorageS3, ADownloadEndsAsItsServiceSaysAndWakesAllWhoWait) {
       fs::remove(path);
     }
   }
+}
+
+TEST_F(StorageS3, ALateDownloadDoesNotReplaceANewerFile) {
+  const std::string other = "/dev/shm/" + box.root().filename().string();  // another file system
+  for (const std::string &cache : {box.path("usr/local/quorvex/scache"), other}) {
+    box.write_file("etc/quorvex/storage.conf",
+                   "STORAGE_SYSTEM s3\nSTORAGE_CACHE_D " + cache + "\n");
+    EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
+    service.emplace(box);
+    service->when = moment::held;
+    box.write_file(service->object(key), "OLD");
+    const storage_session found = fetched(QX_STORAGE_RECORDING, key, "s3");
+    EXPECT_EQ(files("usr/local/quorvex/stmp/in").size(), 1U);
+    EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "NEW"), 0);
+    service->let_go();
+    EXPECT_EQ(qx_storage_wait_for_file(found.get()), QX_STORAGE_READY);
+    EXPECT_EQ(box.read_file(qx_storage_get_file_path(found.get())), "NEW");
+    EXPECT_EQ(files(cache), texts{"main/" + key});
+  }
+  fs::remove_all(other);
 }
 
 TEST_F(StorageS3, ADownloadOutlivesItsCaller) {

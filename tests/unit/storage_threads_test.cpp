@@ -60,10 +60,11 @@ TEST_F(StorageThreads, ManyStoreAndFetchAndWhoLooksSeesWholeFilesOnly) {
   constexpr size_t stored_files = threads * rounds;
   EXPECT_EQ(files(scache).size(), stored_files + 1 + rounds) << "and nothing else";
   EXPECT_EQ(files("store/rc/1/2").size(), stored_files + 1);
-  for (const std::string &file : files("store/rc/1/2"))
-    if (file != "7.wav") {
-      EXPECT_EQ(box.read_file("store/rc/1/2/" + file).value() + ".wav", file);
-    }
+  for (const std::string &file : files("store/rc/1/2")) {
+    const std::string id = box.read_file("store/rc/1/2/" + file).value();
+    EXPECT_TRUE(id == box.read_file(scache + "rc/1/2/" + file)) << file;
+    EXPECT_TRUE(file == "7.wav" || file == id + ".wav") << file;
+  }
   EXPECT_EQ(box.sql_value("SELECT COUNT(*) FROM extension_recording WHERE se = 's3' AND az = "
                           "'eu:bucket' AND filename = CONCAT('rc/1/2/', id, '.wav')"),
             std::to_string(stored_files + 1));
