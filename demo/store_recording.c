@@ -16,7 +16,10 @@ static int copy(const char *from, const char *to) {
   size_t count = 0;
   while (!failed && (count = fread(block, 1, sizeof(block), source)) > 0)
     failed = fwrite(block, 1, count, target) != count;
-  if (source != NULL && (ferror(source) || fclose(source) != 0)) failed = 1;
+  if (source != NULL) {
+    if (ferror(source)) failed = 1;
+    if (fclose(source) != 0) failed = 1;
+  }
   if (target != NULL && fclose(target) != 0) failed = 1;
   return failed ? -1 : 0;
 }

@@ -66,9 +66,13 @@ static int64_t write_file(const char *source_path, const char *target_path) {
   /* "x": a file that is there was counted before. */
   FILE *target = source != NULL ? fopen(target_path, "wbx") : NULL;
   int64_t size = target != NULL ? copy(source, target) : -1;
-  if (target != NULL && fclose(target) != 0) size = -1;
+  int cause = errno; /* of the first failure, before others follow */
+  if (target != NULL && fclose(target) != 0 && size >= 0) {
+    cause = errno;
+    size = -1;
+  }
   if (size < 0) {
-    fprintf(stderr, "Cannot copy %s to %s: %s\n", source_path, target_path, strerror(errno));
+    fprintf(stderr, "Cannot copy %s to %s: %s\n", source_path, target_path, strerror(cause));
     if (target != NULL) remove(target_path);
   }
   if (source != NULL) fclose(source);
