@@ -66,13 +66,12 @@ typedef void (*qx_storage_done_fn)(void *cookie, int status, const char *path);
 typedef struct qx_storage_api {
   void *context;
 
-  /* Non-zero when the object store is configured and can be used; asked for sessions under S3 only.
-   */
+  /* Non-zero when the object store is configured and can be used; only sessions under S3 ask. */
   int (*s3_usable)(void *context);
 
   /* Where a file is to be kept (region, bucket; no meaning here), as a malloc'ed text that this
-   * module frees; NULL when that is not known, which
-   * POSIX files may do without. */
+   * module frees; NULL when that is not known: only files under
+   * POSIX do without. */
   char *(*location)(void *context, const qx_storage_location_query_t *query);
 
   /* Starts to download one object into the file `path`, which exists and is empty, and returns a
