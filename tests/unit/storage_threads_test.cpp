@@ -62,7 +62,7 @@ TEST_F(StorageThreads, ManyStoreAndFetchAndWhoLooksSeesWholeFilesOnly) {
   EXPECT_EQ(files("store/rc/1/2").size(), stored_files + 1);
   for (const std::string &file : files("store/rc/1/2")) {
     const std::string id = box.read_file("store/rc/1/2/" + file).value();
-    EXPECT_TRUE(id == box.read_file(scache + "rc/1/2/" + file)) << file;
+    EXPECT_TRUE(id == box.read_file((fs::path(scache) / "rc/1/2" / file).string())) << file;
     EXPECT_TRUE(file == "7.wav" || file == id + ".wav") << file;
   }
   EXPECT_EQ(box.sql_value("SELECT COUNT(*) FROM extension_recording WHERE se = 's3' AND az = "
