@@ -161,7 +161,8 @@ int main(int argc, char **argv) {
   measure_memory();
   support::sandbox small;
   ratio::at_most(1.05, "spoolcap --help", "an empty program with the same libraries",
-                 running(small, {SPOOLCAP_BINARY, "--help"}), running(small, {SPOOLCAP_EMPTY}));
+                 running(small, {SPOOLCAP_BINARY, "--help"}), running(small, {SPOOLCAP_EMPTY}),
+                 ratio::length::calls);
   add_show(small);
   support::sandbox large;
   add_whole_platform(large);
