@@ -1,5 +1,4 @@
 // Lookups: sums of the database beside the bare client call, cached fields beside the bare command.
-#include <hiredis/hiredis.h>
 #include <mysql.h>
 
 #include <cstdio>
@@ -8,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "bare_cache.h"
 #include "base/owner.h"
 #include "ratio.h"
 #include "sqlsession.h"
@@ -19,8 +19,6 @@
 namespace {
 
 using mysql_connection = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
-using redis_connection = std::unique_ptr<redisContext, call_to_release<redisFree>>;
-using redis_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
 
 constexpr int owner_id = 12;
 
@@ -41,22 +39,6 @@ int64_t bare_sum(MYSQL *connection) {
   const std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>> rows(
       mysql_store_result(connection));
   return strtoll(mysql_fetch_row(rows.get())[0], nullptr, 10);
-}
-
-redis_connection connect_redis(const support::sandbox &box) {
-  redis_connection connection(redisConnectUnix(support::shared_servers().redis_socket.c_str()));
-  const redis_reply selected(
-      static_cast<redisReply *>(redisCommand(connection.get(), "SELECT %d", box.cache_database())));
-  if (selected == nullptr || selected->type != REDIS_REPLY_STATUS) abort();
-  return connection;
-}
-
-void bare_hget(redisContext *connection, const char *key, const char *field) {
-  const char *argv[] = {"HGET", key, field};
-  const size_t lengths[] = {4, strlen(key), strlen(field)};
-  const redis_reply reply(
-      static_cast<redisReply *>(redisCommandArgv(connection, 3, argv, lengths)));
-  if (reply == nullptr || reply->type != REDIS_REPLY_STRING) abort();
 }
 
 void bare_level(redisContext *connection) {

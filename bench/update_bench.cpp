@@ -1,7 +1,6 @@
 // The fast update of a quota file beside the bare system calls, alone and against others, and the
 // verification of an account beside the reads that it cannot do without.
 #include <fcntl.h>
-#include <hiredis/hiredis.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bare_cache.h"
 #include "base/owner.h"
 #include "quota/quota.h"
 #include "ratio.h"
@@ -20,9 +20,6 @@
 #include "support/sandbox.h"
 
 namespace {
-
-using redis_connection = std::unique_ptr<redisContext, call_to_release<redisFree>>;
-using redis_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
 
 constexpr int owner_id = 12;
 
@@ -91,20 +88,13 @@ void measure_give_ups(double target, const std::string &folder, const std::strin
   ratio::bound("updates that are lost among those, " + where, "updates", lost, 0);
 }
 
-void expect_text(redisContext *connection, const char *key, const char *field) {
-  const char *argv[] = {"HGET", key, field};
-  const redis_reply reply(
-      static_cast<redisReply *>(redisCommandArgv(connection, 3, argv, nullptr)));
-  if (reply == nullptr || reply->type != REDIS_REPLY_STRING) abort();
-}
-
 // Place and limit of three accounts are a read each: the place is two fields of one hash.
 void bare_verify(redisContext *connection, const std::vector<std::string> &records) {
   static constexpr const char *places[] = {"res:inf:mng:12", "res:inf:mng:2", "res:inf:mng:1"};
   static constexpr const char *limits[] = {"res:pre:mng:12", "res:pre:mng:2", "res:pre:mng:1"};
   for (int i = 0; i < 3; ++i) {
-    expect_text(connection, places[i], "lvl");
-    expect_text(connection, limits[i], "mrec");
+    bare_hget(connection, places[i], "lvl");
+    bare_hget(connection, limits[i], "mrec");
   }
   for (const std::string &path : records) {
     const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -146,10 +136,7 @@ int main(int argc, char **argv) {
   compare_updates(1.15, in_memory.path(), "tmpfs");
 
   qx_sql_pool_init();
-  const redis_connection redis(redisConnectUnix(support::shared_servers().redis_socket.c_str()));
-  const redis_reply selected(
-      static_cast<redisReply *>(redisCommand(redis.get(), "SELECT %d", box.cache_database())));
-  if (selected == nullptr || selected->type != REDIS_REPLY_STATUS) abort();
+  const redis_connection redis = connect_redis(box);
   for (int i = 0; i < 2; ++i) {
     FILE *const printed = std::exchange(stdout, fopen("/dev/null", "w"));
     quota_verify(owner_id, QUOTA_RECORDING);

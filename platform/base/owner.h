@@ -59,18 +59,6 @@ class unique_fd {
   int fd_ = -1;
 };
 
-// The process umask for the length of a scope.
-class umask_guard {
- public:
-  explicit umask_guard(mode_t mask) noexcept : old_(::umask(mask)) {}
-  umask_guard(const umask_guard &) = delete;
-  umask_guard &operator=(const umask_guard &) = delete;
-  ~umask_guard() { ::umask(old_); }
-
- private:
-  mode_t old_;
-};
-
 // Runs the body of a function of the C face: no exception leaves it, `failure` is returned instead.
 template <class Result, class Body>
 Result no_throw(Result failure, Body &&body) noexcept {

@@ -16,7 +16,7 @@ class StoragePosix : public storage_test {
 };
 
 TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
-  const umask_guard mask(077);  // the modes do not depend on it
+  ::umask(077);  // the modes do not depend on it
   const std::string other = "/dev/shm/" + box.root().filename().string() + "/7";  // elsewhere
   const std::tuple<int, std::string, const char *, std::string, std::string> cases[] = {
       {QX_STORAGE_RECORDING, "recording", "wav", "", "base/monitor/1/2/7.wav"},
