@@ -70,8 +70,7 @@ typedef struct qx_storage_api {
   int (*s3_usable)(void *context);
 
   /* Where a file is to be kept (region, bucket; no meaning here), as a malloc'ed text that this
-   * module frees; NULL when that is not known: only files under
-   * POSIX do without. */
+   * module frees; NULL when that is not known: only files under POSIX do without. */
   char *(*location)(void *context, const qx_storage_location_query_t *query);
 
   /* Starts to download one object into the file `path`, which exists and is empty, and returns a
@@ -183,9 +182,9 @@ int qx_storage_delete(int resource_type, const char *stored_name, const char *en
 
 /* Queues all that an owner has in the object store for deletion: voicemail, fax, recordings.
  * `text`, `other_text` and `argument` go into the service's location query, as its first and second
- * text and its argument. -1 with errno: ENOBUFS without a
- * location, ENOMEM, or EIO when the queue cannot be written; what was queued before stays. Copies
- * in the cache stay too, until the service's expiry ends them. */
+ * text and its argument. -1 with errno: ENOBUFS without a location, ENOMEM, or EIO when the queue
+ * cannot be written; what was queued before stays. Copies in the cache stay too, until the
+ * service's expiry ends them. */
 int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                 const char *other_text, void *argument);
 
