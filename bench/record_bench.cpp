@@ -9,7 +9,7 @@
 #include <string>
 
 #include "base/owner.h"
-#include "quota/refresh.h"
+#include "quota/record.h"
 #include "ratio.h"
 #include "support/servers.h"
 
@@ -41,14 +41,14 @@ int main(int argc, char **argv) {
   struct statfs file_system;
   if (statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic)
     printf("(the next figure has its target on ext4; this file system is another)\n");
-  const std::string rewritten = folder.path() / "fax.quota";
   const std::string truncated = folder.path() / "sound.quota";
-  if (quota_real_update(rewritten.c_str(), 1, 0) != 0 ||
-      quota_real_update(truncated.c_str(), 1, 0) != 0)
+  quota_folder account(folder.path());
+  if (!account.open() || quota_real_update(account, "fax.quota", 1, 0) != 0 ||
+      quota_real_update(account, "sound.quota", 1, 0) != 0)
     return 1;
   ratio::at_most(
       0.15, "rewriting a quota record", "open, lock, truncate to 0, write, close",
-      ratio::once([rewritten] { quota_real_update(rewritten.c_str(), next_value(), 0); }),
+      ratio::once([&account] { quota_real_update(account, "fax.quota", next_value(), 0); }),
       ratio::once([truncated] { truncate_and_write(truncated); }), ratio::length::calls);
   return ratio::run(argc, argv);
 }

@@ -1,3 +1,4 @@
+// The walk over media directories, whose names and links are their owners' affair.
 #include "quota/measure.h"
 
 #include <dirent.h>
@@ -8,13 +9,18 @@
 #include <optional>
 #include <vector>
 
+#include "base/diagnostics.h"
+#include "base/errors.h"
 #include "base/owner.h"
 #include "quota/quota.h"
+
+QX_LOG_SOURCE("../main/quota");
 
 namespace {
 
 constexpr size_t entries_size = 256 * 1024;  // of the buffer that directories are read into
 constexpr size_t open_levels = 32;           // of the current path, counted from its deep end
+constexpr int most_linked = 100'000;         // directories of one walk that a link leads to
 
 struct identity {
   dev_t device;
@@ -53,19 +59,25 @@ class tree_walk {
  public:
   tree_walk(const char *path, bool recurse) : path_(path), recurse_(recurse) {}
 
-  // False when the directory cannot be opened.
-  bool run() {
+  disk_usage run() {
     unique_fd root = open_directory(AT_FDCWD, path_, true);
-    if (!root) return false;
+    if (!root) {
+      note_failure();
+      return found_;
+    }
+    found_.is_opened = true;
     entries_ = std::make_unique_for_overwrite<char[]>(entries_size);
     enter(std::move(root), false, {});
     while (!levels_.empty()) step();
-    return true;
+    return found_;
   }
 
-  uint64_t bytes() const { return bytes_; }
-
  private:
+  // After a call that failed: errno tells whether something was missed.
+  void note_failure() {
+    if (!means_nothing_there(errno)) found_.is_all = false;
+  }
+
   const char *name_at(size_t entry) const { return arena_.data() + entry; }
   size_t names_end(size_t index) const {
     return index + 1 < levels_.size() ? levels_[index + 1].first : arena_.size();
@@ -87,13 +99,15 @@ class tree_walk {
 
   void read_entries(int directory) {
     ssize_t length = 0;
-    while ((length = ::getdents64(directory, entries_.get(), entries_size)) > 0) {
+    while ((length = retry_interrupted(
+                [&] { return ::getdents64(directory, entries_.get(), entries_size); })) > 0) {
       for (ssize_t at = 0; at < length;) {
         const auto *entry = reinterpret_cast<const dirent64 *>(entries_.get() + at);
         at += entry->d_reclen;
         take(directory, entry->d_type, entry->d_name);
       }
     }
+    if (length < 0) note_failure();
   }
 
   void take(int directory, unsigned char type, const char *name) {
@@ -113,9 +127,12 @@ class tree_walk {
 
   void take_by_status(int directory, const char *name) {
     struct stat status;
-    if (::fstatat(directory, name, &status, 0) != 0) return;  // vanished, or a link to nowhere
+    if (::fstatat(directory, name, &status, 0) != 0) {  // vanished, or a link to nowhere
+      note_failure();
+      return;
+    }
     if (S_ISREG(status.st_mode)) {
-      bytes_ += static_cast<uint64_t>(status.st_size);
+      found_.bytes += static_cast<uint64_t>(status.st_size);
     } else if (S_ISDIR(status.st_mode) && recurse_ && !is_dot_or_dot_dot(name)) {
       push_name(name);
     }
@@ -124,7 +141,9 @@ class tree_walk {
   // Goes on with the next subdirectory of the deepest level, or leaves the level after its last.
   void step() {
     level &top = levels_.back();
-    if (top.next == arena_.size() || (!top.directory && !retrace(levels_.size() - 1))) {
+    const bool is_done = top.next == arena_.size();
+    if (is_done || (!top.directory && !retrace(levels_.size() - 1))) {
+      if (!is_done) note_failure();
       leave();
       return;
     }
@@ -134,16 +153,43 @@ class tree_walk {
 
     unique_fd directory = open_directory(top.directory.get(), name, false);
     const bool by_link = !directory && (errno == ENOTDIR || errno == ELOOP);
-    if (by_link) directory = open_directory(top.directory.get(), name, true);
-    if (!directory) return;
+    if (by_link) {
+      if (!may_follow()) return;
+      directory = open_directory(top.directory.get(), name, true);
+    }
+    if (!directory) {
+      note_failure();
+      return;
+    }
     // Only a link leads back up; as long as the path has none, nobody needs to know who is who.
     std::optional<identity> id;
     if (by_link || links_ > 0) {
       id = identity_of(directory.get());
-      if (!id || !identify_path() || is_on_path(*id)) return;
+      if (!id || !identify_path()) {
+        note_failure();
+        return;
+      }
+      if (is_on_path(*id)) return;
     }
     if (top.next == arena_.size()) top.directory.reset();
     enter(std::move(directory), by_link, id);
+  }
+
+  // Counts the links that are followed to a directory. Below the bound each is followed, so that a
+  // directory that is linked twice counts twice.
+  bool may_follow() {
+    if (followed_ < most_linked) {
+      ++followed_;
+      return true;
+    }
+    if (followed_ == most_linked) {
+      ++followed_;
+      found_.is_all = false;
+      QX_LOG(FR_LOG_WARNING,
+             "%s:%d:%s: more than %d folders are entered through links, the rest is not measured\n",
+             qx_log_source, __LINE__, path_, most_linked);
+    }
+    return false;
   }
 
   void leave() {
@@ -156,7 +202,7 @@ class tree_walk {
   unique_fd open_directory(int at, const char *name, bool follow) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | (follow ? 0 : O_NOFOLLOW);
     for (;;) {
-      unique_fd directory(::openat(at, name, flags));
+      unique_fd directory(retry_interrupted([&] { return ::openat(at, name, flags); }));
       if (directory || (errno != EMFILE && errno != ENFILE) || !close_shallowest(at)) {
         return directory;
       }
@@ -200,7 +246,11 @@ class tree_walk {
       }
       if (!here.id || passing) {
         const std::optional<identity> found = identity_of(at);
-        if (!found || (here.id && *here.id != *found)) return false;
+        if (!found) return false;
+        if (here.id && *here.id != *found) {
+          errno = ESTALE;  // another directory has its name now
+          return false;
+        }
         here.id = found;
       }
       const bool deep = index + open_levels >= levels_.size();
@@ -222,26 +272,31 @@ class tree_walk {
 
   const char *path_;
   bool recurse_;
-  uint64_t bytes_ = 0;  // unsigned: the sum of sparse files may pass any limit
+  disk_usage found_;
   std::unique_ptr<char[]> entries_;
   std::vector<char> arena_;
   std::vector<level> levels_;
   size_t links_ = 0;       // levels of the path that were entered through a link
+  int followed_ = 0;       // links that were followed in all, one more once some were not
   size_t identified_ = 0;  // levels from the top whose identity is known
 };
 
 }  // namespace
 
-int compute_quota_dir(char **path, int64_t *total, int recurse) {
-  return compute_quota(*path, total, recurse);
+disk_usage measure_directory(const char *path, bool recurse) {
+  return tree_walk(path, recurse).run();
 }
 
 int compute_quota(const char *path, int64_t *total, int recurse) {
   if (path == nullptr) return -1;
-  tree_walk walk(path, recurse != 0);
-  if (!walk.run()) return -1;
-  *total = static_cast<int64_t>(static_cast<uint64_t>(*total) + walk.bytes());
+  const disk_usage found = measure_directory(path, recurse != 0);
+  if (!found.is_opened) return -1;
+  *total = static_cast<int64_t>(static_cast<uint64_t>(*total) + found.bytes);
   return 0;
+}
+
+int compute_quota_dir(char **path, int64_t *total, int recurse) {
+  return compute_quota(*path, total, recurse);
 }
 
 int64_t quota_get_dirsize(const char *path) {

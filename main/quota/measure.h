@@ -3,18 +3,32 @@
 //
 // A walk goes relative to directory descriptors, so names of any bytes and paths of any length are
 // measured, with few descriptors open at a time. A directory that is already on the current path
-// is not entered again; an entry that vanishes is skipped; fifos, sockets and devices are never
-// opened. The path buffer is a growable string and is left as it was.
+// is not entered again. Directories linked to each other can have more ways through them than any
+// walk can go: after 100,000 directories that were entered through a link no further link is
+// followed, with one warning in the log. An entry that vanishes is skipped; fifos, sockets and
+// devices are never opened.
 #ifndef MAIN_QUOTA_MEASURE_H
 #define MAIN_QUOTA_MEASURE_H
 
 #include <cstdint>
 
-// Adds the bytes of one directory, and with `recurse` of all below it, to *total. 0; -1 when the
-// path is empty or the directory cannot be opened. What cannot be read below it adds nothing.
-int compute_quota_dir(char **path, int64_t *total, int recurse);
+struct disk_usage {
+  uint64_t bytes = 0;      // unsigned: the sum of sparse files may pass any limit
+  bool is_opened = false;  // whether there is a directory that can be opened
+  // False when something is there that could not be read (a bad disk, no descriptors left), or
+  // that the bound on links left out. What is missing, or closed to this process, counts as
+  // nothing.
+  bool is_all = true;
+};
 
-// The same for a path that is not the caller's to change.
+// Measures one directory, and with `recurse` all below it. Throws when memory is short.
+disk_usage measure_directory(const char *path, bool recurse);
+
+// Adds the bytes of one directory to *total. 0; -1 when the path is empty or the directory cannot
+// be opened. What cannot be read below it adds nothing.
 int compute_quota(const char *path, int64_t *total, int recurse);
+
+// The same for a path in a buffer that may grow; it is left as it was.
+int compute_quota_dir(char **path, int64_t *total, int recurse);
 
 #endif

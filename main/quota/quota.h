@@ -26,12 +26,14 @@ enum quota_kind {
  * first. Files that are clean and were updated fewer than 1000 times since their last refresh are
  * left as they are, unless they lie within `force` levels of the account (0 forces none). *total,
  * when not NULL, takes the account's value of the last kind handled. What cannot be measured
- * counts as 0; a value that rests on it, or on a child that could not be refreshed, is left with a
- * dirty mark, so that the next refresh computes it again. The process umask is 007 during the
- * call. One thread at a time.
+ * counts as 0. When that is because something could not be read, or a child could not be
+ * refreshed, the account and those above it get an empty file "quota.redo" beside their quota
+ * files, and the next refresh of all kinds computes them again. The process umask is 007 during
+ * the call. One thread at a time.
  *
- * 0 when the refresh ran, whatever came of single files; -1 for a kind above 5 or no database
- * session; -1 also when an owner's parent cannot be looked up; -2 when the account cannot be. */
+ * 0 when the refresh ran, whatever came of single files; -1 for a kind above 5, no database
+ * session, an owner's parent that cannot be looked up, settings that cannot be read, or no memory;
+ * -2 when the account is not known. */
 int quota_update_slow(int account_id, unsigned kind, int64_t *total, int force);
 
 /* Reads an account's stored values, for kind 5 into values[0..4], else into values[0]; a file that

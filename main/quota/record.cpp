@@ -1,77 +1,106 @@
+// Reads and writes records; knows nothing of accounts.
+#include "quota/record.h"
+
+#include <algorithm>
 #include <cinttypes>
 #include <cstring>
-
-#include "quota/store.h"
+#include <string_view>
 
 namespace {
 
 constexpr size_t record_size = 32;  // with its terminator
+constexpr size_t longest_record = record_size - 1;
+// Stands behind a record where the file is longer for a moment. It changes nothing in how the
+// record reads.
+constexpr char filler = '.';
 
-bool write_at(int fd, const char *bytes, size_t length, off_t offset) {
+bool write_at(int fd, const char *bytes, size_t length, size_t offset) {
   while (length > 0) {
-    const ssize_t count = ::pwrite(fd, bytes, length, offset);
+    const ssize_t count = ::pwrite(fd, bytes, length, static_cast<off_t>(offset));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) return false;
     bytes += count;
     length -= static_cast<size_t>(count);
-    offset += count;
+    offset += static_cast<size_t>(count);
   }
   return true;
 }
 
-// Over the old record, then cut: at every moment the file begins with a whole value and its ".", so
-// that a reader without the lock never finds nothing. What stands behind them until the cut is left
-// from the old record and can at worst be taken for another revision. (Emptying the file first
-// would show it empty, and costs many times as much where truncation waits for the journal.)
+bool cut(int fd, size_t length) {
+  int status = 0;
+  do {
+    status = ::ftruncate(fd, static_cast<off_t>(length));
+  } while (status != 0 && errno == EINTR);
+  return status == 0;
+}
+
+// Bytes from the file's position on, up to `wanted` or as many as a record may have, less where the
+// file ends.
+std::optional<size_t> read_bytes(int fd, char *bytes, size_t wanted) {
+  size_t length = 0;
+  while (length < wanted && length < longest_record) {
+    const ssize_t count = ::read(fd, bytes + length, longest_record - length);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;
+    length += static_cast<size_t>(count);
+  }
+  bytes[length] = '\0';
+  return length;
+}
+
+std::optional<quota_record> parse(char *text) {
+  char *dot = std::strchr(text, '.');
+  if (dot == nullptr) return std::nullopt;
+  const std::string_view rest(dot + 1);
+  quota_record record{0, std::atoi(dot + 1), !rest.ends_with(filler)};
+  *dot = '\0';
+  record.value = std::atoll(text);
+  return record;
+}
+
+// Goes over the old record in one call and then cuts the file, so that it never shows empty and
+// never half. (Emptying it first also costs many times as much where that waits for the journal.)
+// Where the lengths differ, filler covers what is neither old nor new: whoever is killed here
+// leaves a record that reads right and shows that it was not finished.
 bool replace_record(int fd, const char *record, size_t length) {
-  struct stat status {};
-  if (::fstat(fd, &status) != 0) return false;
-  const auto old_length = static_cast<size_t>(status.st_size);
-  // A write beyond the end shows its first bytes, cut at the old length, before the file grows. So
-  // a short record first grows by bytes that change nothing in how it reads.
-  static constexpr char filler[] = "...............................";
+  char bytes[record_size];
+  const ssize_t count = ::pread(fd, bytes, longest_record + 1, 0);
+  if (count < 0) return false;
+  auto old_length = static_cast<size_t>(count);
+  // A number without a dot must never become a record by the dots that are put behind it.
+  if (old_length > 0 && std::memchr(bytes, '.', std::min(old_length, longest_record)) == nullptr) {
+    if (!cut(fd, 0)) return false;
+    old_length = 0;
+  }
+  std::memset(bytes, filler, sizeof bytes);
   if (old_length > 0 && old_length < length &&
-      !write_at(fd, filler, length - old_length, status.st_size)) {
+      !write_at(fd, bytes, length - old_length, old_length)) {
     return false;
   }
-  if (!write_at(fd, record, length, 0)) return false;
-  return old_length <= length || ::ftruncate(fd, static_cast<off_t>(length)) == 0;
+  std::memcpy(bytes, record, length);
+  if (!write_at(fd, bytes, std::clamp(old_length, length, longest_record), 0)) return false;
+  return old_length <= length || cut(fd, length);
+}
+
+// Waits for the exclusive lock; it goes with the descriptor.
+bool lock_file(int fd) {
+  int locked = 0;
+  do {
+    locked = ::flock(fd, LOCK_EX);
+  } while (locked != 0 && errno == EINTR);
+  return locked == 0;
 }
 
 }  // namespace
 
-unique_fd open_quota_file(const char *path, int at, bool *created) {
-  unique_fd file(::openat(at, path, O_RDWR | O_CLOEXEC));
-  if (file || errno != ENOENT) return file;
-
-  // Exactly one of several processes creates it; the others find it there.
-  file.reset(::openat(at, path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, quota_file_mode));
-  if (!file) {
-    if (errno == EEXIST) file.reset(::openat(at, path, O_RDWR | O_CLOEXEC));
-    return file;
-  }
-  if (created != nullptr) *created = true;
-  give_to_owner(file.get());
-  return file;
-}
-
 int quota_read_internal(int fd, int64_t *value, int *revision) {
-  if (value == nullptr) return -1;
-  char record[record_size];
-  size_t length = 0;
-  while (length < sizeof record - 1) {
-    const ssize_t count = ::read(fd, record + length, sizeof record - 1 - length);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return -1;
-    if (count == 0) break;
-    length += static_cast<size_t>(count);
-  }
-  record[length] = '\0';
-  char *dot = std::strchr(record, '.');
-  if (dot == nullptr) return -1;
-  *dot = '\0';
-  *value = std::atoll(record);
-  if (revision != nullptr) *revision = std::atoi(dot + 1);
+  char bytes[record_size];
+  if (value == nullptr || !read_bytes(fd, bytes, longest_record)) return -1;
+  const std::optional<quota_record> record = parse(bytes);
+  if (!record) return -1;
+  *value = record->value;
+  if (revision != nullptr) *revision = record->revision;
   return 0;
 }
 
@@ -81,6 +110,43 @@ int quota_write_internal(int fd, int64_t value, int revision) {
   const bool fits = length > 0 && static_cast<size_t>(length) < sizeof record;
   if (fits && replace_record(fd, record, static_cast<size_t>(length))) return 0;
   // An old value that looks right would never be computed again; an empty file is.
-  [[maybe_unused]] const int emptied = ::ftruncate(fd, 0);
+  cut(fd, 0);
   return -1;
+}
+
+std::optional<quota_record> record_of(const quota_file &file) {
+  char bytes[record_size];
+  // The size is known: no second read has to find the end.
+  if (!read_bytes(file.fd.get(), bytes, static_cast<size_t>(file.size))) return std::nullopt;
+  return parse(bytes);
+}
+
+int is_rev_inrange(const quota_folder &folder, const char *file, int64_t *value) {
+  const quota_file opened = folder.open_to_read(file);
+  const std::optional<quota_record> record = opened ? record_of(opened) : std::nullopt;
+  if (!record) return 0;
+  *value = record->value;
+  const bool fresh = record->revision >= 0 && record->revision <= highest_fresh_revision;
+  return fresh && record->is_whole ? 1 : 0;
+}
+
+int quota_real_update(const quota_folder &folder, const char *file, int64_t value, int revision,
+                      bool *written) {
+  const quota_file opened = folder.open_to_write(file);
+  if (!opened) return -1;
+  // Where locks cannot be had at all, a value written without one is better than none. A write that
+  // failed leaves an empty file, which is computed again. The lock goes with the descriptor.
+  lock_file(opened.fd.get());
+  const int status = quota_write_internal(opened.fd.get(), value, revision);
+  if (written != nullptr) *written = status == 0;
+  return 0;
+}
+
+void expire_quota_file(const quota_folder &folder, const char *file) {
+  int64_t value = 0;
+  if (is_rev_inrange(folder, file, &value) == 0) return;
+  const quota_file opened = folder.open_to_write(file);
+  if (!opened || !lock_file(opened.fd.get())) return;
+  const std::optional<quota_record> record = record_of(opened);
+  if (record) quota_write_internal(opened.fd.get(), record->value, expired_revision);
 }

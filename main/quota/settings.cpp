@@ -5,54 +5,62 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 #include "base/diagnostics.h"
+#include "base/errors.h"
+#include "base/owner.h"
 #include "base/parseconfig.h"
 #include "base/view.h"
 #include "paths.h"
-#include "quota/store.h"
+#include "quota/settings.h"
 #include "utils.h"
 
 QX_LOG_SOURCE("../main/quota");
 
-const char *const quota_kind_names[QUOTA_ALL_KINDS] = {"fax", "sound", "recording", "voicemail",
-                                                       "music"};
-const char *const quota_limit_names[QUOTA_ALL_KINDS] = {"fax_storage", "max_sound", "max_record",
-                                                        "max_voice", "max_moh"};
-
 namespace {
 
-std::mutex lock;  // guards what is kept for the process
-quota_settings settings;
-
-struct {
+// What is kept for the process.
+struct process_settings {
+  std::mutex lock;                         // guards all that follows
+  std::optional<quota_settings> settings;  // never changed once it is there
   uid_t user = 0;
   gid_t group = 0;
   bool failure_logged = false;
-} owner;
+};
 
-// Takes over what a reader found, so that a setting once filled never changes under its users.
-void fill(c_string &setting, safestr_t found, qx_path_id fallback) {
+process_settings &kept() {
+  static auto *const only = new process_settings;  // threads may outlive static objects
+  return *only;
+}
+
+std::string value_or_default(safestr_t found, qx_path_id fallback) {
   const safestr_owner value(found);
-  if (setting) return;
-  setting.reset(::strdup(is_empty(value.get()) ? qx_path(fallback) : value.get()));
+  return is_empty(value.get()) ? qx_path(fallback) : value.get();
 }
 
-bool all_filled() {
-  return settings.quota_root && settings.ast_spool_dir && settings.ast_var_lib_dir;
+// A file that is not there means defaults. One that cannot be read does not: with the wrong root
+// all figures would land, and be looked for, in another place.
+bool is_read_or_absent(int status) {
+  return status == 0 || means_nothing_there(errno);
 }
 
-void fill_settings() {
+std::optional<quota_settings> read_settings() {
   safestr_t root = nullptr;
   const parseconfig_entry directives[] = {{"QUORVEX_QUOTA_D", &root}};
-  parseconfig(qx_path(QX_PATH_PATHS_CONF), directives, 1);
-  fill(settings.quota_root, root, QX_PATH_QUOTA_ROOT);
+  const bool know_root = is_read_or_absent(parseconfig(qx_path(QX_PATH_PATHS_CONF), directives, 1));
+  quota_settings found;
+  found.quota_root = value_or_default(root, QX_PATH_QUOTA_ROOT);
+  if (!know_root) return std::nullopt;
 
   const char *const keys[] = {"astspooldir", "astvarlibdir", nullptr};
   safestr_t values[] = {nullptr, nullptr};
-  get_astconf_section_values(qx_path(QX_PATH_ASTERISK_CONF), "directories", keys, values);
-  fill(settings.ast_spool_dir, values[0], QX_PATH_AST_SPOOL);
-  fill(settings.ast_var_lib_dir, values[1], QX_PATH_AST_LIB);
+  const bool know_media = is_read_or_absent(
+      get_astconf_section_values(qx_path(QX_PATH_ASTERISK_CONF), "directories", keys, values));
+  found.ast_spool_dir = value_or_default(values[0], QX_PATH_AST_SPOOL);
+  found.ast_var_lib_dir = value_or_default(values[1], QX_PATH_AST_LIB);
+  if (!know_media) return std::nullopt;
+  return found;
 }
 
 // getpwnam_r or getgrnam_r with as much room as the entry takes: a group may have many members.
@@ -71,14 +79,16 @@ bool look_up(Lookup lookup, const char *name, Entry &entry, std::unique_ptr<char
 }  // namespace
 
 int get_conf() {
-  const std::lock_guard guard(lock);
-  if (!all_filled()) fill_settings();
+  process_settings &own = kept();
+  const std::lock_guard guard(own.lock);
+  if (!own.settings) own.settings = read_settings();
   return 0;
 }
 
 const quota_settings *loaded_settings() {
   get_conf();
-  return all_filled() ? &settings : nullptr;
+  const std::optional<quota_settings> &settings = kept().settings;
+  return settings ? &*settings : nullptr;
 }
 
 int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gid) {
@@ -97,19 +107,20 @@ int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gi
 }
 
 int owner_ids(uid_t *uid, gid_t *gid) {
-  const std::lock_guard guard(lock);
-  if ((owner.user == 0 || owner.group == 0) &&
-      get_ids("asterisk", "asterisk", &owner.user, &owner.group) != 0) {
-    if (!owner.failure_logged) {
+  process_settings &own = kept();
+  const std::lock_guard guard(own.lock);
+  if ((own.user == 0 || own.group == 0) &&
+      get_ids("asterisk", "asterisk", &own.user, &own.group) != 0) {
+    if (!own.failure_logged) {
       QX_LOG(FR_LOG_ERROR,
              "%s:%d:user \"asterisk\" and group \"asterisk\" must both exist: no quota file can be "
              "written\n",
              qx_log_source, __LINE__);
     }
-    owner.failure_logged = true;
+    own.failure_logged = true;
     return -1;
   }
-  *uid = owner.user;
-  *gid = owner.group;
+  *uid = own.user;
+  *gid = own.group;
   return 0;
 }

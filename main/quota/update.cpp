@@ -1,12 +1,15 @@
 // The fast update: deltas added to quota files under short locks, without measuring anything.
 #include <climits>
 #include <cstring>
-#include <initializer_list>
 #include <limits>
 #include <string>
 
-#include "quota/account.h"
-#include "quota/store.h"
+#include "quota/kinds.h"
+#include "quota/marks.h"
+#include "quota/place.h"
+#include "quota/record.h"
+#include "quota/settings.h"
+#include "quota/tree_paths.h"
 #include "sql_owner.h"
 #include "zarn_str.h"
 
@@ -17,37 +20,25 @@ namespace {
 constexpr int default_wait = 30;  // ms
 constexpr int lock_step = 10;     // ms
 
-bool is_empty(int fd) {
-  struct stat status {};
-  return ::fstat(fd, &status) == 0 && status.st_size == 0;
-}
-
 // Somebody else's file that is still empty is being created: who made it has yet to come for the
 // lock, and is let in first.
-bool try_lock(int fd, bool created) {
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return false;
-  if (created || !is_empty(fd)) return true;
-  ::flock(fd, LOCK_UN);
+bool try_lock(quota_file &file) {
+  if (::flock(file.fd.get(), LOCK_EX | LOCK_NB) != 0) return false;
+  struct stat status {};
+  if (::fstat(file.fd.get(), &status) == 0) file.size = status.st_size;
+  if (file.created || file.size != 0) return true;
+  ::flock(file.fd.get(), LOCK_UN);
   return false;
 }
 
 // Tries as often as the wait has steps, and once more; a negative wait is one try without a pause.
-bool lock_within(int fd, int wait, bool created) {
-  if (wait < 0) return try_lock(fd, created);
+bool lock_within(quota_file &file, int wait) {
+  if (wait < 0) return try_lock(file);
   for (int tries = wait / lock_step; tries >= 0; --tries) {
-    if (try_lock(fd, created)) return true;
+    if (try_lock(file)) return true;
     fine_sleep(lock_step / 1000.0F);
   }
   return false;
-}
-
-// Opens the file, made with its directory where it is not there; *created says which.
-unique_fd open_or_create(const char *path, uid_t uid, gid_t gid, bool *created) {
-  unique_fd file = open_quota_file(path, AT_FDCWD, created);
-  if (file || errno != ENOENT) return file;
-  const char *slash = std::strrchr(path, '/');
-  make_dirs(std::string(path, slash).c_str(), quota_directory_mode, uid, gid);
-  return open_quota_file(path, AT_FDCWD, created);
 }
 
 int64_t sum_of(int64_t value, int64_t delta) {
@@ -59,40 +50,42 @@ int64_t sum_of(int64_t value, int64_t delta) {
 }
 
 // Reads, adds and writes while the caller holds the lock; the value as it then is, -1 for none.
-int64_t apply_delta(int fd, const char *path, int64_t delta, bool created) {
-  int64_t value = -1;
-  int revision = -1;
-  const bool read = quota_read_internal(fd, &value, &revision) == 0;
-  if (read ? value == -1 || revision == -1 : !created) {
-    set_dirty(path);
-    return value;
+int64_t apply_delta(const quota_folder &folder, const char *name, const quota_file &file,
+                    int64_t delta) {
+  std::optional<quota_record> record = record_of(file);
+  if (record ? record->value == -1 || record->revision == -1 : !file.created) {
+    set_dirty(folder, name);
+    return record ? record->value : -1;
   }
   // A file that this call created may have been filled by a faster process since.
-  const bool is_new = !read;
-  if (is_new) value = revision = 0;
-  if (delta == 0 && !is_new) return value;
-  value = sum_of(value, delta);
-  if (revision < INT_MAX) ++revision;
-  if (quota_write_internal(fd, value, revision) != 0) set_dirty(path);
+  const bool is_new = !record;
+  if (is_new) record = {0, 0, true};
+  if (delta == 0 && !is_new) return record->value;
+  const int64_t value = sum_of(record->value, delta);
+  const int revision = record->revision < INT_MAX ? record->revision + 1 : INT_MAX;
+  if (quota_write_internal(file.fd.get(), value, revision) != 0) set_dirty(folder, name);
   return value;
 }
 
 int64_t update_file(const char *path, int64_t delta, int wait) {
-  if (path == nullptr || std::strchr(path, '/') == nullptr) return -1;
+  const char *slash = path == nullptr ? nullptr : std::strrchr(path, '/');
+  if (slash == nullptr) return -1;
   uid_t uid = 0;
   gid_t gid = 0;
   if (owner_ids(&uid, &gid) != 0) return -1;
-  if (is_dirty(path) == 1) return -1;
-  bool created = false;
-  const unique_fd file = open_or_create(path, uid, gid, &created);
+  quota_folder folder(std::string(path, slash));
+  if (!folder.make(uid, gid)) return -1;
+  const char *name = slash + 1;
+  if (is_dirty(folder, name) == 1) return -1;
+  quota_file file = folder.open_to_write(name);
   if (!file) return -1;
-  if (!lock_within(file.get(), wait, created)) {
-    set_dirty(path);
+  if (!lock_within(file, wait)) {
+    set_dirty(folder, name);
     return -1;
   }
-  const int64_t value = apply_delta(file.get(), path, delta, created);
+  const int64_t value = apply_delta(folder, name, file, delta);
   // The host may have forked meanwhile: the lock must not live on in the child's copy.
-  ::flock(file.get(), LOCK_UN);
+  ::flock(file.fd.get(), LOCK_UN);
   return value;
 }
 
@@ -102,16 +95,13 @@ int update_ancestry(int account_id, unsigned kind, int64_t delta, int wait) {
     log_condition_failed(QX_HERE);
     return -1;
   }
-  int reseller = 0;
-  int client = 0;
-  int owner = 0;
+  tree_place place;
   const int error = climb_tree(session.get(), account_id, [&](int id, int level) {
-    if (level == LEVEL_OWNER) owner = id;
-    if (level == LEVEL_CLIENT) client = id;
-    if (level == LEVEL_RESELLER) reseller = id;
+    if (int *const known = place.at(level)) *known = id;
   });
   if (error != 0) return error;
-  return quota_update_fast(kind, delta, wait < 0 ? default_wait : wait, reseller, client, owner);
+  return quota_update_fast(kind, delta, wait < 0 ? default_wait : wait, place.reseller,
+                           place.client, place.owner);
 }
 
 }  // namespace
@@ -130,11 +120,15 @@ int quota_update_fast(unsigned kind, int64_t delta, int wait, int reseller_id, i
   // For all kinds at once there is no file: the path would be that of the account's directory.
   if (kind >= QUOTA_ALL_KINDS) return -1;
   return no_throw(-1, [&] {
-    ancestry_paths paths;
-    if (!paths.make(kind, reseller_id, client_id, owner_id)) return -1;
+    std::string reseller;
+    std::string client;
+    std::string owner;
+    if (make_qpaths(kind, reseller_id, client_id, owner_id, &reseller, &client, &owner) != 0) {
+      return -1;
+    }
     // Deepest first. What becomes of one file is told by its dirty mark and stops no other.
-    for (const c_string *path : {&paths.owner, &paths.client, &paths.reseller}) {
-      if (*path) quota_upd_fast_internal(path->get(), delta, wait);
+    for (const std::string *path : {&owner, &client, &reseller}) {
+      if (!path->empty()) quota_upd_fast_internal(path->c_str(), delta, wait);
     }
     return 0;
   });

@@ -9,6 +9,7 @@
 #include <functional>
 #include <random>
 
+#include "quota/record.h"
 #include "refresh_fixture.h"
 
 namespace {
@@ -177,7 +178,7 @@ TEST_F(Contention, AHolderThatIsKilledHoldsNothing) {
   for (const bool after_write : {false, true}) {
     box.write_file(paths[0], "5.5");
     const pid_t child = start([&] {
-      const unique_fd file = open_quota_file(paths[0].c_str());
+      const unique_fd file(::open(paths[0].c_str(), O_RDWR | O_CLOEXEC));
       ::flock(file.get(), LOCK_EX);
       if (after_write) quota_write_internal(file.get(), 6, 6);
       return ::raise(SIGKILL) == 0;

@@ -1,9 +1,8 @@
 // Reading stored values, and finding an account's place in the tree.
 #include <gtest/gtest.h>
 
-#include "quota/account.h"
-#include "quota/quota.h"
-#include "quota/store.h"
+#include "quota/kinds.h"
+#include "quota/place.h"
 #include "sql_owner.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
@@ -84,12 +83,12 @@ TEST_F(Reading, TheRowsTellAnAccountsParentLevelAndFile) {
   }
   // A cached level below 0 is no answer, whatever stands beside it.
   box.redis({"HSET", "res:inf:mng:3", "lvl", "-5"});
-  char *parent = nullptr, *level = nullptr;
+  std::string parent, level;
   EXPECT_EQ(get_parid_level(session.get(), 3, nullptr, &parent, nullptr, &level), 0);
-  EXPECT_STREQ(c_string(parent).get(), "2");
-  EXPECT_STREQ(c_string(level).get(), "100");
+  EXPECT_EQ(parent, "2");
+  EXPECT_EQ(level, "100");
   EXPECT_EQ(get_parentid(session.get(), 6, nullptr, &parent), 0);
-  EXPECT_EQ(parent, nullptr);
+  EXPECT_EQ(parent, "");
   EXPECT_EQ(get_parentid(session.get(), 8, nullptr, &parent), -1);
 }
 

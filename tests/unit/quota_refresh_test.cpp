@@ -4,7 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "quota/marks.h"
 #include "quota/refresh.h"
+#include "quota/settings.h"
+#include "quota/usage.h"
 #include "refresh_fixture.h"
 
 namespace {
@@ -47,7 +50,7 @@ TEST_F(Refresh, AFileIsComputedAgainWhenItIsDueOrForced) {
   for (const auto &row : rows) {
     const size_t length = row.record.find('!');
     box.write_quota_file(5, 0, 0, "sound", row.record.substr(0, length));
-    if (length != row.record.npos) set_dirty(box.quota_path(5, 0, 0, "sound").c_str());
+    if (length != row.record.npos) box.write_file("var/lib/quorvexquota/5/sound.quota.dirty", "");
     int64_t total = -77;
     EXPECT_EQ(quota_update_slow(5, QUOTA_SOUND, &total, row.force), 0);
     EXPECT_EQ(box.quota_file(5, 0, 0, "sound"), row.after) << row.record << " " << row.force;
@@ -148,14 +151,16 @@ TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
 
 TEST_F(Refresh, AFailingStatementStopsTheWalkIsToldAndLeavesTheDirectoryAsItWas) {
   const std::string given = quota_root() + "/1/3/";
-  char *directory = ::strdup(given.c_str());
-  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, &directory, nullptr, 10, nullptr), 0);
+  std::string directory = given;
+  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, directory, nullptr, 10, nullptr), 0);
   EXPECT_EQ(stored()["1/3/31"], "- 4.0 - - -");
   box.sql("RENAME TABLE client TO gone");
-  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, &directory, nullptr, 10, nullptr), -1);
-  EXPECT_EQ(c_string(directory).get(), given);
+  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, directory, nullptr, 10, nullptr), -1);
+  EXPECT_EQ(directory, given);
+  quota_folder folder(given);
   int64_t sum = 5;
-  EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 1, given.c_str(), &sum), -1);
+  bool certain = true;
+  EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 1, folder, &sum, &certain), -1);
   EXPECT_EQ(sum, 5);
   for (const char *place : {"quota_update_subtree:", "grab_child_quotas:", " -MySQL error: "})
     EXPECT_TRUE(log.has(place)) << place;
@@ -165,9 +170,13 @@ TEST_F(Refresh, OnlyGoodChildrensFilesAdd) {
   box.write_quota_file(1, 3, 0, "fax", "4.0");
   for (const std::string record : {"6.0", "6.5000", "-6.0", "6", ""}) {
     box.write_quota_file(1, 2, 0, "fax", record);
+    quota_folder folder(quota_root() + "/1");
+    ASSERT_TRUE(folder.open());
     int64_t sum = 1000;
-    EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 0, (quota_root() + "/1").c_str(), &sum), 0);
+    bool certain = true;
+    EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 0, folder, &sum, &certain), 0);
     EXPECT_EQ(sum, record.starts_with("6.") ? 1010 : 1004) << record;
+    EXPECT_EQ(certain, record.find('.') != record.npos) << record;
   }
 }
 
@@ -188,8 +197,10 @@ TEST_F(RefreshWithoutOwner, NothingIsWrittenAndTheLogSaysWhyOnce) {
   }
   EXPECT_EQ(log.count("\"asterisk\""), 1U);
   EXPECT_EQ(stored(), figures{});
-  EXPECT_EQ(set_dirty(box.path("fax.quota").c_str()), -1);
-  EXPECT_EQ(is_dirty(box.path("fax.quota").c_str()), 1) << "the mark stays all the same";
+  quota_folder folder(box.root());
+  ASSERT_TRUE(folder.open());
+  EXPECT_EQ(set_dirty(folder, "fax.quota"), -1);
+  EXPECT_EQ(is_dirty(folder, "fax.quota"), 1) << "the mark stays all the same";
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
-// The engine's state on disk: settings, paths, records, directories, dirty marks.
-#include "quota/store.h"
-
+// The engine's state on disk: settings, paths, records, directories, marks.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +12,10 @@
 #include <sstream>
 #include <thread>
 
+#include "quota/marks.h"
+#include "quota/record.h"
+#include "quota/settings.h"
+#include "quota/tree_paths.h"
 #include "sqlsession.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
@@ -39,9 +43,9 @@ TEST_F(Store, SettingsComeOnceFromThePlatformsFilesOrHaveDefaults) {
   EXPECT_EQ(get_conf(), 0);
   box.write_file("etc/quorvex/paths.conf", "QUORVEX_QUOTA_D /srv/other\n");
   EXPECT_EQ(get_conf(), 0);
-  EXPECT_EQ(loaded_settings()->quota_root.get(), path("var/lib/quorvexquota"));
-  EXPECT_STREQ(loaded_settings()->ast_spool_dir.get(), "/srv/spool");
-  EXPECT_EQ(loaded_settings()->ast_var_lib_dir.get(), path("var/lib/asterisk"));
+  EXPECT_EQ(loaded_settings()->quota_root, path("var/lib/quorvexquota"));
+  EXPECT_EQ(loaded_settings()->ast_spool_dir, "/srv/spool");
+  EXPECT_EQ(loaded_settings()->ast_var_lib_dir, path("var/lib/asterisk"));
 }
 
 TEST_F(Store, MediaPathsFollowKindAndLevel) {
@@ -69,29 +73,28 @@ TEST_F(Store, MediaPathsFollowKindAndLevel) {
               {5, 100, "2", "3", -1, ""}};
   for (const auto &row : rows) {
     SCOPED_TRACE(testing::Message() << "kind " << row.kind << " level " << row.level);
-    char **paths = nullptr;
-    size_t count = 0;
-    EXPECT_EQ(make_dpath(row.kind, row.level, "0001", row.client, row.owner, &paths, &count),
-              row.result);
+    std::vector<std::string> paths;
+    EXPECT_EQ(make_dpath(row.kind, row.level, "0001", row.client, row.owner, paths), row.result);
     std::string joined;
-    for (size_t i = 0; i < count; ++i) joined += paths[i] + std::string(" ");
+    for (const std::string &one : paths) joined += one + " ";
     EXPECT_EQ(joined, row.paths);
-    free_dpath(paths, count);
   }
 }
 
 TEST_F(Store, AppendedIdsLoseTheirPadding) {
   const struct {
     const char *path, *id;
-    int number, keep_zeros;
+    int number;
+    bool keep_zeros;
     const char *result;
-  } rows[] = {{"/q", "0042", 0, 0, "/q/42"},   {"/q/", "400", 0, 0, "/q/400"},
-              {"/q", "0042", 0, 1, "/q/0042"}, {"/q", "0000", 0, 0, "/q/"},
-              {"/q", "0042", -7, 0, "/q/-7"},  {"/q", nullptr, 0, 0, nullptr}};
+  } rows[] = {{"/q", "0042", 0, false, "/q/42"},  {"/q/", "400", 0, false, "/q/400"},
+              {"/q", "0042", 0, true, "/q/0042"}, {"/q", "0000", 0, false, "/q/"},
+              {"/q", "0042", -7, false, "/q/-7"}, {"/q", nullptr, 0, false, "/q/"}};
   for (const auto &row : rows) {
-    char *path = ::strdup(row.path);
-    EXPECT_STREQ(quota_str_append(&path, row.number, row.id, row.keep_zeros), row.result);
-    std::free(path);
+    std::string path = row.path;
+    EXPECT_EQ(quota_str_append(path, row.number, row.id, row.keep_zeros),
+              row.id != nullptr || row.number != 0);
+    EXPECT_EQ(path, row.result);
   }
 }
 
@@ -177,18 +180,38 @@ TEST_F(Store, SeveralThreadsMayMakeOneDirectoryAtOnce) {
   EXPECT_EQ(failures, 0);
 }
 
-TEST_F(Store, DirtyMarksStandBesideTheirFile) {
-  const quota_umask mask;
-  const std::string file = path("fax.quota");
-  EXPECT_EQ(unset_dirty(file.c_str()), -1);
-  for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(is_dirty(file.c_str()), i);
-    EXPECT_EQ(set_dirty(file.c_str()), 0);
+TEST_F(Store, ANumberWithoutADotNeverBecomesARecord) {
+  // Every write that the rewriting of such a file makes is the last one before a kill, in turn.
+  for (rlim_t allowed = 0; allowed < 16; ++allowed) {
+    box.write_file("record", "7000");
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const rlimit limit{allowed, allowed};
+      ::setrlimit(RLIMIT_FSIZE, &limit);  // and SIGXFSZ kills
+      quota_write_internal(opened(path("record")).get(), 123'456'789'012, 0);
+      ::_exit(0);
+    }
+    ::waitpid(child, nullptr, 0);
+    int64_t value = 123'456'789'012;
+    quota_read_internal(opened(path("record")).get(), &value, nullptr);
+    EXPECT_EQ(value, 123'456'789'012) << box.read_file("record").value_or("");
   }
-  EXPECT_EQ(fs::status(file + ".dirty").permissions(), fs::perms{0660});
-  EXPECT_EQ(unset_dirty(file.c_str()), 0);
-  EXPECT_EQ(is_dirty(file.c_str()), 0);
-  EXPECT_EQ(set_dirty(path("missing/fax.quota").c_str()), -1);
+}
+
+TEST_F(Store, MarksStandBesideTheirFile) {
+  const quota_umask mask;
+  quota_folder folder(path("account"));
+  EXPECT_EQ(set_dirty(folder, "fax.quota"), -1) << "no folder yet";
+  ASSERT_TRUE(folder.make(::getuid(), ::getgid()));
+  EXPECT_EQ(unset_dirty(folder, "fax.quota"), -1);
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(is_dirty(folder, "fax.quota"), i);
+    EXPECT_EQ(set_dirty(folder, "fax.quota"), 0);
+  }
+  EXPECT_EQ(fs::status(path("account/fax.quota.dirty")).permissions(), fs::perms{0660});
+  EXPECT_EQ(unset_dirty(folder, "fax.quota"), 0);
+  EXPECT_EQ(is_dirty(folder, "fax.quota"), 0);
+  EXPECT_EQ(is_dirty(quota_folder(path("missing")), "fax.quota"), 0);
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <thread>
 
-#include "quota/refresh.h"
+#include "quota/folder.h"
 #include "refresh_fixture.h"
 
 namespace {
@@ -63,12 +63,12 @@ TEST_F(RefreshTrouble, AFullFileSystemIsMadeUpForLater) {
 TEST_F(RefreshTrouble, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
   box.sql("RENAME TABLE extension_recording TO gone");
   refresh(0);
-  EXPECT_EQ(stored(), (figures{{"1", "7.0 1234.0 0.0! 3.0 51.0"},
-                               {"1/2", "7.0 230.0 0.0! 3.0 50.0"},
-                               {"1/2/21", "0.0 30.0 0.0! 3.0 0.0"},
-                               {"1/2/22", "7.0 0.0 0.0! 0.0 50.0"},
-                               {"1/3", "0.0 4.0 0.0! 0.0 0.0"},
-                               {"1/3/31", "0.0 4.0 0.0! 0.0 0.0"}}));
+  EXPECT_EQ(stored(), (figures{{"1", "7.0 1234.0 0.0 3.0 51.0 redo"},
+                               {"1/2", "7.0 230.0 0.0 3.0 50.0 redo"},
+                               {"1/2/21", "0.0 30.0 0.0 3.0 0.0 redo"},
+                               {"1/2/22", "7.0 0.0 0.0 0.0 50.0 redo"},
+                               {"1/3", "0.0 4.0 0.0 0.0 0.0 redo"},
+                               {"1/3/31", "0.0 4.0 0.0 0.0 0.0 redo"}}));
   box.sql("RENAME TABLE gone TO extension_recording");
   refresh(0);
   EXPECT_EQ(stored(), right_figures);

@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "base/owner.h"
 #include "lookup_fixture.h"
-#include "quota/quota.h"
-#include "quota/store.h"
+#include "quota/kinds.h"
 
 namespace {
 

@@ -4,14 +4,13 @@
 
 #include <gtest/gtest.h>
 
-#include "quota/quota.h"
-#include "quota/store.h"
+#include "quota/kinds.h"
 #include "sqlsession.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
 
 // The files of each account by its place ("1/2/21"): fax, sound, recording, voicemail, music, "-"
-// for one that is not there, "!" behind one with a dirty mark.
+// for one that is not there, "!" behind one with a dirty mark; "redo" at the end for a redo mark.
 using figures = std::map<std::string, std::string>;
 
 inline const figures right_figures = {
@@ -57,6 +56,7 @@ class refresh_test : public testing::Test {
         line += box.read_file(file).value_or("-");
         line += fs::exists(file + ".dirty") ? "!" : "";
       }
+      if (fs::exists(entry.path() / "quota.redo")) line += " redo";
     }
     return found;
   }

@@ -1,0 +1,85 @@
+// Directories and files at and below the quota root, opened so that nobody but root decides where
+// the way leads. Internal to the engine.
+//
+// The quota root belongs to user "asterisk", who may put anything into it, and a refresh runs as
+// root. So the way below the root goes from descriptor to descriptor. A link counts only when root
+// owns it in a folder that only root may write, as an administrator makes it who moves a reseller
+// to another disk. Any other link is refused, and so is a quota file that is no regular file or has
+// a second name. A refusal gives ELOOP and one warning in the log that names the file; a folder or
+// file that is only looked at to read it is refused without a word. The quota root itself may be a
+// link. Nothing in here waits for a fifo or a device.
+//
+// What root made and could not give to its owner any more, as it was killed, is given when it is
+// opened: a folder or file that root owns and that has the mode of one of ours.
+#ifndef MAIN_QUOTA_FOLDER_H
+#define MAIN_QUOTA_FOLDER_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "base/owner.h"
+
+inline constexpr mode_t quota_file_mode = 0660;
+inline constexpr mode_t quota_directory_mode = 0770;
+
+// The process umask of 007 for the length of a scope; scopes of several threads may overlap.
+class quota_umask {
+ public:
+  quota_umask();
+  quota_umask(const quota_umask &) = delete;
+  quota_umask &operator=(const quota_umask &) = delete;
+  ~quota_umask();
+};
+
+// Creates every missing directory of an absolute path, and gives each it made to the ids when
+// running as root. 0, or -1 with errno: EINVAL for no path, ENOTDIR where a component is no
+// directory, ELOOP where one is refused. errno is 0 on success.
+int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid);
+
+// An open file of a quota folder.
+struct quota_file {
+  unique_fd fd;
+  off_t size = 0;        // when it was opened
+  bool created = false;  // by this call
+
+  explicit operator bool() const { return static_cast<bool>(fd); }
+};
+
+// An account's quota directory. Names are relative to it; that of a file of the account below may
+// have the account in front: "34/fax.quota".
+class quota_folder {
+ public:
+  explicit quota_folder(std::string path) : path_(std::move(path)) {}
+
+  const std::string &path() const { return path_; }
+  bool is_open() const { return static_cast<bool>(fd_); }
+
+  // Opens the directory unless it is open; false, with errno, when that fails.
+  bool open();
+  // The same, with all that is missing on the way made first.
+  bool make(uid_t uid, gid_t gid);
+
+  // Opens a file to read it. Empty, with errno, when that fails.
+  quota_file open_to_read(const char *name) const;
+  // Opens a file to read and write it; one that is missing is created and given to its owner.
+  quota_file open_to_write(const char *name) const;
+
+  // Creates an empty file and gives it to its owner; one that is there already is as good. 0, or
+  // -1 with errno. Without an owner to give it to the file stays, and the result is -1.
+  int create(const char *name) const;
+  // 1 when anything of that name is there, or when that cannot be found out; else 0, as in a
+  // folder that is not open.
+  int has(const char *name) const;
+  // The result of unlink.
+  int remove(const char *name) const;
+
+ private:
+  quota_file accept(unique_fd opened, const char *name, bool quietly) const;
+  unique_fd create_new(const char *name) const;
+
+  std::string path_;
+  unique_fd fd_;
+};
+
+#endif
