@@ -170,20 +170,17 @@ class tree_walk {
         return;
       }
       if (is_on_path(*id)) return;
+      if (by_link) ++entered_by_link_;
     }
     if (top.next == arena_.size()) top.directory.reset();
     enter(std::move(directory), by_link, id);
   }
 
-  // Counts the links that are followed to a directory. Below the bound each is followed, so that a
-  // directory that is linked twice counts twice.
+  // Below the bound every link is followed, so that a directory that is linked twice counts twice.
   bool may_follow() {
-    if (followed_ < most_linked) {
-      ++followed_;
-      return true;
-    }
-    if (followed_ == most_linked) {
-      ++followed_;
+    if (entered_by_link_ < most_linked) return true;
+    if (entered_by_link_ == most_linked) {
+      ++entered_by_link_;
       found_.is_all = false;
       QX_LOG(FR_LOG_WARNING,
              "%s:%d:%s: more than %d folders are entered through links, the rest is not measured\n",
@@ -276,9 +273,9 @@ class tree_walk {
   std::unique_ptr<char[]> entries_;
   std::vector<char> arena_;
   std::vector<level> levels_;
-  size_t links_ = 0;       // levels of the path that were entered through a link
-  int followed_ = 0;       // links that were followed in all, one more once some were not
-  size_t identified_ = 0;  // levels from the top whose identity is known
+  size_t links_ = 0;         // levels of the path that were entered through a link
+  int entered_by_link_ = 0;  // in all; one more than the bound once some were not
+  size_t identified_ = 0;    // levels from the top whose identity is known
 };
 
 }  // namespace

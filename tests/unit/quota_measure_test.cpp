@@ -12,6 +12,7 @@
 #include <set>
 
 #include "quota/quota.h"
+#include "support/log_capture.h"
 #include "support/servers.h"
 
 namespace {
@@ -52,6 +53,8 @@ class Walk : public testing::Test {
     ::setrlimit(RLIMIT_NOFILE, &before);
     return total;
   }
+
+  support::log_capture log;
 
  private:
   support::private_folder folder_{"walk"};
@@ -141,6 +144,32 @@ TEST_F(Walk, DeepTreesAreMeasuredInFullWithFewDescriptors) {
   }
   fs::current_path("/");
   EXPECT_EQ(measured_with(20), depth * 2 * 7);
+}
+
+TEST_F(Walk, DirectoriesLinkedToEachOtherAreMeasuredWithinABound) {
+  log.expect(FR_LOG_WARNING, "folders are entered through links");
+  // Two ways down on each of 18 levels, and nine folders with a link to each other.
+  for (int level = 0; level < 18; ++level) {
+    const std::string here = "ladder/" + std::to_string(level);
+    file(here + "/f", 1);
+    for (const char *name : {"/a", "/b"}) link("../" + std::to_string(level + 1), here + name);
+  }
+  for (int from = 0; from < 9; ++from) {
+    const std::string here = "clique/" + std::to_string(from);
+    file(here + "/f", 1);
+    for (int to = 0; to < 9; ++to)
+      link("../" + std::to_string(to), here + "/" + std::to_string(to));
+  }
+  for (const char *maze : {"ladder/0", "clique/0"}) {
+    const disk_usage found = measure_directory(tree(maze).c_str(), true);
+    EXPECT_FALSE(found.is_all) << maze;
+    EXPECT_EQ(log.count(maze), 1U) << "warnings";
+    EXPECT_GT(found.bytes, 90'000U) << maze;
+    EXPECT_LE(found.bytes, 100'001U) << maze;
+  }
+  const disk_usage few = measure_directory(tree("ladder/4").c_str(), true);
+  EXPECT_EQ(few.bytes, (1U << 14U) - 1) << "below the bound each link counts";
+  EXPECT_TRUE(few.is_all);
 }
 
 // The rule said again in the plainest way: by full paths, recursively.

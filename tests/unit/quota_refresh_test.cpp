@@ -149,6 +149,33 @@ TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
   EXPECT_FALSE(fs::exists(quota_root() + "/1/3"));
 }
 
+TEST_F(Refresh, AWalkThatStopsLeavesWhatWasThereAndBeginsAgainNextTime) {
+  store_everywhere("9.5");
+  box.sql("RENAME TABLE client TO gone");
+  std::string directory = quota_root() + "/1";
+  EXPECT_EQ(quota_update_subtree("1", nullptr, nullptr, 10, 5, directory, nullptr, 10, nullptr),
+            -1);
+  EXPECT_EQ(stored()["1"], "9.5 9.5 9.5 9.5 9.5 redo");
+  EXPECT_EQ(stored()["1/2"], "9.5 9.5 9.5 9.5 9.5");
+  box.sql("RENAME TABLE gone TO client");
+  EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
+  EXPECT_EQ(stored()["1"], "18.0 1018.0 18.0 18.0 19.0") << "its own and both clients'";
+}
+
+TEST_F(Refresh, ARedoMarkMakesAllFilesDueAndGoesWhenAllAreComputed) {
+  store_everywhere("9.5");
+  box.write_file("var/lib/quorvexquota/1/3/31/quota.redo", "");
+  EXPECT_EQ(refresh(QUOTA_SOUND, 0), 0);
+  EXPECT_EQ(stored()["1/3/31"], "9.5 4.0 9.5 9.5 9.5 redo") << "the other kinds are still due";
+  EXPECT_EQ(refresh(QUOTA_SOUND, 10), 0);
+  EXPECT_EQ(stored()["1/3/31"], "9.5 4.0 9.5 9.5 9.5 redo");
+  EXPECT_EQ(stored()["1/3"], "9.5 4.0 9.5 9.5 9.5") << "a forced refresh takes its own mark away";
+  EXPECT_EQ(quota_update_fast(QUOTA_FAX, 1, 0, 1, 3, 31), 0);
+  EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
+  EXPECT_EQ(stored()["1/3/31"], "0.0 4.0 0.0 0.0 0.0");
+  EXPECT_EQ(stored()["1/3"], "10.6 4.0 9.5 9.5 9.5");
+}
+
 TEST_F(Refresh, AFailingStatementStopsTheWalkIsToldAndLeavesTheDirectoryAsItWas) {
   const std::string given = quota_root() + "/1/3/";
   std::string directory = given;
