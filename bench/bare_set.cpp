@@ -14,7 +14,6 @@
 namespace {
 
 constexpr std::array<const char *, 5> kinds = {"fax", "sound", "recording", "voicemail", "music"};
-using totals = std::array<int64_t, 5>;
 
 void write_record(const std::string &path, int64_t value) {
   const unique_fd file(open(path.c_str(), O_RDWR | O_CREAT, 0660));
@@ -37,30 +36,47 @@ int64_t database_sum(bare_platform &platform, const char *table, const char *id)
   return sum == nullptr ? 0 : strtoll(sum, nullptr, 10);
 }
 
-totals refresh(bare_platform &platform, const char *id, int level, const std::string &directory) {
-  totals sums = {};
+int64_t read_record(const std::string &path) {
+  const unique_fd file(open(path.c_str(), O_RDONLY));
+  char record[32] = {};
+  if (read(file.get(), record, sizeof record - 1) <= 0) abort();
+  return atoll(record);
+}
+
+// What the accounts below have in their files.
+int64_t sum_of_children(bare_platform &platform, const char *id, const std::string &directory,
+                        const char *kind) {
+  const bare_rows children =
+      platform.query("SELECT client.id FROM client WHERE client.parent_client_id = '%s'", id);
+  int64_t sum = 0;
+  while (MYSQL_ROW row = mysql_fetch_row(children.get())) {
+    sum += read_record(directory + "/" + row[0] + "/" + kind + ".quota");
+  }
+  return sum;
+}
+
+void refresh(bare_platform &platform, const char *id, int level, const std::string &directory) {
   if (level < 100) {
     const bare_rows children = platform.query(
         " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ", id);
     while (MYSQL_ROW row = mysql_fetch_row(children.get())) {
-      const totals child = refresh(platform, row[0], atoi(row[1]), directory + "/" + row[0]);
-      for (size_t i = 0; i < kinds.size(); ++i) sums[i] += child[i];
+      refresh(platform, row[0], atoi(row[1]), directory + "/" + row[0]);
     }
   }
   const std::string media = platform.root + "/var/lib/asterisk/";
   for (size_t i = 0; i < kinds.size(); ++i) {
-    if (i == 1) sums[i] += bare_walk((media + "sounds/." + id).c_str());
-    if (i == 4) sums[i] += bare_walk((media + "music/" + id).c_str());
+    int64_t sum = 0;
+    if (i == 1) sum += bare_walk((media + "sounds/." + id).c_str());
+    if (i == 4) sum += bare_walk((media + "music/" + id).c_str());
     if (level == 100) {
-      if (i == 0) sums[i] += database_sum(platform, "extension_fax_center", id);
-      if (i == 2) sums[i] += database_sum(platform, "extension_recording", id);
-      if (i == 3) sums[i] += database_sum(platform, "extension_voicemail", id);
+      if (i == 0) sum += database_sum(platform, "extension_fax_center", id);
+      if (i == 2) sum += database_sum(platform, "extension_recording", id);
+      if (i == 3) sum += database_sum(platform, "extension_voicemail", id);
     } else {
-      platform.query("SELECT client.id FROM client WHERE client.parent_client_id = '%s'", id);
+      sum += sum_of_children(platform, id, directory, kinds[i]);
     }
-    write_record(directory + "/" + kinds[i] + ".quota", sums[i]);
+    write_record(directory + "/" + kinds[i] + ".quota", sum);
   }
-  return sums;
 }
 
 }  // namespace

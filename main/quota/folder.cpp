@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "base/diagnostics.h"
+#include "base/errors.h"
 #include "quota/settings.h"
 
 QX_LOG_SOURCE("../main/quota");
@@ -97,9 +98,23 @@ bool is_left_behind_file(const struct stat &status) {
 
 void hand_over_folder(int fd) {
   struct stat status {};
-  if (running_as_root() && ::fstat(fd, &status) == 0 && is_left_behind_folder(status)) {
+  if (::fstat(fd, &status) == 0 && is_left_behind_folder(status) && running_as_root()) {
     give_to_owner(fd);
   }
+}
+
+bool take_lock(quota_file &file, int operation) {
+  file.is_locked = retry_interrupted([&] { return ::flock(file.fd.get(), operation); }) == 0;
+  return file.is_locked;
+}
+
+// Takes the lock and learns the size under it.
+bool lock_and_measure(quota_file &file, int operation) {
+  if (file.is_locked) return true;
+  struct stat status {};
+  if (!take_lock(file, operation) || ::fstat(file.fd.get(), &status) != 0) return false;
+  file.size = status.st_size;
+  return true;
 }
 
 struct owner {
@@ -165,6 +180,14 @@ quota_umask::~quota_umask() {
   if (--mask.users == 0) ::umask(mask.old);
 }
 
+bool try_lock(quota_file &file) {
+  return lock_and_measure(file, LOCK_EX | LOCK_NB);
+}
+
+bool wait_for_lock(quota_file &file) {
+  return lock_and_measure(file, LOCK_EX);
+}
+
 int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
   errno = EINVAL;
   if (path == nullptr) return -1;
@@ -191,15 +214,16 @@ bool quota_folder::make(uid_t uid, gid_t gid) {
 }
 
 // Takes an opened file if it may be one of ours; what was not opened passes with its errno.
-quota_file quota_folder::accept(unique_fd opened, const char *name, bool quietly) const {
+quota_file quota_folder::accept(quota_file file, const char *name, bool quietly) const {
   struct stat status {};
-  if (opened && ::fstat(opened.get(), &status) != 0) return {};
-  if (opened && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
-    if (is_left_behind_file(status) && running_as_root()) give_to_owner(opened.get());
-    return {std::move(opened), status.st_size};
+  if (file && ::fstat(file.fd.get(), &status) != 0) return {};
+  if (file && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
+    if (is_left_behind_file(status) && running_as_root()) give_to_owner(file.fd.get());
+    file.size = status.st_size;
+    return file;
   }
   // A socket cannot be opened at all.
-  if (opened || errno == ELOOP || errno == ENXIO) {
+  if (file || errno == ELOOP || errno == ENXIO) {
     if (!quietly) log_refusal(path_ + "/" + name);
     errno = ELOOP;
   }
@@ -208,15 +232,15 @@ quota_file quota_folder::accept(unique_fd opened, const char *name, bool quietly
 
 quota_file quota_folder::open_to_read(const char *name) const {
   unique_fd opened = open_without_links(fd_.get(), name, O_RDONLY | file_flags);
-  if (opened || errno != ELOOP) return accept(std::move(opened), name, true);
+  if (opened || errno != ELOOP) return accept({std::move(opened)}, name, true);
   // A link on the way: each of the two components, the account below and its file, is looked at.
   const std::string text = name;
   const size_t slash = text.find('/');
   if (slash == text.npos)
-    return accept(open_entry(fd_.get(), name, O_RDONLY | file_flags), name, true);
+    return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, name, true);
   const unique_fd below = open_entry(fd_.get(), text.substr(0, slash).c_str(), folder_flags);
   if (!below) return {};
-  return accept(open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags), name, true);
+  return accept({open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags)}, name, true);
 }
 
 unique_fd quota_folder::create_new(const char *name) const {
@@ -225,16 +249,16 @@ unique_fd quota_folder::create_new(const char *name) const {
 }
 
 quota_file quota_folder::open_to_write(const char *name) const {
-  unique_fd opened = open_entry(fd_.get(), name, O_RDWR | file_flags);
-  if (opened || errno != ENOENT) return accept(std::move(opened), name, false);
-  // Exactly one of several processes creates it; the others find it there.
-  opened = create_new(name);
-  if (opened) {
-    if (running_as_root()) give_to_owner(opened.get());
-    return {std::move(opened), 0, true};
+  quota_file file{open_entry(fd_.get(), name, O_RDWR | file_flags)};
+  if (!file && errno == ENOENT) {
+    // Exactly one of several processes creates it; the others find it there.
+    file.fd = create_new(name);
+    file.created = static_cast<bool>(file);
+    if (file && running_as_root()) give_to_owner(file.fd.get());
+    if (!file && errno == EEXIST) file.fd = open_entry(fd_.get(), name, O_RDWR | file_flags);
   }
-  if (errno == EEXIST) opened = open_entry(fd_.get(), name, O_RDWR | file_flags);
-  return accept(std::move(opened), name, false);
+  if (file) take_lock(file, LOCK_EX | LOCK_NB);
+  return accept(std::move(file), name, false);
 }
 
 int quota_folder::create(const char *name) const {
@@ -248,7 +272,8 @@ int quota_folder::create(const char *name) const {
     return 0;
   }
   // Another user's mark cannot be opened and serves all the same.
-  const quota_file there = accept(open_entry(fd_.get(), name, O_RDONLY | file_flags), name, false);
+  const quota_file there =
+      accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, name, false);
   return there || errno == EACCES ? 0 : -1;
 }
 

@@ -40,11 +40,16 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid);
 // An open file of a quota folder.
 struct quota_file {
   unique_fd fd;
-  off_t size = 0;        // when it was opened
-  bool created = false;  // by this call
+  off_t size = 0;          // when it was opened, or, once it is locked, under the lock
+  bool created = false;    // by this call
+  bool is_locked = false;  // exclusively; the lock goes with the descriptor
 
   explicit operator bool() const { return static_cast<bool>(fd); }
 };
+
+// Tries for the exclusive lock without waiting, or waits for it; false when it cannot be had.
+bool try_lock(quota_file &file);
+bool wait_for_lock(quota_file &file);
 
 // An account's quota directory. Names are relative to it; that of a file of the account below may
 // have the account in front: "34/fax.quota".
@@ -62,7 +67,9 @@ class quota_folder {
 
   // Opens a file to read it. Empty, with errno, when that fails.
   quota_file open_to_read(const char *name) const;
-  // Opens a file to read and write it; one that is missing is created and given to its owner.
+  // Opens a file to read and write it; one that is missing is created and given to its owner. The
+  // lock is tried once, without waiting: nobody may keep a run waiting before the file was looked
+  // at, and a size learned under the lock need not be asked for again.
   quota_file open_to_write(const char *name) const;
 
   // Creates an empty file and gives it to its owner; one that is there already is as good. 0, or
@@ -75,7 +82,7 @@ class quota_folder {
   int remove(const char *name) const;
 
  private:
-  quota_file accept(unique_fd opened, const char *name, bool quietly) const;
+  quota_file accept(quota_file file, const char *name, bool quietly) const;
   unique_fd create_new(const char *name) const;
 
   std::string path_;

@@ -59,37 +59,28 @@ std::optional<quota_record> parse(char *text) {
   return record;
 }
 
+bool holds_dot(int fd) {
+  char bytes[longest_record];
+  const ssize_t count = ::pread(fd, bytes, sizeof bytes, 0);
+  return count > 0 && std::memchr(bytes, '.', static_cast<size_t>(count)) != nullptr;
+}
+
 // Goes over the old record in one call and then cuts the file, so that it never shows empty and
 // never half. (Emptying it first also costs many times as much where that waits for the journal.)
 // Where the lengths differ, filler covers what is neither old nor new: whoever is killed here
 // leaves a record that reads right and shows that it was not finished.
-bool replace_record(int fd, const char *record, size_t length) {
+bool replace_record(int fd, const char *record, size_t length, size_t old_length) {
   char bytes[record_size];
-  const ssize_t count = ::pread(fd, bytes, longest_record + 1, 0);
-  if (count < 0) return false;
-  auto old_length = static_cast<size_t>(count);
-  // A number without a dot must never become a record by the dots that are put behind it.
-  if (old_length > 0 && std::memchr(bytes, '.', std::min(old_length, longest_record)) == nullptr) {
-    if (!cut(fd, 0)) return false;
-    old_length = 0;
-  }
   std::memset(bytes, filler, sizeof bytes);
-  if (old_length > 0 && old_length < length &&
-      !write_at(fd, bytes, length - old_length, old_length)) {
-    return false;
+  if (old_length > 0 && old_length < length) {
+    // A number without a dot must never become a record by the dots that are put behind it.
+    const bool extended =
+        holds_dot(fd) ? write_at(fd, bytes, length - old_length, old_length) : cut(fd, 0);
+    if (!extended) return false;
   }
   std::memcpy(bytes, record, length);
   if (!write_at(fd, bytes, std::clamp(old_length, length, longest_record), 0)) return false;
   return old_length <= length || cut(fd, length);
-}
-
-// Waits for the exclusive lock; it goes with the descriptor.
-bool lock_file(int fd) {
-  int locked = 0;
-  do {
-    locked = ::flock(fd, LOCK_EX);
-  } while (locked != 0 && errno == EINTR);
-  return locked == 0;
 }
 
 }  // namespace
@@ -104,11 +95,16 @@ int quota_read_internal(int fd, int64_t *value, int *revision) {
   return 0;
 }
 
-int quota_write_internal(int fd, int64_t value, int revision) {
+int quota_write_internal(int fd, int64_t value, int revision, off_t size) {
   char record[record_size];
   const int length = std::snprintf(record, sizeof record, "%" PRId64 ".%d", value, revision);
   const bool fits = length > 0 && static_cast<size_t>(length) < sizeof record;
-  if (fits && replace_record(fd, record, static_cast<size_t>(length))) return 0;
+  struct stat status {};
+  if (size < 0 && ::fstat(fd, &status) == 0) size = status.st_size;
+  if (fits && size >= 0 &&
+      replace_record(fd, record, static_cast<size_t>(length), static_cast<size_t>(size))) {
+    return 0;
+  }
   // An old value that looks right would never be computed again; an empty file is.
   cut(fd, 0);
   return -1;
@@ -132,12 +128,12 @@ int is_rev_inrange(const quota_folder &folder, const char *file, int64_t *value)
 
 int quota_real_update(const quota_folder &folder, const char *file, int64_t value, int revision,
                       bool *written) {
-  const quota_file opened = folder.open_to_write(file);
+  quota_file opened = folder.open_to_write(file);
   if (!opened) return -1;
   // Where locks cannot be had at all, a value written without one is better than none. A write that
   // failed leaves an empty file, which is computed again. The lock goes with the descriptor.
-  lock_file(opened.fd.get());
-  const int status = quota_write_internal(opened.fd.get(), value, revision);
+  wait_for_lock(opened);
+  const int status = quota_write_internal(opened.fd.get(), value, revision, opened.size);
   if (written != nullptr) *written = status == 0;
   return 0;
 }
@@ -145,8 +141,9 @@ int quota_real_update(const quota_folder &folder, const char *file, int64_t valu
 void expire_quota_file(const quota_folder &folder, const char *file) {
   int64_t value = 0;
   if (is_rev_inrange(folder, file, &value) == 0) return;
-  const quota_file opened = folder.open_to_write(file);
-  if (!opened || !lock_file(opened.fd.get())) return;
+  quota_file opened = folder.open_to_write(file);
+  if (!opened || !wait_for_lock(opened)) return;
   const std::optional<quota_record> record = record_of(opened);
-  if (record) quota_write_internal(opened.fd.get(), record->value, expired_revision);
+  if (!record) return;
+  quota_write_internal(opened.fd.get(), record->value, expired_revision, opened.size);
 }

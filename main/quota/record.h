@@ -20,8 +20,9 @@ int quota_read_internal(int fd, int64_t *value, int *revision);
 // Replaces the file's content with the record; the caller holds the file's lock. A reader without
 // the lock finds a whole value at every moment, and so does whoever comes after a kill: the value
 // is the old one or the new one. A file that held no record holds none before it holds the new one.
-// 0, or -1 with the file left empty when the write failed.
-int quota_write_internal(int fd, int64_t value, int revision);
+// `size` is the file's, -1 when the caller does not know it. 0, or -1 with the file left empty when
+// the write failed.
+int quota_write_internal(int fd, int64_t value, int revision, off_t size = -1);
 
 // A record as it was read.
 struct quota_record {

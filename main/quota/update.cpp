@@ -20,25 +20,24 @@ namespace {
 constexpr int default_wait = 30;  // ms
 constexpr int lock_step = 10;     // ms
 
-// Somebody else's file that is still empty is being created: who made it has yet to come for the
-// lock, and is let in first.
-bool try_lock(quota_file &file) {
-  if (::flock(file.fd.get(), LOCK_EX | LOCK_NB) != 0) return false;
-  struct stat status {};
-  if (::fstat(file.fd.get(), &status) == 0) file.size = status.st_size;
-  if (file.created || file.size != 0) return true;
+// Whether the file is locked for this update. Somebody else's file that is still empty is being
+// created: who made it has yet to come for the lock, and is let in first.
+bool holds_lock(quota_file &file) {
+  if (!file.is_locked || file.created || file.size != 0) return file.is_locked;
   ::flock(file.fd.get(), LOCK_UN);
+  file.is_locked = false;
   return false;
 }
 
 // Tries as often as the wait has steps, and once more; a negative wait is one try without a pause.
+// The first try was made when the file was opened.
 bool lock_within(quota_file &file, int wait) {
-  if (wait < 0) return try_lock(file);
-  for (int tries = wait / lock_step; tries >= 0; --tries) {
-    if (try_lock(file)) return true;
+  for (int tries = wait / lock_step; !holds_lock(file); try_lock(file)) {
+    if (wait < 0) return false;
     fine_sleep(lock_step / 1000.0F);
+    if (--tries < 0) return false;
   }
-  return false;
+  return true;
 }
 
 int64_t sum_of(int64_t value, int64_t delta) {
@@ -63,7 +62,7 @@ int64_t apply_delta(const quota_folder &folder, const char *name, const quota_fi
   if (delta == 0 && !is_new) return record->value;
   const int64_t value = sum_of(record->value, delta);
   const int revision = record->revision < INT_MAX ? record->revision + 1 : INT_MAX;
-  if (quota_write_internal(file.fd.get(), value, revision) != 0) set_dirty(folder, name);
+  if (quota_write_internal(file.fd.get(), value, revision, file.size) != 0) set_dirty(folder, name);
   return value;
 }
 
