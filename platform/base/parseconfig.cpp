@@ -42,7 +42,7 @@ int parseconfig(const char *path, const struct parseconfig_entry *entries, size_
     for (size_t i = 0; i < count; ++i) {
       if (found.keyword.empty() || found.keyword != entries[i].keyword) continue;
       safestr_t value = safestr_create(found.value.data(), found.value.size());
-      if (value == nullptr) continue;
+      if (value == nullptr) return -1;
       safestr_free(*entries[i].value);
       *entries[i].value = value;
     }

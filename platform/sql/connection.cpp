@@ -4,11 +4,13 @@
 #include <fcntl.h>
 #include <mysqld_error.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <thread>
 
 namespace {
 
@@ -18,8 +20,6 @@ constexpr unsigned statement_timeout = 600;  // seconds without any byte from th
 void set_options(MYSQL *mysql, const sql_address &address) {
   const unsigned protocol = address.is_socket() ? MYSQL_PROTOCOL_SOCKET : MYSQL_PROTOCOL_TCP;
   const unsigned off = 0;
-  // This also bounds each wait of the handshake, so a server that accepts and then says nothing
-  // costs no more than one that is not there.
   mysql_options(mysql, MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout);
   mysql_options(mysql, MYSQL_OPT_READ_TIMEOUT, &statement_timeout);
   mysql_options(mysql, MYSQL_OPT_WRITE_TIMEOUT, &statement_timeout);
@@ -28,41 +28,53 @@ void set_options(MYSQL *mysql, const sql_address &address) {
   mysql_options(mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
 }
 
-int wait_for(MYSQL *mysql, int events, std::chrono::steady_clock::time_point deadline) {
+// What the client library is to be told of the wait that it asked for. After the deadline there is
+// none: a server that always has more to say must not prolong it.
+int wait_for(MYSQL *mysql, int events, sql_clock::time_point deadline) {
   short wanted = 0;
   if ((events & MYSQL_WAIT_READ) != 0) wanted |= POLLIN;
   if ((events & MYSQL_WAIT_WRITE) != 0) wanted |= POLLOUT;
   pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), wanted, 0};
   for (;;) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    const int ready = poll(&socket, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - sql_clock::now());
+    if (left.count() <= 0) return MYSQL_WAIT_TIMEOUT;
+    const int ready = poll(&socket, 1, static_cast<int>(left.count()));
     if (ready > 0) return events & (MYSQL_WAIT_READ | MYSQL_WAIT_WRITE);
     if (ready == 0 || errno != EINTR) return MYSQL_WAIT_TIMEOUT;
   }
 }
 
-// Connects to a remote server by a deadline for all of it: the library's own timeout starts anew
-// with each byte that comes.
-bool connect_remote(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
-  mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout);
+// The client library takes a connect to a Unix socket whose queue is full for one under way, which
+// it is not: it was refused, and is tried here until there is room.
+void wait_for_room(int socket, const std::string &path, sql_clock::time_point deadline) {
+  sockaddr_un server = {};
+  server.sun_family = AF_UNIX;
+  path.copy(server.sun_path, sizeof server.sun_path - 1);
+  const auto *address = reinterpret_cast<const sockaddr *>(&server);
+  while (connect(socket, address, sizeof server) != 0 && errno == EAGAIN &&
+         sql_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+// Connects by a deadline for all of it: the library's own timeout starts anew with each byte that
+// comes.
+bool connect_in_time(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
+  if (mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr) != 0) return false;
+  const auto deadline = sql_clock::now() + std::chrono::seconds(connect_timeout);
+  const bool local = address.is_socket();
   MYSQL *connected = nullptr;
-  int events =
-      mysql_real_connect_start(&connected, mysql, address.host.c_str(), credentials.user.c_str(),
-                               credentials.password.c_str(), credentials.database.c_str(),
-                               address.port, nullptr, CLIENT_MULTI_RESULTS);
+  int events = mysql_real_connect_start(
+      &connected, mysql, local ? nullptr : address.host.c_str(), credentials.user.c_str(),
+      credentials.password.c_str(), credentials.database.c_str(), address.port,
+      local ? address.host.c_str() : nullptr, CLIENT_MULTI_RESULTS);
+  if (local && events != 0) {
+    wait_for_room(static_cast<int>(mysql_get_socket(mysql)), address.host, deadline);
+  }
   while (events != 0) {
     events = mysql_real_connect_cont(&connected, mysql, wait_for(mysql, events, deadline));
   }
   return connected != nullptr;
-}
-
-// The blocking form waits while the server's queue is full; the other one fails on a socket then.
-bool connect_local(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
-  return mysql_real_connect(mysql, nullptr, credentials.user.c_str(), credentials.password.c_str(),
-                            credentials.database.c_str(), 0, address.host.c_str(),
-                            CLIENT_MULTI_RESULTS) != nullptr;
 }
 
 }  // namespace
@@ -72,8 +84,7 @@ bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
   handle.reset(mysql_init(nullptr));
   if (!handle) return false;
   set_options(handle.get(), address);
-  const auto connect = address.is_socket() ? connect_local : connect_remote;
-  if (!connect(handle.get(), credentials, address)) return false;
+  if (!connect_in_time(handle.get(), credentials, address)) return false;
   // The client library offers no way to open the socket close-on-exec.
   fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
   return true;
@@ -94,9 +105,8 @@ void abandon(mysql_handle handle) {
 }
 
 bool answers_ping(MYSQL *mysql) {
-  // A plain ping would wait as long as a statement may; the non-blocking form can be cut off.
-  mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(connect_timeout);
+  // A plain ping would wait as long as a statement may; this form can be cut off.
+  const auto deadline = sql_clock::now() + std::chrono::seconds(connect_timeout);
   int failed = 1;
   int events = mysql_ping_start(&failed, mysql);
   while (events != 0) {

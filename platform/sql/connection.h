@@ -5,10 +5,13 @@
 
 #include <mysql.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
 #include "base/owner.h"
+
+using sql_clock = std::chrono::steady_clock;
 
 using mysql_handle = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
 using mysql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
@@ -27,8 +30,9 @@ struct sql_address {
   std::string text() const { return is_socket() ? host : host + ":" + std::to_string(port); }
 };
 
-// Connects. `handle` is given a new connection object in any case, so that it can tell the reason
-// of a failure; it is null only when memory is short.
+// Connects, within 3 s after what the resolver takes for a name. `handle` is given a new connection
+// object in any case, so that it can tell the reason of a failure; it is null only when memory is
+// short.
 bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
                      const sql_address &address);
 

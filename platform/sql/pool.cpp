@@ -1,11 +1,10 @@
 #include "pool.h"
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cmath>
 #include <optional>
 #include <utility>
+
+#include "base/process.h"
 
 QX_LOG_SOURCE("../platform/sql");
 
@@ -97,13 +96,13 @@ bool connect(fr_sql_shard &shard, sql_server &server, mysql_handle &handle) {
 }  // namespace
 
 void keep_to_own_connections(fr_sql_shard &shard) {
-  if (shard.process == getpid()) return;
+  const long process = process_generation();
+  if (shard.process == process) return;
   for (sql_server &server : shard.servers) {
     for (idle_connection &inherited : server.idle) abandon(std::move(inherited.handle));
     server.idle.clear();
   }
-  shard.in_use = 0;
-  shard.process = getpid();
+  shard.process = process;
 }
 
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
@@ -119,34 +118,21 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
       tried.push_back(next->server);
       continue;
     }
-    const std::lock_guard guard(shard.lock);
-    ++shard.in_use;
     return {std::move(handle), next->server};
   }
   return {std::move(failed), nullptr};
 }
 
-bool may_connect_later(fr_sql_shard &shard) {
-  const std::lock_guard guard(shard.lock);
-  keep_to_own_connections(shard);
-  return shard.in_use > 0 &&
-         std::all_of(shard.servers.begin(), shard.servers.end(),
-                     [](const sql_server &server) { return server.idle.empty(); });
-}
-
-void return_connection(fr_sql_shard &shard, sql_lease lease) {
+void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept {
   if (lease.server == nullptr) return;
-  const std::lock_guard guard(shard.lock);
-  --shard.in_use;
-  const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
-  if (in_transaction || shard.retired) return;
-  lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
-}
-
-void lose_connection(fr_sql_shard &shard, sql_lease &lease) {
-  const std::lock_guard guard(shard.lock);
-  --shard.in_use;
-  lease.server = nullptr;
+  // Without memory to keep it, it is closed.
+  no_throw(0, [&] {
+    const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
+    const std::lock_guard guard(shard.lock);
+    if (in_transaction || shard.retired) return 0;
+    lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
+    return 0;
+  });
 }
 
 sql_pool &the_sql_pool() {

@@ -4,7 +4,6 @@
 #define PLATFORM_SQL_POOL_H
 
 #include <atomic>
-#include <chrono>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -13,8 +12,6 @@
 
 #include "base/diagnostics.h"
 #include "connection.h"
-
-using sql_clock = std::chrono::steady_clock;
 
 struct idle_connection {
   mysql_handle handle;
@@ -37,13 +34,12 @@ struct fr_sql_shard {
   std::mutex lock;  // guards all that follows
   std::deque<sql_server> servers;
   size_t next_slave = 0;
-  size_t in_use = 0;     // live connections that sessions hold
-  pid_t process = 0;     // whose these connections are
+  long process = 0;      // whose these connections are, as its generation
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
 };
 
-// A connection out of a shard. Without a server there is none, and the handle, when there is one,
-// has the reason.
+// A connection out of a shard. Without a server it is none, or was lost, and the handle, when there
+// is one, has the reason.
 struct sql_lease {
   mysql_handle handle;
   sql_server *server = nullptr;
@@ -54,20 +50,12 @@ enum class sql_purpose { read, write };
 // Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
 
-// Whether a session would have to connect now although another one holds a live connection, which
-// shows that a server answers: it may then just as well connect when it has a statement to run. A
-// server that dies in between shows as a failed statement instead of as no session.
-bool may_connect_later(fr_sql_shard &shard);
-
 // Drops what a child of fork inherited: two processes that share a connection read each other's
 // answers. The caller holds the shard's lock.
 void keep_to_own_connections(fr_sql_shard &shard);
 
-// Keeps the connection for the next taker, unless somebody's transaction is open.
-void return_connection(fr_sql_shard &shard, sql_lease lease);
-
-// Takes note that the connection died. The handle stays, to tell why.
-void lose_connection(fr_sql_shard &shard, sql_lease &lease);
+// Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
+void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept;
 
 struct sql_pool {
   std::mutex lock;  // guards the list

@@ -110,6 +110,7 @@ int read_servers(const char *path, bool need_master) {
   while (const auto line = lines.next()) {
     if (take_line(*line, path, ++number)) has_master = true;
   }
+  if (lines.failed()) return -1;
   return has_master || !need_master ? 0 : -1;
 }
 

@@ -15,11 +15,12 @@ QX_LOG_SOURCE("../platform/sql");
 
 struct fr_sql_conn {
   std::shared_ptr<fr_sql_shard> shard;
-  sql_lease connection;  // has no server before the first statement of a session that connects late
-  bool lost = false;
+  sql_lease connection;  // never without a handle; has no server once it is lost
 };
 
 namespace {
+
+constexpr char out_of_memory[] = "Out of memory";
 
 // Starting the client library makes the process ignore SIGPIPE. It does not need that, as it sends
 // without raising the signal, and a host may want to end when the reader of its output does.
@@ -44,15 +45,12 @@ int add_shard(std::shared_ptr<fr_sql_shard> shard) {
   return 0;
 }
 
-// The handle for mysql_error, whether the session ever connected or not.
-MYSQL *handle_of(fr_sql_conn &session) {
-  mysql_handle &handle = session.connection.handle;
-  if (!handle) handle.reset(mysql_init(nullptr));
-  return handle.get();
+MYSQL *handle_of(const fr_sql_conn &session) {
+  return session.connection.handle.get();
 }
 
-int fail(fr_sql_conn &session, unsigned code, const char *text) {
-  if (MYSQL *const mysql = handle_of(session)) set_error(mysql, code, text);
+int fail(const fr_sql_conn &session, unsigned code, const char *text) {
+  set_error(handle_of(session), code, text);
   return -1;
 }
 
@@ -60,7 +58,8 @@ int fail(fr_sql_conn &session, unsigned code, const char *text) {
 // the master, where what it wrote can be read.
 int attach(fr_sql_conn &session, sql_purpose purpose) {
   const sql_server *const server = session.connection.server;
-  if (server != nullptr && (purpose == sql_purpose::read || server->is_master)) return 0;
+  if (server == nullptr) return fail(session, CR_SERVER_GONE_ERROR, "The SQL connection was lost");
+  if (purpose == sql_purpose::read || server->is_master) return 0;
   sql_lease lease = take_connection(*session.shard, purpose);
   if (lease.server == nullptr) {
     if (!lease.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL server can be reached");
@@ -77,7 +76,7 @@ bool read_results(MYSQL *mysql, mysql_result &first) {
   int more = 0;
   do {
     mysql_result result(mysql_store_result(mysql));
-    if (!result && mysql_errno(mysql) != 0) return false;
+    if (!result && mysql_field_count(mysql) != 0) return false;
     if (result && !first) first = std::move(result);
     more = mysql_next_result(mysql);
   } while (more == 0);
@@ -85,20 +84,20 @@ bool read_results(MYSQL *mysql, mysql_result &first) {
 }
 
 int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, va_list arguments) {
-  if (session.lost) return fail(session, CR_SERVER_GONE_ERROR, "The SQL connection was lost");
   char *formatted = nullptr;
   const int length = vasprintf(&formatted, format, arguments);
-  if (length < 0) return fail(session, CR_OUT_OF_MEMORY, "The statement cannot be formatted");
+  if (length < 0) return fail(session, CR_OUT_OF_MEMORY, out_of_memory);
   const c_string statement(formatted);
   const auto size = static_cast<unsigned long>(length);
   const bool reads = is_read_statement({formatted, size});
   if (attach(session, reads ? sql_purpose::read : sql_purpose::write) != 0) return -1;
 
-  MYSQL *const mysql = session.connection.handle.get();
+  MYSQL *const mysql = handle_of(session);
   mysql_result first;
   if (mysql_real_query(mysql, formatted, size) != 0 || !read_results(mysql, first)) {
-    session.lost = is_lost(mysql);
-    if (session.lost) lose_connection(*session.shard, session.connection);
+    // Where the library names no reason, it was short of memory in the middle of an answer.
+    if (mysql_errno(mysql) == 0) set_error(mysql, CR_OUT_OF_MEMORY, out_of_memory);
+    if (is_lost(mysql)) session.connection.server = nullptr;
     return -1;
   }
   *result = first.release();
@@ -139,7 +138,6 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {
       if (shard < 0 || static_cast<size_t>(shard) >= pool.shards.size()) return nullptr;
       session->shard = pool.shards[static_cast<size_t>(shard)];
     }
-    if (may_connect_later(*session->shard)) return session.release();
     session->connection = take_connection(*session->shard, sql_purpose::read);
     return session->connection.server == nullptr ? nullptr : session.release();
   });
@@ -148,10 +146,7 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {
 void fr_sqlpool_conn_free(fr_sql_conn_t *session) {
   if (session == nullptr) return;
   const std::unique_ptr<fr_sql_conn> owned(session);
-  no_throw(0, [session] {
-    return_connection(*session->shard, std::move(session->connection));
-    return 0;
-  });
+  return_connection(*session->shard, std::move(session->connection));
 }
 
 int fr_sqlpool_destroy(void) {
@@ -187,7 +182,10 @@ int fr_sql_conn_vquery(fr_sql_conn_t *session, int store, MYSQL_RES **result, co
   *result = nullptr;
   if (session == nullptr || format == nullptr) return -1;
   if (store == 0) return fail(*session, CR_UNKNOWN_ERROR, "Results are read whole or not at all");
-  return no_throw(-1, [=] { return run_statement(*session, result, format, arguments); });
+  constexpr int thrown = -2;
+  const int status =
+      no_throw(thrown, [=] { return run_statement(*session, result, format, arguments); });
+  return status == thrown ? fail(*session, CR_OUT_OF_MEMORY, out_of_memory) : status;
 }
 
 MYSQL *fr_sql_conn_get_mysql(fr_sql_conn_t *session) {

@@ -9,8 +9,8 @@
  * longer than the limit given at initialisation is checked before it is handed out. No statement
  * is retried: after a lost connection every further one on its session fails.
  *
- * Connecting may take 3 s, after what the resolver takes for a host name (on a Unix socket, 3 s for
- * each wait); a statement without any answer fails after 600 s. Text is utf8mb4.
+ * Connecting takes 3 s at most, after what the resolver takes for a host name; a statement without
+ * any answer fails after 600 s. Text is utf8mb4.
  * All functions may be called from any thread; a session belongs to one thread at a time. A child
  * of fork gets connections of its own, but must not use the sessions that its parent had out. */
 #ifndef PLATFORM_SQL_SQLPOOL_H
@@ -50,9 +50,8 @@ int fr_sqlpool_shard_add(fr_sql_shard_t *shard);
  * master a failure. 0, or -1. */
 int fr_sql_shard_parse_connection_info(const char *path, const void *reserved, int need_master);
 
-/* A session on a shard, or NULL when there is no such shard or none of its servers answers. It has
- * a live connection; only while another session holds one and none is kept does it connect at its
- * first statement. Release with fr_sqlpool_conn_free. */
+/* A session on a shard, with a live connection of its own; NULL when there is no such shard or none
+ * of its servers answers. Release with fr_sqlpool_conn_free. */
 fr_sql_conn_t *fr_sqlpool_conn_get(int shard);
 
 /* Gives a session back; a connection that died is closed, not kept. NULL is ignored. */

@@ -57,7 +57,7 @@ int vk_server_add(vk_client_t *client, const char *host, int port, const char *n
   if (host == nullptr || *host == '\0') return VK_ERR_ARGUMENT;
   if (*host != '/' && (port < 1 || port > 65535)) return VK_ERR_ARGUMENT;
   return change(client, [=](vk_state &state) {
-    state.servers.push_back({host, port, name == nullptr ? "" : name, {}, true, {}});
+    state.servers.push_back({host, port, name == nullptr ? "" : name, {}, true});
     return VK_OK;
   });
 }
@@ -65,7 +65,7 @@ int vk_server_add(vk_client_t *client, const char *host, int port, const char *n
 int vk_set_database_key(vk_client_t *client, int database, const char *key, size_t key_length) {
   if (key == nullptr || database < 0) return VK_ERR_ARGUMENT;
   return change(client, [=](vk_state &state) {
-    state.keys[database].assign(key, key_length);
+    state.keys.insert_or_assign(database, std::string(key, key_length));
     return VK_OK;
   });
 }

@@ -18,16 +18,18 @@ using std::chrono::milliseconds;
 // More than a peer can mean: a reply that claims to be larger is garbage, and must not make this
 // process reserve, or read, what it claims.
 constexpr size_t largest_reply = 64U << 20;
-constexpr int most_elements = 1 << 20;
+constexpr size_t most_elements = 1U << 20;  // with those of the lists in it
+constexpr size_t longest_line = 64U << 10;
 
 using address_list = std::unique_ptr<addrinfo, call_to_release<freeaddrinfo>>;
 
-// Whether the socket is ready for `events` before the deadline; errno is ETIMEDOUT if not.
+// Whether the socket is ready for `events` before the deadline; errno is ETIMEDOUT if not. After
+// the deadline it is not looked at: a peer that always has more to say must not prolong it.
 bool wait_for(int socket, short events, vk_clock::time_point deadline) {
   pollfd entry = {socket, events, 0};
   for (;;) {
     const auto left = std::chrono::ceil<milliseconds>(deadline - vk_clock::now()).count();
-    const int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left, 0)));
+    const int ready = left > 0 ? poll(&entry, 1, static_cast<int>(left)) : 0;
     if (ready > 0) return true;
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) errno = ETIMEDOUT;
@@ -82,8 +84,18 @@ bool make_patient(int socket) {
 
 decltype(redisReplyObjectFunctions::createArray) create_any_array = nullptr;
 
+// Called by the one thread that reads the reply, from its outermost list inwards.
 void *create_sane_array(const redisReadTask *task, int elements) {
-  return elements > most_elements ? nullptr : create_any_array(task, elements);
+  static thread_local size_t in_reply = 0;
+  if (task->parent == nullptr) in_reply = 0;
+  in_reply += static_cast<size_t>(elements);
+  return in_reply > most_elements ? nullptr : create_any_array(task, elements);
+}
+
+// Whether what waits to be read begins with a line that does not end.
+bool has_endless_line(const redisReader &reader) {
+  const size_t waiting = reader.len - reader.pos;
+  return waiting > longest_line && memchr(reader.buf + reader.pos, '\n', longest_line) == nullptr;
 }
 
 // A reader that believes no length without bounds.
@@ -175,7 +187,7 @@ vk_io vk_connection::receive(vk_clock::time_point deadline, bool patient, vk_rep
       reply.reset(static_cast<redisReply *>(complete));
       return vk_io::ok;
     }
-    if (total > largest_reply) return vk_io::garbage;
+    if (total > largest_reply || has_endless_line(*reader_)) return vk_io::garbage;
     if (!patient && !wait_for(socket_.get(), POLLIN, deadline)) return vk_io::timed_out;
     const ssize_t got = recv(socket_.get(), buffer, sizeof buffer, patient ? 0 : MSG_DONTWAIT);
     if (got == 0) return vk_io::broken;

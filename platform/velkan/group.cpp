@@ -1,12 +1,14 @@
 #include "group.h"
 
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <new>
+
+#include "base/process.h"
 
 namespace {
 
@@ -14,8 +16,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr milliseconds connect_timeout{500};  // for all servers together
-constexpr milliseconds trial_timeout{200};    // for everything, after a failure
-constexpr seconds longest_pause{60};
+constexpr seconds pause{5};                   // after a failure
 
 struct log_level {
   unsigned bit;
@@ -62,17 +63,16 @@ std::string command_text(std::initializer_list<std::string_view> words) {
     lengths.push_back(word.size());
   }
   const vk_command command(static_cast<int>(words.size()), arguments.data(), lengths.data());
-  return command.empty() ? std::string() : std::string(command.bytes());
+  if (command.empty()) throw std::bad_alloc();
+  return std::string(command.bytes());
 }
 
-// Looks the server's addresses up when they are not known or did not serve, but not again and again
-// while it is down.
+// Looks the server's addresses up when they are not known or did not serve.
 void find_addresses(vk_server &server) {
-  if (!server.look_up || vk_clock::now() < server.next_look_up) return;
+  if (!server.look_up) return;
   auto addresses = addresses_of(server.host, server.port);
   if (!addresses.empty()) server.addresses = std::move(addresses);
   server.look_up = false;
-  server.next_look_up = vk_clock::now() + longest_pause;
 }
 
 // Logs in, asks for the role and takes the database, all in one exchange. Empty when the server
@@ -111,7 +111,7 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
       write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
                 server.host.c_str());
       state.connection = std::move(connection);
-      state.connected_by = getpid();
+      state.connected_by = process_generation();
       return true;
     }
     server.look_up = true;
@@ -122,14 +122,24 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
 }
 
 int give_up(vk_state &state, int code) {
-  const seconds pause = state.failures >= 6 ? longest_pause : seconds(1 << state.failures);
   state.connection.reset();
-  state.failures++;
   state.paused_until = vk_clock::now() + pause;
   write_log(state, as_error, "velkan: %s; not asking for %d s", vk_strerror(code),
             static_cast<int>(pause.count()));
   return code;
 }
+
+// Charges the budget with the time of its own life.
+class charged_time {
+ public:
+  explicit charged_time(vk_clock::time_point start) : start_(start) {}
+  charged_time(const charged_time &) = delete;
+  charged_time &operator=(const charged_time &) = delete;
+  ~charged_time() { the_vk_budget.charge(start_, vk_clock::now()); }
+
+ private:
+  vk_clock::time_point start_;
+};
 
 bool is_read_only(const redisReply &reply) {
   return reply.type == REDIS_REPLY_ERROR &&
@@ -144,11 +154,14 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
   if (state.servers.empty()) return VK_ERR_CLIENT;
   // A child of fork leaves the connection to its parent: two that share one read each other's
   // replies.
-  if (state.connection && state.connected_by != getpid()) state.connection.reset();
+  if (state.connection && state.connected_by != process_generation()) state.connection.reset();
   const auto start = vk_clock::now();
-  if (!state.connection && start < state.paused_until) return VK_ERR_DOWN;
-  const bool on_trial = state.failures > 0;
-  const auto deadline = start + (on_trial ? trial_timeout : vk_connection::command_timeout);
+  const vk_clock::duration budget = the_vk_budget.left(start);
+  if (start < state.paused_until || budget == budget.zero()) return VK_ERR_DOWN;
+  const charged_time charge(start);
+  const bool may_be_patient = budget >= vk_connection::command_timeout;
+  const auto deadline =
+      start + std::min<vk_clock::duration>(budget, vk_connection::command_timeout);
 
   int failure = VK_ERR_IO;
   for (int attempt = 0; attempt < 2; attempt++) {
@@ -158,14 +171,13 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
       return give_up(state, VK_ERR_DOWN);
     }
     const vk_io result =
-        state.connection->ask(command.bytes(), deadline, !is_fresh && !on_trial, reply);
+        state.connection->ask(command.bytes(), deadline, !is_fresh && may_be_patient, reply);
     if (result == vk_io::timed_out || result == vk_io::garbage) return give_up(state, VK_ERR_IO);
     if (result == vk_io::ok && !is_read_only(*reply)) {
       if (reply->type == REDIS_REPLY_ERROR) {
         write_log(state, as_debug, "velkan: error reply: %s", reply->str);
         return VK_ERR_REPLY;
       }
-      if (on_trial && vk_clock::now() >= state.paused_until + longest_pause) state.failures = 0;
       return VK_OK;
     }
     // The server ended the connection, as at a restart, or is no master any more: both are known

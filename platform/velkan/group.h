@@ -1,12 +1,10 @@
 // The servers of a client as one replicated group: finding its master, keeping the connection to
-// it, and keeping the time bounded that a dead cache can cost. Internal to platform/velkan.
+// it, and keeping the time bounded that a cache in trouble can cost. Internal to platform/velkan.
 //
-// What a cache that answers nothing, or only some commands, costs at most: a command never takes
-// longer than its deadline: 2 s while the group is trusted, 200 ms in all, connecting included,
-// from the first failure on. Each failure is followed by a pause: 1, 2, 4, 8, 16, 32 and then 60 s.
-// Commands that succeed in between change neither, until a minute has passed since the last pause
-// without another failure. In ten minutes that is one command of 2 s and at most fourteen of
-// 200 ms: 4.8 s.
+// One budget of the process (budget.h) pays for everything that commands wait for: the resolver,
+// connecting, sending and receiving. A command takes 2 s at most and no longer than the budget
+// lasts; when it is spent, commands fail at once. A failure is followed by a pause of 5 s without
+// any attempt, so that a cache that refuses, or talks garbage, costs next to nothing as well.
 #ifndef PLATFORM_VELKAN_GROUP_H
 #define PLATFORM_VELKAN_GROUP_H
 
@@ -16,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "budget.h"
 #include "connection.h"
 #include "velkan.h"
 
@@ -33,7 +32,6 @@ struct vk_server {
   // Kept from the last look-up, so that a reconnect does not wait for the resolver.
   std::vector<vk_address> addresses;
   bool look_up = true;  // the addresses did not serve, or there are none yet
-  vk_clock::time_point next_look_up;
 };
 
 // What both handles of a client share.
@@ -49,10 +47,12 @@ struct vk_state {
   int database = 0;
 
   std::optional<vk_connection> connection;
-  pid_t connected_by = 0;
-  int failures = 0;  // since the group was last trusted
+  long connected_by = 0;  // process generation
   vk_clock::time_point paused_until;
 };
+
+// The budget of this process, whatever clients it has.
+inline constinit vk_budget the_vk_budget;
 
 // Runs one command on the group's master. VK_OK with a reply that is no error, or an error code.
 int run_command(vk_state &state, const vk_command &command, vk_reply &reply);

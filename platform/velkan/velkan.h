@@ -2,12 +2,14 @@
  *
  * The servers of a client are one replicated group: it uses the first one that answers and is a
  * master, and moves on when that one is lost or turns read-only, so a fail-over needs no new
- * configuration. It connects at the first command (500 ms), and then gives each command 2 s. When
- * no server answers, commands fail at once for a pause that doubles from 1 s to 60 s, and the
- * attempt after a pause gets 200 ms, its command included, so a dead cache costs a process a few
- * seconds in all. Commands keep to 200 ms until the group has been well for a minute. A host name
- * is looked up at the first connect, and again at most once a minute while its addresses do not
- * serve; that may take as long as the resolver does. An address costs nothing.
+ * configuration. It connects at the first command (500 ms), and then gives each command 2 s. A
+ * failure is followed by a pause of 5 s in which commands fail at once.
+ *
+ * All waiting of a process, whatever its clients, has one budget: in any ten minutes commands take
+ * no more than 5 s, and half a millisecond for each command, however slow the cache is or in what
+ * way. When the budget is spent, commands fail at once. A host name is looked up at the first
+ * connect, and again when its addresses do not serve; that takes as long as the resolver does, and
+ * is charged afterwards. An address costs nothing.
  *
  * Keys, fields and values are counted byte strings. Functions return 0 on success and an error
  * code that vk_strerror explains otherwise. They may be called from any thread, and in a child of
@@ -25,7 +27,7 @@ extern "C" {
 enum {
   VK_OK = 0,
   VK_ERR_CLIENT = 1,    /* no client, or no server was added */
-  VK_ERR_DOWN = 2,      /* no server answers; not asked again before the pause is over */
+  VK_ERR_DOWN = 2,      /* no server answers, or none is asked: a pause, or the budget is spent */
   VK_ERR_IO = 3,        /* the connection broke or timed out during the command */
   VK_ERR_REPLY = 4,     /* the server answered with an error, or with the wrong type */
   VK_ERR_NOT_FOUND = 5, /* a hash read whole is not there */

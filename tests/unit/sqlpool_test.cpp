@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <thread>
@@ -207,8 +209,15 @@ TEST_F(SqlPool, AConnectionIsKeptForTheNextUnlessSomethingIsWrongWithIt) {
   master.start();
   const session one = take();
   EXPECT_EQ(ask(one, "SELECT 1"), "1") << "the server had closed the kept one";
+  {
+    const session other = take();
+    EXPECT_EQ(ask(one, "SELECT COUNT(*) FROM information_schema.processlist WHERE user='spoolcap'"),
+              "2")
+        << "as many as there are sessions";
+  }
   master.kill_hard();
-  EXPECT_EQ(ask(one, "SELECT 1"), "error");
+  EXPECT_FALSE(take()) << "the other one was connected, and nobody answers";
+  for (int i = 0; i < 2; i++) EXPECT_EQ(ask(one, "SELECT 1"), "error");
 }
 
 TEST_F(SqlPool, OnlyAConnectionThatIdledLongerThanTheLimitIsAskedFirst) {
@@ -242,6 +251,18 @@ TEST_F(SqlPool, AProcedureMayGiveSeveralResultsOfWhichTheFirstIsKept) {
   EXPECT_EQ(ask(one, "CALL t.two()"), "1");
   EXPECT_EQ(ask(one, "CALL t.bad()"), "error") << "a failure after the first result";
   EXPECT_EQ(ask(one, "SELECT 3"), "3");
+}
+
+TEST_F(SqlPool, AChildOfForkGetsAConnectionOfItsOwnAndLeavesTheKeptOneToItsParent) {
+  const mariadb_server master;
+  start(line("DB_MASTER", master));
+  const std::string id = id_of(take());
+  const pid_t child = fork();
+  if (child == 0) _exit(id_of(take()) == id ? 1 : 0);
+  int ended = -1;
+  waitpid(child, &ended, 0);
+  EXPECT_EQ(ended, 0);
+  EXPECT_EQ(id_of(take()), id);
 }
 
 TEST_F(SqlPool, ASessionOutlivesThePool) {

@@ -1,0 +1,126 @@
+// The platform libraries when memory is short: whichever allocation fails, a call gives its error
+// result or the right one.
+#include <functional>
+
+#include "base/parseconfig.h"
+#include "sql_owner.h"
+#include "support/sandbox.h"
+#include "velkan_fixture.h"
+
+namespace {
+
+// So many allocations of this thread succeed before one fails; -1: none fails.
+thread_local long before_failure = -1;
+
+}  // namespace
+
+// The sanitizers bring an allocator of their own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool can_fail = false;
+#else
+constexpr bool can_fail = true;
+
+static bool fails() {
+  return before_failure >= 0 && before_failure-- == 0;
+}
+
+extern "C" {
+#pragma GCC visibility push(default)
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *old, size_t size);
+
+void *malloc(size_t size) noexcept {
+  return fails() ? nullptr : __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size) noexcept {
+  return fails() ? nullptr : __libc_calloc(count, size);
+}
+void *realloc(void *old, size_t size) noexcept {
+  return fails() ? nullptr : __libc_realloc(old, size);
+}
+#pragma GCC visibility pop
+}
+#endif
+
+namespace {
+
+// Makes the first allocation of the call fail, then the second, and so on, until none is left to
+// fail. The call tells whether it succeeded; some failure must be one that it cannot do without.
+void fail_each_allocation(const std::function<bool()> &call) {
+  if (!can_fail) GTEST_SKIP() << "the allocator is the sanitizer's";
+  bool ever_refused = false;
+  for (long number = 0;; number++) {
+    SCOPED_TRACE(number);
+    before_failure = number;
+    const bool succeeded = call();
+    if (std::exchange(before_failure, -1) >= 0) {
+      EXPECT_TRUE(succeeded);
+      break;
+    }
+    ever_refused |= !succeeded;
+  }
+  EXPECT_TRUE(ever_refused);
+}
+
+TEST(ShortMemory, AConfigurationIsTakenWholeOrNotAtAll) {
+  support::sandbox box({.use_database = false, .use_cache = false});
+  box.write_file("file", "FIRST 1\nLAST 2\n");
+  const std::string path = box.path("file");
+  fail_each_allocation([&path] {
+    safestr_t first = nullptr, last = nullptr;
+    const parseconfig_entry entries[] = {{"FIRST", &first}, {"LAST", &last}};
+    const int status = parseconfig(path.c_str(), entries, std::size(entries));
+    const safestr_owner owners[] = {safestr_owner(first), safestr_owner(last)};
+    EXPECT_TRUE(status == -1 || (first != nullptr && last != nullptr));
+    return status == 0;
+  });
+}
+
+TEST(ShortMemory, TheCacheGivesAllFieldsOrNone) {
+  const support::redis_server server({.password = "secret"});
+  const std::string socket = server.socket(), key = "secret";
+  ASSERT_EQ(cache_client({socket}, key).set("h", "f", "v"), VK_OK);
+  vk_mm_t *const memory = vk_mm_create(malloc, calloc, realloc, free);
+  const std::unique_ptr<vk_mm_t, call_to_release<vk_mm_destroy>> owned_memory(memory);
+  fail_each_allocation([&] {
+    vk_client_t *const client = vk_client_create(1, 2, memory, nullptr);
+    const std::unique_ptr<vk_client_t, call_to_release<vk_client_destroy>> owned(client);
+    if (vk_server_add(client, socket.c_str(), 0, "a:b") != VK_OK ||
+        vk_set_database_key(client, 3, key.data(), key.size()) != VK_OK) {
+      return false;
+    }
+    vk_select(client, 3, 0);
+    const char *fields[] = {"f", "none"};
+    const size_t lengths[] = {1, 4};
+    size_t count = 0;
+    char **values = nullptr;
+    const int status =
+        vk_hmget_whole(client, "h", 1, fields, 2, lengths, &values, &count, nullptr, "", 1);
+    EXPECT_EQ(values != nullptr, status == VK_OK);
+    if (status != VK_OK) return false;
+    EXPECT_STREQ(c_string(values[0]).get(), "v");
+    EXPECT_EQ(values[1], nullptr);
+    free(static_cast<void *>(values));
+    return true;
+  });
+}
+
+TEST(ShortMemory, AStatementGivesAllItsRowsOrAReason) {
+  const support::sandbox box;
+  qx_sql_pool_init();
+  fail_each_allocation([] {
+    const long failure = std::exchange(before_failure, -1);
+    const sql_session session;
+    before_failure = failure;
+    MYSQL_RES *rows = nullptr;
+    const int status = fr_sql_conn_query(session.get(), 1, &rows,
+                                         "SELECT seq, REPEAT('x', 3000) FROM seq_1_to_%d", 40);
+    const sql_result owned(rows);
+    EXPECT_EQ(rows == nullptr ? 0 : mysql_num_rows(rows), status == 0 ? 40U : 0U);
+    EXPECT_EQ(*mysql_error(fr_sql_conn_get_mysql(session.get())) == '\0', status == 0);
+    return status == 0;
+  });
+}
+
+}  // namespace
