@@ -16,6 +16,7 @@ using std::chrono::seconds;
 // that costs nothing, and one that let its caller wait is passed over for no longer than this.
 constexpr seconds longest_master_pause{5};
 constexpr seconds slow_failure{1};
+constexpr std::chrono::milliseconds just_used{10};
 
 // What the search below decided to try next.
 struct attempt {
@@ -60,9 +61,13 @@ std::optional<attempt> next_attempt(fr_sql_shard &shard, sql_purpose purpose,
 }
 
 bool still_serves(fr_sql_shard &shard, sql_server &server, const idle_connection &kept) {
-  if (is_closed_by_server(kept.handle.get())) return false;
   const std::chrono::duration<double> idled = sql_clock::now() - kept.since;
-  if (idled.count() <= the_sql_pool().idle_limit) return true;
+  // One that was in use a moment ago is as good as one that is in use: a walk takes and gives it
+  // back for each statement.
+  const bool is_within_limit = idled.count() <= the_sql_pool().idle_limit;
+  if (is_within_limit && idled < just_used) return true;
+  if (is_closed_by_server(kept.handle.get())) return false;
+  if (is_within_limit) return true;
   if (answers_ping(kept.handle.get())) return true;
   // The others have idled for as long or longer; asking each of them could take as long again.
   std::vector<idle_connection> suspect;
