@@ -1,17 +1,18 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
-# Others: build, bench, lint, sanitize, install, deps, format, clean.
+# Others: build, bench, lint, sanitize, fuzz, install, deps, format, clean.
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 BUILD := build/release
 PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 60
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 UNITS = $(filter %.cpp,$(SOURCES))
 
-.PHONY: all build demo test bench lint sanitize deps install format clean
+.PHONY: all build demo test bench lint sanitize fuzz deps install format clean
 all: build
 
 deps:
@@ -42,6 +43,12 @@ sanitize: deps
 	cmake --preset sanitize-threads
 	cmake --build --preset sanitize-threads
 	build/sanitize-threads/bin/testbed ctest --preset sanitize-threads -j $(JOBS)
+
+fuzz:
+	@packaging/install-deps clang libclang-rt-dev llvm
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	@fuzz/run build/fuzz $(FUZZ_SECONDS)
 
 lint: deps $(BUILD)/build.ninja
 	@clang-format --dry-run --Werror $(SOURCES)

@@ -92,7 +92,7 @@ std::string shake_hands(const vk_state &state, vk_connection &connection,
     vk_reply reply;
     const vk_io received = connection.receive(deadline, false, reply);
     if (received != vk_io::ok) return describe(received);
-    if (reply->type == REDIS_REPLY_ERROR) return {reply->str, reply->len};
+    if (reply->type == REDIS_REPLY_ERROR) return "refused: " + std::string(reply->str, reply->len);
     if (number == replies - 2 && !is_master(*reply)) return "not a master";
   }
   return {};
