@@ -65,7 +65,7 @@ void read_section(line_reader &lines, const char *section, const char *const *ke
 
 int get_astconf_section_values(const char *path, const char *section, const char *const *keys,
                                safestr_t *values) {
-  if (path == nullptr) return -1;
+  if (path == nullptr || keys == nullptr || values == nullptr) return -1;
   line_reader lines(path);
   if (!lines) return -1;
   return no_throw(-1, [&] {
@@ -75,7 +75,8 @@ int get_astconf_section_values(const char *path, const char *section, const char
 }
 
 int get_astconf_values(const char *path, const char *const *keys, safestr_t *values, int count) {
-  const c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
+  if (path == nullptr || keys == nullptr || values == nullptr) return -1;
+  const c_file file(std::fopen(path, "re"));
   if (!file) return -1;
   for (int i = 0; i < count; ++i) values[i] = nullptr;
   char piece[1024];
@@ -92,6 +93,7 @@ int get_astconf_values(const char *path, const char *const *keys, safestr_t *val
 }
 
 int is_ignorable(const char *line, char c1, char c2) {
+  if (line == nullptr) return 1;
   while (is_space(*line)) ++line;
   if (*line == '\0') return 1;
   if (*line != c1) return 0;
@@ -99,16 +101,16 @@ int is_ignorable(const char *line, char c1, char c2) {
 }
 
 char *get_start_padding(const char *line, char *dst, size_t dst_len, const char *chars) {
-  if (dst_len == 0) return dst;
-  size_t length = std::strspn(line, chars == nullptr ? " \t" : chars);
+  if (dst == nullptr || dst_len == 0) return dst;
+  size_t length = line == nullptr ? 0 : std::strspn(line, chars == nullptr ? " \t" : chars);
   if (length >= dst_len) length = dst_len - 1;
-  std::memcpy(dst, line, length);
+  if (length > 0) std::memcpy(dst, line, length);
   dst[length] = '\0';
   return dst;
 }
 
 const char *get_inline_comment(const char *line, char *dst, size_t dst_len, const char *marker) {
-  const char *start = std::strstr(line, marker);
+  const char *start = line == nullptr || marker == nullptr ? nullptr : std::strstr(line, marker);
   if (start == nullptr) {
     if (dst == nullptr) return "";
     if (dst_len > 0) *dst = '\0';

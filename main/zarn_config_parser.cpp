@@ -156,7 +156,7 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 
 int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path) {
   const char *const paths[] = {path, nullptr};
-  return qx_conf_parse_multi_directives_multi_files(table, path == nullptr ? nullptr : paths);
+  return qx_conf_parse_multi_directives_multi_files(table, paths);
 }
 
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,

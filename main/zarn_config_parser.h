@@ -55,8 +55,8 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 
 /* All values of all directives of a table, over one file or a NULL-ended list of files, in the
  * order found. What the table held is released first. A name is a prefix: no separator is needed
- * after it. A file that cannot be opened is logged and passed over. -1 with errno EINVAL when an
- * argument is NULL. */
+ * after it. A file that cannot be opened is logged and passed over. -1 with errno EINVAL when the
+ * table or the list is NULL; a NULL path is an empty list. */
 int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path);
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
                                                const char *const *paths);
