@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "options.h"
+#include "output.h"
 #include "refresh.h"
 #include "report.h"
 #include "settings.h"
@@ -56,6 +57,7 @@ int run_once(target_table &targets) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  watch_output();
   parse_args(argc, const_cast<const char **>(argv));
   target_table targets;
   const int status = run_once(targets);

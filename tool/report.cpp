@@ -5,6 +5,7 @@
 
 #include "base/view.h"
 #include "keys.h"
+#include "output.h"
 #include "quota/quota.h"
 #include "settings.h"
 #include "sql_owner.h"
@@ -22,6 +23,11 @@ constexpr int name_width = 12;
 // puts ends its line once more than the texts do: an empty line sets the next account off.
 constexpr char no_quota[] = "Quota Not found\n";
 constexpr char no_user[] = "User Not found\n";
+
+void print_start(const char *login) {
+  fputs("Quota for user ", stdout);
+  print_login(login);
+}
 
 // Counts go through single precision: 24 significant bits are plenty for two decimals of a unit.
 void print_size(int64_t bytes) {
@@ -47,7 +53,9 @@ int show_all_accounts(SessionHandle session) {
   }
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     if (is_empty(row[0]) || is_empty(row[1])) continue;
-    printf("Quota for user %s (with id: %s)\t", row[1], row[0]);
+    if (has_lost_output()) break;
+    print_start(row[1]);
+    printf(" (with id: %s)\t", row[0]);
     int64_t quotas[QUOTA_ALL_KINDS];
     if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
       puts(no_quota);
@@ -59,7 +67,9 @@ int show_all_accounts(SessionHandle session) {
 }
 
 void show_target(int32_t id, const target_record &target) {
-  printf("Quota for user %s (with id: %d)\t\t", target.login, id);
+  if (has_lost_output()) return;
+  print_start(target.login);
+  printf(" (with id: %d)\t\t", id);
   int64_t quotas[QUOTA_ALL_KINDS];
   switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
     case -1:
