@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,8 +33,10 @@ std::optional<setting> split_setting(std::string_view line, bool single_equals) 
 
 // A key that stands in the file again overrides what was found before.
 void store(safestr_t &value, std::string_view text) {
+  safestr_t copy = safestr_create(text.data(), text.size());
+  if (copy == nullptr) throw std::bad_alloc();
   safestr_free(value);
-  value = safestr_create(text.data(), text.size());
+  value = copy;
 }
 
 // Any line with both brackets, a value with brackets in it included.
@@ -61,6 +64,19 @@ void read_section(line_reader &lines, const char *section, const char *const *ke
   }
 }
 
+void read_pieces(FILE *file, const char *const *keys, safestr_t *values, int count) {
+  char piece[1024];
+  while (std::fgets(piece, sizeof piece, file) != nullptr) {
+    const std::optional<setting> found = split_setting(piece, false);
+    if (!found) continue;
+    for (int i = 0; i < count; ++i) {
+      if (found->key != keys[i]) continue;
+      store(values[i], found->value);
+      break;
+    }
+  }
+}
+
 }  // namespace
 
 int get_astconf_section_values(const char *path, const char *section, const char *const *keys,
@@ -79,17 +95,10 @@ int get_astconf_values(const char *path, const char *const *keys, safestr_t *val
   const c_file file(std::fopen(path, "re"));
   if (!file) return -1;
   for (int i = 0; i < count; ++i) values[i] = nullptr;
-  char piece[1024];
-  while (std::fgets(piece, sizeof piece, file.get()) != nullptr) {
-    const std::optional<setting> found = split_setting(piece, false);
-    if (!found) continue;
-    for (int i = 0; i < count; ++i) {
-      if (found->key != keys[i]) continue;
-      store(values[i], found->value);
-      break;
-    }
-  }
-  return 0;
+  return no_throw(-1, [&] {
+    read_pieces(file.get(), keys, values, count);
+    return 0;
+  });
 }
 
 int is_ignorable(const char *line, char c1, char c2) {

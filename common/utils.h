@@ -26,13 +26,13 @@ struct group;
  * values[i] takes the value of keys[i]: the caller passes it NULL, and it stays NULL when the key
  * is not there or has an empty value. "=>" and "=" both separate; a line that starts with "#" is
  * a comment; the last value of a key wins; matching is exact; text after a value, comments
- * included, belongs to it. 0, or -1 when the file cannot be opened. */
+ * included, belongs to it. 0, or -1 when the file cannot be opened or memory is short. */
 int get_astconf_section_values(const char *path, const char *section, const char *const *keys,
                                safestr_t *values);
 
 /* The same without sections, comments or "=": every line with "=>" counts, lines longer than 1023
  * bytes are taken in pieces, and values[0..count-1] are set to NULL first. 0, or -1 when the file
- * cannot be opened. */
+ * cannot be opened or memory is short. */
 int get_astconf_values(const char *path, const char *const *keys, safestr_t *values, int count);
 
 /* 1 when the line is blank (or NULL) or, after leading white space, begins with `c1` (followed by

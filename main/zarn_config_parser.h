@@ -7,8 +7,8 @@
  *   line ends at its first "#"; lines of up to 255 bytes.
  * Longer lines are read in pieces that count as lines. Values are trimmed of white space.
  *
- * Results are 0 success, -1 failure. Strings handed out are malloc'ed and the caller's. No state
- * is kept between calls: safe from several threads. */
+ * Results are 0 success, -1 failure; short memory is one. Strings handed out are malloc'ed and the
+ * caller's. No state is kept between calls: safe from several threads. */
 #ifndef MAIN_ZARN_CONFIG_PARSER_H
 #define MAIN_ZARN_CONFIG_PARSER_H
 
@@ -61,7 +61,7 @@ int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
                                                const char *const *paths);
 
-/* The same for one open file, adding to what the table holds; 0. */
+/* The same for one open file, adding to what the table holds; 0, or -1 when memory is short. */
 int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_directive *table);
 
 /* Frees the values of every row and empties it. */

@@ -1,7 +1,9 @@
 #include "report.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include "base/view.h"
 #include "keys.h"
@@ -46,7 +48,10 @@ void print_size(int64_t bytes) {
 int show_all_accounts(SessionHandle session) {
   sql_result rows;
   const call_site site = {qx_log_source, "show_quotas", __LINE__};
-  if (sql_query(site, session, rows, select_accounts) != 0) return -1;
+  if (sql_query(site, session, rows, select_accounts) != 0) {
+    if (has_lacked_memory(session)) throw std::bad_alloc();
+    return -1;
+  }
   if (rows == nullptr) {
     log_condition_failed(site);
     return -1;
@@ -119,8 +124,12 @@ int print_quotas(const int64_t *quotas) {
 }
 
 int show_quotas(fr_hash_t *targets) {
+  errno = 0;
   const sql_session session;
-  if (!session) return -1;
+  if (!session) {
+    if (errno == ENOMEM) throw std::bad_alloc();
+    return -1;
+  }
   if (run.target_mode == TARGET_ALL) return show_all_accounts(session.get());
   for_each_target(targets, show_target);
   return 0;
