@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,8 +33,10 @@ std::optional<setting> split_setting(std::string_view line, bool single_equals) 
 
 // A key that stands in the file again overrides what was found before.
 void store(safestr_t &value, std::string_view text) {
+  safestr_t copy = safestr_create(text.data(), text.size());
+  if (copy == nullptr) throw std::bad_alloc();
   safestr_free(value);
-  value = safestr_create(text.data(), text.size());
+  value = copy;
 }
 
 // Any line with both brackets, a value with brackets in it included.
@@ -61,11 +64,24 @@ void read_section(line_reader &lines, const char *section, const char *const *ke
   }
 }
 
+void read_pieces(FILE *file, const char *const *keys, safestr_t *values, int count) {
+  char piece[1024];
+  while (std::fgets(piece, sizeof piece, file) != nullptr) {
+    const std::optional<setting> found = split_setting(piece, false);
+    if (!found) continue;
+    for (int i = 0; i < count; ++i) {
+      if (found->key != keys[i]) continue;
+      store(values[i], found->value);
+      break;
+    }
+  }
+}
+
 }  // namespace
 
 int get_astconf_section_values(const char *path, const char *section, const char *const *keys,
                                safestr_t *values) {
-  if (path == nullptr) return -1;
+  if (path == nullptr || keys == nullptr || values == nullptr) return -1;
   line_reader lines(path);
   if (!lines) return -1;
   return no_throw(-1, [&] {
@@ -75,23 +91,18 @@ int get_astconf_section_values(const char *path, const char *section, const char
 }
 
 int get_astconf_values(const char *path, const char *const *keys, safestr_t *values, int count) {
-  const c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
+  if (path == nullptr || keys == nullptr || values == nullptr) return -1;
+  const c_file file(std::fopen(path, "re"));
   if (!file) return -1;
   for (int i = 0; i < count; ++i) values[i] = nullptr;
-  char piece[1024];
-  while (std::fgets(piece, sizeof piece, file.get()) != nullptr) {
-    const std::optional<setting> found = split_setting(piece, false);
-    if (!found) continue;
-    for (int i = 0; i < count; ++i) {
-      if (found->key != keys[i]) continue;
-      store(values[i], found->value);
-      break;
-    }
-  }
-  return 0;
+  return no_throw(-1, [&] {
+    read_pieces(file.get(), keys, values, count);
+    return 0;
+  });
 }
 
 int is_ignorable(const char *line, char c1, char c2) {
+  if (line == nullptr) return 1;
   while (is_space(*line)) ++line;
   if (*line == '\0') return 1;
   if (*line != c1) return 0;
@@ -99,16 +110,16 @@ int is_ignorable(const char *line, char c1, char c2) {
 }
 
 char *get_start_padding(const char *line, char *dst, size_t dst_len, const char *chars) {
-  if (dst_len == 0) return dst;
-  size_t length = std::strspn(line, chars == nullptr ? " \t" : chars);
+  if (dst == nullptr || dst_len == 0) return dst;
+  size_t length = line == nullptr ? 0 : std::strspn(line, chars == nullptr ? " \t" : chars);
   if (length >= dst_len) length = dst_len - 1;
-  std::memcpy(dst, line, length);
+  if (length > 0) std::memcpy(dst, line, length);
   dst[length] = '\0';
   return dst;
 }
 
 const char *get_inline_comment(const char *line, char *dst, size_t dst_len, const char *marker) {
-  const char *start = std::strstr(line, marker);
+  const char *start = line == nullptr || marker == nullptr ? nullptr : std::strstr(line, marker);
   if (start == nullptr) {
     if (dst == nullptr) return "";
     if (dst_len > 0) *dst = '\0';

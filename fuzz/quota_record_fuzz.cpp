@@ -1,6 +1,6 @@
 // Quota records: any content of the file, read and written over.
 #include "fuzz.h"
-#include "quota/store.h"
+#include "quota/record.h"
 
 namespace {
 

@@ -1,5 +1,7 @@
 #include "sql_owner.h"
 
+#include <errmsg.h>
+
 #include <cstdarg>
 #include <cstring>
 
@@ -17,6 +19,12 @@ __attribute__((format(printf, 4, 0))) int query(const call_site &site, SessionHa
 }
 
 }  // namespace
+
+bool has_lacked_memory(SessionHandle session) {
+  // Without an error of its own a statement never came as far as the client library.
+  const unsigned code = mysql_errno(fr_sql_conn_get_mysql(session));
+  return code == 0 || code == CR_OUT_OF_MEMORY;
+}
 
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
               ...) {

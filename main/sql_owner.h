@@ -44,6 +44,9 @@ inline void log_mysql_error(const call_site &site, SessionHandle session) {
             site.line, mysql_error(fr_sql_conn_get_mysql(session)));
 }
 
+// Whether the session's last statement failed for want of memory on this side.
+bool has_lacked_memory(SessionHandle session);
+
 // Runs a printf-style statement; 0 and the result set (null when the statement gives none), or
 // non-zero, logged in the name of `site`.
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,

@@ -1,5 +1,7 @@
 #include "sqlsession.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 
@@ -37,6 +39,12 @@ bool for_each_value(FILE *file, const char *keyword, Take &&take) {
   return true;
 }
 
+void warn_if_public(FILE *credentials, const char *path) {
+  struct stat status {};
+  if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0)
+    QX_LOG(FR_LOG_WARNING, "Everybody may read <%s>, which holds the database password.\n\n", path);
+}
+
 bool add_shard(const char *value) {
   fr_sql_shard_t *shard = fr_sql_shard_parse_info(value);
   if (shard == nullptr) return false;
@@ -64,6 +72,7 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
     log_condition_failed(QX_HERE);
     return -1;
   }
+  warn_if_public(file.get(), credentials_file);
   if (!for_each_value(file.get(), "DB_CREDENTIALS", add_shard)) return -1;
 
   file.reset();

@@ -21,7 +21,8 @@ void qx_sql_pool_init(void);
 
 /* The same from other files: `credentials_file` with the DB_CREDENTIALS lines, `servers_file` with
  * SLAVE_DOWN_TIME, DB_MASTER and DB_SLAVE. 0 ready; -1 when a file cannot be opened, a credentials
- * line is malformed, or no master is named. */
+ * line is malformed, or no master is named. A credentials file that everybody may read is warned of
+ * in the log. */
 int qx_sql_pool_init_from_config_files(const char *credentials_file, const char *servers_file);
 
 /* Closes the pool; 0. */

@@ -8,7 +8,6 @@
 #include "read_through.h"
 #include "velkan/velkan.h"
 #include "zarn_cache_internal.h"
-#include "zarn_str.h"
 
 QX_LOG_SOURCE("../main/zarn_cache");
 
@@ -22,10 +21,9 @@ char *joined_values(const call_site &site, int persistent, const char *key) {
     return nullptr;
   }
   CACHE_LOG(site, "rgetall_hash_comma(%s): %d memberss", key, static_cast<int>(values.count()));
-  char *joined = nullptr;
-  for (size_t i = 0; i < values.count(); ++i)
-    zarn_str_append(&joined, "%s%s", i == 0 ? "" : ",", values[i]);
-  return joined;
+  std::string joined;
+  for (size_t i = 0; i < values.count(); ++i) joined.append(i == 0 ? "" : ",").append(values[i]);
+  return values.count() == 0 ? nullptr : copy_of(joined.c_str()).release();
 }
 
 // The lookup that drget_hash makes of its arguments: whatever the database says is cached, a

@@ -10,6 +10,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 #include <string>
 #include <utility>
@@ -56,6 +57,13 @@ class string_array {
   char **slots_ = nullptr;
   size_t count_ = 0;
 };
+
+// A copy of a text, NULL for NULL; throws std::bad_alloc.
+inline c_string copy_of(const char *text) {
+  c_string copy(text == nullptr ? nullptr : ::strdup(text));
+  if (text != nullptr && !copy) throw std::bad_alloc();
+  return copy;
+}
 
 // A key from its format; null on a NULL format or short memory. What came out is used as it is,
 // never as a format again, so that a "%" brought in by an argument does no harm.

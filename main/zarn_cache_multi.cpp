@@ -73,7 +73,7 @@ std::string parameter_lookup::missing_list() const {
 }
 
 c_string value_or_null_marker(const char *column) {
-  return c_string(strdup(column == nullptr ? QX_CACHE_NULL : column));
+  return copy_of(column == nullptr ? QX_CACHE_NULL : column);
 }
 
 // One row, its columns in the order of the missing names.
@@ -123,14 +123,14 @@ bool parameter_lookup::read_database() {
   else
     take_rows(rows.get());
   for (const size_t slot : missing)
-    if (values[slot] == nullptr) values.set(slot, c_string(strdup(QX_CACHE_NO_ROW)));
+    if (values[slot] == nullptr) values.set(slot, copy_of(QX_CACHE_NO_ROW));
   return true;
 }
 
 void parameter_lookup::write_back() const {
   for (const size_t slot : missing) {
     const cache_binding *const binding = bindings[slot];
-    if (binding == nullptr || values[slot] == nullptr) continue;  // no binding; short of memory
+    if (binding == nullptr) continue;
     if (const c_string key = key_argument.format(binding->key_format))
       rset_hash_str(site, binding->persistent, key.get(), binding->field, values[slot]);
   }

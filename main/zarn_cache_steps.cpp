@@ -17,12 +17,12 @@ using client_handle = std::shared_ptr<vk_client_t>;
 struct {
   std::mutex creation;  // taken first
   std::mutex lock;      // guards the handle, and is held for no longer than to copy it
-  client_handle &handle = *new client_handle;
+  never_destroyed<client_handle> handle;
 } process_client;
 
 client_handle current_client() {
   const std::lock_guard guard(process_client.lock);
-  return process_client.handle;
+  return process_client.handle.value;
 }
 
 // One of the brackets for the length of a scope.
@@ -45,7 +45,7 @@ int publish_new_client() noexcept {
   return no_throw(-1, [&] {
     client_handle handle(created, vk_client_destroy);
     const std::lock_guard guard(process_client.lock);
-    process_client.handle.swap(handle);  // the old one goes after the lock
+    process_client.handle.value.swap(handle);  // the old one goes after the lock
     return status;
   });
 }

@@ -44,8 +44,11 @@ const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size])
   return nullptr;
 }
 
-void give(char **out, const char *text) {
-  if (out != nullptr) *out = ::strdup(text);
+// False when memory is short.
+bool give(char **out, c_string text) {
+  if (!text) return false;
+  if (out != nullptr) *out = text.release();
+  return true;
 }
 
 // What a record of colon-separated fields must look like, and what is logged of one that does not.
@@ -73,6 +76,7 @@ value_fields find_record(const call_site &site, const record_form &form, const c
   while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
     const c_string value = trimmed_copy(found + std::strlen(keyword));
     value_fields fields(value.get());
+    if (fields.count() == 0) return {};  // memory is short: every text has a field
     if (fields.count() < form.least_fields || fields.count() > form.most_fields) {
       QX_LOG_AT(site, FR_LOG_ERROR, form.complaint, line_number, path);
       return {};
@@ -82,13 +86,15 @@ value_fields find_record(const call_site &site, const record_form &form, const c
   return {};
 }
 
-void add_value(qx_conf_directive &row, c_string value) {
+// False when memory is short.
+bool add_value(qx_conf_directive &row, c_string value) {
   const size_t count = static_cast<size_t>(row.count);
   void *grown = ::reallocarray(row.values, count + 1, sizeof *row.values);
-  if (grown == nullptr) return;
-  row.values = static_cast<char **>(grown);
+  if (grown != nullptr) row.values = static_cast<char **>(grown);
+  if (grown == nullptr || !value) return false;
   row.values[count] = value.release();
   ++row.count;
+  return true;
 }
 
 }  // namespace
@@ -106,8 +112,7 @@ int qx_conf_parse_string_value(const char *keyword, const char *path, char **val
     if (!begins_with(text, keyword)) continue;
     const char *after = text + std::strlen(keyword);
     if (*after != ' ' && *after != '\t') continue;
-    *value = trimmed_copy(after).release();
-    break;
+    return give(value, trimmed_copy(after)) ? 0 : -1;
   }
   return 0;
 }
@@ -117,9 +122,12 @@ int qx_conf_parse_db_cred(const char *keyword, const char *path, const char *id,
   if (keyword == nullptr) keyword = "DB_CREDENTIALS";
   const value_fields record = find_record(QX_HERE, credentials_form, path, keyword, id);
   if (record.count() == 0) return -1;
-  give(field1, record[1]);
-  give(field2, record[2]);
-  give(field3, record[3]);
+  c_string fields[] = {c_string(::strdup(record[1])), c_string(::strdup(record[2])),
+                       c_string(::strdup(record[3]))};
+  if (!fields[0] || !fields[1] || !fields[2]) return -1;
+  give(field1, std::move(fields[0]));
+  give(field2, std::move(fields[1]));
+  give(field3, std::move(fields[2]));
   return 0;
 }
 
@@ -133,8 +141,7 @@ int qx_conf_parse_worker(const char *keyword, const char *path, char **value) {
     const char *after = found + std::strlen(keyword);
     // As a signed byte: bytes above 127 are negative, and so may follow the keyword like blanks.
     if (static_cast<signed char>(*after) > 0x20) continue;
-    *value = trimmed_copy(after).release();
-    return 0;
+    return give(value, trimmed_copy(after)) ? 0 : -1;
   }
   return -1;
 }
@@ -143,7 +150,7 @@ int qx_conf_parse_db_host_custom(const char *path, const char *id, const char *k
                                  int32_t *port) {
   const value_fields record = find_record(QX_HERE, host_form, path, keyword, id);
   if (record.count() == 0) return -1;
-  if (host != nullptr) *host = record.joined(1, record.count() - 2).release();
+  if (!give(host, record.joined(1, record.count() - 2))) return -1;
   if (port != nullptr) *port = record.number(record.count() - 1);
   return 0;
 }
@@ -156,7 +163,7 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 
 int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path) {
   const char *const paths[] = {path, nullptr};
-  return qx_conf_parse_multi_directives_multi_files(table, path == nullptr ? nullptr : paths);
+  return qx_conf_parse_multi_directives_multi_files(table, paths);
 }
 
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
@@ -188,7 +195,7 @@ int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_direct
       // No separator is asked for after the name: a longer keyword that begins with it counts as a
       // line of it.
       if (!begins_with(text, row->name)) continue;
-      add_value(*row, trimmed_copy(text + std::strlen(row->name)));
+      if (!add_value(*row, trimmed_copy(text + std::strlen(row->name)))) return -1;
       break;
     }
   }

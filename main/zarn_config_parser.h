@@ -7,8 +7,8 @@
  *   line ends at its first "#"; lines of up to 255 bytes.
  * Longer lines are read in pieces that count as lines. Values are trimmed of white space.
  *
- * Results are 0 success, -1 failure. Strings handed out are malloc'ed and the caller's. No state
- * is kept between calls: safe from several threads. */
+ * Results are 0 success, -1 failure; short memory is one. Strings handed out are malloc'ed and the
+ * caller's. No state is kept between calls: safe from several threads. */
 #ifndef MAIN_ZARN_CONFIG_PARSER_H
 #define MAIN_ZARN_CONFIG_PARSER_H
 
@@ -55,13 +55,13 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 
 /* All values of all directives of a table, over one file or a NULL-ended list of files, in the
  * order found. What the table held is released first. A name is a prefix: no separator is needed
- * after it. A file that cannot be opened is logged and passed over. -1 with errno EINVAL when an
- * argument is NULL. */
+ * after it. A file that cannot be opened is logged and passed over. -1 with errno EINVAL when the
+ * table or the list is NULL; a NULL path is an empty list. */
 int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path);
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
                                                const char *const *paths);
 
-/* The same for one open file, adding to what the table holds; 0. */
+/* The same for one open file, adding to what the table holds; 0, or -1 when memory is short. */
 int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_directive *table);
 
 /* Frees the values of every row and empties it. */

@@ -61,10 +61,9 @@ bool ids_from_database(const call_site &site, SessionHandle session, const char 
     return false;
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr || is_empty(row[extension]) || is_empty(row[user])) return false;
-  ids[extension].reset(strdup(row[extension]));
-  ids[user].reset(strdup(row[user]));
-  ids[organisation].reset(
-      with_organisation && row[organisation] != nullptr ? strdup(row[organisation]) : nullptr);
+  ids[extension] = copy_of(row[extension]);
+  ids[user] = copy_of(row[user]);
+  if (with_organisation) ids[organisation] = copy_of(row[organisation]);
   return true;
 }
 

@@ -23,14 +23,16 @@ constexpr field_lookup behaviour_lookup = {
 
 using string_list = std::unique_ptr<char *, call_to_release<zarn_str_freelist>>;
 
-// Takes a list out of a column and puts its numbers into their hash.
+// Takes a list out of a column and puts its numbers into their hash. Throws std::bad_alloc: the
+// behaviour must not be cached without its lists.
 c_string list_of(const char *column, const char *key_format, const char *full_number) {
   if (is_empty(column)) return nullptr;
   const string_list numbers(zarn_str_split_char(column, ','));
   int count = 0;
   while (numbers && numbers.get()[count] != nullptr) ++count;
-  rmset_hash(0, count, numbers.get(), numbers.get(), key_format, full_number);
-  return c_string(strdup(column));
+  if (rmset_hash(0, count, numbers.get(), numbers.get(), key_format, full_number) != 0)
+    throw std::bad_alloc();
+  return copy_of(column);
 }
 
 void hand_over(c_string &value, char **out) {

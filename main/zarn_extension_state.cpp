@@ -25,12 +25,13 @@ constexpr char timezone_statement[] =
 // All names, a comma after each, the last one too.
 c_string joined_names(MYSQL_RES *rows) {
   char *names = nullptr;
-  bool any = false;
+  bool any = false, complete = true;
   while (const MYSQL_ROW row = next_row(rows)) {
     any = true;
-    if (row[0] != nullptr) zarn_str_append(&names, "%s,", row[0]);
+    if (row[0] != nullptr) complete = zarn_str_append(&names, "%s,", row[0]) != nullptr && complete;
   }
-  return c_string(names != nullptr ? names : strdup(any ? QX_CACHE_NULL : QX_CACHE_NO_ROW));
+  c_string joined(names != nullptr ? names : strdup(any ? QX_CACHE_NULL : QX_CACHE_NO_ROW));
+  return complete ? std::move(joined) : nullptr;
 }
 
 c_string whether_any_row(MYSQL_RES *rows) {

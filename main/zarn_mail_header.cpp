@@ -54,27 +54,28 @@ void append_word(std::string &line, bool continuation, const char *charset,
   text.remove_prefix(taken);
 }
 
+bool has_room_for(const char *address, const std::string &line) {
+  return address_columns - columns_of(line) > static_cast<int>(std::strlen(address)) + 4;
+}
+
+// A round for each line: words while there is text, then the address. Without either there is no
+// line, not even of the name.
 std::string encode_header(const std::string &name, const char *charset, std::string_view text,
                           const char *address) {
   std::string result;
   std::string line = name + ": ";
-  for (bool continuation = false;; continuation = true) {
-    const bool had_text = !text.empty();
-    if (had_text) append_word(line, continuation, charset, text);
-    if (text.empty() && address != nullptr) {
-      const int needed = static_cast<int>(std::strlen(address)) + 4;
-      // A continuation line that is still empty has all the room there is: an address too long for
-      // it gets the line to itself.
-      const bool alone = continuation && !had_text;
-      if (alone || address_columns - columns_of(line) > needed) {
-        line.append(" <").append(address).append(">\n");
-        address = nullptr;
-      }
+  for (bool continuation = false; !text.empty() || address != nullptr; continuation = true) {
+    if (!text.empty()) {
+      append_word(line, continuation, charset, text);
+    } else if (continuation || has_room_for(address, line)) {
+      // A continuation line takes every address: no later one has more room.
+      line.append(" <").append(address).append(">\n");
+      address = nullptr;
     }
     result += line;
-    if (text.empty() && address == nullptr) return result;
     line.assign(1, ' ');
   }
+  return result;
 }
 
 }  // namespace

@@ -61,10 +61,11 @@ char *ast_pad_id(int id, unsigned width);
 int zarn_utf8_get_char_length(unsigned char byte);
 
 /* A folded mail header: `name`, `text` as RFC 2047 "B" encoded words in `charset`, and, when not
- * NULL, the address in angle brackets. Every line ends in a newline, but for the bare "name: " that
- * is the result when there is neither text nor address. Lines have up to 78 columns; those that
- * cannot (a long name or charset, an address of more than 72 bytes) are longer, and nothing is
- * lost. NULL for a NULL name, charset or text. */
+ * NULL, the address in angle brackets on a line of its own: two blanks, "<address>". An empty text
+ * leaves the address to the line of the name. Neither text nor address give an empty result. Every
+ * line ends in a newline and has up to 78 columns; those that cannot (a long name or charset, an
+ * address of more than 72 bytes) are longer, and nothing is lost. NULL for a NULL name, charset or
+ * text. */
 char *zarn_base64_encode_email_header(const char *name, const char *charset, const char *text,
                                       const char *address);
 

@@ -114,8 +114,8 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
     const char *const number = row[0];
     const char *const id = row[1];
     if (number == nullptr) continue;
-    numbers.set(i, c_string(numbers_only ? strdup(number)
-                                         : qx_get_full_number_sess(own.get(), parent_id, number)));
+    numbers.set(i, numbers_only ? copy_of(number)
+                                : c_string(qx_get_full_number_sess(own.get(), parent_id, number)));
     if (id != nullptr) cache_hset(site, 0, key, number, id);
   }
   return numbers.release();

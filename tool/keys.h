@@ -4,22 +4,24 @@
 
 #include <cstdint>
 #include <memory>
+#include <new>
 
 #include "base/hash.h"
 #include "base/owner.h"
 #include "targets.h"
 
-// Calls visit(id, record) for each target, holding the table's lock for the whole walk.
+// Calls visit(id, record) for each target, holding the table's lock for the whole walk. Throws
+// std::bad_alloc when the targets cannot be listed.
 template <class Visitor>
 void for_each_target(fr_hash_t *targets, Visitor visit) {
   fr_hash_lock(targets);
+  const std::unique_ptr<fr_hash_t, call_to_release<fr_hash_unlock>> locked(targets);
   const std::unique_ptr<fr_array_t, call_to_release<fr_array_free>> keys(fr_hash_getkeys(targets));
-  const size_t count = keys == nullptr ? 0 : fr_array_length(keys.get());
-  for (size_t i = 0; i < count; ++i) {
+  if (keys == nullptr) throw std::bad_alloc();
+  for (size_t i = 0; i < fr_array_length(keys.get()); ++i) {
     const int32_t id = *static_cast<const int32_t *>(fr_array_get(keys.get(), i));
     if (const auto *target = fr_hash_find<target_record>(targets, id)) visit(id, *target);
   }
-  fr_hash_unlock(targets);
 }
 
 #endif

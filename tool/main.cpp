@@ -2,7 +2,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base/owner.h"
 #include "options.h"
+#include "output.h"
 #include "refresh.h"
 #include "report.h"
 #include "settings.h"
@@ -53,12 +55,20 @@ int run_once(target_table &targets) {
   return status == STATUS_UNDECIDED ? STATUS_OK : status;
 }
 
+// A run that ends early has not done what it was started for; the statuses have no finer word.
+int status_without_memory() {
+  return run.action == ACTION_SET ? STATUS_NO_REFRESH : STATUS_NO_TARGETS;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  watch_output();
   parse_args(argc, const_cast<const char **>(argv));
   target_table targets;
-  const int status = run_once(targets);
+  const int decided = no_throw<int>(STATUS_UNDECIDED, [&] { return run_once(targets); });
+  if (decided == STATUS_UNDECIDED) fputs("Out of memory\n", stderr);
+  const int status = decided == STATUS_UNDECIDED ? status_without_memory() : decided;
 
   // The pool is left to the end of the process.
   safestr_free(run.ast_spool_dir);

@@ -2,6 +2,7 @@
 
 #include <popt.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -72,10 +73,16 @@ void parse_args(int argc, const char **argv) {
       {"help", '\0', POPT_ARG_NONE, nullptr, help_option, nullptr, nullptr},
       POPT_TABLEEND};
 
+  errno = 0;
   const popt_context context(poptGetContext(nullptr, argc, argv, options, 0));
   // Only --help has a value of its own, so this one call consumes every option.
   const int answer = poptGetNextOpt(context.get());
   const c_string word(action_word);
+  // Short of memory, the parser passes over what it cannot copy, or ends the process by itself.
+  if (!context || errno == ENOMEM) {
+    fputs("Out of memory\n", stderr);
+    exit(1);
+  }
   if (answer == help_option) {
     usage(stdout);
     exit(0);

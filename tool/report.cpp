@@ -1,10 +1,13 @@
 #include "report.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 #include "base/view.h"
 #include "keys.h"
+#include "output.h"
 #include "quota/quota.h"
 #include "settings.h"
 #include "sql_owner.h"
@@ -23,6 +26,11 @@ constexpr int name_width = 12;
 constexpr char no_quota[] = "Quota Not found\n";
 constexpr char no_user[] = "User Not found\n";
 
+void print_start(const char *login) {
+  fputs("Quota for user ", stdout);
+  print_login(login);
+}
+
 // Counts go through single precision: 24 significant bits are plenty for two decimals of a unit.
 void print_size(int64_t bytes) {
   if (run.human_flag != 0) {
@@ -40,14 +48,19 @@ void print_size(int64_t bytes) {
 int show_all_accounts(SessionHandle session) {
   sql_result rows;
   const call_site site = {qx_log_source, "show_quotas", __LINE__};
-  if (sql_query(site, session, rows, select_accounts) != 0) return -1;
+  if (sql_query(site, session, rows, select_accounts) != 0) {
+    if (has_lacked_memory(session)) throw std::bad_alloc();
+    return -1;
+  }
   if (rows == nullptr) {
     log_condition_failed(site);
     return -1;
   }
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     if (is_empty(row[0]) || is_empty(row[1])) continue;
-    printf("Quota for user %s (with id: %s)\t", row[1], row[0]);
+    if (has_lost_output()) break;
+    print_start(row[1]);
+    printf(" (with id: %s)\t", row[0]);
     int64_t quotas[QUOTA_ALL_KINDS];
     if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
       puts(no_quota);
@@ -59,7 +72,9 @@ int show_all_accounts(SessionHandle session) {
 }
 
 void show_target(int32_t id, const target_record &target) {
-  printf("Quota for user %s (with id: %d)\t\t", target.login, id);
+  if (has_lost_output()) return;
+  print_start(target.login);
+  printf(" (with id: %d)\t\t", id);
   int64_t quotas[QUOTA_ALL_KINDS];
   switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
     case -1:
@@ -109,8 +124,12 @@ int print_quotas(const int64_t *quotas) {
 }
 
 int show_quotas(fr_hash_t *targets) {
+  errno = 0;
   const sql_session session;
-  if (!session) return -1;
+  if (!session) {
+    if (errno == ENOMEM) throw std::bad_alloc();
+    return -1;
+  }
   if (run.target_mode == TARGET_ALL) return show_all_accounts(session.get());
   for_each_target(targets, show_target);
   return 0;

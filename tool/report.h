@@ -8,6 +8,7 @@
 
 // Prints the stored usage of every target, or, for a run over all accounts, of every account that
 // the database knows, in its order. 0, or -1 when it cannot start or its statement fails.
+// Throws std::bad_alloc when memory is short.
 int show_quotas(fr_hash_t *targets);
 
 // Prints the total of the known counts of five kinds and then each kind, followed by an empty line;

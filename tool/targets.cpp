@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "settings.h"
 #include "sql_owner.h"
@@ -74,7 +75,8 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
   if (record.level_index > 0) put_level_id(record.level_ids[record.level_index - 1], row[1]);
   c_string login(strdup(row[3]));
   record.login = login.get();
-  if (fr_hash_force_add(table, id, record) == 0) static_cast<void>(login.release());
+  if (!login || fr_hash_force_add(table, id, record) != 0) throw std::bad_alloc();
+  static_cast<void>(login.release());
 }
 
 }  // namespace
@@ -103,10 +105,13 @@ target_table get_sql_data() {
   const sql_session session;
   if (!session || run.target_mode == TARGET_NONE) return nullptr;
   target_table table(fr_hash_init_api(1, destroy_client));
-  if (table == nullptr) return nullptr;
+  if (table == nullptr) throw std::bad_alloc();
 
   sql_result rows;
-  if (run_selection(session.get(), rows) != 0) return table;
+  if (run_selection(session.get(), rows) != 0) {
+    if (has_lacked_memory(session.get())) throw std::bad_alloc();
+    return table;
+  }
   if (rows == nullptr) {
     log_condition_failed(QX_HERE);
     return table;

@@ -25,7 +25,7 @@ using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy
 // The accounts that the command line names, each once and parents first; empty when nothing was
 // selected or selection could not start. A statement that fails is logged and gives a table
 // without records instead: such a run goes on and ends with 0, unlike one that finds nobody, and
-// that difference stays as it is.
+// that difference stays as it is. Throws std::bad_alloc when memory is short.
 target_table get_sql_data();
 
 // Index of a level: 10 is 0, 50 is 1, 100 is 2, any other 0.

@@ -27,11 +27,8 @@ struct process_state {
   c_string node_id;
 };
 
-// Never destroyed: threads of a service may still come here while the process exits.
-process_state &process() {
-  static auto &state = *new process_state;
-  return state;
-}
+// Threads of a service may still come here while the process exits.
+never_destroyed<process_state> process;
 
 // The file's directives, NULL where it is silent.
 struct directives {
@@ -120,8 +117,8 @@ storage_engine engine_of(const char *word) {
 }
 
 storage_snapshot take_snapshot() {
-  const std::shared_lock guard(process().lock);
-  return process().current;
+  const std::shared_lock guard(process.value.lock);
+  return process.value.current;
 }
 
 int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
@@ -140,8 +137,8 @@ int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
       return -1;
     }
     // The old configuration goes after the lock, unless a session still keeps it.
-    const std::unique_lock guard(process().lock);
-    process().current.config.swap(config);
+    const std::unique_lock guard(process.value.lock);
+    process.value.current.config.swap(config);
     return 0;
   });
 }
@@ -150,8 +147,8 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
   // A node without an id has a storage all the same: nothing here depends on it.
   c_string node_id(get_nodeid());
   {
-    const std::unique_lock guard(process().lock);
-    process().node_id.swap(node_id);
+    const std::unique_lock guard(process.value.lock);
+    process.value.node_id.swap(node_id);
   }
   if (qx_storage_load_config(base_dir, monitor_dir) != 0) {
     QX_LOG(FR_LOG_ERROR, "FATAL: Failed to initialize the storage system.\n\n");
@@ -166,8 +163,8 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
 }
 
 void qx_storage_cleanup(void) {
-  const std::unique_lock guard(process().lock);
-  process().node_id.reset();
+  const std::unique_lock guard(process.value.lock);
+  process.value.node_id.reset();
 }
 
 int qx_storage_register_api(const qx_storage_api_t *api) {
@@ -178,13 +175,13 @@ int qx_storage_register_api(const qx_storage_api_t *api) {
   }
   return no_throw(-1, [api] {
     auto service = std::make_shared<const qx_storage_api_t>(*api);
-    const std::unique_lock guard(process().lock);
-    process().current.service.swap(service);
+    const std::unique_lock guard(process.value.lock);
+    process.value.current.service.swap(service);
     return 0;
   });
 }
 
 void qx_storage_unregister_api(void) {
-  const std::unique_lock guard(process().lock);
-  process().current.service.reset();
+  const std::unique_lock guard(process.value.lock);
+  process.value.current.service.reset();
 }

@@ -1,6 +1,7 @@
 #include "storage/record.h"
 
-#include <string_view>
+#include <cstdlib>
+#include <cstring>
 
 #include "sql_owner.h"
 #include "storage/kinds.h"
@@ -13,7 +14,16 @@ namespace {
 constexpr char location_statement[] =
     "UPDATE `%s` SET %s = '%s', se = '%s', az = '%s' WHERE id = '%d' LIMIT 1";
 
-// False when there was no session or no such row; a statement that fails is logged as one.
+// Whether the session's last UPDATE found a row, changed or not: the first number that the server
+// tells of it, in any of its languages. The number of changed rows is 0 also for a row that already
+// says what it has to, and counting found rows instead is an option of the pool's connections.
+bool has_found_row(SessionHandle session) {
+  const char *const told = mysql_info(fr_sql_conn_get_mysql(session));
+  const char *const number = told == nullptr ? nullptr : std::strpbrk(told, "0123456789");
+  return number == nullptr || std::strtoul(number, nullptr, 10) > 0;
+}
+
+// False when there was no session; a statement that fails and a missing row are logged as such.
 bool update_row(const resource_kind &kind, const qx_storage_session &session, int file_id,
                 const std::string &name) {
   const sql_session own;
@@ -25,9 +35,10 @@ bool update_row(const resource_kind &kind, const qx_storage_session &session, in
                 is_named ? escape_sql(name.c_str()).c_str() : "", word_of(session.engine),
                 escape_sql(session.location.c_str()).c_str(), file_id) != 0)
     return true;
-  // Not the number of changed rows, which is 0 too where a row already says what it has to.
-  const char *const matched = mysql_info(fr_sql_conn_get_mysql(own.get()));
-  return matched == nullptr || !std::string_view(matched).starts_with("Rows matched: 0");
+  if (!has_found_row(own.get()))
+    QX_LOG(FR_LOG_ERROR, "Table %s has no row %d for the newly stored file [%s].\n\n", kind.table,
+           file_id, name.c_str());
+  return true;
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 #ifndef PLATFORM_BASE_LINE_READER_H
 #define PLATFORM_BASE_LINE_READER_H
 
+#include <cerrno>
 #include <cstdio>
+#include <new>
 #include <optional>
 #include <string_view>
 
@@ -15,10 +17,12 @@ class line_reader {
   explicit operator bool() const noexcept { return file_ != nullptr; }
 
   // The next line with its line end, borrowed until the next call, with a NUL byte behind it.
-  std::optional<std::string_view> next() noexcept {
+  // Throws std::bad_alloc for a line that there is no memory for.
+  std::optional<std::string_view> next() {
     char *buffer = line_.release();
     const ssize_t length = ::getline(&buffer, &capacity_, file_.get());
     line_.reset(buffer);
+    if (length < 0 && failed() && errno == ENOMEM) throw std::bad_alloc();
     if (length < 0) return std::nullopt;
     return std::string_view(buffer, static_cast<size_t>(length));
   }

@@ -59,6 +59,15 @@ class unique_fd {
   int fd_ = -1;
 };
 
+// A value that lasts to the very end of the process: other threads may use it while the process
+// exits. Needs no memory of its own where a heap object would.
+template <class T>
+union never_destroyed {
+  constexpr never_destroyed() : value() {}
+  ~never_destroyed() {}
+  T value;
+};
+
 // Runs the body of a function of the C face: no exception leaves it, `failure` is returned instead.
 template <class Result, class Body>
 Result no_throw(Result failure, Body &&body) noexcept {

@@ -22,8 +22,8 @@ struct parseconfig_entry {
 };
 
 /* Fills the value of every entry whose keyword is in the file, releasing what it held, and leaves
- * the rest untouched. An empty value gives an empty string. 0, or -1 when the file cannot be
- * read or memory is short; lines before that have been taken then. */
+ * the rest untouched. An empty value gives an empty string. 0, or -1 with errno
+ * when the file cannot be read or memory is short. */
 int parseconfig(const char *path, const struct parseconfig_entry *entries, size_t count);
 
 #ifdef __cplusplus

@@ -1,6 +1,7 @@
 // Whole runs on a real platform: which accounts a run is about, what it writes and what it prints.
 #include <gtest/gtest.h>
 
+#include "support/paths_sandbox.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -24,6 +25,12 @@ class platform : public testing::Test {
 
   support::process_result run(const std::vector<std::string> &arguments) {
     return box.run_spoolcap(arguments);
+  }
+  // Runs a command line of the shell, where $spoolcap is the command.
+  support::process_result shell(const std::string &line) {
+    return support::run_process(
+        {"sh", "-c", line}, {.environment = {{"spoolcap", SPOOLCAP_SANDBOX_BINARY},
+                                             {support::paths_root_variable, box.root().string()}}});
   }
   std::string quota(int reseller, int client, int owner, const char *kind) {
     return box.quota_file(reseller, client, owner, kind).value_or("missing");
@@ -77,6 +84,38 @@ TEST_F(platform, accounts_that_cannot_be_read_are_told_apart_only_when_they_are_
   box.redis({"HSET", "res:inf:mng:2", "lvl", "-5"});
   EXPECT_EQ(run({"-A", "show", "-u", "12"}).out,
             "Quota for user cid (with id: 12)\t\tQuota Not found\n\n");
+}
+
+TEST_F(platform, a_login_is_printed_as_it_is_but_for_control_characters_on_a_terminal) {
+  const std::string raw = "\x1b[2J\x7f\xc2\x9b\xc3\x9b\xc2\xa0\t";
+  const std::string shown = "\\x1b[2J\\x7f\\xc2\\x9b\xc3\x9b\xc2\xa0\\x09";
+  box.sql("UPDATE hs_account SET username = '" + raw + "' WHERE userID = 12");
+  for (const std::string target : {"-a", "-u 12"}) {
+    EXPECT_NE(shell("$spoolcap -A show " + target).out.find("user " + raw + " ("),
+              std::string::npos);
+    const std::string terminal = shell("script -qc \"$spoolcap -A show " + target + "\" -").out;
+    EXPECT_NE(terminal.find("user " + shown + " ("), std::string::npos) << terminal;
+  }
+}
+
+TEST_F(platform, output_that_is_not_written_whole_is_told_and_leaves_the_status) {
+  const struct {
+    const char *command, *reason;
+  } rows[] = {
+      {"$spoolcap -A show -a > /dev/full", "No space left on device"},
+      {"$spoolcap -A show -u 12 >&-", "Bad file descriptor"},
+      {"$spoolcap --help <&- >&-", "Bad file descriptor"},
+      // Writes on until the reader has gone.
+      {"trap '' PIPE; { while echo 2> /dev/null; do :; done; $spoolcap -A show -a; } | true",
+       "Broken pipe"}};
+  for (const auto &row : rows) {
+    const support::process_result result = shell(row.command);
+    EXPECT_EQ(result.err,
+              std::string("Standard output could not be written to its end: ") + row.reason + "\n");
+    EXPECT_EQ(result.status, 0);
+  }
+  EXPECT_EQ(shell("$spoolcap -A set -a -q >&-").err, "") << "nothing was to be written";
+  EXPECT_EQ(quota(1, 2, 12, "fax"), "1048576.0");
 }
 
 TEST_F(platform, targets_are_what_the_list_selects) {

@@ -101,6 +101,7 @@ void sandbox::write_configuration(const sandbox_options &options) {
         "DISDBASE_HOST main:cache:one:" + redis_socket_ + ":6379\n";
   }
   for (const auto &[name, text] : files) write_file(name, text);
+  std::filesystem::permissions(path("etc/quorvex/pbx.conf"), std::filesystem::perms(0640));
 }
 
 std::string sandbox::path(std::string_view relative) const {

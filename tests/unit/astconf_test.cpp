@@ -55,6 +55,13 @@ TEST(Astconf, TakesTheValuesThatItsReaderAdmits) {
     EXPECT_EQ("-1", values_in(box.path("absent").c_str(), row.section));
     EXPECT_EQ("-1", values_in(nullptr, row.section));
   }
+  const string there = box.path("asterisk.conf");
+  const char *const keys[] = {"spool", nullptr};
+  safestr_t value = nullptr;
+  EXPECT_EQ(-1, get_astconf_section_values(there.c_str(), nullptr, nullptr, &value));
+  EXPECT_EQ(-1, get_astconf_section_values(there.c_str(), nullptr, keys, nullptr));
+  EXPECT_EQ(-1, get_astconf_values(there.c_str(), nullptr, &value, 1));
+  EXPECT_EQ(-1, get_astconf_values(there.c_str(), keys, nullptr, 1));
 }
 
 TEST(LineHelpers, BlankAndCommentLinesAreIgnorable) {
@@ -66,25 +73,28 @@ TEST(LineHelpers, BlankAndCommentLinesAreIgnorable) {
   for (const auto &row : rows) {
     EXPECT_EQ(row.expected, is_ignorable(row.line, row.comment[0], row.comment[1])) << row.line;
   }
+  EXPECT_EQ(1, is_ignorable(nullptr, '#', 0));
 }
 
 TEST(LineHelpers, InlineCommentsAndPaddingAreCutToTheirDestination) {
   const struct {
     const char *line, *marker, *expected;
-  } rows[] = {{"value ;a;b", ";", " ;a;b"},
-              {";note", ";", ";note"},
-              {"v \t // n", "//", " \t // n"},
-              {" \t ;note", ";", "\t ;note"},
-              {"value", ";", ""}};
+  } rows[] = {
+      {"value ;a;b", ";", " ;a;b"},   {";note", ";", ";note"}, {"v \t // n", "//", " \t // n"},
+      {" \t ;note", ";", "\t ;note"}, {"value", ";", ""},      {nullptr, ";", ""},
+      {"value", nullptr, ""}};
   for (const auto &row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.line));
     char comment[32] = "filled";
-    EXPECT_STREQ(row.expected, get_inline_comment(row.line, nullptr, 0, row.marker)) << row.line;
-    EXPECT_STREQ(row.expected, get_inline_comment(row.line, comment, 32, row.marker)) << row.line;
+    EXPECT_STREQ(row.expected, get_inline_comment(row.line, nullptr, 0, row.marker));
+    EXPECT_STREQ(row.expected, get_inline_comment(row.line, comment, 32, row.marker));
   }
   char text[] = "????????";
   EXPECT_EQ(" ;no?", string(get_inline_comment("x ;note", text, 4, ";"), 5));
   EXPECT_STREQ("\t ", get_start_padding("\t  x", text, 3, nullptr));
   EXPECT_STREQ("--+", get_start_padding("--+x", text, 8, "+-"));
+  EXPECT_STREQ("", get_start_padding(nullptr, text, 8, nullptr));
+  EXPECT_EQ(nullptr, get_start_padding(" x", nullptr, 8, nullptr));
 }
 
 }  // namespace

@@ -16,13 +16,14 @@ class SqlSession : public testing::Test {
   ~SqlSession() override { qx_sql_pool_destroy(); }
 
   int read_files(const std::string &credentials, const std::string &servers) {
-    box.write_file("pbx", credentials);
+    box.write_file("etc/quorvex/pbx.conf", credentials);
     box.write_file("sql", servers);
-    return qx_sql_pool_init_from_config_files(box.path("pbx").c_str(), box.path("sql").c_str());
+    return qx_sql_pool_init_from_config_files(pbx.c_str(), box.path("sql").c_str());
   }
 
   support::log_capture log;
   support::sandbox box;
+  const std::string pbx = box.path("etc/quorvex/pbx.conf");
 };
 
 }  // namespace
@@ -58,16 +59,25 @@ TEST_F(SqlSession, EverySlaveDownTimeIsAppliedAndTheLastOneStays) {
 }
 
 TEST_F(SqlSession, AMissingFileOrMasterIsAFailureToldInItsOwnWay) {
-  const std::string there = box.path("there"), missing = box.path("missing");
-  box.write_file("there", "");
-  EXPECT_EQ(qx_sql_pool_init_from_config_files(there.c_str(), missing.c_str()), -1);
+  const std::string missing = box.path("missing");
+  EXPECT_EQ(qx_sql_pool_init_from_config_files(pbx.c_str(), missing.c_str()), -1);
   EXPECT_TRUE(log.lines().empty()) << "a missing servers file has no message";
-  EXPECT_EQ(qx_sql_pool_init_from_config_files(missing.c_str(), there.c_str()), -1);
+  EXPECT_EQ(qx_sql_pool_init_from_config_files(missing.c_str(), pbx.c_str()), -1);
   const support::log_line line = log.lines().at(0);
   EXPECT_EQ(line.text, "../main/sqlsession:" + std::to_string(line.line) + ":condition failed");
   log.expect(FR_LOG_ERROR, "Failed to find at least one master SQL server in <" + box.path("sql") +
                                ">. Invalid configuration, cannot start.");
   EXPECT_EQ(read_files("DB_CREDENTIALS main:u:p:d\n", "DB_SLAVE main:h:1\n"), -1);
+}
+
+TEST_F(SqlSession, CredentialsThatEverybodyMayReadAreWarnedOfOnce) {
+  for (const auto &[mode, warnings] : {std::pair(0640, 0U), {0604, 1U}}) {
+    std::filesystem::permissions(pbx, std::filesystem::perms(mode));
+    qx_sql_pool_init();
+    EXPECT_EQ(log.count("Everybody may read <" + pbx + ">, which holds the database password."),
+              warnings);
+  }
+  log.expect(FR_LOG_WARNING, "Everybody may read <");
 }
 
 TEST_F(SqlSession, ThePlatformsFilesGiveSessionsOnTheFirstShard) {

@@ -174,8 +174,10 @@ TEST_F(MultiDirectives, ValuesComeInTheOrderOfTheFilesAndMissingFilesAreLogged) 
   EXPECT_EQ((strings{"3", "1", "2"}), values(0));
   EXPECT_EQ(-1, qx_conf_parse_multi_directives_multi_files(nullptr, paths));
   EXPECT_EQ(EINVAL, std::exchange(errno, 0));
-  EXPECT_EQ(-1, qx_conf_parse_multi_directives(table, nullptr));
+  EXPECT_EQ(-1, qx_conf_parse_multi_directives_multi_files(table, nullptr));
   EXPECT_EQ(EINVAL, errno);
+  EXPECT_EQ(0, qx_conf_parse_multi_directives(table, nullptr)) << "a list without files";
+  EXPECT_EQ(strings{}, values(0));
 }
 
 }  // namespace

@@ -1,0 +1,33 @@
+// The protections of the built files, as they are shipped.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "support/sandbox.h"
+
+namespace {
+
+support::process_result check(const std::string &file, const std::string &function) {
+  return support::run_process({SPOOLCAP_SOURCE "/packaging/check-hardening", file, function});
+}
+
+TEST(hardening, is_whole_in_the_command_and_the_library) {
+  EXPECT_EQ(check(SPOOLCAP_BINARY, "main").out, "");
+  EXPECT_EQ(check(SPOOLCAP_LIBRARY, "quota_verify").out, "");
+}
+
+TEST(hardening, is_missed_by_name_where_it_is_not) {
+  support::sandbox box({.use_database = false, .use_cache = false});
+  box.write_file("bare.c", "int main(void) { return 0; }");
+  const std::string bare = box.path("bare");
+  const auto built =
+      support::run_process({"cc", "-no-pie", "-fno-pie", "-fcf-protection=none",
+                            "-fno-stack-protector", "-fno-stack-clash-protection", "-z", "norelro",
+                            "-z", "lazy", "-z", "execstack", box.path("bare.c"), "-o", bare});
+  ASSERT_EQ(built.status, 0) << built.err;
+  const support::process_result result = check(bare, "main");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 9) << result.out;
+}
+
+}  // namespace

@@ -1,0 +1,58 @@
+#include "output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+int first_error = 0;
+
+void tell_lost_output() {
+  has_lost_output();
+  // Closing tells of errors that a file system keeps for the end.
+  if (fclose(stdout) != 0 && first_error == 0) first_error = errno;
+  if (first_error != 0)
+    fprintf(stderr, "Standard output could not be written to its end: %s\n", strerror(first_error));
+}
+
+// Length of the control character that the text begins with; 0 when it begins with none.
+int control_length(const unsigned char *text) {
+  if (text[0] < 0x20 || text[0] == 0x7f) return 1;
+  return text[0] == 0xc2 && text[1] >= 0x80 && text[1] <= 0x9f ? 2 : 0;
+}
+
+}  // namespace
+
+void watch_output() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) >= 0) continue;
+    // Gets this very number, the lowest free one. Writing to standard output then still fails.
+    [[maybe_unused]] const int taken = open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
+  }
+  atexit(tell_lost_output);
+}
+
+bool has_lost_output() {
+  if (ferror(stdout) == 0) return false;
+  if (first_error == 0) first_error = errno;
+  return true;
+}
+
+void print_login(const char *login) {
+  static const bool on_terminal = isatty(STDOUT_FILENO) == 1;
+  if (!on_terminal) {
+    fputs(login, stdout);
+    return;
+  }
+  const auto *text = reinterpret_cast<const unsigned char *>(login);
+  while (*text != '\0') {
+    int escaped = control_length(text);
+    if (escaped == 0) putchar(*text++);
+    for (; escaped > 0; --escaped) printf("\\x%02x", *text++);
+  }
+}
