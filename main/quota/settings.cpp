@@ -64,16 +64,24 @@ std::optional<quota_settings> read_settings() {
 }
 
 // getpwnam_r or getgrnam_r with as much room as the entry takes: a group may have many members.
+// False when there is no entry (errno is 0 then) or none can be had.
 template <class Entry, class Lookup>
 bool look_up(Lookup lookup, const char *name, Entry &entry, std::unique_ptr<char[]> &text) {
-  int error = ERANGE;
-  for (size_t size = 1024; error == ERANGE; size *= 2) {
+  errno = ERANGE;
+  for (size_t size = 1024; errno == ERANGE; size *= 2) {
     text = std::make_unique<char[]>(size);
     Entry *found = nullptr;
-    error = lookup(name, &entry, text.get(), size, &found);
+    errno = lookup(name, &entry, text.get(), size, &found);
     if (found != nullptr) return true;
   }
   return false;
+}
+
+void log_missing_owner(int error) {
+  QX_LOG(FR_LOG_ERROR,
+         "%s:%d:user \"asterisk\" and group \"asterisk\" must both exist: no quota file can be "
+         "written%s%s\n",
+         qx_log_source, __LINE__, error == 0 ? "" : ": ", error == 0 ? "" : std::strerror(error));
 }
 
 }  // namespace
@@ -111,12 +119,7 @@ int owner_ids(uid_t *uid, gid_t *gid) {
   const std::lock_guard guard(own.lock);
   if ((own.user == 0 || own.group == 0) &&
       get_ids("asterisk", "asterisk", &own.user, &own.group) != 0) {
-    if (!own.failure_logged) {
-      QX_LOG(FR_LOG_ERROR,
-             "%s:%d:user \"asterisk\" and group \"asterisk\" must both exist: no quota file can be "
-             "written\n",
-             qx_log_source, __LINE__);
-    }
+    if (!own.failure_logged) log_missing_owner(errno);
     own.failure_logged = true;
     return -1;
   }

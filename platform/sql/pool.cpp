@@ -16,7 +16,7 @@ using std::chrono::seconds;
 // that costs nothing, and one that let its caller wait is passed over for no longer than this.
 constexpr seconds longest_master_pause{5};
 constexpr seconds slow_failure{1};
-constexpr std::chrono::milliseconds just_used{10};
+constexpr std::chrono::milliseconds just_used{2};
 
 // What the search below decided to try next.
 struct attempt {
