@@ -168,6 +168,24 @@ unique_fd descend(std::string path, const owner *whose) {
   return folder;
 }
 
+// Takes an opened file if it may be one of ours; what was not opened passes with its errno.
+// `path` names it in the log, when that is wanted.
+quota_file accept(quota_file file, const std::string *path) {
+  struct stat status {};
+  if (file && ::fstat(file.fd.get(), &status) != 0) return {};
+  if (file && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
+    if (is_left_behind_file(status) && running_as_root()) give_to_owner(file.fd.get());
+    file.size = status.st_size;
+    return file;
+  }
+  // A socket cannot be opened at all.
+  if (file || errno == ELOOP || errno == ENXIO) {
+    if (path != nullptr) log_refusal(*path);
+    errno = ELOOP;
+  }
+  return {};
+}
+
 }  // namespace
 
 quota_umask::quota_umask() {
@@ -197,6 +215,12 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
   return 0;
 }
 
+quota_file open_quota_file(const char *path) {
+  quota_file file{open_without_links(AT_FDCWD, path, O_RDWR | file_flags)};
+  if (file) take_lock(file, LOCK_EX | LOCK_NB);
+  return accept(std::move(file), nullptr);
+}
+
 bool quota_folder::open() {
   if (fd_) return true;
   fd_ = open_without_links(AT_FDCWD, path_.c_str(), folder_flags);
@@ -213,34 +237,17 @@ bool quota_folder::make(uid_t uid, gid_t gid) {
   return static_cast<bool>(fd_);
 }
 
-// Takes an opened file if it may be one of ours; what was not opened passes with its errno.
-quota_file quota_folder::accept(quota_file file, const char *name, bool quietly) const {
-  struct stat status {};
-  if (file && ::fstat(file.fd.get(), &status) != 0) return {};
-  if (file && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
-    if (is_left_behind_file(status) && running_as_root()) give_to_owner(file.fd.get());
-    file.size = status.st_size;
-    return file;
-  }
-  // A socket cannot be opened at all.
-  if (file || errno == ELOOP || errno == ENXIO) {
-    if (!quietly) log_refusal(path_ + "/" + name);
-    errno = ELOOP;
-  }
-  return {};
-}
-
 quota_file quota_folder::open_to_read(const char *name) const {
   unique_fd opened = open_without_links(fd_.get(), name, O_RDONLY | file_flags);
-  if (opened || errno != ELOOP) return accept({std::move(opened)}, name, true);
+  if (opened || errno != ELOOP) return accept({std::move(opened)}, nullptr);
   // A link on the way: each of the two components, the account below and its file, is looked at.
   const std::string text = name;
   const size_t slash = text.find('/');
   if (slash == text.npos)
-    return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, name, true);
+    return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, nullptr);
   const unique_fd below = open_entry(fd_.get(), text.substr(0, slash).c_str(), folder_flags);
   if (!below) return {};
-  return accept({open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags)}, name, true);
+  return accept({open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags)}, nullptr);
 }
 
 unique_fd quota_folder::create_new(const char *name) const {
@@ -258,7 +265,8 @@ quota_file quota_folder::open_to_write(const char *name) const {
     if (!file && errno == EEXIST) file.fd = open_entry(fd_.get(), name, O_RDWR | file_flags);
   }
   if (file) take_lock(file, LOCK_EX | LOCK_NB);
-  return accept(std::move(file), name, false);
+  const std::string path = path_ + "/" + name;
+  return accept(std::move(file), &path);
 }
 
 int quota_folder::create(const char *name) const {
@@ -272,16 +280,17 @@ int quota_folder::create(const char *name) const {
     return 0;
   }
   // Another user's mark cannot be opened and serves all the same.
-  const quota_file there =
-      accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, name, false);
+  const std::string path = path_ + "/" + name;
+  const quota_file there = accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, &path);
   return there || errno == EACCES ? 0 : -1;
 }
 
 int quota_folder::has(const char *name) const {
-  if (!fd_) return 0;
   struct stat status {};
-  if (::fstatat(fd_.get(), name, &status, AT_SYMLINK_NOFOLLOW) == 0) return 1;
-  return errno == ENOENT ? 0 : 1;
+  const int found =
+      fd_ ? ::fstatat(fd_.get(), name, &status, AT_SYMLINK_NOFOLLOW)
+          : ::fstatat(AT_FDCWD, (path_ + "/" + name).c_str(), &status, AT_SYMLINK_NOFOLLOW);
+  return found == 0 || errno != ENOENT ? 1 : 0;
 }
 
 int quota_folder::remove(const char *name) const {

@@ -51,6 +51,11 @@ struct quota_file {
 bool try_lock(quota_file &file);
 bool wait_for_lock(quota_file &file);
 
+// Opens a file that is there to read and write it, like quota_folder::open_to_write, in a single
+// step for a path without any link. Empty when it takes more to say what is there: the folder is to
+// be opened, or made, and asked.
+quota_file open_quota_file(const char *path);
+
 // An account's quota directory. Names are relative to it; that of a file of the account below may
 // have the account in front: "34/fax.quota".
 class quota_folder {
@@ -75,14 +80,13 @@ class quota_folder {
   // Creates an empty file and gives it to its owner; one that is there already is as good. 0, or
   // -1 with errno. Without an owner to give it to the file stays, and the result is -1.
   int create(const char *name) const;
-  // 1 when anything of that name is there, or when that cannot be found out; else 0, as in a
-  // folder that is not open.
+  // 1 when anything of that name is there, or when that cannot be found out; else 0. A folder that
+  // is not open is looked into by its path.
   int has(const char *name) const;
   // The result of unlink.
   int remove(const char *name) const;
 
  private:
-  quota_file accept(quota_file file, const char *name, bool quietly) const;
   unique_fd create_new(const char *name) const;
 
   std::string path_;

@@ -15,7 +15,8 @@ int is_dirty(const quota_folder &folder, const char *file) {
   return folder.has(dirty_name(file).c_str());
 }
 
-int set_dirty(const quota_folder &folder, const char *file) {
+int set_dirty(quota_folder &folder, const char *file) {
+  if (!folder.open()) return -1;
   return folder.create(dirty_name(file).c_str());
 }
 

@@ -15,8 +15,9 @@
 // 1 when the quota file has a dirty mark, or when that cannot be found out; else 0.
 int is_dirty(const quota_folder &folder, const char *file);
 
-// 0, or -1 when the mark cannot be made. It stays when only its owner is not known.
-int set_dirty(const quota_folder &folder, const char *file);
+// Opens the folder if need be. 0, or -1 when the mark cannot be made. It stays when only its owner
+// is not known.
+int set_dirty(quota_folder &folder, const char *file);
 
 // The result of unlink.
 int unset_dirty(const quota_folder &folder, const char *file);

@@ -49,8 +49,7 @@ int64_t sum_of(int64_t value, int64_t delta) {
 }
 
 // Reads, adds and writes while the caller holds the lock; the value as it then is, -1 for none.
-int64_t apply_delta(const quota_folder &folder, const char *name, const quota_file &file,
-                    int64_t delta) {
+int64_t apply_delta(quota_folder &folder, const char *name, const quota_file &file, int64_t delta) {
   std::optional<quota_record> record = record_of(file);
   if (record ? record->value == -1 || record->revision == -1 : !file.created) {
     set_dirty(folder, name);
@@ -73,10 +72,10 @@ int64_t update_file(const char *path, int64_t delta, int wait) {
   gid_t gid = 0;
   if (owner_ids(&uid, &gid) != 0) return -1;
   quota_folder folder(std::string(path, slash));
-  if (!folder.make(uid, gid)) return -1;
   const char *name = slash + 1;
   if (is_dirty(folder, name) == 1) return -1;
-  quota_file file = folder.open_to_write(name);
+  quota_file file = open_quota_file(path);
+  if (!file && folder.make(uid, gid)) file = folder.open_to_write(name);
   if (!file) return -1;
   if (!lock_within(file, wait)) {
     set_dirty(folder, name);
