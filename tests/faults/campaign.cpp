@@ -19,6 +19,7 @@
 #include <stdexcept>
 
 #include "faults/traced.h"
+#include "quota/settings.h"
 #include "support/paths_sandbox.h"
 #include "unit/refresh_fixture.h"
 
@@ -189,7 +190,7 @@ class laboratory : private small_platform {
     for (const auto &[place, unused] : right_figures) {
       const std::string folder = "var/lib/quorvexquota/" + place + "/";
       for (const char *kind : quota_kind_names) {
-        const char *records[] = {"9.1000", "7000", "", "12", "9.0"};
+        const char *records[] = {"9.1000", "7000", "", "12..", "9.0"};
         const std::size_t reason = next++ % std::size(records);
         const std::string file = folder + kind + ".quota";
         box.write_file(file, records[reason]);
