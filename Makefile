@@ -1,6 +1,7 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
+#   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
 # Others: build, bench, lint, sanitize, fuzz, install, deps, format, clean.
 
 SHELL := /bin/bash
@@ -12,7 +13,7 @@ FUZZ_SECONDS ?= 60
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 UNITS = $(filter %.cpp,$(SOURCES))
 
-.PHONY: all build demo test bench lint sanitize fuzz deps install format clean
+.PHONY: all build demo test bench faults lint sanitize fuzz deps install format clean
 all: build
 
 deps:
@@ -35,6 +36,9 @@ test: deps $(BUILD)/build.ninja
 bench: deps $(BUILD)/build.ninja
 	cmake --build --preset release
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
+
+faults: deps $(BUILD)/build.ninja
+	@cmake --build --preset release --target faults
 
 sanitize: deps
 	cmake --preset sanitize

@@ -1,4 +1,4 @@
-// A small platform whose figures are known by heart, for the tests of the refresh.
+// A small platform whose figures are known by heart, for the tests of the refresh and its faults.
 #ifndef TESTS_REFRESH_FIXTURE_H
 #define TESTS_REFRESH_FIXTURE_H
 
@@ -19,9 +19,8 @@ inline const figures right_figures = {
     {"1/3", "0.0 4.0 0.0 0.0 0.0"},      {"1/3/31", "0.0 4.0 0.0 0.0 0.0"}};
 
 // Reseller 1 with clients 2 (owners 21 and 22) and 3 (owner 31, without extensions).
-class refresh_test : public testing::Test {
- protected:
-  refresh_test() {
+struct small_platform {
+  small_platform() {
     box.add_reseller(1, "reseller");
     for (const int client : {2, 3}) box.add_client(client, 1, "client");
     for (const int owner : {21, 22, 31}) box.add_owner(owner, owner / 10, "owner");
@@ -69,8 +68,12 @@ class refresh_test : public testing::Test {
     }
   }
 
-  support::log_capture log;
   support::sandbox box;
+};
+
+class refresh_test : public testing::Test, protected small_platform {
+ protected:
+  support::log_capture log;
 };
 
 #endif
