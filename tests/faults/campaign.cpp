@@ -42,6 +42,7 @@ const struct fault {
     {"short-write", WRITES, {fate::SHORTEN}, {}, 0},
     {"EDQUOT", CREATES | WRITES, {fate::FAIL, EDQUOT}, {}, 0},
     {"EIO", ~0U & ~CLOSES, {fate::FAIL, EIO}, {}, 0},
+    {"dead-disk", ~0U & ~CLOSES, {fate::FAIL, EIO}, {fate::FAIL, EIO}, ~0U & ~CLOSES},
     {"EACCES", BY_NAME, {fate::FAIL, EACCES}, {}, 0},
     {"EMFILE", OPENS, {fate::FAIL, EMFILE}, {}, 0},
     {"ENOMEM", BY_NAME | READS, {fate::FAIL, ENOMEM}, {}, 0},
@@ -96,7 +97,7 @@ class laboratory : private small_platform {
   std::vector<int> chances(const run_kind &kind) {
     prepare(kind);
     std::vector<int> counts(fault_count);
-    environment_ = {{"FAULT_ALLOCATION_COUNT", box.path("count")}};
+    environment_ = {{"FAIL_COUNT", box.path("count")}};
     run(kind, [&](const call &one) {
       for (std::size_t f = 0; f < fault_count; ++f) {
         counts[f] += (one.traits & all_faults[f].meets) != 0 ? 1 : 0;
@@ -110,7 +111,7 @@ class laboratory : private small_platform {
 
   std::string try_fault(const fault &what, const run_kind &kind, int number, bool tell) {
     prepare(kind);
-    if (is_allocation(what)) environment_ = {{"FAULT_ALLOCATION", std::to_string(number)}};
+    if (is_allocation(what)) environment_ = {{"FAIL_AT", std::to_string(number)}};
     int count = 0;
     std::string where;
     bool forbidden_media = false;
@@ -140,7 +141,7 @@ class laboratory : private small_platform {
       if (!environment_.empty()) {
         const char *others = getenv("LD_PRELOAD");
         const std::string libraries =
-            std::string(ALLOCATIONS_LIBRARY ":") + (others != nullptr ? others : "");
+            std::string(SPOOLCAP_FAILING_ALLOCATION ":") + (others != nullptr ? others : "");
         setenv("LD_PRELOAD", libraries.c_str(), 1);
       }
       if (freopen(box.path("output").c_str(), "w", stdout) != nullptr &&
