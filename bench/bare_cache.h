@@ -8,8 +8,8 @@
 #include <cstring>
 #include <memory>
 
-#include "base/owner.h"
-#include "support/sandbox.h"
+#include "platform/base/owner.h"
+#include "tests/support/sandbox.h"
 
 using redis_connection = std::unique_ptr<redisContext, call_to_release<redisFree>>;
 using redis_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;

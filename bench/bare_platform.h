@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 using bare_rows = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
 

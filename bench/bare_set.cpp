@@ -8,8 +8,8 @@
 #include <array>
 #include <cstring>
 
-#include "bare_platform.h"
-#include "trees.h"
+#include "bench/bare_platform.h"
+#include "bench/trees.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "bare_platform.h"
+#include "bench/bare_platform.h"
 
 int main(int argc, char **argv) {
   if (argc != 8) return 2;

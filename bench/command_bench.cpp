@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "ratio.h"
-#include "support/paths_sandbox.h"
-#include "support/sandbox.h"
-#include "trees.h"
+#include "bench/ratio.h"
+#include "bench/trees.h"
+#include "tests/support/paths_sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

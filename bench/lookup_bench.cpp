@@ -7,14 +7,14 @@
 #include <memory>
 #include <string>
 
-#include "bare_cache.h"
-#include "base/owner.h"
-#include "ratio.h"
-#include "sqlsession.h"
-#include "support/sandbox.h"
-#include "zarn_db_files.h"
-#include "zarn_extension.h"
-#include "zarn_user.h"
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_db_files.h>
+#include <spoolcap/zarn_extension.h>
+#include <spoolcap/zarn_user.h>
+#include "bench/bare_cache.h"
+#include "bench/ratio.h"
+#include "platform/base/owner.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "ratio.h"
+#include "bench/ratio.h"
 
 #include <cstdio>
 #include <map>

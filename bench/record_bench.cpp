@@ -8,10 +8,10 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/owner.h"
-#include "quota/record.h"
-#include "ratio.h"
-#include "support/servers.h"
+#include "bench/ratio.h"
+#include "main/quota/record.h"
+#include "platform/base/owner.h"
+#include "tests/support/servers.h"
 
 namespace {
 

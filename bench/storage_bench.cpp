@@ -12,13 +12,13 @@
 #include <thread>
 #include <vector>
 
-#include "base/log.h"
-#include "base/owner.h"
-#include "ratio.h"
-#include "sqlsession.h"
-#include "storage/files.h"
-#include "storage/zarn_storage.h"
-#include "support/sandbox.h"
+#include <spoolcap/log.h>
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_storage.h>
+#include "bench/ratio.h"
+#include "main/storage/files.h"
+#include "platform/base/owner.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "trees.h"
+#include "bench/trees.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,7 +12,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 namespace {
 

@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "bare_cache.h"
-#include "base/owner.h"
-#include "quota/quota.h"
-#include "ratio.h"
-#include "sqlsession.h"
-#include "support/sandbox.h"
+#include <spoolcap/quota.h>
+#include <spoolcap/sqlsession.h>
+#include "bench/bare_cache.h"
+#include "bench/ratio.h"
+#include "platform/base/owner.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <cstdlib>
 #include <string>
 
-#include "quota/measure.h"
-#include "ratio.h"
-#include "support/servers.h"
-#include "trees.h"
+#include "bench/ratio.h"
+#include "bench/trees.h"
+#include "main/quota/measure.h"
+#include "tests/support/servers.h"
 
 namespace {
 

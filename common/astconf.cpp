@@ -5,10 +5,10 @@
 #include <string>
 #include <string_view>
 
-#include "base/line_reader.h"
-#include "base/owner.h"
-#include "base/view.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "platform/base/line_reader.h"
+#include "platform/base/owner.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/deadline.h"
-#include "base/nb_io.h"
-#include "base/owner.h"
-#include "base/spawn.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "platform/base/deadline.h"
+#include "platform/base/nb_io.h"
+#include "platform/base/owner.h"
+#include "platform/base/spawn.h"
 
 namespace {
 

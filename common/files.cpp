@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "base/owner.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "platform/base/owner.h"
 
 namespace {
 

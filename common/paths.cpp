@@ -1,7 +1,7 @@
 // The installed program's provider: the paths as they are.
-#include "paths.h"
+#include "common/paths.h"
 
-#include "paths_table.h"
+#include "common/paths_table.h"
 
 const char *qx_path(qx_path_id id) {
   return qx_fixed_paths[id];

@@ -4,10 +4,9 @@
 #ifndef COMMON_PATHS_H
 #define COMMON_PATHS_H
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-#pragma GCC visibility push(default)
+#include <spoolcap/declarations.h>
+
+SPOOLCAP_BEGIN_DECLARATIONS
 
 enum qx_path_id {
   QX_PATH_PATHS_CONF,    /* directories of the platform */
@@ -31,9 +30,6 @@ enum qx_path_id {
  * from several threads. */
 const char *qx_path(enum qx_path_id id);
 
-#pragma GCC visibility pop
-#ifdef __cplusplus
-}
-#endif
+SPOOLCAP_END_DECLARATIONS
 
 #endif

@@ -2,7 +2,7 @@
 #ifndef COMMON_PATHS_TABLE_H
 #define COMMON_PATHS_TABLE_H
 
-#include "paths.h"
+#include "common/paths.h"
 
 inline constexpr const char *qx_fixed_paths[QX_PATH_COUNT] = {
     "/etc/quorvex/paths.conf",     "/etc/quorvex/pbx.conf",     "/etc/quorvex/sqldbase.conf",

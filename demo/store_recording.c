@@ -5,8 +5,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "sqlsession.h"
-#include "storage/zarn_storage.h"
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_storage.h>
 
 static int copy(const char *from, const char *to) {
   FILE *source = fopen(from, "rb");

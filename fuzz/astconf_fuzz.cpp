@@ -1,7 +1,7 @@
 // Asterisk's configuration: both readers against a plain model, and the helpers of a line's layout.
-#include "base/view.h"
-#include "fuzz.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "fuzz/fuzz.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <chrono>
 #include <thread>
 
-#include "fuzz.h"
-#include "velkan/velkan.h"
+#include "fuzz/fuzz.h"
+#include "platform/velkan/velkan.h"
 
 // Time stands still for the client: what it allows itself to wait for a cache in trouble is never
 // used up, however many inputs there are.

@@ -1,6 +1,6 @@
 // The command line: every way in which it can end, and what one more option changes.
-#include "fuzz.h"
-#include "settings.h"
+#include "fuzz/fuzz.h"
+#include "tool/settings.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ struct ended {
 
 // The parser's own source, with that end in place of the real one.
 #define exit end_by_exception
-#include "options.cpp"  // NOLINT(bugprone-suspicious-include)
+#include "tool/options.cpp"  // NOLINT(bugprone-suspicious-include)
 #undef exit
 
 // What popt keeps of an option given twice is no finding.

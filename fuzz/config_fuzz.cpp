@@ -3,11 +3,11 @@
 
 #include <climits>
 
-#include "base/log.h"
-#include "base/parseconfig.h"
-#include "base/view.h"
-#include "fuzz.h"
-#include "zarn_config_parser.h"
+#include <spoolcap/log.h>
+#include <spoolcap/zarn_config_parser.h>
+#include "fuzz/fuzz.h"
+#include "platform/base/parseconfig.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 // What a target does with the bytes of one input.
 void check(std::string_view bytes);

@@ -1,5 +1,5 @@
 // How the fuzzer reaches a target.
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {

@@ -1,8 +1,8 @@
 // Mail headers: nothing of a text is lost, no character is split, every line keeps to its columns.
 #include <openssl/evp.h>
 
-#include "fuzz.h"
-#include "zarn_str.h"
+#include <spoolcap/zarn_str.h>
+#include "fuzz/fuzz.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Quota records: any content of the file, read and written over.
-#include "fuzz.h"
-#include "quota/record.h"
+#include "fuzz/fuzz.h"
+#include "main/quota/record.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "fuzz.h"
+#include "fuzz/fuzz.h"
 
 int main(int argc, char **argv) {
   int replayed = 0;

@@ -6,9 +6,9 @@
 #include <memory>
 #include <new>
 
-#include "base/hash.h"
-#include "base/owner.h"
-#include "targets.h"
+#include "platform/base/hash.h"
+#include "platform/base/owner.h"
+#include "tool/targets.h"
 
 // Calls visit(id, record) for each target, holding the table's lock for the whole walk. Throws
 // std::bad_alloc when the targets cannot be listed.

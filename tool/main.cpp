@@ -2,14 +2,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/owner.h"
-#include "options.h"
-#include "output.h"
-#include "refresh.h"
-#include "report.h"
-#include "settings.h"
-#include "sqlsession.h"
-#include "targets.h"
+#include <spoolcap/sqlsession.h>
+#include "platform/base/owner.h"
+#include "tool/options.h"
+#include "tool/output.h"
+#include "tool/refresh.h"
+#include "tool/report.h"
+#include "tool/settings.h"
+#include "tool/targets.h"
 
 namespace {
 

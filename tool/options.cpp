@@ -1,4 +1,4 @@
-#include "options.h"
+#include "tool/options.h"
 
 #include <popt.h>
 
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <memory>
 
-#include "base/owner.h"
-#include "settings.h"
+#include "platform/base/owner.h"
+#include "tool/settings.h"
 
 namespace {
 

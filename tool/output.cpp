@@ -1,4 +1,4 @@
-#include "output.h"
+#include "tool/output.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
-#include "refresh.h"
+#include "tool/refresh.h"
 
-#include "keys.h"
-#include "quota/quota.h"
-#include "settings.h"
+#include <spoolcap/quota.h>
+#include "tool/keys.h"
+#include "tool/settings.h"
 
 int refresh_user_quotas(fr_hash_t *targets) {
   bool succeeded = false;

@@ -2,7 +2,7 @@
 #ifndef TOOL_REFRESH_H
 #define TOOL_REFRESH_H
 
-#include "base/hash.h"
+#include "platform/base/hash.h"
 
 // Refreshes every selected account of the table and its subtree; one that fails does not stop the
 // others. 0 when none failed (or there was none), 1 when some failed and some did not, 2 when all

@@ -1,18 +1,16 @@
-#include "report.h"
+#include "tool/report.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
 
-#include "base/view.h"
-#include "keys.h"
-#include "output.h"
-#include "quota/quota.h"
-#include "settings.h"
-#include "sql_owner.h"
-
-QX_LOG_SOURCE("spoolcap");
+#include <spoolcap/quota.h>
+#include "main/sql/query.h"
+#include "platform/base/view.h"
+#include "tool/keys.h"
+#include "tool/output.h"
+#include "tool/settings.h"
 
 namespace {
 
@@ -47,7 +45,7 @@ void print_size(int64_t bytes) {
 // reads the report knows both forms.
 int show_all_accounts(SessionHandle session) {
   sql_result rows;
-  const call_site site = {qx_log_source, "show_quotas", __LINE__};
+  const call_site site = {QX_LOG_SOURCE, "show_quotas", __LINE__};
   if (sql_query(site, session, rows, select_accounts) != 0) {
     if (has_lacked_memory(session)) throw std::bad_alloc();
     return -1;

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "base/hash.h"
+#include "platform/base/hash.h"
 
 // Prints the stored usage of every target, or, for a run over all accounts, of every account that
 // the database knows, in its order. 0, or -1 when it cannot start or its statement fails.

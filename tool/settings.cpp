@@ -1,12 +1,12 @@
-#include "settings.h"
+#include "tool/settings.h"
 
 #include <array>
 
-#include "base/owner.h"
-#include "base/parseconfig.h"
-#include "base/view.h"
-#include "paths.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "common/paths.h"
+#include "platform/base/owner.h"
+#include "platform/base/parseconfig.h"
+#include "platform/base/view.h"
 
 run_settings run = {};
 

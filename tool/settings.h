@@ -3,7 +3,7 @@
 #ifndef TOOL_SETTINGS_H
 #define TOOL_SETTINGS_H
 
-#include "base/safestr.h"
+#include <spoolcap/safestr.h>
 
 enum run_action { ACTION_NONE = 0, ACTION_SET = 1, ACTION_SHOW = 2 };
 enum run_target_mode { TARGET_NONE = 0, TARGET_UID = 1, TARGET_ULOGIN = 2, TARGET_ALL = 3 };

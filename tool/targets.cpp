@@ -1,14 +1,12 @@
-#include "targets.h"
+#include "tool/targets.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
-#include "settings.h"
-#include "sql_owner.h"
-
-QX_LOG_SOURCE("spoolcap");
+#include "main/sql/query.h"
+#include "tool/settings.h"
 
 // The table copies records byte by byte.
 static_assert(sizeof(target_record) == 40);
@@ -35,7 +33,7 @@ constexpr char select_all[] =
 constexpr int top_level = 10;
 
 int run_selection(SessionHandle session, sql_result &rows) {
-  const call_site site = {qx_log_source, "get_sql_data", __LINE__};
+  const call_site site = {QX_LOG_SOURCE, "get_sql_data", __LINE__};
   switch (run.target_mode) {
     case TARGET_ULOGIN:
       return sql_query(site, session, rows, select_by_login, run.ulogin_list);

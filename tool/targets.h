@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "base/hash.h"
-#include "base/owner.h"
+#include "platform/base/hash.h"
+#include "platform/base/owner.h"
 
 // One selected account. The table keys these by account id, a 32-bit integer in native byte order.
 struct target_record {

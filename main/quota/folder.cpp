@@ -1,16 +1,14 @@
 // Opens, makes and hands over; knows nothing of what the files hold.
-#include "quota/folder.h"
+#include "main/quota/folder.h"
 
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
 #include <mutex>
 
-#include "base/diagnostics.h"
-#include "base/errors.h"
-#include "quota/settings.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include "main/quota/settings.h"
+#include "platform/base/diagnostics.h"
+#include "platform/base/errors.h"
 
 namespace {
 
@@ -35,7 +33,7 @@ void log_refusal(const std::string &path) {
   QX_LOG(FR_LOG_WARNING,
          "%s:%d:%s is passed over: not a plain file or folder, or a link that root did not make in "
          "a folder of its own\n",
-         qx_log_source, __LINE__, path.c_str());
+         QX_LOG_SOURCE, __LINE__, path.c_str());
 }
 
 // Opens a path on which no component is a link, in one call. ELOOP where one is, or where the

@@ -18,7 +18,7 @@
 
 #include <string>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 inline constexpr mode_t quota_file_mode = 0660;
 inline constexpr mode_t quota_directory_mode = 0770;

@@ -2,7 +2,7 @@
 #ifndef MAIN_QUOTA_KINDS_H
 #define MAIN_QUOTA_KINDS_H
 
-#include "quota/quota.h"
+#include <spoolcap/quota.h>
 
 // Levels of an account.
 enum account_level { LEVEL_ROOT = 0, LEVEL_RESELLER = 10, LEVEL_CLIENT = 50, LEVEL_OWNER = 100 };

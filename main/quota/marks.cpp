@@ -1,5 +1,5 @@
 // Marks are files in the quota folder; how they are opened safely is the folder's affair.
-#include "quota/marks.h"
+#include "main/quota/marks.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #ifndef MAIN_QUOTA_MARKS_H
 #define MAIN_QUOTA_MARKS_H
 
-#include "quota/folder.h"
+#include "main/quota/folder.h"
 
 // 1 when the quota file has a dirty mark, or when that cannot be found out; else 0.
 int is_dirty(const quota_folder &folder, const char *file);

@@ -1,5 +1,5 @@
 // The walk over media directories, whose names and links are their owners' affair.
-#include "quota/measure.h"
+#include "main/quota/measure.h"
 
 #include <dirent.h>
 
@@ -9,12 +9,10 @@
 #include <optional>
 #include <vector>
 
-#include "base/diagnostics.h"
-#include "base/errors.h"
-#include "base/owner.h"
-#include "quota/quota.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/quota.h>
+#include "platform/base/diagnostics.h"
+#include "platform/base/errors.h"
+#include "platform/base/owner.h"
 
 namespace {
 
@@ -184,7 +182,7 @@ class tree_walk {
       found_.is_all = false;
       QX_LOG(FR_LOG_WARNING,
              "%s:%d:%s: more than %d folders are entered through links, the rest is not measured\n",
-             qx_log_source, __LINE__, path_, most_linked);
+             QX_LOG_SOURCE, __LINE__, path_, most_linked);
     }
     return false;
   }

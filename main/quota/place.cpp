@@ -1,11 +1,11 @@
 // Looks accounts up through the account lookups, which ask the cache before the database.
-#include "quota/place.h"
+#include "main/quota/place.h"
 
 #include <cstdlib>
 
-#include "quota/kinds.h"
-#include "zarn_user.h"
-#include "zarn_user_internal.h"
+#include <spoolcap/zarn_user.h>
+#include "main/quota/kinds.h"
+#include "main/user/account_place.h"
 
 namespace {
 

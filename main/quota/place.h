@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "sqlsession.h"
+#include <spoolcap/sqlsession.h>
 
 // Level and parent of an account; every output may be null, and a parent that is empty gives an
 // empty text. For level 0 the parent outputs are left alone. 0, or -2 when the account is not

@@ -1,11 +1,9 @@
 // Reads stored values; never locks, creates or repairs anything.
-#include "quota/kinds.h"
-#include "quota/place.h"
-#include "quota/record.h"
-#include "quota/tree_paths.h"
-#include "sql_owner.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include "main/quota/kinds.h"
+#include "main/quota/place.h"
+#include "main/quota/record.h"
+#include "main/quota/tree_paths.h"
+#include "main/sql/query.h"
 
 namespace {
 

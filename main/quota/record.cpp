@@ -1,5 +1,5 @@
 // Reads and writes records; knows nothing of accounts.
-#include "quota/record.h"
+#include "main/quota/record.h"
 
 #include <algorithm>
 #include <cinttypes>

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "quota/folder.h"
+#include "main/quota/folder.h"
 
 // Revisions that a refresh leaves alone end here, and the first that it does not.
 inline constexpr int highest_fresh_revision = 999;

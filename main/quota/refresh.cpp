@@ -1,21 +1,19 @@
 // Walks a subtree of accounts, children first, and rewrites their quota files. What it could not
 // know or finish it leaves with a redo mark, so that the next refresh makes it good.
-#include "quota/refresh.h"
+#include "main/quota/refresh.h"
 
 #include <climits>
 #include <cstdlib>
 #include <new>
 
-#include "quota/kinds.h"
-#include "quota/marks.h"
-#include "quota/place.h"
-#include "quota/record.h"
-#include "quota/settings.h"
-#include "quota/tree_paths.h"
-#include "quota/usage.h"
-#include "zarn_str.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/zarn_str.h>
+#include "main/quota/kinds.h"
+#include "main/quota/marks.h"
+#include "main/quota/place.h"
+#include "main/quota/record.h"
+#include "main/quota/settings.h"
+#include "main/quota/tree_paths.h"
+#include "main/quota/usage.h"
 
 namespace {
 
@@ -81,7 +79,7 @@ outcome refresh_account(const tree_account &self, unsigned kind, std::string &di
       done = account_refresh(self, kind, directory, force_depth).run(value);
     }
   } catch (const std::bad_alloc &) {
-    QX_LOG(FR_LOG_ERROR, "%s:%d:no memory to refresh account %s\n", qx_log_source, __LINE__,
+    QX_LOG(FR_LOG_ERROR, "%s:%d:no memory to refresh account %s\n", QX_LOG_SOURCE, __LINE__,
            self.id);
     no_throw(false, [&] {
       quota_folder folder(directory);
@@ -95,11 +93,11 @@ outcome refresh_account(const tree_account &self, unsigned kind, std::string &di
 outcome account_refresh::run(int64_t &value) {
   // A folder that somebody else put in the way is passed over with all that is below it.
   if (!folder_.open() && errno == ELOOP) return stopped(kind_);
-  if (!is_forced()) redo_.look();
   outcome children{0, 0};
   if (has_children()) children = refresh_children();
   if (children.result != 0) return stop();
   folder_.open();  // which the first account below may just have made
+  if (!is_forced()) redo_.look();
 
   kind_set uncertain = 0;
   const bool finished = for_each_kind(kind_, [&](unsigned kind) {
@@ -124,7 +122,7 @@ outcome account_refresh::stop() {
 // Refreshes the accounts below, each with its whole subtree.
 outcome account_refresh::refresh_children() {
   // The leading, doubled and trailing blanks belong to the statement as operators know it.
-  const sql_result rows = rows_of({qx_log_source, "quota_update_subtree", __LINE__},
+  const sql_result rows = rows_of({QX_LOG_SOURCE, "quota_update_subtree", __LINE__},
                                   " SELECT client.id, client.level  FROM client WHERE "
                                   "client.parent_client_id = '%s' ",
                                   self_.id);
@@ -203,7 +201,7 @@ bool account_refresh::store(unsigned kind, int64_t value, bool certain) {
 int find_target(int account_id, located_account &found, std::string &directory) {
   const sql_session session;
   if (!session) {
-    log_condition_failed({qx_log_source, "quota_update_slow_internal", __LINE__});
+    log_condition_failed({QX_LOG_SOURCE, "quota_update_slow_internal", __LINE__});
     return -1;
   }
   const int error = locate(session.get(), account_id, found);

@@ -7,16 +7,14 @@
 #include <mutex>
 #include <optional>
 
-#include "base/diagnostics.h"
-#include "base/errors.h"
-#include "base/owner.h"
-#include "base/parseconfig.h"
-#include "base/view.h"
-#include "paths.h"
-#include "quota/settings.h"
-#include "utils.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/utils.h>
+#include "common/paths.h"
+#include "main/quota/settings.h"
+#include "platform/base/diagnostics.h"
+#include "platform/base/errors.h"
+#include "platform/base/owner.h"
+#include "platform/base/parseconfig.h"
+#include "platform/base/view.h"
 
 namespace {
 
@@ -81,7 +79,7 @@ void log_missing_owner(int error) {
   QX_LOG(FR_LOG_ERROR,
          "%s:%d:user \"asterisk\" and group \"asterisk\" must both exist: no quota file can be "
          "written%s%s\n",
-         qx_log_source, __LINE__, error == 0 ? "" : ": ", error == 0 ? "" : std::strerror(error));
+         QX_LOG_SOURCE, __LINE__, error == 0 ? "" : ": ", error == 0 ? "" : std::strerror(error));
 }
 
 }  // namespace

@@ -1,16 +1,16 @@
 // Builds paths; touches no file. Extensions of an owner come from the account lookups.
-#include "quota/tree_paths.h"
+#include "main/quota/tree_paths.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
 
-#include "base/owner.h"
-#include "base/view.h"
-#include "quota/kinds.h"
-#include "quota/settings.h"
-#include "zarn_user.h"
+#include <spoolcap/zarn_user.h>
+#include "main/quota/kinds.h"
+#include "main/quota/settings.h"
+#include "platform/base/owner.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -4,16 +4,14 @@
 #include <limits>
 #include <string>
 
-#include "quota/kinds.h"
-#include "quota/marks.h"
-#include "quota/place.h"
-#include "quota/record.h"
-#include "quota/settings.h"
-#include "quota/tree_paths.h"
-#include "sql_owner.h"
-#include "zarn_str.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/zarn_str.h>
+#include "main/quota/kinds.h"
+#include "main/quota/marks.h"
+#include "main/quota/place.h"
+#include "main/quota/record.h"
+#include "main/quota/settings.h"
+#include "main/quota/tree_paths.h"
+#include "main/sql/query.h"
 
 namespace {
 

@@ -1,19 +1,17 @@
 // Asks the database for sizes of stored files and the disk for the rest, and reads children's
 // files.
-#include "quota/usage.h"
+#include "main/quota/usage.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "quota/kinds.h"
-#include "quota/measure.h"
-#include "quota/record.h"
-#include "quota/tree_paths.h"
-#include "zarn_db_files.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/zarn_db_files.h>
+#include "main/quota/kinds.h"
+#include "main/quota/measure.h"
+#include "main/quota/record.h"
+#include "main/quota/tree_paths.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "quota/folder.h"
-#include "sql_owner.h"
+#include "main/quota/folder.h"
+#include "main/sql/query.h"
 
 // An account that a refresh is at, and the one above it in the walk. Ids are decimal text as
 // statements take them; null where there is none.

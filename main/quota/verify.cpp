@@ -4,13 +4,11 @@
 #include <cstdlib>
 #include <limits>
 
-#include "quota/kinds.h"
-#include "quota/place.h"
-#include "quota/tree_paths.h"
-#include "sql_owner.h"
-#include "zarn_user.h"
-
-QX_LOG_SOURCE("../main/quota");
+#include <spoolcap/zarn_user.h>
+#include "main/quota/kinds.h"
+#include "main/quota/place.h"
+#include "main/quota/tree_paths.h"
+#include "main/sql/query.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "storage/config.h"
+#include "main/storage/config.h"
 
 #include <strings.h>
 
@@ -8,14 +8,12 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "base/parseconfig.h"
-#include "base/view.h"
-#include "paths.h"
-#include "storage/files.h"
-#include "zarn_cache_internal.h"
-#include "zarn_str.h"
-
-QX_LOG_SOURCE("../main/zarn_storage");
+#include <spoolcap/zarn_str.h>
+#include "common/paths.h"
+#include "main/cache/client.h"
+#include "main/storage/files.h"
+#include "platform/base/parseconfig.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <memory>
 #include <string>
 
-#include "base/diagnostics.h"
-#include "base/owner.h"
-#include "storage/zarn_storage.h"
+#include <spoolcap/zarn_storage.h>
+#include "platform/base/diagnostics.h"
+#include "platform/base/owner.h"
 
 enum class storage_engine { invalid = -1, posix = 1, s3 = 2 };
 

@@ -1,4 +1,4 @@
-#include "storage/copy_content.h"
+#include "main/storage/copy_content.h"
 
 #include <linux/fs.h>
 #include <sys/ioctl.h>

@@ -1,4 +1,4 @@
-#include "storage/files.h"
+#include "main/storage/files.h"
 
 #include <fcntl.h>
 #include <sys/random.h>
@@ -12,12 +12,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/diagnostics.h"
-#include "base/owner.h"
-#include "make_directories.h"
-#include "storage/copy_content.h"
-
-QX_LOG_SOURCE("../main/zarn_storage");
+#include "main/storage/copy_content.h"
+#include "platform/base/diagnostics.h"
+#include "platform/base/make_directories.h"
+#include "platform/base/owner.h"
 
 namespace {
 

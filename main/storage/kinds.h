@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "storage/zarn_storage.h"
+#include <spoolcap/zarn_storage.h>
 
 struct resource_kind {
   int type;

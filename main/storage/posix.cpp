@@ -1,12 +1,12 @@
-#include "storage/posix.h"
+#include "main/storage/posix.h"
 
 #include <strings.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "base/view.h"
-#include "storage/kinds.h"
+#include "main/storage/kinds.h"
+#include "platform/base/view.h"
 
 namespace {
 

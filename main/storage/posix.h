@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "storage/session.h"
+#include "main/storage/session.h"
 
 // The folder of a kind, empty when it has none. New files grow in its sub-folder "tmp".
 std::string posix_folder(const storage_config &config, int type);

@@ -1,13 +1,13 @@
-#include "storage/queue.h"
+#include "main/storage/queue.h"
 
 #include <cerrno>
 #include <cstdio>
 
-#include "base/owner.h"
-#include "storage/kinds.h"
-#include "storage/session.h"
-#include "zarn_cache_internal.h"
-#include "zarn_str.h"
+#include <spoolcap/zarn_str.h>
+#include "main/cache/client.h"
+#include "main/storage/kinds.h"
+#include "main/storage/session.h"
+#include "platform/base/owner.h"
 
 namespace {
 

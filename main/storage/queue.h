@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "base/diagnostics.h"
+#include "platform/base/diagnostics.h"
 
 int queue_upload(const call_site &site, const char *location, const std::string &object_key);
 

@@ -1,15 +1,13 @@
-#include "storage/s3.h"
+#include "main/storage/s3.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "base/view.h"
-#include "storage/kinds.h"
-#include "storage/queue.h"
-
-QX_LOG_SOURCE("../main/zarn_storage");
+#include "main/storage/kinds.h"
+#include "main/storage/queue.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "storage/session.h"
+#include "main/storage/session.h"
 
 // Makes the session's temporary file; false, logged, when it cannot have it.
 bool prepare_s3(qx_storage_session &session);

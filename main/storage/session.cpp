@@ -1,6 +1,4 @@
-#include "storage/session.h"
-
-QX_LOG_SOURCE("../main/zarn_storage");
+#include "main/storage/session.h"
 
 qx_storage_session::qx_storage_session(const call_site &site, storage_snapshot start,
                                        purpose wanted, int type)

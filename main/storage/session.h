@@ -8,8 +8,8 @@
 #include <mutex>
 #include <string>
 
-#include "storage/config.h"
-#include "storage/files.h"
+#include "main/storage/config.h"
+#include "main/storage/files.h"
 
 // The part of the platform that all files belong to: a folder of the transfer-out directory and of
 // the cache, and the end of the queues' names.

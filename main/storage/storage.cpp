@@ -2,13 +2,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/view.h"
-#include "storage/posix.h"
-#include "storage/queue.h"
-#include "storage/record.h"
-#include "storage/s3.h"
-
-QX_LOG_SOURCE("../main/zarn_storage");
+#include "main/storage/posix.h"
+#include "main/storage/queue.h"
+#include "main/storage/row.h"
+#include "main/storage/s3.h"
+#include "platform/base/view.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // The diagnostics that all modules share, one line at the call site.
 //
-// A module names itself in each of its files with QX_LOG_SOURCE("../main/zarn_user"); the texts
-// below then carry that name, and the line and function of the place they stand in.
+// The build gives each module its name, QX_LOG_SOURCE ("../main/zarn_user"); the texts below carry
+// that name, and the line and function of the place they stand in.
 #ifndef PLATFORM_BASE_DIAGNOSTICS_H
 #define PLATFORM_BASE_DIAGNOSTICS_H
 
-#include "base/log.h"
+#include <spoolcap/log.h>
 
 // A place in the code, handed to shared routines that log in their caller's name.
 struct call_site {
@@ -14,9 +14,7 @@ struct call_site {
   int line;
 };
 
-#define QX_LOG_SOURCE(name) static constexpr const char qx_log_source[] = name
-
-#define QX_HERE (call_site{qx_log_source, __func__, __LINE__})
+#define QX_HERE (call_site{QX_LOG_SOURCE, __func__, __LINE__})
 
 // Logs at a priority of FR_LOG_*, in the name of `site`.
 #define QX_LOG_AT(site, priority, ...) \

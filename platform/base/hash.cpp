@@ -1,4 +1,4 @@
-#include "base/hash.h"
+#include "platform/base/hash.h"
 
 #include <cstddef>
 #include <cstring>
@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 struct fr_array {
   std::vector<const void *> elements;

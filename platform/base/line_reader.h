@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 class line_reader {
  public:

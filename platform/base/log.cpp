@@ -1,4 +1,4 @@
-#include "base/log.h"
+#include <spoolcap/log.h>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,7 +14,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "base/nb_io.h"
+#include "platform/base/nb_io.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -11,8 +11,8 @@
 #include <csignal>
 #include <cstring>
 
-#include "base/deadline.h"
-#include "base/owner.h"
+#include "platform/base/deadline.h"
+#include "platform/base/owner.h"
 
 namespace {
 

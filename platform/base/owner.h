@@ -13,7 +13,7 @@
 #include <memory>
 #include <utility>
 
-#include "base/safestr.h"
+#include <spoolcap/safestr.h>
 
 template <auto Function>
 struct call_to_release {

@@ -1,9 +1,9 @@
-#include "base/parseconfig.h"
+#include "platform/base/parseconfig.h"
 
 #include <string_view>
 
-#include "base/line_reader.h"
-#include "base/view.h"
+#include "platform/base/line_reader.h"
+#include "platform/base/view.h"
 
 namespace {
 

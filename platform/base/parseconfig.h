@@ -9,7 +9,7 @@
 
 #include <stddef.h>
 
-#include "base/safestr.h"
+#include <spoolcap/safestr.h>
 
 #ifdef __cplusplus
 extern "C" {

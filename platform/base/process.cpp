@@ -1,4 +1,4 @@
-#include "base/process.h"
+#include "platform/base/process.h"
 
 #include <pthread.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "base/safestr.h"
+#include <spoolcap/safestr.h>
 
 #include <cstdlib>
 #include <cstring>

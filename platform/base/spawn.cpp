@@ -1,4 +1,4 @@
-#include "base/spawn.h"
+#include "platform/base/spawn.h"
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "base/deadline.h"
-#include "base/owner.h"
+#include "platform/base/deadline.h"
+#include "platform/base/owner.h"
 
 namespace {
 

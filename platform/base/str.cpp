@@ -1,4 +1,4 @@
-#include "base/str.h"
+#include "platform/base/str.h"
 
 #include <openssl/evp.h>
 
@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/owner.h"
-#include "base/view.h"
+#include "platform/base/owner.h"
+#include "platform/base/view.h"
 
 namespace {
 

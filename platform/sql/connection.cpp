@@ -1,4 +1,4 @@
-#include "connection.h"
+#include "platform/sql/connection.h"
 
 #include <errmsg.h>
 #include <fcntl.h>

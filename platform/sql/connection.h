@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 using sql_clock = std::chrono::steady_clock;
 

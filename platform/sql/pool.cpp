@@ -1,12 +1,10 @@
-#include "pool.h"
+#include "platform/sql/pool.h"
 
 #include <algorithm>
 #include <optional>
 #include <utility>
 
-#include "base/process.h"
-
-QX_LOG_SOURCE("../platform/sql");
+#include "platform/base/process.h"
 
 namespace {
 

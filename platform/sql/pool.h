@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "base/diagnostics.h"
-#include "connection.h"
+#include "platform/base/diagnostics.h"
+#include "platform/sql/connection.h"
 
 struct idle_connection {
   mysql_handle handle;

@@ -3,12 +3,10 @@
 #include <optional>
 #include <string_view>
 
-#include "base/line_reader.h"
-#include "base/view.h"
-#include "pool.h"
-#include "sqlpool.h"
-
-QX_LOG_SOURCE("../platform/sql");
+#include "platform/base/line_reader.h"
+#include "platform/base/view.h"
+#include "platform/sql/pool.h"
+#include "platform/sql/sqlpool.h"
 
 namespace {
 

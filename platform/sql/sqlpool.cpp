@@ -1,5 +1,5 @@
 // The C face of the pool: its settings, sessions, and statements on them.
-#include "sqlpool.h"
+#include "platform/sql/sqlpool.h"
 
 #include <errmsg.h>
 
@@ -8,10 +8,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "pool.h"
-#include "statement.h"
-
-QX_LOG_SOURCE("../platform/sql");
+#include "platform/sql/pool.h"
+#include "platform/sql/statement.h"
 
 struct fr_sql_conn {
   std::shared_ptr<fr_sql_shard> shard;

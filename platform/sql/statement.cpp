@@ -1,10 +1,10 @@
-#include "statement.h"
+#include "platform/sql/statement.h"
 
 #include <strings.h>
 
 #include <cctype>
 
-#include "base/view.h"
+#include "platform/base/view.h"
 
 bool is_read_statement(std::string_view text) {
   constexpr std::string_view keyword = "SELECT";

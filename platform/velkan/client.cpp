@@ -1,5 +1,5 @@
 // Clients: creating them and telling them of servers, keys and databases.
-#include "group.h"
+#include "platform/velkan/group.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <climits>
 #include <cstring>
 
-#include "group.h"
+#include "platform/velkan/group.h"
 
 namespace {
 

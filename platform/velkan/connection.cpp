@@ -1,4 +1,4 @@
-#include "connection.h"
+#include "platform/velkan/connection.h"
 
 #include <netdb.h>
 #include <netinet/tcp.h>

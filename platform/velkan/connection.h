@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 using vk_clock = std::chrono::steady_clock;
 

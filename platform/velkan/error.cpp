@@ -1,4 +1,4 @@
-#include "velkan.h"
+#include "platform/velkan/velkan.h"
 
 const char *vk_strerror(int code) {
   switch (code) {

@@ -1,4 +1,4 @@
-#include "group.h"
+#include "platform/velkan/group.h"
 
 #include <syslog.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "base/process.h"
+#include "platform/base/process.h"
 
 namespace {
 

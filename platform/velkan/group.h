@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "budget.h"
-#include "connection.h"
-#include "velkan.h"
+#include "platform/velkan/budget.h"
+#include "platform/velkan/connection.h"
+#include "platform/velkan/velkan.h"
 
 struct vk_mm {
   void *(*allocate)(size_t);

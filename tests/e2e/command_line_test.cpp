@@ -2,7 +2,7 @@
 // a file or a database, so the sandbox has neither.
 #include <gtest/gtest.h>
 
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

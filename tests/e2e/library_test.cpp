@@ -4,7 +4,7 @@
 #include <string>
 #include <tuple>
 
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Runs that get no memory, at each of their allocations in turn.
 #include <gtest/gtest.h>
 
-#include "support/paths_sandbox.h"
-#include "support/sandbox.h"
+#include "tests/support/paths_sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Whole runs on a real platform: which accounts a run is about, what it writes and what it prints.
 #include <gtest/gtest.h>
 
-#include "support/paths_sandbox.h"
-#include "support/sandbox.h"
+#include "tests/support/paths_sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

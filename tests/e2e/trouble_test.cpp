@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 
 #include <sstream>
 
-#include "faults/traced.h"
-#include "quota/quota.h"
-#include "quota/settings.h"
-#include "unit/refresh_fixture.h"
+#include <spoolcap/quota.h>
+#include "main/quota/settings.h"
+#include "tests/faults/traced.h"
+#include "tests/unit/refresh_fixture.h"
 
 namespace {
 

@@ -18,10 +18,10 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "faults/traced.h"
-#include "quota/settings.h"
-#include "support/paths_sandbox.h"
-#include "unit/refresh_fixture.h"
+#include "main/quota/settings.h"
+#include "tests/faults/traced.h"
+#include "tests/support/paths_sandbox.h"
+#include "tests/unit/refresh_fixture.h"
 
 namespace {
 

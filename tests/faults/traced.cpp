@@ -1,4 +1,4 @@
-#include "faults/traced.h"
+#include "tests/faults/traced.h"
 
 #include <fcntl.h>
 #include <linux/audit.h>

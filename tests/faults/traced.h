@@ -4,8 +4,8 @@
 // The kernel stops the process at the call itself, so that no way into the kernel is missed. While
 // it stands there the caller may do what an unlucky neighbour would: fail the call, end the
 // process, or change the files under its feet.
-#ifndef FAULTS_TRACED_H
-#define FAULTS_TRACED_H
+#ifndef TESTS_FAULTS_TRACED_H
+#define TESTS_FAULTS_TRACED_H
 
 #include <functional>
 #include <string>

@@ -1,13 +1,13 @@
 // Reads what the code under test logs, and fails a test that logs an error it did not announce.
-#ifndef SUPPORT_LOG_CAPTURE_H
-#define SUPPORT_LOG_CAPTURE_H
+#ifndef TESTS_SUPPORT_LOG_CAPTURE_H
+#define TESTS_SUPPORT_LOG_CAPTURE_H
 
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "base/log.h"
+#include <spoolcap/log.h>
 
 namespace support {
 

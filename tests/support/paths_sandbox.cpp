@@ -1,10 +1,10 @@
-#include "support/paths_sandbox.h"
+#include "tests/support/paths_sandbox.h"
 
 #include <array>
 #include <cstdlib>
 
-#include "paths.h"
-#include "paths_table.h"
+#include "common/paths.h"
+#include "common/paths_table.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The provider of fixed paths in tests and the demo: the platform's paths with a folder in front.
-#ifndef SUPPORT_PATHS_SANDBOX_H
-#define SUPPORT_PATHS_SANDBOX_H
+#ifndef TESTS_SUPPORT_PATHS_SANDBOX_H
+#define TESTS_SUPPORT_PATHS_SANDBOX_H
 
 #include <string>
 

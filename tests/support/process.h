@@ -1,6 +1,6 @@
 // Runs real programs: argument vector, environment, folder and time limit; no shell in between.
-#ifndef SUPPORT_PROCESS_H
-#define SUPPORT_PROCESS_H
+#ifndef TESTS_SUPPORT_PROCESS_H
+#define TESTS_SUPPORT_PROCESS_H
 
 #include <sys/types.h>
 
@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "base/owner.h"
+#include "platform/base/owner.h"
 
 namespace support {
 

@@ -1,4 +1,4 @@
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -6,7 +6,7 @@
 #include <map>
 #include <stdexcept>
 
-#include "support/paths_sandbox.h"
+#include "tests/support/paths_sandbox.h"
 
 namespace support {
 namespace {

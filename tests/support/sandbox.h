@@ -2,8 +2,8 @@
 //
 // Rows and files are added with the helpers below, and the code under test, in this process or in
 // the sandboxed command, sees only what is in here. Failures of the helpers throw.
-#ifndef SUPPORT_SANDBOX_H
-#define SUPPORT_SANDBOX_H
+#ifndef TESTS_SUPPORT_SANDBOX_H
+#define TESTS_SUPPORT_SANDBOX_H
 
 #include <hiredis.h>
 #include <mysql.h>
@@ -16,8 +16,8 @@
 #include <string_view>
 #include <vector>
 
-#include "support/process.h"
-#include "support/servers.h"
+#include "tests/support/process.h"
+#include "tests/support/servers.h"
 
 namespace support {
 

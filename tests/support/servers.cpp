@@ -1,4 +1,4 @@
-#include "support/servers.h"
+#include "tests/support/servers.h"
 
 #include <arpa/inet.h>
 #include <hiredis.h>

@@ -2,8 +2,8 @@
 //
 // A server that does not come up throws std::runtime_error with its log. Destroying one kills it
 // and removes its folder; it also dies when the process that started it dies.
-#ifndef SUPPORT_SERVERS_H
-#define SUPPORT_SERVERS_H
+#ifndef TESTS_SUPPORT_SERVERS_H
+#define TESTS_SUPPORT_SERVERS_H
 
 #include <chrono>
 #include <filesystem>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "support/process.h"
+#include "tests/support/process.h"
 
 namespace support {
 

@@ -12,7 +12,7 @@
 #include <exception>
 #include <string>
 
-#include "support/servers.h"
+#include "tests/support/servers.h"
 
 namespace {
 

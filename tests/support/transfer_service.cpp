@@ -1,4 +1,4 @@
-#include "support/transfer_service.h"
+#include "tests/support/transfer_service.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The transfer service of file storage for tests: real threads that download from a folder and
 // upload to it, which plays the object store.
-#ifndef SUPPORT_TRANSFER_SERVICE_H
-#define SUPPORT_TRANSFER_SERVICE_H
+#ifndef TESTS_SUPPORT_TRANSFER_SERVICE_H
+#define TESTS_SUPPORT_TRANSFER_SERVICE_H
 
 #include <atomic>
 #include <deque>
@@ -12,8 +12,8 @@
 #include <thread>
 #include <vector>
 
-#include "storage/zarn_storage.h"
-#include "support/sandbox.h"
+#include <spoolcap/zarn_storage.h>
+#include "tests/support/sandbox.h"
 
 namespace support {
 

@@ -1,8 +1,8 @@
 // The readers of Asterisk-style configuration files and their line helpers.
 #include <gtest/gtest.h>
 
-#include "support/sandbox.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "tests/support/sandbox.h"
 
 namespace {
 

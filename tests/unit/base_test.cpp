@@ -5,12 +5,12 @@
 #include <cstring>
 #include <sstream>
 
-#include "base/hash.h"
-#include "base/log.h"
-#include "base/parseconfig.h"
-#include "base/safestr.h"
-#include "base/str.h"
-#include "support/sandbox.h"
+#include <spoolcap/log.h>
+#include <spoolcap/safestr.h>
+#include "platform/base/hash.h"
+#include "platform/base/parseconfig.h"
+#include "platform/base/str.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // The sum of stored files by level of the account.
 #include <gtest/gtest.h>
 
-#include "sqlsession.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
-#include "zarn_db_files.h"
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_db_files.h>
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 TEST(DbFilesQuota, ALevelCountsTheFilesOfAllExtensionsBelowItAndFailuresAreMinusOneAndTold) {
   support::log_capture log;

@@ -1,15 +1,15 @@
 // What the tests of the lookups share: a platform of their own with its pool set up, and the
 // diagnostics of one module as they were told.
-#ifndef TESTS_LOOKUP_FIXTURE_H
-#define TESTS_LOOKUP_FIXTURE_H
+#ifndef TESTS_UNIT_LOOKUP_FIXTURE_H
+#define TESTS_UNIT_LOOKUP_FIXTURE_H
 
 #include <gtest/gtest.h>
 
-#include "base/owner.h"
-#include "sqlsession.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
-#include "zarn_cache.h"
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_cache.h>
+#include "platform/base/owner.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 using texts = std::vector<std::string>;
 using values = std::vector<std::optional<std::string>>;

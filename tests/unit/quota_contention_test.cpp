@@ -9,8 +9,8 @@
 #include <functional>
 #include <random>
 
-#include "quota/record.h"
-#include "refresh_fixture.h"
+#include "main/quota/record.h"
+#include "tests/unit/refresh_fixture.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The walk over media directories: what counts, what is left alone, and that nothing stops it.
-#include "quota/measure.h"
+#include "main/quota/measure.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,9 +11,9 @@
 #include <random>
 #include <set>
 
-#include "quota/quota.h"
-#include "support/log_capture.h"
-#include "support/servers.h"
+#include <spoolcap/quota.h>
+#include "tests/support/log_capture.h"
+#include "tests/support/servers.h"
 
 namespace {
 

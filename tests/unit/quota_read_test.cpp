@@ -1,11 +1,11 @@
 // Reading stored values, and finding an account's place in the tree.
 #include <gtest/gtest.h>
 
-#include "quota/kinds.h"
-#include "quota/place.h"
-#include "sql_owner.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
+#include "main/quota/kinds.h"
+#include "main/quota/place.h"
+#include "main/sql/query.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

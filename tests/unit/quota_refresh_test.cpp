@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "quota/marks.h"
-#include "quota/refresh.h"
-#include "quota/settings.h"
-#include "quota/usage.h"
-#include "refresh_fixture.h"
+#include "main/quota/marks.h"
+#include "main/quota/refresh.h"
+#include "main/quota/settings.h"
+#include "main/quota/usage.h"
+#include "tests/unit/refresh_fixture.h"
 
 namespace {
 

@@ -12,13 +12,13 @@
 #include <sstream>
 #include <thread>
 
-#include "quota/marks.h"
-#include "quota/record.h"
-#include "quota/settings.h"
-#include "quota/tree_paths.h"
-#include "sqlsession.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
+#include <spoolcap/sqlsession.h>
+#include "main/quota/marks.h"
+#include "main/quota/record.h"
+#include "main/quota/settings.h"
+#include "main/quota/tree_paths.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <fstream>
 #include <thread>
 
-#include "quota/folder.h"
-#include "refresh_fixture.h"
+#include "main/quota/folder.h"
+#include "tests/unit/refresh_fixture.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <thread>
 
-#include "base/owner.h"
-#include "lookup_fixture.h"
-#include "quota/kinds.h"
+#include "main/quota/kinds.h"
+#include "platform/base/owner.h"
+#include "tests/unit/lookup_fixture.h"
 
 namespace {
 

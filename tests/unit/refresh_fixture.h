@@ -1,13 +1,13 @@
 // A small platform whose figures are known by heart, for the tests of the refresh and its faults.
-#ifndef TESTS_REFRESH_FIXTURE_H
-#define TESTS_REFRESH_FIXTURE_H
+#ifndef TESTS_UNIT_REFRESH_FIXTURE_H
+#define TESTS_UNIT_REFRESH_FIXTURE_H
 
 #include <gtest/gtest.h>
 
-#include "quota/kinds.h"
-#include "sqlsession.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
+#include <spoolcap/sqlsession.h>
+#include "main/quota/kinds.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 // The files of each account by its place ("1/2/21"): fax, sound, recording, voicemail, music, "-"
 // for one that is not there, "!" behind one with a dirty mark; "redo" at the end for a redo mark.

@@ -2,10 +2,10 @@
 // result or the right one.
 #include <functional>
 
-#include "base/parseconfig.h"
-#include "sql_owner.h"
-#include "support/sandbox.h"
-#include "velkan_fixture.h"
+#include "main/sql/query.h"
+#include "platform/base/parseconfig.h"
+#include "tests/support/sandbox.h"
+#include "tests/unit/velkan_fixture.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "sql/connection.h"
+#include "platform/sql/connection.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -6,8 +6,8 @@
 
 #include <thread>
 
-#include "base/nb_io.h"
-#include "support/servers.h"
+#include "platform/base/nb_io.h"
+#include "tests/support/servers.h"
 
 using namespace std::chrono_literals;
 

@@ -1,4 +1,4 @@
-#include "sql/sqlpool.h"
+#include "platform/sql/sqlpool.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,10 +8,10 @@
 #include <fstream>
 #include <thread>
 
-#include "sql/pool.h"
-#include "sql/statement.h"
-#include "support/log_capture.h"
-#include "support/servers.h"
+#include "platform/sql/pool.h"
+#include "platform/sql/statement.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/servers.h"
 
 using namespace std::chrono_literals;
 using support::mariadb_server;

@@ -1,15 +1,13 @@
-#include "sqlsession.h"
+#include <spoolcap/sqlsession.h>
 
 #include <gtest/gtest.h>
 
-#include "sql/pool.h"
-#include "sql_owner.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
+#include "main/sql/query.h"
+#include "platform/sql/pool.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace {
-
-QX_LOG_SOURCE("../main/test");
 
 class SqlSession : public testing::Test {
  protected:

@@ -1,6 +1,6 @@
 // A platform with file storage set up, and a check after each test that nothing was left behind.
-#ifndef TESTS_STORAGE_FIXTURE_H
-#define TESTS_STORAGE_FIXTURE_H
+#ifndef TESTS_UNIT_STORAGE_FIXTURE_H
+#define TESTS_UNIT_STORAGE_FIXTURE_H
 
 #include <gtest/gtest.h>
 
@@ -12,12 +12,12 @@
 #include <string>
 #include <vector>
 
-#include "base/owner.h"
-#include "sqlsession.h"
-#include "storage/zarn_storage.h"
-#include "support/log_capture.h"
-#include "support/sandbox.h"
-#include "support/transfer_service.h"
+#include <spoolcap/sqlsession.h>
+#include <spoolcap/zarn_storage.h>
+#include "platform/base/owner.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/transfer_service.h"
 
 using texts = std::vector<std::string>;
 using storage_session =

@@ -4,7 +4,7 @@
 #include <array>
 #include <set>
 
-#include "storage_fixture.h"
+#include "tests/unit/storage_fixture.h"
 
 namespace {
 

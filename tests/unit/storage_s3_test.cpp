@@ -5,9 +5,9 @@
 #include <csignal>
 #include <thread>
 
-#include "storage/config.h"
-#include "storage_fixture.h"
-#include "zarn_str.h"
+#include <spoolcap/zarn_str.h>
+#include "main/storage/config.h"
+#include "tests/unit/storage_fixture.h"
 
 namespace {
 

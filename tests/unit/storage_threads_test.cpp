@@ -1,7 +1,7 @@
 // File storage from many threads at once.
 #include <thread>
 
-#include "storage_fixture.h"
+#include "tests/unit/storage_fixture.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
-#include "support/log_capture.h"
+#include "tests/support/log_capture.h"
 
 using support::log_capture;
 

@@ -6,11 +6,11 @@
 #include <functional>
 #include <thread>
 
-#include "lookup_fixture.h"
-#include "quota/quota.h"
-#include "zarn_db_files.h"
-#include "zarn_extension.h"
-#include "zarn_user.h"
+#include <spoolcap/quota.h>
+#include <spoolcap/zarn_db_files.h>
+#include <spoolcap/zarn_extension.h>
+#include <spoolcap/zarn_user.h>
+#include "tests/unit/lookup_fixture.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 
 #include <thread>
 
-#include "base/nb_io.h"
-#include "support/sandbox.h"
-#include "utils.h"
+#include <spoolcap/utils.h>
+#include "platform/base/nb_io.h"
+#include "tests/support/sandbox.h"
 
 using std::string, support::seconds_of, std::this_thread::sleep_for;
 using namespace std::literals;

@@ -1,15 +1,15 @@
 // A cache client for the tests, with its calls in short form.
-#ifndef TESTS_VELKAN_FIXTURE_H
-#define TESTS_VELKAN_FIXTURE_H
+#ifndef TESTS_UNIT_VELKAN_FIXTURE_H
+#define TESTS_UNIT_VELKAN_FIXTURE_H
 
 #include <gtest/gtest.h>
 #include <hiredis.h>
 
 #include <initializer_list>
 
-#include "base/owner.h"
-#include "support/servers.h"
-#include "velkan/velkan.h"
+#include "platform/base/owner.h"
+#include "platform/velkan/velkan.h"
+#include "tests/support/servers.h"
 
 using optional_text = std::optional<std::string>;
 

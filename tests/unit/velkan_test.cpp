@@ -1,6 +1,6 @@
-#include "velkan/velkan.h"
+#include "platform/velkan/velkan.h"
 
-#include "velkan_fixture.h"
+#include "tests/unit/velkan_fixture.h"
 
 using namespace std::string_literals;
 using support::redis_server;

@@ -6,8 +6,8 @@
 #include <functional>
 #include <thread>
 
-#include "velkan/group.h"
-#include "velkan_fixture.h"
+#include "platform/velkan/group.h"
+#include "tests/unit/velkan_fixture.h"
 
 using namespace std::chrono_literals;
 using support::redis_server;

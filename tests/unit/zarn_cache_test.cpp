@@ -1,10 +1,10 @@
 // The cache layer against real servers: markers, write-back, several parameters at once, and what
 // each step tells.
-#include "zarn_cache.h"
+#include <spoolcap/zarn_cache.h>
 
 #include <thread>
 
-#include "lookup_fixture.h"
+#include "tests/unit/lookup_fixture.h"
 
 namespace {
 

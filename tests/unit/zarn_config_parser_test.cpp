@@ -1,5 +1,5 @@
 // The readers of directive files, and the two families of line rules that they follow.
-#include "zarn_config_parser.h"
+#include <spoolcap/zarn_config_parser.h>
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "support/log_capture.h"
-#include "support/sandbox.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The database's records of stored files.
-#include "zarn_db_files.h"
+#include <spoolcap/zarn_db_files.h>
 
-#include "lookup_fixture.h"
+#include "tests/unit/lookup_fixture.h"
 
 struct db_files_test : lookup_test {
   const char *const table = "extension_recording";

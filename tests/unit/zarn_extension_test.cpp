@@ -5,8 +5,8 @@
 #include <sstream>
 #include <tuple>
 
-#include "lookup_fixture.h"
-#include "zarn_extension.h"
+#include <spoolcap/zarn_extension.h>
+#include "tests/unit/lookup_fixture.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "base/owner.h"
-#include "zarn_str.h"
+#include <spoolcap/zarn_str.h>
+#include "platform/base/owner.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The string helpers: slicing and joining, editing in place, letter case, ids, node and clock.
-#include "zarn_str.h"
+#include <spoolcap/zarn_str.h>
 
 #include <gtest/gtest.h>
 #include <sys/time.h>
@@ -7,7 +7,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "support/sandbox.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

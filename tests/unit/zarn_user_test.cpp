@@ -1,13 +1,13 @@
 // Lookups of accounts: what is asked, what is cached, and what each lookup does differently.
-#include "zarn_user.h"
+#include <spoolcap/zarn_user.h>
 
 #include <sys/wait.h>
 
 #include <array>
 
-#include "lookup_fixture.h"
-#include "sql_owner.h"
-#include "zarn_extension.h"
+#include <spoolcap/zarn_extension.h>
+#include "main/sql/query.h"
+#include "tests/unit/lookup_fixture.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "zarn_velkan.h"
+#include <spoolcap/zarn_velkan.h>
 
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include "support/log_capture.h"
-#include "support/sandbox.h"
-#include "velkan/group.h"
+#include "platform/velkan/group.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/sandbox.h"
 
 namespace {
 

@@ -1,0 +1,14 @@
+#include "main/conf/conf_line.h"
+
+#include <cstring>
+
+const char *next_line_with_keyword(FILE *file, const char *keyword, char (&buffer)[conf_line_size],
+                                   int &line_number) {
+  while (std::fgets(buffer, conf_line_size, file) != nullptr) {
+    ++line_number;
+    buffer[std::strcspn(buffer, "#")] = '\0';
+    if (buffer[0] == '\0') continue;
+    if (const char *found = std::strstr(buffer, keyword)) return found;
+  }
+  return nullptr;
+}

@@ -1,0 +1,61 @@
+// What the modules share for their statements: owners of sessions and result sets, and the
+// diagnostic of a failed statement. Internal to main/ and tool/.
+#ifndef MAIN_SQL_QUERY_H
+#define MAIN_SQL_QUERY_H
+
+#include <memory>
+
+#include <spoolcap/sqlsession.h>
+#include "platform/base/diagnostics.h"
+#include "platform/base/owner.h"
+#include "platform/sql/sqlpool.h"
+
+using sql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
+
+// A session for the length of a scope: the caller's when it gave one, else one of its own that is
+// released at the end. Empty when none could be had.
+class sql_session {
+ public:
+  explicit sql_session(SessionHandle borrowed = nullptr)
+      : owned_(borrowed == nullptr ? sess_init() : nullptr),
+        handle_(borrowed == nullptr ? owned_ : borrowed) {}
+  sql_session(const sql_session &) = delete;
+  sql_session &operator=(const sql_session &) = delete;
+  ~sql_session() { release(); }
+
+  SessionHandle get() const { return handle_; }
+  explicit operator bool() const { return handle_ != nullptr; }
+
+  // Gives an own session back early; a result set that was read stays valid.
+  void release() {
+    sess_destroy(owned_);
+    owned_ = nullptr;
+    handle_ = nullptr;
+  }
+
+ private:
+  SessionHandle owned_;
+  SessionHandle handle_;
+};
+
+// Logs "<source>:<function>:<line> -MySQL error: <text>" for the session's last statement.
+inline void log_mysql_error(const call_site &site, SessionHandle session) {
+  QX_LOG_AT(site, FR_LOG_DEBUG, "%s:%s:%d -MySQL error: %s\n", site.source, site.function,
+            site.line, mysql_error(fr_sql_conn_get_mysql(session)));
+}
+
+// Whether the session's last statement failed for want of memory on this side.
+bool has_lacked_memory(SessionHandle session);
+
+// Runs a printf-style statement; 0 and the result set (null when the statement gives none), or
+// non-zero, logged in the name of `site`.
+int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
+              ...) __attribute__((format(printf, 4, 5)));
+
+// The first column of a statement's first row, on the caller's session or, when that is NULL, on
+// one of its own; null when there is none. A failed statement is logged as above; a NULL column
+// and a session that cannot be had are failed conditions.
+c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#endif

@@ -1,0 +1,102 @@
+#include <spoolcap/sqlsession.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "common/paths.h"
+#include "main/conf/conf_line.h"
+#include "platform/base/diagnostics.h"
+#include "platform/base/owner.h"
+#include "platform/base/str.h"
+#include "platform/sql/sqlpool.h"
+
+namespace {
+
+constexpr double idle_limit = 60.0;  // seconds
+constexpr int verbosity = 100;       // everything
+
+// The trimmed text after the keyword at `line` and one separator, whatever that is.
+c_string value_after(const char *line, size_t keyword_length) {
+  const bool separated = strlen(line) > keyword_length;
+  c_string value(strdup(separated ? line + keyword_length + 1 : ""));
+  fr_str_trim(value.get(), FR_TRIM_BOTH);
+  return value;
+}
+
+// Hands every value of the keyword to `take`, in file order, until that gives false; then false.
+template <class Take>
+bool for_each_value(FILE *file, const char *keyword, Take &&take) {
+  char buffer[conf_line_size];
+  int line_number = 0;
+  while (const char *line = next_line_with_keyword(file, keyword, buffer, line_number)) {
+    const c_string value = value_after(line, strlen(keyword));
+    if (!value || !take(value.get())) return false;
+  }
+  return true;
+}
+
+void warn_if_public(FILE *credentials, const char *path) {
+  struct stat status {};
+  if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0)
+    QX_LOG(FR_LOG_WARNING, "Everybody may read <%s>, which holds the database password.\n\n", path);
+}
+
+bool add_shard(const char *value) {
+  fr_sql_shard_t *shard = fr_sql_shard_parse_info(value);
+  if (shard == nullptr) return false;
+  fr_sqlpool_shard_add(shard);  // a second shard of the same id is reported there, and no failure
+  return true;
+}
+
+bool set_down_time(const char *value) {
+  fr_sqlpool_down_time_set(atoi(value));
+  return true;
+}
+
+}  // namespace
+
+void qx_sql_pool_init(void) {
+  qx_sql_pool_init_from_config_files(qx_path(QX_PATH_PBX_CONF), qx_path(QX_PATH_SQLDBASE_CONF));
+}
+
+int qx_sql_pool_init_from_config_files(const char *credentials_file, const char *servers_file) {
+  fr_sqlpool_init_api(nullptr, nullptr, idle_limit);
+  fr_sqlpool_verbosity_set(verbosity);
+
+  c_file file(credentials_file == nullptr ? nullptr : fopen(credentials_file, "re"));
+  if (!file) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
+  warn_if_public(file.get(), credentials_file);
+  if (!for_each_value(file.get(), "DB_CREDENTIALS", add_shard)) return -1;
+
+  file.reset();
+  file.reset(servers_file == nullptr ? nullptr : fopen(servers_file, "re"));
+  if (!file) return -1;
+  for_each_value(file.get(), "SLAVE_DOWN_TIME", set_down_time);
+  file.reset();
+
+  if (fr_sql_shard_parse_connection_info(servers_file, nullptr, 1) != 0) {
+    QX_LOG(FR_LOG_ERROR,
+           "Failed to find at least one master SQL server in <%s>. Invalid configuration, cannot "
+           "start.\n\n",
+           servers_file);
+    return -1;
+  }
+  return 0;
+}
+
+int qx_sql_pool_destroy(void) {
+  return fr_sqlpool_destroy();
+}
+
+SessionHandle sess_init(void) {
+  return fr_sqlpool_conn_get(0);
+}
+
+void sess_destroy(SessionHandle session) {
+  fr_sqlpool_conn_free(session);
+}

@@ -1,0 +1,88 @@
+// Mail headers with RFC 2047 "B" encoded words.
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include <spoolcap/zarn_str.h>
+#include "platform/base/owner.h"
+#include "platform/base/str.h"
+
+namespace {
+
+// A line with an encoded word keeps within this many columns before its closing "?=".
+constexpr int word_columns = 76;
+// A line that takes the address stays shorter than this, its newline included.
+constexpr int address_columns = 78;
+
+int columns_of(const std::string &line) {
+  return static_cast<int>(line.size());
+}
+
+// Length of the first character, as its lead byte tells it; a character that the text cuts short
+// is as long as what is there.
+size_t first_character(std::string_view text) {
+  const auto told = zarn_utf8_get_char_length(static_cast<unsigned char>(text.front()));
+  return std::min(static_cast<size_t>(told), text.size());
+}
+
+// How many bytes of whole characters fit into the budget.
+size_t fitting(std::string_view text, size_t budget) {
+  size_t taken = 0;
+  while (taken < text.size()) {
+    const size_t next = first_character(text.substr(taken));
+    if (next > budget - taken) break;
+    taken += next;
+  }
+  return taken;
+}
+
+// Appends an encoded word with as much of the text as the line has room for, and drops that much
+// from the text. A first line may have no room at all beside a long header name and gets an empty
+// word; on a continuation line at least one character is taken, so that every text comes to its
+// end, however long the charset is.
+void append_word(std::string &line, bool continuation, const char *charset,
+                 std::string_view &text) {
+  line.append("=?").append(charset).append("?B?");
+  const int groups = (word_columns - columns_of(line)) / 4;
+  size_t taken = groups > 0 ? fitting(text, static_cast<size_t>(groups) * 3) : 0;
+  if (taken == 0 && continuation) taken = first_character(text);
+  const c_string encoded(base64_enc_str(text.data(), taken));
+  if (!encoded) throw std::bad_alloc();
+  line.append(encoded.get()).append("?=\n");
+  text.remove_prefix(taken);
+}
+
+bool has_room_for(const char *address, const std::string &line) {
+  return address_columns - columns_of(line) > static_cast<int>(std::strlen(address)) + 4;
+}
+
+// A round for each line: words while there is text, then the address. Without either there is no
+// line, not even of the name.
+std::string encode_header(const std::string &name, const char *charset, std::string_view text,
+                          const char *address) {
+  std::string result;
+  std::string line = name + ": ";
+  for (bool continuation = false; !text.empty() || address != nullptr; continuation = true) {
+    if (!text.empty()) {
+      append_word(line, continuation, charset, text);
+    } else if (continuation || has_room_for(address, line)) {
+      // A continuation line takes every address: no later one has more room.
+      line.append(" <").append(address).append(">\n");
+      address = nullptr;
+    }
+    result += line;
+    line.assign(1, ' ');
+  }
+  return result;
+}
+
+}  // namespace
+
+char *zarn_base64_encode_email_header(const char *name, const char *charset, const char *text,
+                                      const char *address) {
+  if (name == nullptr || charset == nullptr || text == nullptr) return nullptr;
+  return no_throw<char *>(
+      nullptr, [&] { return ::strdup(encode_header(name, charset, text, address).c_str()); });
+}

@@ -1,0 +1,188 @@
+#include <spoolcap/zarn_str.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "platform/base/owner.h"
+
+namespace {
+
+enum { trim_start = 1, trim_end = 2 };
+
+using string_list = std::unique_ptr<char *, call_to_release<zarn_str_freelist>>;
+
+char *allocate_text(size_t length) {
+  return static_cast<char *>(std::calloc(length + 1, 1));
+}
+
+char *copy_text(std::string_view text) {
+  char *copy = allocate_text(text.size());
+  if (copy != nullptr) text.copy(copy, text.size());
+  return copy;
+}
+
+// Takes the place of the caller's string, which is freed.
+int replace_with(char **str, const std::string &text) {
+  char *copy = copy_text(text);
+  if (copy == nullptr) return -1;
+  std::free(std::exchange(*str, copy));
+  return 0;
+}
+
+size_t occurrences(std::string_view text, std::string_view part) {
+  size_t count = 0;
+  for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size()))
+    ++count;
+  return count;
+}
+
+bool is_blank(char byte) {
+  return byte >= 1 && byte <= 32;
+}
+
+}  // namespace
+
+char *zarn_str_slice(const char *str, int start, int end) {
+  if (str == nullptr) return nullptr;
+  const std::string_view text(str);
+  const auto from = static_cast<size_t>(std::max(start, 0));
+  const size_t to = std::min(text.size(), static_cast<size_t>(std::max(end, 0)));
+  if (end < 0 || from > to) return nullptr;
+  return copy_text(text.substr(from, to - from));
+}
+
+char **zarn_str_split(const char *str, const char *sep) {
+  if (str == nullptr || sep == nullptr || *sep == '\0') return nullptr;
+  std::string_view rest(str);
+  const std::string_view separator(sep);
+  const size_t most_fields = occurrences(rest, separator) + 1;
+  string_list list(static_cast<char **>(std::calloc(most_fields + 1, sizeof(char *))));
+  if (!list) return nullptr;
+  for (char **field = list.get(); !rest.empty(); ++field) {
+    const size_t length = std::min(rest.find(separator), rest.size());
+    *field = copy_text(rest.substr(0, length));
+    if (*field == nullptr) return nullptr;
+    rest.remove_prefix(std::min(length + separator.size(), rest.size()));
+  }
+  return list.release();
+}
+
+char **zarn_str_split_char(const char *str, char ch) {
+  const char separator[] = {ch, '\0'};
+  return zarn_str_split(str, separator);
+}
+
+int zarn_str_freelist(char **list) {
+  if (list == nullptr) return -1;
+  for (char **element = list; *element != nullptr; ++element) std::free(*element);
+  std::free(list);
+  return 0;
+}
+
+char *zarn_str_append(char **dst, const char *format, ...) {
+  if (dst == nullptr || format == nullptr) return nullptr;
+  char *formatted = nullptr;
+  va_list args;
+  va_start(args, format);
+  const int formatted_length = ::vasprintf(&formatted, format, args);
+  va_end(args);
+  if (formatted_length < 0) return nullptr;
+  c_string text(formatted);
+  if (*dst == nullptr) return *dst = text.release();
+
+  const size_t added = static_cast<size_t>(formatted_length) + 1;
+  const size_t length = std::strlen(*dst);
+  void *grown = std::realloc(*dst, length + added);
+  if (grown == nullptr) return nullptr;
+  *dst = static_cast<char *>(grown);
+  std::memcpy(*dst + length, text.get(), added);
+  return *dst;
+}
+
+int zarn_str_replace(char **str, const char *from, const char *to) {
+  if (str == nullptr || *str == nullptr || from == nullptr || to == nullptr || *from == '\0') {
+    return -1;
+  }
+  return no_throw(-1, [&] {
+    const std::string_view text(*str);
+    const std::string_view old_part(from);
+    std::string replaced;
+    size_t copied = 0;
+    for (size_t at = text.find(old_part); at != text.npos; at = text.find(old_part, copied)) {
+      replaced.append(text, copied, at - copied).append(to);
+      copied = at + old_part.size();
+    }
+    replaced.append(text, copied);
+    return replace_with(str, replaced);
+  });
+}
+
+int zarn_str_trim(char **str, int mode) {
+  if (str == nullptr || *str == nullptr) return -1;
+  char *text = *str;
+  size_t length = std::strlen(text);
+  if ((mode & trim_end) != 0) {
+    while (length > 0 && is_blank(text[length - 1])) --length;
+    text[length] = '\0';
+  }
+  if ((mode & trim_start) != 0) {
+    const auto *start = std::find_if_not(text, text + length, is_blank);
+    std::memmove(text, start, static_cast<size_t>(text + length - start) + 1);
+  }
+  return 0;
+}
+
+int zarn_str_delete(char **str, int pos, int count) {
+  // -1 in every case: callers never had a result to test, and one that meant something now would
+  // only tempt them.
+  if (str == nullptr || *str == nullptr || pos < 0 || count <= 0) return -1;
+  const size_t length = std::strlen(*str);
+  const auto at = static_cast<size_t>(pos);
+  if (at > length) return -1;
+  const size_t removed = std::min(static_cast<size_t>(count), length - at);
+  std::memmove(*str + at, *str + at + removed, length - at - removed + 1);
+  return -1;
+}
+
+int zarn_str_insert(char **str, int pos, const char *text) {
+  if (str == nullptr || *str == nullptr || text == nullptr || pos < 0) return -1;
+  return no_throw(-1, [&] {
+    const auto at = static_cast<size_t>(pos);
+    std::string whole(*str);
+    if (at > whole.size()) return -1;
+    return replace_with(str, whole.insert(at, text));
+  });
+}
+
+char *zarn_str_join(char *const *list, const char *sep) {
+  if (list == nullptr || *list == nullptr) return nullptr;
+  return no_throw<char *>(nullptr, [&] {
+    std::string joined(*list);
+    while (*++list != nullptr) joined.append(sep == nullptr ? "" : sep).append(*list);
+    return copy_text(joined);
+  });
+}
+
+char *ast_pad_id(int id, unsigned width) {
+  if (width == 0) return nullptr;
+  char *padded = allocate_text(width);
+  if (padded == nullptr) return nullptr;
+  std::memset(padded, '0', width);
+  // An id with more digits than fit keeps its lowest ones: paths that were made so must be found.
+  for (unsigned place = width; place > 0 && id > 0; id /= 10) {
+    padded[--place] = static_cast<char>('0' + id % 10);
+  }
+  return padded;
+}
+
+int zarn_utf8_get_char_length(unsigned char byte) {
+  if ((byte & 0xe0) == 0xc0) return 2;
+  if ((byte & 0xf0) == 0xe0) return 3;
+  if ((byte & 0xf8) == 0xf0) return 4;
+  return 1;
+}
