@@ -22,7 +22,10 @@ using namespace faults;
 class Attack : public refresh_test {
  protected:
   void SetUp() override {
-    if (::getuid() != 0) GTEST_SKIP() << "needs root, which is attacked";
+    if (::getuid() != 0 && ::getenv("CI") == nullptr) {
+      GTEST_SKIP() << "needs root, which is attacked";
+    }
+    ASSERT_EQ(::getuid(), 0U) << "needs root, which is attacked";
     ASSERT_EQ(get_ids("asterisk", "asterisk", &uid_, &gid_), 0);
     box.write_file("outside/secret", "7.0");
     fs::permissions(outside(), fs::perms::owner_all);
@@ -95,9 +98,10 @@ class Attack : public refresh_test {
 
   int lines_that_name(const std::string &entry) const {
     std::istringstream lines(box.read_file("log").value_or(""));
+    const std::string named = quota_root() + "/" + entry + " ";
     int count = 0;
     for (std::string line; std::getline(lines, line);) {
-      count += line.find(quota_root() + "/" + entry + " ") != line.npos ? 1 : 0;
+      count += line.find(named) != line.npos ? 1 : 0;
     }
     return count;
   }
@@ -177,7 +181,7 @@ TEST_F(Attack, AFileWithASecondNameIsNotChanged) {
 TEST_F(Attack, ALinkInPlaceOfAFolderIsNotEntered) {
   for (const std::string &target : {outside().string(), (outside() / "missing").string()}) {
     for (const std::string entry : {"1", "1/2", "1/2/21"}) {
-      SCOPED_TRACE(entry + " -> " + target);
+      SCOPED_TRACE(std::string(entry).append(" -> ").append(target));
       begin_with_empty_store();
       refresh(0);
       as_asterisk([&] {
@@ -225,7 +229,7 @@ TEST_F(Attack, NothingOutsideIsReachedByALinkMadeBetweenTwoCalls) {
       return fate{};
     });
     int moves = 0;
-    for (int chosen = 1; chosen <= calls; chosen += 3) {
+    for (int chosen = 1; chosen <= calls; chosen += 5) {
       begin();
       int count = 0;
       std::string entry;

@@ -9,7 +9,6 @@
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +21,8 @@
 #include <stdexcept>
 #include <system_error>
 #include <vector>
+
+#include "platform/base/owner.h"
 
 namespace faults {
 namespace {
@@ -104,14 +105,10 @@ using registers = user_regs_struct;
 
 // The child's memory from `address` on, as far as it can be read.
 std::string memory_of(pid_t child, uint64_t address, size_t length) {
+  const unique_fd memory(
+      open(("/proc/" + std::to_string(child) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
   std::string bytes(length, '\0');
-  iovec here{bytes.data(), length};
-  // In two parts, as only whole parts are read: the text may end just before memory that is not
-  // there.
-  const size_t first = std::min<size_t>(length, 4096 - address % 4096);
-  iovec there[] = {{reinterpret_cast<void *>(address), first},
-                   {reinterpret_cast<void *>(address + first), length - first}};
-  const ssize_t count = process_vm_readv(child, &here, 1, there, 2, 0);
+  const ssize_t count = pread(memory.get(), bytes.data(), length, static_cast<off_t>(address));
   bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
   return bytes;
 }
@@ -127,7 +124,7 @@ std::string descriptor_path(pid_t child, uint64_t fd) {
 std::string path_of(pid_t child, const watched &what, const registers &stop) {
   if (what.names == DESCRIPTOR) return descriptor_path(child, stop.rdi);
   const uint64_t text = what.names == PATH ? stop.rdi : stop.rsi;
-  const std::string named = memory_of(child, text, 4096).c_str();  // ends at its terminator
+  std::string named = memory_of(child, text, 4096).c_str();  // ends at its terminator
   if (named.starts_with('/') || what.names == PATH) return named;
   const std::string folder = descriptor_path(child, stop.rdi);
   return named.empty() ? folder : folder + "/" + named;

@@ -5,8 +5,10 @@
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <grp.h>
 #include <link.h>
 #include <netdb.h>
+#include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +18,7 @@ extern void *__libc_calloc(size_t count, size_t size);
 extern void *__libc_realloc(void *block, size_t size);
 
 static long made;
+static __thread int in_name_service;
 
 static int is_spared(void *caller) {
   struct dl_find_object object;
@@ -26,7 +29,7 @@ static int is_spared(void *caller) {
 }
 
 static int fails(void *caller) {
-  if (is_spared(caller)) return 0;
+  if (in_name_service || is_spared(caller)) return 0;
   const char *const at = getenv("FAIL_AT");
   ++made;
   if (at == NULL || made < atol(at) || (made > atol(at) && getenv("FAIL_ON") == NULL)) return 0;
@@ -50,6 +53,26 @@ char *strdup(const char *text) {
   const size_t size = strlen(text) + 1;
   char *const copy = fails(__builtin_return_address(0)) ? NULL : __libc_malloc(size);
   return copy == NULL ? NULL : memcpy(copy, text, size);
+}
+
+int getpwnam_r(const char *name, struct passwd *entry, char *text, size_t size,
+               struct passwd **result) {
+  int (*next)(const char *, struct passwd *, char *, size_t, struct passwd **);
+  *(void **)&next = dlsym(RTLD_NEXT, "getpwnam_r");
+  in_name_service = 1;
+  const int error = next(name, entry, text, size, result);
+  in_name_service = 0;
+  return error;
+}
+
+int getgrnam_r(const char *name, struct group *entry, char *text, size_t size,
+               struct group **result) {
+  int (*next)(const char *, struct group *, char *, size_t, struct group **);
+  *(void **)&next = dlsym(RTLD_NEXT, "getgrnam_r");
+  in_name_service = 1;
+  const int error = next(name, entry, text, size, result);
+  in_name_service = 0;
+  return error;
 }
 
 struct servent *getservbyname(const char *name, const char *protocol) {
