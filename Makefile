@@ -55,6 +55,7 @@ fuzz:
 	@fuzz/run build/fuzz $(FUZZ_SECONDS)
 
 lint: deps $(BUILD)/build.ninja
+	@lint/check-includes $(BUILD)
 	@clang-format --dry-run --Werror $(SOURCES)
 	cmake --build --preset release
 	@printf '%s\n' $(UNITS) | xargs -P $(JOBS) -n 1 \
