@@ -4,11 +4,12 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <mutex>
+#include <string_view>
 
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
-#include "platform/base/errors.h"
 
 namespace {
 
@@ -29,11 +30,13 @@ struct {
   mode_t old = 0;
 } mask;
 
-void log_refusal(const std::string &path) {
+// Leaves ELOOP, whatever the logger did to errno.
+void refuse(const std::string &path) {
   QX_LOG(FR_LOG_WARNING,
          "%s:%d:%s is passed over: not a plain file or folder, or a link that root did not make in "
          "a folder of its own\n",
          QX_LOG_SOURCE, __LINE__, path.c_str());
+  errno = ELOOP;
 }
 
 // Opens a path on which no component is a link, in one call. ELOOP where one is, or where the
@@ -88,10 +91,16 @@ bool is_left_behind_folder(const struct stat &status) {
   return status.st_uid == 0 && (status.st_mode & 07777) == quota_directory_mode;
 }
 
-// A quota file or mark of root's that only lacks its owner.
-bool is_left_behind_file(const struct stat &status) {
-  return status.st_uid == 0 && status.st_gid == 0 && status.st_size <= longest_record &&
-         (status.st_mode & 07777U & ~quota_file_mode) == 0;
+// A quota file or mark of root's that only lacks its owner. Its text is looked at, too: where the
+// system lets users link the files of others, one of root's may have come here by a second name.
+bool is_left_behind_file(int fd, const struct stat &status) {
+  if (status.st_uid != 0 || status.st_gid != 0 || !running_as_root()) return false;
+  if ((status.st_mode & 07777U & ~quota_file_mode) != 0) return false;
+  char text[longest_record + 1];
+  const ssize_t length = ::pread(fd, text, sizeof text, 0);
+  if (length < 0 || length > longest_record) return false;
+  const std::string_view content(text, static_cast<size_t>(length));
+  return content.find_first_not_of(".-0123456789") == content.npos;
 }
 
 void hand_over_folder(int fd) {
@@ -101,8 +110,13 @@ void hand_over_folder(int fd) {
   }
 }
 
+// Signals do not end the wait for a lock.
 bool take_lock(quota_file &file, int operation) {
-  file.is_locked = retry_interrupted([&] { return ::flock(file.fd.get(), operation); }) == 0;
+  int status = 0;
+  do {
+    status = ::flock(file.fd.get(), operation);
+  } while (status != 0 && errno == EINTR);
+  file.is_locked = status == 0;
   return file.is_locked;
 }
 
@@ -158,7 +172,7 @@ unique_fd descend(std::string path, const owner *whose) {
                                      : open_entry(folder.get(), name, folder_flags);
     if (!next && errno == ENOENT && whose != nullptr)
       next = make_folder(folder.get(), name, *whose);
-    if (!next && errno == ELOOP && end > followed) log_refusal(path.c_str());
+    if (!next && errno == ELOOP && end > followed) refuse(path.c_str());
     if (end < path.size()) path[end] = '/';
     if (next && end >= followed) hand_over_folder(next.get());
     folder = std::move(next);
@@ -172,13 +186,13 @@ quota_file accept(quota_file file, const std::string *path) {
   struct stat status {};
   if (file && ::fstat(file.fd.get(), &status) != 0) return {};
   if (file && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
-    if (is_left_behind_file(status) && running_as_root()) give_to_owner(file.fd.get());
+    if (is_left_behind_file(file.fd.get(), status)) give_to_owner(file.fd.get());
     file.size = status.st_size;
     return file;
   }
   // A socket cannot be opened at all.
   if (file || errno == ELOOP || errno == ENXIO) {
-    if (path != nullptr) log_refusal(*path);
+    if (path != nullptr) refuse(*path);
     errno = ELOOP;
   }
   return {};
