@@ -60,9 +60,10 @@ class median_collector : public benchmark::BenchmarkReporter {
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &one : runs) {
       if (one.error_occurred) failure = one.error_message;
-      if (one.aggregate_name == "median")
+      if (one.aggregate_name == "median") {
         medians[one.run_name.function_name] =
             one.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(one.time_unit);
+      }
     }
   }
 

@@ -156,8 +156,9 @@ unique_fd descend(std::string path, const owner *whose) {
     const char *name = path.data() + start;
     unique_fd next = end <= followed ? unique_fd(::openat(folder.get(), name, folder_flags))
                                      : open_entry(folder.get(), name, folder_flags);
-    if (!next && errno == ENOENT && whose != nullptr)
+    if (!next && errno == ENOENT && whose != nullptr) {
       next = make_folder(folder.get(), name, *whose);
+    }
     if (!next && errno == ELOOP && end > followed) log_refusal(path.c_str());
     if (end < path.size()) path[end] = '/';
     if (next && end >= followed) hand_over_folder(next.get());
@@ -241,8 +242,9 @@ quota_file quota_folder::open_to_read(const char *name) const {
   // A link on the way: each of the two components, the account below and its file, is looked at.
   const std::string text = name;
   const size_t slash = text.find('/');
-  if (slash == text.npos)
+  if (slash == text.npos) {
     return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, nullptr);
+  }
   const unique_fd below = open_entry(fd_.get(), text.substr(0, slash).c_str(), folder_flags);
   if (!below) return {};
   return accept({open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags)}, nullptr);
