@@ -17,7 +17,7 @@ UNITS = $(filter %.cpp,$(SOURCES))
 all: build
 
 deps:
-	@packaging/install-deps
+	@dev/install-deps
 
 $(BUILD)/build.ninja: | deps
 	cmake --preset release
@@ -49,7 +49,7 @@ sanitize: deps
 	build/sanitize-threads/bin/testbed ctest --preset sanitize-threads -j $(JOBS)
 
 fuzz:
-	@packaging/install-deps clang libclang-rt-dev llvm
+	@dev/install-deps clang libclang-rt-dev llvm
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	@fuzz/run build/fuzz $(FUZZ_SECONDS)

@@ -31,7 +31,7 @@ TEST_F(library, is_found_by_cmake_and_exports_what_its_headers_declare) {
                           " && cmake --build made && made/store");
   EXPECT_NE(made.out.find("usage: store"), std::string::npos) << made.out;
   const auto checked = shell(SPOOLCAP_SOURCE
-                             "/packaging/check-exports "
+                             "/tests/e2e/check-exports "
                              "$LD_LIBRARY_PATH/libspoolcap.so $PWD/usr/include/spoolcap");
   EXPECT_EQ(checked.status, 0) << checked.out;
 }
