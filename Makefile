@@ -63,10 +63,7 @@ coverage:
 	@dev/coverage build/coverage
 
 lint: deps $(BUILD)/build.ninja
-	@lint/check-includes $(BUILD)
-	@clang-format --dry-run --Werror $(SOURCES)
-	@printf '%s\n' $(filter %.cpp,$(SOURCES)) | xargs -P $(JOBS) -n 1 \
-	  clang-tidy --quiet -p $(BUILD) --extra-arg=-Wno-unknown-warning-option
+	@lint/run $(BUILD) $(JOBS)
 
 format:
 	clang-format -i $(SOURCES)
