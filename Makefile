@@ -59,8 +59,8 @@ coverage:
 	cmake --preset coverage
 	cmake --build --preset coverage
 	find build/coverage -name '*.gcda' -delete
-	build/coverage/bin/testbed ctest --preset coverage -j $(JOBS)
-	@dev/coverage build/coverage
+	@build/coverage/bin/testbed ctest --preset coverage -j $(JOBS); status=$$?; \
+	  dev/coverage build/coverage; exit $$status
 
 lint: deps $(BUILD)/build.ninja
 	@lint/run $(BUILD) $(JOBS)
