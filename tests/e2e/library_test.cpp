@@ -64,4 +64,20 @@ TEST_F(library, serves_the_example_which_stores_until_the_account_is_full) {
   EXPECT_EQ(box.redis({"HGET", "res:inf:mng:2", "lvl"}), "50");
 }
 
+TEST_F(library, and_a_host_with_functions_of_the_same_names_each_call_their_own) {
+  const auto made = shell("cc -std=c11 -Wall -Wextra -Werror -rdynamic $FLAGS " SPOOLCAP_SOURCE
+                          "/tests/e2e/namesake_host.c -o host"
+                          " $(pkg-config --cflags --libs spoolcap)");
+  ASSERT_EQ(made.status, 0) << made.out;
+  box.add_reseller(1, "ann");
+  box.set_preference(1, "max_sound", "2");
+  box.write_file(box.sound_folder("0001") + "/hello.wav", 100);
+  const auto run =
+      shell("SPOOLCAP_SANDBOX=$PWD LD_PRELOAD=" SPOOLCAP_PATHS_MODULE ":$LD_PRELOAD exec ./host 1");
+  EXPECT_EQ(run.out,
+            "library: limit 2, refresh 0 of 100 bytes, 0 calls of the host\n"
+            "host: log_wrap\n"
+            "host: pad 5, ast_pad_id 6, get_binding 97\n");
+}
+
 }  // namespace
