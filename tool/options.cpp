@@ -111,9 +111,11 @@ void parse_args(int argc, const char **argv) {
       run.target_mode = choice.mode;
     }
   }
-  if (conflict)
+  if (conflict) {
     reject("Target users must be specified using one and only one of --all|--uid|--ulogin");
-  if (run.action == ACTION_SHOW && run.quiet_flag != 0)
+  }
+  if (run.action == ACTION_SHOW && run.quiet_flag != 0) {
     reject("--action show   and  --quiet  cannot be used together");
+  }
   if (run.force_depth != 0) run.force_depth = forced_depth;
 }

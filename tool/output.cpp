@@ -16,8 +16,9 @@ void tell_lost_output() {
   has_lost_output();
   // Closing tells of errors that a file system keeps for the end.
   if (fclose(stdout) != 0 && first_error == 0) first_error = errno;
-  if (first_error != 0)
+  if (first_error != 0) {
     fprintf(stderr, "Standard output could not be written to its end: %s\n", strerror(first_error));
+  }
 }
 
 // Length of the control character that the text begins with; 0 when it begins with none.

@@ -74,8 +74,9 @@ int64_t qx_get_db_files_quota(const char *table, int level, const char *account_
   if (format == nullptr) return 0;
   const told_session session(QX_HERE);
   sql_result result;
-  if (!session || sql_query(QX_HERE, session.get(), result, format, table, account_id) != 0)
+  if (!session || sql_query(QX_HERE, session.get(), result, format, table, account_id) != 0) {
     return -1;
+  }
   const MYSQL_ROW row = result ? mysql_fetch_row(result.get()) : nullptr;
   if (row == nullptr) return -1;
   return row[0] == nullptr ? 0 : strtoll(row[0], nullptr, 10);
@@ -120,8 +121,9 @@ uint64_t qx_db_file_creation_timestamp(const char *table, uint64_t id, const cha
   const told_session session(QX_HERE);
   sql_result result;
   if (!session || sql_query(QX_HERE, session.get(), result, timestamp_statement, column, table,
-                            static_cast<unsigned long long>(id)) != 0)
+                            static_cast<unsigned long long>(id)) != 0) {
     return 0;
+  }
   const char *const seconds = first_column(result);
   return seconds == nullptr ? 0 : strtoul(seconds, nullptr, 10);
 }
@@ -131,8 +133,9 @@ int qx_get_db_recording(const char *call_id, const char *flow, const char *full_
   const told_session session(QX_HERE);
   sql_result result;
   if (!session || sql_query(QX_HERE, session.get(), result, recording_statement, call_id, flow,
-                            full_number) != 0)
+                            full_number) != 0) {
     return -1;
+  }
   const char *const rid = first_column(result);
   return rid == nullptr ? -1 : std::atoi(rid);
 }

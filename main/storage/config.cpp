@@ -80,8 +80,9 @@ void take_number(const char *text, int &number) {
 
 storage_config make_config(const directives &found, const char *base_dir, const char *monitor_dir) {
   storage_config config;
-  if (found.system != nullptr && std::strcmp(found.system, word_of(storage_engine::s3)) == 0)
+  if (found.system != nullptr && std::strcmp(found.system, word_of(storage_engine::s3)) == 0) {
     config.engine = storage_engine::s3;
+  }
   config.transfer_in = directory_or(found.transfer_in, QX_PATH_TRANSFER_IN);
   config.transfer_out = directory_or(found.transfer_out, QX_PATH_TRANSFER_OUT);
   config.cache = directory_or(found.cache, QX_PATH_STORAGE_CACHE);

@@ -108,8 +108,9 @@ void seed_names() {
   const pid_t self = ::getpid();
   if (seeded_process.exchange(self) == self) return;
   unsigned seed = 0;
-  if (::getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed))
+  if (::getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed)) {
     seed = static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(self) << 16U;
+  }
   std::srand(seed);
 }
 

@@ -43,8 +43,9 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
   if (!session) return nullptr;
   session->first_id = first_id;
   session->second_id = second_id;
-  if (extension != nullptr)
+  if (extension != nullptr) {
     session->extension.assign(extension, strnlen(extension, longest_extension));
+  }
   if (session->engine == storage_engine::s3 && !session->made_with.s3_usable()) {
     QX_LOG_AT(site, FR_LOG_WARNING,
               "S3 engine is disabled due to a configuration error. Storing file to POSIX\n");

@@ -11,8 +11,9 @@ class memory : public testing::Test {
   memory() {
     box.add_reseller(1, "ann");
     box.add_client(2, 1, "bob");
-    for (const char *kind : {"fax", "sound", "recording", "voicemail", "music"})
+    for (const char *kind : {"fax", "sound", "recording", "voicemail", "music"}) {
       box.write_quota_file(1, 2, 0, kind, "1000.0");
+    }
   }
 
   // Allocation `number` fails, 0 being none; with `on`, all after it as well.

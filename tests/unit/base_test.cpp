@@ -45,8 +45,9 @@ TEST(Hash, TellsKeysApartByAllTheirBytesAndDestroysWhatItHeld) {
     destroyed.emplace_back(static_cast<char *>(value));
     return 0;
   }));
-  for (const char *value : {"first", "new"})
+  for (const char *value : {"first", "new"}) {
     ASSERT_EQ(0, fr_hash_force_add(table.get(), "a\0b", 3, value, strlen(value) + 1));
+  }
   EXPECT_EQ(strings{"first"}, destroyed);
   EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0c", 3));
   EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0b", 2));
@@ -104,8 +105,9 @@ TEST(Str, Base64IsStandardPaddedAndInOneLine) {
       {"fo", "Zm8="},
       {{"\0\xff\xfe", 3}, "AP/+"},
       {large, string((large.size() - 1) / 3 * 4, 'A') + "AA=="}};
-  for (const auto &[data, expected] : rows)
+  for (const auto &[data, expected] : rows) {
     EXPECT_EQ(expected, c_string(base64_enc_str(data.data(), data.size())).get());
+  }
 }
 
 TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
