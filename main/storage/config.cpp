@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 
 #include <spoolcap/zarn_str.h>
@@ -28,59 +29,49 @@ struct process_state {
 // Threads of a service may still come here while the process exits.
 never_destroyed<process_state> process;
 
-// The file's directives, NULL where it is silent.
+// The file's directives, empty where it is silent.
 struct directives {
-  directives() = default;
-  directives(const directives &) = delete;
-  directives &operator=(const directives &) = delete;
-  ~directives() {
-    for (safestr_t text :
-         {system, transfer_in, transfer_out, cache, cache_expire, trash_expire, upload_interval}) {
-      safestr_free(text);
-    }
-  }
-
-  // False, logged, when the file is there and cannot be read: the defaults, taken then, would move
-  // the whole storage elsewhere.
-  bool read(const call_site &site);
-
-  safestr_t system = nullptr;
-  safestr_t transfer_in = nullptr;
-  safestr_t transfer_out = nullptr;
-  safestr_t cache = nullptr;
-  safestr_t cache_expire = nullptr;
-  safestr_t trash_expire = nullptr;
-  safestr_t upload_interval = nullptr;
+  std::string system;
+  std::string transfer_in;
+  std::string transfer_out;
+  std::string cache;
+  std::string cache_expire;
+  std::string trash_expire;
+  std::string upload_interval;
 };
 
-bool directives::read(const call_site &site) {
+// Nothing, logged, when the file is there and cannot be read: the defaults, taken then, would move
+// the whole storage elsewhere.
+std::optional<directives> read_directives(const call_site &site) {
+  directives found;
   const parseconfig_entry entries[] = {
-      {"STORAGE_SYSTEM", &system},
-      {"STORAGE_TRANSFERIN_D", &transfer_in},
-      {"STORAGE_TRANSFEROUT_D", &transfer_out},
-      {"STORAGE_CACHE_D", &cache},
-      {"STORAGE_CACHE_EXPIRE", &cache_expire},
-      {"STORAGE_TRASH_EXPIRE", &trash_expire},
-      {"S3_UPL_INTERVAL", &upload_interval},
+      {"STORAGE_SYSTEM", &found.system},
+      {"STORAGE_TRANSFERIN_D", &found.transfer_in},
+      {"STORAGE_TRANSFEROUT_D", &found.transfer_out},
+      {"STORAGE_CACHE_D", &found.cache},
+      {"STORAGE_CACHE_EXPIRE", &found.cache_expire},
+      {"STORAGE_TRASH_EXPIRE", &found.trash_expire},
+      {"S3_UPL_INTERVAL", &found.upload_interval},
   };
   const char *const path = qx_path(QX_PATH_STORAGE_CONF);
-  if (parseconfig(path, entries, std::size(entries)) == 0 || errno == ENOENT) return true;
+  if (parseconfig(path, entries, std::size(entries)) == 0 || errno == ENOENT) return found;
   QX_LOG_AT(site, FR_LOG_WARNING, "Cannot read %s: %s.\n\n", path, std::strerror(errno));
-  return false;
+  return std::nullopt;
 }
 
-std::string directory_or(const char *text, qx_path_id fallback) {
-  return is_empty(text) ? qx_path(fallback) : text;
+// Texts end at a NUL byte.
+std::string directory_or(const std::string &text, qx_path_id fallback) {
+  return is_empty(text.c_str()) ? qx_path(fallback) : text.c_str();
 }
 
 // A text that is no number leaves the default.
-void take_number(const char *text, int &number) {
-  if (text != nullptr) std::from_chars(text, text + std::strlen(text), number);
+void take_number(const std::string &text, int &number) {
+  std::from_chars(text.data(), text.data() + text.size(), number);
 }
 
 storage_config make_config(const directives &found, const char *base_dir, const char *monitor_dir) {
   storage_config config;
-  if (found.system != nullptr && std::strcmp(found.system, word_of(storage_engine::s3)) == 0)
+  if (std::strcmp(found.system.c_str(), word_of(storage_engine::s3)) == 0)
     config.engine = storage_engine::s3;
   config.transfer_in = directory_or(found.transfer_in, QX_PATH_TRANSFER_IN);
   config.transfer_out = directory_or(found.transfer_out, QX_PATH_TRANSFER_OUT);
@@ -127,9 +118,10 @@ int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
       log_condition_failed(here);
       return -1;
     }
-    directives found;
-    if (!found.read(here)) return -1;
-    auto config = std::make_shared<const storage_config>(make_config(found, base_dir, monitor_dir));
+    const std::optional<directives> found = read_directives(here);
+    if (!found) return -1;
+    auto config =
+        std::make_shared<const storage_config>(make_config(*found, base_dir, monitor_dir));
     if (has_long_directory(*config)) {
       log_condition_failed({here.source, here.function, __LINE__});
       return -1;
