@@ -1,3 +1,4 @@
+// Watches standard output, and escapes logins for terminals.
 #include "tool/output.h"
 
 #include <fcntl.h>

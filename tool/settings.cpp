@@ -18,8 +18,8 @@ const char *text_or(const std::string &text, qx_path_id fallback) {
   return is_empty(text.c_str()) ? qx_path(fallback) : text.c_str();
 }
 
-void take_value(safestr_t &setting, safestr_t value, qx_path_id fallback) {
-  setting = value != nullptr ? value : safestr_dup(qx_path(fallback));
+void take_value(safestr_owner &setting, safestr_t value, qx_path_id fallback) {
+  setting.reset(value != nullptr ? value : safestr_dup(qx_path(fallback)));
 }
 
 }  // namespace
@@ -32,7 +32,7 @@ int get_config() {
       {"ASTERISK_CONF_FILE", &conf_file},
   }};
   parseconfig(qx_path(QX_PATH_PATHS_CONF), directives.data(), directives.size());
-  run.quota_dir = safestr_dup(text_or(quota_dir, QX_PATH_QUOTA_ROOT));
+  run.quota_dir.reset(safestr_dup(text_or(quota_dir, QX_PATH_QUOTA_ROOT)));
 
   constexpr std::array<const char *, 3> keys = {"astspooldir", "astlibdir", nullptr};
   std::array<safestr_t, 2> values = {};
