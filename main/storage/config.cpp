@@ -1,6 +1,5 @@
+// Reads storage.conf, and keeps what file storage has for the process.
 #include "main/storage/config.h"
-
-#include <strings.h>
 
 #include <cerrno>
 #include <charconv>
@@ -9,10 +8,8 @@
 #include <optional>
 #include <shared_mutex>
 
-#include <spoolcap/zarn_str.h>
 #include "common/paths.h"
-#include "main/cache/client.h"
-#include "main/storage/files.h"
+#include "main/storage/engine.h"
 #include "platform/base/parseconfig.h"
 #include "platform/base/view.h"
 
@@ -71,8 +68,7 @@ void take_number(const std::string &text, int &number) {
 
 storage_config make_config(const directives &found, const char *base_dir, const char *monitor_dir) {
   storage_config config;
-  if (std::strcmp(found.system.c_str(), word_of(storage_engine::s3)) == 0)
-    config.engine = storage_engine::s3;
+  config.engine = &configured_engine(found.system.c_str());
   config.transfer_in = directory_or(found.transfer_in, QX_PATH_TRANSFER_IN);
   config.transfer_out = directory_or(found.transfer_out, QX_PATH_TRANSFER_OUT);
   config.cache = directory_or(found.cache, QX_PATH_STORAGE_CACHE);
@@ -94,84 +90,35 @@ bool has_long_directory(const storage_config &config) {
 
 }  // namespace
 
-const char *word_of(storage_engine engine) {
-  return engine == storage_engine::s3 ? "s3" : "posix";
-}
-
-storage_engine engine_of(const char *word) {
-  for (const storage_engine engine : {storage_engine::posix, storage_engine::s3}) {
-    if (word == nullptr || strcasecmp(word, word_of(engine)) == 0) return engine;
-  }
-  return storage_engine::invalid;
-}
-
 storage_snapshot take_snapshot() {
   const std::shared_lock guard(process.value.lock);
   return process.value.current;
 }
 
-int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
-  const call_site here = QX_HERE;
-  seed_names();
-  return no_throw(-1, [=] {
-    if (is_empty(base_dir)) {
-      log_condition_failed(here);
-      return -1;
-    }
-    const std::optional<directives> found = read_directives(here);
-    if (!found) return -1;
-    auto config =
-        std::make_shared<const storage_config>(make_config(*found, base_dir, monitor_dir));
-    if (has_long_directory(*config)) {
-      log_condition_failed({here.source, here.function, __LINE__});
-      return -1;
-    }
-    // The old configuration goes after the lock, unless a session still keeps it.
-    const std::unique_lock guard(process.value.lock);
-    process.value.current.config.swap(config);
-    return 0;
-  });
-}
-
-int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
-  // A node without an id has a storage all the same: nothing here depends on it.
-  c_string node_id(get_nodeid());
-  {
-    const std::unique_lock guard(process.value.lock);
-    process.value.node_id.swap(node_id);
-  }
-  if (qx_storage_load_config(base_dir, monitor_dir) != 0) {
-    QX_LOG(FR_LOG_ERROR, "FATAL: Failed to initialize the storage system.\n\n");
+int load_config(const call_site &site, const char *base_dir, const char *monitor_dir) {
+  if (is_empty(base_dir)) {
+    log_condition_failed(site);
     return -1;
   }
-  // The queues are all that file storage wants of the cache, and only S3 has them.
-  if (take_snapshot().config->engine == storage_engine::s3 && renew_cache_client() != 0) {
-    QX_LOG(FR_LOG_ERROR, "Failed to initialize connection to the DisDB server.\n\n");
+  const std::optional<directives> found = read_directives(site);
+  if (!found) return -1;
+  auto config = std::make_shared<const storage_config>(make_config(*found, base_dir, monitor_dir));
+  if (has_long_directory(*config)) {
+    log_condition_failed({site.source, site.function, __LINE__});
     return -1;
   }
+  // The old configuration goes after the lock, unless a session still keeps it.
+  const std::unique_lock guard(process.value.lock);
+  process.value.current.config.swap(config);
   return 0;
 }
 
-void qx_storage_cleanup(void) {
+void set_service(std::shared_ptr<const qx_storage_api_t> service) {
   const std::unique_lock guard(process.value.lock);
-  process.value.node_id.reset();
+  process.value.current.service.swap(service);
 }
 
-int qx_storage_register_api(const qx_storage_api_t *api) {
-  if (api == nullptr || api->s3_usable == nullptr || api->location == nullptr ||
-      api->download == nullptr || api->release == nullptr) {
-    log_condition_failed(QX_HERE);
-    return -1;
-  }
-  return no_throw(-1, [api] {
-    auto service = std::make_shared<const qx_storage_api_t>(*api);
-    const std::unique_lock guard(process.value.lock);
-    process.value.current.service.swap(service);
-    return 0;
-  });
-}
-
-void qx_storage_unregister_api(void) {
+void set_node_id(c_string node_id) {
   const std::unique_lock guard(process.value.lock);
-  process.value.current.service.reset();
+  process.value.node_id.swap(node_id);
 }

@@ -1,3 +1,4 @@
+// Temporary files, folders, and files that are moved or copied to their place.
 #include "main/storage/files.h"
 
 #include <fcntl.h>
