@@ -78,9 +78,9 @@ int print_quotas(const int64_t *quotas) {
   return 0;
 }
 
-// This listing puts one tab after the id, prints the id as the database has it and does not tell
-// an unknown account from one without quota; the listing of targets below does otherwise. What
-// reads the report knows both forms.
+// Programs that read the report know two forms. This listing puts one tab after the id, prints the
+// id as the database has it, and reports an unknown account like one without quota. The listing of
+// targets below differs in all three.
 int show_all_accounts(SessionHandle session) {
   sql_result rows;
   const call_site site = {QX_LOG_SOURCE, "show_quotas", __LINE__};

@@ -15,7 +15,7 @@ struct run_settings {
   c_string uid_list;  // the text of --uid as typed
   c_string ulogin_list;
   int force_depth;    // levels below each target that are refreshed whatever their state; 0 or 10
-  int children_flag;  // accepted and read by nobody: a refresh always covers the subtree
+  int children_flag;  // accepted, never read: a refresh always covers the subtree
   int human_flag;
   int quiet_flag;
   // Filled by get_config. Nothing reads them: the quota engine finds its own directories, and where

@@ -11,10 +11,9 @@
 
 namespace {
 
-// The sum of one account's files, by the account's level. The statement of the whole table has no
-// use for the account and leaves that argument over. It is kept as it is, naming an alias that it
-// does not give: a caller brings the alias with the table, and no account that is measured has
-// that level.
+// The sum of one account's files, by the account's level. The statement of the whole table does not
+// use the account. It names an alias that the caller must give with the table; that is kept as it
+// is, as no account that is measured has that level.
 struct level_statement {
   int level;
   const char *format;

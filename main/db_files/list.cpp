@@ -46,8 +46,8 @@ void allocate_records(qx_db_file_list_t &list, uint64_t count) {
   list.count = count;
 }
 
-// Gets the caller's list ready and has it filled; a failure leaves it empty. Memory that is short
-// is told as the failed condition that it is.
+// Gets the caller's list ready and has it filled; a failure leaves it empty. Short memory is
+// logged as a failed condition.
 template <class Fill>
 int64_t fill_list(const call_site &site, qx_db_file_list_t **list, Fill &&fill) {
   if (*list == nullptr)

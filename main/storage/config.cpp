@@ -9,6 +9,7 @@
 #include <shared_mutex>
 
 #include "common/paths.h"
+#include "main/account/media.h"
 #include "main/storage/engine.h"
 #include "platform/base/parseconfig.h"
 #include "platform/base/view.h"
@@ -76,7 +77,9 @@ storage_config make_config(const directives &found, const char *base_dir, const 
   take_number(found.trash_expire, config.trash_expire);
   take_number(found.upload_interval, config.upload_interval);
   config.base_dir = base_dir;
-  config.monitor_dir = is_empty(monitor_dir) ? config.base_dir + "/monitor" : monitor_dir;
+  config.monitor_dir = is_empty(monitor_dir)
+                           ? config.base_dir + "/" + media_of_type(QX_STORAGE_RECORDING).folder
+                           : monitor_dir;
   return config;
 }
 

@@ -15,7 +15,7 @@ struct stored_file {
   std::string name;
 };
 
-// Failures are logged, where nothing else is said in the name of `site`.
+// Each operation logs its failures, unless it says otherwise.
 struct storage_engine {
   const char *word;     // in the configuration, in rows, and from callers
   bool needs_location;  // a file without a location text cannot be stored, and never was

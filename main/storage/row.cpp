@@ -14,9 +14,9 @@ namespace {
 constexpr char location_statement[] =
     "UPDATE `%s` SET %s = '%s', se = '%s', az = '%s' WHERE id = '%d' LIMIT 1";
 
-// Whether the session's last UPDATE found a row, changed or not: the first number that the server
-// tells of it, in any of its languages. The number of changed rows is 0 also for a row that already
-// says what it has to, and counting found rows instead is an option of the pool's connections.
+// Whether the session's last UPDATE found a row, changed or not. The first number in the server's
+// summary of the statement counts them, in every language of the server. The number of changed rows
+// does not serve: it is 0 also for a row that already has these values.
 bool has_found_row(SessionHandle session) {
   const char *const told = mysql_info(fr_sql_conn_get_mysql(session));
   const char *const number = told == nullptr ? nullptr : std::strpbrk(told, "0123456789");
@@ -28,7 +28,7 @@ bool update_row(const media_rows &rows, const qx_storage_session &session, int f
                 const std::string &name) {
   const sql_session own;
   if (!own) return false;
-  // Only an object key is found through its row; a local file by its ids, or by who named it.
+  // An object key is found through its row, a local file by its ids or the name its caller chose.
   const bool is_named = session.engine->is_name_in_row;
   sql_result nothing;
   if (sql_query(QX_HERE, own.get(), nothing, location_statement, rows.table, rows.filename,

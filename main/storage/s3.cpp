@@ -148,7 +148,7 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
   const std::string cached = cache_path(config, name);
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
-  // Once the object goes, a copy in the cache would bring it back for those who ask for it.
+  // A copy left in the cache would keep serving a deleted file.
   if (::unlink(cached.c_str()) != 0 && errno != ENOENT) {
     const int cause = errno;
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to remove file from storage cache [%s]: %d %s.\n\n",

@@ -25,6 +25,7 @@ struct qx_storage_session {
 
   const storage_snapshot made_with;
   const purpose use;
+  // The configured engine at first; the caller may choose another one before it uses the session.
   const storage_engine *engine;
   const int resource_type;
   int first_id = 0;
@@ -64,8 +65,8 @@ struct qx_storage_session {
 using session_owner =
     std::unique_ptr<qx_storage_session, call_to_release<qx_storage_release_session>>;
 
-// A new session under the configuration of this moment, with the engine that this names; null,
-// logged, when there is none yet.
+// A new session under the current configuration and its engine; null, logged, while there is no
+// configuration.
 session_owner start_session(const call_site &site, qx_storage_session::purpose use, int type);
 
 #endif
