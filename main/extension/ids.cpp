@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <spoolcap/zarn_extension.h>
+#include "main/account/levels.h"
 #include "main/extension/extension.h"
 #include "platform/base/view.h"
 
@@ -25,10 +26,6 @@ constexpr char level_statement[] = "SELECT level FROM client WHERE id='%d'";
 constexpr char of_level_statement[] = "SELECT id FROM client WHERE level=%d";
 constexpr char children_statement[] = "SELECT id FROM client WHERE parent_client_id='%d'";
 constexpr char of_parents_statement[] = "SELECT id FROM client WHERE parent_client_id IN (";
-
-constexpr int reseller_level = 10;
-constexpr int client_level = 50;
-constexpr int owner_level = 100;
 
 using id_texts = std::array<c_string, id_kinds>;
 using id_outs = std::array<int *, id_kinds>;
@@ -55,9 +52,8 @@ bool ids_from_database(const call_site &site, SessionHandle session, const char 
   }
   sql_result rows;
   if (sql_query(site, own.get(), rows, with_organisation ? three_ids_statement : two_ids_statement,
-                escape_sql(full_number).c_str()) != 0) {
+                escape_sql(full_number).c_str()) != 0)
     return false;
-  }
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr || is_empty(row[extension]) || is_empty(row[user])) return false;
   ids[extension] = copy_of(row[extension]);
@@ -72,16 +68,13 @@ int read_ids(const call_site &site, SessionHandle session, const char *full_numb
   if (!key) return -1;
   id_texts ids;
   if (!ids_from_cache(site, key.get(), outs, ids)) {
-    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids)) {
+    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids))
       return -1;
-    }
-    for (size_t kind = 0; kind < id_kinds; ++kind) {
+    for (size_t kind = 0; kind < id_kinds; ++kind)
       if (ids[kind]) rset_hash_str(site, 0, key.get(), id_fields[kind], ids[kind].get());
-    }
   }
-  for (size_t kind = 0; kind < id_kinds; ++kind) {
+  for (size_t kind = 0; kind < id_kinds; ++kind)
     if (outs[kind] != nullptr) *outs[kind] = number_or(-1, ids[kind]);
-  }
   return 0;
 }
 
@@ -91,9 +84,8 @@ bool add_accounts(const call_site &site, SessionHandle session, std::vector<int>
                   const char *statement, Arguments... arguments) {
   sql_result rows;
   if (sql_query(site, session, rows, statement, arguments...) != 0) return false;
-  while (const MYSQL_ROW row = next_row(rows.get())) {
+  while (const MYSQL_ROW row = next_row(rows.get()))
     if (row[0] != nullptr) ids.push_back(std::atoi(row[0]));
-  }
   return true;
 }
 
@@ -112,10 +104,9 @@ bool add_below_reseller(const call_site &site, SessionHandle session, int resell
 
 bool add_all(const call_site &site, SessionHandle session, bool with_between,
              std::vector<int> &ids) {
-  for (const int level : {reseller_level, client_level}) {
+  for (const int level : {LEVEL_RESELLER, LEVEL_CLIENT})
     if (with_between && !add_accounts(site, session, ids, of_level_statement, level)) return false;
-  }
-  return add_accounts(site, session, ids, of_level_statement, owner_level);
+  return add_accounts(site, session, ids, of_level_statement, LEVEL_OWNER);
 }
 
 int *accounts_below(const call_site &site, int account_id, bool with_between) {
@@ -129,15 +120,14 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
 
   std::vector<int> ids;
   bool known = true;
-  if (level >= owner_level) {
+  if (level >= LEVEL_OWNER)
     ids.push_back(account_id);
-  } else if (level >= client_level) {
+  else if (level >= LEVEL_CLIENT)
     known = add_accounts(site, session.get(), ids, children_statement, account_id);
-  } else if (level >= reseller_level) {
+  else if (level >= LEVEL_RESELLER)
     known = add_below_reseller(site, session.get(), account_id, with_between, ids);
-  } else {
+  else
     known = add_all(site, session.get(), with_between, ids);
-  }
   if (!known) return nullptr;
 
   ids.push_back(-1);
@@ -152,9 +142,8 @@ int qx_get_extension_ids_sess_internal(SessionHandle session, const char *full_n
                                        int *extension_id, int *user_id, int *organisation_id) {
   const call_site here = QX_HERE;
   const id_outs outs = {extension_id, user_id, organisation_id};
-  for (int *const out : outs) {
+  for (int *const out : outs)
     if (out != nullptr) *out = -1;
-  }
   if (!is_given(here, full_number)) return -1;
   return no_throw(-1, [&] { return read_ids(here, session, full_number, outs); });
 }

@@ -160,14 +160,14 @@ void account_refresh::mark_before_children() {
   if (errno != ENOSPC && errno != EDQUOT) return;
   // No room even for a mark: a revision out of range serves as well.
   for_each_kind(kind_, [&](unsigned kind) {
-    expire_quota_file(folder_, quota_file_names[kind]);
+    expire_quota_file(folder_, media_kinds[kind].quota_file);
     return true;
   });
 }
 
 // Whether an unforced refresh leaves the file as it is; its value is then in `value`.
 bool account_refresh::is_fresh(unsigned kind, int64_t &value) const {
-  const char *file = quota_file_names[kind];
+  const char *file = media_kinds[kind].quota_file;
   return !redo_.was_there() && is_dirty(folder_, file) == 0 &&
          is_rev_inrange(folder_, file, &value) == 1;
 }
@@ -193,7 +193,7 @@ outcome account_refresh::refresh_kind(unsigned kind, bool certain, int64_t &valu
 
 // Puts a computed value into its file; true when it is there. What is not certain is noted before.
 bool account_refresh::store(unsigned kind, int64_t value, bool certain) {
-  const char *file = quota_file_names[kind];
+  const char *file = media_kinds[kind].quota_file;
   // No room even for a mark: a revision out of range serves as well.
   const int revision = certain || redo_.set() ? 0 : expired_revision;
   bool written = false;

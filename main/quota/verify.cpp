@@ -29,7 +29,7 @@ struct tree_limits {
 };
 
 int64_t limit_of(int account_id, unsigned kind) {
-  const c_string kibibytes(qx_account_get_pref(account_id, quota_limit_names[kind]));
+  const c_string kibibytes(qx_account_get_pref(account_id, media_kinds[kind].limit));
   if (!kibibytes) return -1;
   int64_t bytes = 0;
   if (__builtin_mul_overflow(std::atoll(kibibytes.get()), 1024, &bytes)) {

@@ -128,13 +128,13 @@ TEST(Parseconfig, TakesEveryFormOfALine) {
               {"KEY one\nKEY a = b # c\n", "a = b # c"},
               {"KEY \"\n", "\""},
               {"  # KEY x\n#KEY y\nKEYS x\nkey y\nX KEY z\n\n", "as it was"}};
-  safestr_t value = nullptr;
+  string value;
   const parseconfig_entry entries[] = {{"KEY", &value}};
   for (const auto &row : rows) {
-    value = safestr_dup("as it was");
+    value = "as it was";
     box.write_file("paths.conf", row.content);
     EXPECT_EQ(0, parseconfig(box.path("paths.conf").c_str(), entries, 1)) << row.content;
-    EXPECT_STREQ(row.expected, safestr_owner(value).get()) << row.content;
+    EXPECT_EQ(row.expected, value) << row.content;
   }
   for (const char *unreadable : {"/nonexistent/paths.conf", "/"}) {
     EXPECT_EQ(-1, parseconfig(unreadable, entries, 1)) << unreadable;
