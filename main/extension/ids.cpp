@@ -1,11 +1,13 @@
 // The ids of extensions, their users and organisations, and of the accounts that own extensions.
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include <spoolcap/zarn_extension.h>
 #include "main/extension/extension.h"
+#include "platform/base/text.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -59,9 +61,10 @@ bool ids_from_database(const call_site &site, SessionHandle session, const char 
     return false;
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr || is_empty(row[extension]) || is_empty(row[user])) return false;
-  ids[extension] = copy_of(row[extension]);
-  ids[user] = copy_of(row[user]);
-  if (with_organisation) ids[organisation] = copy_of(row[organisation]);
+  ids[extension] = copy_text(row[extension]);
+  ids[user] = copy_text(row[user]);
+  if (with_organisation && row[organisation] != nullptr)
+    ids[organisation] = copy_text(row[organisation]);
   return true;
 }
 
@@ -118,7 +121,7 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
     log_condition_failed(site);
     return nullptr;
   }
-  const int level = number_or(-1, sql_text(site, session.get(), level_statement, account_id));
+  const int level = sql_number(site, session.get(), level_statement, account_id);
   if (level < 0) return nullptr;
 
   std::vector<int> ids;
@@ -190,7 +193,7 @@ int qx_get_extension_owner(const char *full_number) {
 }
 
 int qx_get_extension_usrid_from_extid(int extension_id) {
-  return number_or(-1, sql_text(QX_HERE, nullptr, user_statement, extension_id));
+  return sql_number(QX_HERE, nullptr, user_statement, extension_id);
 }
 
 int *qx_get_extensions_of(int account_id, int flag) {

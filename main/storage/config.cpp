@@ -153,7 +153,7 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     return -1;
   }
   // The queues are all that file storage wants of the cache, and only S3 has them.
-  if (take_snapshot().config->engine == storage_engine::s3 && renew_cache_client() != 0) {
+  if (take_snapshot().config->engine == storage_engine::s3 && !recreate_cache_client()) {
     QX_LOG(FR_LOG_ERROR, "Failed to initialize connection to the DisDB server.\n\n");
     return -1;
   }

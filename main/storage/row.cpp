@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "main/cache/client.h"
 #include "main/sql/query.h"
 #include "main/storage/kinds.h"
 
