@@ -82,16 +82,18 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
   va_end(arguments);
   const call_site here = QX_HERE;
   if (count < 0 || fields == nullptr || values == nullptr || !key || has_null(fields, count) ||
-      has_null(values, count))
+      has_null(values, count)) {
     return -1;
+  }
   if (count == 0) return 0;
   return no_throw(-1, [&] {
     const cache_outcome outcome =
         cache_hmset(here, persistent, key.get(), fields, values, static_cast<size_t>(count));
-    if (!outcome)
+    if (!outcome) {
       CACHE_LOG(here, "rmset_hash(%s,X%d): error %s", key.get(), count, outcome.error);
-    else
+    } else {
       CACHE_LOG(here, "rmset_hash(%s,X%d): success", key.get(), count);
+    }
     return 0;  // a lost write shows in the diagnostics only
   });
 }
@@ -133,8 +135,9 @@ char **drmget_hash(int binding_count, const cache_binding *bindings, int count,
                    int numeric_arg, int column_mode, int keep_markers) {
   const call_site here = QX_HERE;
   if (binding_count <= 0 || bindings == nullptr || count <= 0 || names == nullptr ||
-      has_null(names, count))
+      has_null(names, count)) {
     return nullptr;
+  }
   const bool is_number = argument != nullptr && numeric_arg != 0;
   const parameter_query query = {
       .bindings = {bindings, static_cast<size_t>(binding_count)},

@@ -96,10 +96,11 @@ cache_outcome hset(int persistent, const char *key, const char *field, const cha
 }
 
 void log_hgetall(const call_site &site, const char *key, cache_outcome outcome, size_t count) {
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "cache_hgetall(%s): error %s", key, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "cache_hgetall(%s): %zuX", key, count);
+  }
 }
 
 // Non-zero when the key exists or the server could not be asked.
@@ -146,10 +147,11 @@ void rset_hash_str(const call_site &site, int persistent, const char *key, const
     return;
   }
   const cache_outcome outcome = hset(persistent, key, field, value);
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "rset_hash_str(%s,%s,%s): error %s", key, field, value, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "rset_hash_str(%s,%s,%s): success", key, field, value);
+  }
 }
 
 void cache_hset(const call_site &site, int persistent, const char *key, const char *field,
@@ -157,12 +159,13 @@ void cache_hset(const call_site &site, int persistent, const char *key, const ch
   const cache_outcome outcome = hset(persistent, key, field, value);
   const int field_length = static_cast<int>(std::strlen(field));
   const int value_length = static_cast<int>(std::strlen(value));
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "cache_hset(%s,%.*s,%.*s): error %s", key, field_length, field, value_length,
               value, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "cache_hset(%s,%.*s,%.*s): success", key, field_length, field, value_length,
               value);
+  }
 }
 
 std::optional<hash_entries> cache_hgetall(const call_site &site, int persistent, const char *key) {
@@ -203,10 +206,11 @@ cache_outcome cache_hmget(const call_site &site, int persistent, const char *key
   });
   const c_string owned_buffer(buffer);
   values = text_array(slots, outcome ? entries : 0);
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "cache_hmget(%s,%zuX): error %s", key, count, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "cache_hmget(%s,%zuX): %zu entries retrieved", key, count, entries);
+  }
   return outcome;
 }
 
@@ -218,10 +222,11 @@ cache_outcome cache_hmset(const call_site &site, int persistent, const char *key
     return vk_hmset(client, key, std::strlen(key), fields, count, field_lengths.data(), values,
                     value_lengths.data(), persistent);
   });
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "cache_hmset(%s,%zuX): error %s", key, count, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "cache_hmset(%s,%zuX): success", key, count);
+  }
   return outcome;
 }
 
@@ -231,10 +236,11 @@ cache_outcome cache_zaddval(const call_site &site, const char *key, const char *
     return vk_zaddval(client, key, std::strlen(key), member, std::strlen(member), score, value,
                       std::strlen(value));
   });
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "cache_zaddval(%s, %s): error %s", key, member, outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "cache_zaddval(%s, %s): success", key, member);
+  }
   return outcome;
 }
 
@@ -242,10 +248,11 @@ text_array rmget_hash_key(const call_site &site, int persistent, const char *key
                           const char *const *fields, size_t count) {
   text_array values;
   const cache_outcome outcome = cache_hmget(site, persistent, key, fields, count, values);
-  if (!outcome)
+  if (!outcome) {
     CACHE_LOG(site, "rmget_hash(%s,X%d): error %s", key, static_cast<int>(count), outcome.error);
-  else
+  } else {
     CACHE_LOG(site, "rmget_hash(%s,X%d): success", key, static_cast<int>(count));
+  }
   return values;
 }
 

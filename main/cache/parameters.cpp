@@ -42,8 +42,9 @@ void parameter_lookup::read_cache() {
     fields.clear();
     for (size_t i = first; i < bindings.size() && bindings[i] != nullptr &&
                            std::strcmp(bindings[i]->key_format, binding->key_format) == 0;
-         ++i)
+         ++i) {
       fields.push_back(bindings[i]->field);
+    }
     if (const c_string key = query.key_argument.format(binding->key_format)) {
       text_array found = rmget_hash_key({site.source, "rmget_hash", __LINE__}, binding->persistent,
                                         key.get(), fields.data(), fields.size());
@@ -51,8 +52,9 @@ void parameter_lookup::read_cache() {
     }
     first += fields.size();
   }
-  for (size_t i = 0; i < values.count(); ++i)
+  for (size_t i = 0; i < values.count(); ++i) {
     if (values[i] == nullptr) missing.push_back(i);
+  }
 }
 
 std::string parameter_lookup::missing_list() const {
@@ -113,12 +115,14 @@ bool parameter_lookup::read_database() {
     log_condition_failed({site.source, site.function, __LINE__});
     return false;
   }
-  if (query.column_mode)
+  if (query.column_mode) {
     take_columns(rows.get());
-  else
+  } else {
     take_rows(rows.get());
-  for (const size_t slot : missing)
+  }
+  for (const size_t slot : missing) {
     if (values[slot] == nullptr) values.set(slot, copy_text(QX_CACHE_NO_ROW));
+  }
   return true;
 }
 
@@ -126,8 +130,9 @@ void parameter_lookup::write_back() const {
   for (const size_t slot : missing) {
     const cache_binding *const binding = bindings[slot];
     if (binding == nullptr) continue;
-    if (const c_string key = query.key_argument.format(binding->key_format))
+    if (const c_string key = query.key_argument.format(binding->key_format)) {
       rset_hash_str(site, binding->persistent, key.get(), binding->field, values[slot]);
+    }
   }
 }
 
@@ -147,8 +152,9 @@ text_array read_parameters(const call_site &site, const parameter_query &query) 
                              .bindings = {},
                              .values = text_array(query.names.size()),
                              .missing = {}};
-  for (const char *const name : query.names)
+  for (const char *const name : query.names) {
     lookup.bindings.push_back(find_binding(query.bindings, name));
+  }
   lookup.read_cache();
   if (!lookup.missing.empty()) {
     if (!lookup.read_database()) return {};

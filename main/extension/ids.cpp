@@ -57,14 +57,16 @@ bool ids_from_database(const call_site &site, SessionHandle session, const char 
   }
   sql_result rows;
   if (sql_query(site, own.get(), rows, with_organisation ? three_ids_statement : two_ids_statement,
-                escape_sql(full_number).c_str()) != 0)
+                escape_sql(full_number).c_str()) != 0) {
     return false;
+  }
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr || is_empty(row[extension]) || is_empty(row[user])) return false;
   ids[extension] = copy_text(row[extension]);
   ids[user] = copy_text(row[user]);
-  if (with_organisation && row[organisation] != nullptr)
+  if (with_organisation && row[organisation] != nullptr) {
     ids[organisation] = copy_text(row[organisation]);
+  }
   return true;
 }
 
@@ -74,13 +76,16 @@ int read_ids(const call_site &site, SessionHandle session, const char *full_numb
   if (!key) return -1;
   id_texts ids;
   if (!ids_from_cache(site, key.get(), outs, ids)) {
-    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids))
+    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids)) {
       return -1;
-    for (size_t kind = 0; kind < id_kinds; ++kind)
+    }
+    for (size_t kind = 0; kind < id_kinds; ++kind) {
       if (ids[kind]) rset_hash_str(site, 0, key.get(), id_fields[kind], ids[kind].get());
+    }
   }
-  for (size_t kind = 0; kind < id_kinds; ++kind)
+  for (size_t kind = 0; kind < id_kinds; ++kind) {
     if (outs[kind] != nullptr) *outs[kind] = number_or(-1, ids[kind]);
+  }
   return 0;
 }
 
@@ -90,8 +95,9 @@ bool add_accounts(const call_site &site, SessionHandle session, std::vector<int>
                   const char *statement, Arguments... arguments) {
   sql_result rows;
   if (sql_query(site, session, rows, statement, arguments...) != 0) return false;
-  while (const MYSQL_ROW row = next_row(rows.get()))
+  while (const MYSQL_ROW row = next_row(rows.get())) {
     if (row[0] != nullptr) ids.push_back(std::atoi(row[0]));
+  }
   return true;
 }
 
@@ -110,8 +116,9 @@ bool add_below_reseller(const call_site &site, SessionHandle session, int resell
 
 bool add_all(const call_site &site, SessionHandle session, bool with_between,
              std::vector<int> &ids) {
-  for (const int level : {reseller_level, client_level})
+  for (const int level : {reseller_level, client_level}) {
     if (with_between && !add_accounts(site, session, ids, of_level_statement, level)) return false;
+  }
   return add_accounts(site, session, ids, of_level_statement, owner_level);
 }
 
@@ -126,14 +133,15 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
 
   std::vector<int> ids;
   bool known = true;
-  if (level >= owner_level)
+  if (level >= owner_level) {
     ids.push_back(account_id);
-  else if (level >= client_level)
+  } else if (level >= client_level) {
     known = add_accounts(site, session.get(), ids, children_statement, account_id);
-  else if (level >= reseller_level)
+  } else if (level >= reseller_level) {
     known = add_below_reseller(site, session.get(), account_id, with_between, ids);
-  else
+  } else {
     known = add_all(site, session.get(), with_between, ids);
+  }
   if (!known) return nullptr;
 
   ids.push_back(-1);
@@ -148,8 +156,9 @@ int qx_get_extension_ids_sess_internal(SessionHandle session, const char *full_n
                                        int *extension_id, int *user_id, int *organisation_id) {
   const call_site here = QX_HERE;
   const id_outs outs = {extension_id, user_id, organisation_id};
-  for (int *const out : outs)
+  for (int *const out : outs) {
     if (out != nullptr) *out = -1;
+  }
   if (!is_given(here, full_number)) return -1;
   return no_throw(-1, [&] { return read_ids(here, session, full_number, outs); });
 }

@@ -22,8 +22,9 @@ c_string list_of(const char *column, const char *key_format, const char *full_nu
   if (is_empty(column)) return nullptr;
   const text_array numbers = text_array::of_list(zarn_str_split_char(column, ','));
   const int count = static_cast<int>(numbers.count());
-  if (rmset_hash(0, count, numbers.data(), numbers.data(), key_format, full_number) != 0)
+  if (rmset_hash(0, count, numbers.data(), numbers.data(), key_format, full_number) != 0) {
     throw std::bad_alloc();
+  }
   return copy_text(column);
 }
 
@@ -32,8 +33,9 @@ c_string list_of(const char *column, const char *key_format, const char *full_nu
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied) {
   const call_site here = QX_HERE;
-  for (char **const out : {behaviour, allowed, denied})
+  for (char **const out : {behaviour, allowed, denied}) {
     if (out != nullptr) *out = nullptr;
+  }
   return no_throw(-1, [&] {
     c_string allow_list;
     c_string deny_list;

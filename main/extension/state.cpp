@@ -76,8 +76,9 @@ bool has_live_session(const call_site &site, const char *number) {
   const char *const expires = found[0];
   const char *const reachable = found[1];
   time_t end = 0;
-  if (expires == nullptr || reachable == nullptr || redis_str2time(expires, &end) != 0)
+  if (expires == nullptr || reachable == nullptr || redis_str2time(expires, &end) != 0) {
     return false;
+  }
   return std::time(nullptr) < end && std::strncmp(reachable, "yes", 3) == 0;
 }
 

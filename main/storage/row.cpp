@@ -30,11 +30,13 @@ bool update_row(const resource_kind &kind, const qx_storage_session &session, in
   sql_result nothing;
   if (sql_query(QX_HERE, own.get(), nothing, location_statement, kind.table, kind.column,
                 is_named ? escape_sql(name.c_str()).c_str() : "", word_of(session.engine),
-                escape_sql(session.location.c_str()).c_str(), file_id) != 0)
+                escape_sql(session.location.c_str()).c_str(), file_id) != 0) {
     return true;
-  if (!has_found_row(own.get()))
+  }
+  if (!has_found_row(own.get())) {
     QX_LOG(FR_LOG_ERROR, "Table %s has no row %d for the newly stored file [%s].\n\n", kind.table,
            file_id, name.c_str());
+  }
   return true;
 }
 
@@ -43,8 +45,9 @@ bool update_row(const resource_kind &kind, const qx_storage_session &session, in
 void record_location(const qx_storage_session &session, int file_id, const std::string &name) {
   const resource_kind &kind = kind_of(session.resource_type);
   if (kind.table == nullptr ||
-      no_throw(false, [&] { return update_row(kind, session, file_id, name); }))
+      no_throw(false, [&] { return update_row(kind, session, file_id, name); })) {
     return;
+  }
   QX_LOG(FR_LOG_ERROR, "Fatal: Failed to update the database for the newly stored file [%s].\n\n",
          name.c_str());
 }

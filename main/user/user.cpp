@@ -119,13 +119,15 @@ char **read_extensions(const call_site &site, SessionHandle session, const char 
   if (!key) return nullptr;
   *count = 0;
   std::optional<hash_entries> index = cache_hgetall(site, 0, key.get());
-  if (!index)
+  if (!index) {
     return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only,
                                     count);
+  }
   text_array &numbers = index->fields;
   *count = numbers.count();
-  for (size_t i = 0; !numbers_only && i < numbers.count(); ++i)
+  for (size_t i = 0; !numbers_only && i < numbers.count(); ++i) {
     numbers.set(i, c_string(qx_get_full_number_sess(session, parent_id, numbers[i])));
+  }
   return numbers.release();
 }
 
