@@ -13,6 +13,7 @@
 
 #include <spoolcap/utils.h>
 #include "platform/base/owner.h"
+#include "platform/base/view.h"
 
 namespace {
 
@@ -25,11 +26,6 @@ std::string_view view_of(const char *safestr) {
 std::string_view extension_of(std::string_view name) {
   const size_t dot = name.rfind('.');
   return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
-}
-
-// Whatever the locale says.
-char ascii_lower(char byte) {
-  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
 bool same_ignoring_case(std::string_view left, std::string_view right) {

@@ -1,10 +1,10 @@
 /* The process-wide SQL pool: its set-up from the platform's files, and sessions on it.
  *
- * A SessionHandle belongs to whoever took it with sess_init and to one thread at a time. Functions
- * whose name ends in _sess take one or NULL; with NULL they take a session of their own and give
- * it back before they return, and they never release a caller's. Sessions are taken and given back
- * from several threads; set the pool up before they start, and close it after they have ended.
- * A child of fork may go on with the pool, but not with sessions of its parent. */
+ * The caller of sess_init owns its SessionHandle, which one thread uses at a time. Functions whose
+ * name ends in _sess take one or NULL. With NULL they use a session of their own for the call; they
+ * never release the caller's. Several threads may take and release sessions: set the pool up before
+ * they start, and close it after they end. A child of fork may use the pool, but not its parent's
+ * sessions. */
 #ifndef SPOOLCAP_SQLSESSION_H
 #define SPOOLCAP_SQLSESSION_H
 
@@ -15,13 +15,13 @@ SPOOLCAP_BEGIN_DECLARATIONS
 typedef struct fr_sql_conn *SessionHandle;
 
 /* Sets the pool up from the platform's own files; call once at start. A failure shows in
- * sess_init, and in the log unless it is that the servers file cannot be opened. */
+ * sess_init. It is logged too, unless the servers file is what cannot be opened. */
 void qx_sql_pool_init(void);
 
 /* The same from other files: `credentials_file` with the DB_CREDENTIALS lines, `servers_file` with
  * SLAVE_DOWN_TIME, DB_MASTER and DB_SLAVE. 0 ready; -1 when a file cannot be opened, a credentials
- * line is malformed, or no master is named. A credentials file that everybody may read is warned of
- * in the log. */
+ * line is malformed, or no master is named. Logs a warning about a credentials file that everybody
+ * may read. */
 int qx_sql_pool_init_from_config_files(const char *credentials_file, const char *servers_file);
 
 /* Closes the pool; 0. */

@@ -1,15 +1,13 @@
 /* The read-through layer between the platform's lookups and its two stores, the distributed cache
  * and the database.
  *
- * A lookup reads a field of a cache hash; on a miss it asks the database and writes what it found
- * back, a missing row and a NULL column as markers, so that negative answers are cached as well.
- * Cache trouble never stops a lookup: a failed read is a miss, a failed write is logged.
+ * A lookup reads a field of a cache hash. On a miss it asks the database and writes the answer back.
+ * A missing row and a NULL column are written as markers, so that negative answers are cached too.
+ * Cache trouble never stops a lookup: a failed read is a miss, a failed write is only logged.
  *
- * Keys are built from a printf format and used as they come out of it. Values hold any bytes but
- * NUL.
- * Strings and arrays handed out are malloc'ed and the caller's. The cache client is created at the
- * first use and kept; only qx_storage_initialize puts a new one in its place. Calls may come from
- * several threads. */
+ * A key is the text that its printf format makes. Values hold any bytes but NUL. Returned strings
+ * and arrays are malloc'ed and the caller's. The cache client is created at the first use and kept;
+ * only qx_storage_initialize replaces it. Safe from several threads. */
 #ifndef SPOOLCAP_ZARN_CACHE_H
 #define SPOOLCAP_ZARN_CACHE_H
 
@@ -32,8 +30,8 @@ typedef struct cache_binding {
   const char *field;      /* field of the hash */
 } cache_binding;
 
-/* Brackets around every use of the cache client. They do nothing; a host that needs a real
- * reader-writer lock puts it here. */
+/* Brackets around every use of the cache client, the place for a reader-writer lock. Their bodies
+ * are empty. */
 void ast_cache_rdlock(void);
 void ast_cache_wrlock(void);
 void ast_cache_unlock(void);
@@ -61,17 +59,17 @@ int compare_entries(const void *left, const void *right);
 /* The row of this name, ignoring case, or NULL; borrowed from the table. */
 const cache_binding *get_binding(int row_count, const cache_binding *table, const char *name);
 
-/* One value through the cache; both formats take the argument as their only one (%s, or %d in the
- * second form). The argument goes into the statement unescaped. NULL when there is none, and
- * without asking anybody when the argument is NULL or the id not positive. */
+/* One value through the cache. Both formats take the argument as their only one (%s, or %d in the
+ * second form). The argument goes into the statement unescaped. NULL when there is no value. A NULL
+ * argument or an id that is not positive gives NULL without a look at cache or database. */
 char *drget_hash(int persistent, const char *field, const char *sql_format, const char *key_format,
                  const char *argument, int keep_markers);
 char *drget_hash_by_id(int persistent, const char *field, const char *sql_format,
                        const char *key_format, int id, int keep_markers);
 
 /* `count` named parameters through the cache, and through one statement for all that is missing.
- * A caller names each parameter once: the database's value goes to the first of equal names, and
- * the further ones count as rows that are not there, in the cache as well.
+ * Name each parameter once: the database's value goes to the first of equal names. The others count
+ * as missing rows, in the cache too.
  * Row mode (column_mode 0): the statement takes (argument, quoted names) and gives rows of
  * (parameter, value). Column mode: it takes (names, argument) and gives one row with a column per
  * name. A NULL argument is left out; otherwise it is escaped. numeric_arg builds cache keys from

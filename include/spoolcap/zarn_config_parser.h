@@ -1,13 +1,13 @@
 /* Readers of the platform's directive files: a keyword, blank space, a value.
  *
- * Two families with different line rules, and the difference is meant:
+ * There are two families, whose line rules differ on purpose:
  * - qx_conf_parse_string_value and the multi-directive readers take the keyword at the start of
  *   the line, ignoring case; a line that begins with "#" is a comment; lines of up to 8191 bytes;
  * - the credentials, worker and host readers take the keyword anywhere in the line, by case; the
  *   line ends at its first "#"; lines of up to 255 bytes.
  * Longer lines are read in pieces that count as lines. Values are trimmed of white space.
  *
- * Results are 0 success, -1 failure; short memory is one. Strings handed out are malloc'ed and the
+ * Results are 0 for success, -1 for failure, out of memory included. Strings handed out are malloc'ed and the
  * caller's. No state is kept between calls: safe from several threads. */
 #ifndef SPOOLCAP_ZARN_CONFIG_PARSER_H
 #define SPOOLCAP_ZARN_CONFIG_PARSER_H
@@ -54,7 +54,7 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 
 /* All values of all directives of a table, over one file or a NULL-ended list of files, in the
  * order found. What the table held is released first. A name is a prefix: no separator is needed
- * after it. A file that cannot be opened is logged and passed over. -1 with errno EINVAL when the
+ * after it. A file that cannot be opened is logged and skipped. -1 with errno EINVAL when the
  * table or the list is NULL; a NULL path is an empty list. */
 int qx_conf_parse_multi_directives(struct qx_conf_directive *table, const char *path);
 int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,

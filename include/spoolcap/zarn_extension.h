@@ -3,11 +3,10 @@
  * A full number is the owner part, a separator of one character, and the extension's short number
  * of a fixed length: "0003*101".
  *
- * Lookups read through the cache unless told otherwise. Strings and arrays are malloc'ed and the
- * caller's. NULL for a number or a name is an extension that is not there. Arguments go into
- * statements as they are, unless told otherwise: they are numbers and names that the platform gave
- * out, never text from outside. Safe from several threads; a session that is passed in is used
- * only during the call, and may be NULL. */
+ * Unless a function says otherwise, it reads through the cache and puts its arguments into
+ * statements unescaped: they are the platform's own numbers and names, never text from outside.
+ * Strings and arrays are malloc'ed and the caller's. A NULL number or name counts as an unknown
+ * extension. Safe from several threads. A session may be NULL; it is used only during the call. */
 #ifndef SPOOLCAP_ZARN_EXTENSION_H
 #define SPOOLCAP_ZARN_EXTENSION_H
 
@@ -40,11 +39,11 @@ char *qx_get_padded_account_id(int account_id);
 char *qx_get_extension_from_alias_sess(SessionHandle session, const char *alias);
 char *qx_get_alias_from_full_number(SessionHandle session, const char *full_number);
 
-/* The number that a virtual phone stands for; NULL when this is none. Asks the cache only. */
+/* The number behind a virtual phone; NULL for any other number. Asks the cache only. */
 char *qx_get_extension_virtphone(const char *number);
 
-/* 1 when the cached index of its owner part has the extension, else 0. Asks the cache only, so
- * that an extension nobody has indexed is not there. */
+/* 1 when the cached index of its owner part has the extension, else 0. Asks the cache only: an
+ * extension that is not indexed yet counts as missing. */
 int qx_extension_exists(const char *full_number);
 
 /* --- Ids -------------------------------------------------------------------------------------- */
@@ -72,11 +71,10 @@ int qx_get_extension_usrid_from_extid(int extension_id);
 /* The name of the user, or NULL. */
 char *qx_get_user_name_from_number(SessionHandle session, const char *full_number);
 
-/* Ids of accounts below an account: those that own extensions (level 100), or, with a non-zero
- * flag, the accounts between as well (resellers, clients), level by level. The id of an account
- * that owns extensions itself gives that id. An array that ends with -1, which is all that is in
- * it when there are none; NULL when the account is not known or the database fails, never a part
- * of the ids. Release with free. Asks the database only. */
+/* Ids of the accounts below an account that own extensions (level 100). A non-zero flag adds the
+ * accounts between them (resellers, clients), level by level. For an account that owns extensions
+ * itself, its own id. The array ends with -1; release with free. NULL when the account is not known
+ * or the database fails: never a part of the ids. Asks the database only. */
 int *qx_get_extensions_of(int account_id, int flag);
 
 /* --- Preferences and system parameters -------------------------------------------------------- */
@@ -123,8 +121,8 @@ char *qx_get_extension_timezone(int extension_id);
  * cache, which has the column as it is, the number there. */
 int qx_extension_can_register(SessionHandle session, const char *full_number);
 
-/* Non-zero when the extension's user works with several users. Having no answer counts as no, and
- * when it was the database that failed, it is cached as no. */
+/* Non-zero when the extension's user works with several users, 0 also when that is not known. A
+ * database failure is cached as 0. */
 int qx_is_multiuser_aware(const char *full_number);
 
 /* Whether no phone is reachable for the extension: 0 when its SIP session lasts beyond now and is
@@ -136,15 +134,14 @@ int qx_extension_expired(const char *full_number);
  * 0; -1 when no behaviour is known, for which no list applies, and all outs are NULL.
  *
  * get_screening_prefs (full number) gives one row: behaviour, allow list, deny list, the lists
- * joined with ",". Cached, a list is a hash with a field and an equal value for each number
- * ("res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied); whoever changes the lists in the
- * database deletes both hashes with the field "scrb", or numbers that were taken out stay in them.
- */
+ * joined with ",". The cache holds a list as a hash with a field and an equal value for each number:
+ * "res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied. A program that changes the lists in the
+ * database must delete both hashes and the field "scrb"; otherwise removed numbers stay in them. */
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied);
 
-/* A time in UTC as the cache has it, "2024-02-29 12:00:00", within single quotes or without. 0, or
- * -1 for another text and for NULL; the out is not touched then. */
+/* Parses a UTC time as the cache has it, "2024-02-29 12:00:00", with or without single quotes. 0; or
+ * -1 for any other text and for NULL, and the out is not touched. */
 int redis_str2time(const char *text, time_t *time);
 
 SPOOLCAP_END_DECLARATIONS

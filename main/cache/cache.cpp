@@ -1,32 +1,38 @@
+// The C face of the cache layer: each function checks its arguments and formats its key.
 #include <spoolcap/zarn_cache.h>
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
+#include <string>
 
 #include "main/cache/client.h"
+#include "main/cache/parameters.h"
 #include "main/cache/read_through.h"
-#include "platform/velkan/velkan.h"
+#include "platform/base/text.h"
 
 namespace {
 
+bool has_null(const char *const *texts, int count) {
+  return std::find(texts, texts + count, nullptr) != texts + count;
+}
+
 char *joined_values(const call_site &site, int persistent, const char *key) {
-  string_array values;
-  const int status = cache_hgetall_values(site, persistent, key, values);
-  if (status != VK_OK) {
-    CACHE_LOG(site, "rgetall_hash_comma(%s): error %s", key, vk_strerror(status));
+  text_array values;
+  const cache_outcome outcome = cache_hgetall_values(site, persistent, key, values);
+  if (!outcome) {
+    CACHE_LOG(site, "rgetall_hash_comma(%s): error %s", key, outcome.error);
     return nullptr;
   }
   CACHE_LOG(site, "rgetall_hash_comma(%s): %d memberss", key, static_cast<int>(values.count()));
   std::string joined;
   for (size_t i = 0; i < values.count(); ++i) joined.append(i == 0 ? "" : ",").append(values[i]);
-  return values.count() == 0 ? nullptr : copy_of(joined.c_str()).release();
+  return values.count() == 0 ? nullptr : copy_text(joined).release();
 }
 
-// The lookup that drget_hash makes of its arguments: whatever the database says is cached, a
-// failed statement as an absent row too, so that a database in trouble is not asked for the same
-// value again and again.
+// The lookup of drget_hash. It caches a failed statement as an absent row, so that a database in
+// trouble is not asked for the same value again and again.
 char *read_one(const call_site &site, int persistent, const char *field, const char *sql_format,
                const char *key_format, const lookup_argument &argument, int keep_markers) {
   const field_lookup lookup = {.key_format = key_format,
@@ -40,14 +46,10 @@ char *read_one(const call_site &site, int persistent, const char *field, const c
 
 }  // namespace
 
-void ast_cache_rdlock(void) {}
-void ast_cache_wrlock(void) {}
-void ast_cache_unlock(void) {}
-
 char *rgetall_hash_comma(int persistent, const char *key_format, ...) {
   va_list arguments;
   va_start(arguments, key_format);
-  const c_string key = format_cache_key(key_format, arguments);
+  const c_string key = vformat_text(key_format, arguments);
   va_end(arguments);
   const call_site here = QX_HERE;
   if (!key) return nullptr;
@@ -58,7 +60,7 @@ char **rmget_hash(int persistent, int count, const char *const *fields, const ch
                   ...) {
   va_list arguments;
   va_start(arguments, key_format);
-  const c_string key = format_cache_key(key_format, arguments);
+  const c_string key = vformat_text(key_format, arguments);
   va_end(arguments);
   const call_site here = QX_HERE;
   if (count <= 0 || fields == nullptr || !key || has_null(fields, count)) return nullptr;
@@ -69,16 +71,14 @@ char **rmget_hash(int persistent, int count, const char *const *fields, const ch
 }
 
 void rget_free_vals(int count, char **values) {
-  if (values == nullptr) return;
-  for (int i = 0; i < count; ++i) std::free(values[i]);
-  std::free(values);
+  const text_array freed(values, static_cast<size_t>(std::max(count, 0)));
 }
 
 int rmset_hash(int persistent, int count, const char *const *fields, const char *const *values,
                const char *key_format, ...) {
   va_list arguments;
   va_start(arguments, key_format);
-  const c_string key = format_cache_key(key_format, arguments);
+  const c_string key = vformat_text(key_format, arguments);
   va_end(arguments);
   const call_site here = QX_HERE;
   if (count < 0 || fields == nullptr || values == nullptr || !key || has_null(fields, count) ||
@@ -87,14 +87,14 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
   }
   if (count == 0) return 0;
   return no_throw(-1, [&] {
-    const int status =
+    const cache_outcome outcome =
         cache_hmset(here, persistent, key.get(), fields, values, static_cast<size_t>(count));
-    if (status != VK_OK) {
-      CACHE_LOG(here, "rmset_hash(%s,X%d): error %s", key.get(), count, vk_strerror(status));
+    if (!outcome) {
+      CACHE_LOG(here, "rmset_hash(%s,X%d): error %s", key.get(), count, outcome.error);
     } else {
       CACHE_LOG(here, "rmset_hash(%s,X%d): success", key.get(), count);
     }
-    return 0;  // a lost write shows in the diagnostics only: the cache is never a condition
+    return 0;  // a lost write shows in the diagnostics only
   });
 }
 
@@ -105,9 +105,7 @@ int compare_entries(const void *left, const void *right) {
 
 const cache_binding *get_binding(int row_count, const cache_binding *table, const char *name) {
   if (row_count <= 0 || table == nullptr || name == nullptr) return nullptr;
-  const cache_binding wanted = {name, nullptr, 0, nullptr};
-  return static_cast<const cache_binding *>(std::bsearch(
-      &wanted, table, static_cast<size_t>(row_count), sizeof(cache_binding), compare_entries));
+  return find_binding({table, static_cast<size_t>(row_count)}, name);
 }
 
 char *drget_hash(int persistent, const char *field, const char *sql_format, const char *key_format,
@@ -132,16 +130,33 @@ char *drget_hash_by_id(int persistent, const char *field, const char *sql_format
                   keep_markers);
 }
 
+char **drmget_hash(int binding_count, const cache_binding *bindings, int count,
+                   const char *const *names, const char *sql_format, const char *argument,
+                   int numeric_arg, int column_mode, int keep_markers) {
+  const call_site here = QX_HERE;
+  if (binding_count <= 0 || bindings == nullptr || count <= 0 || names == nullptr ||
+      has_null(names, count)) {
+    return nullptr;
+  }
+  const bool is_number = argument != nullptr && numeric_arg != 0;
+  const parameter_query query = {
+      .bindings = {bindings, static_cast<size_t>(binding_count)},
+      .names = {names, static_cast<size_t>(count)},
+      .statement = sql_format,
+      .argument = argument,
+      .key_argument = is_number ? lookup_argument(std::atoi(argument)) : lookup_argument(argument),
+      .column_mode = column_mode != 0,
+      .keep_markers = keep_markers};
+  return no_throw<char **>(nullptr, [&] { return read_parameters(here, query).release(); });
+}
+
 int check_add_norows_to_missing_persistent(const char *key, int persistent, const char *value) {
   return norows_forbidden(QX_HERE, key, persistent, value) ? 1 : 0;
 }
 
 void filter_cache_return(char **value, int keep_markers) {
-  if (value == nullptr || *value == nullptr) return;
-  const bool hidden =
-      (std::strcmp(*value, QX_CACHE_NULL) == 0 && (keep_markers & QX_KEEP_NULL) == 0) ||
-      (std::strcmp(*value, QX_CACHE_NO_ROW) == 0 && (keep_markers & QX_KEEP_NO_ROW) == 0);
-  if (!hidden) return;
-  std::free(*value);
-  *value = nullptr;
+  if (value == nullptr) return;
+  c_string filtered(*value);
+  hide_marker(filtered, keep_markers);
+  *value = filtered.release();
 }

@@ -1,22 +1,20 @@
+// One field through the cache, with the diagnostics that all lookups share.
 #include "main/cache/read_through.h"
 
-#include <cstdio>
 #include <cstring>
 
+#include "platform/base/text.h"
+
 c_string lookup_argument::format(const char *pattern) const {
-  char *text = nullptr;
-  int length = -1;
   switch (kind_) {
-    case kind::none:
-      return c_string(strdup(pattern));
     case kind::number:
-      length = asprintf(&text, pattern, number_);
-      break;
+      return format_text(pattern, number_);
     case kind::text:
-      length = asprintf(&text, pattern, text_);
+      return format_text(pattern, text_);
+    case kind::none:
       break;
   }
-  return c_string(length < 0 ? nullptr : text);
+  return c_string(strdup(pattern));
 }
 
 namespace {
@@ -78,15 +76,13 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
     answer = {std::move(value), answer_source::database};
   }
 
-  char *filtered = answer.value.release();
-  filter_cache_return(&filtered, lookup.keep_markers);
-  answer.value.reset(filtered);
+  hide_marker(answer.value, lookup.keep_markers);
   return answer;
 }
 
 c_string column_or_nothing(MYSQL_RES *rows) {
-  const MYSQL_ROW row = next_row(rows);
-  return c_string(row == nullptr || row[0] == nullptr ? nullptr : strdup(row[0]));
+  const char *const column = first_column(rows);
+  return c_string(column == nullptr ? nullptr : strdup(column));
 }
 
 c_string column_or_marker(MYSQL_RES *rows) {

@@ -1,5 +1,4 @@
-// The read-through lookup of one field: cache, then database, then back into the cache. Internal
-// to main/.
+// The read-through lookup of one field: cache, then database, then back into the cache.
 #ifndef MAIN_CACHE_READ_THROUGH_H
 #define MAIN_CACHE_READ_THROUGH_H
 
@@ -33,49 +32,46 @@ struct field_lookup {
   int persistent = 0;
   const char *statement;
 
-  // Whether a cached text answers the question, so that the database need not be asked; NULL: any.
+  // Accepts or rejects a cached value; a rejected one is looked up in the database. NULL accepts
+  // all.
   bool (*usable)(const char *cached) = nullptr;
 
-  // The value that the database gave, which is also what is written back; null when there is none
-  // and nothing is written. `rows` is at its first row; NULL when the statement failed or gives
+  // Makes the value out of the database's answer; it is also written back. Null: there is none, and
+  // nothing is written. `rows` is at its first row, or NULL when the statement failed or gives
   // none.
   c_string (*value_of)(MYSQL_RES *rows);
 
-  // The value is never a marker, so it is written without asking whether one may be.
+  // The value is never a marker: it is written without the check of markers.
   bool unguarded = false;
 
   int keep_markers = 0;
 
-  // When not NULL, told before the database is asked.
+  // When not NULL, logged before the database is asked.
   const char *announcement = nullptr;
 
-  // When not NULL, a statement without a row is reported as a warning that begins with this text,
-  // formatted with the argument. Otherwise only a failed statement is, in the common form.
+  // When not NULL, a statement without a row is a warning that begins with this text, formatted
+  // with the argument. When NULL, only a failed statement is logged, in the common form.
   const char *complaint = nullptr;
 };
 
 enum class answer_source { cache, database, nowhere };
 
-// When the answer came from nowhere, the value is the cached text that was not usable, or null.
+// When the answer came from nowhere, the value is the rejected cached text, or null.
 struct field_answer {
   c_string value;
   answer_source source;
 };
 
-// For a lookup that takes more from the result than its one value: called with the first row before
-// the value is written back, and not at all when there is no row.
+// For a lookup that takes more from the result than its one value. Called with the first row,
+// before the value is written back; not called when there is no row.
 using row_reader = std::function<void(MYSQL_RES *rows, MYSQL_ROW row)>;
 
 field_answer read_through(const call_site &site, const field_lookup &lookup,
                           const lookup_argument &argument, SessionHandle session,
                           const row_reader &also = {});
 
-// The next row, NULL when there is none; no result has none.
-inline MYSQL_ROW next_row(MYSQL_RES *rows) {
-  return rows == nullptr ? nullptr : mysql_fetch_row(rows);
-}
-
-// First columns of first rows as values.
+// Values from the first column of the first row: null for a missing row and for NULL, or a marker
+// for each.
 c_string column_or_nothing(MYSQL_RES *rows);
 c_string column_or_marker(MYSQL_RES *rows);
 

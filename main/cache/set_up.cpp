@@ -1,3 +1,4 @@
+// Set-up of a cache client from the platform's files: servers, database, syslog levels.
 #include <spoolcap/zarn_velkan.h>
 
 #include <syslog.h>
@@ -27,7 +28,7 @@ constexpr level_word level_words[] = {
     {"NOTICE", VK_LOG_NOTICE}, {"WARNING", VK_LOG_WARNING},
 };
 
-// The two directives of the cache, and their values for as long as this lives.
+// Owner of the values of the cache's two directives.
 struct cache_directives {
   cache_directives() = default;
   cache_directives(const cache_directives &) = delete;
@@ -48,7 +49,7 @@ vk_client_t *create_client() {
   return client;
 }
 
-// False when the file of this node's options is not there at all.
+// False when the file of this node's options cannot be opened.
 bool set_up_syslog(vk_client_t *client) {
   char *found = nullptr;
   const int status =
@@ -59,8 +60,8 @@ bool set_up_syslog(vk_client_t *client) {
   return true;
 }
 
-// Adds every server that the lines name; whether there was one. A server of another partition is
-// noted by add_vk_srv_ and reported here as well, as every value that added nothing is.
+// Adds every server that the lines name; true when there was one. A server of another partition is
+// logged twice: by add_vk_srv_, and here like every value that added nothing.
 bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) {
   bool added = false;
   for (int32_t entry = 0; entry < hosts.count; entry++) {
@@ -75,7 +76,7 @@ bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) {
   return added;
 }
 
-// Neither failure is one of the set-up: the client shows it at its first command.
+// No failure here fails the set-up: the client's first command shows it.
 void select_database(vk_client_t *client, int database, const char *key) {
   if (*key != '\0') {
     const int status = vk_set_database_key(client, database, key, strlen(key));
@@ -90,8 +91,8 @@ void select_database(vk_client_t *client, int database, const char *key) {
   }
 }
 
-// Takes the first valid credentials of the own partition; whether there were any. The file named
-// in the messages is one of the two that are read, wherever the line stands.
+// Uses the first valid credentials of the own partition; true when there were any. The messages
+// name one of the two files that are read, wherever the line stands.
 bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) {
   for (int32_t entry = 0; entry < credentials.count; entry++) {
     const auto number = static_cast<size_t>(entry);
@@ -149,7 +150,7 @@ int add_vk_srv_(vk_client *client, const char *value) {
     return 1;
   }
   if (strcmp(fields[0], own_partition) != 0) {
-    // The name of a server that is passed over is not put together, and the line shows none.
+    // A skipped server has no name put together, so the line shows "(null)".
     syslog(LOG_NOTICE, "Skiping velkan server %s from partition %s", "(null)", fields[0]);
     return 1;
   }

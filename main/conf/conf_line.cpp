@@ -1,3 +1,4 @@
+// Lines of a configuration file that hold a keyword.
 #include "main/conf/conf_line.h"
 
 #include <cstring>

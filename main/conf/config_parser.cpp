@@ -1,3 +1,5 @@
+// Readers of the platform's directive files: single values, tables of directives, and records made
+// of colon-separated fields.
 #include <spoolcap/zarn_config_parser.h>
 
 #include <strings.h>
@@ -33,7 +35,7 @@ bool begins_with(const char *text, const char *keyword) {
   return ::strncasecmp(text, keyword, std::strlen(keyword)) == 0;
 }
 
-// The text of the next line that is no comment, without its leading blanks; null at the end.
+// The next line that is not a comment, without its leading blanks; null at the end of the file.
 const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size]) {
   while (std::fgets(buffer, directive_line_size, file) != nullptr) {
     const char *text = skip_blanks(buffer);
@@ -49,7 +51,7 @@ bool give(char **out, c_string text) {
   return true;
 }
 
-// What a record of colon-separated fields must look like, and what is logged of one that does not.
+// How many fields a record must have, and the complaint about one that has not.
 struct record_form {
   size_t least_fields;
   size_t most_fields;
@@ -60,7 +62,7 @@ constexpr record_form credentials_form{4, 4, "Invalid DB credentials line [%d] i
 constexpr record_form host_form{3, SIZE_MAX, "Invalid DB host line [%d] in <%s>.\n\n"};
 
 // The fields of the first record of `keyword` whose id matches, or none. A malformed record ends
-// the search, even when a good one for the id would follow.
+// the search, even if a good one for the id follows.
 value_fields find_record(const call_site &site, const record_form &form, const char *path,
                          const char *keyword, const char *id) {
   if (keyword == nullptr || id == nullptr) {
@@ -74,7 +76,7 @@ value_fields find_record(const call_site &site, const record_form &form, const c
   while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
     const c_string value = trimmed_copy(found + std::strlen(keyword));
     value_fields fields(value.get());
-    if (fields.count() == 0) return {};  // memory is short: every text has a field
+    if (fields.count() == 0) return {};  // out of memory: every text has a field
     if (fields.count() < form.least_fields || fields.count() > form.most_fields) {
       QX_LOG_AT(site, FR_LOG_ERROR, form.complaint, line_number, path);
       return {};
@@ -137,7 +139,7 @@ int qx_conf_parse_worker(const char *keyword, const char *path, char **value) {
   int line_number = 0;
   while (const char *found = next_line_with_keyword(file.get(), keyword, buffer, line_number)) {
     const char *after = found + std::strlen(keyword);
-    // As a signed byte: bytes above 127 are negative, and so may follow the keyword like blanks.
+    // Compared as a signed byte: bytes above 127 are negative, and follow the keyword like blanks.
     if (static_cast<signed char>(*after) > 0x20) continue;
     return give(value, trimmed_copy(after)) ? 0 : -1;
   }
@@ -190,8 +192,7 @@ int qx_conf_parse_multi_directives_handle_file(FILE *file, struct qx_conf_direct
   char buffer[directive_line_size];
   while (const char *text = next_directive_line(file, buffer)) {
     for (qx_conf_directive *row = table; row->name != nullptr; ++row) {
-      // No separator is asked for after the name: a longer keyword that begins with it counts as a
-      // line of it.
+      // No separator is required: a longer keyword that begins with the name counts as the name.
       if (!begins_with(text, row->name)) continue;
       if (!add_value(*row, trimmed_copy(text + std::strlen(row->name)))) return -1;
       break;

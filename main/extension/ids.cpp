@@ -1,5 +1,6 @@
 // The ids of extensions, their users and organisations, and of the accounts that own extensions.
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -7,6 +8,7 @@
 #include <spoolcap/zarn_extension.h>
 #include "main/account/levels.h"
 #include "main/extension/extension.h"
+#include "platform/base/text.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -52,13 +54,16 @@ bool ids_from_database(const call_site &site, SessionHandle session, const char 
   }
   sql_result rows;
   if (sql_query(site, own.get(), rows, with_organisation ? three_ids_statement : two_ids_statement,
-                escape_sql(full_number).c_str()) != 0)
+                escape_sql(full_number).c_str()) != 0) {
     return false;
+  }
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr || is_empty(row[extension]) || is_empty(row[user])) return false;
-  ids[extension] = copy_of(row[extension]);
-  ids[user] = copy_of(row[user]);
-  if (with_organisation) ids[organisation] = copy_of(row[organisation]);
+  ids[extension] = copy_text(row[extension]);
+  ids[user] = copy_text(row[user]);
+  if (with_organisation && row[organisation] != nullptr) {
+    ids[organisation] = copy_text(row[organisation]);
+  }
   return true;
 }
 
@@ -68,13 +73,16 @@ int read_ids(const call_site &site, SessionHandle session, const char *full_numb
   if (!key) return -1;
   id_texts ids;
   if (!ids_from_cache(site, key.get(), outs, ids)) {
-    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids))
+    if (!ids_from_database(site, session, full_number, outs[organisation] != nullptr, ids)) {
       return -1;
-    for (size_t kind = 0; kind < id_kinds; ++kind)
+    }
+    for (size_t kind = 0; kind < id_kinds; ++kind) {
       if (ids[kind]) rset_hash_str(site, 0, key.get(), id_fields[kind], ids[kind].get());
+    }
   }
-  for (size_t kind = 0; kind < id_kinds; ++kind)
+  for (size_t kind = 0; kind < id_kinds; ++kind) {
     if (outs[kind] != nullptr) *outs[kind] = number_or(-1, ids[kind]);
+  }
   return 0;
 }
 
@@ -84,8 +92,9 @@ bool add_accounts(const call_site &site, SessionHandle session, std::vector<int>
                   const char *statement, Arguments... arguments) {
   sql_result rows;
   if (sql_query(site, session, rows, statement, arguments...) != 0) return false;
-  while (const MYSQL_ROW row = next_row(rows.get()))
+  while (const MYSQL_ROW row = next_row(rows.get())) {
     if (row[0] != nullptr) ids.push_back(std::atoi(row[0]));
+  }
   return true;
 }
 
@@ -104,8 +113,9 @@ bool add_below_reseller(const call_site &site, SessionHandle session, int resell
 
 bool add_all(const call_site &site, SessionHandle session, bool with_between,
              std::vector<int> &ids) {
-  for (const int level : {LEVEL_RESELLER, LEVEL_CLIENT})
+  for (const int level : {LEVEL_RESELLER, LEVEL_CLIENT}) {
     if (with_between && !add_accounts(site, session, ids, of_level_statement, level)) return false;
+  }
   return add_accounts(site, session, ids, of_level_statement, LEVEL_OWNER);
 }
 
@@ -115,19 +125,20 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
     log_condition_failed(site);
     return nullptr;
   }
-  const int level = number_or(-1, sql_text(site, session.get(), level_statement, account_id));
+  const int level = sql_number(site, session.get(), level_statement, account_id);
   if (level < 0) return nullptr;
 
   std::vector<int> ids;
   bool known = true;
-  if (level >= LEVEL_OWNER)
+  if (level >= LEVEL_OWNER) {
     ids.push_back(account_id);
-  else if (level >= LEVEL_CLIENT)
+  } else if (level >= LEVEL_CLIENT) {
     known = add_accounts(site, session.get(), ids, children_statement, account_id);
-  else if (level >= LEVEL_RESELLER)
+  } else if (level >= LEVEL_RESELLER) {
     known = add_below_reseller(site, session.get(), account_id, with_between, ids);
-  else
+  } else {
     known = add_all(site, session.get(), with_between, ids);
+  }
   if (!known) return nullptr;
 
   ids.push_back(-1);
@@ -142,8 +153,9 @@ int qx_get_extension_ids_sess_internal(SessionHandle session, const char *full_n
                                        int *extension_id, int *user_id, int *organisation_id) {
   const call_site here = QX_HERE;
   const id_outs outs = {extension_id, user_id, organisation_id};
-  for (int *const out : outs)
+  for (int *const out : outs) {
     if (out != nullptr) *out = -1;
+  }
   if (!is_given(here, full_number)) return -1;
   return no_throw(-1, [&] { return read_ids(here, session, full_number, outs); });
 }
@@ -187,7 +199,7 @@ int qx_get_extension_owner(const char *full_number) {
 }
 
 int qx_get_extension_usrid_from_extid(int extension_id) {
-  return number_or(-1, sql_text(QX_HERE, nullptr, user_statement, extension_id));
+  return sql_number(QX_HERE, nullptr, user_statement, extension_id);
 }
 
 int *qx_get_extensions_of(int account_id, int flag) {

@@ -1,15 +1,13 @@
 // Extensions by number: full numbers, their parts, aliases, names and virtual phones.
 #include <spoolcap/zarn_extension.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "main/extension/extension.h"
+#include "platform/base/text.h"
 
 namespace {
-
-constexpr char index_key[] = "res:ind:%d:ext";
-constexpr char virtual_phones_key[] = "res:ind:vext";
 
 constexpr char full_number_statement[] =
     "SELECT extended_number FROM extension,client WHERE extension.number='%s' AND "
@@ -18,7 +16,7 @@ constexpr char from_alias_statement[] = "SELECT extended_number FROM extension W
 constexpr char alias_statement[] = "SELECT alias FROM extension WHERE extended_number='%s'";
 
 constexpr field_lookup user_name_lookup = {
-    .key_format = "res:cid:ext:%s",
+    .key_format = owner_name_key,
     .field = "ownona",
     .statement =
         "SELECT client.name FROM client,extension WHERE extended_number='%s' AND "
@@ -69,8 +67,7 @@ char *qx_get_extension_owner_str(const char *full_number) {
 }
 
 char *qx_get_padded_account_id(int account_id) {
-  char *padded = nullptr;
-  return asprintf(&padded, "%04d", account_id) < 0 ? nullptr : padded;
+  return format_text("%04d", account_id).release();
 }
 
 char *qx_get_extension_from_alias_sess(SessionHandle session, const char *alias) {
@@ -85,9 +82,9 @@ char *qx_get_alias_from_full_number(SessionHandle session, const char *full_numb
 
 char *qx_get_extension_virtphone(const char *number) {
   if (!is_given(QX_HERE, number)) return nullptr;
-  char *behind = rget_hash_str(QX_HERE, 0, virtual_phones_key, number).release();
-  filter_cache_return(&behind, 0);
-  return behind;
+  c_string behind = rget_hash_str(QX_HERE, 0, virtual_phones_key, number);
+  hide_marker(behind, 0);
+  return behind.release();
 }
 
 int qx_extension_exists(const char *full_number) {
@@ -96,7 +93,7 @@ int qx_extension_exists(const char *full_number) {
   if (qx_split_full_number(full_number, &owner, &number) != 0) return 0;
   const c_string owner_part(owner);
   const c_string number_part(number);
-  const c_string key = lookup_argument(std::atoi(owner)).format(index_key);
+  const c_string key = lookup_argument(std::atoi(owner)).format(extension_index_key);
   return key && rget_hash_str(QX_HERE, 0, key.get(), number) ? 1 : 0;
 }
 

@@ -7,7 +7,7 @@
 #include <spoolcap/zarn_extension.h>
 #include <spoolcap/zarn_str.h>
 #include "main/extension/extension.h"
-#include "platform/velkan/velkan.h"
+#include "platform/base/text.h"
 
 namespace {
 
@@ -15,7 +15,6 @@ namespace {
 constexpr const char *types[] = {"term",     "queue",    "ivr",      "voicecenter", "conference",
                                  "callback", "callcard", "intercom", "queuecenter"};
 
-constexpr char sip_session_key[] = "rtl:sipses:ext:%s";
 constexpr char timezone_statement[] =
     "SELECT timezone.name FROM extension,client,timezone WHERE extension.id='%d' AND "
     "extension.client_id=client.id AND client.timezone_id=timezone.id";
@@ -52,7 +51,7 @@ constexpr field_lookup codecs_lookup = {
     .value_of = joined_names};
 
 constexpr field_lookup can_register_lookup = {
-    .key_format = "res:sip:ext:%s",
+    .key_format = registration_key,
     .field = "creg",
     .statement = "SELECT can_register FROM ser_subscriber WHERE username='%s'",
     .value_of = column_or_nothing,
@@ -72,10 +71,8 @@ bool has_live_session(const call_site &site, const char *number) {
   const c_string key = lookup_argument(number).format(sip_session_key);
   if (!key) return false;
   const char *const fields[] = {"expires", "rch"};
-  string_array found;
-  if (cache_hmget(site, 0, key.get(), fields, 2, found) != VK_OK || found.count() != 2) {
-    return false;
-  }
+  text_array found;
+  if (!cache_hmget(site, 0, key.get(), fields, 2, found) || found.count() != 2) return false;
   const char *const expires = found[0];
   const char *const reachable = found[1];
   time_t end = 0;
@@ -109,7 +106,7 @@ char *qx_get_extension_timezone(int extension_id) {
   return sql_text(QX_HERE, nullptr, timezone_statement, extension_id).release();
 }
 
-// The database's answer counts only when it is 1; in the cache any positive number does.
+// From the database only 1 means yes; from the cache any positive number does.
 int qx_extension_can_register(SessionHandle session, const char *full_number) {
   const field_answer answer = read_extension(QX_HERE, can_register_lookup, full_number, session);
   const int number = number_or(0, answer.value);

@@ -1,11 +1,42 @@
+// Statements and the values they give.
 #include "main/sql/query.h"
 
 #include <errmsg.h>
 
 #include <cstring>
 
+#include "platform/base/text.h"
+
+namespace {
+
+__attribute__((format(printf, 3, 0))) c_string text_of(const call_site &site, SessionHandle session,
+                                                       const char *format, va_list arguments) {
+  const sql_session own(session);
+  if (!own) {
+    log_condition_failed(site);
+    return nullptr;
+  }
+  sql_result rows;
+  sql_vquery(site, own.get(), rows, format, arguments);
+  const MYSQL_ROW row = next_row(rows.get());
+  if (row == nullptr) return nullptr;
+  if (row[0] == nullptr) log_condition_failed(site);
+  return c_string(row[0] == nullptr ? nullptr : strdup(row[0]));
+}
+
+}  // namespace
+
+std::string escape_sql(const char *text) {
+  std::string escaped;
+  for (; *text != '\0'; ++text) {
+    if (*text == '\\' || *text == '"' || *text == '\'') escaped += '\\';
+    escaped += *text;
+  }
+  return escaped;
+}
+
 bool has_lacked_memory(SessionHandle session) {
-  // Without an error of its own a statement never came as far as the client library.
+  // No error code: the statement never reached the client library.
   const unsigned code = mysql_errno(fr_sql_conn_get_mysql(session));
   return code == 0 || code == CR_OUT_OF_MEMORY;
 }
@@ -30,18 +61,17 @@ int sql_query(const call_site &site, SessionHandle session, sql_result &result, 
 }
 
 c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...) {
-  const sql_session own(session);
-  if (!own) {
-    log_condition_failed(site);
-    return nullptr;
-  }
-  sql_result rows;
   va_list arguments;
   va_start(arguments, format);
-  sql_vquery(site, own.get(), rows, format, arguments);
+  c_string text = text_of(site, session, format, arguments);
   va_end(arguments);
-  const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr;
-  if (row == nullptr) return nullptr;
-  if (row[0] == nullptr) log_condition_failed(site);
-  return c_string(row[0] == nullptr ? nullptr : strdup(row[0]));
+  return text;
+}
+
+int sql_number(const call_site &site, SessionHandle session, const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const c_string text = text_of(site, session, format, arguments);
+  va_end(arguments);
+  return number_or(-1, text);
 }

@@ -1,3 +1,4 @@
+// Set-up of the process-wide SQL pool from the platform's files, and its sessions.
 #include <spoolcap/sqlsession.h>
 
 #include <sys/stat.h>
@@ -17,7 +18,7 @@ namespace {
 constexpr double idle_limit = 60.0;  // seconds
 constexpr int verbosity = 100;       // everything
 
-// The trimmed text after the keyword at `line` and one separator, whatever that is.
+// The trimmed text after the keyword at the start of `line` and one separator byte of any kind.
 c_string value_after(const char *line, size_t keyword_length) {
   const bool separated = strlen(line) > keyword_length;
   c_string value(strdup(separated ? line + keyword_length + 1 : ""));
@@ -25,7 +26,8 @@ c_string value_after(const char *line, size_t keyword_length) {
   return value;
 }
 
-// Hands every value of the keyword to `take`, in file order, until that gives false; then false.
+// Passes every value of the keyword to `take`, in file order. Stops and returns false when `take`
+// does.
 template <class Take>
 bool for_each_value(FILE *file, const char *keyword, Take &&take) {
   char buffer[conf_line_size];
@@ -47,7 +49,7 @@ void warn_if_public(FILE *credentials, const char *path) {
 bool add_shard(const char *value) {
   fr_sql_shard_t *shard = fr_sql_shard_parse_info(value);
   if (shard == nullptr) return false;
-  fr_sqlpool_shard_add(shard);  // a second shard of the same id is reported there, and no failure
+  fr_sqlpool_shard_add(shard);  // it logs a second shard of the same id, which is no failure
   return true;
 }
 

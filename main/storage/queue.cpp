@@ -2,33 +2,23 @@
 #include "main/storage/queue.h"
 
 #include <cerrno>
-#include <cstdio>
 
 #include <spoolcap/zarn_str.h>
 #include "main/cache/client.h"
 #include "main/storage/engine.h"
 #include "main/storage/names.h"
 #include "main/storage/session.h"
-#include "platform/base/owner.h"
+#include "platform/base/text.h"
 
 namespace {
 
 constexpr char upload_queue[] = "storage:upqueue:%s:%s";
 constexpr char delete_queue[] = "storage:delqueue:%s:%s";
 
-__attribute__((format(printf, 1, 2))) c_string format_text(const char *format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  c_string text = format_cache_key(format, arguments);
-  va_end(arguments);
-  return text;
-}
-
 int add_to_queue(const call_site &site, const char *queue, const char *member) {
   const c_string key = format_text(queue, s3_engine.word, storage_shard);
   if (!key) return ENOMEM;
-  const int status = cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL);
-  return status == 0 ? 0 : EIO;
+  return cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL) ? 0 : EIO;
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "main/cache/client.h"
 #include "main/sql/query.h"
 #include "main/storage/engine.h"
 #include "main/storage/names.h"
@@ -33,11 +32,13 @@ bool update_row(const media_rows &rows, const qx_storage_session &session, int f
   sql_result nothing;
   if (sql_query(QX_HERE, own.get(), nothing, location_statement, rows.table, rows.filename,
                 is_named ? escape_sql(name.c_str()).c_str() : "", session.engine->word,
-                escape_sql(session.location.c_str()).c_str(), file_id) != 0)
+                escape_sql(session.location.c_str()).c_str(), file_id) != 0) {
     return true;
-  if (!has_found_row(own.get()))
+  }
+  if (!has_found_row(own.get())) {
     QX_LOG(FR_LOG_ERROR, "Table %s has no row %d for the newly stored file [%s].\n\n", rows.table,
            file_id, name.c_str());
+  }
   return true;
 }
 
@@ -46,8 +47,9 @@ bool update_row(const media_rows &rows, const qx_storage_session &session, int f
 void record_location(const qx_storage_session &session, int file_id, const std::string &name) {
   const media_rows &rows = media_of_type(session.resource_type).rows;
   if (rows.table == nullptr ||
-      no_throw(false, [&] { return update_row(rows, session, file_id, name); }))
+      no_throw(false, [&] { return update_row(rows, session, file_id, name); })) {
     return;
+  }
   QX_LOG(FR_LOG_ERROR, "Fatal: Failed to update the database for the newly stored file [%s].\n\n",
          name.c_str());
 }

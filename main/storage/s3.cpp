@@ -81,7 +81,7 @@ bool start_download(qx_storage_session &session, const char *name, const char *e
 
 int initialize() {
   // The queues lie in the cache.
-  return renew_cache_client();
+  return recreate_cache_client() ? 0 : -1;
 }
 
 const storage_engine &choose(const call_site &site, const storage_snapshot &now) {

@@ -2,17 +2,15 @@
 #include <cstring>
 
 #include <spoolcap/zarn_str.h>
+#include "platform/base/view.h"
 
 namespace {
 
 char upper(char byte) {
   return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 32) : byte;
 }
-char lower(char byte) {
-  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte + 32) : byte;
-}
 bool is_letter(char byte) {
-  return lower(byte) >= 'a' && lower(byte) <= 'z';
+  return ascii_lower(byte) >= 'a' && ascii_lower(byte) <= 'z';
 }
 
 template <char (*Convert)(char)>
@@ -25,8 +23,8 @@ char *convert_all(char *str) {
 void convert_name(char *str) {
   const size_t length = std::strlen(str);
   for (size_t i = 0; i < length;) {
-    if (i + 2 < length && lower(str[i]) == 'm' && lower(str[i + 1]) == 'c') {
-      // "Mc" is taken for the start of a family name wherever it stands, inside words too.
+    if (i + 2 < length && ascii_lower(str[i]) == 'm' && ascii_lower(str[i + 1]) == 'c') {
+      // "Mc" counts as the start of a family name wherever it stands, inside words too.
       str[i] = 'M';
       str[i + 1] = 'c';
       str[i + 2] = upper(str[i + 2]);
@@ -38,7 +36,7 @@ void convert_name(char *str) {
       str[i + 1] = upper(str[i + 1]);
       i += 2;
     } else {
-      str[i] = lower(str[i]);
+      str[i] = ascii_lower(str[i]);
       i += 1;
     }
   }
@@ -51,13 +49,13 @@ char *zarn_str_toupper(const char *str) {
 }
 
 char *zarn_str_tolower(const char *str) {
-  return str == nullptr ? nullptr : convert_all<lower>(::strdup(str));
+  return str == nullptr ? nullptr : convert_all<ascii_lower>(::strdup(str));
 }
 
 int zarn_str_convert(char *str, int mode) {
   if (str == nullptr) return -1;
   if (mode == ZARN_CASE_UPPER) convert_all<upper>(str);
-  if (mode == ZARN_CASE_LOWER) convert_all<lower>(str);
+  if (mode == ZARN_CASE_LOWER) convert_all<ascii_lower>(str);
   if (mode == ZARN_CASE_NAME) convert_name(str);
   return 0;
 }

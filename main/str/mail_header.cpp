@@ -20,8 +20,7 @@ int columns_of(const std::string &line) {
   return static_cast<int>(line.size());
 }
 
-// Length of the first character, as its lead byte tells it; a character that the text cuts short
-// is as long as what is there.
+// Length of the first character by its lead byte, at most what is left of the text.
 size_t first_character(std::string_view text) {
   const auto told = zarn_utf8_get_char_length(static_cast<unsigned char>(text.front()));
   return std::min(static_cast<size_t>(told), text.size());
@@ -38,10 +37,9 @@ size_t fitting(std::string_view text, size_t budget) {
   return taken;
 }
 
-// Appends an encoded word with as much of the text as the line has room for, and drops that much
-// from the text. A first line may have no room at all beside a long header name and gets an empty
-// word; on a continuation line at least one character is taken, so that every text comes to its
-// end, however long the charset is.
+// Moves as much of the text as the line has room for into an encoded word on it. The first line may
+// have no room after a long header name; its word is empty then. A continuation line takes at least
+// one character, so that the loop ends however long the charset is.
 void append_word(std::string &line, bool continuation, const char *charset,
                  std::string_view &text) {
   line.append("=?").append(charset).append("?B?");
@@ -58,8 +56,8 @@ bool has_room_for(const char *address, const std::string &line) {
   return address_columns - columns_of(line) > static_cast<int>(std::strlen(address)) + 4;
 }
 
-// A round for each line: words while there is text, then the address. Without either there is no
-// line, not even of the name.
+// Each round makes one line: words while there is text, then the address. Without text and address
+// there is no line at all, not even for the name.
 std::string encode_header(const std::string &name, const char *charset, std::string_view text,
                           const char *address) {
   std::string result;
@@ -68,7 +66,7 @@ std::string encode_header(const std::string &name, const char *charset, std::str
     if (!text.empty()) {
       append_word(line, continuation, charset, text);
     } else if (continuation || has_room_for(address, line)) {
-      // A continuation line takes every address: no later one has more room.
+      // A continuation line takes any address, as no later line has more room.
       line.append(" <").append(address).append(">\n");
       address = nullptr;
     }

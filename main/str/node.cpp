@@ -20,7 +20,7 @@ char *get_nodeid(void) {
 }
 
 int zarn_sleep(float seconds) {
-  constexpr float longest = 1e9F;  // what lies beyond does not fit every time_t
+  constexpr float longest = 1e9F;  // more does not fit every time_t
   if (!(seconds >= 0 && seconds <= longest)) {
     errno = EINVAL;
     return -1;

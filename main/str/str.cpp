@@ -1,37 +1,24 @@
+// Splitting, joining, trimming and changing strings, and padded ids.
 #include <spoolcap/zarn_str.h>
 
 #include <algorithm>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "platform/base/owner.h"
+#include "platform/base/text.h"
+#include "platform/base/text_array.h"
 
 namespace {
 
 enum { trim_start = 1, trim_end = 2 };
 
-using string_list = std::unique_ptr<char *, call_to_release<zarn_str_freelist>>;
-
-char *allocate_text(size_t length) {
-  return static_cast<char *>(std::calloc(length + 1, 1));
-}
-
-char *copy_text(std::string_view text) {
-  char *copy = allocate_text(text.size());
-  if (copy != nullptr) text.copy(copy, text.size());
-  return copy;
-}
-
-// Takes the place of the caller's string, which is freed.
-int replace_with(char **str, const std::string &text) {
-  char *copy = copy_text(text);
-  if (copy == nullptr) return -1;
-  std::free(std::exchange(*str, copy));
-  return 0;
+// Puts a copy of the text in place of the caller's string, which is freed.
+void replace_with(char **str, const std::string &text) {
+  std::free(std::exchange(*str, copy_text(text).release()));
 }
 
 size_t occurrences(std::string_view text, std::string_view part) {
@@ -54,23 +41,24 @@ char *zarn_str_slice(const char *str, int start, int end) {
   const auto from = static_cast<size_t>(std::max(start, 0));
   const size_t to = std::min(text.size(), static_cast<size_t>(std::max(end, 0)));
   if (end < 0 || from > to) return nullptr;
-  return copy_text(text.substr(from, to - from));
+  return no_throw<char *>(nullptr,
+                          [=] { return copy_text(text.substr(from, to - from)).release(); });
 }
 
 char **zarn_str_split(const char *str, const char *sep) {
   if (str == nullptr || sep == nullptr || *sep == '\0') return nullptr;
-  std::string_view rest(str);
-  const std::string_view separator(sep);
-  const size_t most_fields = occurrences(rest, separator) + 1;
-  string_list list(static_cast<char **>(std::calloc(most_fields + 1, sizeof(char *))));
-  if (!list) return nullptr;
-  for (char **field = list.get(); !rest.empty(); ++field) {
-    const size_t length = std::min(rest.find(separator), rest.size());
-    *field = copy_text(rest.substr(0, length));
-    if (*field == nullptr) return nullptr;
-    rest.remove_prefix(std::min(length + separator.size(), rest.size()));
-  }
-  return list.release();
+  return no_throw<char **>(nullptr, [=] {
+    std::string_view rest(str);
+    const std::string_view separator(sep);
+    const size_t most_fields = occurrences(rest, separator) + 1;
+    text_array list(most_fields + 1);
+    for (size_t field = 0; !rest.empty(); ++field) {
+      const size_t length = std::min(rest.find(separator), rest.size());
+      list.set(field, copy_text(rest.substr(0, length)));
+      rest.remove_prefix(std::min(length + separator.size(), rest.size()));
+    }
+    return list.release();
+  });
 }
 
 char **zarn_str_split_char(const char *str, char ch) {
@@ -80,23 +68,20 @@ char **zarn_str_split_char(const char *str, char ch) {
 
 int zarn_str_freelist(char **list) {
   if (list == nullptr) return -1;
-  for (char **element = list; *element != nullptr; ++element) std::free(*element);
-  std::free(list);
+  const text_array freed = text_array::of_list(list);
   return 0;
 }
 
 char *zarn_str_append(char **dst, const char *format, ...) {
   if (dst == nullptr || format == nullptr) return nullptr;
-  char *formatted = nullptr;
   va_list args;
   va_start(args, format);
-  const int formatted_length = ::vasprintf(&formatted, format, args);
+  c_string text = vformat_text(format, args);
   va_end(args);
-  if (formatted_length < 0) return nullptr;
-  c_string text(formatted);
+  if (!text) return nullptr;
   if (*dst == nullptr) return *dst = text.release();
 
-  const size_t added = static_cast<size_t>(formatted_length) + 1;
+  const size_t added = std::strlen(text.get()) + 1;
   const size_t length = std::strlen(*dst);
   void *grown = std::realloc(*dst, length + added);
   if (grown == nullptr) return nullptr;
@@ -119,7 +104,8 @@ int zarn_str_replace(char **str, const char *from, const char *to) {
       copied = at + old_part.size();
     }
     replaced.append(text, copied);
-    return replace_with(str, replaced);
+    replace_with(str, replaced);
+    return 0;
   });
 }
 
@@ -139,8 +125,7 @@ int zarn_str_trim(char **str, int mode) {
 }
 
 int zarn_str_delete(char **str, int pos, int count) {
-  // -1 in every case: callers never had a result to test, and one that meant something now would
-  // only tempt them.
+  // -1 in every case: no caller has ever had a result to test, and that stays so.
   if (str == nullptr || *str == nullptr || pos < 0 || count <= 0) return -1;
   const size_t length = std::strlen(*str);
   const auto at = static_cast<size_t>(pos);
@@ -156,7 +141,8 @@ int zarn_str_insert(char **str, int pos, const char *text) {
     const auto at = static_cast<size_t>(pos);
     std::string whole(*str);
     if (at > whole.size()) return -1;
-    return replace_with(str, whole.insert(at, text));
+    replace_with(str, whole.insert(at, text));
+    return 0;
   });
 }
 
@@ -165,20 +151,20 @@ char *zarn_str_join(char *const *list, const char *sep) {
   return no_throw<char *>(nullptr, [&] {
     std::string joined(*list);
     while (*++list != nullptr) joined.append(sep == nullptr ? "" : sep).append(*list);
-    return copy_text(joined);
+    return copy_text(joined).release();
   });
 }
 
 char *ast_pad_id(int id, unsigned width) {
   if (width == 0) return nullptr;
-  char *padded = allocate_text(width);
-  if (padded == nullptr) return nullptr;
-  std::memset(padded, '0', width);
-  // An id with more digits than fit keeps its lowest ones: paths that were made so must be found.
+  c_string padded(static_cast<char *>(std::calloc(size_t{width} + 1, 1)));
+  if (!padded) return nullptr;
+  std::memset(padded.get(), '0', width);
+  // An id with more digits than fit keeps its lowest ones: existing paths were made that way.
   for (unsigned place = width; place > 0 && id > 0; id /= 10) {
-    padded[--place] = static_cast<char>('0' + id % 10);
+    padded.get()[--place] = static_cast<char>('0' + id % 10);
   }
-  return padded;
+  return padded.release();
 }
 
 int zarn_utf8_get_char_length(unsigned char byte) {

@@ -1,4 +1,4 @@
-// Account lookups for the engine. Internal to main/.
+// Where an account stands in the tree of accounts, for the quota engine.
 #ifndef MAIN_USER_ACCOUNT_PLACE_H
 #define MAIN_USER_ACCOUNT_PLACE_H
 
@@ -10,7 +10,7 @@ struct account_place {
   c_string parent_id;  // empty when there is none, null when it is not known
 };
 
-// What qx_account_get_level_sess and qx_account_get_parent_str_sess give, in one read when the
+// The results of qx_account_get_level_sess and qx_account_get_parent_str_sess, in one read when the
 // cache has both.
 account_place get_account_place(SessionHandle session, int account_id);
 

@@ -1,3 +1,4 @@
+// Lookups of one account: parent, level, status, name, extensions and preferences.
 #include <spoolcap/zarn_user.h>
 
 #include <cstdlib>
@@ -7,17 +8,13 @@
 
 #include <spoolcap/zarn_cache.h>
 #include <spoolcap/zarn_extension.h>
-#include "main/cache/client.h"
-#include "main/cache/read_through.h"
+#include "main/cache/keys.h"
+#include "main/cache/parameters.h"
 #include "main/user/account_place.h"
+#include "platform/base/text.h"
 #include "platform/base/view.h"
-#include "platform/velkan/velkan.h"
 
 namespace {
-
-constexpr char account_key[] = "res:inf:mng:%d";
-constexpr char limits_key[] = "res:pre:mng:%d";
-constexpr char extensions_key[] = "res:ind:%d:ext";
 
 constexpr char extensions_statement[] = "SELECT number, id FROM extension WHERE client_id = '%d'";
 constexpr char prefs_statement[] =
@@ -30,9 +27,10 @@ constexpr cache_binding pref_bindings[] = {
     {"max_record", limits_key, 0, "mrec"},          {"max_sound", limits_key, 0, "msnd"},
     {"max_voice", limits_key, 0, "mvoc"},
 };
+static_assert(is_sorted_by_name(pref_bindings));
 constexpr int pref_count = static_cast<int>(std::size(pref_bindings));
 
-// A text that is no number, a marker for one, counts as the number 0 and is taken for an answer.
+// Text that is no number, such as a marker, counts as 0 and is accepted.
 bool not_negative(const char *cached) {
   return std::atoi(cached) >= 0;
 }
@@ -51,8 +49,8 @@ c_string filled_column(MYSQL_RES *rows) {
   return is_empty(column.get()) ? nullptr : std::move(column);
 }
 
-// A lookup in the account's hash. A cached text is the answer whatever it is, so no marker is
-// hidden; none is written either.
+// A lookup in the account's hash. Any cached text is the answer, so no marker is hidden; none is
+// written either.
 constexpr field_lookup account_field(const char *field, const char *statement,
                                      bool (*usable)(const char *),
                                      c_string (*value_of)(MYSQL_RES *),
@@ -82,10 +80,6 @@ constexpr field_lookup name_lookup =
     account_field("nam", "SELECT name FROM client WHERE id = %d", nullptr, column_or_nothing,
                   "Could not query for client name with id %d");
 
-int number_of(const field_answer &answer) {
-  return answer.value ? std::atoi(answer.value.get()) : -1;
-}
-
 // The extensions as the database has them, each also written to the index in the cache.
 char **extensions_from_database(const call_site &site, SessionHandle session, const char *key,
                                 const char *parent_id, int account_id, bool numbers_only,
@@ -104,7 +98,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
   const size_t row_count = mysql_num_rows(rows.get());
   if (row_count == 0) return nullptr;
 
-  string_array numbers(row_count);
+  text_array numbers(row_count);
   *count = row_count;
   for (size_t i = 0; i < row_count; ++i) {
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -112,7 +106,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
     const char *const number = row[0];
     const char *const id = row[1];
     if (number == nullptr) continue;
-    numbers.set(i, numbers_only ? copy_of(number)
+    numbers.set(i, numbers_only ? copy_text(number)
                                 : c_string(qx_get_full_number_sess(own.get(), parent_id, number)));
     if (id != nullptr) cache_hset(site, 0, key, number, id);
   }
@@ -121,14 +115,16 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
 
 char **read_extensions(const call_site &site, SessionHandle session, const char *parent_id,
                        int account_id, bool numbers_only, size_t *count) {
-  const c_string key = lookup_argument(account_id).format(extensions_key);
+  const c_string key = lookup_argument(account_id).format(extension_index_key);
   if (!key) return nullptr;
-  string_array numbers;
-  string_array ids;
-  if (cache_hgetall(site, 0, key.get(), numbers, ids, count) != VK_OK) {
+  *count = 0;
+  std::optional<hash_entries> index = cache_hgetall(site, 0, key.get());
+  if (!index) {
     return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only,
                                     count);
   }
+  text_array &numbers = index->fields;
+  *count = numbers.count();
   for (size_t i = 0; !numbers_only && i < numbers.count(); ++i) {
     numbers.set(i, c_string(qx_get_full_number_sess(session, parent_id, numbers[i])));
   }
@@ -148,7 +144,8 @@ int qx_account_get_parent_sess(SessionHandle session, int account_id) {
 }
 
 int qx_account_get_level_sess(SessionHandle session, int account_id) {
-  return number_of(read_through(QX_HERE, level_lookup, lookup_argument(account_id), session));
+  return number_or(-1,
+                   read_through(QX_HERE, level_lookup, lookup_argument(account_id), session).value);
 }
 
 int qx_account_get_level(int account_id) {
@@ -158,7 +155,7 @@ int qx_account_get_level(int account_id) {
 account_place get_account_place(SessionHandle session, int account_id) {
   const c_string key = lookup_argument(account_id).format(account_key);
   const char *const fields[] = {level_lookup.field, parent_lookup.field};
-  string_array cached;
+  text_array cached;
   if (key) cached = rmget_hash_key(QX_HERE, 0, key.get(), fields, std::size(fields));
   if (cached && cached[0] != nullptr && cached[1] != nullptr && not_negative(cached[0])) {
     return {std::atoi(cached[0]), cached.take(1)};
@@ -168,16 +165,17 @@ account_place get_account_place(SessionHandle session, int account_id) {
 }
 
 int qx_user_get_status(int account_id) {
-  return number_of(read_through(QX_HERE, status_lookup, lookup_argument(account_id), nullptr));
+  return number_or(
+      -1, read_through(QX_HERE, status_lookup, lookup_argument(account_id), nullptr).value);
 }
 
-// Only the answer of the database is reduced to its last two digits: the cache holds the whole
-// number and gives it unreduced, so the first caller and later ones see different values. Callers
-// live with that, and the number in the cache is shared with other readers.
+// Only the database's answer is reduced to its last two digits. The cache holds the whole number,
+// which other readers share, and returns it unreduced: later callers see another value than the
+// first. Callers depend on both.
 int qx_user_get_phonestatus(int account_id) {
   const field_answer answer =
       read_through(QX_HERE, phone_status_lookup, lookup_argument(account_id), nullptr);
-  const int status = number_of(answer);
+  const int status = number_or(-1, answer.value);
   return answer.source == answer_source::database ? status % 100 : status;
 }
 
@@ -198,13 +196,12 @@ char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id,
 }
 
 char **qx_account_get_prefs(int account_id, int count, const char *const *names) {
-  const c_string id = lookup_argument(account_id).format("%d");
+  const c_string id = format_text("%d", account_id);
   if (!id) return nullptr;
   return drmget_hash(pref_count, pref_bindings, count, names, prefs_statement, id.get(), 1, 0, 0);
 }
 
 char *qx_account_get_pref(int account_id, const char *name) {
   if (get_binding(pref_count, pref_bindings, name) == nullptr) return nullptr;
-  string_array values(qx_account_get_prefs(account_id, 1, &name), 1);
-  return values ? values.take(0).release() : nullptr;
+  return only_text(qx_account_get_prefs(account_id, 1, &name)).release();
 }

@@ -15,6 +15,7 @@
 #include <shared_mutex>
 
 #include "platform/base/owner.h"
+#include "platform/base/text.h"
 
 namespace {
 
@@ -65,11 +66,10 @@ void open_syslog() {
 }
 
 __attribute__((format(printf, 1, 0))) c_string format_message(const char *format, va_list args) {
-  char *formatted = nullptr;
-  if (::vasprintf(&formatted, format, args) < 0) return nullptr;
-  c_string text(formatted);
-  size_t length = std::strlen(formatted);
-  while (length > 0 && formatted[length - 1] == '\n') formatted[--length] = '\0';
+  c_string text = vformat_text(format, args);
+  if (!text) return nullptr;
+  size_t length = std::strlen(text.get());
+  while (length > 0 && text.get()[length - 1] == '\n') text.get()[--length] = '\0';
   return text;
 }
 

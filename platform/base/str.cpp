@@ -1,3 +1,4 @@
+// Text helpers of the base library: trim, split, join, base64.
 #include "platform/base/str.h"
 
 #include <openssl/evp.h>
@@ -7,13 +8,9 @@
 #include <cstring>
 
 #include "platform/base/owner.h"
+#include "platform/base/text.h"
+#include "platform/base/text_array.h"
 #include "platform/base/view.h"
-
-namespace {
-
-using field_list = std::unique_ptr<char *, call_to_release<fr_explode_free>>;
-
-}  // namespace
 
 char *fr_str_trim(char *text, int mode) {
   if (text == nullptr) return nullptr;
@@ -32,25 +29,22 @@ char *fr_str_trim(char *text, int mode) {
 
 char **fr_explode(const char *text, char separator, size_t *count) {
   if (text == nullptr) return nullptr;
-  const char *end = text + std::strlen(text);
-  const size_t fields = static_cast<size_t>(std::count(text, end, separator)) + 1;
-  field_list list(static_cast<char **>(std::calloc(fields + 1, sizeof(char *))));
-  if (!list) return nullptr;
-  for (size_t i = 0; i < fields; ++i) {
-    const char *stop = std::find(text, end, separator);
-    char *field = ::strndup(text, static_cast<size_t>(stop - text));
-    if (field == nullptr) return nullptr;
-    list.get()[i] = field;
-    text = stop + 1;
-  }
-  if (count != nullptr) *count = fields;
-  return list.release();
+  return no_throw<char **>(nullptr, [=] {
+    std::string_view rest(text);
+    const auto fields = static_cast<size_t>(std::count(rest.begin(), rest.end(), separator)) + 1;
+    text_array list(fields + 1);
+    for (size_t i = 0; i < fields; ++i) {
+      const size_t length = std::min(rest.find(separator), rest.size());
+      list.set(i, copy_text(rest.substr(0, length)));
+      rest.remove_prefix(std::min(length + 1, rest.size()));
+    }
+    if (count != nullptr) *count = fields;
+    return list.release();
+  });
 }
 
 void fr_explode_free(char **fields) {
-  if (fields == nullptr) return;
-  for (char **field = fields; *field != nullptr; ++field) std::free(*field);
-  std::free(fields);
+  const text_array freed = text_array::of_list(fields);
 }
 
 char *fr_implode(char *const *fields, size_t first, size_t last, char separator) {

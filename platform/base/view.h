@@ -8,6 +8,11 @@ inline bool is_empty(const char *text) {
   return text == nullptr || *text == '\0';
 }
 
+// An ASCII letter in lower case; every other byte unchanged, whatever the locale.
+constexpr char ascii_lower(char byte) {
+  return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+}
+
 // The standard isspace class.
 inline constexpr std::string_view white_space = " \t\n\v\f\r";
 

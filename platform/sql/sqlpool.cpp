@@ -5,9 +5,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
+#include <cstring>
 #include <utility>
 
+#include "platform/base/text.h"
 #include "platform/sql/pool.h"
 #include "platform/sql/statement.h"
 
@@ -82,17 +83,15 @@ bool read_results(MYSQL *mysql, mysql_result &first) {
 }
 
 int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, va_list arguments) {
-  char *formatted = nullptr;
-  const int length = vasprintf(&formatted, format, arguments);
-  if (length < 0) return fail(session, CR_OUT_OF_MEMORY, out_of_memory);
-  const c_string statement(formatted);
-  const auto size = static_cast<unsigned long>(length);
-  const bool reads = is_read_statement({formatted, size});
+  const c_string statement = vformat_text(format, arguments);
+  if (!statement) return fail(session, CR_OUT_OF_MEMORY, out_of_memory);
+  const size_t size = strlen(statement.get());
+  const bool reads = is_read_statement({statement.get(), size});
   if (attach(session, reads ? sql_purpose::read : sql_purpose::write) != 0) return -1;
 
   MYSQL *const mysql = handle_of(session);
   mysql_result first;
-  if (mysql_real_query(mysql, formatted, size) != 0 || !read_results(mysql, first)) {
+  if (mysql_real_query(mysql, statement.get(), size) != 0 || !read_results(mysql, first)) {
     // Where the library names no reason, it was short of memory in the middle of an answer.
     if (mysql_errno(mysql) == 0) set_error(mysql, CR_OUT_OF_MEMORY, out_of_memory);
     if (is_lost(mysql)) session.connection.server = nullptr;
