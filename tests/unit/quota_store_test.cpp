@@ -4,13 +4,11 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <thread>
 
 #include <spoolcap/sqlsession.h>
 #include "main/quota/marks.h"
@@ -164,20 +162,6 @@ TEST_F(Store, MissingDirectoriesAreMadeUpToTheFirstObstacle) {
     EXPECT_EQ(fs::status(path(row.there)).permissions(), fs::perms{0770});
   }
   EXPECT_EQ(make_dirs(nullptr, 0770, 0, 0), -1);
-}
-
-TEST_F(Store, SeveralThreadsMayMakeOneDirectoryAtOnce) {
-  std::atomic<int> failures = 0;
-  const auto make = [&] {
-    for (int i = 0; i < 60; ++i) {
-      const std::string folder = path(std::to_string(i)) + "/a/b/c/d/e/f";
-      failures -= make_dirs(folder.c_str(), 0770, ::getuid(), ::getgid());
-    }
-  };
-  std::vector<std::jthread> makers(4);
-  for (std::jthread &maker : makers) maker = std::jthread(make);
-  makers.clear();
-  EXPECT_EQ(failures, 0);
 }
 
 TEST_F(Store, ANumberWithoutADotNeverBecomesARecord) {

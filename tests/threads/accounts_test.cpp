@@ -1,7 +1,7 @@
 // Several threads at once on one platform, as a component that serves many calls has them: each
-// gets its own right answers, and what they change together adds up. The thread sanitizer runs
-// these.
+// gets its own right answers, and what they change together adds up.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <thread>
@@ -10,6 +10,7 @@
 #include <spoolcap/zarn_db_files.h>
 #include <spoolcap/zarn_extension.h>
 #include <spoolcap/zarn_user.h>
+#include "main/quota/folder.h"
 #include "tests/unit/lookup_fixture.h"
 
 namespace {
@@ -71,6 +72,16 @@ TEST_F(Threads, LookupsAnswerForTheAccountThatTheirThreadAskedFor) {
           to_string(qx_get_extension_usrid(full.c_str())),
           to_string(qx_get_db_files_quota("extension_recording", 100, n.c_str()))};
       EXPECT_EQ(answers, expected);
+    }
+  });
+  EXPECT_EQ(log.count("Adding vk server ["), 1U) << "one client for all";
+}
+
+TEST_F(Threads, MayMakeOneDirectoryAtOnce) {
+  for_each_owner([&](int) {
+    for (int i = 0; i < 60; ++i) {
+      const std::string folder = box.path(to_string(i)) + "/a/b/c/d/e/f";
+      EXPECT_EQ(make_dirs(folder.c_str(), 0770, ::getuid(), ::getgid()), 0);
     }
   });
 }
