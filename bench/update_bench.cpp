@@ -122,8 +122,10 @@ int main(int argc, char **argv) {
   box.add_owner(owner_id, 2, "owner");
   std::vector<std::string> records;
   for (const int account : {1, 2, owner_id}) box.set_preference(account, "max_record", "1000");
-  for (const std::string place : {"1/", "1/2/", "1/2/" + std::to_string(owner_id) + "/"}) {
-    records.push_back(box.quota_path(place + "recording"));
+  const std::string below_client = "1/2/" + std::to_string(owner_id) + "/recording";
+  for (const std::string &file :
+       {std::string("1/recording"), std::string("1/2/recording"), below_client}) {
+    records.push_back(box.quota_path(file));
     box.write_file(records.back(), "5.1");
   }
   const support::private_folder on_disk("bench-update");
