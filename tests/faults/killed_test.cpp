@@ -1,5 +1,8 @@
 // Work that is killed, before each of its calls that change the disk in turn.
+#include <fcntl.h>
+
 #include <spoolcap/quota.h>
+#include "main/quota/record.h"
 #include "tests/faults/traced.h"
 #include "tests/unit/storage_fixture.h"
 
@@ -41,6 +44,20 @@ TEST_F(Killed, AFastUpdateWasDoneOrNot) {
                           EXPECT_EQ(box.read_file(path + ".dirty"), std::nullopt);
                         });
   }
+}
+
+TEST_F(Killed, AWriteNeverMakesARecordOfANumberWithoutADot) {
+  constexpr int64_t written_value = 123'456'789'012;
+  const auto opened = [&] {
+    return unique_fd(::open(box.path("record").c_str(), O_RDWR | O_CLOEXEC));
+  };
+  kill_at_each_change([&] { box.write_file("record", "7000"); },
+                      [&] { quota_write_internal(opened().get(), written_value, 0); },
+                      [&] {
+                        int64_t value = written_value;
+                        quota_read_internal(opened().get(), &value, nullptr);
+                        EXPECT_EQ(value, written_value);
+                      });
 }
 
 TEST_F(Killed, ACommitLeavesAWholeFileOrNone) {
