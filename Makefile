@@ -2,7 +2,7 @@
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
 #   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
-# Others: build, bench, lint, sanitize, fuzz, install, deps, format, clean.
+# Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
@@ -11,13 +11,12 @@ PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
-UNITS = $(filter %.cpp,$(SOURCES))
 
-.PHONY: all build demo test bench faults lint sanitize fuzz deps install format clean
+.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps install format clean
 all: build
 
 deps:
-	@packaging/install-deps
+	@dev/install-deps
 
 $(BUILD)/build.ninja: | deps
 	cmake --preset release
@@ -30,11 +29,11 @@ demo: deps $(BUILD)/build.ninja
 	@$(BUILD)/bin/testbed demo/demo
 
 test: deps $(BUILD)/build.ninja
-	cmake --build --preset release
+	cmake --build --preset release --target test_programs
 	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
 
 bench: deps $(BUILD)/build.ninja
-	cmake --build --preset release
+	cmake --build --preset release --target bench_programs
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
 faults: deps $(BUILD)/build.ninja
@@ -49,17 +48,22 @@ sanitize: deps
 	build/sanitize-threads/bin/testbed ctest --preset sanitize-threads -j $(JOBS)
 
 fuzz:
-	@packaging/install-deps clang libclang-rt-dev llvm
+	@dev/install-deps clang libclang-rt-dev llvm
 	cmake --preset fuzz
 	cmake --build --preset fuzz
 	@fuzz/run build/fuzz $(FUZZ_SECONDS)
 
+# Counts of an earlier run would be added to.
+coverage:
+	@dev/install-deps gcovr
+	cmake --preset coverage
+	cmake --build --preset coverage
+	find build/coverage -name '*.gcda' -delete
+	@build/coverage/bin/testbed ctest --preset coverage -j $(JOBS); status=$$?; \
+	  dev/coverage build/coverage; exit $$status
+
 lint: deps $(BUILD)/build.ninja
-	@lint/check-includes $(BUILD)
-	@clang-format --dry-run --Werror $(SOURCES)
-	cmake --build --preset release
-	@printf '%s\n' $(UNITS) | xargs -P $(JOBS) -n 1 \
-	  clang-tidy --quiet -p $(BUILD) --extra-arg=-Wno-unknown-warning-option
+	@lint/run $(BUILD) $(JOBS)
 
 format:
 	clang-format -i $(SOURCES)

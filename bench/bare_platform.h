@@ -22,8 +22,9 @@ class bare_platform {
   // database, and the folder that holds the platform.
   explicit bare_platform(char **argv) : root(argv[7]) {
     if (mysql_real_connect(sql_.get(), nullptr, argv[2], argv[3], argv[4], 0, argv[1], 0) ==
-        nullptr)
+        nullptr) {
       abort();
+    }
     cache_.reset(redisConnectUnix(argv[5]));
     reply_of("SELECT %s", argv[6]);
   }

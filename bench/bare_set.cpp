@@ -22,8 +22,9 @@ void write_record(const std::string &path, int64_t value) {
   struct stat status;
   if (flock(file.get(), LOCK_EX) != 0 ||
       pwrite(file.get(), record, static_cast<size_t>(length), 0) != length ||
-      fstat(file.get(), &status) != 0)
+      fstat(file.get(), &status) != 0) {
     abort();
+  }
   if (status.st_size > length && ftruncate(file.get(), length) != 0) abort();
 }
 

@@ -24,8 +24,9 @@ using command = std::vector<std::string>;
 long run_silently(const support::sandbox &box, const command &arguments) {
   setenv(support::paths_root_variable, box.root().c_str(), 1);
   std::vector<char *> argv;
-  for (const std::string &argument : arguments)
+  for (const std::string &argument : arguments) {
     argv.push_back(const_cast<char *>(argument.c_str()));
+  }
   argv.push_back(nullptr);
   posix_spawn_file_actions_t silence;
   posix_spawn_file_actions_init(&silence);

@@ -26,8 +26,9 @@ mysql_connection connect_mysql(const support::sandbox &box) {
   mysql_connection connection(mysql_init(nullptr));
   if (mysql_real_connect(connection.get(), nullptr, support::database_user,
                          support::database_password, box.database().c_str(), 0,
-                         support::shared_servers().mariadb_socket.c_str(), 0) == nullptr)
+                         support::shared_servers().mariadb_socket.c_str(), 0) == nullptr) {
     abort();
+  }
   return connection;
 }
 
@@ -65,8 +66,9 @@ int main(int argc, char **argv) {
   box.add_reseller(1, "reseller");
   box.add_client(2, 1, "client");
   box.add_owner(owner_id, 2, "owner");
-  for (const char *name : {"max_moh", "max_record", "max_sound"})
+  for (const char *name : {"max_moh", "max_record", "max_sound"}) {
     box.set_preference(owner_id, name, "100");
+  }
   box.sql(
       "INSERT INTO extension(id, client_id, number, extended_number) "
       "SELECT seq, 12, seq, CONCAT('0002*', seq) FROM seq_1_to_20000");

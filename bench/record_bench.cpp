@@ -30,8 +30,9 @@ void truncate_and_write(const std::string &path) {
   const int length =
       snprintf(record, sizeof record, "%lld.0", static_cast<long long>(next_value()));
   if (flock(file.get(), LOCK_EX) != 0 || ftruncate(file.get(), 0) != 0 ||
-      write(file.get(), record, static_cast<size_t>(length)) != length)
+      write(file.get(), record, static_cast<size_t>(length)) != length) {
     abort();
+  }
 }
 
 }  // namespace
@@ -39,13 +40,15 @@ void truncate_and_write(const std::string &path) {
 int main(int argc, char **argv) {
   const support::private_folder folder("bench-record");
   struct statfs file_system;
-  if (statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic)
+  if (statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic) {
     printf("(the next figure has its target on ext4; this file system is another)\n");
+  }
   const std::string truncated = folder.path() / "sound.quota";
   quota_folder account(folder.path());
   if (!account.open() || quota_real_update(account, "fax.quota", 1, 0) != 0 ||
-      quota_real_update(account, "sound.quota", 1, 0) != 0)
+      quota_real_update(account, "sound.quota", 1, 0) != 0) {
     return 1;
+  }
   ratio::at_most(
       0.15, "rewriting a quota record", "open, lock, truncate to 0, write, close",
       ratio::once([&account] { quota_real_update(account, "fax.quota", next_value(), 0); }),

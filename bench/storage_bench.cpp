@@ -26,8 +26,9 @@ const std::string content(64 * 1024, 'x');
 
 void write_content(const char *path, int flags) {
   const unique_fd file(open(path, O_WRONLY | O_CLOEXEC | flags, 0770));
-  if (write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+  if (write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
     abort();
+  }
 }
 
 void store(int id) {

@@ -50,13 +50,15 @@ int64_t bare_walk_at(int parent, const char *name, size_t depth) {
       auto *entry = reinterpret_cast<dirent64 *>(buffer + offset);
       offset += entry->d_reclen;
       if (entry->d_type == DT_DIR) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
           total += bare_walk_at(directory.get(), entry->d_name, depth + 1);
+        }
         continue;
       }
       struct stat status;
-      if (fstatat(directory.get(), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode))
+      if (fstatat(directory.get(), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode)) {
         total += status.st_size;
+      }
     }
   }
 }

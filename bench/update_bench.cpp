@@ -28,8 +28,9 @@ void bare_update(const std::string &path) {
   char record[32] = {};
   if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
       read(file.get(), record, sizeof record - 1) <= 0 || lseek(file.get(), 0, SEEK_SET) != 0 ||
-      ftruncate(file.get(), 0) != 0)
+      ftruncate(file.get(), 0) != 0) {
     abort();
+  }
   const int length = snprintf(record, sizeof record, "%lld.%d", atoll(record) + 1, 1);
   if (write(file.get(), record, static_cast<size_t>(length)) != length) abort();
 }

@@ -51,8 +51,9 @@ void read_section(line_reader &lines, const char *section, const char *const *ke
   while (const auto line = lines.next()) {
     if (is_ignorable(line->data(), '#', 0) != 0) continue;
     // A header with text around it still opens its section.
-    if (section != nullptr && is_header(*line))
+    if (section != nullptr && is_header(*line)) {
       inside = line->find(header) != std::string_view::npos;
+    }
     if (!inside) continue;
     const std::optional<setting> found = split_setting(*line, true);
     if (!found) continue;

@@ -85,8 +85,10 @@ int validate_file_ext(const char *name, const char *const *extensions, int case_
   const std::string_view extension = extension_of(view_of(name));
   if (extension.empty() || extensions == nullptr) return 0;
   for (; *extensions != nullptr; ++extensions) {
-    if (case_sensitive != 0 ? extension == *extensions : same_ignoring_case(extension, *extensions))
+    if (case_sensitive != 0 ? extension == *extensions
+                            : same_ignoring_case(extension, *extensions)) {
       return 1;
+    }
   }
   return 0;
 }
@@ -106,8 +108,9 @@ int validate_alnum(const char *text, int length) {
 void free_pw_nam(struct passwd *entry) {
   if (entry == nullptr) return;
   for (char *text :
-       {entry->pw_name, entry->pw_passwd, entry->pw_gecos, entry->pw_dir, entry->pw_shell})
+       {entry->pw_name, entry->pw_passwd, entry->pw_gecos, entry->pw_dir, entry->pw_shell}) {
     std::free(text);
+  }
   std::free(entry);
 }
 
@@ -115,8 +118,9 @@ void free_gr_nam(struct group *entry) {
   if (entry == nullptr) return;
   std::free(entry->gr_name);
   std::free(entry->gr_passwd);
-  for (char **member = entry->gr_mem; member != nullptr && *member != nullptr; ++member)
+  for (char **member = entry->gr_mem; member != nullptr && *member != nullptr; ++member) {
     std::free(*member);
+  }
   std::free(entry->gr_mem);
   std::free(entry);
 }

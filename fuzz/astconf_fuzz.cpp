@@ -17,8 +17,9 @@ fuzz::optional_text expected(const std::vector<std::string> &lines, bool has_sec
     if (has_sections && line.starts_with('#')) continue;
     const bool has_brackets =
         line.find('[') != std::string::npos && line.find(']') != std::string::npos;
-    if (!section.empty() && has_brackets)
+    if (!section.empty() && has_brackets) {
       inside = line.find("[" + section + "]") != std::string::npos;
+    }
     const bool is_arrow = !has_sections || line.find("=>") != std::string::npos;
     const size_t end = line.find(is_arrow ? "=>" : "=");
     if (!inside || end == std::string::npos) continue;

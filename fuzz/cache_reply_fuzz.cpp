@@ -86,8 +86,9 @@ result ask(const client_owner &client) {
   char **values = nullptr;
   got.status = vk_hgetall(client.get(), "k", 1, &count, &fields, &values, 1, 0);
   REQUIRE(got.status == VK_OK || (fields == nullptr && values == nullptr && count == 0));
-  for (size_t i = 0; i < 2 * count; ++i)
+  for (size_t i = 0; i < 2 * count; ++i) {
     got.pairs.push_back(fuzz::owned(i % 2 == 0 ? fields[i / 2] : values[i / 2]).value_or(""));
+  }
   std::free(static_cast<void *>(fields));
   std::free(static_cast<void *>(values));
   return got;

@@ -92,11 +92,10 @@ void check_keyword_anywhere(const char *path, const texts &lines) {
 void check_parseconfig(const fuzz::memory_file &file, std::string_view content) {
   const std::string value(content.substr(0, content.find('\n')));
   file.assign(std::string(content) + "\n QUORVEX_QUOTA_D\t= \"" + value + "\"\n");
-  safestr_t found = nullptr;
+  std::string found;
   const parseconfig_entry entry = {"QUORVEX_QUOTA_D", &found};
   REQUIRE(parseconfig(file.path().c_str(), &entry, 1) == 0);
-  const safestr_owner owner(found);
-  REQUIRE(value == std::string_view(found, safestr_length(found)));
+  REQUIRE(value == found);
 }
 
 }  // namespace

@@ -49,8 +49,9 @@ void check(std::string_view bytes) {
   const auto *lengths = reinterpret_cast<const unsigned char *>(bytes.data());
   const std::string address(lengths[2] % 90, '@');
   std::string text = std::string(bytes.substr(3)).c_str();
-  for (const char *optional_address : {address.c_str(), static_cast<const char *>(nullptr)})
+  for (const char *optional_address : {address.c_str(), static_cast<const char *>(nullptr)}) {
     encode(std::string(lengths[0], '%'), std::string(lengths[1], 'C'), text, optional_address);
+  }
 
   // A line has room for 60 columns of name and charset, and a character of any width after them.
   // The letters complete a character that the end of the text cuts short.

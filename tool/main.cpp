@@ -1,6 +1,7 @@
 // spoolcap: refreshes and prints the storage quotas of accounts. One pass, one exit status.
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 #include <spoolcap/sqlsession.h>
 #include "platform/base/owner.h"
@@ -18,25 +19,23 @@ enum exit_status {
   STATUS_CONFIG = 2,
   STATUS_NO_REFRESH = 5,
   STATUS_SOME_REFRESHES = 6,
-  STATUS_NO_TARGETS = 10,
-  STATUS_UNDECIDED = 90
+  STATUS_NO_TARGETS = 10
 };
 
-int run_once(target_table &targets) {
-  int status = STATUS_UNDECIDED;
-
+exit_status run_once() {
   if (get_config() != 0) {
     fputs("Error getting all the data from config files\n", stderr);
     return STATUS_CONFIG;
   }
   qx_sql_pool_init();
 
-  targets = get_sql_data();
+  const target_table targets = get_sql_data();
   if (targets == nullptr) {
     fputs("None of the requested users found in database.\n", stderr);
     return STATUS_NO_TARGETS;
   }
 
+  exit_status status = STATUS_OK;
   if (run.action == ACTION_SET) {
     switch (refresh_user_quotas(targets.get())) {
       case 1:
@@ -51,12 +50,12 @@ int run_once(target_table &targets) {
     }
   }
   if (run.quiet_flag == 0) show_quotas(targets.get());
-
-  return status == STATUS_UNDECIDED ? STATUS_OK : status;
+  return status;
 }
 
 // A run that ends early has not done what it was started for; the statuses have no finer word.
-int status_without_memory() {
+exit_status end_without_memory() {
+  fputs("Out of memory\n", stderr);
   return run.action == ACTION_SET ? STATUS_NO_REFRESH : STATUS_NO_TARGETS;
 }
 
@@ -65,17 +64,8 @@ int status_without_memory() {
 int main(int argc, char **argv) {
   watch_output();
   parse_args(argc, const_cast<const char **>(argv));
-  target_table targets;
-  const int decided = no_throw<int>(STATUS_UNDECIDED, [&] { return run_once(targets); });
-  if (decided == STATUS_UNDECIDED) fputs("Out of memory\n", stderr);
-  const int status = decided == STATUS_UNDECIDED ? status_without_memory() : decided;
-
-  // The pool is left to the end of the process.
-  safestr_free(run.ast_spool_dir);
-  safestr_free(run.ast_lib_dir);
-  safestr_free(run.quota_dir);
-  targets.reset();
-  free(run.uid_list);
-  free(run.ulogin_list);
-  exit(status);
+  const auto decided =
+      no_throw(std::optional<exit_status>(), [] { return std::optional(run_once()); });
+  // The pool and the settings are left to the end of the process.
+  exit(decided ? *decided : end_without_memory());
 }

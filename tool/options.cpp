@@ -1,3 +1,4 @@
+// Parses the command line with popt, and checks that its options fit together.
 #include "tool/options.h"
 
 #include <popt.h>
@@ -60,11 +61,13 @@ void usage(FILE *stream) {
 
 void parse_args(int argc, const char **argv) {
   char *action_word = nullptr;
+  char *uid_list = nullptr;
+  char *ulogin_list = nullptr;
   int all = 0;
   const poptOption options[] = {
       {"action", 'A', POPT_ARG_STRING, &action_word, 0, nullptr, nullptr},
-      {"uid", 'u', POPT_ARG_STRING, &run.uid_list, 0, nullptr, nullptr},
-      {"ulogin", 'l', POPT_ARG_STRING, &run.ulogin_list, 0, nullptr, nullptr},
+      {"uid", 'u', POPT_ARG_STRING, &uid_list, 0, nullptr, nullptr},
+      {"ulogin", 'l', POPT_ARG_STRING, &ulogin_list, 0, nullptr, nullptr},
       {"all", 'a', POPT_ARG_NONE, &all, 0, nullptr, nullptr},
       {"force", 'f', POPT_ARG_NONE, &run.force_depth, 0, nullptr, nullptr},
       {"children", 'c', POPT_ARG_NONE, &run.children_flag, 0, nullptr, nullptr},
@@ -78,6 +81,8 @@ void parse_args(int argc, const char **argv) {
   // Only --help has a value of its own, so this one call consumes every option.
   const int answer = poptGetNextOpt(context.get());
   const c_string word(action_word);
+  run.uid_list.reset(uid_list);
+  run.ulogin_list.reset(ulogin_list);
   // Short of memory, the parser passes over what it cannot copy, or ends the process by itself.
   if (!context || errno == ENOMEM) {
     fputs("Out of memory\n", stderr);
@@ -111,9 +116,11 @@ void parse_args(int argc, const char **argv) {
       run.target_mode = choice.mode;
     }
   }
-  if (conflict)
+  if (conflict) {
     reject("Target users must be specified using one and only one of --all|--uid|--ulogin");
-  if (run.action == ACTION_SHOW && run.quiet_flag != 0)
+  }
+  if (run.action == ACTION_SHOW && run.quiet_flag != 0) {
     reject("--action show   and  --quiet  cannot be used together");
+  }
   if (run.force_depth != 0) run.force_depth = forced_depth;
 }

@@ -1,3 +1,4 @@
+// Watches standard output, and escapes logins for terminals.
 #include "tool/output.h"
 
 #include <fcntl.h>
@@ -14,10 +15,11 @@ int first_error = 0;
 
 void tell_lost_output() {
   has_lost_output();
-  // Closing tells of errors that a file system keeps for the end.
+  // Some file systems report an error only when the file is closed.
   if (fclose(stdout) != 0 && first_error == 0) first_error = errno;
-  if (first_error != 0)
+  if (first_error != 0) {
     fprintf(stderr, "Standard output could not be written to its end: %s\n", strerror(first_error));
+  }
 }
 
 // Length of the control character that the text begins with; 0 when it begins with none.

@@ -1,11 +1,11 @@
-// Standard output: what a login looks like there, and what became of all that was written.
+// Standard output: how a login is printed, and whether all output was written.
 #ifndef TOOL_OUTPUT_H
 #define TOOL_OUTPUT_H
 
 // Call first of all. Takes the place of standard descriptors that are closed, as the first file or
 // connection that is opened would get their number and the report with it. At the end of the
-// process, output that was not written whole is told on standard error, with the reason; the exit
-// status stays.
+// process, output that was not written whole is reported on standard error, with the reason; the
+// exit status stays.
 void watch_output();
 
 // Whether something could not be written by now; the rest of a report is then of no use.

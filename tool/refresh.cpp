@@ -1,8 +1,9 @@
+// Refreshes the selected accounts, and sums up how that went.
 #include "tool/refresh.h"
 
 #include <spoolcap/quota.h>
-#include "tool/keys.h"
 #include "tool/settings.h"
+#include "tool/targets.h"
 
 int refresh_user_quotas(fr_hash_t *targets) {
   bool succeeded = false;

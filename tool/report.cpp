@@ -1,3 +1,4 @@
+// Reads the stored usage of the accounts and prints it.
 #include "tool/report.h"
 
 #include <cerrno>
@@ -6,11 +7,12 @@
 #include <new>
 
 #include <spoolcap/quota.h>
+#include "main/account/media.h"
 #include "main/sql/query.h"
 #include "platform/base/view.h"
-#include "tool/keys.h"
 #include "tool/output.h"
 #include "tool/settings.h"
+#include "tool/targets.h"
 
 namespace {
 
@@ -29,6 +31,16 @@ void print_start(const char *login) {
   print_login(login);
 }
 
+// Scales a byte count down by 1024 as often as it stays at least 1, writes the unit (at most two
+// characters, "?B" from 1024 TB on) to `unit` and returns the scaled number.
+float to_human_readable(char (&unit)[3], float bytes) {
+  static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "?B"};
+  unsigned scale = 0;
+  for (; bytes / 1024.0F >= 1.0F; ++scale) bytes /= 1024.0F;
+  snprintf(unit, sizeof unit, "%s", units[scale < 5 ? scale : 5]);
+  return bytes;
+}
+
 // Counts go through single precision: 24 significant bits are plenty for two decimals of a unit.
 void print_size(int64_t bytes) {
   if (run.human_flag != 0) {
@@ -40,9 +52,35 @@ void print_size(int64_t bytes) {
   }
 }
 
-// This listing puts one tab after the id, prints the id as the database has it and does not tell
-// an unknown account from one without quota; the listing of targets below does otherwise. What
-// reads the report knows both forms.
+// Display name of a kind; null for what is none.
+const char *quota_get_target_name(unsigned kind) {
+  return kind < QUOTA_ALL_KINDS ? media_kinds[kind].label : nullptr;
+}
+
+// Prints the total of the known counts of five kinds and then each kind, followed by an empty line;
+// a negative count is not known. 0.
+int print_quotas(const int64_t *quotas) {
+  int64_t total = 0;
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    // A damaged record may hold any number; the sum then wraps.
+    if (quotas[kind] > 0) (void)__builtin_add_overflow(total, quotas[kind], &total);
+  }
+  print_size(total);
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    printf("\t%-*s\t\t", name_width, quota_get_target_name(kind));
+    if (quotas[kind] < 0) {
+      puts("Not found");
+    } else {
+      print_size(quotas[kind]);
+    }
+  }
+  putchar('\n');
+  return 0;
+}
+
+// Programs that read the report know two forms. This listing puts one tab after the id, prints the
+// id as the database has it, and reports an unknown account like one without quota. The listing of
+// targets below differs in all three.
 int show_all_accounts(SessionHandle session) {
   sql_result rows;
   const call_site site = {QX_LOG_SOURCE, "show_quotas", __LINE__};
@@ -87,39 +125,6 @@ void show_target(int32_t id, const target_record &target) {
 }
 
 }  // namespace
-
-const char *quota_get_target_name(unsigned kind) {
-  static constexpr const char *names[QUOTA_ALL_KINDS] = {"Fax", "Sounds", "Recording", "Voicemail",
-                                                         "Music on hold"};
-  return kind < QUOTA_ALL_KINDS ? names[kind] : nullptr;
-}
-
-float to_human_readable(char (&unit)[3], float bytes) {
-  static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "?B"};
-  unsigned scale = 0;
-  for (; bytes / 1024.0F >= 1.0F; ++scale) bytes /= 1024.0F;
-  snprintf(unit, sizeof unit, "%s", units[scale < 5 ? scale : 5]);
-  return bytes;
-}
-
-int print_quotas(const int64_t *quotas) {
-  int64_t total = 0;
-  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    // A damaged record may hold any number; the sum then wraps.
-    if (quotas[kind] > 0) (void)__builtin_add_overflow(total, quotas[kind], &total);
-  }
-  print_size(total);
-  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    printf("\t%-*s\t\t", name_width, quota_get_target_name(kind));
-    if (quotas[kind] < 0) {
-      puts("Not found");
-    } else {
-      print_size(quotas[kind]);
-    }
-  }
-  putchar('\n');
-  return 0;
-}
 
 int show_quotas(fr_hash_t *targets) {
   errno = 0;

@@ -1,10 +1,11 @@
+// Reads the directories of a run from the configuration files.
 #include "tool/settings.h"
 
 #include <array>
+#include <string>
 
 #include <spoolcap/utils.h>
 #include "common/paths.h"
-#include "platform/base/owner.h"
 #include "platform/base/parseconfig.h"
 #include "platform/base/view.h"
 
@@ -12,32 +13,32 @@ run_settings run = {};
 
 namespace {
 
-safestr_t value_or(safestr_t value, qx_path_id fallback) {
-  return value != nullptr ? value : safestr_dup(qx_path(fallback));
+// An empty text stands for the default.
+const char *text_or(const std::string &text, qx_path_id fallback) {
+  return is_empty(text.c_str()) ? qx_path(fallback) : text.c_str();
+}
+
+void take_value(safestr_owner &setting, safestr_t value, qx_path_id fallback) {
+  setting.reset(value != nullptr ? value : safestr_dup(qx_path(fallback)));
 }
 
 }  // namespace
 
 int get_config() {
-  safestr_t conf_file = nullptr;
+  std::string quota_dir;
+  std::string conf_file;
   const std::array<parseconfig_entry, 2> directives = {{
-      {"QUORVEX_QUOTA_D", &run.quota_dir},
+      {"QUORVEX_QUOTA_D", &quota_dir},
       {"ASTERISK_CONF_FILE", &conf_file},
   }};
   parseconfig(qx_path(QX_PATH_PATHS_CONF), directives.data(), directives.size());
-  const safestr_owner asterisk_conf(conf_file);
-
-  if (is_empty(run.quota_dir)) {
-    safestr_free(run.quota_dir);
-    run.quota_dir = safestr_dup(qx_path(QX_PATH_QUOTA_ROOT));
-  }
+  run.quota_dir.reset(safestr_dup(text_or(quota_dir, QX_PATH_QUOTA_ROOT)));
 
   constexpr std::array<const char *, 3> keys = {"astspooldir", "astlibdir", nullptr};
   std::array<safestr_t, 2> values = {};
-  get_astconf_section_values(
-      is_empty(asterisk_conf.get()) ? qx_path(QX_PATH_ASTERISK_CONF) : asterisk_conf.get(),
-      "directories", keys.data(), values.data());
-  run.ast_spool_dir = value_or(values[0], QX_PATH_AST_SPOOL);
-  run.ast_lib_dir = value_or(values[1], QX_PATH_AST_LIB);
+  get_astconf_section_values(text_or(conf_file, QX_PATH_ASTERISK_CONF), "directories", keys.data(),
+                             values.data());
+  take_value(run.ast_spool_dir, values[0], QX_PATH_AST_SPOOL);
+  take_value(run.ast_lib_dir, values[1], QX_PATH_AST_LIB);
   return 0;
 }

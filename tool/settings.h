@@ -3,7 +3,7 @@
 #ifndef TOOL_SETTINGS_H
 #define TOOL_SETTINGS_H
 
-#include <spoolcap/safestr.h>
+#include "platform/base/owner.h"
 
 enum run_action { ACTION_NONE = 0, ACTION_SET = 1, ACTION_SHOW = 2 };
 enum run_target_mode { TARGET_NONE = 0, TARGET_UID = 1, TARGET_ULOGIN = 2, TARGET_ALL = 3 };
@@ -12,17 +12,17 @@ struct run_settings {
   // Filled by parse_args.
   int action;         // run_action
   int target_mode;    // run_target_mode
-  char *uid_list;     // the texts of --uid and --ulogin as typed; owned, freed by main
-  char *ulogin_list;  //
+  c_string uid_list;  // the text of --uid as typed
+  c_string ulogin_list;
   int force_depth;    // levels below each target that are refreshed whatever their state; 0 or 10
-  int children_flag;  // accepted and read by nobody: a refresh always covers the subtree
+  int children_flag;  // accepted, never read: a refresh always covers the subtree
   int human_flag;
   int quiet_flag;
-  // Filled by get_config; owned, released by main. Nobody reads them: the quota engine finds its
-  // own directories, and where quota files are written does not depend on these.
-  safestr_t quota_dir;
-  safestr_t ast_spool_dir;
-  safestr_t ast_lib_dir;
+  // Filled by get_config. Nothing reads them: the quota engine finds its own directories, and where
+  // quota files are written does not depend on these.
+  safestr_owner quota_dir;
+  safestr_owner ast_spool_dir;
+  safestr_owner ast_lib_dir;
 };
 
 extern run_settings run;

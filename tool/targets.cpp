@@ -1,3 +1,4 @@
+// Selects the targets of a run from the database, and walks over them.
 #include "tool/targets.h"
 
 #include <algorithm>
@@ -5,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "main/account/levels.h"
 #include "main/sql/query.h"
 #include "tool/settings.h"
 
@@ -30,17 +32,42 @@ constexpr char select_all[] =
     "SELECT client.id, client.parent_client_id, client.level, acc.username "
     "\tFROM client, hs_account acc "
     "\tWHERE acc.userID = client.id AND client.level = %d";
-constexpr int top_level = 10;
+
+bool is_target_level(int level) {
+  return level == LEVEL_RESELLER || level == LEVEL_CLIENT || level == LEVEL_OWNER;
+}
+
+// Index of a level's slot; 0 for a level that has none.
+int lvl2idx(int level) {
+  switch (level) {
+    case LEVEL_CLIENT:
+      return 1;
+    case LEVEL_OWNER:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
+// Frees what a record owns; the table owns the record itself.
+int destroy_client(void *record) {
+  auto *target = static_cast<target_record *>(record);
+  if (target != nullptr) {
+    const c_string login(target->login);
+    target->login = nullptr;
+  }
+  return 0;
+}
 
 int run_selection(SessionHandle session, sql_result &rows) {
   const call_site site = {QX_LOG_SOURCE, "get_sql_data", __LINE__};
   switch (run.target_mode) {
     case TARGET_ULOGIN:
-      return sql_query(site, session, rows, select_by_login, run.ulogin_list);
+      return sql_query(site, session, rows, select_by_login, run.ulogin_list.get());
     case TARGET_ALL:
-      return sql_query(site, session, rows, select_all, top_level);
+      return sql_query(site, session, rows, select_all, LEVEL_RESELLER);
     default:
-      return sql_query(site, session, rows, select_by_uid, run.uid_list);
+      return sql_query(site, session, rows, select_by_uid, run.uid_list.get());
   }
 }
 
@@ -56,7 +83,7 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
 
   target_record record = {};
   record.level = atoi(row[2]);
-  if (record.level != 10 && record.level != 50 && record.level != 100) return;
+  if (!is_target_level(record.level)) return;
   record.level_index = lvl2idx(record.level);
   const int32_t id = atoi(row[0]);
   record.parent_id = atoi(row[1]);
@@ -77,27 +104,19 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
   static_cast<void>(login.release());
 }
 
+// Holds the table's lock.
+class table_lock {
+ public:
+  explicit table_lock(fr_hash_t *table) : table_(table) { fr_hash_lock(table); }
+  table_lock(const table_lock &) = delete;
+  table_lock &operator=(const table_lock &) = delete;
+  ~table_lock() { fr_hash_unlock(table_); }
+
+ private:
+  fr_hash_t *table_;
+};
+
 }  // namespace
-
-int lvl2idx(int level) {
-  switch (level) {
-    case 50:
-      return 1;
-    case 100:
-      return 2;
-    default:
-      return 0;
-  }
-}
-
-int destroy_client(void *record) {
-  auto *target = static_cast<target_record *>(record);
-  if (target != nullptr) {
-    const c_string login(target->login);
-    target->login = nullptr;
-  }
-  return 0;
-}
 
 target_table get_sql_data() {
   const sql_session session;
@@ -117,4 +136,15 @@ target_table get_sql_data() {
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) add_target(table.get(), row);
   if (fr_hash_empty(table.get()) != 0) return nullptr;
   return table;
+}
+
+void for_each_target(fr_hash_t *targets,
+                     const std::function<void(int32_t id, const target_record &target)> &visit) {
+  const table_lock locked(targets);
+  const std::unique_ptr<fr_array_t, call_to_release<fr_array_free>> keys(fr_hash_getkeys(targets));
+  if (keys == nullptr) throw std::bad_alloc();
+  for (size_t i = 0; i < fr_array_length(keys.get()); ++i) {
+    const int32_t id = *static_cast<const int32_t *>(fr_array_get(keys.get(), i));
+    if (const auto *target = fr_hash_find<target_record>(targets, id)) visit(id, *target);
+  }
 }

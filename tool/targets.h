@@ -3,6 +3,7 @@
 #define TOOL_TARGETS_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "platform/base/hash.h"
@@ -11,27 +12,26 @@
 // One selected account. The table keys these by account id, a 32-bit integer in native byte order.
 struct target_record {
   char level_ids[3][5];  // own id in the slot of its level, the parent's in the slot above; cut to
-                         // four characters, as nobody reads them
-  int32_t level;         // 10, 50 or 100
+                         // four characters, as nothing reads them
+  int32_t level;         // LEVEL_RESELLER, LEVEL_CLIENT or LEVEL_OWNER
   int32_t level_index;
   int32_t parent_id;
   int32_t selected;  // 1: this run refreshes the account itself; 0: it is shown only, or its
                      // parent's refresh covers it
-  char *login;       // owned by the table, freed by destroy_client
+  char *login;       // owned by the table
 };
 
 using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
 
 // The accounts that the command line names, each once and parents first; empty when nothing was
 // selected or selection could not start. A statement that fails is logged and gives a table
-// without records instead: such a run goes on and ends with 0, unlike one that finds nobody, and
-// that difference stays as it is. Throws std::bad_alloc when memory is short.
+// without records instead: such a run goes on and ends with 0, unlike one that finds no account,
+// and that difference stays as it is. Throws std::bad_alloc when memory is short.
 target_table get_sql_data();
 
-// Index of a level: 10 is 0, 50 is 1, 100 is 2, any other 0.
-int lvl2idx(int level);
-
-// Frees what a record owns; 0.
-int destroy_client(void *record);
+// Visits each target in the order of selection, holding the table's lock for the whole walk. Throws
+// std::bad_alloc when the targets cannot be listed.
+void for_each_target(fr_hash_t *targets,
+                     const std::function<void(int32_t id, const target_record &target)> &visit);
 
 #endif

@@ -82,16 +82,18 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
   va_end(arguments);
   const call_site here = QX_HERE;
   if (count < 0 || fields == nullptr || values == nullptr || !key || has_null(fields, count) ||
-      has_null(values, count))
+      has_null(values, count)) {
     return -1;
+  }
   if (count == 0) return 0;
   return no_throw(-1, [&] {
     const int status =
         cache_hmset(here, persistent, key.get(), fields, values, static_cast<size_t>(count));
-    if (status != VK_OK)
+    if (status != VK_OK) {
       CACHE_LOG(here, "rmset_hash(%s,X%d): error %s", key.get(), count, vk_strerror(status));
-    else
+    } else {
       CACHE_LOG(here, "rmset_hash(%s,X%d): success", key.get(), count);
+    }
     return 0;  // a lost write shows in the diagnostics only: the cache is never a condition
   });
 }

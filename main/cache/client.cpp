@@ -85,10 +85,11 @@ int hset(int persistent, const char *key, const char *field, const char *value) 
 }
 
 void log_hgetall(const call_site &site, const char *key, int status, size_t count) {
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "cache_hgetall(%s): error %s", key, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "cache_hgetall(%s): %zuX", key, count);
+  }
 }
 
 }  // namespace
@@ -129,10 +130,11 @@ void rset_hash_str(const call_site &site, int persistent, const char *key, const
     return;
   }
   const int status = hset(persistent, key, field, value);
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "rset_hash_str(%s,%s,%s): error %s", key, field, value, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "rset_hash_str(%s,%s,%s): success", key, field, value);
+  }
 }
 
 void cache_hset(const call_site &site, int persistent, const char *key, const char *field,
@@ -140,12 +142,13 @@ void cache_hset(const call_site &site, int persistent, const char *key, const ch
   const int status = hset(persistent, key, field, value);
   const int field_length = static_cast<int>(std::strlen(field));
   const int value_length = static_cast<int>(std::strlen(value));
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "cache_hset(%s,%.*s,%.*s): error %s", key, field_length, field, value_length,
               value, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "cache_hset(%s,%.*s,%.*s): success", key, field_length, field, value_length,
               value);
+  }
 }
 
 int cache_exists(const call_site &site, const char *key) {
@@ -196,10 +199,11 @@ int cache_hmget(const call_site &site, int persistent, const char *key, const ch
   });
   const c_string owned_buffer(buffer);
   values = string_array(slots, status == VK_OK ? entries : 0);
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "cache_hmget(%s,%zuX): error %s", key, count, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "cache_hmget(%s,%zuX): %zu entries retrieved", key, count, entries);
+  }
   return status;
 }
 
@@ -211,10 +215,11 @@ int cache_hmset(const call_site &site, int persistent, const char *key, const ch
     return vk_hmset(client, key, std::strlen(key), fields, count, field_lengths.data(), values,
                     value_lengths.data(), persistent);
   });
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "cache_hmset(%s,%zuX): error %s", key, count, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "cache_hmset(%s,%zuX): success", key, count);
+  }
   return status;
 }
 
@@ -224,10 +229,11 @@ int cache_zaddval(const call_site &site, const char *key, const char *member, do
     return vk_zaddval(client, key, std::strlen(key), member, std::strlen(member), score, value,
                       std::strlen(value));
   });
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "cache_zaddval(%s, %s): error %s", key, member, vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "cache_zaddval(%s, %s): success", key, member);
+  }
   return status;
 }
 
@@ -241,11 +247,12 @@ string_array rmget_hash_key(const call_site &site, int persistent, const char *k
                             const char *const *fields, size_t count) {
   string_array values;
   const int status = cache_hmget(site, persistent, key, fields, count, values);
-  if (status != VK_OK)
+  if (status != VK_OK) {
     CACHE_LOG(site, "rmget_hash(%s,X%d): error %s", key, static_cast<int>(count),
               vk_strerror(status));
-  else
+  } else {
     CACHE_LOG(site, "rmget_hash(%s,X%d): success", key, static_cast<int>(count));
+  }
   return values;
 }
 

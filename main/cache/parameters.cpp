@@ -46,8 +46,9 @@ void parameter_lookup::read_cache() {
     fields.clear();
     for (size_t i = first; i < count && bindings[i] != nullptr &&
                            std::strcmp(bindings[i]->key_format, binding->key_format) == 0;
-         ++i)
+         ++i) {
       fields.push_back(bindings[i]->field);
+    }
     if (const c_string key = key_argument.format(binding->key_format)) {
       string_array found =
           rmget_hash_key({site.source, "rmget_hash", __LINE__}, binding->persistent, key.get(),
@@ -56,8 +57,9 @@ void parameter_lookup::read_cache() {
     }
     first += fields.size();
   }
-  for (size_t i = 0; i < count; ++i)
+  for (size_t i = 0; i < count; ++i) {
     if (values[i] == nullptr) missing.push_back(i);
+  }
 }
 
 std::string parameter_lookup::missing_list() const {
@@ -116,12 +118,14 @@ bool parameter_lookup::read_database() {
     log_condition_failed({site.source, site.function, __LINE__});
     return false;
   }
-  if (column_mode)
+  if (column_mode) {
     take_columns(rows.get());
-  else
+  } else {
     take_rows(rows.get());
-  for (const size_t slot : missing)
+  }
+  for (const size_t slot : missing) {
     if (values[slot] == nullptr) values.set(slot, copy_of(QX_CACHE_NO_ROW));
+  }
   return true;
 }
 
@@ -129,8 +133,9 @@ void parameter_lookup::write_back() const {
   for (const size_t slot : missing) {
     const cache_binding *const binding = bindings[slot];
     if (binding == nullptr) continue;
-    if (const c_string key = key_argument.format(binding->key_format))
+    if (const c_string key = key_argument.format(binding->key_format)) {
       rset_hash_str(site, binding->persistent, key.get(), binding->field, values[slot]);
+    }
   }
 }
 
@@ -153,8 +158,9 @@ char **drmget_hash(int binding_count, const cache_binding *bindings, int count,
                    int numeric_arg, int column_mode, int keep_markers) {
   const call_site here = QX_HERE;
   if (binding_count <= 0 || bindings == nullptr || count <= 0 || names == nullptr ||
-      has_null(names, count))
+      has_null(names, count)) {
     return nullptr;
+  }
   return no_throw<char **>(nullptr, [&] {
     const auto slots = static_cast<size_t>(count);
     std::vector<const cache_binding *> bound(slots);

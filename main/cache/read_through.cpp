@@ -25,8 +25,9 @@ namespace {
 c_string ask_database(const call_site &site, const field_lookup &lookup,
                       const lookup_argument &argument, SessionHandle session,
                       const row_reader &also) {
-  if (lookup.announcement != nullptr)
+  if (lookup.announcement != nullptr) {
     QX_LOG_AT(site, FR_LOG_DEBUG, "%s:%d:%s\n", site.source, site.line, lookup.announcement);
+  }
   const c_string statement = argument.format(lookup.statement);
   MYSQL_RES *result = nullptr;
   const bool failed =
@@ -37,11 +38,12 @@ c_string ask_database(const call_site &site, const field_lookup &lookup,
     if (failed) log_mysql_error(site, session);
   } else if (!has_row) {
     const c_string complaint = argument.format(lookup.complaint);
-    if (failed)
+    if (failed) {
       QX_LOG_AT(site, FR_LOG_WARNING, "%s (%s)\n", complaint.get(),
                 mysql_error(fr_sql_conn_get_mysql(session)));
-    else
+    } else {
       QX_LOG_AT(site, FR_LOG_WARNING, "%s\n", complaint.get());
+    }
   }
   c_string value = lookup.value_of(rows.get());
   if (also && has_row) {

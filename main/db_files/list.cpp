@@ -1,6 +1,4 @@
 // Lists of stored files: read from the database for an extension, or for the names in a text.
-#include <strings.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +7,7 @@
 #include <string_view>
 
 #include <spoolcap/zarn_db_files.h>
+#include "main/account/media.h"
 #include "main/sql/query.h"
 
 namespace {
@@ -16,17 +15,6 @@ namespace {
 constexpr char list_statement[] = "SELECT id,filesize,%s,%s,se,az FROM %s WHERE extension_id=%d %s";
 constexpr char parse_statement[] =
     "SELECT filesize, filename, se, az FROM %s WHERE id in (%s)ORDER BY FIELD(id, %s)";
-
-struct file_columns {
-  const char *ext;
-  const char *filename;
-};
-
-// Faxes have no column for what all of them are.
-file_columns columns_of(const char *table) {
-  if (strcasecmp(table, "extension_fax_center") == 0) return {"\"pdf\"", "file_name"};
-  return {"ext", "filename"};
-}
 
 // What narrows and orders the statement of a list; throws when memory is short.
 std::string suffix_of(const char *folder, const char *order_by) {
@@ -58,8 +46,8 @@ void allocate_records(qx_db_file_list_t &list, uint64_t count) {
   list.count = count;
 }
 
-// Gets the caller's list ready and has it filled; a failure leaves it empty. Memory that is short
-// is told as the failed condition that it is.
+// Gets the caller's list ready and has it filled; a failure leaves it empty. Short memory is
+// logged as a failed condition.
 template <class Fill>
 int64_t fill_list(const call_site &site, qx_db_file_list_t **list, Fill &&fill) {
   if (*list == nullptr)
@@ -115,9 +103,9 @@ int64_t qx_list_db_files(const char *table, int extension_id, const char *folder
   if (table == nullptr || list == nullptr) return -1;
   const call_site here = QX_HERE;
   return fill_list(here, list, [&](SessionHandle session, qx_db_file_list_t &files) {
-    const file_columns columns = columns_of(table);
+    const media_rows columns = rows_of_table(table);
     sql_result rows;
-    if (sql_query(here, session, rows, list_statement, columns.ext, columns.filename, table,
+    if (sql_query(here, session, rows, list_statement, columns.extension, columns.filename, table,
                   extension_id, suffix_of(folder, order_by).c_str()) != 0)
       return false;
     if (!is_result(here, rows)) return false;

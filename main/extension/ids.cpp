@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <spoolcap/zarn_extension.h>
+#include "main/account/levels.h"
 #include "main/extension/extension.h"
 #include "platform/base/view.h"
 
@@ -25,10 +26,6 @@ constexpr char level_statement[] = "SELECT level FROM client WHERE id='%d'";
 constexpr char of_level_statement[] = "SELECT id FROM client WHERE level=%d";
 constexpr char children_statement[] = "SELECT id FROM client WHERE parent_client_id='%d'";
 constexpr char of_parents_statement[] = "SELECT id FROM client WHERE parent_client_id IN (";
-
-constexpr int reseller_level = 10;
-constexpr int client_level = 50;
-constexpr int owner_level = 100;
 
 using id_texts = std::array<c_string, id_kinds>;
 using id_outs = std::array<int *, id_kinds>;
@@ -107,9 +104,9 @@ bool add_below_reseller(const call_site &site, SessionHandle session, int resell
 
 bool add_all(const call_site &site, SessionHandle session, bool with_between,
              std::vector<int> &ids) {
-  for (const int level : {reseller_level, client_level})
+  for (const int level : {LEVEL_RESELLER, LEVEL_CLIENT})
     if (with_between && !add_accounts(site, session, ids, of_level_statement, level)) return false;
-  return add_accounts(site, session, ids, of_level_statement, owner_level);
+  return add_accounts(site, session, ids, of_level_statement, LEVEL_OWNER);
 }
 
 int *accounts_below(const call_site &site, int account_id, bool with_between) {
@@ -123,11 +120,11 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
 
   std::vector<int> ids;
   bool known = true;
-  if (level >= owner_level)
+  if (level >= LEVEL_OWNER)
     ids.push_back(account_id);
-  else if (level >= client_level)
+  else if (level >= LEVEL_CLIENT)
     known = add_accounts(site, session.get(), ids, children_statement, account_id);
-  else if (level >= reseller_level)
+  else if (level >= LEVEL_RESELLER)
     known = add_below_reseller(site, session.get(), account_id, with_between, ids);
   else
     known = add_all(site, session.get(), with_between, ids);

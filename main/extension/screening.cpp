@@ -28,8 +28,9 @@ c_string list_of(const char *column, const char *key_format, const char *full_nu
   const string_list numbers(zarn_str_split_char(column, ','));
   int count = 0;
   while (numbers && numbers.get()[count] != nullptr) ++count;
-  if (rmset_hash(0, count, numbers.get(), numbers.get(), key_format, full_number) != 0)
+  if (rmset_hash(0, count, numbers.get(), numbers.get(), key_format, full_number) != 0) {
     throw std::bad_alloc();
+  }
   return copy_of(column);
 }
 
@@ -42,8 +43,9 @@ void hand_over(c_string &value, char **out) {
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied) {
   const call_site here = QX_HERE;
-  for (char **const out : {behaviour, allowed, denied})
+  for (char **const out : {behaviour, allowed, denied}) {
     if (out != nullptr) *out = nullptr;
+  }
   return no_throw(-1, [&] {
     c_string allow_list;
     c_string deny_list;

@@ -73,13 +73,15 @@ bool has_live_session(const call_site &site, const char *number) {
   if (!key) return false;
   const char *const fields[] = {"expires", "rch"};
   string_array found;
-  if (cache_hmget(site, 0, key.get(), fields, 2, found) != VK_OK || found.count() != 2)
+  if (cache_hmget(site, 0, key.get(), fields, 2, found) != VK_OK || found.count() != 2) {
     return false;
+  }
   const char *const expires = found[0];
   const char *const reachable = found[1];
   time_t end = 0;
-  if (expires == nullptr || reachable == nullptr || redis_str2time(expires, &end) != 0)
+  if (expires == nullptr || reachable == nullptr || redis_str2time(expires, &end) != 0) {
     return false;
+  }
   return std::time(nullptr) < end && std::strncmp(reachable, "yes", 3) == 0;
 }
 

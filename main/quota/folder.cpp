@@ -1,18 +1,18 @@
 // Opens, makes and hands over; knows nothing of what the files hold.
 #include "main/quota/folder.h"
 
-#include <linux/openat2.h>
-#include <sys/syscall.h>
+#include <dirent.h>
 
+#include <algorithm>
 #include <mutex>
+#include <string_view>
 
+#include "main/quota/careful_open.h"
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
-#include "platform/base/errors.h"
 
 namespace {
 
-constexpr int folder_flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 constexpr off_t longest_record = 31;
 // Never blocks, whatever was put in the place of a file.
 constexpr int file_flags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -29,46 +29,13 @@ struct {
   mode_t old = 0;
 } mask;
 
-void log_refusal(const std::string &path) {
+// Leaves ELOOP, whatever the logger did to errno.
+void refuse(const std::string &path) {
   QX_LOG(FR_LOG_WARNING,
          "%s:%d:%s is passed over: not a plain file or folder, or a link that root did not make in "
          "a folder of its own\n",
          QX_LOG_SOURCE, __LINE__, path.c_str());
-}
-
-// Opens a path on which no component is a link, in one call. ELOOP where one is, or where the
-// kernel does not offer the call: the careful way then finds out.
-unique_fd open_without_links(int at, const char *path, int flags) {
-  open_how how{};
-  how.flags = static_cast<__u64>(flags);
-  how.resolve = RESOLVE_NO_SYMLINKS;
-  unique_fd opened(static_cast<int>(::syscall(SYS_openat2, at, path, &how, sizeof how)));
-  if (!opened && (errno == ENOSYS || errno == EPERM)) errno = ELOOP;
-  return opened;
-}
-
-bool is_link(int folder, const char *name, struct stat &status) {
-  return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
-}
-
-// Only root can have made the link, and nobody else can put another one in its place.
-bool is_links_maker_root(int folder, const struct stat &link) {
-  struct stat around {};
-  return link.st_uid == 0 && ::fstat(folder, &around) == 0 && around.st_uid == 0 &&
-         (around.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
-// Opens one entry of a folder. ELOOP for a link that is refused.
-unique_fd open_entry(int folder, const char *name, int flags) {
-  unique_fd opened(::openat(folder, name, flags | O_NOFOLLOW));
-  if (opened || (errno != ELOOP && errno != ENOTDIR)) return opened;
-  const int error = errno;
-  struct stat status {};
-  if (is_link(folder, name, status) && is_links_maker_root(folder, status)) {
-    return unique_fd(::openat(folder, name, flags));
-  }
-  errno = S_ISLNK(status.st_mode) ? ELOOP : error;
-  return {};
+  errno = ELOOP;
 }
 
 // Gives to its owner what root made and still owns. False, with errno, when the system refuses.
@@ -83,15 +50,39 @@ void give_to_owner(int fd) {
   if (owner_ids(&uid, &gid) == 0) give(fd, uid, gid);
 }
 
-// A folder of root's that only lacks its owner. One with another mode is an administrator's.
+// A folder of root's that only lacks its owner. One with another mode is an administrator's; a
+// folder may have the mark for its group from the one above it.
 bool is_left_behind_folder(const struct stat &status) {
-  return status.st_uid == 0 && (status.st_mode & 07777) == quota_directory_mode;
+  constexpr mode_t compared = 05777;
+  return status.st_uid == 0 && (status.st_mode & compared) == quota_directory_mode;
 }
 
-// A quota file or mark of root's that only lacks its owner.
-bool is_left_behind_file(const struct stat &status) {
-  return status.st_uid == 0 && status.st_gid == 0 && status.st_size <= longest_record &&
-         (status.st_mode & 07777U & ~quota_file_mode) == 0;
+// Whether a folder that was just made is still in its place: somebody who may write the folder
+// around it may have put another one of root's there.
+bool is_just_made(int fd, const struct stat &status) {
+  constexpr mode_t most = S_ISGID | quota_directory_mode;
+  if (status.st_uid != 0 || (status.st_mode & 07777U & ~most) != 0) return false;
+  if ((status.st_mode & S_IXGRP) == 0) return false;
+  const unique_fd folder(::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  char entries[1024];
+  const ssize_t length = ::getdents64(folder.get(), entries, sizeof entries);
+  int count = 0;
+  for (ssize_t at = 0; at < length; ++count) {
+    at += reinterpret_cast<const dirent64 *>(entries + at)->d_reclen;
+  }
+  return length >= 0 && count <= 2;  // itself and the one above
+}
+
+// A quota file or mark of root's that only lacks its owner. Its text is looked at, too: where the
+// system lets users link the files of others, one of root's may have come here by a second name.
+bool is_left_behind_file(int fd, const struct stat &status) {
+  if (status.st_uid != 0 || !running_as_root()) return false;
+  if ((status.st_mode & 07777U & ~quota_file_mode) != 0) return false;
+  char text[longest_record + 1];
+  const ssize_t length = ::pread(fd, text, sizeof text, 0);
+  if (length < 0 || length > longest_record) return false;
+  const std::string_view content(text, static_cast<size_t>(length));
+  return content.find_first_not_of(".-0123456789") == content.npos;
 }
 
 void hand_over_folder(int fd) {
@@ -101,8 +92,13 @@ void hand_over_folder(int fd) {
   }
 }
 
+// Signals do not end the wait for a lock.
 bool take_lock(quota_file &file, int operation) {
-  file.is_locked = retry_interrupted([&] { return ::flock(file.fd.get(), operation); }) == 0;
+  int status = 0;
+  do {
+    status = ::flock(file.fd.get(), operation);
+  } while (status != 0 && errno == EINTR);
+  file.is_locked = status == 0;
   return file.is_locked;
 }
 
@@ -110,8 +106,8 @@ bool take_lock(quota_file &file, int operation) {
 bool lock_and_measure(quota_file &file, int operation) {
   if (file.is_locked) return true;
   struct stat status {};
-  if (!take_lock(file, operation) || ::fstat(file.fd.get(), &status) != 0) return false;
-  file.size = status.st_size;
+  if (!take_lock(file, operation)) return false;
+  file.size = ::fstat(file.fd.get(), &status) == 0 ? status.st_size : -1;
   return true;
 }
 
@@ -129,8 +125,9 @@ unique_fd make_folder(int at, const char *name, const owner &whose) {
   unique_fd folder = open_entry(at, name, folder_flags);
   struct stat status {};
   if (!made || !folder || !running_as_root() || ::fstat(folder.get(), &status) != 0) return folder;
-  // One that is not root's any more was put there by somebody else meanwhile.
-  if (status.st_uid == 0 && !give(folder.get(), whose.uid, whose.gid)) folder.reset();
+  if (is_just_made(folder.get(), status) && !give(folder.get(), whose.uid, whose.gid)) {
+    folder.reset();
+  }
   return folder;
 }
 
@@ -158,7 +155,7 @@ unique_fd descend(std::string path, const owner *whose) {
                                      : open_entry(folder.get(), name, folder_flags);
     if (!next && errno == ENOENT && whose != nullptr)
       next = make_folder(folder.get(), name, *whose);
-    if (!next && errno == ELOOP && end > followed) log_refusal(path.c_str());
+    if (!next && errno == ELOOP && end > followed) refuse(path.c_str());
     if (end < path.size()) path[end] = '/';
     if (next && end >= followed) hand_over_folder(next.get());
     folder = std::move(next);
@@ -166,19 +163,41 @@ unique_fd descend(std::string path, const owner *whose) {
   return folder;
 }
 
+// Whether root may write a file that is not the owner's own: only if this is its one name. Without
+// a second look, a name that was taken away since the file was opened would not count.
+bool has_one_name(int folder, const char *name, const struct stat &opened) {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (opened.st_nlink > 1) return false;
+  if (!running_as_root() || (owner_ids(&uid, &gid) == 0 && opened.st_uid == uid)) return true;
+  struct stat named {};
+  return ::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_nlink == 1 &&
+         named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;
+}
+
+// Where a file was opened, to look at it again, and how it is called in the log; without a text it
+// is refused without a word.
+struct place {
+  int folder;
+  const char *name;
+  const std::string *logged;
+};
+
 // Takes an opened file if it may be one of ours; what was not opened passes with its errno.
-// `path` names it in the log, when that is wanted.
-quota_file accept(quota_file file, const std::string *path) {
+quota_file accept(quota_file file, const place &where, bool hand_over) {
   struct stat status {};
   if (file && ::fstat(file.fd.get(), &status) != 0) return {};
-  if (file && S_ISREG(status.st_mode) && status.st_nlink <= 1) {
-    if (is_left_behind_file(status) && running_as_root()) give_to_owner(file.fd.get());
+  const bool is_file = file && S_ISREG(status.st_mode);
+  // A link of root's has another file behind it than its name tells.
+  if (is_file &&
+      (status.st_nlink <= 1 && (!hand_over || has_one_name(where.folder, where.name, status)))) {
+    if (hand_over && is_left_behind_file(file.fd.get(), status)) give_to_owner(file.fd.get());
     file.size = status.st_size;
     return file;
   }
-  // A socket cannot be opened at all.
-  if (file || errno == ELOOP || errno == ENXIO) {
-    if (path != nullptr) log_refusal(*path);
+  // A socket cannot be opened at all, nor can a folder be opened to write it.
+  if (file || errno == ELOOP || errno == ENXIO || errno == EISDIR) {
+    if (where.logged != nullptr) refuse(*where.logged);
     errno = ELOOP;
   }
   return {};
@@ -216,14 +235,13 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
 quota_file open_quota_file(const char *path) {
   quota_file file{open_without_links(AT_FDCWD, path, O_RDWR | file_flags)};
   if (file) take_lock(file, LOCK_EX | LOCK_NB);
-  return accept(std::move(file), nullptr);
+  return accept(std::move(file), {AT_FDCWD, path, nullptr}, true);
 }
 
 bool quota_folder::open() {
   if (fd_) return true;
   fd_ = open_without_links(AT_FDCWD, path_.c_str(), folder_flags);
   if (!fd_ && errno == ELOOP) fd_ = descend(path_, nullptr);
-  if (fd_) hand_over_folder(fd_.get());
   return static_cast<bool>(fd_);
 }
 
@@ -235,17 +253,15 @@ bool quota_folder::make(uid_t uid, gid_t gid) {
   return static_cast<bool>(fd_);
 }
 
-quota_file quota_folder::open_to_read(const char *name) const {
+void quota_folder::hand_over() const {
+  hand_over_folder(fd_.get());
+}
+
+quota_file quota_folder::open_to_read(const char *name, bool hand_over) const {
+  const place where{fd_.get(), name, nullptr};
   unique_fd opened = open_without_links(fd_.get(), name, O_RDONLY | file_flags);
-  if (opened || errno != ELOOP) return accept({std::move(opened)}, nullptr);
-  // A link on the way: each of the two components, the account below and its file, is looked at.
-  const std::string text = name;
-  const size_t slash = text.find('/');
-  if (slash == text.npos)
-    return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, nullptr);
-  const unique_fd below = open_entry(fd_.get(), text.substr(0, slash).c_str(), folder_flags);
-  if (!below) return {};
-  return accept({open_entry(below.get(), name + slash + 1, O_RDONLY | file_flags)}, nullptr);
+  if (!opened && errno == ELOOP) opened = open_carefully(fd_.get(), name, O_RDONLY | file_flags);
+  return accept({std::move(opened)}, where, hand_over);
 }
 
 unique_fd quota_folder::create_new(const char *name) const {
@@ -264,31 +280,38 @@ quota_file quota_folder::open_to_write(const char *name) const {
   }
   if (file) take_lock(file, LOCK_EX | LOCK_NB);
   const std::string path = path_ + "/" + name;
-  return accept(std::move(file), &path);
+  return accept(std::move(file), {fd_.get(), name, &path}, true);
 }
 
-int quota_folder::create(const char *name) const {
-  const unique_fd made = create_new(name);
-  if (!made && errno != EEXIST) return -1;
+quota_file quota_folder::create(const char *name) const {
+  quota_file mark{create_new(name), 0, true};
+  if (!mark && errno != EEXIST) return {};
   uid_t uid = 0;
   gid_t gid = 0;
-  if (owner_ids(&uid, &gid) != 0) return -1;
-  if (made) {
-    if (running_as_root()) give(made.get(), uid, gid);
-    return 0;
+  if (owner_ids(&uid, &gid) != 0) return {};
+  if (mark) {
+    if (running_as_root()) give(mark.fd.get(), uid, gid);
+    return mark;
   }
-  // Another user's mark cannot be opened and serves all the same.
-  const std::string path = path_ + "/" + name;
-  const quota_file there = accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, &path);
-  return there || errno == EACCES ? 0 : -1;
+  return accept({open_entry(fd_.get(), name, O_RDONLY | file_flags)}, {fd_.get(), name, nullptr},
+                true);
 }
 
 int quota_folder::has(const char *name) const {
   struct stat status {};
-  const int found =
-      fd_ ? ::fstatat(fd_.get(), name, &status, AT_SYMLINK_NOFOLLOW)
-          : ::fstatat(AT_FDCWD, (path_ + "/" + name).c_str(), &status, AT_SYMLINK_NOFOLLOW);
-  return found == 0 || errno != ENOENT ? 1 : 0;
+  if (fd_) {
+    const int found = ::fstatat(fd_.get(), name, &status, AT_SYMLINK_NOFOLLOW);
+    return found == 0 || errno != ENOENT ? 1 : 0;
+  }
+  // Never through a link: what is behind one of its owner's might not even answer.
+  const std::string path = path_ + "/" + name;
+  if (open_without_links(AT_FDCWD, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) return 1;
+  if (errno != ELOOP) return errno == ENOENT ? 0 : 1;
+  const unique_fd folder = descend(path_, nullptr);
+  const bool absent =
+      folder ? ::fstatat(folder.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT
+             : errno == ENOENT;
+  return absent ? 0 : 1;
 }
 
 int quota_folder::remove(const char *name) const {

@@ -9,8 +9,9 @@
 // file that is only looked at to read it is refused without a word. The quota root itself may be a
 // link. Nothing in here waits for a fifo or a device.
 //
-// What root made and could not give to its owner any more, as it was killed, is given when it is
-// opened: a folder or file that root owns and that has the mode of one of ours.
+// What root made and could not give to its owner any more, as it was killed, is given when a
+// refresh or an update opens it: a folder or file that root owns and that has the mode of one of
+// ours.
 #ifndef MAIN_QUOTA_FOLDER_H
 #define MAIN_QUOTA_FOLDER_H
 
@@ -69,17 +70,21 @@ class quota_folder {
   bool open();
   // The same, with all that is missing on the way made first.
   bool make(uid_t uid, gid_t gid);
+  void close() { fd_.reset(); }
+  // Gives the open directory to its owner if that is left to do.
+  void hand_over() const;
 
-  // Opens a file to read it. Empty, with errno, when that fails.
-  quota_file open_to_read(const char *name) const;
+  // Opens a file to read it, and gives it to its owner only on request. Empty, with errno, when
+  // that fails.
+  quota_file open_to_read(const char *name, bool hand_over = false) const;
   // Opens a file to read and write it; one that is missing is created and given to its owner. The
   // lock is tried once, without waiting: nobody may keep a run waiting before the file was looked
   // at, and a size learned under the lock need not be asked for again.
   quota_file open_to_write(const char *name) const;
 
-  // Creates an empty file and gives it to its owner; one that is there already is as good. 0, or
-  // -1 with errno. Without an owner to give it to the file stays, and the result is -1.
-  int create(const char *name) const;
+  // Creates an empty file and gives it to its owner, or opens the one that is there. Empty, with
+  // errno, when neither can be done, and for want of an owner, when the file stays all the same.
+  quota_file create(const char *name) const;
   // 1 when anything of that name is there, or when that cannot be found out; else 0. A folder that
   // is not open is looked into by its path.
   int has(const char *name) const;

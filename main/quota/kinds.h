@@ -1,24 +1,22 @@
-// What the engine's numbers stand for: levels of accounts, kinds of media. Internal to the engine.
+// Sets of kinds of media, and walks over them. Internal to the engine.
 #ifndef MAIN_QUOTA_KINDS_H
 #define MAIN_QUOTA_KINDS_H
 
+#include <algorithm>
+#include <array>
+#include <iterator>
+
 #include <spoolcap/quota.h>
+#include "main/account/levels.h"
+#include "main/account/media.h"
 
-// Levels of an account.
-enum account_level { LEVEL_ROOT = 0, LEVEL_RESELLER = 10, LEVEL_CLIENT = 50, LEVEL_OWNER = 100 };
-
-// One up to this level is the top when the tree is climbed.
-inline constexpr int highest_top_level = 10;
-
-// Names by kind: of the quota file, and of the limit preference (KiB).
-inline constexpr const char *quota_kind_names[QUOTA_ALL_KINDS] = {"fax", "sound", "recording",
-                                                                  "voicemail", "music"};
-inline constexpr const char *quota_limit_names[QUOTA_ALL_KINDS] = {
-    "fax_storage", "max_sound", "max_record", "max_voice", "max_moh"};
-
-// By kind: the file of an account's usage in the account's quota directory.
-inline constexpr const char *quota_file_names[QUOTA_ALL_KINDS] = {
-    "fax.quota", "sound.quota", "recording.quota", "voicemail.quota", "music.quota"};
+// Names by kind.
+inline constexpr auto quota_kind_names = [] {
+  std::array<const char *, QUOTA_ALL_KINDS> names{};
+  std::transform(std::begin(media_kinds), std::end(media_kinds), names.begin(),
+                 [](const media_kind &kind) { return kind.name; });
+  return names;
+}();
 
 // A set of kinds, one bit each.
 using kind_set = unsigned;

@@ -17,7 +17,9 @@ int is_dirty(const quota_folder &folder, const char *file) {
 
 int set_dirty(quota_folder &folder, const char *file) {
   if (!folder.open()) return -1;
-  return folder.create(dirty_name(file).c_str());
+  const quota_file mark = folder.create(dirty_name(file).c_str());
+  // Another user's mark cannot be opened and serves all the same.
+  return mark || errno == EACCES ? 0 : -1;
 }
 
 int unset_dirty(const quota_folder &folder, const char *file) {
@@ -25,25 +27,53 @@ int unset_dirty(const quota_folder &folder, const char *file) {
 }
 
 void redo_mark::look() {
-  if (folder_.is_open()) state_ = folder_.has(redo_name) == 1 ? state::there : state::absent;
+  if (!folder_.open()) {
+    state_ = errno == ENOENT ? state::absent : state::unclear;
+  } else {
+    state_ = folder_.has(redo_name) == 1 ? state::there : state::absent;
+  }
 }
 
 bool redo_mark::set() {
-  if (state_ == state::there || state_ == state::set_here) return true;
+  if (mark_) return true;
   if (!folder_.open()) return false;
-  // Whether a forced refresh found the mark there decides what becomes of it at the end.
-  const bool was_there = state_ == state::unknown && folder_.has(redo_name) == 1;
-  if (was_there) {
-    state_ = state::there;
-  } else if (folder_.create(redo_name) == 0) {
+  mark_ = folder_.create(redo_name);
+  if (!mark_) {
+    // What is no file of ours, or another user's, serves as well.
+    const int error = errno;
+    if (folder_.has(redo_name) == 1) state_ = state::there;
+    errno = error;
+    return state_ == state::there;
+  }
+  if (mark_.created) {
     state_ = state::set_here;
   } else {
-    return false;
+    state_ = state::there;
+    ::futimens(mark_.fd.get(), nullptr);  // whoever set it before is not to take it away
   }
+  ::flock(mark_.fd.get(), LOCK_SH | LOCK_NB);
+  struct stat status {};
+  if (::fstat(mark_.fd.get(), &status) == 0) set_at_ = status.st_mtim;
   return true;
+}
+
+// Whether another refresh works under this mark, or has set it since this one did.
+bool redo_mark::is_settled_by_others(const quota_file &mark) const {
+  struct stat status {};
+  if (::flock(mark.fd.get(), LOCK_EX | LOCK_NB) != 0) return true;
+  return mark_ && ::fstat(mark.fd.get(), &status) == 0 &&
+         (status.st_mtim.tv_sec != set_at_.tv_sec || status.st_mtim.tv_nsec != set_at_.tv_nsec);
 }
 
 void redo_mark::settle(bool all_kinds) {
   if (state_ == state::absent || !folder_.is_open()) return;
-  if (all_kinds || state_ == state::set_here) folder_.remove(redo_name);
+  if (!all_kinds && state_ != state::set_here) return;
+  if (mark_) {
+    if (!is_settled_by_others(mark_)) folder_.remove(redo_name);
+    return;
+  }
+  // A forced refresh did not ask whether there is one.
+  const quota_file found = folder_.open_to_read(redo_name);
+  // What is no file of ours goes as well.
+  if (found ? !is_settled_by_others(found) : errno != ENOENT) folder_.remove(redo_name);
 }

@@ -5,10 +5,14 @@
 // fast update that went wrong sets it, updates and verification heed it, a refresh removes it.
 //
 // The redo mark of an account ("quota.redo") says that the refresh which wrote the account's files,
-// or was about to, did not know all. Only a refresh sets, heeds and removes it, and it takes no
-// lock: the next refresh computes all files of the account again.
+// or was about to, did not know all. Only a refresh sets, heeds and removes it; the next refresh
+// computes all files of the account again. Setting it never waits. A refresh holds a shared lock on
+// the mark that it set, so that another one, which finds all in order meanwhile, does not take it
+// away: the first may yet be killed.
 #ifndef MAIN_QUOTA_MARKS_H
 #define MAIN_QUOTA_MARKS_H
+
+#include <ctime>
 
 #include "main/quota/folder.h"
 
@@ -30,20 +34,25 @@ class redo_mark {
   // Finds out whether a mark is there. A forced refresh does not go by it and need not ask.
   void look();
 
-  // Whether a refresh before this one left it.
-  bool was_there() const { return state_ == state::there; }
+  // Whether a refresh before this one left it, as far as can be found out.
+  bool was_there() const { return state_ == state::there || state_ == state::unclear; }
 
-  // False when it cannot be made, or has no folder to be in.
+  // False, with errno, when it cannot be made, or has no folder to be in. As long as this object
+  // lives, it shows other refreshes that one is at work here.
   bool set();
 
   // Takes the mark away, as this refresh knew all. One that was there before stays when only one
-  // kind was computed.
+  // kind was computed, and so does one that another refresh is at work under or has set since.
   void settle(bool all_kinds);
 
  private:
-  enum class state { unknown, absent, there, set_here };
+  enum class state { unknown, unclear, absent, there, set_here };
+
+  bool is_settled_by_others(const quota_file &mark) const;
 
   quota_folder &folder_;
+  quota_file mark_;       // held with a shared lock once this refresh has set it
+  timespec set_at_ = {};  // when it was set last, as far as this refresh knows
   state state_ = state::unknown;
 };
 

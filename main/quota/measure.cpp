@@ -18,7 +18,8 @@ namespace {
 
 constexpr size_t entries_size = 256 * 1024;  // of the buffer that directories are read into
 constexpr size_t open_levels = 32;           // of the current path, counted from its deep end
-constexpr int most_linked = 100'000;         // directories of one walk that a link leads to
+constexpr int most_linked = 100'000;         // directories of one walk with a link on the way
+constexpr size_t most_levels = 20'000;       // renames may make a path longer while it is walked
 
 struct identity {
   dev_t device;
@@ -141,7 +142,8 @@ class tree_walk {
     level &top = levels_.back();
     const bool is_done = top.next == arena_.size();
     if (is_done || (!top.directory && !retrace(levels_.size() - 1))) {
-      if (!is_done) note_failure();
+      // Whatever became of its name: what was left to enter is not measured.
+      if (!is_done) found_.is_all = false;
       leave();
       return;
     }
@@ -151,35 +153,36 @@ class tree_walk {
 
     unique_fd directory = open_directory(top.directory.get(), name, false);
     const bool by_link = !directory && (errno == ENOTDIR || errno == ELOOP);
-    if (by_link) {
-      if (!may_follow()) return;
-      directory = open_directory(top.directory.get(), name, true);
+    const bool is_linked = by_link || links_ > 0;
+    if ((is_linked && !may_enter_linked()) || levels_.size() >= most_levels) {
+      found_.is_all = false;
+      return;
     }
+    if (by_link) directory = open_directory(top.directory.get(), name, true);
     if (!directory) {
       note_failure();
       return;
     }
     // Only a link leads back up; as long as the path has none, nobody needs to know who is who.
     std::optional<identity> id;
-    if (by_link || links_ > 0) {
+    if (is_linked) {
       id = identity_of(directory.get());
       if (!id || !identify_path()) {
         note_failure();
         return;
       }
       if (is_on_path(*id)) return;
-      if (by_link) ++entered_by_link_;
+      ++entered_by_link_;
     }
     if (top.next == arena_.size()) top.directory.reset();
     enter(std::move(directory), by_link, id);
   }
 
   // Below the bound every link is followed, so that a directory that is linked twice counts twice.
-  bool may_follow() {
+  bool may_enter_linked() {
     if (entered_by_link_ < most_linked) return true;
     if (entered_by_link_ == most_linked) {
       ++entered_by_link_;
-      found_.is_all = false;
       QX_LOG(FR_LOG_WARNING,
              "%s:%d:%s: more than %d folders are entered through links, the rest is not measured\n",
              QX_LOG_SOURCE, __LINE__, path_, most_linked);

@@ -4,9 +4,9 @@
 // A walk goes relative to directory descriptors, so names of any bytes and paths of any length are
 // measured, with few descriptors open at a time. A directory that is already on the current path
 // is not entered again. Directories linked to each other can have more ways through them than any
-// walk can go: after 100,000 directories that were entered through a link no further link is
-// followed, with one warning in the log. An entry that vanishes is skipped; fifos, sockets and
-// devices are never opened.
+// walk can go: after 100,000 directories that were entered with a link on the way no further one
+// is, with one warning in the log. An entry that vanishes is skipped; fifos, sockets and devices
+// are never opened.
 #ifndef MAIN_QUOTA_MEASURE_H
 #define MAIN_QUOTA_MEASURE_H
 

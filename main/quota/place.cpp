@@ -71,7 +71,7 @@ int climb_tree(SessionHandle session, int account_id,
     const int error = get_parid_level(session, account_id, &parent_id, nullptr, &level, nullptr);
     if (error != 0) return error;
     visit(account_id, level);
-    if (level <= highest_top_level) return 0;
+    if (level <= LEVEL_RESELLER) return 0;
     account_id = parent_id;
   }
   return -1;

@@ -56,7 +56,7 @@ int quota_read(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
     folder.open();
     size_t slot = 0;
     for_each_kind(kind, [&](unsigned one) {
-      const quota_file file = folder.open_to_read(quota_file_names[one]);
+      const quota_file file = folder.open_to_read(media_kinds[one].quota_file);
       const std::optional<quota_record> record = file ? record_of(file) : std::nullopt;
       values[slot] = record ? record->value : -1;
       if (revisions != nullptr) revisions[slot] = record ? record->revision : -1;

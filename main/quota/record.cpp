@@ -118,7 +118,7 @@ std::optional<quota_record> record_of(const quota_file &file) {
 }
 
 int is_rev_inrange(const quota_folder &folder, const char *file, int64_t *value) {
-  const quota_file opened = folder.open_to_read(file);
+  const quota_file opened = folder.open_to_read(file, true);
   const std::optional<quota_record> record = opened ? record_of(opened) : std::nullopt;
   if (!record) return 0;
   *value = record->value;

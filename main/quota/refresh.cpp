@@ -93,11 +93,15 @@ outcome refresh_account(const tree_account &self, unsigned kind, std::string &di
 outcome account_refresh::run(int64_t &value) {
   // A folder that somebody else put in the way is passed over with all that is below it.
   if (!folder_.open() && errno == ELOOP) return stopped(kind_);
+  if (folder_.is_open()) folder_.hand_over();
   outcome children{0, 0};
   if (has_children()) children = refresh_children();
   if (children.result != 0) return stop();
-  folder_.open();  // which the first account below may just have made
-  if (!is_forced()) redo_.look();
+  if (is_forced()) {
+    folder_.open();  // which the first account below may just have made
+  } else {
+    redo_.look();
+  }
 
   kind_set uncertain = 0;
   const bool finished = for_each_kind(kind_, [&](unsigned kind) {
@@ -128,6 +132,7 @@ outcome account_refresh::refresh_children() {
                                   self_.id);
   if (!rows) return stopped(kind_);
   if (is_forced() && ::mysql_num_rows(rows.get()) > 0) mark_before_children();
+  folder_.close();  // or a deep tree would take a descriptor for each level
   const size_t length = directory_.size();
   const int child_depth = is_forced() ? force_depth_ - 1 : 0;
   kind_set uncertain = 0;
@@ -151,17 +156,18 @@ outcome account_refresh::refresh_children() {
 void account_refresh::mark_before_children() {
   uid_t uid = 0;
   gid_t gid = 0;
-  if (!folder_.is_open() || owner_ids(&uid, &gid) != 0 || redo_.set()) return;
+  if (owner_ids(&uid, &gid) != 0 || redo_.set()) return;
+  if (errno != ENOSPC && errno != EDQUOT) return;
   // No room even for a mark: a revision out of range serves as well.
   for_each_kind(kind_, [&](unsigned kind) {
-    expire_quota_file(folder_, quota_file_names[kind]);
+    expire_quota_file(folder_, media_kinds[kind].quota_file);
     return true;
   });
 }
 
 // Whether an unforced refresh leaves the file as it is; its value is then in `value`.
 bool account_refresh::is_fresh(unsigned kind, int64_t &value) const {
-  const char *file = quota_file_names[kind];
+  const char *file = media_kinds[kind].quota_file;
   return !redo_.was_there() && is_dirty(folder_, file) == 0 &&
          is_rev_inrange(folder_, file, &value) == 1;
 }
@@ -187,7 +193,7 @@ outcome account_refresh::refresh_kind(unsigned kind, bool certain, int64_t &valu
 
 // Puts a computed value into its file; true when it is there. What is not certain is noted before.
 bool account_refresh::store(unsigned kind, int64_t value, bool certain) {
-  const char *file = quota_file_names[kind];
+  const char *file = media_kinds[kind].quota_file;
   // No room even for a mark: a revision out of range serves as well.
   const int revision = certain || redo_.set() ? 0 : expired_revision;
   bool written = false;

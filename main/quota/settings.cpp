@@ -1,3 +1,4 @@
+// Reads the settings of the quota engine from the configuration files, and keeps them.
 #include <grp.h>
 #include <pwd.h>
 
@@ -44,11 +45,11 @@ bool is_read_or_absent(int status) {
 }
 
 std::optional<quota_settings> read_settings() {
-  safestr_t root = nullptr;
+  std::string root;
   const parseconfig_entry directives[] = {{"QUORVEX_QUOTA_D", &root}};
   const bool know_root = is_read_or_absent(parseconfig(qx_path(QX_PATH_PATHS_CONF), directives, 1));
   quota_settings found;
-  found.quota_root = value_or_default(root, QX_PATH_QUOTA_ROOT);
+  found.quota_root = is_empty(root.c_str()) ? qx_path(QX_PATH_QUOTA_ROOT) : root.c_str();
   if (!know_root) return std::nullopt;
 
   const char *const keys[] = {"astspooldir", "astvarlibdir", nullptr};

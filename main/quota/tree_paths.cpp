@@ -18,7 +18,7 @@ namespace {
 std::string quota_path(std::initializer_list<int> ids, unsigned kind) {
   std::string path = loaded_settings()->quota_root;
   for (const int id : ids) path += "/" + std::to_string(id);
-  if (kind != QUOTA_ALL_KINDS) path += std::string("/") + quota_file_names[kind];
+  if (kind != QUOTA_ALL_KINDS) path += std::string("/") + media_kinds[kind].quota_file;
   return path;
 }
 
@@ -46,8 +46,8 @@ bool add_extension_paths(std::vector<std::string> &paths, unsigned kind, const c
   const bool mailboxes = kind == QUOTA_VOICEMAIL;
   if (mailboxes && client_id == nullptr) return false;
   std::string folder = loaded_settings()->ast_spool_dir;
-  folder += mailboxes ? std::string("/voicemail/") + client_id
-                      : std::string(kind == QUOTA_FAX ? "/fax" : "/monitor");
+  folder += std::string("/") + media_kinds[kind].folder;
+  if (mailboxes) folder += std::string("/") + client_id;
   for (const c_string &extension : extensions_of(client_id, owner_id, mailboxes)) {
     paths.push_back(folder + "/" + extension.get());
   }
@@ -80,10 +80,10 @@ int make_dpath(unsigned kind, int level, const char *reseller_id, const char *cl
 
   switch (kind) {
     case QUOTA_SOUND:
-      paths.push_back(settings->ast_var_lib_dir + "/sounds/." + account);
+      paths.push_back(settings->ast_var_lib_dir + "/" + media_kinds[kind].folder + "/." + account);
       return 0;
     case QUOTA_MUSIC:
-      paths.push_back(settings->ast_var_lib_dir + "/music/" + account);
+      paths.push_back(settings->ast_var_lib_dir + "/" + media_kinds[kind].folder + "/" + account);
       return 0;
     case QUOTA_FAX:
     case QUOTA_RECORDING:

@@ -73,7 +73,10 @@ int64_t update_file(const char *path, int64_t delta, int wait) {
   const char *name = slash + 1;
   if (is_dirty(folder, name) == 1) return -1;
   quota_file file = open_quota_file(path);
-  if (!file && folder.make(uid, gid)) file = folder.open_to_write(name);
+  if (!file && folder.make(uid, gid)) {
+    folder.hand_over();
+    file = folder.open_to_write(name);
+  }
   if (!file) return -1;
   if (!lock_within(file, wait)) {
     set_dirty(folder, name);

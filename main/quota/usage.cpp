@@ -15,20 +15,6 @@
 
 namespace {
 
-// The table of stored files by kind; null for a kind that lies on disk only.
-const char *table_of(unsigned kind) {
-  switch (kind) {
-    case QUOTA_FAX:
-      return "extension_fax_center";
-    case QUOTA_RECORDING:
-      return "extension_recording";
-    case QUOTA_VOICEMAIL:
-      return "extension_voicemail";
-    default:
-      return nullptr;
-  }
-}
-
 // Only owners have stored files; what is above them has their sums.
 usage database_usage(const tree_account &self, const char *table) {
   if (self.level != LEVEL_OWNER) return {};
@@ -88,7 +74,7 @@ sql_result rows_of(const call_site &site, const char *statement, const char *id)
 usage own_usage(const tree_account &self, unsigned kind) {
   // Memory that is short hides what is there, as a bad disk does.
   return no_throw(usage{0, false}, [&] {
-    const char *table = table_of(kind);
+    const char *table = media_kinds[kind].rows.table;
     return table == nullptr ? media_usage(self, kind) : database_usage(self, table);
   });
 }
@@ -102,7 +88,7 @@ int grab_child_quotas(const char *id, const char * /*parent_id*/, const char * /
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
     if (row[0] == nullptr) return -1;
     char name[64];
-    std::snprintf(name, sizeof name, "%d/%s", std::atoi(row[0]), quota_file_names[kind]);
+    std::snprintf(name, sizeof name, "%d/%s", std::atoi(row[0]), media_kinds[kind].quota_file);
     const usage child = value_of_child(folder, name);
     if (!child.certain) *certain = false;
     // A damaged record may hold any number; the sum then wraps.

@@ -29,7 +29,7 @@ struct tree_limits {
 };
 
 int64_t limit_of(int account_id, unsigned kind) {
-  const c_string kibibytes(qx_account_get_pref(account_id, quota_limit_names[kind]));
+  const c_string kibibytes(qx_account_get_pref(account_id, media_kinds[kind].limit));
   if (!kibibytes) return -1;
   int64_t bytes = 0;
   if (__builtin_mul_overflow(std::atoll(kibibytes.get()), 1024, &bytes)) {
@@ -52,8 +52,10 @@ int verify_disk(unsigned kind, const tree_place &place, const tree_limits &limit
   std::string reseller;
   std::string client;
   std::string owner;
-  if (make_qpaths(kind, place.reseller, place.client, place.owner, &reseller, &client, &owner) != 0)
+  if (make_qpaths(kind, place.reseller, place.client, place.owner, &reseller, &client, &owner) !=
+      0) {
     return -1;
+  }
   if (is_full(owner, limits.owner)) return place.owner + LEVEL_OWNER * level_factor;
   if (is_full(client, limits.client)) return place.client + LEVEL_CLIENT * level_factor;
   if (is_full(reseller, limits.reseller)) return place.reseller + LEVEL_RESELLER * level_factor;
@@ -98,9 +100,10 @@ int quota_verify(int account_id, unsigned kind) {
   const int result = no_throw(-1, [&] { return verify(account_id, kind, place); });
   const int id = result % level_factor;
   const int level = result / level_factor;
-  if (result != 0)
+  if (result != 0) {
     QX_LOG(FR_LOG_ERROR, report, static_cast<int>(kind), place.reseller, place.client, place.owner,
            result, id, level);
+  }
   // Printed whatever the result is: operators' scripts read this line from a component's output.
   std::printf(report, static_cast<int>(kind), place.reseller, place.client, place.owner, result, id,
               level);

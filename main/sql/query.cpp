@@ -2,14 +2,16 @@
 
 #include <errmsg.h>
 
-#include <cstdarg>
 #include <cstring>
 
-namespace {
+bool has_lacked_memory(SessionHandle session) {
+  // Without an error of its own a statement never came as far as the client library.
+  const unsigned code = mysql_errno(fr_sql_conn_get_mysql(session));
+  return code == 0 || code == CR_OUT_OF_MEMORY;
+}
 
-__attribute__((format(printf, 4, 0))) int query(const call_site &site, SessionHandle session,
-                                                sql_result &result, const char *format,
-                                                va_list arguments) {
+int sql_vquery(const call_site &site, SessionHandle session, sql_result &result, const char *format,
+               va_list arguments) {
   result.reset();
   MYSQL_RES *rows = nullptr;
   const int status = fr_sql_conn_vquery(session, 1, &rows, format, arguments);
@@ -18,19 +20,11 @@ __attribute__((format(printf, 4, 0))) int query(const call_site &site, SessionHa
   return status;
 }
 
-}  // namespace
-
-bool has_lacked_memory(SessionHandle session) {
-  // Without an error of its own a statement never came as far as the client library.
-  const unsigned code = mysql_errno(fr_sql_conn_get_mysql(session));
-  return code == 0 || code == CR_OUT_OF_MEMORY;
-}
-
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
               ...) {
   va_list arguments;
   va_start(arguments, format);
-  const int status = query(site, session, result, format, arguments);
+  const int status = sql_vquery(site, session, result, format, arguments);
   va_end(arguments);
   return status;
 }
@@ -44,7 +38,7 @@ c_string sql_text(const call_site &site, SessionHandle session, const char *form
   sql_result rows;
   va_list arguments;
   va_start(arguments, format);
-  query(site, own.get(), rows, format, arguments);
+  sql_vquery(site, own.get(), rows, format, arguments);
   va_end(arguments);
   const MYSQL_ROW row = rows ? mysql_fetch_row(rows.get()) : nullptr;
   if (row == nullptr) return nullptr;

@@ -3,6 +3,7 @@
 #ifndef MAIN_SQL_QUERY_H
 #define MAIN_SQL_QUERY_H
 
+#include <cstdarg>
 #include <memory>
 
 #include <spoolcap/sqlsession.h>
@@ -51,6 +52,9 @@ bool has_lacked_memory(SessionHandle session);
 // non-zero, logged in the name of `site`.
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
               ...) __attribute__((format(printf, 4, 5)));
+
+int sql_vquery(const call_site &site, SessionHandle session, sql_result &result, const char *format,
+               va_list arguments) __attribute__((format(printf, 4, 0)));
 
 // The first column of a statement's first row, on the caller's session or, when that is NULL, on
 // one of its own; null when there is none. A failed statement is logged as above; a NULL column

@@ -39,8 +39,9 @@ bool for_each_value(FILE *file, const char *keyword, Take &&take) {
 
 void warn_if_public(FILE *credentials, const char *path) {
   struct stat status {};
-  if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0)
+  if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
     QX_LOG(FR_LOG_WARNING, "Everybody may read <%s>, which holds the database password.\n\n", path);
+  }
 }
 
 bool add_shard(const char *value) {

@@ -10,14 +10,10 @@
 #include "platform/base/diagnostics.h"
 #include "platform/base/owner.h"
 
-enum class storage_engine { invalid = -1, posix = 1, s3 = 2 };
-
-// The word of an engine, and the engine of a word; NULL means POSIX.
-const char *word_of(storage_engine engine);
-storage_engine engine_of(const char *word);
+struct storage_engine;
 
 struct storage_config {
-  storage_engine engine = storage_engine::posix;
+  const storage_engine *engine = nullptr;
   std::string transfer_in;
   std::string transfer_out;
   std::string cache;
@@ -43,5 +39,14 @@ struct storage_snapshot {
 };
 
 storage_snapshot take_snapshot();
+
+// Reads the file of configuration and takes it from now on. -1, logged in the name of `site`, with
+// the configuration as it was.
+int load_config(const call_site &site, const char *base_dir, const char *monitor_dir);
+
+// Takes a service, or none, from now on.
+void set_service(std::shared_ptr<const qx_storage_api_t> service);
+
+void set_node_id(c_string node_id);
 
 #endif

@@ -1,3 +1,4 @@
+// Copies a file in the cheapest way that its file systems have.
 #include "main/storage/copy_content.h"
 
 #include <linux/fs.h>

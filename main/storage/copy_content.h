@@ -1,4 +1,4 @@
-// Internal to main/storage/.
+// Copies the content of one open file into another. Internal to main/storage/.
 #ifndef MAIN_STORAGE_COPY_CONTENT_H
 #define MAIN_STORAGE_COPY_CONTENT_H
 

@@ -1,3 +1,4 @@
+// Temporary files, folders, and files that are moved or copied to their place.
 #include "main/storage/files.h"
 
 #include <fcntl.h>
@@ -82,8 +83,8 @@ int copy_to(const std::string &from, const std::string &to, at_target what) {
   const int error = copy_content(source.get(), copy.fd.get());
   if (error != 0) return error;
   if (::fchmod(copy.fd.get(), storage_mode) != 0) return errno;
-  // Some file systems tell only here that the disk is full. A power cut is not provided against:
-  // that would cost every file the time of a disk write.
+  // Some file systems report a full disk only here. There is no fsync against a power cut: it would
+  // cost every file the time of a disk write.
   if (::close(copy.fd.release()) != 0) return errno;
   const int refused = rename_to(copy.name.path(), to, what);
   if (refused == 0) copy.name.give_up();
@@ -108,8 +109,9 @@ void seed_names() {
   const pid_t self = ::getpid();
   if (seeded_process.exchange(self) == self) return;
   unsigned seed = 0;
-  if (::getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed))
+  if (::getrandom(&seed, sizeof seed, 0) != static_cast<ssize_t>(sizeof seed)) {
     seed = static_cast<unsigned>(std::time(nullptr)) ^ static_cast<unsigned>(self) << 16U;
+  }
   std::srand(seed);
 }
 

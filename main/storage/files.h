@@ -30,7 +30,7 @@ class temporary_file {
   ~temporary_file() { remove(); }
 
   const std::string &path() const { return path_; }
-  // The name is somebody else's from now on.
+  // Forgets the file without removing it: the name is not ours any more.
   void give_up() { owned_ = false; }
   void remove() {
     if (std::exchange(owned_, false)) ::unlink(path_.c_str());

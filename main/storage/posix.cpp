@@ -1,3 +1,4 @@
+// Engine POSIX: files in local folders, one folder for each kind of media.
 #include "main/storage/posix.h"
 
 #include <strings.h>
@@ -5,7 +6,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "main/storage/kinds.h"
+#include "main/storage/engine.h"
+#include "main/storage/names.h"
+#include "main/storage/session.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -19,45 +22,45 @@ std::string name_below(const std::string &folder, const std::string &path) {
 }
 
 std::string final_path(const qx_storage_session &session, int file_id) {
-  const std::string &name = session.requested_name;
+  const std::string &name = session.posix.requested_name;
   if (name.starts_with('/')) return name;
-  return session.folder + "/" +
+  return session.posix.folder + "/" +
          (name.empty() ? owned_file(session.first_id, session.second_id, file_id, session.extension)
                        : name);
 }
 
-}  // namespace
-
-std::string posix_folder(const storage_config &config, int type) {
-  switch (type) {
-    case QX_STORAGE_RECORDING:
-      return config.monitor_dir;
-    case QX_STORAGE_VOICEMAIL:
-    case QX_STORAGE_FAX:
-      return config.base_dir + "/" + kind_of(type).name;
-    default:
-      return "";
-  }
+// The folder of a kind, empty when it has none. New files grow in its sub-folder "tmp".
+std::string folder_of_type(const storage_config &config, int type) {
+  if (type == QX_STORAGE_RECORDING) return config.monitor_dir;
+  const char *const folder = media_of_type(type).folder;
+  return folder == nullptr ? "" : config.base_dir + "/" + folder;
 }
 
-bool prepare_posix(const call_site &site, qx_storage_session &session) {
-  session.folder = posix_folder(session.config(), session.resource_type);
-  if (session.folder.empty()) {
+int initialize() {
+  return 0;
+}
+
+const storage_engine &choose(const call_site & /*site*/, const storage_snapshot & /*now*/) {
+  return posix_engine;
+}
+
+bool prepare(const call_site &site, qx_storage_session &session) {
+  session.posix.folder = folder_of_type(session.config(), session.resource_type);
+  if (session.posix.folder.empty()) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Requested to store unknown resource type [%d].\n\n",
               session.resource_type);
     return false;
   }
-  auto made = make_temporary_file(session.folder + "/tmp", session.extension);
+  auto made = make_temporary_file(session.posix.folder + "/tmp", session.extension);
   if (!made) return false;
   session.temporary = std::move(*made);
   return true;
 }
 
-std::optional<stored_file> store_posix(const call_site &site, qx_storage_session &session,
-                                       int file_id) {
+std::optional<stored_file> store(const call_site &site, qx_storage_session &session, int file_id) {
   stored_file file;
   file.path = final_path(session, file_id);
-  file.name = name_below(session.folder, file.path);
+  file.name = name_below(session.posix.folder, file.path);
   const int error = move_file(session.temporary.path(), file.path);
   if (error != 0) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n",
@@ -69,8 +72,9 @@ std::optional<stored_file> store_posix(const call_site &site, qx_storage_session
   return file;
 }
 
-bool fetch_posix(const call_site &site, qx_storage_session &session, const char *name) {
-  const std::string folder = posix_folder(session.config(), session.resource_type);
+bool fetch(const call_site &site, qx_storage_session &session, const char *name,
+           const char * /*extra*/) {
+  const std::string folder = folder_of_type(session.config(), session.resource_type);
   if (folder.empty()) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Requested to retrieve unknown resource type [%d].\n\n",
               session.resource_type);
@@ -87,8 +91,9 @@ bool fetch_posix(const call_site &site, qx_storage_session &session, const char 
   return true;
 }
 
-int delete_posix(const call_site &site, const storage_config &config, int type, const char *name) {
-  const std::string folder = posix_folder(config, type);
+int remove_file(const call_site &site, const storage_config &config, int type, const char *name,
+                const char * /*location*/) {
+  const std::string folder = folder_of_type(config, type);
   const std::string path = folder + "/" + (name == nullptr ? "" : name);
   int error = folder.empty() || is_empty(name) || has_parent_component(name) ? EINVAL : 0;
   if (error == 0 && ::unlink(path.c_str()) != 0) error = errno;
@@ -98,3 +103,15 @@ int delete_posix(const call_site &site, const storage_config &config, int type, 
   }
   return error;
 }
+
+}  // namespace
+
+const storage_engine posix_engine = {.word = "posix",
+                                     .needs_location = false,
+                                     .is_name_in_row = false,
+                                     .initialize = initialize,
+                                     .choose = choose,
+                                     .prepare = prepare,
+                                     .store = store,
+                                     .fetch = fetch,
+                                     .remove = remove_file};

@@ -1,3 +1,4 @@
+// Adds members to the queues of the transfer service.
 #include "main/storage/queue.h"
 
 #include <cerrno>
@@ -5,7 +6,8 @@
 
 #include <spoolcap/zarn_str.h>
 #include "main/cache/client.h"
-#include "main/storage/kinds.h"
+#include "main/storage/engine.h"
+#include "main/storage/names.h"
 #include "main/storage/session.h"
 #include "platform/base/owner.h"
 
@@ -23,7 +25,7 @@ __attribute__((format(printf, 1, 2))) c_string format_text(const char *format, .
 }
 
 int add_to_queue(const call_site &site, const char *queue, const char *member) {
-  const c_string key = format_text(queue, word_of(storage_engine::s3), storage_shard);
+  const c_string key = format_text(queue, s3_engine.word, storage_shard);
   if (!key) return ENOMEM;
   const int status = cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL);
   return status == 0 ? 0 : EIO;
@@ -52,7 +54,7 @@ int queue_owner_deletion(const call_site &site, const char *location, int type, 
   const std::string prefix = prefix_key(type, first_id, second_id);
   const c_string member = format_text("%s:r:%s", location, prefix.c_str());
   if (!member) return ENOMEM;
-  CACHE_LOG(site, "Adding %s recursive member [%s] to delete queue.", kind_of(type).name,
+  CACHE_LOG(site, "Adding %s recursive member [%s] to delete queue.", media_of_type(type).name,
             member.get());
   return add_to_queue(site, delete_queue, member.get());
 }

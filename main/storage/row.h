@@ -1,4 +1,4 @@
-// Internal to main/storage/.
+// The database row of a stored file. Internal to main/storage/.
 #ifndef MAIN_STORAGE_ROW_H
 #define MAIN_STORAGE_ROW_H
 
@@ -6,8 +6,8 @@
 
 #include "main/storage/session.h"
 
-// Says in the row of a stored file where the file is. A failure, also that there is no such row, is
-// logged, and no more: the file is stored.
+// Writes into the row of a stored file where the file is. A failure or a missing row is only
+// logged, as the file itself is stored.
 void record_location(const qx_storage_session &session, int file_id, const std::string &name);
 
 #endif

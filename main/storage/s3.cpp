@@ -1,3 +1,5 @@
+// Engine S3: files in an object store, by way of the transfer service, the local cache and the
+// queues.
 #include "main/storage/s3.h"
 
 #include <unistd.h>
@@ -5,8 +7,11 @@
 #include <cerrno>
 #include <cstring>
 
-#include "main/storage/kinds.h"
+#include "main/cache/client.h"
+#include "main/storage/engine.h"
+#include "main/storage/names.h"
 #include "main/storage/queue.h"
+#include "main/storage/session.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -24,13 +29,13 @@ bool is_object_key(const char *name) {
 
 // Moves what was downloaded into the cache; false, logged, when that fails.
 bool keep_download(qx_storage_session &session, const char *path) {
-  const int error = move_new_file(path, session.cache_path);
+  const int error = move_new_file(path, session.s3.cache_path);
   // A commit or another download was faster, and what it brought is no older than this.
-  if (error == EEXIST && find_file(session.cache_path) == 0) {
+  if (error == EEXIST && find_file(session.s3.cache_path) == 0) {
     ::unlink(path);
   } else if (error != 0) {
     QX_LOG(FR_LOG_WARNING, "Failed to move file [%s] to [%s]: %s.\n\n", path,
-           session.cache_path.c_str(), std::strerror(error));
+           session.s3.cache_path.c_str(), std::strerror(error));
     return false;
   }
   if (session.temporary.path() == path) session.temporary.give_up();
@@ -43,13 +48,13 @@ void finish_download(void *cookie, int status, const char *path) {
   const session_owner session(static_cast<qx_storage_session *>(cookie));
   const bool kept = status == QX_STORAGE_READY && path != nullptr &&
                     no_throw(false, [&] { return keep_download(*session, path); });
-  // The path was the request's, and may end with it. Who waits for the session may take it that
-  // nothing of the download is left.
+  // `path` belongs to the request and goes with it. The temporary file is removed before finish()
+  // wakes the waiters, as they may assume that it is gone.
   session->temporary.remove();
   const qx_storage_api_t &service = *session->made_with.service;
-  if (void *request = session->request_done()) service.release(service.context, request);
+  if (void *request = session->s3.request.done()) service.release(service.context, request);
   if (kept)
-    session->finish(QX_STORAGE_READY, std::move(session->cache_path));
+    session->finish(QX_STORAGE_READY, std::move(session->s3.cache_path));
   else
     session->finish(QX_STORAGE_FAILED, "");
 }
@@ -61,9 +66,8 @@ bool start_download(qx_storage_session &session, const char *name, const char *e
 
   const qx_storage_api_t &service = *session.made_with.service;
   session.reference();
-  void *request =
-      service.download(service.context, name, storage_shard, word_of(storage_engine::s3), extra,
-                       session.temporary.path().c_str(), finish_download, &session);
+  void *request = service.download(service.context, name, storage_shard, s3_engine.word, extra,
+                                   session.temporary.path().c_str(), finish_download, &session);
   if (request == nullptr) {
     session.temporary.remove();
     session.finish(QX_STORAGE_FAILED, "");
@@ -71,13 +75,23 @@ bool start_download(qx_storage_session &session, const char *name, const char *e
     return true;
   }
   // The download may be over by now; our caller's reference has kept the session.
-  if (void *ended = session.request_started(request)) service.release(service.context, ended);
+  if (void *ended = session.s3.request.started(request)) service.release(service.context, ended);
   return true;
 }
 
-}  // namespace
+int initialize() {
+  // The queues lie in the cache.
+  return renew_cache_client();
+}
 
-bool prepare_s3(qx_storage_session &session) {
+const storage_engine &choose(const call_site &site, const storage_snapshot &now) {
+  if (now.s3_usable()) return s3_engine;
+  QX_LOG_AT(site, FR_LOG_WARNING,
+            "S3 engine is disabled due to a configuration error. Storing file to POSIX\n");
+  return posix_engine;
+}
+
+bool prepare(const call_site & /*site*/, qx_storage_session &session) {
   auto made =
       make_temporary_file(session.config().transfer_out + "/" + storage_shard, session.extension);
   if (!made) return false;
@@ -85,10 +99,9 @@ bool prepare_s3(qx_storage_session &session) {
   return true;
 }
 
-std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &session,
-                                    int file_id) {
+std::optional<stored_file> store(const call_site &site, qx_storage_session &session, int file_id) {
   stored_file file;
-  file.name = std::string(kind_of(session.resource_type).key_word) + "/" +
+  file.name = std::string(media_of_type(session.resource_type).key_word) + "/" +
               owned_file(session.first_id, session.second_id, file_id, session.extension);
   file.path = cache_path(session.config(), file.name);
   const int error = copy_file(session.temporary.path(), file.path);
@@ -98,16 +111,16 @@ std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &s
     return std::nullopt;
   }
   if (queue_upload(site, session.location.c_str(), file.name) != 0) {
-    // The copy stays: an answer that was lost on the way may have left the place in the queue, and
-    // the service would find nothing there. It ends what nobody asks of the cache.
+    // The copy stays: if only the reply was lost, the queue has the member and the service needs
+    // the file. Otherwise the expiry of the cache removes it.
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to queue file [%s].\n\n", file.name.c_str());
     return std::nullopt;
   }
   return file;
 }
 
-bool fetch_s3(const call_site &site, qx_storage_session &session, const char *name,
-              const char *extra) {
+bool fetch(const call_site &site, qx_storage_session &session, const char *name,
+           const char *extra) {
   if (!session.made_with.s3_usable()) {
     QX_LOG_AT(site, FR_LOG_WARNING,
               "The S3 storage engine is disabled due to a configuration error. Cannot retrieve "
@@ -119,14 +132,14 @@ bool fetch_s3(const call_site &site, qx_storage_session &session, const char *na
               name == nullptr ? "" : name, std::strerror(EINVAL));
     return false;
   }
-  session.cache_path = cache_path(session.config(), name);
-  if (find_file(session.cache_path) != 0) return start_download(session, name, extra);
-  session.finish(QX_STORAGE_READY, session.cache_path);
+  session.s3.cache_path = cache_path(session.config(), name);
+  if (find_file(session.s3.cache_path) != 0) return start_download(session, name, extra);
+  session.finish(QX_STORAGE_READY, session.s3.cache_path);
   return true;
 }
 
-int delete_s3(const call_site &site, const storage_config &config, const char *name,
-              const char *location) {
+int remove_file(const call_site &site, const storage_config &config, int /*type*/, const char *name,
+                const char *location) {
   if (!is_object_key(name)) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n", name,
               std::strerror(EINVAL));
@@ -135,7 +148,7 @@ int delete_s3(const call_site &site, const storage_config &config, const char *n
   const std::string cached = cache_path(config, name);
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
-  // Once the object goes, a copy in the cache would bring it back for those who ask for it.
+  // A copy left in the cache would keep serving a deleted file.
   if (::unlink(cached.c_str()) != 0 && errno != ENOENT) {
     const int cause = errno;
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
@@ -143,3 +156,15 @@ int delete_s3(const call_site &site, const storage_config &config, const char *n
   }
   return 0;
 }
+
+}  // namespace
+
+const storage_engine s3_engine = {.word = "s3",
+                                  .needs_location = true,
+                                  .is_name_in_row = true,
+                                  .initialize = initialize,
+                                  .choose = choose,
+                                  .prepare = prepare,
+                                  .store = store,
+                                  .fetch = fetch,
+                                  .remove = remove_file};

@@ -1,27 +1,38 @@
-// Engine S3: files in an object store, by way of the transfer service, the local cache and the
-// queues. Internal to main/storage/.
+// What a session under engine S3 knows: files go to an object store and come from there by way of
+// the transfer service, the local cache and the queues. Internal to main/storage/.
 #ifndef MAIN_STORAGE_S3_H
 #define MAIN_STORAGE_S3_H
 
-#include <optional>
+#include <mutex>
+#include <string>
+#include <utility>
 
-#include "main/storage/session.h"
+// A request and its completion meet here, in either order; the second one gets the request, and
+// ends it.
+class download_request {
+ public:
+  void *started(void *request) {
+    const std::lock_guard guard(lock_);
+    if (done_) return request;
+    request_ = request;
+    return nullptr;
+  }
 
-// Makes the session's temporary file; false, logged, when it cannot have it.
-bool prepare_s3(qx_storage_session &session);
+  void *done() {
+    const std::lock_guard guard(lock_);
+    done_ = true;
+    return std::exchange(request_, nullptr);
+  }
 
-// Copies the temporary file into the cache and queues its upload. Nothing, logged, when it is not
-// stored.
-std::optional<stored_file> store_s3(const call_site &site, qx_storage_session &session,
-                                    int file_id);
+ private:
+  std::mutex lock_;  // guards all that follows
+  void *request_ = nullptr;
+  bool done_ = false;
+};
 
-// Finishes the session with the file of the cache, or starts a download that does. False, logged,
-// when neither can be; a download that the service refuses finishes the session as failed.
-bool fetch_s3(const call_site &site, qx_storage_session &session, const char *name,
-              const char *extra);
-
-// 0, or the error number, logged.
-int delete_s3(const call_site &site, const storage_config &config, const char *name,
-              const char *location);
+struct s3_part {
+  std::string cache_path;  // where a download goes in the end
+  download_request request;
+};
 
 #endif

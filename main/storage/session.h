@@ -10,6 +10,8 @@
 
 #include "main/storage/config.h"
 #include "main/storage/files.h"
+#include "main/storage/posix.h"
+#include "main/storage/s3.h"
 
 // The part of the platform that all files belong to: a folder of the transfer-out directory and of
 // the cache, and the end of the queues' names.
@@ -23,17 +25,17 @@ struct qx_storage_session {
 
   const storage_snapshot made_with;
   const purpose use;
-  storage_engine engine;
+  // The configured engine at first; the caller may choose another one before it uses the session.
+  const storage_engine *engine;
   const int resource_type;
   int first_id = 0;
   int second_id = 0;
   std::string extension;
-  std::string folder;          // of the kind, POSIX only
-  std::string requested_name;  // empty when none was
   std::string location;
   // Storing: what the caller writes. Fetching: what the service downloads into.
   temporary_file temporary;
-  std::string cache_path;  // where a download goes in the end
+  posix_part posix;
+  s3_part s3;
 
   const storage_config &config() const { return *made_with.config; }
 
@@ -43,11 +45,6 @@ struct qx_storage_session {
   int wait();
   // NULL while there is no file.
   const char *file_path();
-
-  // A request and its completion meet here, in either order; the second one gets the request, and
-  // ends it.
-  void *request_started(void *started);
-  void *request_done();
 
   void reference() { references_.fetch_add(1, std::memory_order_relaxed); }
   void release() {
@@ -62,21 +59,14 @@ struct qx_storage_session {
   std::condition_variable changed_;
   int status_ = QX_STORAGE_PENDING;
   std::string path_;
-  void *request_ = nullptr;
-  bool done_ = false;
-};
-
-// A file that was stored: where it is, and the name that it goes by in its engine.
-struct stored_file {
-  std::string path;
-  std::string name;
 };
 
 // One reference.
 using session_owner =
     std::unique_ptr<qx_storage_session, call_to_release<qx_storage_release_session>>;
 
-// A new session under the configuration of this moment; null, logged, when there is none yet.
+// A new session under the current configuration and its engine; null, logged, while there is no
+// configuration.
 session_owner start_session(const call_site &site, qx_storage_session::purpose use, int type);
 
 #endif

@@ -1,11 +1,12 @@
-// The public operations: each checks what it was given and hands it to the engine.
+// The public operations: each checks what it was given and hands it to the session or its engine.
 #include <cerrno>
 #include <cstring>
 
-#include "main/storage/posix.h"
+#include <spoolcap/zarn_str.h>
+#include "main/storage/engine.h"
 #include "main/storage/queue.h"
 #include "main/storage/row.h"
-#include "main/storage/s3.h"
+#include "main/storage/session.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -27,7 +28,7 @@ bool take_location(const call_site &site, qx_storage_session &session) {
                                                     .first_id = session.first_id,
                                                     .second_id = session.second_id});
   if (text) session.location = text.get();
-  if (text || session.engine == storage_engine::posix) return true;
+  if (text || !session.engine->needs_location) return true;
   log_condition_failed(site);
   return false;
 }
@@ -45,21 +46,13 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
   session->second_id = second_id;
   if (extension != nullptr)
     session->extension.assign(extension, strnlen(extension, longest_extension));
-  if (session->engine == storage_engine::s3 && !session->made_with.s3_usable()) {
-    QX_LOG_AT(site, FR_LOG_WARNING,
-              "S3 engine is disabled due to a configuration error. Storing file to POSIX\n");
-    session->engine = storage_engine::posix;
-  }
-  const bool ready =
-      session->engine == storage_engine::s3 ? prepare_s3(*session) : prepare_posix(site, *session);
-  if (!ready || !take_location(site, *session)) return nullptr;
+  session->engine = &session->engine->choose(site, session->made_with);
+  if (!session->engine->prepare(site, *session) || !take_location(site, *session)) return nullptr;
   return session;
 }
 
 bool commit(const call_site &site, qx_storage_session &session, int file_id) {
-  std::optional<stored_file> file = session.engine == storage_engine::s3
-                                        ? store_s3(site, session, file_id)
-                                        : store_posix(site, session, file_id);
+  std::optional<stored_file> file = session.engine->store(site, session, file_id);
   if (!file) return false;
   record_location(session, file_id, file->name);
   session.finish(QX_STORAGE_READY, std::move(file->path));
@@ -68,8 +61,8 @@ bool commit(const call_site &site, qx_storage_session &session, int file_id) {
 
 session_owner retrieve_session(const call_site &site, int type, const char *name,
                                const char *engine_word, const char *extra) {
-  const storage_engine engine = engine_of(engine_word);
-  if (engine == storage_engine::invalid) {
+  const storage_engine *const engine = engine_of(engine_word);
+  if (engine == nullptr) {
     QX_LOG_AT(site, FR_LOG_WARNING,
               "Invalid storage engine specified [%s]. Cannot retrieve file.\n\n", engine_word);
     return nullptr;
@@ -77,24 +70,22 @@ session_owner retrieve_session(const call_site &site, int type, const char *name
   session_owner session = start_session(site, purpose::fetching, type);
   if (!session) return nullptr;
   session->engine = engine;
-  const bool found = engine == storage_engine::s3 ? fetch_s3(site, *session, name, extra)
-                                                  : fetch_posix(site, *session, name);
-  return found ? std::move(session) : nullptr;
+  return engine->fetch(site, *session, name, extra) ? std::move(session) : nullptr;
 }
 
 int delete_file(const call_site &site, int type, const char *name, const char *engine_word,
                 const char *location) {
-  const storage_engine engine = engine_of(engine_word);
+  const storage_engine *const engine = engine_of(engine_word);
   // What has no name or place in the object store was never there.
-  if (engine == storage_engine::s3 && (name == nullptr || location == nullptr)) return 0;
+  if (engine != nullptr && engine->needs_location && (name == nullptr || location == nullptr))
+    return 0;
   const auto config = take_snapshot().config;
-  if (engine == storage_engine::invalid || config == nullptr) {
+  if (engine == nullptr || config == nullptr) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n",
               name == nullptr ? "" : name, std::strerror(EINVAL));
     return EINVAL;
   }
-  return engine == storage_engine::s3 ? delete_s3(site, *config, name, location)
-                                      : delete_posix(site, *config, type, name);
+  return engine->remove(site, *config, type, name, location);
 }
 
 int delete_owner(const call_site &site, const qx_storage_location_query_t &query) {
@@ -113,6 +104,46 @@ int delete_owner(const call_site &site, const qx_storage_location_query_t &query
 
 }  // namespace
 
+int qx_storage_load_config(const char *base_dir, const char *monitor_dir) {
+  const call_site here = QX_HERE;
+  seed_names();
+  return no_throw(-1, [=] { return load_config(here, base_dir, monitor_dir); });
+}
+
+int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
+  // A node without an id has a storage all the same: nothing here depends on it.
+  set_node_id(c_string(get_nodeid()));
+  if (qx_storage_load_config(base_dir, monitor_dir) != 0) {
+    QX_LOG(FR_LOG_ERROR, "FATAL: Failed to initialize the storage system.\n\n");
+    return -1;
+  }
+  if (take_snapshot().config->engine->initialize() != 0) {
+    QX_LOG(FR_LOG_ERROR, "Failed to initialize connection to the DisDB server.\n\n");
+    return -1;
+  }
+  return 0;
+}
+
+void qx_storage_cleanup(void) {
+  set_node_id(nullptr);
+}
+
+int qx_storage_register_api(const qx_storage_api_t *api) {
+  if (api == nullptr || api->s3_usable == nullptr || api->location == nullptr ||
+      api->download == nullptr || api->release == nullptr) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
+  return no_throw(-1, [api] {
+    set_service(std::make_shared<const qx_storage_api_t>(*api));
+    return 0;
+  });
+}
+
+void qx_storage_unregister_api(void) {
+  set_service(nullptr);
+}
+
 qx_storage_session_t *qx_storage_session_create(int resource_type, int first_id, int second_id,
                                                 const char *extension) {
   const call_site here = QX_HERE;
@@ -129,7 +160,7 @@ int qx_storage_set_posix_filename(qx_storage_session_t *session, const char *nam
     return -1;
   }
   return no_throw(-1, [=] {
-    session->requested_name = name == nullptr ? "" : name;
+    session->posix.requested_name = name == nullptr ? "" : name;
     return 0;
   });
 }
@@ -172,4 +203,33 @@ int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                .second_text = other_text,
                                .argument = argument});
   }));
+}
+
+const char *qx_storage_get_temp_file(const qx_storage_session_t *session) {
+  if (session == nullptr || session->use != purpose::storing) return nullptr;
+  return session->temporary.path().c_str();
+}
+
+const char *qx_storage_get_file_path(qx_storage_session_t *session) {
+  return session == nullptr ? nullptr : session->file_path();
+}
+
+int qx_storage_get_session_status(qx_storage_session_t *session) {
+  return session == nullptr ? -1 : session->status();
+}
+
+int qx_storage_wait_for_file(qx_storage_session_t *session) {
+  if (session == nullptr) {
+    log_condition_failed(QX_HERE);
+    return -1;
+  }
+  return session->wait();
+}
+
+void qx_storage_ref_session(qx_storage_session_t *session) {
+  if (session != nullptr) session->reference();
+}
+
+void qx_storage_release_session(qx_storage_session_t *session) {
+  if (session != nullptr) session->release();
 }

@@ -36,8 +36,9 @@ int replace_with(char **str, const std::string &text) {
 
 size_t occurrences(std::string_view text, std::string_view part) {
   size_t count = 0;
-  for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size()))
+  for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size())) {
     ++count;
+  }
   return count;
 }
 

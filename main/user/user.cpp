@@ -125,11 +125,13 @@ char **read_extensions(const call_site &site, SessionHandle session, const char 
   if (!key) return nullptr;
   string_array numbers;
   string_array ids;
-  if (cache_hgetall(site, 0, key.get(), numbers, ids, count) != VK_OK)
+  if (cache_hgetall(site, 0, key.get(), numbers, ids, count) != VK_OK) {
     return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only,
                                     count);
-  for (size_t i = 0; !numbers_only && i < numbers.count(); ++i)
+  }
+  for (size_t i = 0; !numbers_only && i < numbers.count(); ++i) {
     numbers.set(i, c_string(qx_get_full_number_sess(session, parent_id, numbers[i])));
+  }
   return numbers.release();
 }
 

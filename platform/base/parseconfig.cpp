@@ -1,3 +1,4 @@
+// Reads directive files by table.
 #include "platform/base/parseconfig.h"
 
 #include <string_view>
@@ -31,19 +32,12 @@ directive split_line(std::string_view line) {
   return {keyword, value};
 }
 
-void take(const parseconfig_entry &entry, std::string_view value) {
-  safestr_t copy = safestr_create(value.data(), value.size());
-  if (copy == nullptr) throw std::bad_alloc();
-  safestr_free(*entry.value);
-  *entry.value = copy;
-}
-
 int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t count) {
   while (const auto line = lines.next()) {
     const directive found = split_line(*line);
     for (size_t i = 0; i < count; ++i) {
       if (!found.keyword.empty() && found.keyword == entries[i].keyword)
-        take(entries[i], found.value);
+        *entries[i].value = found.value;
     }
   }
   return lines.failed() ? -1 : 0;
@@ -51,7 +45,7 @@ int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t co
 
 }  // namespace
 
-int parseconfig(const char *path, const struct parseconfig_entry *entries, size_t count) {
+int parseconfig(const char *path, const parseconfig_entry *entries, size_t count) {
   if (path == nullptr || (entries == nullptr && count > 0)) return -1;
   line_reader lines(path);
   if (!lines) return -1;

@@ -7,27 +7,17 @@
 #ifndef PLATFORM_BASE_PARSECONFIG_H
 #define PLATFORM_BASE_PARSECONFIG_H
 
-#include <stddef.h>
-
-#include <spoolcap/safestr.h>
-
-#ifdef __cplusplus
-extern "C" {
-#endif
+#include <cstddef>
+#include <string>
 
 /* One keyword and the string that takes its value. */
 struct parseconfig_entry {
   const char *keyword;
-  safestr_t *value;
+  std::string *value;
 };
 
-/* Fills the value of every entry whose keyword is in the file, releasing what it held, and leaves
- * the rest untouched. An empty value gives an empty string. 0, or -1 with errno
- * when the file cannot be read or memory is short. */
-int parseconfig(const char *path, const struct parseconfig_entry *entries, size_t count);
-
-#ifdef __cplusplus
-}
-#endif
+/* Fills the value of every entry whose keyword is in the file, and leaves the rest
+ * untouched. 0, or -1 with errno when the file cannot be read or memory is short. */
+int parseconfig(const char *path, const parseconfig_entry *entries, size_t count);
 
 #endif

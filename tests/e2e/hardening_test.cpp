@@ -8,7 +8,7 @@
 namespace {
 
 support::process_result check(const std::string &file, const std::string &function) {
-  return support::run_process({SPOOLCAP_SOURCE "/packaging/check-hardening", file, function});
+  return support::run_process({SPOOLCAP_SOURCE "/tests/e2e/check-hardening", file, function});
 }
 
 TEST(Hardening, IsWholeInTheCommandAndTheLibrary) {

@@ -31,7 +31,7 @@ TEST_F(Library, ExportsWhatItsHeadersDeclare) {
                           " && cmake --build made && made/store");
   EXPECT_NE(made.out.find("usage: store"), std::string::npos) << made.out;
   const auto checked = shell(SPOOLCAP_SOURCE
-                             "/packaging/check-exports "
+                             "/tests/e2e/check-exports "
                              "$LD_LIBRARY_PATH/libspoolcap.so $PWD/usr/include/spoolcap");
   EXPECT_EQ(checked.status, 0) << checked.out;
 }
@@ -62,6 +62,22 @@ TEST_F(Library, ServesTheExampleUntilTheAccountIsFull) {
   // The first question about an account with a limit makes its file, as an update of 0 bytes.
   EXPECT_EQ(box.read_file(box.quota_path("1/2/sound")), "3000.3");
   EXPECT_EQ(box.redis({"HGET", "res:inf:mng:2", "lvl"}), "50");
+}
+
+TEST_F(Library, SharesNoFunctionsWithAHostThatHasTheSameNames) {
+  const auto made = shell("cc -std=c11 -Wall -Wextra -Werror -rdynamic $FLAGS " SPOOLCAP_SOURCE
+                          "/tests/e2e/namesake_host.c -o host"
+                          " $(pkg-config --cflags --libs spoolcap)");
+  ASSERT_EQ(made.status, 0) << made.out;
+  box.add_reseller(1, "ann");
+  box.set_preference(1, "max_sound", "2");
+  box.write_file(box.sound_folder("0001") + "/hello.wav", 100);
+  const auto run =
+      shell("SPOOLCAP_SANDBOX=$PWD LD_PRELOAD=" SPOOLCAP_PATHS_MODULE ":$LD_PRELOAD exec ./host 1");
+  EXPECT_EQ(run.out,
+            "library: limit 2, refresh 0 of 100 bytes, 0 calls of the host\n"
+            "host: log_wrap\n"
+            "host: pad 5, ast_pad_id 6, get_binding 97\n");
 }
 
 }  // namespace

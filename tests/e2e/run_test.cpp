@@ -153,14 +153,18 @@ TEST_F(Run, TargetsAreWhatTheListSelects) {
     const support::process_result result = box.run_spoolcap(row.line);
     EXPECT_EQ(result.status, row.status);
     std::vector<std::string> printed;
-    for (const char *login : {"ann", "bob", "cid", "dan"})
-      if (result.out.find("Quota for user " + std::string(login) + " ") != std::string::npos)
+    for (const char *login : {"ann", "bob", "cid", "dan"}) {
+      if (result.out.find("Quota for user " + std::string(login) + " ") != std::string::npos) {
         printed.emplace_back(login);
+      }
+    }
     EXPECT_EQ(printed, row.printed) << result.out;
     std::vector<std::string> written;
-    for (const char *directory : {"1", "1/2", "1/2/12", "1/2/12345"})
-      if (box.read_file("var/lib/quorvexquota/" + std::string(directory) + "/fax.quota"))
+    for (const char *directory : {"1", "1/2", "1/2/12", "1/2/12345"}) {
+      if (box.read_file("var/lib/quorvexquota/" + std::string(directory) + "/fax.quota")) {
         written.emplace_back(directory);
+      }
+    }
     EXPECT_EQ(written, row.written);
   }
 }

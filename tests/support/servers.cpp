@@ -57,8 +57,9 @@ private_folder::private_folder(const std::string &prefix) {
   std::filesystem::path parent = variable(folder_variable);
   if (parent.empty()) parent = std::filesystem::temp_directory_path();
   std::string name = (parent / (prefix + "-XXXXXX")).string();
-  if (mkdtemp(name.data()) == nullptr)
+  if (mkdtemp(name.data()) == nullptr) {
     throw std::runtime_error("cannot make a folder like " + name);
+  }
   path_ = name;
 }
 

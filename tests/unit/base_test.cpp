@@ -45,8 +45,9 @@ TEST(Hash, TellsKeysApartByAllTheirBytesAndDestroysWhatItHeld) {
     destroyed.emplace_back(static_cast<char *>(value));
     return 0;
   }));
-  for (const char *value : {"first", "new"})
+  for (const char *value : {"first", "new"}) {
     ASSERT_EQ(0, fr_hash_force_add(table.get(), "a\0b", 3, value, strlen(value) + 1));
+  }
   EXPECT_EQ(strings{"first"}, destroyed);
   EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0c", 3));
   EXPECT_EQ(nullptr, fr_hash_find(table.get(), "a\0b", 2));
@@ -104,8 +105,9 @@ TEST(Str, Base64IsStandardPaddedAndInOneLine) {
       {"fo", "Zm8="},
       {{"\0\xff\xfe", 3}, "AP/+"},
       {large, string((large.size() - 1) / 3 * 4, 'A') + "AA=="}};
-  for (const auto &[data, expected] : rows)
+  for (const auto &[data, expected] : rows) {
     EXPECT_EQ(expected, c_string(base64_enc_str(data.data(), data.size())).get());
+  }
 }
 
 TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
@@ -126,13 +128,13 @@ TEST(Parseconfig, TakesEveryFormOfALine) {
               {"KEY one\nKEY a = b # c\n", "a = b # c"},
               {"KEY \"\n", "\""},
               {"  # KEY x\n#KEY y\nKEYS x\nkey y\nX KEY z\n\n", "as it was"}};
-  safestr_t value = nullptr;
+  string value;
   const parseconfig_entry entries[] = {{"KEY", &value}};
   for (const auto &row : rows) {
-    value = safestr_dup("as it was");
+    value = "as it was";
     box.write_file("paths.conf", row.content);
     EXPECT_EQ(0, parseconfig(box.path("paths.conf").c_str(), entries, 1)) << row.content;
-    EXPECT_STREQ(row.expected, safestr_owner(value).get()) << row.content;
+    EXPECT_EQ(row.expected, value) << row.content;
   }
   for (const char *unreadable : {"/nonexistent/paths.conf", "/"}) {
     EXPECT_EQ(-1, parseconfig(unreadable, entries, 1)) << unreadable;

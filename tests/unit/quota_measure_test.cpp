@@ -157,8 +157,9 @@ TEST_F(Walk, DirectoriesLinkedToEachOtherAreMeasuredWithinABound) {
   for (int from = 0; from < 9; ++from) {
     const std::string here = "clique/" + std::to_string(from);
     file(here + "/f", 1);
-    for (int to = 0; to < 9; ++to)
+    for (int to = 0; to < 9; ++to) {
       link("../" + std::to_string(to), here + "/" + std::to_string(to));
+    }
   }
   for (const char *maze : {"ladder/0", "clique/0"}) {
     const disk_usage found = measure_directory(tree(maze).c_str(), true);

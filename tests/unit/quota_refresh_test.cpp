@@ -196,8 +196,9 @@ TEST_F(Refresh, AFailingStatementIsTold) {
   bool certain = true;
   EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 1, folder, &sum, &certain), -1);
   EXPECT_EQ(sum, 5);
-  for (const char *place : {"quota_update_subtree:", "grab_child_quotas:", " -MySQL error: "})
+  for (const char *place : {"quota_update_subtree:", "grab_child_quotas:", " -MySQL error: "}) {
     EXPECT_TRUE(log.has(place)) << place;
+  }
 }
 
 TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {

@@ -60,8 +60,9 @@ class small_platform {
   void store_everywhere(const std::string &record) {
     for (const auto &[place, unused] : right_figures) {
       const std::filesystem::path folder = "var/lib/quorvexquota/" + place;
-      for (const std::string kind : quota_kind_names)
+      for (const std::string kind : quota_kind_names) {
         box.write_file((folder / (kind + ".quota")).string(), record);
+      }
     }
   }
 

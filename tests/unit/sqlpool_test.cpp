@@ -75,11 +75,13 @@ class SqlPool : public testing::Test {
 }  // namespace
 
 TEST(SqlStatement, OnlyASelectIsARead) {
-  for (const char *text : {"sElEcT*FROM t", " \t\r\n(( select 1", "SELECT"})
+  for (const char *text : {"sElEcT*FROM t", " \t\r\n(( select 1", "SELECT"}) {
     EXPECT_TRUE(is_read_statement(text)) << text;
+  }
   for (const char *text : {"SELECTED", "SELECT_1", "SELEC", "", "/*! DELETE FROM t */ SELECT 1",
-                           "UPDATE t SET a=(SELECT 1)", "WITH a AS (SELECT 1) SELECT * FROM a"})
+                           "UPDATE t SET a=(SELECT 1)", "WITH a AS (SELECT 1) SELECT * FROM a"}) {
     EXPECT_FALSE(is_read_statement(text)) << text;
+  }
 }
 
 TEST_F(SqlPool, CredentialsNameShardUserAndDatabaseAndThePasswordMayHoldColons) {
@@ -247,8 +249,9 @@ TEST_F(SqlPool, AProcedureMayGiveSeveralResultsOfWhichTheFirstIsKept) {
   const session one = take();
   for (const char *made :
        {"CREATE DATABASE t", "CREATE PROCEDURE t.two() BEGIN SELECT 1; SELECT 2; END",
-        "CREATE PROCEDURE t.bad() BEGIN SELECT 1; SELECT * FROM t.none; END"})
+        "CREATE PROCEDURE t.bad() BEGIN SELECT 1; SELECT * FROM t.none; END"}) {
     ASSERT_EQ(ask(one, made), "");
+  }
   EXPECT_EQ(ask(one, "CALL t.two()"), "1");
   EXPECT_EQ(ask(one, "CALL t.bad()"), "error") << "a failure after the first result";
   EXPECT_EQ(ask(one, "SELECT 3"), "3");

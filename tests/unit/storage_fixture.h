@@ -19,16 +19,18 @@ class storage_test : public platform_test {
  protected:
   explicit storage_test(const std::string &engine) {
     box.write_file("etc/quorvex/storage.conf", "STORAGE_SYSTEM " + engine + "\n");
-    for (const std::string kind : {"recording", "voicemail", "fax_center"})
+    for (const std::string kind : {"recording", "voicemail", "fax_center"}) {
       box.sql("INSERT INTO extension_" + kind + " (id, extension_id, " + column(kind) +
               ", se, az) VALUES (7, 1, 'old', 'old', 'old'), (8, 1, 'old', 'old', 'old')");
+    }
     EXPECT_EQ(qx_storage_initialize(base.c_str(), nullptr), 0);
   }
   ~storage_test() override {
     service.reset();
     for (const std::string folder :
-         {"base/monitor/tmp", "base/voicemail/tmp", "base/fax/tmp", "usr/local/quorvex/stmp"})
+         {"base/monitor/tmp", "base/voicemail/tmp", "base/fax/tmp", "usr/local/quorvex/stmp"}) {
       EXPECT_EQ(files(folder), texts{}) << folder;
+    }
     qx_storage_cleanup();
   }
 
@@ -44,8 +46,9 @@ class storage_test : public platform_test {
     namespace fs = std::filesystem;
     texts found;
     if (!fs::is_directory(box.path(folder))) return found;
-    for (const auto &entry : fs::recursive_directory_iterator(box.path(folder)))
+    for (const auto &entry : fs::recursive_directory_iterator(box.path(folder))) {
       if (!entry.is_directory()) found.push_back(fs::relative(entry.path(), box.path(folder)));
+    }
     std::sort(found.begin(), found.end());
     return found;
   }

@@ -76,8 +76,9 @@ TEST_F(StoragePosix, ASessionThatCannotBeHadLeavesNothing) {
   log.expect(FR_LOG_WARNING, "Requested to store unknown resource type [4].");
   log.expect(FR_LOG_ERROR, "Failed to create temporary file [" + base + "/voicemail/tmp");
   EXPECT_EQ(written(4, "wav", ""), nullptr);
-  for (const char *extension : {"../x", "a:b", "a\n", "\x7f"})
+  for (const char *extension : {"../x", "a:b", "a\n", "\x7f"}) {
     EXPECT_EQ(written(QX_STORAGE_FAX, extension, ""), nullptr) << extension;
+  }
   box.write_file("base/voicemail", "in the way");
   EXPECT_EQ(written(QX_STORAGE_VOICEMAIL, "wav", ""), nullptr);
   EXPECT_EQ(files("base"), texts{"voicemail"});
@@ -153,8 +154,9 @@ TEST_F(StoragePosix, AStoredFileIsFetchedAndDeleted) {
 
 TEST_F(StoragePosix, ASessionKeepsTheConfigurationItWasMadeWith) {
   const storage_session old = written(QX_STORAGE_RECORDING, "wav", "old");
-  for (const std::string &refused : {std::string(), std::string(4096, 'x')})
+  for (const std::string &refused : {std::string(), std::string(4096, 'x')}) {
     EXPECT_EQ(qx_storage_load_config(refused.c_str(), nullptr), -1);
+  }
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 8, "same"), 0);
   EXPECT_EQ(qx_storage_load_config(base.c_str(), box.path("calls").c_str()), 0);
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "new"), 0);

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include <spoolcap/zarn_str.h>
-#include "main/storage/config.h"
+#include "main/storage/engine.h"
 #include "tests/unit/storage_fixture.h"
 
 namespace {
@@ -208,7 +208,7 @@ TEST_F(StorageS3, TheConfigurationIsReadFromItsFileForNewSessions) {
                  "STORAGE_CACHE_D /cache\n");
   EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
   EXPECT_EQ(read(), all("/in", "/out", "/cache", 2, 3, 4));
-  EXPECT_EQ(take_snapshot().config->engine, storage_engine::posix) << "only \"s3\" is S3";
+  EXPECT_EQ(take_snapshot().config->engine, &posix_engine) << "only \"s3\" is S3";
   EXPECT_EQ(qx_storage_commit_file(old.get(), 7), 0);
   EXPECT_EQ(files(scache), texts{key}) << "a session keeps what it was made with";
 }

@@ -137,8 +137,9 @@ TEST(Files, NumbersArePaddedAndNamesAndFoldersCheckedAndBothSafeCallsWrite) {
   for (const char *name : {"a", "ab", "c"}) box.make_folder(name);
   std::filesystem::create_symlink(box.path("a"), box.path("c/link"));
   int inside = 0;
-  for (const char *path : {"a/none", "c", "c/link", "ab", "a"})
+  for (const char *path : {"a/none", "c", "c/link", "ab", "a"}) {
     inside = 2 * inside + check_subdir_of(box.path(path).c_str(), box.path("a").c_str());
+  }
   EXPECT_EQ(0b00111, inside);
   const c_file file(std::fopen(box.path("f").c_str(), "w"));
   EXPECT_EQ(5, write_safe(fileno(file.get()), "one", 3) + read_safe(fileno(file.get()), "two", 2));

@@ -59,8 +59,9 @@ TEST_F(CacheLayer, AbsentRowMarkerIsNeverTheFirstEntryOfANonPersistentHash) {
   get("null");
   EXPECT_EQ("_NL_", cached("res:t:null", "f")) << "and any hash with a NULL column";
   EXPECT_NE(0, check_add_norows_to_missing_persistent("absent", 0, "_NR_"));
-  for (const char *other : {"_NR_1", static_cast<const char *>(nullptr)})
+  for (const char *other : {"_NR_1", static_cast<const char *>(nullptr)}) {
     EXPECT_EQ(0, check_add_norows_to_missing_persistent("absent", 0, other));
+  }
 }
 
 TEST_F(CacheLayer, FailedStatementIsCachedLikeAMissingRow) {
@@ -117,8 +118,9 @@ TEST_F(CacheLayer, WholeHashesAreWrittenReadAndJoined) {
   box.redis({"SET", "text", "no hash"});
   EXPECT_EQ(0, rmset_hash(0, 1, fields, contents, "text")) << "a lost write is only told";
   EXPECT_EQ(nullptr, rmget_hash(0, 1, fields, "text"));
-  for (const char *failed : {"rmset_hash(text,X1): error ", "rmget_hash(text,X1): error "})
+  for (const char *failed : {"rmset_hash(text,X1): error ", "rmget_hash(text,X1): error "}) {
     EXPECT_TRUE(log.has(failed)) << failed;
+  }
 }
 
 TEST(Bindings, AreFoundByNameIgnoringCase) {
@@ -126,8 +128,9 @@ TEST(Bindings, AreFoundByNameIgnoringCase) {
       {"Alpha", "k", 0, "a"}, {"beta", "k", 0, "b"}, {"Gamma", "k", 0, "c"}};
   EXPECT_EQ(&table[0], get_binding(3, table, "alpha"));
   EXPECT_EQ(&table[1], get_binding(3, table, "BETA"));
-  for (const char *none : {"alph", "Gamma", static_cast<const char *>(nullptr)})
+  for (const char *none : {"alph", "Gamma", static_cast<const char *>(nullptr)}) {
     EXPECT_EQ(nullptr, get_binding(2, table, none));
+  }
 }
 
 // Parameters of owners; `asked` gets a row for each statement that reaches the database.
@@ -274,8 +277,9 @@ TEST_F(Parameters, AnswersBesideADeadCacheAreThoseOfAnEmptyOne) {
     EXPECT_EQ(nullptr, rmget_hash(0, 1, fields, "h"));
     EXPECT_EQ(0, rmset_hash(0, 1, fields, fields, "h"));
   }
-  for (const char *failed : {"rget_hash_str(res:t:full,f)", "rset_hash_str(res:t:none,f,_NR_)"})
+  for (const char *failed : {"rget_hash_str(res:t:full,f)", "rset_hash_str(res:t:none,f,_NR_)"}) {
     EXPECT_TRUE(log.has(std::string(failed) + ": error ")) << failed;
+  }
   EXPECT_FALSE(log.has("Trying to add NOROWS")) << "nobody could say that the hash is not there";
 }
 

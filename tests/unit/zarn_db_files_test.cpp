@@ -24,8 +24,9 @@ struct db_files_test : lookup_test {
     std::string text = std::to_string(result);
     for (auto *file = list->records; file != list->records + list->count; ++file) {
       text += " " + std::to_string(file->id) + "," + std::to_string(file->filesize);
-      for (const char *field : {file->ext, file->filename, file->se, file->az})
+      for (const char *field : {file->ext, file->filename, file->se, file->az}) {
         text.append(",").append(field == nullptr ? "-" : field);
+      }
     }
     return text;
   }

@@ -143,8 +143,9 @@ TEST_F(Extension, PreferencesAndParametersHaveTheirPlacesInTheCache) {
       EXPECT_EQ("of " + name, of_system ? taken(qx_misc_get_param(name.c_str()))
                                         : taken(qx_extension_get_pref(number, name.c_str())));
       EXPECT_EQ("of " + name, cached(key, field));
-      for (const char *of : {absent_number, "0002*102"})
+      for (const char *of : {absent_number, "0002*102"}) {
         EXPECT_EQ(std::nullopt, taken(qx_extension_get_pref(of, name.c_str()))) << name;
+      }
     }
   }
   EXPECT_EQ(0, qx_billing_disabled());

@@ -58,8 +58,9 @@ TEST(MailHeader, LaysOutTextsAndAddresses) {
               // A name that leaves 3 columns leaves no room for a group of bytes.
               {n60, "hi", nullptr, n60 + ": =?UTF-8?B?aGk=?=\n"},
               {n61, "hi", nullptr, n61 + ": =?UTF-8?B?\?=\n =?UTF-8?B?aGk=?=\n"}};
-  for (const auto &row : rows)
+  for (const auto &row : rows) {
     EXPECT_EQ(row.expected, encode(row.name, "UTF-8", row.text, row.address));
+  }
 }
 
 TEST(MailHeader, BudgetsEachWordByTheRoomLeftOnItsLine) {

@@ -134,14 +134,16 @@ TEST(PadId, HasExactlyTheWidth) {
     const char *expected;
   } rows[] = {{7, 4, "0007"},     {0, 4, "0000"},   {9999, 4, "9999"},
               {12345, 4, "2345"}, {10, 0, nullptr}, {2147483647, 12, "002147483647"}};
-  for (const auto &row : rows)
+  for (const auto &row : rows) {
     EXPECT_STREQ(row.expected, c_string(ast_pad_id(row.id, row.width)).get());
+  }
 }
 
 TEST(Utf8, LeadBytesTellTheCharactersLength) {
   string lengths;
-  for (const int byte : {0x7f, 0x80, 0xbf, 0xc0, 0xdf, 0xe0, 0xef, 0xf0, 0xf7, 0xf8})
+  for (const int byte : {0x7f, 0x80, 0xbf, 0xc0, 0xdf, 0xe0, 0xef, 0xf0, 0xf7, 0xf8}) {
     lengths += std::to_string(zarn_utf8_get_char_length(static_cast<unsigned char>(byte)));
+  }
   EXPECT_EQ("1112233441", lengths);
 }
 

@@ -221,8 +221,9 @@ TEST_F(Account, PreferencesAreCachedUnderTheirShortNames) {
 TEST_F(Account, ChildrenOfForkKeepOutOfTheConversationsOfTheirParent) {
   const auto all_right = [] {
     for (int i = 0; i < 200; ++i) {
-      if (qx_account_get_level(3) != 100 || taken(qx_get_full_number("2", "31")) != "0002*31")
+      if (qx_account_get_level(3) != 100 || taken(qx_get_full_number("2", "31")) != "0002*31") {
         return false;
+      }
     }
     return true;
   };
