@@ -123,9 +123,11 @@ int main(int argc, char **argv) {
   box.add_owner(owner_id, 2, "owner");
   std::vector<std::string> records;
   for (const int account : {1, 2, owner_id}) box.set_preference(account, "max_record", "1000");
-  for (const auto &[client, owner] : {std::pair{0, 0}, {2, 0}, {2, owner_id}}) {
-    box.write_quota_file(1, client, owner, "recording", "5.1");
-    records.push_back(box.quota_path(1, client, owner, "recording"));
+  const std::string below_client = "1/2/" + std::to_string(owner_id) + "/recording";
+  for (const std::string &file :
+       {std::string("1/recording"), std::string("1/2/recording"), below_client}) {
+    records.push_back(box.quota_path(file));
+    box.write_file(records.back(), "5.1");
   }
   const support::private_folder on_disk("bench-update");
   setenv(support::folder_variable, "/dev/shm", 1);

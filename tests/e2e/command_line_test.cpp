@@ -17,14 +17,14 @@ constexpr char bad_targets[] =
 constexpr char bad_quiet[] =
     "Bad command line. --action show   and  --quiet  cannot be used together\n\n";
 
-class command_line : public testing::Test {
+class CommandLine : public testing::Test {
  protected:
   std::string banner() { return box.run_spoolcap({"--help"}).out; }
 
   support::sandbox box{nothing};
 };
 
-TEST_F(command_line, help_is_the_whole_banner_and_nothing_else) {
+TEST_F(CommandLine, HelpIsTheWholeBanner) {
   const support::process_result help = box.run_spoolcap({"-A", "wrong", "--help", "--nonsense"});
   EXPECT_EQ(help.status, 0) << "whatever stands around it";
   EXPECT_EQ(help.err, "");
@@ -36,7 +36,7 @@ TEST_F(command_line, help_is_the_whole_banner_and_nothing_else) {
   EXPECT_TRUE(help.out.ends_with("Invalid if -A show was requested\n"));
 }
 
-TEST_F(command_line, errors_go_to_standard_output_with_status_1) {
+TEST_F(CommandLine, ErrorsGoToStandardOutputWithStatus1) {
   const struct {
     arguments line;
     std::string out;

@@ -8,9 +8,9 @@
 
 namespace {
 
-class library : public testing::Test {
+class Library : public testing::Test {
  protected:
-  library() { shell("cmake --install " SPOOLCAP_BUILD " --prefix $PWD/usr"); }
+  Library() { shell("cmake --install " SPOOLCAP_BUILD " --prefix $PWD/usr"); }
 
   // Runs a command in the sandbox's folder; what is said on either output is in `out`.
   support::process_result shell(const std::string &command) const {
@@ -24,7 +24,7 @@ class library : public testing::Test {
   support::sandbox box;
 };
 
-TEST_F(library, is_found_by_cmake_and_exports_what_its_headers_declare) {
+TEST_F(Library, ExportsWhatItsHeadersDeclare) {
   const auto made = shell("cmake -S " SPOOLCAP_SOURCE
                           "/examples -B made"
                           " -DCMAKE_PREFIX_PATH=$PWD/usr -DCMAKE_C_FLAGS=\"$FLAGS\""
@@ -36,7 +36,7 @@ TEST_F(library, is_found_by_cmake_and_exports_what_its_headers_declare) {
   EXPECT_EQ(checked.status, 0) << checked.out;
 }
 
-TEST_F(library, serves_the_example_which_stores_until_the_account_is_full) {
+TEST_F(Library, ServesTheExampleUntilTheAccountIsFull) {
   const auto made = shell("cc -std=c11 -Wall -Wextra -Werror $FLAGS " SPOOLCAP_SOURCE
                           "/examples/store.c -o store $(pkg-config --cflags --libs spoolcap)");
   ASSERT_EQ(made.status, 0) << made.out;
@@ -60,11 +60,11 @@ TEST_F(library, serves_the_example_which_stores_until_the_account_is_full) {
   }
   EXPECT_EQ(box.read_file("three"), box.read_file("voice"));
   // The first question about an account with a limit makes its file, as an update of 0 bytes.
-  EXPECT_EQ(box.quota_file(1, 2, 0, "sound"), "3000.3");
+  EXPECT_EQ(box.read_file(box.quota_path("1/2/sound")), "3000.3");
   EXPECT_EQ(box.redis({"HGET", "res:inf:mng:2", "lvl"}), "50");
 }
 
-TEST_F(library, and_a_host_with_functions_of_the_same_names_each_call_their_own) {
+TEST_F(Library, SharesNoFunctionsWithAHostThatHasTheSameNames) {
   const auto made = shell("cc -std=c11 -Wall -Wextra -Werror -rdynamic $FLAGS " SPOOLCAP_SOURCE
                           "/tests/e2e/namesake_host.c -o host"
                           " $(pkg-config --cflags --libs spoolcap)");

@@ -7,9 +7,9 @@
 namespace {
 
 // Reseller 1 (ann), client 2 (bob), owner 12 (cid) with one extension, owner 12345 (dan).
-class platform : public testing::Test {
+class Run : public testing::Test {
  protected:
-  platform() {
+  Run() {
     box.add_reseller(1, "ann");
     box.add_client(2, 1, "bob");
     box.add_owner(12, 2, "cid");
@@ -23,24 +23,21 @@ class platform : public testing::Test {
     box.write_file(box.music_folder("0001") + "/song.mp3", 10);
   }
 
-  support::process_result run(const std::vector<std::string> &arguments) {
-    return box.run_spoolcap(arguments);
-  }
   // Runs a command line of the shell, where $spoolcap is the command.
   support::process_result shell(const std::string &line) {
     return support::run_process(
         {"sh", "-c", line}, {.environment = {{"spoolcap", SPOOLCAP_SANDBOX_BINARY},
                                              {support::paths_root_variable, box.root().string()}}});
   }
-  std::string quota(int reseller, int client, int owner, const char *kind) {
-    return box.quota_file(reseller, client, owner, kind).value_or("missing");
+  std::string quota(const std::string &place_and_kind) const {
+    return box.read_file(box.quota_path(place_and_kind)).value_or("missing");
   }
 
   support::sandbox box;
 };
 
-TEST_F(platform, set_writes_every_file_of_the_tree_and_prints_all_accounts) {
-  const support::process_result result = run({"--action", "set", "--all"});
+TEST_F(Run, SetWritesTheWholeTree) {
+  const support::process_result result = box.run_spoolcap({"--action", "set", "--all"});
   EXPECT_EQ(result.status, 0);
   const std::string first =
       "Quota for user ann (with id: 1)\t1051745 bytes\n"
@@ -53,17 +50,17 @@ TEST_F(platform, set_writes_every_file_of_the_tree_and_prints_all_accounts) {
       "Quota for user bob (with id: 2)\t";
   EXPECT_EQ(result.out.substr(0, first.size()), first);
   EXPECT_NE(result.out.find("Quota for user dan (with id: 12345)\t0 bytes\n"), std::string::npos);
-  EXPECT_EQ(quota(1, 0, 0, "fax"), "1048576.0");
-  EXPECT_EQ(quota(1, 2, 12, "sound"), "100.0");
-  EXPECT_EQ(quota(1, 2, 12345, "music"), "0.0");
+  EXPECT_EQ(quota("1/fax"), "1048576.0");
+  EXPECT_EQ(quota("1/2/12/sound"), "100.0");
+  EXPECT_EQ(quota("1/2/12345/music"), "0.0");
 }
 
-TEST_F(platform, show_scales_sizes_and_tells_what_it_does_not_know) {
-  box.write_quota_file(1, 2, 12, "fax", "1023.0");
-  box.write_quota_file(1, 2, 12, "sound", "1536.4");
-  box.write_quota_file(1, 2, 12, "recording", "no record");
-  box.write_quota_file(1, 2, 12, "music", "1152921504606846976.0");
-  const support::process_result result = run({"-A", "show", "-u", "12", "-h"});
+TEST_F(Run, ShowScalesSizesForPeople) {
+  box.write_file(box.quota_path("1/2/12/fax"), "1023.0");
+  box.write_file(box.quota_path("1/2/12/sound"), "1536.4");
+  box.write_file(box.quota_path("1/2/12/recording"), "no record");
+  box.write_file(box.quota_path("1/2/12/music"), "1152921504606846976.0");
+  const support::process_result result = box.run_spoolcap({"-A", "show", "-u", "12", "-h"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.out,
             "Quota for user cid (with id: 12)\t\t1.00 ?B\n"
@@ -75,18 +72,18 @@ TEST_F(platform, show_scales_sizes_and_tells_what_it_does_not_know) {
             "\n");
 }
 
-TEST_F(platform, accounts_that_cannot_be_read_are_told_apart_only_when_they_are_named) {
+TEST_F(Run, ShowTellsWhichAccountsCannotBeRead) {
   box.add_account(3, 0, 0, "root");
-  const std::string all = run({"-A", "show", "-a"}).out;
+  const std::string all = box.run_spoolcap({"-A", "show", "-a"}).out;
   EXPECT_NE(all.find("Quota for user root (with id: 3)\tQuota Not found\n\n"), std::string::npos);
   // The cache says of 12 that it lies at no known level, and of 2 that it is not there.
   box.redis({"HSET", "res:inf:mng:12", "lvl", "20", "pid", "2"});
   box.redis({"HSET", "res:inf:mng:2", "lvl", "-5"});
-  EXPECT_EQ(run({"-A", "show", "-u", "12"}).out,
+  EXPECT_EQ(box.run_spoolcap({"-A", "show", "-u", "12"}).out,
             "Quota for user cid (with id: 12)\t\tQuota Not found\n\n");
 }
 
-TEST_F(platform, a_login_is_printed_as_it_is_but_for_control_characters_on_a_terminal) {
+TEST_F(Run, ALoginWritesNoControlCharactersToATerminal) {
   const std::string raw = "\x1b[2J\x7f\xc2\x9b\xc3\x9b\xc2\xa0\t";
   const std::string shown = "\\x1b[2J\\x7f\\xc2\\x9b\xc3\x9b\xc2\xa0\\x09";
   box.sql("UPDATE hs_account SET username = '" + raw + "' WHERE userID = 12");
@@ -98,7 +95,7 @@ TEST_F(platform, a_login_is_printed_as_it_is_but_for_control_characters_on_a_ter
   }
 }
 
-TEST_F(platform, output_that_is_not_written_whole_is_told_and_leaves_the_status) {
+TEST_F(Run, OutputThatIsNotWrittenWholeIsTold) {
   const struct {
     const char *command, *reason;
   } rows[] = {
@@ -115,34 +112,45 @@ TEST_F(platform, output_that_is_not_written_whole_is_told_and_leaves_the_status)
     EXPECT_EQ(result.status, 0);
   }
   EXPECT_EQ(shell("$spoolcap -A set -a -q >&-").err, "") << "nothing was to be written";
-  EXPECT_EQ(quota(1, 2, 12, "fax"), "1048576.0");
+  EXPECT_EQ(quota("1/2/12/fax"), "1048576.0");
 }
 
-TEST_F(platform, targets_are_what_the_list_selects) {
+TEST_F(Run, TargetsAreWhatTheListSelects) {
   const struct {
-    const char *name;
+    const char *why;
     std::vector<std::string> line;
-    int status;
-    std::vector<std::string> printed;  // logins, in order
-    std::vector<std::string> written;  // quota directories
+    int status = 0;
+    std::vector<std::string> printed = {};  // logins, in order
+    std::vector<std::string> written = {};  // quota directories
   } rows[] = {
-      {"an id named twice counts once", {"-A", "set", "-u", "12,12"}, 0, {"cid"}, {"1/2/12"}},
-      {"show writes nothing", {"-A", "show", "-u", "1,2"}, 0, {"ann", "bob"}, {}},
-      {"logins are SQL literals",
-       {"-A", "set", "-l", "'bob','cid'"},
-       0,
-       {"bob", "cid"},
-       {"1/2", "1/2/12", "1/2/12345"}},
-      {"a percent sign in a login is only that", {"-A", "show", "-l", "'%s%n'"}, 10, {}, {}},
-      {"logins without quotes fail in the server", {"-A", "set", "-l", "bob"}, 0, {}, {}},
-      {"unknown ids are no targets", {"-A", "set", "-u", "99"}, 10, {}, {}},
-      {"a long id is kept", {"-A", "set", "-u", "12345"}, 0, {"dan"}, {"1/2/12345"}},
-      {"quiet writes and prints nothing", {"-A", "set", "-c", "-q", "-u", "12"}, 0, {}, {"1/2/12"}},
+      {.why = "an id named twice counts once",
+       .line = {"-A", "set", "-u", "12,12"},
+       .printed = {"cid"},
+       .written = {"1/2/12"}},
+      {.why = "show writes nothing",
+       .line = {"-A", "show", "-u", "1,2"},
+       .printed = {"ann", "bob"}},
+      {.why = "logins are SQL literals",
+       .line = {"-A", "set", "-l", "'bob','cid'"},
+       .printed = {"bob", "cid"},
+       .written = {"1/2", "1/2/12", "1/2/12345"}},
+      {.why = "a percent sign in a login is only that",
+       .line = {"-A", "show", "-l", "'%s%n'"},
+       .status = 10},
+      {.why = "logins without quotes fail in the server", .line = {"-A", "set", "-l", "bob"}},
+      {.why = "unknown ids are no targets", .line = {"-A", "set", "-u", "99"}, .status = 10},
+      {.why = "a long id is kept",
+       .line = {"-A", "set", "-u", "12345"},
+       .printed = {"dan"},
+       .written = {"1/2/12345"}},
+      {.why = "quiet prints nothing",
+       .line = {"-A", "set", "-c", "-q", "-u", "12"},
+       .written = {"1/2/12"}},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.why);
     std::filesystem::remove_all(box.path("var/lib/quorvexquota"));
-    const support::process_result result = run(row.line);
+    const support::process_result result = box.run_spoolcap(row.line);
     EXPECT_EQ(result.status, row.status);
     std::vector<std::string> printed;
     for (const char *login : {"ann", "bob", "cid", "dan"}) {
@@ -161,27 +169,26 @@ TEST_F(platform, targets_are_what_the_list_selects) {
   }
 }
 
-TEST_F(platform, only_force_rewrites_clean_files) {
-  std::filesystem::remove(box.path("etc/quorvex/paths.conf"));  // the default place is the same
-  run({"-A", "set", "-a", "-q"});
-  box.write_quota_file(1, 2, 12, "fax", "5.7");
-  run({"-A", "set", "-a", "-q"});
-  EXPECT_EQ(quota(1, 2, 12, "fax"), "5.7");
-  run({"-A", "set", "-a", "-q", "--force"});
-  EXPECT_EQ(quota(1, 2, 12, "fax"), "1048576.0");
+TEST_F(Run, OnlyForceRewritesCleanFiles) {
+  box.run_spoolcap({"-A", "set", "-a", "-q"});
+  box.write_file(box.quota_path("1/2/12/fax"), "5.7");
+  box.run_spoolcap({"-A", "set", "-a", "-q"});
+  EXPECT_EQ(quota("1/2/12/fax"), "5.7");
+  box.run_spoolcap({"-A", "set", "-a", "-q", "--force"});
+  EXPECT_EQ(quota("1/2/12/fax"), "1048576.0");
 }
 
-TEST_F(platform, failed_refreshes_show_in_the_status) {
+TEST_F(Run, FailedRefreshesShowInTheStatus) {
   // The parent of 13 is in no table, so that the place of its files cannot be found.
   box.add_owner(13, 99, "eve");
-  support::process_result result = run({"-A", "set", "-u", "13"});
+  support::process_result result = box.run_spoolcap({"-A", "set", "-u", "13"});
   EXPECT_EQ(result.status, 5);
   EXPECT_EQ(result.out + result.err, "No quota file could be updated!\n");
-  result = run({"-A", "set", "-u", "12,13"});
+  result = box.run_spoolcap({"-A", "set", "-u", "12,13"});
   EXPECT_EQ(result.status, 6);
   EXPECT_NE(result.out.find("Quota for user eve (with id: 13)\t\tQuota Not found\n\n"),
             std::string::npos);
-  EXPECT_EQ(quota(1, 2, 12, "fax"), "1048576.0");
+  EXPECT_EQ(quota("1/2/12/fax"), "1048576.0");
 }
 
 }  // namespace

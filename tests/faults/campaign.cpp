@@ -4,14 +4,13 @@
 //
 // After each faulted run a run without faults has to leave every file as it should be.
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
+#include <list>
 #include <stdexcept>
 
 #include "tests/faults/laboratory.h"
@@ -88,21 +87,17 @@ class campaign {
 
 int run_all(int most) {
   campaign whole(most);
-  std::vector<pid_t> workers;
+  std::list<support::background_process> workers;
   const int of = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
   for (int index = 0; index < of; ++index) {
-    const pid_t worker = fork();
-    if (worker == 0) {
+    workers.emplace_back([&whole, index, of]() noexcept {
       whole.work(index, of);
-      std::exit(0);
-    }
-    workers.push_back(worker);
+      return true;
+    });
   }
   bool good = true;
-  for (const pid_t worker : workers) {
-    int status = 0;
-    waitpid(worker, &status, 0);
-    good = good && status == 0;
+  for (support::background_process &worker : workers) {
+    good = worker.wait(std::chrono::hours(6)).value().status == 0 && good;
   }
   return whole.report() && good ? 0 : 1;
 }

@@ -28,7 +28,7 @@ struct run_kind {
 extern const std::vector<fault> all_faults;
 extern const std::vector<run_kind> all_runs;
 
-class laboratory : private small_platform {
+class laboratory {
  public:
   laboratory();
 
@@ -51,6 +51,8 @@ class laboratory : private small_platform {
   std::string malformed() const;
   std::string strange(const std::filesystem::path &path) const;
 
+  support::sandbox box;
+  small_platform platform{box};
   uid_t uid_;
   gid_t gid_;
   bool exact_ = false;  // the store, before the next run

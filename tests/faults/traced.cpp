@@ -73,6 +73,8 @@ const struct watched {
     {SYS_getdents64, "getdents64", DESCRIPTOR, READS},
     {SYS_write, "write", DESCRIPTOR, WRITES | CHANGES},
     {SYS_pwrite64, "pwrite", DESCRIPTOR, WRITES | CHANGES},
+    {SYS_copy_file_range, "copy_file_range", DESCRIPTOR, CHANGES},
+    {SYS_sendfile, "sendfile", DESCRIPTOR, CHANGES},
     {SYS_flock, "flock", DESCRIPTOR, LOCKS},
     {SYS_close, "close", DESCRIPTOR, CLOSES},
 };

@@ -1,6 +1,7 @@
 /* Loaded in front of a program: its allocation of the number in FAIL_AT fails, and with FAIL_ON set
- * every later one as well. How many there were goes to the file FAIL_COUNT. Libraries that do not
- * survive a failure themselves are spared: the database client, the cryptography, the name service.
+ * every later one as well. How many there were goes to the file FAIL_COUNT. A program that has this
+ * linked in sets the two numbers below itself. Libraries that do not survive a failure themselves
+ * are spared: the database client, the cryptography, the name service.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -17,7 +18,9 @@ extern void *__libc_malloc(size_t size);
 extern void *__libc_calloc(size_t count, size_t size);
 extern void *__libc_realloc(void *block, size_t size);
 
-static long made;
+long allocations_made;
+long failing_allocation; /* 0: none */
+static int fails_on;
 static __thread int in_name_service;
 
 static int is_spared(void *caller) {
@@ -30,9 +33,9 @@ static int is_spared(void *caller) {
 
 static int fails(void *caller) {
   if (in_name_service || is_spared(caller)) return 0;
-  const char *const at = getenv("FAIL_AT");
-  ++made;
-  if (at == NULL || made < atol(at) || (made > atol(at) && getenv("FAIL_ON") == NULL)) return 0;
+  ++allocations_made;
+  if (failing_allocation == 0 || allocations_made < failing_allocation) return 0;
+  if (allocations_made > failing_allocation && !fails_on) return 0;
   errno = ENOMEM;
   return 1;
 }
@@ -80,8 +83,14 @@ struct servent *getservbyname(const char *name, const char *protocol) {
   return NULL;
 }
 
+__attribute__((constructor)) static void take_settings(void) {
+  const char *const at = getenv("FAIL_AT");
+  failing_allocation = at == NULL ? 0 : atol(at);
+  fails_on = getenv("FAIL_ON") != NULL;
+}
+
 __attribute__((destructor)) static void tell_count(void) {
-  const long count = made;
+  const long count = allocations_made;
   const char *const path = getenv("FAIL_COUNT");
   FILE *const file = path == NULL ? NULL : fopen(path, "w");
   if (file == NULL) return;

@@ -103,6 +103,14 @@ background_process::background_process(const std::vector<std::string> &argv,
   pidfd_ = checked(pid_ < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), argv[0]);
 }
 
+background_process::background_process(const std::function<bool()> &work) : pid_(fork()) {
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(work() ? 0 : 1);
+  }
+  pidfd_ = checked(pid_ < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), "fork");
+}
+
 background_process::~background_process() {
   if (result_) return;
   kill(SIGKILL);
@@ -139,6 +147,10 @@ process_result run_process(const std::vector<std::string> &argv, const process_o
   const auto result = background_process(argv, options).wait(options.limit);
   if (!result) throw std::runtime_error(argv[0] + " takes too long");
   return *result;
+}
+
+int run_forked(const std::function<bool()> &work) {
+  return background_process(work).wait(std::chrono::minutes(2)).value().status;
 }
 
 }  // namespace support

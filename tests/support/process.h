@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -37,12 +38,14 @@ struct process_result {
 process_result run_process(const std::vector<std::string> &argv,
                            const process_options &options = {});
 
-// A program that runs beside the test; whatever still runs at the end is killed and reaped. It also
-// dies with the thread that started it.
+// A program, or work, that runs beside the test; whatever still runs at the end is killed and
+// reaped. It also dies with the thread that started it.
 class background_process {
  public:
   explicit background_process(const std::vector<std::string> &argv,
                               const process_options &options = {});
+  // The work in a copy of this process, which ends with status 0 for true and 1 for false.
+  explicit background_process(const std::function<bool()> &work);
   background_process(const background_process &) = delete;
   background_process &operator=(const background_process &) = delete;
   ~background_process();
@@ -58,6 +61,9 @@ class background_process {
   unique_fd pidfd_, out_, err_;
   std::optional<process_result> result_;
 };
+
+// The status of work in a process of its own.
+int run_forked(const std::function<bool()> &work);
 
 // How long some work takes.
 double seconds_of(const auto &work) {

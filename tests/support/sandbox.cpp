@@ -129,21 +129,8 @@ std::optional<std::string> sandbox::read_file(std::string_view relative) const {
   return text_of(root() / relative);
 }
 
-std::string sandbox::quota_path(int reseller, int client, int owner, std::string_view kind) const {
-  std::filesystem::path folder = root() / quota_root / std::to_string(reseller);
-  if (client != 0) folder /= std::to_string(client);
-  if (owner != 0) folder /= std::to_string(owner);
-  return (folder / std::string(kind).append(".quota")).string();
-}
-
-std::optional<std::string> sandbox::quota_file(int reseller, int client, int owner,
-                                               std::string_view kind) const {
-  return read_file(quota_path(reseller, client, owner, kind));
-}
-
-void sandbox::write_quota_file(int reseller, int client, int owner, std::string_view kind,
-                               std::string_view text) {
-  write_file(quota_path(reseller, client, owner, kind), text);
+std::string sandbox::quota_path(const std::string &place_and_kind) const {
+  return (root() / quota_root / (place_and_kind + ".quota")).string();
 }
 
 std::string sandbox::sound_folder(std::string_view id) {

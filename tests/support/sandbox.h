@@ -46,13 +46,8 @@ class sandbox {
   std::optional<std::string> read_file(std::string_view relative) const;  // nullopt: not there
   void make_folder(std::string_view relative);
 
-  // Quota files below the quota root; 0 as client or owner stands for "none". `kind` is the file's
-  // name: "fax", "sound", "recording", "voicemail" or "music".
-  std::string quota_path(int reseller, int client, int owner, std::string_view kind) const;
-  std::optional<std::string> quota_file(int reseller, int client, int owner,
-                                        std::string_view kind) const;
-  void write_quota_file(int reseller, int client, int owner, std::string_view kind,
-                        std::string_view text);
+  // The quota file of an account's place and a kind: "1/2/21/fax", "1/music".
+  std::string quota_path(const std::string &place_and_kind) const;
 
   // Media folders, relative to the root; `id` as the engine spells it ("12", or "0012").
   static std::string sound_folder(std::string_view id);

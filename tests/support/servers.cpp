@@ -70,31 +70,27 @@ private_folder::~private_folder() {
   if (failure) run_process({"rm", "-rf", "--", path_.string()});
 }
 
-server::server(const std::string &name, bool tcp) : name_(name), folder_(name), tcp_(tcp) {
+server::server(const kind &what, bool tcp, std::string password)
+    : kind_(what), folder_(what.name), password_(std::move(password)) {
   if (socket().size() >= sizeof sockaddr_un{}.sun_path) {
     throw std::runtime_error("too long for a socket, set TMPDIR to a shorter folder: " + socket());
   }
-}
-
-server::~server() {
-  kill_hard();
-}
-
-std::string server::log() const {
-  std::ifstream file(folder() / "log");
-  return {std::istreambuf_iterator<char>(file), {}};
+  if (tcp) bound_to_loopback(port_);
 }
 
 void server::start() {
-  if (child_) throw std::logic_error(name_ + " runs already");
-  if (tcp_ && port_ == 0) bound_to_loopback(port_);
   process_options options = for_servers;
   options.log = folder() / "log";
-  child_ = std::make_unique<background_process>(command(), options);
-  for (const auto deadline = clock_type::now() + 60s; !answers();) {
-    if (!child_->running()) throw std::runtime_error(name_ + " ended at its start:\n" + log());
-    if (clock_type::now() > deadline) throw std::runtime_error(name_ + " is silent:\n" + log());
-    std::this_thread::sleep_for(10ms);
+  const std::vector<std::string> argv = kind_.argv(*this);
+  child_ = std::make_unique<background_process>(argv, options);
+  for (const auto deadline = clock_type::now() + 60s; !kind_.answers(*this);) {
+    if (child_->running() && clock_type::now() < deadline) {
+      std::this_thread::sleep_for(10ms);
+      continue;
+    }
+    std::ifstream log(options.log);
+    throw std::runtime_error(argv[0] + " does not come up:\n" +
+                             std::string{std::istreambuf_iterator<char>(log), {}});
   }
 }
 
@@ -106,10 +102,6 @@ void server::stop() {
   kill_hard();
 }
 
-void server::kill_hard() {
-  child_.reset();
-}
-
 void server::pause() {
   if (!child_) return;
   child_->kill(SIGSTOP);
@@ -119,13 +111,6 @@ void server::pause() {
 
 void server::resume() {
   if (child_) child_->kill(SIGCONT);
-}
-
-mariadb_server::mariadb_server(const mariadb_options &options) : server("mariadb", options.tcp) {
-  std::filesystem::copy(from_testbed(template_variable), folder() / "data",
-                        std::filesystem::copy_options::recursive);
-  std::filesystem::create_directory(folder() / "tmp");
-  start();
 }
 
 void mariadb_server::make_template(const std::filesystem::path &folder) {
@@ -159,13 +144,13 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
   std::filesystem::remove_all(scratch);
 }
 
-std::vector<std::string> mariadb_server::command() const {
-  const std::string here = folder().string();
+static std::vector<std::string> mariadb_argv(const server &of) {
+  const std::string here = of.folder().string(), port = std::to_string(of.port());
   std::vector<std::string> argv = {
       "mariadbd", "--no-defaults", user_argument(), "--datadir=" + here + "/data",
-      "--tmpdir=" + here + "/tmp", "--socket=" + socket(), "--pid-file=" + here + "/pid",
-      port() == 0 ? "--skip-networking" : "--bind-address=127.0.0.1",
-      port() == 0 ? "" : "--port=" + std::to_string(port()), "--skip-name-resolve",
+      "--tmpdir=" + here + "/tmp", "--socket=" + of.socket(), "--pid-file=" + here + "/pid",
+      of.port() == 0 ? "--skip-networking" : "--bind-address=127.0.0.1",
+      of.port() == 0 ? "" : "--port=" + port, "--skip-name-resolve",
       "--character-set-server=utf8mb4", "--collation-server=utf8mb4_general_ci",
       "--max-connections=500", "--max-connect-errors=1000000", "--max-allowed-packet=64M",
       // Nothing in here has to survive the machine: no syncs, small buffers, a quick end.
@@ -177,47 +162,67 @@ std::vector<std::string> mariadb_server::command() const {
   return argv;
 }
 
-bool mariadb_server::answers() const {
+static bool mariadb_answers(const server &asked) {
   MYSQL connection;
   mysql_init(&connection);
   const unsigned seconds = 5;
   mysql_options(&connection, MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
   mysql_options(&connection, MYSQL_OPT_READ_TIMEOUT, &seconds);
   const bool up = mysql_real_connect(&connection, nullptr, database_user, database_password,
-                                     nullptr, 0, socket().c_str(), 0) != nullptr &&
+                                     nullptr, 0, asked.socket().c_str(), 0) != nullptr &&
                   mysql_ping(&connection) == 0;
   mysql_close(&connection);
   return up;
 }
 
-redis_server::redis_server(redis_options options)
-    : server("redis", options.tcp), options_(std::move(options)) {
+mariadb_server::mariadb_server(const server_options &options)
+    : server({"mariadb", mariadb_argv, mariadb_answers}, options.tcp, "") {
+  std::filesystem::copy(from_testbed(template_variable), folder() / "data",
+                        std::filesystem::copy_options::recursive);
+  std::filesystem::create_directory(folder() / "tmp");
   start();
 }
 
-std::vector<std::string> redis_server::command() const {
-  std::vector<std::string> argv = {"redis-server"};
-  const auto add = [&argv](std::initializer_list<std::string> more) {
-    argv.insert(argv.end(), more);
-  };
-  add({"--port", std::to_string(port()), "--bind", "127.0.0.1"});
-  add({"--unixsocket", socket(), "--unixsocketperm", "700"});
-  add({"--dir", folder().string(), "--databases", std::to_string(redis_databases)});
-  add({"--save", "", "--appendonly", "no", "--daemonize", "no"});
-  add({"--repl-diskless-sync-delay", "0"});  // a replica has not to wait for others
-  if (!options_.password.empty()) add({"--requirepass", options_.password});
-  return argv;
+static std::vector<std::string> redis_argv(const server &of) {
+  return {"redis-server",
+          "--port",
+          std::to_string(of.port()),
+          "--bind",
+          "127.0.0.1",
+          "--unixsocket",
+          of.socket(),
+          "--unixsocketperm",
+          "700",
+          "--dir",
+          of.folder().string(),
+          "--databases",
+          std::to_string(redis_databases),
+          "--save",
+          "",
+          "--appendonly",
+          "no",
+          "--daemonize",
+          "no",
+          "--repl-diskless-sync-delay",
+          "0",  // a replica has not to wait for others
+          "--requirepass",
+          of.password()};
 }
 
-bool redis_server::answers() const {
+// One that asks for its password is up as well.
+static bool redis_answers(const server &asked) {
   const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
-      redisConnectUnixWithTimeout(socket().c_str(), timeval{5, 0}));
+      redisConnectUnixWithTimeout(asked.socket().c_str(), timeval{5, 0}));
   if (!context || context->err != 0) return false;
   redisSetTimeout(context.get(), timeval{5, 0});
-  // One that asks for its password is up as well.
   const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
       static_cast<redisReply *>(redisCommand(context.get(), "PING")));
   return reply != nullptr;
+}
+
+redis_server::redis_server(const server_options &options)
+    : server({"redis", redis_argv, redis_answers}, options.tcp, options.password) {
+  start();
 }
 
 const shared_server_set &shared_servers() {

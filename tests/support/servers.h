@@ -35,76 +35,58 @@ class private_folder {
 // A TCP socket on a free port of 127.0.0.1, which it tells; it does not listen yet.
 unique_fd bound_to_loopback(int &port);
 
-// What both kinds of server share: starting, watching and ending the child.
+// A server: how it is started, and a real ping. The socket is in its folder.
 class server {
  public:
-  virtual ~server();
   server(const server &) = delete;
   server &operator=(const server &) = delete;
+  ~server() { kill_hard(); }
 
   const std::filesystem::path &folder() const { return folder_.path(); }
   std::string socket() const { return (folder() / "socket").string(); }
   int port() const { return port_; }  // on 127.0.0.1; 0 without TCP
   pid_t pid() const { return child_ ? child_->pid() : -1; }
-  std::string log() const;
+  const std::string &password() const { return password_; }
 
   // Starts it again on the same data, socket and port, after stop() or kill_hard().
   void start();
   // TERM, ten seconds, KILL.
   void stop();
   // As a crash would end it: KILL.
-  void kill_hard();
+  void kill_hard() { child_.reset(); }
   // A server that hangs: it accepts connections and answers nothing.
   void pause();
   void resume();
 
  protected:
-  server(const std::string &name, bool tcp);
-  virtual std::vector<std::string> command() const = 0;
-  virtual bool answers() const = 0;  // a real ping
+  struct kind {
+    const char *name;
+    std::vector<std::string> (*argv)(const server &);
+    bool (*answers)(const server &);
+  };
+  server(const kind &what, bool tcp, std::string password);
 
  private:
-  std::string name_;
+  kind kind_;
   private_folder folder_;
+  std::string password_;
   int port_ = 0;
-  bool tcp_;
   std::unique_ptr<background_process> child_;
 };
 
-struct mariadb_options {
-  bool tcp = false;  // also listen on a free port of 127.0.0.1
+struct server_options {
+  bool tcp = false;           // also listen on a free port of 127.0.0.1
+  std::string password = {};  // requirepass of a Redis
 };
 
-class mariadb_server final : public server {
- public:
-  explicit mariadb_server(const mariadb_options &options = {});
-  ~mariadb_server() override = default;
-
+struct mariadb_server : server {
+  explicit mariadb_server(const server_options &options = {});
   // Initialises a data directory that servers are copied from. Takes a few seconds.
   static void make_template(const std::filesystem::path &folder);
-
- private:
-  std::vector<std::string> command() const override;
-  bool answers() const override;
 };
 
-struct redis_options {
-  bool tcp = false;
-  std::string password = {};  // requirepass
-};
-
-class redis_server final : public server {
- public:
-  explicit redis_server(redis_options options = {});
-  ~redis_server() override = default;
-
-  const std::string &password() const { return options_.password; }
-
- private:
-  std::vector<std::string> command() const override;
-  bool answers() const override;
-
-  redis_options options_;
+struct redis_server : server {
+  explicit redis_server(const server_options &options = {});
 };
 
 // How many databases every Redis of the tests has.

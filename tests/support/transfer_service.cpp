@@ -102,31 +102,23 @@ void transfer_service::complete(request &one, outcome how, bool held) {
 }
 
 int transfer_service::work_off() {
-  // "<up or del> <score> <member>" of the oldest one.
-  const std::string oldest =
-      "local found, least for _, kind in ipairs({'up', 'del'}) do "
-      "local m = redis.call('ZRANGE', 'storage:' .. kind .. 'queue:s3:main', 0, 0, 'WITHSCORES') "
-      "if m[1] and not (least and least <= tonumber(m[2])) then "
-      "least = tonumber(m[2]) found = kind .. ' ' .. m[2] .. ' ' .. m[1] end end return found";
-  // A member that was queued again meanwhile stays.
-  const std::string remove =
-      "if redis.call('ZSCORE', KEYS[1], ARGV[1]) == ARGV[2] then "
-      "redis.call('ZREM', KEYS[1], ARGV[1]) end return 1";
+  // What is queued again while it is worked on stays, as it was taken before.
+  const auto next = [this](const std::string &kind) {
+    return box_.redis({"EVAL", "return redis.call('ZPOPMIN', KEYS[1])[1]", "1",
+                       "storage:" + kind + "queue:s3:main"});
+  };
   int worked = 0;
-  for (; const auto next = box_.redis({"EVAL", oldest, "0"}); ++worked) {
-    std::string kind, score, member;
-    std::getline(std::getline(std::istringstream(*next), kind, ' ') >> score >> std::ws, member);
-    const std::size_t colon = member.rfind(':');
-    const std::string key = member.substr(colon + 1);
-    if (kind == "del") {
-      member.at(colon - 1) == 'r' ? fs::remove_all(object(key)) : fs::remove(object(key));
-    } else {
-      std::error_code deleted_meanwhile;
-      fs::create_directories(fs::path(object(key)).parent_path());
-      fs::copy_file(box_.path("usr/local/quorvex/scache/main/" + key), object(key),
-                    fs::copy_options::overwrite_existing, deleted_meanwhile);
-    }
-    box_.redis({"EVAL", remove, "1", "storage:" + kind + "queue:s3:main", member, score});
+  for (; const auto member = next("up"); ++worked) {
+    const std::string key = member->substr(member->rfind(':') + 1);
+    std::error_code deleted_meanwhile;
+    fs::create_directories(fs::path(object(key)).parent_path());
+    fs::copy_file(box_.path("usr/local/quorvex/scache/main/" + key), object(key),
+                  fs::copy_options::overwrite_existing, deleted_meanwhile);
+  }
+  for (; const auto member = next("del"); ++worked) {
+    const std::size_t colon = member->rfind(':');
+    const fs::path deleted = object(member->substr(colon + 1));
+    member->at(colon - 1) == 'r' ? fs::remove_all(deleted) : fs::remove(deleted);
   }
   return worked;
 }

@@ -49,8 +49,8 @@ class transfer_service {
   // download, "<stored name> <shard> <engine> <extra>"; "-" for NULL.
   std::string last_asked() const;
 
-  // Works both queues off by score until they are empty; how many members it took. A queued upload
-  // without its file in the cache was deleted, and is dropped. Uses the sandbox's cache helper.
+  // Works off all uploads, then all deletions, each by its score; how many members it took. A
+  // queued upload without its file in the cache was deleted, and is dropped.
   int work_off();
   // An object of the store, by its key.
   std::string object(const std::string &key) const { return box_.path("store/" + key); }

@@ -60,7 +60,7 @@ class Walk : public testing::Test {
   support::private_folder folder_{"walk"};
 };
 
-TEST_F(Walk, AddsApparentSizesOfRegularFilesAndLeavesThePathAsItWas) {
+TEST_F(Walk, AddsApparentSizesOfRegularFiles) {
   constexpr int64_t tebibyte = int64_t{1} << 40;
   file("a", 3 * tebibyte);
   file(".hidden", 50);

@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <cstring>
 
 #include "main/quota/marks.h"
 #include "main/quota/refresh.h"
@@ -16,14 +15,12 @@ namespace fs = std::filesystem;
 
 class Refresh : public refresh_test {
  protected:
-  Refresh() { qx_sql_pool_init(); }
-
   int refresh(unsigned kind = QUOTA_ALL_KINDS, int force = 10) const {
     return quota_update_slow(1, kind, nullptr, force);
   }
 };
 
-TEST_F(Refresh, ATargetHasItsOwnUsageAndItsChildrensAndNothingElseIsTouched) {
+TEST_F(Refresh, ATargetHasItsOwnUsageWithItsChildrens) {
   box.write_file(box.sound_folder("0003") + "/padded.wav", 600);
   EXPECT_EQ(quota_update_slow(3, QUOTA_ALL_KINDS, nullptr, 0), 0);
   EXPECT_EQ(stored(), (figures{{"1", "- - - - -"},
@@ -41,20 +38,27 @@ TEST_F(Refresh, AFileIsComputedAgainWhenItIsDueOrForced) {
   box.add_reseller(5, "lonely");
   box.write_file(box.sound_folder("0005") + "/a.wav", 500);
   const struct {
-    std::string record;  // "!" behind it for a dirty mark
+    const char *why;
+    std::string record;
+    bool marked;
     int force;
     std::string after;
-  } rows[] = {{"7.0", 0, "7.0"},    {"7.999", 0, "7.999"}, {"7.1000", 0, "500.0"},
-              {"7.-1", 0, "500.0"}, {"7", 0, "500.0"},     {"7.0!", 0, "500.0"},
-              {"7.0", 1, "500.0"},  {"7.0", -1, "7.0"}};
+  } rows[] = {{.why = "fresh", .record = "7.0", .after = "7.0"},
+              {.why = "almost updated too often", .record = "7.999", .after = "7.999"},
+              {.why = "updated too often", .record = "7.1000", .after = "500.0"},
+              {.why = "a bad revision", .record = "7.-1", .after = "500.0"},
+              {.why = "no record", .record = "7", .after = "500.0"},
+              {.why = "dirty", .record = "7.0", .marked = true, .after = "500.0"},
+              {.why = "forced", .record = "7.0", .force = 1, .after = "500.0"},
+              {.why = "forced for no level", .record = "7.0", .force = -1, .after = "7.0"}};
+  const std::string path = box.quota_path("5/sound");
   for (const auto &row : rows) {
-    const size_t length = row.record.find('!');
-    box.write_quota_file(5, 0, 0, "sound", row.record.substr(0, length));
-    if (length != row.record.npos) box.write_file("var/lib/quorvexquota/5/sound.quota.dirty", "");
+    box.write_file(path, row.record);
+    if (row.marked) box.write_file(path + ".dirty", "");
     int64_t total = -77;
     EXPECT_EQ(quota_update_slow(5, QUOTA_SOUND, &total, row.force), 0);
-    EXPECT_EQ(box.quota_file(5, 0, 0, "sound"), row.after) << row.record << " " << row.force;
-    EXPECT_EQ(total, std::stoll(row.after)) << row.record << " " << row.force;
+    EXPECT_EQ(box.read_file(path), row.after) << row.why;
+    EXPECT_EQ(total, std::stoll(row.after)) << row.why;
   }
 }
 
@@ -69,8 +73,8 @@ TEST_F(Refresh, ForceReachesAsManyLevelsAsItSays) {
   for (const auto &row : rows) {
     store_everywhere("9.5");
     EXPECT_EQ(refresh(QUOTA_SOUND, row.force), 0);
-    EXPECT_EQ(box.quota_file(1, 0, 0, "sound"), row.reseller) << row.force;
-    EXPECT_EQ(box.quota_file(1, 2, 0, "sound"), row.client) << row.force;
+    EXPECT_EQ(box.read_file(box.quota_path("1/sound")), row.reseller) << row.force;
+    EXPECT_EQ(box.read_file(box.quota_path("1/2/sound")), row.client) << row.force;
     EXPECT_EQ(stored()["1/2/21"], "9.5 " + row.owner + " 9.5 9.5 9.5") << row.force;
   }
 }
@@ -91,13 +95,18 @@ TEST_F(Refresh, RefusesWhatItCannotLocate) {
   box.add_owner(8, 99, "orphan");
   box.add_account(9, 1, 20, "odd");
   const struct {
+    const char *why;
     int account;
     unsigned kind;
     int result;
-  } rows[] = {{1, 6, -1}, {4444, 5, -2}, {8, 5, -1}, {7, 5, 0}, {9, 5, 0}};
+  } rows[] = {{"no such kind", 1, 6, -1},
+              {"no such account", 4444, QUOTA_ALL_KINDS, -2},
+              {"its parent is nobody", 8, QUOTA_ALL_KINDS, -1},
+              {"the root of all accounts", 7, QUOTA_ALL_KINDS, 0},
+              {"no such level", 9, QUOTA_ALL_KINDS, 0}};
   for (const auto &row : rows) {
-    EXPECT_EQ(quota_update_slow(row.account, row.kind, nullptr, 10), row.result) << row.account;
-    EXPECT_EQ(stored(), figures{}) << row.account;
+    EXPECT_EQ(quota_update_slow(row.account, row.kind, nullptr, 10), row.result) << row.why;
+    EXPECT_EQ(stored(), figures{}) << row.why;
   }
   qx_sql_pool_destroy();
   EXPECT_EQ(refresh(), -1) << "no database";
@@ -111,7 +120,7 @@ TEST_F(Refresh, FilesHaveTheirModesAndOwnerWhateverTheUmask) {
   gid_t gid = ::getgid();
   if (uid == 0) get_ids("asterisk", "asterisk", &uid, &gid);
   for (const std::string &path :
-       {quota_root(), quota_root() + "/1/2/22", box.quota_path(1, 2, 22, "music")}) {
+       {quota_root(), quota_root() + "/1/2/22", box.quota_path("1/2/22/music")}) {
     struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0) << path;
     EXPECT_EQ(status.st_mode & 07777U, S_ISDIR(status.st_mode) ? 0770U : 0660U) << path;
@@ -126,7 +135,7 @@ TEST_F(Refresh, OneRunHoldsOneConnection) {
             "1");
 }
 
-TEST_F(Refresh, AccountsNestAsDeepAsTheRowsSayButNotInACircle) {
+TEST_F(Refresh, AccountsNestAsDeepAsTheRowsSay) {
   for (const int parent : {1, 2, 3}) {
     fs::remove_all(quota_root());
     box.sql("UPDATE client SET parent_client_id = " + std::to_string(parent) + " WHERE id = 1");
@@ -139,17 +148,17 @@ TEST_F(Refresh, AccountsNestAsDeepAsTheRowsSayButNotInACircle) {
   box.write_file(box.sound_folder("8") + "/a.wav", 8000);
   EXPECT_EQ(refresh(QUOTA_SOUND), 0);
   EXPECT_EQ(stored()["1/6/7/8"], "- 8000.0 - - -");
-  EXPECT_EQ(box.quota_file(1, 0, 0, "sound"), "9234.0");
+  EXPECT_EQ(box.read_file(box.quota_path("1/sound")), "9234.0");
 }
 
 TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
   box.sql("UPDATE client SET level = NULL WHERE id = 31");
   EXPECT_EQ(refresh(QUOTA_SOUND), 0);
-  EXPECT_EQ(box.quota_file(1, 0, 0, "sound"), "1230.0");
+  EXPECT_EQ(box.read_file(box.quota_path("1/sound")), "1230.0");
   EXPECT_FALSE(fs::exists(quota_root() + "/1/3"));
 }
 
-TEST_F(Refresh, AWalkThatStopsLeavesWhatWasThereAndBeginsAgainNextTime) {
+TEST_F(Refresh, AWalkThatStopsBeginsAgainNextTime) {
   store_everywhere("9.5");
   box.sql("RENAME TABLE client TO gone");
   std::string directory = quota_root() + "/1";
@@ -162,7 +171,7 @@ TEST_F(Refresh, AWalkThatStopsLeavesWhatWasThereAndBeginsAgainNextTime) {
   EXPECT_EQ(stored()["1"], "18.0 1018.0 18.0 18.0 19.0") << "its own and both clients'";
 }
 
-TEST_F(Refresh, ARedoMarkMakesAllFilesDueAndGoesWhenAllAreComputed) {
+TEST_F(Refresh, ARedoMarkStaysUntilAllFilesAreComputed) {
   store_everywhere("9.5");
   box.write_file("var/lib/quorvexquota/1/3/31/quota.redo", "");
   EXPECT_EQ(refresh(QUOTA_SOUND, 0), 0);
@@ -176,12 +185,10 @@ TEST_F(Refresh, ARedoMarkMakesAllFilesDueAndGoesWhenAllAreComputed) {
   EXPECT_EQ(stored()["1/3"], "10.6 4.0 9.5 9.5 9.5");
 }
 
-TEST_F(Refresh, AFailingStatementStopsTheWalkIsToldAndLeavesTheDirectoryAsItWas) {
+TEST_F(Refresh, AFailingStatementIsTold) {
+  box.sql("RENAME TABLE client TO gone");
   const std::string given = quota_root() + "/1/3/";
   std::string directory = given;
-  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, directory, nullptr, 10, nullptr), 0);
-  EXPECT_EQ(stored()["1/3/31"], "- 4.0 - - -");
-  box.sql("RENAME TABLE client TO gone");
   EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, directory, nullptr, 10, nullptr), -1);
   EXPECT_EQ(directory, given);
   quota_folder folder(given);
@@ -194,10 +201,37 @@ TEST_F(Refresh, AFailingStatementStopsTheWalkIsToldAndLeavesTheDirectoryAsItWas)
   }
 }
 
+TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
+  box.sql("RENAME TABLE extension_recording TO gone");
+  EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
+  EXPECT_EQ(stored(), (figures{{"1", "7.0 1234.0 0.0 3.0 51.0 redo"},
+                               {"1/2", "7.0 230.0 0.0 3.0 50.0 redo"},
+                               {"1/2/21", "0.0 30.0 0.0 3.0 0.0 redo"},
+                               {"1/2/22", "7.0 0.0 0.0 0.0 50.0 redo"},
+                               {"1/3", "0.0 4.0 0.0 0.0 0.0 redo"},
+                               {"1/3/31", "0.0 4.0 0.0 0.0 0.0 redo"}}));
+  box.sql("RENAME TABLE gone TO extension_recording");
+  EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
+  EXPECT_EQ(stored(), right_figures);
+}
+
+TEST_F(Refresh, WaitsForWhoeverHoldsALock) {
+  const std::string path = box.quota_path("1/2/sound");
+  box.write_file(path, "1.0");
+  const unique_fd held(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::flock(held.get(), LOCK_SH), 0);
+  support::background_process waiting([&] { return refresh() == 0; });
+  EXPECT_FALSE(waiting.wait(std::chrono::milliseconds(200)).has_value());
+  EXPECT_EQ(box.read_file(path), "1.0");
+  ASSERT_EQ(::flock(held.get(), LOCK_UN), 0);
+  EXPECT_EQ(waiting.wait(std::chrono::seconds(20)).value().status, 0);
+  EXPECT_EQ(stored(), right_figures);
+}
+
 TEST_F(Refresh, OnlyGoodChildrensFilesAdd) {
-  box.write_quota_file(1, 3, 0, "fax", "4.0");
+  box.write_file(box.quota_path("1/3/fax"), "4.0");
   for (const std::string record : {"6.0", "6.5000", "-6.0", "6", ""}) {
-    box.write_quota_file(1, 2, 0, "fax", record);
+    box.write_file(box.quota_path("1/2/fax"), record);
     quota_folder folder(quota_root() + "/1");
     ASSERT_TRUE(folder.open());
     int64_t sum = 1000;
@@ -217,8 +251,7 @@ struct empty_lists {
 };
 class RefreshWithoutOwner : private empty_lists, public refresh_test {};
 
-TEST_F(RefreshWithoutOwner, NothingIsWrittenAndTheLogSaysWhyOnce) {
-  qx_sql_pool_init();
+TEST_F(RefreshWithoutOwner, NothingIsWrittenForWhichTheLogHasOneLine) {
   log.expect(FR_LOG_ERROR, "user \"asterisk\" and group \"asterisk\"");
   for (const int account : {1, 2}) {
     EXPECT_EQ(quota_update_slow(account, QUOTA_ALL_KINDS, nullptr, 10), 0);

@@ -1,6 +1,5 @@
 // Fast updates of quota files, and verification against the limits.
 #include <sys/resource.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <csignal>
@@ -8,8 +7,7 @@
 #include <thread>
 
 #include "main/quota/kinds.h"
-#include "platform/base/owner.h"
-#include "tests/unit/lookup_fixture.h"
+#include "tests/support/platform_test.h"
 
 namespace {
 
@@ -17,9 +15,9 @@ namespace fs = std::filesystem;
 using support::seconds_of;
 
 // Reseller 1, client 2, owner 12.
-class FastUpdate : public lookup_test {
+class FastUpdate : public platform_test {
  protected:
-  FastUpdate() : lookup_test("../main/quota") {
+  FastUpdate() : platform_test("../main/quota") {
     box.add_reseller(1, "reseller");
     box.add_client(2, 1, "client");
     box.add_owner(12, 2, "owner");
@@ -38,9 +36,9 @@ class FastUpdate : public lookup_test {
     return quota_upd_fast_internal(owner.c_str(), delta, wait);
   }
 
-  std::string owner = box.quota_path(1, 2, 12, "fax");
-  std::string client = box.quota_path(1, 2, 0, "fax");
-  std::string reseller = box.quota_path(1, 0, 0, "fax");
+  std::string owner = box.quota_path("1/2/12/fax");
+  std::string client = box.quota_path("1/2/fax");
+  std::string reseller = box.quota_path("1/fax");
 };
 
 TEST_F(FastUpdate, AddsToOneFileOrLeavesAMark) {
@@ -83,7 +81,7 @@ TEST_F(FastUpdate, AddsToOneFileOrLeavesAMark) {
   EXPECT_EQ(quota_upd_fast_internal("fax.quota", 1, 0), -1) << "a path without a directory";
 }
 
-TEST_F(FastUpdate, ReachesTheAccountAndAllAboveIt) {
+TEST_F(FastUpdate, ReachesAllAboveTheAccount) {
   box.write_file(client, "100.3");
   box.write_file(reseller, "abc");
   const mode_t before = ::umask(022);
@@ -96,13 +94,13 @@ TEST_F(FastUpdate, ReachesTheAccountAndAllAboveIt) {
   box.add_account(7, 1, 20, "between");
   box.add_client(2000, 7, "below it");
   EXPECT_EQ(quota_update(2000, QUOTA_SOUND, 9, 0), 0);
-  EXPECT_EQ(box.quota_file(1, 2000, 0, "sound"), "9.1");
+  EXPECT_EQ(box.read_file(box.quota_path("1/2000/sound")), "9.1");
   EXPECT_EQ(quota_update(2, QUOTA_FAX, 50, 0), 0);
   EXPECT_EQ(quota_update_fast(QUOTA_FAX, 50, 0, 1, 2, 0), 0);
   EXPECT_EQ(stored(), (texts{"50.1", "250.6", "abc!"}));
 }
 
-TEST_F(FastUpdate, GivesUpOnALockAfterItsWaitAndUpdatesTheOthers) {
+TEST_F(FastUpdate, GivesUpOnALockAfterItsWait) {
   for (const std::string &path : {owner, client, reseller}) box.write_file(path, "1.1");
   unique_fd held(::open(client.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
@@ -126,15 +124,12 @@ TEST_F(FastUpdate, GivesUpOnALockAfterItsWaitAndUpdatesTheOthers) {
 
 TEST_F(FastUpdate, AFullDiskNeverLeavesAValueThatLooksRight) {
   box.write_file(owner, "5.1");
-  const pid_t child = ::fork();
-  if (child == 0) {
+  support::run_forked([] {
     ::signal(SIGXFSZ, SIG_IGN);
     const rlimit none{0, 0};
     ::setrlimit(RLIMIT_FSIZE, &none);
-    quota_update_fast(QUOTA_FAX, 5, 0, 1, 2, 12);
-    ::_exit(0);
-  }
-  ::waitpid(child, nullptr, 0);
+    return quota_update_fast(QUOTA_FAX, 5, 0, 1, 2, 12) == 0;
+  });
   EXPECT_EQ(stored(), (texts{"!", "!", "!"}));
 }
 
@@ -204,7 +199,7 @@ TEST_F(FastUpdate, VerificationNamesTheLowestFullAccount) {
   }
 }
 
-TEST_F(FastUpdate, VerificationNeverWaitsAndMarksWhatIsLocked) {
+TEST_F(FastUpdate, VerificationNeverWaits) {
   box.write_file(owner, "9.1");
   const unique_fd held(::open(owner.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
@@ -218,7 +213,7 @@ TEST_F(FastUpdate, VerificationNeverWaitsAndMarksWhatIsLocked) {
   EXPECT_LT(shortest, 0.01) << "less than one pause between two tries";
 }
 
-TEST_F(FastUpdate, VerificationTakesLimitsInKibAndPrintsItsResult) {
+TEST_F(FastUpdate, VerificationTakesLimitsInKib) {
   const struct {
     const char *preference, *bytes;
     unsigned kind;
@@ -231,7 +226,7 @@ TEST_F(FastUpdate, VerificationTakesLimitsInKibAndPrintsItsResult) {
   for (const auto &row : rows) box.set_preference(12, row.preference, std::to_string(row.kind + 1));
   box.set_preference(2, "max_sound", "99999999999999999999");
   for (const auto &[preference, bytes, kind, result] : rows) {
-    box.write_quota_file(1, 2, 12, quota_kind_names[kind], bytes);
+    box.write_file(box.quota_path(std::string("1/2/12/") + quota_kind_names[kind]), bytes);
     const std::string line = " + quota_verify(target:" + std::to_string(kind) +
                              ", resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
                              (result == 0 ? " (if >0 it means: client.id:0, client.level:0)"

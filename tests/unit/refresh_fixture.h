@@ -2,12 +2,8 @@
 #ifndef TESTS_UNIT_REFRESH_FIXTURE_H
 #define TESTS_UNIT_REFRESH_FIXTURE_H
 
-#include <gtest/gtest.h>
-
-#include <spoolcap/sqlsession.h>
 #include "main/quota/kinds.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/sandbox.h"
+#include "tests/support/platform_test.h"
 
 // The files of each account by its place ("1/2/21"): fax, sound, recording, voicemail, music, "-"
 // for one that is not there, "!" behind one with a dirty mark; "redo" at the end for a redo mark.
@@ -19,8 +15,9 @@ inline const figures right_figures = {
     {"1/3", "0.0 4.0 0.0 0.0 0.0"},      {"1/3/31", "0.0 4.0 0.0 0.0 0.0"}};
 
 // Reseller 1 with clients 2 (owners 21 and 22) and 3 (owner 31, without extensions).
-struct small_platform {
-  small_platform() {
+class small_platform {
+ public:
+  explicit small_platform(support::sandbox &given) : box(given) {
     box.add_reseller(1, "reseller");
     for (const int client : {2, 3}) box.add_client(client, 1, "client");
     for (const int owner : {21, 22, 31}) box.add_owner(owner, owner / 10, "owner");
@@ -69,12 +66,14 @@ struct small_platform {
     }
   }
 
-  support::sandbox box;
+ private:
+  support::sandbox &box;
 };
 
-class refresh_test : public testing::Test, protected small_platform {
+class refresh_test : public platform_test, protected small_platform {
  protected:
-  support::log_capture log;
+  refresh_test() : small_platform(platform_test::box) {}
+  using platform_test::box;
 };
 
 #endif

@@ -2,30 +2,20 @@
 #ifndef TESTS_UNIT_STORAGE_FIXTURE_H
 #define TESTS_UNIT_STORAGE_FIXTURE_H
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
-#include <spoolcap/sqlsession.h>
 #include <spoolcap/zarn_storage.h>
-#include "platform/base/owner.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/sandbox.h"
+#include "tests/support/platform_test.h"
 #include "tests/support/transfer_service.h"
 
-using texts = std::vector<std::string>;
 using storage_session =
     std::unique_ptr<qx_storage_session_t, call_to_release<qx_storage_release_session>>;
 
 inline const std::string scache = "usr/local/quorvex/scache/main/";
 
-class storage_test : public testing::Test {
+class storage_test : public platform_test {
  protected:
   explicit storage_test(const std::string &engine) {
     box.write_file("etc/quorvex/storage.conf", "STORAGE_SYSTEM " + engine + "\n");
@@ -33,7 +23,6 @@ class storage_test : public testing::Test {
       box.sql("INSERT INTO extension_" + kind + " (id, extension_id, " + column(kind) +
               ", se, az) VALUES (7, 1, 'old', 'old', 'old'), (8, 1, 'old', 'old', 'old')");
     }
-    qx_sql_pool_init();
     EXPECT_EQ(qx_storage_initialize(base.c_str(), nullptr), 0);
   }
   ~storage_test() override {
@@ -95,8 +84,6 @@ class storage_test : public testing::Test {
     EXPECT_EQ(members("up"), "");
   }
 
-  support::log_capture log;
-  support::sandbox box;
   std::string base = box.path("base");
   std::optional<support::transfer_service> service;
 

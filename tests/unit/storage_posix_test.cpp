@@ -1,6 +1,4 @@
 // File storage in local directories, and what both engines refuse.
-#include <sys/wait.h>
-
 #include <array>
 #include <set>
 
@@ -15,7 +13,7 @@ class StoragePosix : public storage_test {
   StoragePosix() : storage_test("posix") {}
 };
 
-TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlaceAndSaysSoInItsRow) {
+TEST_F(StoragePosix, ACommitPutsTheFileAtItsPlace) {
   ::umask(077);  // the modes do not depend on it
   const std::string other = "/dev/shm/" + box.root().filename().string() + "/7";  // elsewhere
   const std::tuple<int, std::string, const char *, std::string, std::string> cases[] = {
@@ -60,7 +58,7 @@ TEST_F(StoragePosix, ACommitThatFailsKeepsTheFileForTheNextOne) {
   EXPECT_EQ(box.read_file("base/monitor/1/2/7.wav"), "content");
 }
 
-TEST_F(StoragePosix, WhatTheDatabaseDoesNotTakeIsLoggedAndTheFileIsStored) {
+TEST_F(StoragePosix, AFileIsStoredThoughTheDatabaseDoesNotTakeIt) {
   log.expect(FR_LOG_ERROR,
              "Table extension_recording has no row 9 for the newly stored file [1/2/9.wav].");
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 9, "x"), 0);
@@ -101,13 +99,11 @@ TEST_F(StoragePosix, AfterFiveNamesThatAreTakenThereIsNoTemporaryFile) {
 TEST_F(StoragePosix, EachProcessDrawsNamesOfItsOwn) {
   std::set<std::string> names;
   for (const bool initializes : {false, false, true, true}) {
-    const pid_t child = ::fork();
-    if (child == 0) {
+    support::run_forked([&] {
       if (initializes) qx_storage_initialize(base.c_str(), nullptr);
       box.write_file("name", qx_storage_get_temp_file(written(QX_STORAGE_FAX, "", "").get()));
-      ::_exit(0);
-    }
-    ::waitpid(child, nullptr, 0);
+      return true;
+    });
     names.insert(box.read_file("name").value());
   }
   EXPECT_EQ(names.size(), 4U);

@@ -6,7 +6,7 @@
 
 using support::log_capture;
 
-TEST(LogCapture, FailsTheTestForUnannouncedErrorsAndForThoseThatNeverCome) {
+TEST(LogCapture, FailsTheTestForErrorsNotAnnounced) {
   EXPECT_NONFATAL_FAILURE(
       {
         log_capture log;

@@ -2,8 +2,6 @@
 // each step tells.
 #include <spoolcap/zarn_cache.h>
 
-#include <thread>
-
 #include "tests/unit/lookup_fixture.h"
 
 namespace {
@@ -266,16 +264,6 @@ TEST_F(Parameters, BadArgumentsAreRefusedInSilence) {
   EXPECT_EQ(nullptr, rgetall_hash_comma(0, no_format));
   EXPECT_EQ(texts{}, told());
   EXPECT_EQ(0, statements());
-}
-
-TEST_F(Parameters, FirstUseByManyThreadsMakesOneClient) {
-  std::vector<std::thread> threads;
-  std::vector<values> answers(8);
-  threads.reserve(answers.size());
-  for (values &answer : answers) threads.emplace_back([&] { answer = get({"alpha", "delta"}); });
-  for (std::thread &thread : threads) thread.join();
-  for (const values &answer : answers) EXPECT_EQ((values{"A", "D"}), answer);
-  EXPECT_EQ(1U, log.count("Adding vk server ["));
 }
 
 TEST_F(Parameters, AnswersBesideADeadCacheAreThoseOfAnEmptyOne) {

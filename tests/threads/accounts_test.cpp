@@ -1,7 +1,7 @@
 // Several threads at once on one platform, as a component that serves many calls has them: each
-// gets its own right answers, and what they change together adds up. The thread sanitizer runs
-// these.
+// gets its own right answers, and what they change together adds up.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <functional>
 #include <thread>
@@ -10,21 +10,22 @@
 #include <spoolcap/zarn_db_files.h>
 #include <spoolcap/zarn_extension.h>
 #include <spoolcap/zarn_user.h>
-#include "tests/unit/lookup_fixture.h"
+#include "main/quota/folder.h"
+#include "tests/support/platform_test.h"
 
 namespace {
 
 using std::to_string;
 
 // Owners 20 to 27 of client 2 of reseller 1, with one extension each, and a thread for each.
-class Threads : public lookup_test {
+class Threads : public platform_test {
  protected:
-  Threads() : lookup_test("") {
+  Threads() {
     box.add_client(2, 1, "client");
     box.add_reseller(1, "reseller");
     // Were they missing, one thread could find the file that another has just made still empty, and
     // would leave it with a dirty mark.
-    for (const int client : {0, 2}) box.write_quota_file(1, client, 0, "fax", "0.0");
+    for (const char *file : {"1/fax", "1/2/fax"}) box.write_file(box.quota_path(file), "0.0");
     for (int id = 20; id < 28; ++id) {
       box.add_owner(id, 2, to_string(id));
       box.add_extension(id * 10, id, to_string(id * 10));
@@ -39,7 +40,7 @@ class Threads : public lookup_test {
   }
 };
 
-TEST_F(Threads, UpdatesOfOneTreeAddUpAndEachAccountFillsAlone) {
+TEST_F(Threads, UpdatesOfOneTreeAddUp) {
   const mode_t before = ::umask(022);
   log.expect(FR_LOG_ERROR, " + quota_verify(target:0, resid:1, clid:2, extid:2");
   for_each_owner([](int id) {
@@ -51,7 +52,8 @@ TEST_F(Threads, UpdatesOfOneTreeAddUpAndEachAccountFillsAlone) {
     }
   });
   EXPECT_EQ(::umask(before), 022U) << "is the caller's again";
-  for (const int client : {0, 2}) EXPECT_EQ(box.quota_file(1, client, 0, "fax"), "20000.200");
+  for (const char *file : {"1/fax", "1/2/fax"})
+    EXPECT_EQ(box.read_file(box.quota_path(file)), "20000.200");
 }
 
 TEST_F(Threads, LookupsAnswerForTheAccountThatTheirThreadAskedFor) {
@@ -71,6 +73,16 @@ TEST_F(Threads, LookupsAnswerForTheAccountThatTheirThreadAskedFor) {
           to_string(qx_get_extension_usrid(full.c_str())),
           to_string(qx_get_db_files_quota("extension_recording", 100, n.c_str()))};
       EXPECT_EQ(answers, expected);
+    }
+  });
+  EXPECT_EQ(log.count("Adding vk server ["), 1U) << "one client for all";
+}
+
+TEST_F(Threads, MayMakeOneDirectoryAtOnce) {
+  for_each_owner([&](int) {
+    for (int i = 0; i < 60; ++i) {
+      const std::string folder = box.path(to_string(i)) + "/a/b/c/d/e/f";
+      EXPECT_EQ(make_dirs(folder.c_str(), 0770, ::getuid(), ::getgid()), 0);
     }
   });
 }
