@@ -187,12 +187,6 @@ TEST_F(SqlPool, ASlaveThatIsDownIsPassedOverForTheDownTimeAndAMasterIsAlwaysAske
   for (int round = 0; round < 2; round++) EXPECT_FALSE(take());
   master.start();
   EXPECT_TRUE(take());
-
-  start(line("DB_SLAVE", slave) + line("DB_MASTER", master));
-  fr_sqlpool_down_time_set(-1);
-  EXPECT_EQ(server_of(take()), master.socket());
-  slave.start();
-  EXPECT_EQ(server_of(take()), slave.socket()) << "no down time, and it is back";
 }
 
 TEST_F(SqlPool, AConnectionIsKeptForTheNextUnlessSomethingIsWrongWithIt) {
