@@ -118,7 +118,12 @@ TEST(VelkanTrouble, AServerThatHangsDoesNotHideTheNext) {
   EXPECT_LT(seconds_of([&] { EXPECT_EQ(client.set("h", "f", "v"), VK_OK); }), 0.45);
 }
 
-// What such a peer says is the business of the fuzz target cache_reply.
+TEST(VelkanTrouble, AReplyOfAnotherTypeIsAnError) {
+  const scripted_peer peer({greeting, "*1\r\n$1\r\nx\r\n"}, manner::at_once);
+  EXPECT_EQ(cache_client({peer.path()}).get("h", "f"), VK_ERR_REPLY);
+}
+
+// What else such a peer says is the business of the fuzz target cache_reply.
 TEST(VelkanTrouble, APeerThatKeepsItsClientWaitingCostsLittle) {
   const struct {
     const char *name;
