@@ -60,11 +60,12 @@ TEST_F(ConfigParser, CredentialsAreTheFieldsOfTheFirstLineWithTheId) {
 }
 
 TEST_F(ConfigParser, AMalformedRecordEndsTheSearch) {
-  for (const auto &[line, content] : {std::pair<string, string>("1", "DB_CREDENTIALS main:u:p"),
-                                      {"3", "\n# comment\nDB_CREDENTIALS main:u:p:d:e"},
-                                      {"4", string(600, 'x') + "\nDB_CREDENTIALS"}}) {
+  for (const auto &[message, content] :
+       {std::pair<const char *, string>("DB credentials line [1] in <", "DB_CREDENTIALS main:u:p"),
+        {"DB credentials line [3] in <", "\n# comment\nDB_CREDENTIALS main:u:p:d:e"},
+        {"DB credentials line [4] in <", string(600, 'x') + "\nDB_CREDENTIALS"}}) {
     const string path = file(content + "\nDB_CREDENTIALS main:u:p:d\n");
-    log.expect(FR_LOG_ERROR, "Invalid DB credentials line [" + line + "] in <" + path + ">.");
+    log.expect(FR_LOG_ERROR, message);
     EXPECT_EQ(qx_conf_parse_db_cred(nullptr, path.c_str(), "main", nullptr, nullptr, nullptr), -1);
   }
   const string path = file("\nDB_MASTER main:dbhost\nDB_MASTER main:h:1\n");
