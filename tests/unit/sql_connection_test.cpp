@@ -40,8 +40,6 @@ void expect_three_seconds(const sql_address &address) {
   EXPECT_STRNE(mysql_error(handle.get()), "");
 }
 
-}  // namespace
-
 TEST(SqlConnection, AServerThatDripsItsGreetingOrAcceptsNobodyIsHeldToThreeSecondsInAll) {
   int port = 0;
   const support::private_folder folder("sql");
@@ -59,3 +57,5 @@ TEST(SqlConnection, AServerThatDripsItsGreetingOrAcceptsNobodyIsHeldToThreeSecon
   all.emplace_back(expect_three_seconds, sql_address{path});
   all.emplace_back(expect_three_seconds, sql_address{full});
 }
+
+}  // namespace

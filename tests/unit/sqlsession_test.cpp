@@ -1,9 +1,10 @@
+// The pool as the platform's files set it up, and what the modules make of a statement.
 #include <spoolcap/sqlsession.h>
 
 #include <gtest/gtest.h>
 
+#include "main/cache/read_through.h"
 #include "main/sql/query.h"
-#include "platform/sql/pool.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
 
@@ -13,8 +14,8 @@ class SqlSession : public testing::Test {
  protected:
   ~SqlSession() override { qx_sql_pool_destroy(); }
 
-  int read_files(const std::string &credentials, const std::string &servers) {
-    box.write_file("etc/quorvex/pbx.conf", credentials);
+  int read_files(const std::string &pbx_text, const std::string &servers) {
+    box.write_file("etc/quorvex/pbx.conf", pbx_text);
     box.write_file("sql", servers);
     return qx_sql_pool_init_from_config_files(pbx.c_str(), box.path("sql").c_str());
   }
@@ -22,37 +23,43 @@ class SqlSession : public testing::Test {
   support::log_capture log;
   support::sandbox box;
   const std::string pbx = box.path("etc/quorvex/pbx.conf");
+  const std::string credentials = "main:spoolcap:secret:" + box.database();
+  const std::string master = *box.read_file("etc/quorvex/sqldbase.conf");
 };
-
-}  // namespace
 
 TEST_F(SqlSession, CredentialsAreTakenFromAnywhereInALineUpToItsFirstHash) {
   const struct {
-    const char *text;
-    const char *shards;
-    int status;
-  } rows[] = {{"DB_CREDENTIALS main:u:p:d\nDB_CREDENTIALS\tlog:v:p:e\n", "main/u/d log/v/e ", 0},
-              {"old DB_CREDENTIALS=main:u:p:d # comment\n#DB_CREDENTIALS no\n", "main/u/d ", 0},
-              {"db_credentials main:u:p:d\n", "", 0},
-              {"DB_CREDENTIALS main:u:p\nDB_CREDENTIALS log:u:p:d\n", "", -1},
-              {"DB_CREDENTIALS log:u:p:d\nDB_CREDENTIALS", "log/u/d ", -1}};
-  log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
+    std::string text;
+    bool connects;
+  } rows[] = {{"old DB_CREDENTIALS=" + credentials + "# comment\n#DB_CREDENTIALS no\n", true},
+              {"#DB_CREDENTIALS " + credentials + "\n", false},
+              {"db_credentials " + credentials + "\n", false}};
   for (const auto &row : rows) {
-    EXPECT_EQ(read_files(row.text, "DB_MASTER main:h:1\n"), row.status) << row.text;
-    std::string shards;
-    for (const auto &shard : the_sql_pool().shards) {
-      shards += shard->id + "/" + shard->credentials.user + "/" + shard->credentials.database + " ";
-    }
-    EXPECT_EQ(shards, row.shards) << row.text;
+    EXPECT_EQ(read_files(row.text, master), 0) << row.text;
+    EXPECT_EQ(static_cast<bool>(sql_session()), row.connects) << row.text;
   }
 }
 
+TEST_F(SqlSession, CredentialsWithoutAFieldFailTheSetUp) {
+  log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
+  for (const char *bad : {"DB_CREDENTIALS main:u:p\n", "DB_CREDENTIALS"})
+    EXPECT_EQ(read_files("DB_CREDENTIALS " + credentials + "\n" + bad, master), -1) << bad;
+}
+
 TEST_F(SqlSession, EverySlaveDownTimeIsAppliedAndTheLastOneStays) {
-  for (const auto &[text, seconds] : {std::pair("#SLAVE_DOWN_TIME 7\n", 30),
-                                      {"SLAVE_DOWN_TIME 7\nxSLAVE_DOWN_TIME=  9 # for now\n", 9},
-                                      {"SLAVE_DOWN_TIME 7\nSLAVE_DOWN_TIME", 0}}) {
-    EXPECT_EQ(read_files("", std::string("DB_MASTER main:h:1\n") + text), 0) << text;
-    EXPECT_EQ(the_sql_pool().down_time, seconds) << text;
+  const struct {
+    const char *text;
+    size_t attempts;  // of two sessions to reach a slave that is down
+  } rows[] = {{"#SLAVE_DOWN_TIME 0\n", 1},
+              {"SLAVE_DOWN_TIME 7\nxSLAVE_DOWN_TIME=  -1 # for now\n", 2},
+              {"SLAVE_DOWN_TIME 7\nSLAVE_DOWN_TIME", 2}};
+  for (const auto &row : rows) {
+    log.clear();
+    EXPECT_EQ(read_files("DB_CREDENTIALS " + credentials,
+                         master + "DB_SLAVE main:/nowhere:0\n" + row.text),
+              0);
+    for (int i = 0; i < 2; i++) sess_destroy(sess_init());
+    EXPECT_EQ(log.count("Failed to connect to SQL slave"), row.attempts) << row.text;
   }
 }
 
@@ -82,16 +89,53 @@ TEST_F(SqlSession, ThePlatformsFilesGiveSessionsOnTheFirstShard) {
   EXPECT_EQ(sess_init(), nullptr) << "no pool yet";
   qx_sql_pool_init();
   const sql_session session;
+  EXPECT_EQ(sql_text(QX_HERE, session.get(), "SELECT %s()", "DATABASE").get(), box.database());
   sql_result rows;
-  ASSERT_EQ(sql_query(QX_HERE, session.get(), rows, "SELECT %s(), 100%%7", "DATABASE"), 0);
-  const MYSQL_ROW row = mysql_fetch_row(rows.get());
-  EXPECT_EQ(row[0], box.database());
-  EXPECT_STREQ(row[1], "2");
   EXPECT_EQ(sql_query(QX_HERE, session.get(), rows, "DO 0"), 0);
   EXPECT_FALSE(rows);
-  const call_site here = QX_HERE;
-  EXPECT_NE(sql_query(here, session.get(), rows, "bogus"), 0);
-  EXPECT_FALSE(rows);
-  EXPECT_TRUE(log.has("../main/test:TestBody:" + std::to_string(here.line) +
-                      " -MySQL error: You have an error in your SQL syntax"));
 }
+
+// The routines that every module asks the database with; each gives the first column, or null.
+c_string by_query(const call_site &site, SessionHandle session, const char *statement) {
+  const sql_session own(session);
+  sql_result rows;
+  if (!own) log_condition_failed(site);
+  if (!own || sql_query(site, own.get(), rows, "%s", statement) != 0) return nullptr;
+  return column_or_nothing(rows.get());
+}
+c_string by_text(const call_site &site, SessionHandle session, const char *statement) {
+  return sql_text(site, session, "%s", statement);
+}
+c_string by_read_through(const call_site &site, SessionHandle session, const char *statement) {
+  const field_lookup lookup = {
+      .key_format = "k", .field = "f", .statement = statement, .value_of = column_or_nothing};
+  return read_through(site, lookup, lookup_argument(nullptr), session).value;
+}
+
+TEST_F(SqlSession, AFailureIsLoggedInTheNameOfTheCallerAndGivesNothing) {
+  using routine = c_string (*)(const call_site &, SessionHandle, const char *);
+  const call_site here = QX_HERE;
+  const std::string place = std::to_string(here.line);
+  for (const routine ask : {routine(by_query), routine(by_text), routine(by_read_through)}) {
+    qx_sql_pool_init();
+    {
+      const sql_session borrowed;
+      qx_sql_pool_destroy();  // no other session can be had
+      EXPECT_STREQ(ask(here, borrowed.get(), "SELECT 'v'").get(), "v");
+      box.redis({"DEL", "k"});
+      log.clear();
+      EXPECT_EQ(ask(here, borrowed.get(), "bogus"), nullptr);
+      EXPECT_TRUE(log.has("../main/test:TestBody:" + place +
+                          " -MySQL error: You have an error in your SQL syntax"));
+    }
+    EXPECT_EQ(ask(here, nullptr, "SELECT 'v'"), nullptr);
+    EXPECT_TRUE(log.has("../main/test:" + place + ":condition failed")) << "no session";
+    EXPECT_EQ(box.redis({"EXISTS", "k"}), "0");
+  }
+  qx_sql_pool_init();
+  log.clear();
+  EXPECT_EQ(sql_text(here, nullptr, "SELECT NULL"), nullptr);
+  EXPECT_TRUE(log.has(":condition failed")) << "a NULL column is no text";
+}
+
+}  // namespace

@@ -18,8 +18,6 @@ std::string joined(char **array, size_t count) {
   return all;
 }
 
-}  // namespace
-
 TEST(Velkan, KeysFieldsAndValuesHoldAnyBytes) {
   const redis_server server;
   const cache_client client({server.socket()});
@@ -32,26 +30,38 @@ TEST(Velkan, KeysFieldsAndValuesHoldAnyBytes) {
   }
 }
 
-TEST(Velkan, SeveralFieldsAreReadAndWrittenAtOnceAndBothHandlesSeeThem) {
+// The hash "h" with three fields.
+class VelkanHash : public testing::Test {
+ protected:
+  VelkanHash() {
+    EXPECT_EQ(vk_hmset(client.handle(), "h", 1, fields, 3, one, values, lengths, 1), VK_OK);
+  }
+
   const redis_server server;
-  const cache_client client({server.socket()});
-  const char *fields[] = {"b", "a", "c", "none"};
-  const char *values[] = {"2", "", "3"};
-  const size_t one[] = {1, 1, 1, 4}, lengths[] = {1, 0, 1};
-  ASSERT_EQ(vk_hmset(client.handle(), "h", 1, fields, 3, one, values, lengths, 1), VK_OK);
-  size_t count = 0;
+  const cache_client client{{server.socket()}};
+  const char *fields[4] = {"b", "a", "c", "none"};
+  const char *values[3] = {"2", "", "3"};
+  const size_t one[4] = {1, 1, 1, 4}, lengths[3] = {1, 0, 1};
+};
+
+TEST_F(VelkanHash, SeveralFieldsAreReadByBothHandles) {
   for (vk_client_t *handle : {client.handle(), client.handle()->secondary}) {
+    size_t count = 0;
     char **found = nullptr;
     ASSERT_EQ(vk_hmget_whole(handle, "h", 1, fields, 4, one, &found, &count, nullptr, "", 1),
               VK_OK);
     EXPECT_EQ(joined(found, count), "2,,3,-");
   }
+}
+
+TEST_F(VelkanHash, AWindowOfAWholeHashIsRead) {
   const struct {
     int offset, limit;
     const char *fields, *values;
-  } windows[] = {{0, 0, "b,a,c", "2,,3"}, {1, 0, "a,c", ",3"}, {1, 1, "a", ""}, {9, 9, "", ""}};
-  for (const auto &row : windows) {
+  } rows[] = {{0, 0, "b,a,c", "2,,3"}, {1, 0, "a,c", ",3"}, {1, 1, "a", ""}, {9, 9, "", ""}};
+  for (const auto &row : rows) {
     SCOPED_TRACE(testing::Message() << row.offset << " " << row.limit);
+    size_t count = 0;
     char **names = nullptr, **texts = nullptr;
     ASSERT_EQ(vk_hgetall(client.handle(), "h", 1, &count, &names, &texts, row.offset, row.limit),
               VK_OK);
@@ -64,22 +74,18 @@ TEST(Velkan, SeveralFieldsAreReadAndWrittenAtOnceAndBothHandlesSeeThem) {
   }
 }
 
-TEST(Velkan, WhatIsAbsentIsAMissForAFieldAndAnErrorForAWholeHash) {
-  const redis_server server;
-  const cache_client client({server.socket()});
-  ASSERT_EQ(client.set("h", "f", ""), VK_OK);
+TEST_F(VelkanHash, WhatIsAbsentIsAMissForAFieldAndAnErrorForAWholeHash) {
   for (const char *key : {"none", "h"}) {
     optional_text value = "old";
     EXPECT_EQ(client.get(key, "none", value), VK_OK);
     EXPECT_EQ(value, std::nullopt);
   }
   size_t count = 1;
-  char **fields = nullptr, **values = nullptr;
-  EXPECT_EQ(vk_hgetall(client.handle(), "none", 4, &count, &fields, &values, 0, 0),
-            VK_ERR_NOT_FOUND);
-  EXPECT_EQ(vk_hgetall_whole(client.handle(), "none", 4, &count, &values, nullptr, 0, 0, "", 1),
-            VK_ERR_NOT_FOUND);
+  char **names = nullptr, **texts = nullptr;
+  EXPECT_EQ(vk_hgetall(client.handle(), "none", 4, &count, &names, &texts, 0, 0), VK_ERR_NOT_FOUND);
   EXPECT_EQ(count, 0U);
+  EXPECT_EQ(vk_hgetall_whole(client.handle(), "none", 4, &count, &texts, nullptr, 0, 0, "", 1),
+            VK_ERR_NOT_FOUND);
   EXPECT_EQ(vk_exists(client.handle(), "none", 4), 0);
   EXPECT_NE(vk_exists(client.handle(), "h", 1), 0);
 }
@@ -109,3 +115,5 @@ TEST(Velkan, ArgumentsThatCannotBeAreRefused) {
   EXPECT_EQ(vk_select(handle, -1, 0), VK_ERR_ARGUMENT);
   for (const int port : {0, 65536}) EXPECT_EQ(client.add("host", port), VK_ERR_ARGUMENT);
 }
+
+}  // namespace

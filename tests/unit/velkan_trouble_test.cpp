@@ -27,11 +27,10 @@ void follow(const redis_server &replica, const redis_server &master) {
 
 constexpr const char *greeting = "*3\r\n$6\r\nmaster\r\n:0\r\n*0\r\n+OK\r\n";
 
-// How the last text comes: at once, a byte at a time, or 100 ms late, and then each time again.
-enum class manner { at_once, in_drops, late };
+// How the last text comes: at once, or a byte at a time.
+enum class manner { at_once, in_drops };
 
-// A peer that sends one text each time that something comes, whatever that is; then silence. At an
-// empty text it hangs up.
+// A peer that sends one text each time that something comes, whatever that is; then silence.
 class scripted_peer {
  public:
   scripted_peer(const std::vector<std::string> &texts, manner last) : texts_(texts), last_(last) {
@@ -65,13 +64,8 @@ class scripted_peer {
       if (got <= 0) return;
       if (next == texts_.size()) continue;
       const std::string &text = texts_[next++];
-      if (text.empty()) return;
-      const manner how = next == texts_.size() ? last_ : manner::at_once;
-      if (how == manner::late) {
-        std::this_thread::sleep_for(100ms);
-        next--;
-      }
-      const size_t step = how == manner::in_drops ? 1 : text.size();
+      const bool in_drops = next == texts_.size() && last_ == manner::in_drops;
+      const size_t step = in_drops ? 1 : text.size();
       for (size_t at = 0; !stop.stop_requested() && at < text.size(); at += step) {
         if (send(peer.get(), &text[at], step, MSG_NOSIGNAL) < 0) return;
         if (step == 1) std::this_thread::sleep_for(50ms);
@@ -85,8 +79,6 @@ class scripted_peer {
   unique_fd listener_{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   std::jthread thread_;
 };
-
-}  // namespace
 
 TEST(VelkanTrouble, TheKeyIsSentOnEveryConnectAndAWrongOneIsNoServer) {
   redis_server server({.password = "right"});
@@ -111,9 +103,6 @@ TEST(VelkanTrouble, AReplicaIsPassedOverAndAFailOverIsFollowed) {
   ask(second, {"REPLICAOF", "NO", "ONE"});
   follow(first, second);
   EXPECT_EQ(client.set("h", "f", "2"), VK_OK);
-  optional_text value;
-  EXPECT_EQ(client.get("h", "f", value), VK_OK);
-  EXPECT_EQ(value, "2");
 
   // By a crash.
   second.kill_hard();
@@ -129,26 +118,13 @@ TEST(VelkanTrouble, AServerThatHangsDoesNotHideTheNext) {
   EXPECT_LT(seconds_of([&] { EXPECT_EQ(client.set("h", "f", "v"), VK_OK); }), 0.45);
 }
 
-TEST(VelkanTrouble, TwoServersThatAreSlowButInTimeSpendTheOneBudget) {
-  const std::vector<std::string> texts = {greeting, "$1\r\nx\r\n"};
-  const scripted_peer peers[] = {{texts, manner::late}, {texts, manner::late}};
-  const cache_client first({peers[0].path()}), second({peers[1].path()});
-  int answers = 0;
-  const double spent = seconds_of([&] {
-    for (int i = 0; i < 50; i++) {
-      for (const cache_client *client : {&first, &second}) {
-        if (client->get("h", "f") == VK_OK) answers++;
-      }
-    }
-  });
-  EXPECT_NEAR(spent, 2.5, 0.3);
-  EXPECT_GT(answers, 15);
-  EXPECT_EQ(first.get("h", "f"), VK_ERR_DOWN);
-  EXPECT_EQ(second.get("h", "f"), VK_ERR_DOWN);
+TEST(VelkanTrouble, AReplyOfAnotherTypeIsAnError) {
+  const scripted_peer peer({greeting, "*1\r\n$1\r\nx\r\n"}, manner::at_once);
+  EXPECT_EQ(cache_client({peer.path()}).get("h", "f"), VK_ERR_REPLY);
 }
 
-TEST(VelkanTrouble, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
-  signal(SIGPIPE, SIG_DFL);
+// What else such a peer says is the business of the fuzz target cache_reply.
+TEST(VelkanTrouble, APeerThatKeepsItsClientWaitingCostsLittle) {
   const struct {
     const char *name;
     std::vector<std::string> texts;
@@ -156,19 +132,8 @@ TEST(VelkanTrouble, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
     double limit;  // of the first command, in seconds
   } rows[] = {
       {"silence", {}, manner::at_once, 0.7},
-      {"another protocol", {"HTTP/1.1 400 Bad Request\r\n\r\n"}, manner::at_once, 0.2},
-      {"the wrong types", {":1\r\n:1\r\n", ":1\r\n"}, manner::at_once, 0.2},
       {"a text that never comes", {"$2147483647\r\nabc"}, manner::at_once, 0.7},
       {"a greeting in drops", {std::string(greeting) + greeting}, manner::in_drops, 0.7},
-      {"one reply too many",
-       {std::string(greeting) + "$1\r\nx\r\n", "$1\r\ny\r\n"},
-       manner::at_once,
-       0.2},
-      {"a hang-up after the greeting", {greeting, ""}, manner::at_once, 0.2},
-      {"a list after the greeting",
-       {greeting, "*1\r\n$1\r\nx\r\n", "*0\r\n"},
-       manner::at_once,
-       0.2},
       {"a line without an end", {greeting, "+" + std::string(64 << 20, 'x')}, manner::at_once, 0.7},
       {"silence after the greeting", {greeting}, manner::at_once, 2.2},
       {"an answer in drops", {greeting, "$99\r\n" + std::string(200, 'x')}, manner::in_drops, 2.2}};
@@ -177,13 +142,13 @@ TEST(VelkanTrouble, APeerThatIsNoCacheCostsLittleAndNeverAnswers) {
     all.emplace_back([&row] {
       const scripted_peer peer(row.texts, row.last);
       const cache_client client({peer.path()});
-      optional_text value;
-      EXPECT_LT(seconds_of([&] { EXPECT_NE(client.get("h", "f", value), VK_OK) << row.name; }),
-                row.limit)
-          << row.name;
-      EXPECT_EQ(value, std::nullopt) << row.name;
-      EXPECT_LT(seconds_of([&] { EXPECT_NE(client.get("h", "f"), VK_OK) << row.name; }), 0.15)
-          << row.name << ": it was asked again at once";
+      const auto seconds_of_one = [&] {
+        return seconds_of([&] { EXPECT_NE(client.get("h", "f"), VK_OK) << row.name; });
+      };
+      EXPECT_LT(seconds_of_one(), row.limit) << row.name;
+      EXPECT_LT(seconds_of_one(), 0.15) << row.name << ": it was asked again at once";
     });
   }
 }
+
+}  // namespace

@@ -2,11 +2,11 @@
 // and what each lookup does differently.
 #include <gtest/gtest.h>
 
-#include <sstream>
+#include <array>
 #include <tuple>
 
 #include <spoolcap/zarn_extension.h>
-#include "tests/unit/lookup_fixture.h"
+#include "tests/support/platform_test.h"
 
 namespace {
 
@@ -16,9 +16,9 @@ const char number[] = "0002*101", absent_number[] = "0002*100";
 const char info[] = "res:inf:ext:0002*101", prefs[] = "res:po:ext:0002*101";
 const char sip[] = "res:sip:ext:0002*101", sip_session[] = "rtl:sipses:ext:0002*101";
 
-class Extension : public lookup_test {
+class Extension : public platform_test {
  protected:
-  Extension() : lookup_test("../main/zarn_extension") {
+  Extension() : platform_test("../main/zarn_extension") {
     box.add_reseller(1, "reseller");
     box.add_client(2, 1, "client");
     box.add_owner(3, 2, "owner");
@@ -33,124 +33,97 @@ class Extension : public lookup_test {
 TEST_F(Extension, FullNumberIsFoundByShortNumberAndParent) {
   const struct {
     const char *parent, *number;
-    std::optional<std::string> expected;
-  } rows[] = {
-      {"2", "101", "0002*101"},       {"1", "101", std::nullopt},
-      {"2", "102", std::nullopt},     {"", "101", std::nullopt},
-      {nullptr, "101", std::nullopt}, {"2", "x' OR extension.number='101", "0002*101"},
-      {"2", nullptr, std::nullopt},   {"2", "100", std::nullopt},
-  };
+    text expected;
+  } rows[] = {{"2", "101", "0002*101"},       {"1", "101", std::nullopt},
+              {"2", "102", std::nullopt},     {"2", "x' OR extension.number='101", "0002*101"},
+              {nullptr, "101", std::nullopt}, {"2", nullptr, std::nullopt}};
   for (const auto &row : rows) {
-    EXPECT_EQ(row.expected, taken(qx_get_full_number(row.parent, row.number)));
-    EXPECT_EQ(row.expected, taken(qx_get_full_number_sess(nullptr, row.parent, row.number)));
+    EXPECT_EQ(taken(qx_get_full_number(row.parent, row.number)), row.expected);
+    EXPECT_EQ(taken(qx_get_full_number_sess(nullptr, row.parent, row.number)), row.expected);
   }
-  EXPECT_EQ(texts{}, told());
-}
-
-TEST_F(Extension, NullColumnAndFailedStatementAreTold) {
-  const SessionHandle session = sess_init();
-  box.sql("ALTER TABLE extension MODIFY extended_number VARCHAR(40) NULL");
-  box.sql("UPDATE extension SET extended_number=NULL");
-  EXPECT_EQ(std::nullopt, taken(qx_get_full_number_sess(session, "2", "101")));
-  EXPECT_EQ(texts{"condition failed"}, told());
-
-  box.sql("ALTER TABLE extension DROP COLUMN extended_number");
-  EXPECT_EQ(std::nullopt, taken(qx_get_full_number_sess(session, "2", "101")));
-  const texts lines = told();
-  ASSERT_EQ(1U, lines.size());
-  EXPECT_TRUE(lines[0].starts_with("../main/zarn_extension:qx_get_full_number_sess:" +
-                                   std::to_string(last_line.line) + " -MySQL error: "))
-      << lines[0];
-  sess_destroy(session);
-}
-
-TEST_F(Extension, WithoutADatabaseThereIsNoFullNumber) {
-  qx_sql_pool_destroy();
-  EXPECT_EQ(std::nullopt, taken(qx_get_full_number("2", "101")));
-  EXPECT_EQ(std::nullopt, taken(qx_get_full_number_sess(nullptr, "2", "101")));
-  EXPECT_EQ((texts{"condition failed", "condition failed"}), told());
+  EXPECT_EQ(told(), texts{});
 }
 
 TEST_F(Extension, NumberIsSplitByTheLengthAndSeparatorInForce) {
-  const char *const rows[][4] = {
-      {"3", "'*'", "0003*101", "0003 101"},
-      {"3", "'*'", "1*101", "1 101"},
-      {"3", "'*'", "0003-101", ""},
-      {"3", "'*'", "*101", ""},
-      {"3", "'*'", nullptr, ""},
-      {"3", "NULL", "0003*101", ""},
-      {"NULL", "'*'", "0003*101", ""},
-      {"-5", "''", "0003*101", ""},
-      {"0", "'*'", "0003*", "0003 "},
-      {"2", "'\xC3\xA9'", "3\xC3_1", "3 _1"},
-  };
-  for (const auto &[length, separator, of, parts] : rows) {
+  const struct {
+    const char *length, *separator, *number, *parts;
+  } rows[] = {{"3", "'*'", "1*101", "1 101"},
+              {"3", "'*'", "0003-101", ""},
+              {"3", "'*'", "*101", ""},
+              {"3", "'*'", nullptr, ""},
+              {"3", "NULL", "0003*101", ""},
+              {"NULL", "'*'", "0003*101", ""},
+              {"-5", "''", "0003*101", ""},
+              {"0", "'*'", "0003*", "0003 "},
+              {"2", "'\xC3\xA9'", "3\xC3_1", "3 _1"}};
+  for (const auto &row : rows) {
     box.redis({"DEL", "system:pbx"});
-    box.sql(std::string("UPDATE misc SET value=IF(param='ext_length',") + length + "," + separator +
-            ")");
+    box.sql(std::string("UPDATE misc SET value=IF(param='ext_length',") + row.length + "," +
+            row.separator + ")");
     char *owner = nullptr, *shorter = nullptr;
-    const int status = qx_split_full_number(of, &owner, &shorter);
+    const int status = qx_split_full_number(row.number, &owner, &shorter);
     const c_string owned[] = {c_string(owner), c_string(shorter)};
-    EXPECT_EQ(parts, status == 0 ? std::string(owner) + " " + shorter : "") << length << separator;
+    EXPECT_EQ(status == 0 ? std::string(owner) + " " + shorter : "", row.parts)
+        << row.length << row.separator;
   }
 }
+
+// Each id as it was asked for, -1 for unknown, 7 for not asked.
+std::array<int, 3> ids_of(const char *of, bool with_organisation = true) {
+  std::array<int, 3> id = {7, 7, 7};
+  qx_get_extension_ids(of, &id[0], &id[1], with_organisation ? &id[2] : nullptr);
+  return id;
+}
+using ids = std::array<int, 3>;
 
 TEST_F(Extension, IdsAreCachedAsFarAsTheyWereRead) {
-  const auto ids = [](const char *of, bool with_organisation = true) {
-    int id[3] = {7, 7, 7};
-    qx_get_extension_ids(of, &id[0], &id[1], with_organisation ? &id[2] : nullptr);
-    return std::to_string(id[0]) + " " + std::to_string(id[1]) + " " + std::to_string(id[2]);
-  };
-  EXPECT_EQ("-1 -1 -1", ids(absent_number));
-  EXPECT_EQ("-1 -1 -1", ids("0002*102")) << "with a user that is not there";
-  EXPECT_EQ(-1, qx_get_extension_id(absent_number));
-  EXPECT_EQ("0", box.redis({"DBSIZE"}));
   cache(info, "extid", "99");
-  EXPECT_EQ("11 3 7", ids(number, false)) << "half an answer of the cache is none";
-  EXPECT_EQ("2", box.redis({"HLEN", info}));
-  EXPECT_EQ(2, qx_get_extension_owner(number));
-  EXPECT_EQ("3", box.redis({"HLEN", info}));
+  EXPECT_EQ(ids_of(number, false), (ids{11, 3, 7})) << "half an answer of the cache is none";
+  EXPECT_EQ(box.redis({"HLEN", info}), "2");
+  EXPECT_EQ(qx_get_extension_owner(number), 2);
+  EXPECT_EQ(box.redis({"HLEN", info}), "3");
   box.sql("UPDATE extension SET client_id=NULL");
-  EXPECT_EQ("11 3 2", ids(number)) << "all are cached";
-
-  box.redis({"DEL", info});
-  EXPECT_EQ("-1 -1 7", ids(number, false)) << "without a user";
-  EXPECT_EQ("0", box.redis({"DBSIZE"}));
-  box.sql("UPDATE extension SET client_id=3, extended_number='0002*\\'\"\\\\1' WHERE id=11");
-  box.sql("UPDATE client SET parent_client_id=NULL");
-  EXPECT_EQ("11 3 -1", ids("0002*'\"\\1")) << "escaped; without an organisation";
+  EXPECT_EQ(ids_of(number), (ids{11, 3, 2})) << "all are cached";
 }
 
-TEST_F(Extension, PreferencesAndParametersHaveTheirPlacesInTheCache) {
-  for (const char *row :
-       {"res:po:ext:0002*101 call_waiting cw chat_status cst conf conf conf_size confs dir dir dnd "
-        "dnd dnd_sound dndso dnd_sound_active dndsa encryption enc fax fx fax_active fxa "
-        "fax_attach fxatt fax_autoans_time fxat fax_redirect_to_voicemail fxrv hotdesk hdsk "
-        "no_answer noans rec rec record_always recal record_sound_active recsa voicemail vm "
-        "voicemail_active vma voicemail_autoans_time vmat",
-        "res:cb:ext:0002*101 callreturn crt", "res:cc:ext:0002*101 credit_limit clim",
-        "system:pbx avgcall acd billing_disabled chst currency cur diagnostic_passwd dp "
-        "elocal_calls_cost ecc ext_length extlen ext_separator extsep language pln "
-        "local_calls_cost lcc snd_currency sndc text2speach t2s"}) {
-    std::istringstream words(row);
-    std::string key, name, field;
-    for (words >> key; words >> name >> field;) {
-      const bool of_system = key == "system:pbx";
-      std::string statement =
-          of_system ? "REPLACE misc SELECT p" : "REPLACE extension_prefs SELECT 11, p";
-      statement.append(", CONCAT('of ', p) FROM (SELECT '").append(name).append("' p) named");
-      box.sql(statement);
-      EXPECT_EQ("of " + name, of_system ? taken(qx_misc_get_param(name.c_str()))
-                                        : taken(qx_extension_get_pref(number, name.c_str())));
-      EXPECT_EQ("of " + name, cached(key, field));
-      for (const char *of : {absent_number, "0002*102"}) {
-        EXPECT_EQ(std::nullopt, taken(qx_extension_get_pref(of, name.c_str()))) << name;
-      }
-    }
+TEST_F(Extension, IdsOfAnExtensionThatIsNotWholeAreUnknownAndNotCached) {
+  EXPECT_EQ(ids_of(absent_number), (ids{-1, -1, -1}));
+  EXPECT_EQ(ids_of("0002*102"), (ids{-1, -1, -1})) << "with a user that is not there";
+  EXPECT_EQ(qx_get_extension_id(absent_number), -1);
+  box.sql("UPDATE extension SET client_id=NULL WHERE id=11");
+  EXPECT_EQ(ids_of(number, false), (ids{-1, -1, 7})) << "without a user";
+  EXPECT_EQ(box.redis({"DBSIZE"}), "0");
+  box.sql("UPDATE extension SET client_id=3, extended_number='0002*\\'\"\\\\1' WHERE id=11");
+  box.sql("UPDATE client SET parent_client_id=NULL");
+  EXPECT_EQ(ids_of("0002*'\"\\1"), (ids{11, 3, -1})) << "escaped; without an organisation";
+}
+
+TEST_F(Extension, PreferencesHaveTheirPlacesInTheCache) {
+  const struct {
+    const char *name, *key, *field;
+  } rows[] = {{"call_waiting", prefs, "cw"},
+              {"credit_limit", "res:cc:ext:0002*101", "clim"},
+              {"voicemail_autoans_time", prefs, "vmat"}};
+  for (const auto &row : rows) {
+    box.sql("INSERT extension_prefs VALUES(11,'" + std::string(row.name) + "','of it')");
+    EXPECT_EQ(taken(qx_extension_get_pref(number, row.name)), "of it");
+    EXPECT_EQ(cached(row.key, row.field), "of it");
+    EXPECT_EQ(taken(qx_extension_get_pref(absent_number, row.name)), std::nullopt);
+    EXPECT_EQ(taken(qx_extension_get_pref("0002*102", row.name)), std::nullopt);
   }
-  EXPECT_EQ(0, qx_billing_disabled());
+}
+
+TEST_F(Extension, ParametersOfTheSystemHaveTheirPlacesInTheCache) {
+  const std::pair<const char *, const char *> rows[] = {
+      {"avgcall", "acd"}, {"billing_disabled", "chst"}, {"text2speach", "t2s"}};
+  for (const auto &[name, field] : rows) {
+    box.sql("INSERT misc VALUES('" + std::string(name) + "','of it')");
+    EXPECT_EQ(taken(qx_misc_get_param(name)), "of it");
+    EXPECT_EQ(cached("system:pbx", field), "of it") << name;
+  }
+  EXPECT_EQ(qx_billing_disabled(), 0);
   cache("system:pbx", "chst", "1");
-  EXPECT_EQ(1, qx_billing_disabled());
+  EXPECT_EQ(qx_billing_disabled(), 1);
 }
 
 // Each asks by the number or by the id, whichever it takes.
@@ -188,20 +161,23 @@ TEST_F(Extension, AnswersAndNegativeAnswersAreCachedAsEachLookupDoes) {
       {multi, "REPLACE client_prefs VALUES(3,'multi_user','1')", "1", prefs, "mu", "1", "1"},
   };
   for (const auto &[ask, sql, first, key, field, written, later] : rows) {
+    SCOPED_TRACE(sql);
     box.redis({"FLUSHDB"});
     if (written == "_NR_") cache(key, "other", "so that a marker may be written");
     box.sql(sql);
-    EXPECT_EQ(first, ask(number, 11)) << sql;
-    EXPECT_EQ(written, cached(key, field)) << sql;
-    EXPECT_EQ(later, ask(number, 11)) << sql;
+    EXPECT_EQ(ask(number, 11), first);
+    EXPECT_EQ(cached(key, field), written);
+    EXPECT_EQ(ask(number, 11), later);
     const text nobody = key == info ? text("-1") : key == sip || field == "mu" ? text("0") : none;
-    EXPECT_EQ(nobody, ask(absent_number, 12)) << sql;
-    EXPECT_EQ(nobody, ask("0002*102", 10)) << sql;
+    EXPECT_EQ(ask(absent_number, 12), nobody);
+    EXPECT_EQ(ask("0002*102", 10), nobody);
   }
-  for (int value = 0; str name : {"term", "queue", "ivr", "voicecenter", "conference", "callback",
-                                  "callcard", "intercom", "queuecenter"}) {
+}
+
+TEST_F(Extension, TypesAreNumberedByTheirNames) {
+  for (const auto &[name, value] : {std::pair("term", 0), {"conference", 4}, {"queuecenter", 8}}) {
     cache(info, "typ", name);
-    EXPECT_EQ(value++, qx_get_extension_type(number)) << name;
+    EXPECT_EQ(qx_get_extension_type(number), value) << name;
   }
 }
 
@@ -210,37 +186,47 @@ TEST_F(Extension, ScreeningComesFromTheProcedureOnceAndFromTheCacheLater) {
   char *behaviour, *allowed, *denied;
   for (int round = 0; round < 2; ++round) {
     ASSERT_EQ(0, qx_screening_get_behaviour(number, &behaviour, &allowed, &denied));
-    EXPECT_EQ((values{"deny", "100,200", "300"}),
-              (values{taken(behaviour), taken(allowed), taken(denied)}));
-    EXPECT_EQ(3, qx_get_extension_usrid_from_extid(11)) << "on the connection of the call";
-    EXPECT_EQ(-1, qx_get_extension_usrid_from_extid(9));
+    EXPECT_EQ(taken(behaviour), "deny");
+    EXPECT_EQ(taken(allowed), "100,200");
+    EXPECT_EQ(taken(denied), "300");
+    EXPECT_EQ(qx_get_extension_usrid_from_extid(11), 3) << "on the connection of the call";
+    EXPECT_EQ(qx_get_extension_usrid_from_extid(9), -1);
     box.sql("DELETE FROM screening");
   }
-  EXPECT_EQ(1U, log.count("searching for screening params in database ..."));
-  EXPECT_EQ(-1, qx_screening_get_behaviour(absent_number, &behaviour, nullptr, &denied));
-  EXPECT_EQ(nullptr, behaviour);
+  EXPECT_EQ(log.count("searching for screening params in database ..."), 1U);
+  EXPECT_EQ(qx_screening_get_behaviour(absent_number, &behaviour, nullptr, &denied), -1);
+  EXPECT_EQ(behaviour, nullptr);
 }
 
-TEST_F(Extension, ExistsWhenIndexedAndExpiresUnlessItsSessionLastsAndIsReachable) {
-  EXPECT_EQ(1, qx_extension_expired(number));
-  EXPECT_EQ(0, qx_extension_exists(number));
+TEST_F(Extension, ExistsWhenIndexed) {
+  EXPECT_EQ(qx_extension_exists(number), 0);
   cache("res:ind:2:ext", "101", "11");
-  EXPECT_EQ(1, qx_extension_exists(number));
+  EXPECT_EQ(qx_extension_exists(number), 1);
+}
+
+TEST_F(Extension, ExpiresUnlessItsSessionLastsAndIsReachable) {
+  EXPECT_EQ(qx_extension_expired(number), 1);
   cache("res:ind:vext", "900", number);
-  const std::tuple<const char *, const char *, int> rows[] = {
-      {"2999-01-01 00:00:00", "yes", 0}, {"'2999-01-01 00:00:00'", "yes,udp", 0},
-      {"2999-01-01 00:00:00", "ye", 1},  {"2999-01-01 00:00:00", "no", 1},
-      {"2001-01-01 00:00:00", "yes", 1}, {"'2999-01-01 00:00:00", "yes", 1},
-  };
-  for (const auto &[expires, reachable, expected] : rows) {
-    box.redis({"HSET", sip_session, "expires", expires, "rch", reachable});
-    EXPECT_EQ(expected, qx_extension_expired(number)) << expires << reachable;
-    EXPECT_EQ(expected, qx_extension_expired("900")) << "as the number behind it";
+  const struct {
+    const char *expires, *reachable;
+    int expected;
+  } rows[] = {{"2999-01-01 00:00:00", "yes", 0},
+              {"'2999-01-01 00:00:00'", "yes,udp", 0},
+              {"2999-01-01 00:00:00", "ye", 1},
+              {"2001-01-01 00:00:00", "yes", 1},
+              {"'2999-01-01 00:00:00", "yes", 1}};
+  for (const auto &row : rows) {
+    box.redis({"HSET", sip_session, "expires", row.expires, "rch", row.reachable});
+    EXPECT_EQ(qx_extension_expired(number), row.expected) << row.expires << row.reachable;
+    EXPECT_EQ(qx_extension_expired("900"), row.expected) << "as the number behind it";
   }
+}
+
+TEST(CachedTime, IsInUtc) {
   setenv("TZ", "America/New_York", 1);
   time_t time = 0;
-  EXPECT_EQ(0, redis_str2time("2024-07-29 12:00:00", &time));
-  EXPECT_EQ(1722254400, time) << "in UTC";
+  EXPECT_EQ(redis_str2time("2024-07-29 12:00:00", &time), 0);
+  EXPECT_EQ(time, 1722254400);
 }
 
 TEST_F(Extension, AccountsBelowAnAccountAreThoseThatOwnExtensions) {
@@ -248,15 +234,21 @@ TEST_F(Extension, AccountsBelowAnAccountAreThoseThatOwnExtensions) {
   box.add_client(4, 1, "other client");
   box.add_owner(5, 4, "other owner");
   box.add_reseller(6, "reseller without clients");
-  const std::tuple<int, int, std::string> rows[] = {{9, 0, "3 5 8 "},     {9, 1, "1 6 2 4 3 5 8 "},
-                                                    {1, 0, "3 8 5 "},     {2, 1, "3 8 "},
-                                                    {1, 1, "2 4 3 8 5 "}, {3, 0, "3 "},
-                                                    {6, 1, ""},           {77, 0, "NULL"}};
-  for (const auto &[account, flag, expected] : rows) {
-    const std::unique_ptr<int, call_to_release<std::free>> ids(qx_get_extensions_of(account, flag));
-    std::string found = ids ? "" : "NULL";
-    for (const int *id = ids.get(); id && *id != -1; ++id) found += std::to_string(*id) + " ";
-    EXPECT_EQ(expected, found) << account << " " << flag;
+  using list = std::vector<int>;
+  const struct {
+    int account, flag;
+    std::optional<list> expected;
+  } rows[] = {{9, 0, list{3, 5, 8}}, {9, 1, list{1, 6, 2, 4, 3, 5, 8}},
+              {1, 0, list{3, 8, 5}}, {1, 1, list{2, 4, 3, 8, 5}},
+              {3, 0, list{3}},       {6, 1, list{}},
+              {77, 0, std::nullopt}};
+  for (const auto &row : rows) {
+    const std::unique_ptr<int, call_to_release<std::free>> found(
+        qx_get_extensions_of(row.account, row.flag));
+    std::optional<list> accounts;
+    if (found) accounts.emplace();
+    for (const int *id = found.get(); id != nullptr && *id != -1; ++id) accounts->push_back(*id);
+    EXPECT_EQ(accounts, row.expected) << row.account << " " << row.flag;
   }
 }
 
