@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,12 +37,14 @@ void watch_output() {
     // Gets this very number, the lowest free one. Writing to standard output then still fails.
     [[maybe_unused]] const int taken = open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
+  // A reader that went away is an error to be told like any other, and no reason to die silently.
+  signal(SIGPIPE, SIG_IGN);
   atexit(tell_lost_output);
 }
 
 bool has_lost_output() {
   if (ferror(stdout) == 0) return false;
-  if (first_error == 0) first_error = errno;
+  if (first_error == 0) first_error = errno != 0 ? errno : EIO;
   return true;
 }
 

@@ -8,7 +8,8 @@
 // exit status stays.
 void watch_output();
 
-// Whether something could not be written by now; the rest of a report is then of no use.
+// Whether something could not be written by now; ask right after writing, as the reason is in
+// errno. If so, the rest of a report is then of no use.
 bool has_lost_output();
 
 // Prints a login as the database has it. On a terminal, which is taken to speak UTF-8, each byte of

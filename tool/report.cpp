@@ -94,15 +94,16 @@ int show_all_accounts(SessionHandle session) {
   }
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     if (is_empty(row[0]) || is_empty(row[1])) continue;
-    if (has_lost_output()) break;
     print_start(row[1]);
     printf(" (with id: %s)\t", row[0]);
+    if (has_lost_output()) break;
     int64_t quotas[QUOTA_ALL_KINDS];
     if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
       puts(no_quota);
     } else {
       print_quotas(quotas);
     }
+    if (has_lost_output()) break;
   }
   return 0;
 }
@@ -111,6 +112,7 @@ void show_target(int32_t id, const target_record &target) {
   if (has_lost_output()) return;
   print_start(target.login);
   printf(" (with id: %d)\t\t", id);
+  if (has_lost_output()) return;
   int64_t quotas[QUOTA_ALL_KINDS];
   switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
     case -1:
@@ -122,6 +124,7 @@ void show_target(int32_t id, const target_record &target) {
     default:
       print_quotas(quotas);
   }
+  has_lost_output();
 }
 
 }  // namespace

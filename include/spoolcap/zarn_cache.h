@@ -1,9 +1,9 @@
 /* The read-through layer between the platform's lookups and its two stores, the distributed cache
  * and the database.
  *
- * A lookup reads a field of a cache hash. On a miss it asks the database and writes the answer back.
- * A missing row and a NULL column are written as markers, so that negative answers are cached too.
- * Cache trouble never stops a lookup: a failed read is a miss, a failed write is only logged.
+ * A lookup reads a field of a cache hash. On a miss it asks the database and writes the answer
+ * back. A missing row and a NULL column are written as markers, so that negative answers are cached
+ * too. Cache trouble never stops a lookup: a failed read is a miss, a failed write is only logged.
  *
  * A key is the text that its printf format makes. Values hold any bytes but NUL. Returned strings
  * and arrays are malloc'ed and the caller's. The cache client is created at the first use and kept;

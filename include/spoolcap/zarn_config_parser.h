@@ -7,8 +7,8 @@
  *   line ends at its first "#"; lines of up to 255 bytes.
  * Longer lines are read in pieces that count as lines. Values are trimmed of white space.
  *
- * Results are 0 for success, -1 for failure, out of memory included. Strings handed out are malloc'ed and the
- * caller's. No state is kept between calls: safe from several threads. */
+ * Results are 0 for success, -1 for failure, out of memory included. Strings handed out are
+ * malloc'ed and the caller's. No state is kept between calls: safe from several threads. */
 #ifndef SPOOLCAP_ZARN_CONFIG_PARSER_H
 #define SPOOLCAP_ZARN_CONFIG_PARSER_H
 

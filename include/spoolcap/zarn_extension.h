@@ -134,14 +134,15 @@ int qx_extension_expired(const char *full_number);
  * 0; -1 when no behaviour is known, for which no list applies, and all outs are NULL.
  *
  * get_screening_prefs (full number) gives one row: behaviour, allow list, deny list, the lists
- * joined with ",". The cache holds a list as a hash with a field and an equal value for each number:
- * "res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied. A program that changes the lists in the
- * database must delete both hashes and the field "scrb"; otherwise removed numbers stay in them. */
+ * joined with ",". The cache holds a list as a hash with a field and an equal value for each
+ * number: "res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied. A program that changes the lists
+ * in the database must delete both hashes and the field "scrb"; otherwise removed numbers stay in
+ * them. */
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied);
 
-/* Parses a UTC time as the cache has it, "2024-02-29 12:00:00", with or without single quotes. 0; or
- * -1 for any other text and for NULL, and the out is not touched. */
+/* Parses a UTC time as the cache has it, "2024-02-29 12:00:00", with or without single quotes. 0;
+ * or -1 for any other text and for NULL, and the out is not touched. */
 int redis_str2time(const char *text, time_t *time);
 
 SPOOLCAP_END_DECLARATIONS
