@@ -103,7 +103,7 @@ TEST_F(Run, OutputThatIsNotWrittenWholeIsTold) {
       {"$spoolcap -A show -u 12 >&-", "Bad file descriptor"},
       {"$spoolcap --help <&- >&-", "Bad file descriptor"},
       // Writes on until the reader has gone.
-      {"{ while echo 2> /dev/null; do :; done; $spoolcap -A show -a; } | true", "Broken pipe"}};
+      {"{ (while echo 2> /dev/null; do :; done); $spoolcap -A show -a; } | true", "Broken pipe"}};
   for (const auto &row : rows) {
     const support::process_result result = shell(row.command);
     EXPECT_EQ(result.err,
