@@ -50,18 +50,20 @@ void allocate_records(qx_db_file_list_t &list, uint64_t count) {
 // logged as a failed condition.
 template <class Fill>
 int64_t fill_list(const call_site &site, qx_db_file_list_t **list, Fill &&fill) {
-  if (*list == nullptr)
+  if (*list == nullptr) {
     *list = static_cast<qx_db_file_list_t *>(std::calloc(1, sizeof(qx_db_file_list_t)));
-  else
+  } else {
     qx_reset_db_files(*list);
+  }
   bool filled = false;
   try {
     if (*list == nullptr) throw std::bad_alloc();
     const sql_session session;
-    if (session)
+    if (session) {
       filled = fill(session.get(), **list);
-    else
+    } else {
       log_condition_failed(site);
+    }
   } catch (...) {
     log_condition_failed(site);
   }
@@ -106,8 +108,9 @@ int64_t qx_list_db_files(const char *table, int extension_id, const char *folder
     const media_rows columns = rows_of_table(table);
     sql_result rows;
     if (sql_query(here, session, rows, list_statement, columns.extension, columns.filename, table,
-                  extension_id, suffix_of(folder, order_by).c_str()) != 0)
+                  extension_id, suffix_of(folder, order_by).c_str()) != 0) {
       return false;
+    }
     if (!is_result(here, rows)) return false;
     allocate_records(files, mysql_num_rows(rows.get()));
     for (uint64_t i = 0; i < files.count; ++i) {
@@ -134,8 +137,9 @@ int64_t qx_parse_db_files(const char *table, const char *names, qx_db_file_list_
     if (files.count == 0) return true;
     const std::string ids = read_names(text, files);
     sql_result rows;
-    if (sql_query(here, session, rows, parse_statement, table, ids.c_str(), ids.c_str()) != 0)
+    if (sql_query(here, session, rows, parse_statement, table, ids.c_str(), ids.c_str()) != 0) {
       return false;
+    }
     if (!is_result(here, rows)) return false;
     // The statement takes the ids as they stand in the text, so it may give any number of rows.
     for (uint64_t i = 0; i < files.count; ++i) {

@@ -153,8 +153,9 @@ unique_fd descend(std::string path, const owner *whose) {
     const char *name = path.data() + start;
     unique_fd next = end <= followed ? unique_fd(::openat(folder.get(), name, folder_flags))
                                      : open_entry(folder.get(), name, folder_flags);
-    if (!next && errno == ENOENT && whose != nullptr)
+    if (!next && errno == ENOENT && whose != nullptr) {
       next = make_folder(folder.get(), name, *whose);
+    }
     if (!next && errno == ELOOP && end > followed) refuse(path.c_str());
     if (end < path.size()) path[end] = '/';
     if (next && end >= followed) hand_over_folder(next.get());

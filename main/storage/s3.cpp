@@ -53,10 +53,11 @@ void finish_download(void *cookie, int status, const char *path) {
   session->temporary.remove();
   const qx_storage_api_t &service = *session->made_with.service;
   if (void *request = session->s3.request.done()) service.release(service.context, request);
-  if (kept)
+  if (kept) {
     session->finish(QX_STORAGE_READY, std::move(session->s3.cache_path));
-  else
+  } else {
     session->finish(QX_STORAGE_FAILED, "");
+  }
 }
 
 bool start_download(qx_storage_session &session, const char *name, const char *extra) {

@@ -44,8 +44,9 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
   if (!session) return nullptr;
   session->first_id = first_id;
   session->second_id = second_id;
-  if (extension != nullptr)
+  if (extension != nullptr) {
     session->extension.assign(extension, strnlen(extension, longest_extension));
+  }
   session->engine = &session->engine->choose(site, session->made_with);
   if (!session->engine->prepare(site, *session) || !take_location(site, *session)) return nullptr;
   return session;
@@ -77,8 +78,9 @@ int delete_file(const call_site &site, int type, const char *name, const char *e
                 const char *location) {
   const storage_engine *const engine = engine_of(engine_word);
   // What has no name or place in the object store was never there.
-  if (engine != nullptr && engine->needs_location && (name == nullptr || location == nullptr))
+  if (engine != nullptr && engine->needs_location && (name == nullptr || location == nullptr)) {
     return 0;
+  }
   const auto config = take_snapshot().config;
   if (engine == nullptr || config == nullptr) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Could not remove file [%s]: %s.\n\n",

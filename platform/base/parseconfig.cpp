@@ -36,8 +36,9 @@ int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t co
   while (const auto line = lines.next()) {
     const directive found = split_line(*line);
     for (size_t i = 0; i < count; ++i) {
-      if (!found.keyword.empty() && found.keyword == entries[i].keyword)
+      if (!found.keyword.empty() && found.keyword == entries[i].keyword) {
         *entries[i].value = found.value;
+      }
     }
   }
   return lines.failed() ? -1 : 0;

@@ -52,8 +52,9 @@ TEST_F(Threads, UpdatesOfOneTreeAddUp) {
     }
   });
   EXPECT_EQ(::umask(before), 022U) << "is the caller's again";
-  for (const char *file : {"1/fax", "1/2/fax"})
+  for (const char *file : {"1/fax", "1/2/fax"}) {
     EXPECT_EQ(box.read_file(box.quota_path(file)), "20000.200");
+  }
 }
 
 TEST_F(Threads, LookupsAnswerForTheAccountThatTheirThreadAskedFor) {

@@ -26,8 +26,9 @@ TEST(Hash, KeepsKeysInTheOrderOfTheirFirstAddition) {
   const std::unique_ptr<fr_array_t, call_to_release<fr_array_free>> keys(
       fr_hash_getkeys(table.get()));
   std::vector<int> found;
-  for (size_t i = 0; i < fr_array_length(keys.get()); ++i)
+  for (size_t i = 0; i < fr_array_length(keys.get()); ++i) {
     found.push_back(*static_cast<const int *>(fr_array_get(keys.get(), i)));
+  }
   EXPECT_EQ(found, added);
   EXPECT_EQ(fr_array_get(keys.get(), added.size()), nullptr);
   EXPECT_EQ(*fr_hash_find<int>(table.get(), 5), -5);
@@ -39,8 +40,9 @@ TEST(Hash, TellsKeysApartByAllTheirBytesAndDestroysWhatItHeld) {
     destroyed.emplace_back(static_cast<char *>(value));
     return 0;
   }));
-  for (const char *value : {"first", "new"})
+  for (const char *value : {"first", "new"}) {
     ASSERT_EQ(fr_hash_force_add(table.get(), "a\0b", 3, value, strlen(value) + 1), 0);
+  }
   EXPECT_EQ(destroyed, strings{"first"});
   EXPECT_EQ(fr_hash_find(table.get(), "a\0c", 3), nullptr);
   EXPECT_EQ(fr_hash_find(table.get(), "a\0b", 2), nullptr);
@@ -105,8 +107,9 @@ TEST(BaseText, Base64IsStandardPaddedAndInOneLine) {
       {"fo", "Zm8="},
       {{"\0\xff\xfe", 3}, "AP/+"},
       {large, string((large.size() - 1) / 3 * 4, 'A') + "AA=="}};
-  for (const auto &[data, expected] : rows)
+  for (const auto &[data, expected] : rows) {
     EXPECT_EQ(c_string(base64_enc_str(data.data(), data.size())).get(), expected);
+  }
 }
 
 TEST(SafeStr, CountsNulBytesBeforeItsEnd) {
@@ -134,8 +137,9 @@ TEST(Parseconfig, TakesEveryFormOfALine) {
     EXPECT_EQ(parseconfig(box.path("paths.conf").c_str(), entries, 1), 0) << row.content;
     EXPECT_EQ(value, row.expected) << row.content;
   }
-  for (const char *unreadable : {"/nonexistent/paths.conf", "/"})
+  for (const char *unreadable : {"/nonexistent/paths.conf", "/"}) {
     EXPECT_EQ(parseconfig(unreadable, entries, 1), -1) << unreadable;
+  }
 }
 
 }  // namespace

@@ -42,8 +42,9 @@ TEST_F(SqlSession, CredentialsAreTakenFromAnywhereInALineUpToItsFirstHash) {
 
 TEST_F(SqlSession, CredentialsWithoutAFieldFailTheSetUp) {
   log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
-  for (const char *bad : {"DB_CREDENTIALS main:u:p\n", "DB_CREDENTIALS"})
+  for (const char *bad : {"DB_CREDENTIALS main:u:p\n", "DB_CREDENTIALS"}) {
     EXPECT_EQ(read_files("DB_CREDENTIALS " + credentials + "\n" + bad, master), -1) << bad;
+  }
 }
 
 TEST_F(SqlSession, EverySlaveDownTimeIsAppliedAndTheLastOneStays) {

@@ -191,8 +191,9 @@ TEST(Files, AFolderIsInsideAnotherByTheTextOfItsRealPath) {
   for (const char *name : {"a", "ab", "c"}) box.make_folder(name);
   std::filesystem::create_symlink(box.path("a"), box.path("c/link"));
   for (const auto &[path, expected] :
-       {std::pair("a/none", 0), {"c", 0}, {"c/link", 1}, {"ab", 1}, {"a", 1}})
+       {std::pair("a/none", 0), {"c", 0}, {"c/link", 1}, {"ab", 1}, {"a", 1}}) {
     EXPECT_EQ(check_subdir_of(box.path(path).c_str(), box.path("a").c_str()), expected) << path;
+  }
 }
 
 TEST(Files, BothSafeCallsWrite) {

@@ -94,15 +94,17 @@ TEST_F(CacheLayer, AFailedReadOrWriteIsOnlyTold) {
   EXPECT_EQ(rmset_hash(0, 1, fields, fields, "res:t:full"), 0);
   EXPECT_EQ(rmget_hash(0, 1, fields, "res:t:full"), nullptr);
   for (const char *failed : {"rget_hash_str(res:t:full,f)", "rset_hash_str(res:t:full,f,v1)",
-                             "rmset_hash(res:t:full,X1)", "rmget_hash(res:t:full,X1)"})
+                             "rmset_hash(res:t:full,X1)", "rmget_hash(res:t:full,X1)"}) {
     EXPECT_TRUE(log.has(std::string(failed) + ": error ")) << failed;
+  }
 }
 
 TEST_F(CacheLayer, LookupWithoutAnArgumentAsksNobody) {
   constexpr char by_id[] = "SELECT value FROM t WHERE id=%d";
   EXPECT_EQ(get(nullptr), std::nullopt);
-  for (const int id : {0, -1})
+  for (const int id : {0, -1}) {
     EXPECT_EQ(drget_hash_by_id(0, "f", by_id, "k:%d", id, 0), nullptr) << id;
+  }
   EXPECT_EQ(told(), texts(3, "condition failed"));
   EXPECT_EQ(taken(drget_hash_by_id(0, "f", by_id, "k:%d", 1, 0)), "v1");
   EXPECT_EQ(cached("k:1", "f"), "v1");
@@ -232,8 +234,9 @@ TEST_F(Parameters, ColumnModeTakesTheColumnsOfOneRowInOrder) {
 
 TEST_F(Parameters, FailureOfTheDatabaseDropsWhatTheCacheHad) {
   cache("one:7", "al", "cached");
-  for (const char *failing : {"SELECT nothing FROM p WHERE '%s' IN(%s)", "DO CONCAT('%s', %s)"})
+  for (const char *failing : {"SELECT nothing FROM p WHERE '%s' IN(%s)", "DO CONCAT('%s', %s)"}) {
     EXPECT_EQ(get({"alpha", "beta"}, "7", 0, 3, failing), values{}) << failing;
+  }
   EXPECT_TRUE(log.has(" -MySQL error: Unknown column 'nothing'"));
   EXPECT_EQ(told().back(), "condition failed") << "a statement without a result set";
   EXPECT_EQ(cached("one:7", "be"), std::nullopt);

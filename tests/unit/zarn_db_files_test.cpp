@@ -43,10 +43,11 @@ TEST_F(DbFiles, ListsHaveTheRecordsOfAnExtensionAndFolderInOrder) {
       {table, nullptr, "id DESC", "3 8,0,gsm,-,-,- 7,77,wav,seven,s,- 3,5000000000,gsm,-,-,z"},
       {table, "b", "id", "1 7,77,wav,seven,s,-"},
       {"Extension_FAX_Center", nullptr, nullptr, "1 4,0,pdf,page,-,-"}};
-  for (const auto &row : rows)
+  for (const auto &row : rows) {
     EXPECT_EQ(with_records(qx_list_db_files(row.table, 1, row.folder, row.order, &list)),
               row.expected)
         << row.table;
+  }
 }
 
 TEST_F(DbFiles, NamesOfFilesAreMatchedWithTheirRecords) {
@@ -57,8 +58,9 @@ TEST_F(DbFiles, NamesOfFilesAreMatchedWithTheirRecords) {
       {"7) or (1=1.wav", "1 7,5000000000,wav,-,-,z"},  // more rows than records
       {"no names", "0"},
       {"7 3.wav", "-1"}};
-  for (const auto &[names, expected] : rows)
+  for (const auto &[names, expected] : rows) {
     EXPECT_EQ(with_records(qx_parse_db_files(table, names, &list)), expected) << names;
+  }
   EXPECT_EQ(qx_parse_db_files("extension_fax_center", "4.pdf", &list), -1);
 }
 

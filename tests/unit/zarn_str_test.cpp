@@ -147,16 +147,18 @@ TEST(PadId, HasExactlyTheWidth) {
               {12345, 4, "2345"},
               {10, 0, nullptr},
               {2147483647, 12, "002147483647"}};
-  for (const auto &row : rows)
+  for (const auto &row : rows) {
     EXPECT_STREQ(c_string(ast_pad_id(row.id, row.width)).get(), row.expected);
+  }
 }
 
 TEST(Utf8, LeadBytesTellTheCharactersLength) {
   const std::pair<unsigned char, int> rows[] = {{0x7f, 1}, {0x80, 1}, {0xbf, 1}, {0xc0, 2},
                                                 {0xdf, 2}, {0xe0, 3}, {0xef, 3}, {0xf0, 4},
                                                 {0xf7, 4}, {0xf8, 1}};
-  for (const auto &[byte, length] : rows)
+  for (const auto &[byte, length] : rows) {
     EXPECT_EQ(zarn_utf8_get_char_length(byte), length) << static_cast<int>(byte);
+  }
 }
 
 TEST(NodeId, IsTheFirstLineWithoutItsTrailingBlanks) {

@@ -100,8 +100,9 @@ TEST_F(Account, CachedTextIsUsedUnlessItIsNoAnswerForThisLookup) {
 TEST_F(Account, UnknownOneIsNotKnownAndNothingIsCached) {
   EXPECT_EQ(parent.ask(77), std::nullopt);
   EXPECT_EQ(parent_id.ask(77), "-2");
-  for (const lookup_case &lookup : {level, status, phone_status})
+  for (const lookup_case &lookup : {level, status, phone_status}) {
     EXPECT_EQ(lookup.ask(77), "-1") << lookup.column;
+  }
   EXPECT_EQ(name.ask(77), std::nullopt);
   EXPECT_EQ(told().back(), "Could not query for client name with id 77");
   EXPECT_EQ(last_line.priority, FR_LOG_WARNING);
@@ -116,8 +117,9 @@ TEST_F(Account, FailedStatementIsToldInTheNameOfItsLookup) {
   EXPECT_EQ(qx_user_get_extensions_sess(nullptr, "2", 3, 1, &count), nullptr);
   for (const char *function :
        {"qx_account_get_parent_str_sess", "qx_account_get_level_sess", "qx_user_get_status",
-        "qx_user_get_phonestatus", "qx_user_get_extensions_sess"})
+        "qx_user_get_phonestatus", "qx_user_get_extensions_sess"}) {
     EXPECT_TRUE(log.has("../main/zarn_user:" + std::string(function) + ":")) << function;
+  }
   EXPECT_TRUE(log.has("Could not query for client name with id 3 (Table "));
 }
 

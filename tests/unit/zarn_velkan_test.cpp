@@ -102,8 +102,9 @@ TEST_F(ZarnVelkan, LevelWordsAreExactAndJoinedByBars) {
                                    {"|ERROR| DEBUG", "0x1"}}) {
     box.write_file("etc/quorvex/local.conf", "VELKAN_DEBUG_PBX " + text + "\n");
     std::string expected = "spoolcap: Parsing syslog loglevel for libvelkan: " + text + "\n";
-    if (mask != nullptr)
+    if (mask != nullptr) {
       expected.append("spoolcap: Enabling syslog for libvelkan. Loglevel: ").append(mask) += "\n";
+    }
     EXPECT_EQ(syslog_of([&] { set_up(""); }), expected);
   }
 }
