@@ -22,8 +22,9 @@ inline std::optional<std::string> taken(char *text) {
 // An array of `count` values, freed; no elements for no array.
 inline values taken(int count, char **array) {
   values result;
-  for (int i = 0; array != nullptr && i < count; ++i)
+  for (int i = 0; array != nullptr && i < count; ++i) {
     result.push_back(array[i] == nullptr ? std::nullopt : std::optional<std::string>(array[i]));
+  }
   rget_free_vals(count, array);
   return result;
 }

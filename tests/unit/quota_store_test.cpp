@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "main/quota/careful_open.h"
 #include "main/quota/marks.h"
 #include "main/quota/record.h"
 #include "main/quota/settings.h"
@@ -123,6 +124,48 @@ TEST_F(Store, MarksStandBesideTheirFile) {
   EXPECT_EQ(unset_dirty(folder, "fax.quota"), 0);
   EXPECT_EQ(is_dirty(folder, "fax.quota"), 0);
   EXPECT_EQ(is_dirty(quota_folder(path("missing")), "fax.quota"), 0);
+}
+
+TEST_F(Store, ARedoMarkStaysWhileAnotherRefreshWorksUnderIt) {
+  quota_folder folder(box.root());
+  ASSERT_TRUE(folder.open());
+  const std::string mark = path("quota.redo");
+  auto working = std::make_unique<redo_mark>(folder);
+  ASSERT_TRUE(working->set());
+  redo_mark beside(folder);
+  beside.look();
+  EXPECT_TRUE(beside.was_there());
+  beside.settle(true);
+  EXPECT_TRUE(fs::exists(mark)) << "the one that set it may yet be killed";
+  working.reset();
+  beside.settle(true);
+  EXPECT_FALSE(fs::exists(mark));
+}
+
+TEST_F(Store, ARedoMarkThatWasSetSinceIsLeft) {
+  quota_folder folder(box.root());
+  ASSERT_TRUE(folder.open());
+  redo_mark own(folder);
+  ASSERT_TRUE(own.set());
+  std::this_thread::sleep_for(
+      std::chrono::milliseconds(20));  // beyond the clock of the file system
+  ASSERT_TRUE(redo_mark(folder).set());
+  own.settle(true);
+  EXPECT_TRUE(fs::exists(path("quota.redo")));
+}
+
+TEST_F(Store, ALinkOfRootsIsNotFollowedOnThroughALinkOfOthers) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root, whose links count";
+  for (const char *folder : {"own", "secret", "shared"}) box.make_folder(folder);
+  fs::permissions(path("own"), fs::perms{0755});
+  fs::permissions(path("shared"), fs::perms{0777});
+  fs::create_symlink(path("secret"), path("own/direct"));
+  fs::create_symlink(path("shared/12"), path("own/on"));
+  fs::create_symlink(path("secret"), path("shared/12"));
+  const unique_fd own(::open(path("own").c_str(), folder_flags));
+  EXPECT_TRUE(open_entry(own.get(), "direct", folder_flags));
+  EXPECT_FALSE(open_entry(own.get(), "on", folder_flags));
+  EXPECT_EQ(errno, ELOOP);
 }
 
 }  // namespace
