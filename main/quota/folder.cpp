@@ -170,7 +170,7 @@ bool has_one_name(int folder, const char *name, const struct stat &opened) {
   uid_t uid = 0;
   gid_t gid = 0;
   if (opened.st_nlink > 1) return false;
-  if (!running_as_root() || (owner_ids(&uid, &gid) == 0 && opened.st_uid == uid)) return true;
+  if ((owner_ids(&uid, &gid) == 0 && opened.st_uid == uid) || !running_as_root()) return true;
   struct stat named {};
   return ::fstatat(folder, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_nlink == 1 &&
          named.st_ino == opened.st_ino && named.st_dev == opened.st_dev;

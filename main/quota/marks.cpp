@@ -41,9 +41,10 @@ bool redo_mark::set() {
   if (!mark_) {
     // What is no file of ours, or another user's, serves as well.
     const int error = errno;
-    if (folder_.has(redo_name) == 1) state_ = state::there;
+    const bool is_there = folder_.has(redo_name) == 1;
+    if (is_there) state_ = state::there;
     errno = error;
-    return state_ == state::there;
+    return is_there;
   }
   if (mark_.created) {
     state_ = state::set_here;
