@@ -30,12 +30,6 @@ bool find_cached(const std::string &path) {
   return ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0) == 0 || errno != ENOENT;
 }
 
-// A name that ends in a slash is a folder's: it would be in the way of a file's own.
-bool is_object_key(const char *name) {
-  return !is_empty(name) && *name != '/' && !std::string_view(name).ends_with('/') &&
-         !has_parent_component(name) && !has_reserved_byte(name);
-}
-
 // Moves what was downloaded into the cache; false, logged, when that fails.
 bool keep_download(qx_storage_session &session, const char *path) {
   const int error = move_new_file(path, session.s3.cache_path);
@@ -137,7 +131,7 @@ bool fetch(const call_site &site, qx_storage_session &session, const char *name,
               "file from S3.\n");
     return false;
   }
-  if (!is_object_key(name)) {
+  if (is_empty(name) || !is_object_key(name)) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Cannot retrieve requested file from storage [%s]: %s.\n\n",
               name == nullptr ? "" : name, std::strerror(EINVAL));
     return false;
