@@ -73,7 +73,9 @@ transfer_queue::transfer_queue(vk_client *client, std::string node)
     : client_(client, vk_client_destroy),
       node_(std::move(node)),
       claim_owner_(node_ + "/"),
-      claim_prefix_(claim_owner_ + random_word() + "/") {}
+      claim_prefix_(claim_owner_ + random_word() + "/") {
+  vk_set_patient(client_.get());
+}
 
 transfer_queue::~transfer_queue() = default;
 

@@ -74,7 +74,7 @@ class transfer_queue {
  public:
   using page = std::optional<std::vector<queue_entry>>;
 
-  // `client` is taken and destroyed at the end. `node` is this node's id.
+  // `client` is taken, made patient, and destroyed at the end. `node` is this node's id.
   transfer_queue(vk_client *client, std::string node);
   transfer_queue(const transfer_queue &) = delete;
   transfer_queue &operator=(const transfer_queue &) = delete;

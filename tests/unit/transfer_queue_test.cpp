@@ -31,11 +31,7 @@ class TransferQueue : public testing::Test {
     run({"ZADD", set, std::to_string(score), what});
     return {what, score_of(set, what)};
   }
-  vk_client_t *client() const {
-    vk_client_t *made = cache_client({server.socket()}).release();
-    vk_set_patient(made);
-    return made;
-  }
+  vk_client_t *client() const { return cache_client({server.socket()}).release(); }
 
   redis_server server;
   const cache_client direct{{server.socket()}};
