@@ -79,8 +79,13 @@ class transfer_queue {
   std::optional<queue_summary> summary();
   // Whether an upload of this key waits, by the text that its row has: "<location>@<node>".
   std::optional<bool> is_queued(std::string_view location_text, std::string_view key);
-  // Queues a file of this node's cache again, unless a deletion covers it.
-  queue_state queue_again(const upload_member &member);
+  // Whether a job of any node works on the key.
+  std::optional<bool> is_claimed(std::string_view location, std::string_view key);
+  // When the key, or all below its prefix, was deleted last; 0 for never.
+  std::optional<double> deleted_at(const upload_member &member);
+  // Queues a file of this node's cache again, with the time at which it was made, unless a deletion
+  // covers it.
+  queue_state queue_again(const upload_member &member, double made);
   // The eviction policy of the DisDB when it may throw queues away, else empty.
   std::optional<std::string> dangerous_policy();
 

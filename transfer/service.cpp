@@ -25,6 +25,7 @@ keeper_settings for_keeper(const service_settings &settings) {
           .trash_expire = settings.trash_expire,
           .cache_size = settings.config.cache_size,
           .cache_free = settings.config.cache_free,
+          .upload_interval = settings.upload_interval,
           .config = settings.config};
 }
 
@@ -52,7 +53,7 @@ struct transfer_service::parts {
   transfer_state state;
   transfer_locations locations{control};
   transfer_queue queue;
-  cache_keeper keeper{queue, locations, state, control};
+  cache_keeper keeper{queue, locations, state};
   transfer_workers workers{queue, locations, state, control};
   transfer_downloads downloads{queue, locations, state, control};
   std::unique_ptr<transfer_server> server;

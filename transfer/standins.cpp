@@ -3,9 +3,9 @@
 #include "platform/s3/client.h"
 #include "platform/velkan/velkan.h"
 #include "transfer/downloads.h"
-#include "transfer/keeper.h"
 #include "transfer/locations.h"
 #include "transfer/queue.h"
+#include "transfer/receipt.h"
 #include "transfer/server.h"
 #include "transfer/uploads.h"
 
@@ -21,18 +21,6 @@ STAND_IN transfer_downloads::~transfer_downloads() = default;
 STAND_IN void transfer_downloads::start(int, int) {}
 STAND_IN void transfer_downloads::order(download_order) {}
 STAND_IN void transfer_downloads::stop() {}
-
-class cache_keeper::engine {};
-STAND_IN cache_keeper::cache_keeper(transfer_queue &, transfer_locations &, transfer_state &,
-                                    s3_control &) {}
-STAND_IN cache_keeper::~cache_keeper() = default;
-STAND_IN void cache_keeper::start(keeper_settings) {}
-STAND_IN void cache_keeper::reconfigure(keeper_settings) {}
-STAND_IN void cache_keeper::inserted(std::int64_t) {}
-STAND_IN void cache_keeper::stop() {}
-STAND_IN keeper_report cache_keeper::report() const {
-  return {};
-}
 
 struct transfer_locations::place {};
 STAND_IN transfer_locations::transfer_locations(s3_control &control) : control_(control) {
