@@ -233,11 +233,11 @@ void transfer_queue::leave_delete(const delete_member &member) {
   leave(delete_names(member).claim, {});
 }
 
-queue_state transfer_queue::queue_again(const upload_member &member) {
+queue_state transfer_queue::queue_again(const upload_member &member, double made) {
   const upload_names names(member);
   const std::string text = member.location + "@" + member.node + ":" + member.key;
   return run_state(queue_again_script, {upload_queue, deletions},
-                   {text, queue_number(now()), names.deletion, names.prefix_deletion});
+                   {text, queue_number(made), names.deletion, names.prefix_deletion});
 }
 
 void transfer_queue::renew_claims() {

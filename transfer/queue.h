@@ -126,11 +126,12 @@ class transfer_queue {
   std::optional<bool> is_queued(std::string_view location_text, std::string_view key);
   // Whether a job of any node works on the key.
   std::optional<bool> is_claimed(std::string_view location, std::string_view key);
-  // Whether the key, or all below its prefix, was deleted in the last days.
-  std::optional<bool> is_deleted(const upload_member &member);
-  // Queues a file of this node's cache again, unless a deletion covers it (`deleted`). A member
-  // that is there keeps its score. `unchanged` when it is queued now.
-  queue_state queue_again(const upload_member &member);
+  // When the key, or all below its prefix, was deleted last; 0 for never.
+  std::optional<double> deleted_at(const upload_member &member);
+  // Queues a file of this node's cache again, with the time at which it was made, unless a deletion
+  // covers it (`deleted`). A member that is there keeps its score. `unchanged` when it is queued
+  // now.
+  queue_state queue_again(const upload_member &member, double made);
   // The eviction policy of the DisDB when it may throw queues away, else empty.
   std::optional<std::string> dangerous_policy();
 
@@ -138,7 +139,8 @@ class transfer_queue {
   using texts = std::initializer_list<std::string_view>;
 
   bool ask(texts words, vk_reply &reply);
-  std::optional<bool> has_member(std::string_view set, const std::string &member);
+  // 0 for what is not in the set.
+  std::optional<double> score_of(std::string_view set, const std::string &member);
   page read_page(std::string_view queue, std::string_view node, long &cursor);
   bool run(const queue_script &script, texts keys, texts arguments, vk_reply &reply);
   queue_state run_state(const queue_script &script, texts keys, texts arguments);

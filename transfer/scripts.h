@@ -148,11 +148,11 @@ redis.call('ZREMRANGEBYSCORE', KEYS[3], '-inf', '(' .. ARGV[2])
 return 'unchanged'
 )lua";
 
-// KEYS: uploads, deletions. ARGV: member, now, deletion of the key, deletion of the prefix.
+// KEYS: uploads, deletions. ARGV: member, score, deletion of the key, deletion of the prefix.
 inline constexpr char queue_again_text[] = R"lua(
-if redis.call('ZSCORE', KEYS[2], ARGV[3]) or redis.call('ZSCORE', KEYS[2], ARGV[4]) then
-  return 'deleted'
-end
+local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
+                         tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
+if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
 redis.call('ZADD', KEYS[1], 'NX', ARGV[2], ARGV[1])
 return 'unchanged'
 )lua";

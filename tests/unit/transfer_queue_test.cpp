@@ -132,7 +132,7 @@ TEST_F(TransferQueue, ADeletionCoversUploadsThatAreMoreThanASecondOlder) {
       queue(ups, member, 1000);
       EXPECT_EQ(here.begin_upload(read, upload), row.begin);
       here.leave_upload(upload);
-      EXPECT_EQ(here.is_deleted(upload), true);
+      EXPECT_EQ(here.deleted_at(upload), 1000 + row.later);
     }
   }
   EXPECT_EQ(score_of(ups, member), "1000") << "what is left stays in the queue";
@@ -213,14 +213,15 @@ TEST_F(TransferQueue, DeletionsAreKeptForSevenDaysAndForAllOlderUploads) {
 
 TEST_F(TransferQueue, AFileIsQueuedAgainUnlessItIsQueuedOrWasDeleted) {
   EXPECT_EQ(here.is_queued("eu@n1", key), false);
-  EXPECT_EQ(here.queue_again(upload), state::unchanged);
+  EXPECT_EQ(here.queue_again(upload, 1000), state::unchanged);
   EXPECT_EQ(here.is_queued("eu@n1", key), true);
-  EXPECT_NEAR(std::stod(score_of(ups, member)), now(), 60);
-  queue(ups, member, 1000);
-  EXPECT_EQ(here.queue_again(upload), state::unchanged);
+  EXPECT_EQ(here.queue_again(upload, 2000), state::unchanged);
   EXPECT_EQ(score_of(ups, member), "1000");
-  queue(deleted, "eu:r:vm/1/2", 10);
-  EXPECT_EQ(here.queue_again(upload), state::deleted);
+  EXPECT_EQ(here.deleted_at(upload), 0);
+  queue(deleted, "eu:r:vm/1/2", 1500);
+  EXPECT_EQ(here.queue_again(upload, 500), state::deleted) << "the file is older";
+  EXPECT_EQ(here.queue_again(upload, 1000), state::deleted);
+  EXPECT_EQ(here.queue_again(upload, 1499), state::unchanged);
 }
 
 TEST_F(TransferQueue, APolicyThatEvictsQueuesIsNamedAndADisDbThatIsAwayIsDown) {
