@@ -47,6 +47,8 @@ struct delete_member {
   static std::optional<delete_member> parse(std::string_view member);
 };
 
+enum class queue_kind { uploads, deletes };
+
 enum class queue_state {
   unchanged,  // the member has the score that was read
   renewed,    // it was queued again meanwhile
@@ -87,8 +89,8 @@ class transfer_queue {
   // that are removed move those behind them to the front.
   page uploads(long &cursor);
   page deletes(long &cursor);
-  // The place of the first upload, of any node, that is no older than `time`.
-  std::optional<long> place_of(double time);
+  // The place of the first member, of any node, that is no older than `time`.
+  std::optional<long> place_of(queue_kind kind, double time);
 
   // Claims the key of an upload for this process, and tells whether it is still to be done.
   // Only after `unchanged`, `contested` and `deleted` the claim is held.
@@ -98,8 +100,9 @@ class transfer_queue {
   queue_state end_upload(const queue_entry &entry, const upload_member &member,
                          transfer_end end = transfer_end::clear);
   // After the object of a deleted upload went: removes the member if it is unchanged, and gives the
-  // claim back.
-  queue_state drop_upload(const queue_entry &entry, const upload_member &member);
+  // claim back. It stays, `unclear`, when an upload of the key ended unclear in the last `window`
+  // seconds.
+  queue_state drop_upload(const queue_entry &entry, const upload_member &member, int window);
   // Gives the claim back with the member as it is.
   void leave_upload(const upload_member &member, transfer_end end = transfer_end::clear);
 
