@@ -47,6 +47,10 @@ std::size_t s3_exchange::take(const char *from, std::size_t size, std::size_t co
 std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
   const std::int64_t left = request_.length() - given_;
   room = std::min(room, static_cast<std::size_t>(left));
+  // Small steps where the rate is low, so that transfers take turns.
+  if (const std::int64_t rate = control_.bytes_per_second; rate > 0) {
+    room = std::min(room, static_cast<std::size_t>(std::max<std::int64_t>(rate / 10, 1024)));
+  }
   if (room == 0) return 0;
   if (!pace(room)) return CURL_READFUNC_ABORT;
   if (request_.file == nullptr) {
