@@ -233,7 +233,8 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
     for (char &letter : name) {
       if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
     }
-    if (name.starts_with(marker)) answer.metadata[name.substr(marker.size())] = header->value;
+    if (name.starts_with(marker))
+      answer.metadata[name.substr(marker.size())] = s3_exchange::value_of(*header);
   }
   const std::string date(running.header("Date"));
   s3_judge(answer, running.body,

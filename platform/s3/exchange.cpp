@@ -148,7 +148,13 @@ long s3_exchange::status() const {
 std::string_view s3_exchange::header(const char *name) const {
   curl_header *found = nullptr;
   const CURLHcode code = curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found);
-  return code == CURLHE_OK ? found->value : "";
+  return code == CURLHE_OK ? value_of(*found) : "";
+}
+
+// libcurl leaves the line's end in an empty value.
+std::string_view s3_exchange::value_of(const curl_header &header) {
+  const std::string_view value = header.value;
+  return value.substr(0, value.find_last_not_of("\r\n ") + 1);
 }
 
 std::int64_t s3_exchange::object_length() const {
