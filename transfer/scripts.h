@@ -109,7 +109,7 @@ redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";
 
-// KEYS: deletes, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
+// KEYS: queue, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
 // with, "key" or "prefix", the oldest unclear end that counts.
 inline constexpr char end_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
@@ -148,11 +148,11 @@ redis.call('ZREMRANGEBYSCORE', KEYS[3], '-inf', '(' .. ARGV[2])
 return 'unchanged'
 )lua";
 
-// KEYS: uploads, deletions. ARGV: member, now, deletion of the key, deletion of the prefix.
+// KEYS: uploads, deletions. ARGV: member, score, deletion of the key, deletion of the prefix.
 inline constexpr char queue_again_text[] = R"lua(
-if redis.call('ZSCORE', KEYS[2], ARGV[3]) or redis.call('ZSCORE', KEYS[2], ARGV[4]) then
-  return 'deleted'
-end
+local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
+                         tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
+if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
 redis.call('ZADD', KEYS[1], 'NX', ARGV[2], ARGV[1])
 return 'unchanged'
 )lua";
