@@ -41,7 +41,7 @@ class transfer_downloads::engine {
   transfer_pointer next();
   void run(const transfer_pointer &what);
   std::list<download_order> close(const transfer_pointer &what);
-  void deliver(transfer &what, std::list<download_order> orders);
+  void deliver(transfer &what, const std::list<download_order> &orders);
 
   transfer_queue &queue_;
   transfer_locations &locations_;
@@ -132,8 +132,8 @@ void transfer_downloads::engine::run(const transfer_pointer &what) {
     changed_.notify_one();
     return;
   }
-  std::list<download_order> orders = close(what);
-  if (step.what == fetch_step::kind::done) return deliver(*what, std::move(orders));
+  const std::list<download_order> orders = close(what);
+  if (step.what == fetch_step::kind::done) return deliver(*what, orders);
   ++state_.counters.download_failures;
   QX_LOG(FR_LOG_WARNING, "cannot fetch %s: %s", what->name.c_str(), step.reason.c_str());
   for (const download_order &one : orders) one.done(false);
@@ -146,7 +146,7 @@ std::list<download_order> transfer_downloads::engine::close(const transfer_point
   return std::move(what->orders);
 }
 
-void transfer_downloads::engine::deliver(transfer &what, std::list<download_order> orders) {
+void transfer_downloads::engine::deliver(transfer &what, const std::list<download_order> &orders) {
   const receipt &object = what.fetch.got();
   for (const download_order &one : orders) {
     const int target = one.target.get();
