@@ -87,6 +87,7 @@ std::string transfer_service::start(service_settings settings) {
   vk_client *client = nullptr;
   const bool has_servers = ast_vk_init(&client) == 0;
   if (client == nullptr) return "out of memory";
+  vk_set_patient(client);
   auto made = std::make_unique<parts>(client, std::move(settings));
   if (!has_servers) return "no cache server is configured, see disdbase.conf and local.conf";
   const transfer_config &config = made->settings.config;

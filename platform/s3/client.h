@@ -126,6 +126,7 @@ struct s3_control {
   std::chrono::seconds stall_timeout{30};  // without a byte moving
   // Told to the caller for its status: bytes of running transfers are added as they move.
   std::atomic<std::uint64_t> sent{0}, received{0};
+  std::atomic<std::int64_t> booked_until{0};  // of the rate, by the clients themselves
 };
 
 using s3_metadata = std::vector<std::pair<std::string, std::string>>;

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/base/owner.h"
+#include "platform/velkan/command.h"
 
 using vk_clock = std::chrono::steady_clock;
 
@@ -24,7 +25,6 @@ inline vk_clock::time_point share_of(vk_clock::time_point deadline, size_t count
   return now + std::max(deadline - now, vk_clock::duration::zero()) / static_cast<long>(count);
 }
 
-using vk_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
 using vk_reader = std::unique_ptr<redisReader, call_to_release<redisReaderFree>>;
 
 // A command as it goes over the wire.

@@ -1,0 +1,112 @@
+#include "platform/s3/digest.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+#include "platform/base/owner.h"
+
+namespace {
+
+using digest_owner = std::unique_ptr<EVP_MD_CTX, call_to_release<EVP_MD_CTX_free>>;
+
+unsigned char *bytes_of(std::string &text) {
+  return reinterpret_cast<unsigned char *>(text.data());
+}
+
+std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
+  std::string result(static_cast<size_t>(EVP_MD_get_size(kind)), '\0');
+  EVP_Digest(bytes.data(), bytes.size(), bytes_of(result), nullptr, kind, nullptr);
+  return result;
+}
+
+digest_owner begin_digest(const EVP_MD *kind) {
+  digest_owner digest(EVP_MD_CTX_new());
+  if (!digest || EVP_DigestInit_ex(digest.get(), kind, nullptr) != 1) throw std::bad_alloc();
+  return digest;
+}
+
+std::string end_digest(const digest_owner &digest) {
+  std::string result(EVP_MAX_MD_SIZE, '\0');
+  unsigned length = 0;
+  EVP_DigestFinal_ex(digest.get(), bytes_of(result), &length);
+  result.resize(length);
+  return result;
+}
+
+}  // namespace
+
+bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
+  constexpr std::int64_t at_once = 128 << 10;
+  const digest_owner md5 = begin_digest(EVP_md5()), sha256 = begin_digest(EVP_sha256());
+  std::vector<char> buffer(static_cast<size_t>(std::min(body.length, at_once)));
+  for (std::int64_t done = 0; done < body.length;) {
+    if (stop != nullptr && *stop) {
+      errno = ECANCELED;
+      return false;
+    }
+    const auto wanted = static_cast<size_t>(std::min(body.length - done, std::ssize(buffer)));
+    const ssize_t read = ::pread(body.fd, buffer.data(), wanted, body.offset + done);
+    if (read < 0) return false;
+    if (read == 0) {
+      errno = EIO;
+      return false;
+    }
+    EVP_DigestUpdate(md5.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(sha256.get(), buffer.data(), static_cast<size_t>(read));
+    done += read;
+  }
+  body.md5 = end_digest(md5);
+  body.sha256 = end_digest(sha256);
+  return true;
+}
+
+std::string s3_md5(std::string_view bytes) {
+  return digest_of(bytes, EVP_md5());
+}
+
+std::string s3_sha256(std::string_view bytes) {
+  return digest_of(bytes, EVP_sha256());
+}
+
+std::string s3_base64(std::string_view bytes) {
+  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int length =
+      EVP_EncodeBlock(bytes_of(text), reinterpret_cast<const unsigned char *>(bytes.data()),
+                      static_cast<int>(bytes.size()));
+  text.resize(static_cast<size_t>(length));
+  return text;
+}
+
+std::string s3_hex(std::string_view bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * bytes.size());
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    text += digits[value >> 4];
+    text += digits[value & 15];
+  }
+  return text;
+}
+
+int s3_hex_value(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
+
+std::string s3_unhex(std::string_view text) {
+  std::string bytes;
+  if (text.size() % 2 != 0) return bytes;
+  for (size_t i = 0; i < text.size(); i += 2) {
+    const int high = s3_hex_value(text[i]), low = s3_hex_value(text[i + 1]);
+    if (high < 0 || low < 0) return "";
+    bytes += static_cast<char>(high * 16 + low);
+  }
+  return bytes;
+}
