@@ -152,8 +152,9 @@ double transfer_locations::next_retry() const {
   const std::lock_guard guard(lock_);
   double first = 0;
   for (const auto &[name, where] : places_) {
-    if (where->state == health::up || where->is_probed) continue;
-    if (first == 0 || where->retry_at < first) first = where->retry_at;
+    if (where->state == health::up) continue;
+    const double when = where->is_probed ? qx_get_tstamp() + 1 : where->retry_at;
+    if (first == 0 || when < first) first = when;
   }
   return first;
 }

@@ -45,6 +45,7 @@ class transfer_locations {
   // What `may_start` would say, without becoming the probe.
   bool might_start(const std::string &location) const;
   // When the first location that rests may be tried, in seconds since the epoch; 0 when none rests.
+  // While one is probed, a time soon from now.
   double next_retry() const;
 
   // A client for one call or several in a row, from a pool of open connections; null when the

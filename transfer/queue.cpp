@@ -143,10 +143,11 @@ transfer_queue::page transfer_queue::deletes(long &cursor) {
   return read_page(delete_queue, {}, cursor);
 }
 
-std::optional<long> transfer_queue::place_of(double time) {
+std::optional<long> transfer_queue::place_of(queue_kind kind, double time) {
   vk_reply reply;
   const std::string before = "(" + queue_number(time);
-  const std::string_view words[] = {"ZCOUNT", upload_queue, "-inf", before};
+  const std::string_view words[] = {
+      "ZCOUNT", kind == queue_kind::uploads ? upload_queue : delete_queue, "-inf", before};
   if (vk_run(client_.get(), words, reply) != VK_OK) return std::nullopt;
   return static_cast<long>(reply->integer);
 }
@@ -174,10 +175,12 @@ queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_me
   return state;
 }
 
-queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_member &member) {
+queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_member &member,
+                                        int window) {
   const upload_names names(member);
-  const queue_state state = run_state(drop_script, {upload_queue, names.claim},
-                                      {entry.member, entry.score, held_claim(names.claim)});
+  const queue_state state = run_state(end_delete_script, {upload_queue, unclear_ends, names.claim},
+                                      {entry.member, entry.score, held_claim(names.claim),
+                                       names.unclear, "key", queue_number(now() - window)});
   forget_claim(names.claim);
   return state;
 }

@@ -47,6 +47,8 @@ struct delete_member {
   static std::optional<delete_member> parse(std::string_view member);
 };
 
+enum class queue_kind { uploads, deletes };
+
 enum class queue_state {
   unchanged,  // the member has the score that was read
   renewed,    // it was queued again meanwhile
@@ -87,8 +89,8 @@ class transfer_queue {
   // that are removed move those behind them to the front.
   page uploads(long &cursor);
   page deletes(long &cursor);
-  // The place of the first upload, of any node, that is no older than `time`.
-  std::optional<long> place_of(double time);
+  // The place of the first member, of any node, that is no older than `time`.
+  std::optional<long> place_of(queue_kind kind, double time);
 
   // Claims the key of an upload for this process, and tells whether it is still to be done.
   // Only after `unchanged`, `contested` and `deleted` the claim is held.
@@ -98,8 +100,9 @@ class transfer_queue {
   queue_state end_upload(const queue_entry &entry, const upload_member &member,
                          transfer_end end = transfer_end::clear);
   // After the object of a deleted upload went: removes the member if it is unchanged, and gives the
-  // claim back.
-  queue_state drop_upload(const queue_entry &entry, const upload_member &member);
+  // claim back. It stays, `unclear`, when an upload of the key ended unclear in the last `window`
+  // seconds.
+  queue_state drop_upload(const queue_entry &entry, const upload_member &member, int window);
   // Gives the claim back with the member as it is.
   void leave_upload(const upload_member &member, transfer_end end = transfer_end::clear);
 
@@ -126,12 +129,11 @@ class transfer_queue {
   std::optional<bool> is_queued(std::string_view location_text, std::string_view key);
   // Whether a job of any node works on the key.
   std::optional<bool> is_claimed(std::string_view location, std::string_view key);
-  // When the key, or all below its prefix, was deleted in the last days, in seconds since the
-  // epoch; 0 for never.
+  // When the key, or all below its prefix, was deleted last; 0 for never.
   std::optional<double> deleted_at(const upload_member &member);
   // Queues a file of this node's cache again, with the time at which it was made, unless a deletion
-  // that came more than a second after it covers it (`deleted`). A member that is there keeps its
-  // score. `unchanged` when it is queued now.
+  // covers it (`deleted`). A member that is there keeps its score. `unchanged` when it is queued
+  // now.
   queue_state queue_again(const upload_member &member, double made);
   // The eviction policy of the DisDB when it may throw queues away, else empty.
   std::optional<std::string> dangerous_policy();
@@ -140,7 +142,8 @@ class transfer_queue {
   using texts = std::initializer_list<std::string_view>;
 
   bool ask(texts words, vk_reply &reply);
-  std::optional<bool> has_member(std::string_view set, const std::string &member);
+  // 0 for what is not in the set.
+  std::optional<double> score_of(std::string_view set, const std::string &member);
   page read_page(std::string_view queue, std::string_view node, long &cursor);
   bool run(const queue_script &script, texts keys, texts arguments, vk_reply &reply);
   queue_state run_state(const queue_script &script, texts keys, texts arguments);

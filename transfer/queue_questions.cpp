@@ -1,6 +1,4 @@
 // What is asked about the queues beside working them off.
-#include <algorithm>
-
 #include "transfer/queue_names.h"
 
 namespace {
@@ -38,15 +36,18 @@ std::optional<queue_summary> transfer_queue::summary() {
   return result;
 }
 
-std::optional<bool> transfer_queue::has_member(std::string_view set, const std::string &member) {
+std::optional<double> transfer_queue::score_of(std::string_view set, const std::string &member) {
   vk_reply reply;
   if (!ask({"ZSCORE", set, member}, reply)) return std::nullopt;
-  return reply->type != REDIS_REPLY_NIL;
+  if (reply->type == REDIS_REPLY_NIL) return 0;
+  return queue_entry{"", std::string(reply->str, reply->len)}.queued_at();
 }
 
 std::optional<bool> transfer_queue::is_queued(std::string_view location_text,
                                               std::string_view key) {
-  return has_member(upload_queue, std::string(location_text) + ":" + std::string(key));
+  const auto score = score_of(upload_queue, std::string(location_text) + ":" + std::string(key));
+  if (!score) return std::nullopt;
+  return *score != 0;
 }
 
 std::optional<bool> transfer_queue::is_claimed(std::string_view location, std::string_view key) {
@@ -58,18 +59,10 @@ std::optional<bool> transfer_queue::is_claimed(std::string_view location, std::s
 
 std::optional<double> transfer_queue::deleted_at(const upload_member &member) {
   const upload_names names(member);
-  vk_reply scores;
-  if (!ask({"ZMSCORE", deletions, names.deletion, names.prefix_deletion}, scores) ||
-      scores->elements != 2) {
-    return std::nullopt;
-  }
-  double last = 0;
-  for (std::size_t i = 0; i < scores->elements; ++i) {
-    const redisReply &score = *scores->element[i];
-    if (score.type != REDIS_REPLY_STRING) continue;
-    last = std::max(last, queue_entry{"", std::string(score.str, score.len)}.queued_at());
-  }
-  return last;
+  const auto itself = score_of(deletions, names.deletion);
+  const auto prefix = score_of(deletions, names.prefix_deletion);
+  if (!itself || !prefix) return std::nullopt;
+  return std::max(*itself, *prefix);
 }
 
 std::optional<std::string> transfer_queue::dangerous_policy() {

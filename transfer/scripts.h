@@ -109,7 +109,7 @@ redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";
 
-// KEYS: deletes, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
+// KEYS: queue, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
 // with, "key" or "prefix", the oldest unclear end that counts.
 inline constexpr char end_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])

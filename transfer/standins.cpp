@@ -1,7 +1,6 @@
 // Stands in for parts that are not merged yet; goes with the last of them.
 #include "transfer/downloads.h"
 #include "transfer/server.h"
-#include "transfer/uploads.h"
 
 #define STAND_IN __attribute__((weak))
 
@@ -20,18 +19,3 @@ STAND_IN std::string transfer_server::start(const std::string &) {
   return "";
 }
 STAND_IN void transfer_server::stop() {}
-
-class transfer_workers::engine {};
-STAND_IN transfer_workers::transfer_workers(transfer_queue &, transfer_locations &,
-                                            transfer_state &, s3_control &) {}
-STAND_IN transfer_workers::~transfer_workers() = default;
-STAND_IN void transfer_workers::start(worker_settings) {}
-STAND_IN void transfer_workers::reconfigure(worker_settings) {}
-STAND_IN void transfer_workers::wake() {}
-STAND_IN void transfer_workers::stop() {}
-STAND_IN std::vector<parked_member> transfer_workers::parked() const {
-  return {};
-}
-STAND_IN bool transfer_workers::idle() const {
-  return true;
-}

@@ -13,6 +13,7 @@ using url_owner = std::unique_ptr<CURLU, call_to_release<curl_url_cleanup>>;
 using curl_text = std::unique_ptr<char, call_to_release<curl_free>>;
 
 constexpr int look_every_ms = 200;  // for the stop flag and a stall
+constexpr std::int64_t send_unasked = 1 << 20;
 
 std::string part_of(CURLU *url, CURLUPart part) {
   char *text = nullptr;
@@ -109,6 +110,9 @@ s3_client::connection::header_list s3_client::connection::signed_headers(const s
   for (const auto &[name, value] : to_sign.headers) {
     add(value.empty() ? name + ";" : name + ": " + value);
   }
+  // Asking first costs a turn. It is worth that only where a refusal would meet a body that is not
+  // sent yet, since the connection is lost then, and the refusal with it.
+  if (request.has_body() && request.length() <= send_unasked) add("expect:");
   add("authorization: " + signer_.authorization(to_sign, timestamp));
   return list;
 }
@@ -229,7 +233,8 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
     for (char &letter : name) {
       if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
     }
-    if (name.starts_with(marker)) answer.metadata[name.substr(marker.size())] = header->value;
+    if (name.starts_with(marker))
+      answer.metadata[name.substr(marker.size())] = s3_exchange::value_of(*header);
   }
   const std::string date(running.header("Date"));
   s3_judge(answer, running.body,

@@ -47,6 +47,10 @@ std::size_t s3_exchange::take(const char *from, std::size_t size, std::size_t co
 std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
   const std::int64_t left = request_.length() - given_;
   room = std::min(room, static_cast<std::size_t>(left));
+  // Small steps where the rate is low, so that transfers take turns.
+  if (const std::int64_t rate = control_.bytes_per_second; rate > 0) {
+    room = std::min(room, static_cast<std::size_t>(std::max<std::int64_t>(rate / 10, 1024)));
+  }
   if (room == 0) return 0;
   if (!pace(room)) return CURL_READFUNC_ABORT;
   if (request_.file == nullptr) {
@@ -144,7 +148,13 @@ long s3_exchange::status() const {
 std::string_view s3_exchange::header(const char *name) const {
   curl_header *found = nullptr;
   const CURLHcode code = curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found);
-  return code == CURLHE_OK ? found->value : "";
+  return code == CURLHE_OK ? value_of(*found) : "";
+}
+
+// libcurl leaves the line's end in an empty value.
+std::string_view s3_exchange::value_of(const curl_header &header) {
+  const std::string_view value = header.value;
+  return value.substr(0, value.find_last_not_of("\r\n ") + 1);
 }
 
 std::int64_t s3_exchange::object_length() const {

@@ -50,6 +50,7 @@ class s3_exchange {
   long status() const;
   // The header of the final answer; empty without it.
   std::string_view header(const char *name) const;
+  static std::string_view value_of(const curl_header &header);
   // Length of the whole object by the answer to a GET; -1 when it does not tell.
   std::int64_t object_length() const;
 

@@ -71,11 +71,19 @@ s3_answer s3_client::complete(std::string_view key, const std::string &upload_id
                                           .key = std::string(key),
                                           .query = {{"uploadId", upload_id}},
                                           .text = s3_complete_document(parts)});
-  if (!reply.answer) return std::move(reply.answer);
-  s3_read_field(reply.body, "CompleteMultipartUploadResult", "ETag", reply.answer.etag);
-  reply.answer.etag = s3_unquoted(reply.answer.etag);
-  s3_compare_etag(reply.answer, etag_of_all(parts));
-  return std::move(reply.answer);
+  s3_answer &answer = reply.answer;
+  if (!answer) return std::move(answer);
+  // Some stores leave the ETag out.
+  if (s3_read_field(reply.body, "CompleteMultipartUploadResult", "ETag", answer.etag)) {
+    answer.etag = s3_unquoted(answer.etag);
+  } else if (s3_answer found = head(key)) {
+    answer = std::move(found);
+  } else {
+    answer.outcome = s3_outcome::unclear;
+    answer.text = "the object in parts is not to be seen: " + found.text;
+  }
+  s3_compare_etag(answer, etag_of_all(parts));
+  return std::move(answer);
 }
 
 s3_answer s3_client::abort(std::string_view key, const std::string &upload_id) {

@@ -93,7 +93,7 @@ bool object_store::set_up() {
                           << "/osd\nrun_dir = " << here << "\nadmin_socket = \npid_file = " << here
                           << "/$name.pid\nlog_file = " << here << "/$name.log\ncrash_dir = " << here
                           << "/crash\nkeyring = " << here << "/keyring\nrgw_data = " << here
-                          << "/gateway\nrgw_frontends = beast endpoint=127.0.0.1:" << this->port()
+                          << "/gateway\nrgw_frontends = beast tcp_nodelay=1 endpoint=127.0.0.1:" << this->port()
                           << "\n";
   const auto in_background = [&](const char *program, const char *id) {
     process_options options = quiet;

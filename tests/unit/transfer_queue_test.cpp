@@ -79,7 +79,7 @@ TEST_F(TransferQueue, AMillionMembersOfOtherNodesAreFilteredInTheServer) {
   EXPECT_EQ(counts->uploads, 3);
   EXPECT_EQ(counts->all_uploads, 10'004);
   EXPECT_EQ(counts->oldest_upload, 0.5);
-  EXPECT_EQ(here.place_of(5000.5), 5002);
+  EXPECT_EQ(here.place_of(queue_kind::uploads, 5000.5), 5002);
 
   // A page that is full goes on behind its last member.
   long cursor = 0, count = 0;
@@ -125,14 +125,14 @@ TEST_F(TransferQueue, ADeletionCoversUploadsThatAreMoreThanASecondOlder) {
       there.leave_delete(what);
       EXPECT_EQ(here.end_upload(read, upload), row.end);
       if (row.end == state::deleted) {
-        EXPECT_EQ(here.drop_upload(read, upload), state::unchanged);
+        EXPECT_EQ(here.drop_upload(read, upload, 60), state::unchanged);
       }
       EXPECT_EQ(score_of(ups, member), "");
 
       queue(ups, member, 1000);
       EXPECT_EQ(here.begin_upload(read, upload), row.begin);
       here.leave_upload(upload);
-      EXPECT_GT(here.deleted_at(upload), 0);
+      EXPECT_EQ(here.deleted_at(upload), 1000 + row.later);
     }
   }
   EXPECT_EQ(score_of(ups, member), "1000") << "what is left stays in the queue";
@@ -186,6 +186,8 @@ TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
     const queue_entry read = queue(ups, member, 1000);
     ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
     here.leave_upload(upload, transfer_end::unclear);
+    ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
+    EXPECT_EQ(here.drop_upload(read, upload, 60), state::unclear);
     const queue_entry deletion =
         queue(dels, "eu@n1:" + std::string(what.whole_prefix ? "r:" : "o:") + what.key, 500);
     for (const state expected : {state::unclear, state::unchanged}) {
@@ -218,9 +220,10 @@ TEST_F(TransferQueue, AFileIsQueuedAgainUnlessItIsQueuedOrWasDeleted) {
   EXPECT_EQ(here.queue_again(upload, 2000), state::unchanged);
   EXPECT_EQ(score_of(ups, member), "1000");
   EXPECT_EQ(here.deleted_at(upload), 0);
-  queue(deleted, "eu:r:vm/1/2", 1001);
-  EXPECT_EQ(here.queue_again(upload, 1000), state::unchanged) << "their clocks may differ so much";
-  EXPECT_EQ(here.queue_again(upload, 999), state::deleted);
+  queue(deleted, "eu:r:vm/1/2", 1500);
+  EXPECT_EQ(here.queue_again(upload, 500), state::deleted) << "the file is older";
+  EXPECT_EQ(here.queue_again(upload, 1000), state::deleted);
+  EXPECT_EQ(here.queue_again(upload, 1499), state::unchanged);
 }
 
 TEST_F(TransferQueue, APolicyThatEvictsQueuesIsNamedAndADisDbThatIsAwayIsDown) {
