@@ -9,7 +9,7 @@
 #include <sstream>
 
 #include <spoolcap/quota.h>
-#include "main/quota/settings.h"
+#include "platform/base/ids.h"
 #include "tests/faults/traced.h"
 #include "tests/unit/refresh_fixture.h"
 

@@ -11,7 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "main/quota/settings.h"
+#include "platform/base/ids.h"
 #include "tests/support/paths_sandbox.h"
 
 namespace faults {
