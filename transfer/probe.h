@@ -10,6 +10,7 @@
 class check_report {
  public:
   void good(const std::string &what, const std::string &detail);
+  void note(const std::string &what, const std::string &detail);
   // `detail` says what is wrong and what to do.
   void wrong(const std::string &what, const std::string &detail);
   bool all_good() const { return all_good_; }
