@@ -115,16 +115,16 @@ void work_feeder::look_for_blocked() {
   look_again(deletes_, 0s);
 }
 
-void work_feeder::add(lane &queue, work_item item) {
-  queue.taken.insert(item.entry.member);
-  queue.ready.push_back(std::move(item.entry));
+void work_feeder::add(lane &queue, queue_entry entry) {
+  queue.taken.insert(entry.member);
+  queue.ready.push_back(std::move(entry));
   queue.filled.notify_one();
 }
 
 void work_feeder::hand_out_due() {
   if (uploads_.ready.size() >= low_water || deletes_.ready.size() >= low_water) return;
   for (work_item &item : aside_.take_due(qx_get_tstamp(), most_due)) {
-    add(lane_of(item.kind), std::move(item));
+    add(lane_of(item.kind), std::move(item.entry));
   }
 }
 
@@ -144,7 +144,7 @@ void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries
       continue;
     }
     queue.has_found = true;
-    add(queue, std::move(item));
+    add(queue, std::move(item.entry));
   }
 }
 

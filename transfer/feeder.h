@@ -60,7 +60,7 @@ class work_feeder {
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
   void end_look(lane &queue);
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
-  void add(lane &queue, work_item item);
+  void add(lane &queue, queue_entry entry);
   void look_for_blocked();
   void look_again(lane &queue, clock::duration after);
   clock::time_point next_event() const;

@@ -199,12 +199,12 @@ void transfer_queue::leave_upload(const upload_member &member, transfer_end end)
 
 queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_member &member) {
   const delete_names names(member);
+  // Also while a job of this process has the key, which is to learn of the deletion.
   const auto value = take_claim(names.claim);
-  if (!value) return queue_state::claimed;
-  const queue_state state = run_state(
-      begin_delete_script, {delete_queue, deletions, names.claim},
-      {entry.member, entry.score, names.deletion, *value, claim_owner_, claim_milliseconds});
-  if (!is_held(state)) forget_claim(names.claim);
+  const queue_state state = run_state(begin_delete_script, {delete_queue, deletions, names.claim},
+                                      {entry.member, entry.score, names.deletion,
+                                       value.value_or(""), claim_owner_, claim_milliseconds});
+  if (value && !is_held(state)) forget_claim(names.claim);
   return state;
 }
 

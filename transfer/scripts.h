@@ -93,8 +93,8 @@ if ARGV[2] ~= '' then redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2]) end
 return 'unchanged'
 )lua";
 
-// KEYS: deletes, deletions, claim. ARGV: member, score, deletion, claim value, claim owner,
-// milliseconds.
+// KEYS: deletes, deletions, claim. ARGV: member, score, deletion, claim value or "" for none, claim
+// owner, milliseconds.
 inline constexpr char begin_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 if not score then return 'gone' end
@@ -104,7 +104,7 @@ if not known or tonumber(known) < tonumber(score) then
   redis.call('ZADD', KEYS[2], score, ARGV[3])
 end
 local holder = redis.call('GET', KEYS[3])
-if holder and string.sub(holder, 1, #ARGV[5]) ~= ARGV[5] then return 'claimed' end
+if ARGV[4] == '' or holder and string.sub(holder, 1, #ARGV[5]) ~= ARGV[5] then return 'claimed' end
 redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";

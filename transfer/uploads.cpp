@@ -74,17 +74,21 @@ class transfer_workers::engine {
   }
 
  private:
-  // A thread whose body ends by itself once stop() was called. Short memory ends one job, not the
-  // service.
+  // A thread whose body ends by itself once stop() was called.
   template <class Body>
   void run(Body body) {
     threads_.emplace_back([this, body] {
-      while (!no_throw(false, [&] { return body(), true; })) {
-        QX_LOG(FR_LOG_ERROR, "memory is short\n");
-        const std::lock_guard guard(lock_);
-        if (is_ended_) return;
+      while (!no_throw(false, [&] { return body(), true; }) && !is_over_after_short_memory()) {
       }
     });
+  }
+
+  // Short memory ends one job, not the service.
+  bool is_over_after_short_memory() const {
+    QX_LOG(FR_LOG_ERROR, "memory is short\n");
+    std::this_thread::sleep_for(1s);
+    const std::lock_guard guard(lock_);
+    return is_ended_;
   }
 
   std::shared_ptr<const worker_settings> settings() const {

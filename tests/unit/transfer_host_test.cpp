@@ -10,6 +10,7 @@
 
 #include <spoolcap/transfer.h>
 #include "main/transfer/wire.h"
+#include "platform/base/deadline.h"
 #include "platform/base/ids.h"
 #include "tests/unit/storage_fixture.h"
 #include "transfer/server.h"
@@ -61,6 +62,13 @@ class serving {
                                },
                            .status = [this] { return state; }}};
 };
+
+// What the service says next.
+receiving hear(const unique_fd &socket, transfer_message &message) {
+  const deadline patience(30);
+  EXPECT_TRUE(wait_ready(socket.get(), POLLIN, &patience));
+  return receive_message(socket.get(), message);
+}
 
 void write_whole(const download_order &order, const std::string &content) {
   EXPECT_EQ(::pwrite(order.target.get(), content.data(), content.size(), 0),
@@ -211,9 +219,7 @@ TEST_F(TransferHost, WhatIsNotUnderstoodEndsItsConnectionOnly) {
     const unique_fd host = connect_to_service(path);
     EXPECT_EQ(send_datagram(host.get(), datagram), 0);
     transfer_message answer;
-    receiving what = receiving::nothing;
-    while (what == receiving::nothing) what = receive_message(host.get(), answer);
-    EXPECT_EQ(what, receiving::ended);
+    EXPECT_EQ(hear(host, answer), receiving::ended);
   }
   EXPECT_EQ(log.count("closed a connection that said what is not understood"), std::size(wrong));
   write_whole(order, "");
@@ -235,7 +241,7 @@ TEST_F(TransferHost, OnlyAnEmptyFileThatCanBeReadAndWrittenIsATarget) {
         encode_message({.word = transfer_word::download, .id = 5, .first = place, .second = "k"});
     EXPECT_EQ(send_datagram(host.get(), order, target.get()), 0);
     transfer_message answer;
-    while (receive_message(host.get(), answer) == receiving::nothing) continue;
+    EXPECT_EQ(hear(host, answer), receiving::message);
     EXPECT_EQ(answer.word, transfer_word::done);
     EXPECT_EQ(answer.id, 5U);
     EXPECT_EQ(answer.status, QX_STORAGE_FAILED);
@@ -252,9 +258,7 @@ TEST_F(TransferHost, ASlowReaderOfTheStateHoldsNobodyUp) {
   EXPECT_EQ(end_of(found), QX_STORAGE_READY);
   std::string text;
   for (transfer_message piece;;) {
-    const receiving what = receive_message(reader.get(), piece);
-    if (what == receiving::nothing) continue;
-    ASSERT_EQ(what, receiving::message);
+    ASSERT_EQ(hear(reader, piece), receiving::message);
     if (piece.first.empty()) break;
     text += piece.first;
   }
@@ -283,9 +287,7 @@ TEST_F(TransferHost, TheSocketBelongsToOneServiceAndItsGroup) {
                  if (!host) return false;
                  send_datagram(host.get(), question);
                  transfer_message answer;
-                 receiving what = receiving::nothing;
-                 while (what == receiving::nothing) what = receive_message(host.get(), answer);
-                 return what == receiving::message;
+                 return hear(host, answer) == receiving::message;
                }) == 0;
       };
       uid_t user = 0;
