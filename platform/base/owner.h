@@ -63,7 +63,7 @@ class unique_fd {
 // exits. Needs no memory of its own where a heap object would.
 template <class T>
 union never_destroyed {
-  constexpr never_destroyed() : value() {}
+  constexpr never_destroyed() noexcept : value() {}
   ~never_destroyed() {}
   T value;
 };
@@ -76,6 +76,14 @@ Result no_throw(Result failure, Body &&body) noexcept {
   } catch (...) {
     return failure;
   }
+}
+
+template <class Body>
+void no_throw(Body &&body) noexcept {
+  no_throw(0, [&body] {
+    std::forward<Body>(body)();
+    return 0;
+  });
 }
 
 #endif

@@ -51,6 +51,6 @@ bool is_lost(MYSQL *mysql);
 
 // Makes mysql_error tell of a failure that the client library had no part in, or another
 // connection.
-void set_error(MYSQL *mysql, unsigned code, const char *text);
+void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept;
 
 #endif

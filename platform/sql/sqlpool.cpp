@@ -44,11 +44,11 @@ int add_shard(std::shared_ptr<fr_sql_shard> shard) {
   return 0;
 }
 
-MYSQL *handle_of(const fr_sql_conn &session) {
+MYSQL *handle_of(const fr_sql_conn &session) noexcept {
   return session.connection.handle.get();
 }
 
-int fail(const fr_sql_conn &session, unsigned code, const char *text) {
+int fail(const fr_sql_conn &session, unsigned code, const char *text) noexcept {
   set_error(handle_of(session), code, text);
   return -1;
 }
