@@ -4,15 +4,12 @@
 #define MAIN_SQL_QUERY_H
 
 #include <cstdarg>
-#include <memory>
 #include <string>
 
 #include <spoolcap/sqlsession.h>
 #include "platform/base/diagnostics.h"
-#include "platform/base/owner.h"
+#include "platform/sql/handles.h"
 #include "platform/sql/sqlpool.h"
-
-using sql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
 
 // A session for the length of a scope: the caller's when it gave one, else one of its own that is
 // released at the end. Empty when none could be had.
