@@ -4,6 +4,7 @@
 
 #include "main/sql/query.h"
 #include "platform/base/parseconfig.h"
+#include "platform/base/text_array.h"
 #include "tests/support/sandbox.h"
 #include "tests/unit/velkan_fixture.h"
 
@@ -66,9 +67,9 @@ TEST(ShortMemory, TheCacheGivesAllFieldsOrNone) {
         vk_hmget_whole(client, "h", 1, fields, 2, lengths, &values, &count, nullptr, "", 1);
     EXPECT_EQ(values != nullptr, status == VK_OK);
     if (status != VK_OK) return false;
-    EXPECT_STREQ(c_string(values[0]).get(), "v");
+    const text_array owned_values(values, count);
+    EXPECT_STREQ(values[0], "v");
     EXPECT_EQ(values[1], nullptr);
-    free(static_cast<void *>(values));
     return true;
   });
 }

@@ -1,8 +1,6 @@
 #include "tests/support/servers.h"
 
 #include <arpa/inet.h>
-#include <hiredis.h>
-#include <mysql.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,6 +11,9 @@
 #include <fstream>
 #include <stdexcept>
 #include <thread>
+
+#include "platform/sql/handles.h"
+#include "platform/velkan/handles.h"
 
 namespace support {
 namespace {
@@ -163,16 +164,13 @@ static std::vector<std::string> mariadb_argv(const server &of) {
 }
 
 static bool mariadb_answers(const server &asked) {
-  MYSQL connection;
-  mysql_init(&connection);
+  const mysql_handle connection(mysql_init(nullptr));
   const unsigned seconds = 5;
-  mysql_options(&connection, MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
-  mysql_options(&connection, MYSQL_OPT_READ_TIMEOUT, &seconds);
-  const bool up = mysql_real_connect(&connection, nullptr, database_user, database_password,
-                                     nullptr, 0, asked.socket().c_str(), 0) != nullptr &&
-                  mysql_ping(&connection) == 0;
-  mysql_close(&connection);
-  return up;
+  mysql_options(connection.get(), MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
+  mysql_options(connection.get(), MYSQL_OPT_READ_TIMEOUT, &seconds);
+  return mysql_real_connect(connection.get(), nullptr, database_user, database_password, nullptr, 0,
+                            asked.socket().c_str(), 0) != nullptr &&
+         mysql_ping(connection.get()) == 0;
 }
 
 mariadb_server::mariadb_server(const server_options &options)
@@ -211,13 +209,10 @@ static std::vector<std::string> redis_argv(const server &of) {
 
 // One that asks for its password is up as well.
 static bool redis_answers(const server &asked) {
-  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
-      redisConnectUnixWithTimeout(asked.socket().c_str(), timeval{5, 0}));
+  const vk_context context(redisConnectUnixWithTimeout(asked.socket().c_str(), timeval{5, 0}));
   if (!context || context->err != 0) return false;
   redisSetTimeout(context.get(), timeval{5, 0});
-  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
-      static_cast<redisReply *>(redisCommand(context.get(), "PING")));
-  return reply != nullptr;
+  return own_reply(redisCommand(context.get(), "PING")) != nullptr;
 }
 
 redis_server::redis_server(const server_options &options)

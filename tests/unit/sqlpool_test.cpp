@@ -31,7 +31,7 @@ std::string ask(const session &from, const std::string &statement) {
     EXPECT_STRNE(mysql_error(fr_sql_conn_get_mysql(from.get())), "") << "no reason was given";
     return "error";
   }
-  const mysql_result owned(rows);
+  const sql_result owned(rows);
   const MYSQL_ROW row = rows == nullptr ? nullptr : mysql_fetch_row(rows);
   return row == nullptr || row[0] == nullptr ? "" : row[0];
 }
