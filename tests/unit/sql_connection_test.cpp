@@ -2,24 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <thread>
 
 #include "platform/base/nb_io.h"
+#include "tests/support/scripted_peer.h"
 #include "tests/support/servers.h"
 
 using namespace std::chrono_literals;
 
 namespace {
-
-unique_fd bound_to(const std::string &path) {
-  sockaddr_un address{AF_UNIX, {}};
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  EXPECT_EQ(bind(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-  return socket;
-}
 
 // Sends one byte of its greeting every 100 ms.
 void drip(const unique_fd &listener) {
@@ -44,11 +36,9 @@ TEST(SqlConnection, AServerThatDripsItsGreetingOrAcceptsNobodyIsHeldToThreeSecon
   int port = 0;
   const support::private_folder folder("sql");
   const std::string path = folder.path() / "dripping", full = folder.path() / "full";
-  const unique_fd remote = support::bound_to_loopback(port), local = bound_to(path),
-                  accepting_none = bound_to(full);
-  for (const unique_fd *listener : {&remote, &local, &accepting_none}) {
-    ASSERT_EQ(listen(listener->get(), 0), 0);
-  }
+  const unique_fd remote = support::bound_to_loopback(port), local = support::listening_at(path, 0),
+                  accepting_none = support::listening_at(full, 0);
+  ASSERT_EQ(listen(remote.get(), 0), 0);
   const unique_fd first_in_queue(fr_connect_nb_unix(full.c_str(), 1));
   std::vector<std::jthread> all;
   all.emplace_back(drip, std::cref(remote));
