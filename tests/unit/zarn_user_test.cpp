@@ -109,20 +109,6 @@ TEST_F(Account, UnknownOneIsNotKnownAndNothingIsCached) {
   EXPECT_EQ(box.redis({"EXISTS", "res:inf:mng:77"}), "0");
 }
 
-TEST_F(Account, FailedStatementIsToldInTheNameOfItsLookup) {
-  box.sql("RENAME TABLE client TO elsewhere, extension TO elsewhere_too");
-  size_t count = 0;
-  for (const lookup_case &lookup : {parent, level, status, phone_status}) lookup.ask(3);
-  EXPECT_EQ(name.ask(3), std::nullopt);
-  EXPECT_EQ(qx_user_get_extensions_sess(nullptr, "2", 3, 1, &count), nullptr);
-  for (const char *function :
-       {"qx_account_get_parent_str_sess", "qx_account_get_level_sess", "qx_user_get_status",
-        "qx_user_get_phonestatus", "qx_user_get_extensions_sess"}) {
-    EXPECT_TRUE(log.has("../main/zarn_user:" + std::string(function) + ":")) << function;
-  }
-  EXPECT_TRUE(log.has("Could not query for client name with id 3 (Table "));
-}
-
 TEST_F(Account, SessionOfTheCallerIsUsedAndKept) {
   const sql_session session;
   qx_sql_pool_destroy();  // no other session can be had
