@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "fuzz/fuzz.h"
+#include "platform/base/text_array.h"
 #include "platform/velkan/velkan.h"
 #include "tests/support/scripted_peer.h"
 
@@ -49,11 +50,10 @@ result ask(const conversation &with) {
   char **values = nullptr;
   got.status = vk_hgetall(with.client(), "k", 1, &count, &fields, &values, 1, 0);
   REQUIRE(got.status == VK_OK || (fields == nullptr && values == nullptr && count == 0));
-  for (size_t i = 0; i < 2 * count; ++i) {
-    got.pairs.push_back(fuzz::owned(i % 2 == 0 ? fields[i / 2] : values[i / 2]).value_or(""));
+  const text_array owned_fields(fields, count), owned_values(values, count);
+  for (size_t i = 0; i < count; ++i) {
+    for (const char *text : {fields[i], values[i]}) got.pairs.emplace_back(text ? text : "");
   }
-  std::free(static_cast<void *>(fields));
-  std::free(static_cast<void *>(values));
   return got;
 }
 

@@ -1,6 +1,7 @@
 // The cache client when memory is short: whichever allocation fails, a call gives its error result
 // or the right one. The campaign does the same to whole runs, which never read several fields at
 // once.
+#include "platform/base/text_array.h"
 #include "tests/unit/velkan_fixture.h"
 
 extern "C" long allocations_made, failing_allocation;
@@ -22,11 +23,11 @@ bool read_two_fields(vk_mm_t *memory, const std::string &socket, const std::stri
   char **values = nullptr;
   const int status =
       vk_hmget_whole(client, "h", 1, fields, 2, lengths, &values, &count, nullptr, "", 1);
+  const text_array found(values, count);
   EXPECT_EQ(values != nullptr, status == VK_OK);
   if (status != VK_OK) return false;
-  EXPECT_STREQ(c_string(values[0]).get(), "v");
-  EXPECT_EQ(values[1], nullptr);
-  free(static_cast<void *>(values));
+  EXPECT_STREQ(found[0], "v");
+  EXPECT_EQ(found[1], nullptr);
   return true;
 }
 

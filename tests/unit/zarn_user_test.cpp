@@ -36,18 +36,21 @@ struct lookup_case {
   const char *column, *field;
   answer (*ask)(int id);
 };
-const lookup_case parent{"parent_client_id", "pid",
-                         [](int id) { return taken(qx_account_get_parent_str_sess(nullptr, id)); }};
-const lookup_case parent_id{"parent_client_id", "pid", [](int id) -> answer {
-                              return std::to_string(qx_account_get_parent_sess(nullptr, id));
-                            }};
-const lookup_case level{"level", "lvl",
-                        [](int id) -> answer { return std::to_string(qx_account_get_level(id)); }};
-const lookup_case status{"status", "st",
-                         [](int id) -> answer { return std::to_string(qx_user_get_status(id)); }};
-const lookup_case phone_status{"phonestatus", "pst", [](int id) -> answer {
-                                 return std::to_string(qx_user_get_phonestatus(id));
-                               }};
+template <auto lookup>
+answer number(int id) {
+  return std::to_string(lookup(id));
+}
+answer parent_text(int id) {
+  return taken(qx_account_get_parent_str_sess(nullptr, id));
+}
+answer parent_number(int id) {
+  return std::to_string(qx_account_get_parent_sess(nullptr, id));
+}
+const lookup_case parent{"parent_client_id", "pid", parent_text};
+const lookup_case parent_id{"parent_client_id", "pid", parent_number};
+const lookup_case level{"level", "lvl", number<qx_account_get_level>};
+const lookup_case status{"status", "st", number<qx_user_get_status>};
+const lookup_case phone_status{"phonestatus", "pst", number<qx_user_get_phonestatus>};
 const lookup_case name{"name", "nam", [](int id) { return taken(qx_account_get_name(id)); }};
 
 TEST_F(Account, FirstAnswerIsTheDatabasesAndLaterOnesTheCaches) {
