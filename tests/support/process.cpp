@@ -50,6 +50,7 @@ std::string content(const unique_fd &fd) {
     value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
   }
   std::vector<char *> pointers;
+  pointers.reserve(argv.size() + 1);
   for (const std::string &word : argv) pointers.push_back(const_cast<char *>(word.c_str()));
   pointers.push_back(nullptr);
   execvp(pointers[0], pointers.data());

@@ -92,16 +92,6 @@ TEST_F(SqlSession, CredentialsThatEverybodyMayReadAreWarnedOfOnce) {
   log.expect(FR_LOG_WARNING, "Everybody may read <");
 }
 
-TEST_F(SqlSession, ThePlatformsFilesGiveSessionsOnTheFirstShard) {
-  EXPECT_EQ(sess_init(), nullptr) << "no pool yet";
-  qx_sql_pool_init();
-  const sql_session session;
-  EXPECT_EQ(sql_text(QX_HERE, session.get(), "SELECT %s()", "DATABASE").get(), box.database());
-  sql_result rows;
-  EXPECT_EQ(sql_query(QX_HERE, session.get(), rows, "DO 0"), 0);
-  EXPECT_FALSE(rows);
-}
-
 // The routines that every module asks the database with; each gives the first column, or null.
 c_string by_query(const call_site &site, SessionHandle session, const char *statement) {
   const sql_session own(session);

@@ -6,7 +6,6 @@
 #include <array>
 
 #include <spoolcap/zarn_extension.h>
-#include "main/sql/query.h"
 #include "tests/support/platform_test.h"
 
 namespace {
@@ -110,18 +109,6 @@ TEST_F(Account, UnknownOneIsNotKnownAndNothingIsCached) {
   EXPECT_EQ(told().back(), "Could not query for client name with id 77");
   EXPECT_EQ(last_line.priority, FR_LOG_WARNING);
   EXPECT_EQ(box.redis({"EXISTS", "res:inf:mng:77"}), "0");
-}
-
-TEST_F(Account, SessionOfTheCallerIsUsedAndKept) {
-  const sql_session session;
-  qx_sql_pool_destroy();  // no other session can be had
-  EXPECT_EQ(taken(qx_account_get_parent_str_sess(session.get(), 3)), "2");
-  EXPECT_EQ(qx_account_get_level_sess(session.get(), 3), 100);
-  EXPECT_EQ(taken(qx_account_get_name_sess(session.get(), 3)), "The Owner");
-  box.add_extension(11, 3, "101");
-  size_t count = 0;
-  EXPECT_EQ(taken(1, qx_user_get_extensions_sess(session.get(), "2", 3, 0, &count)),
-            values{"0002*101"});
 }
 
 class AccountExtensions : public Account {
