@@ -10,10 +10,10 @@ namespace {
 
 // Elements of an array that was handed out, "-" for what is absent; all of it is freed.
 std::string joined(char **array, size_t count) {
-  const text_array elements(array, count);
+  const text_array owned(array, count);
   std::string all;
-  for (size_t i = 0; i < elements.count(); i++) {
-    all += (i > 0 ? "," : "") + std::string(elements[i] != nullptr ? elements[i] : "-");
+  for (size_t i = 0; i < owned.count(); i++) {
+    all += (i > 0 ? "," : "") + std::string(owned[i] != nullptr ? owned[i] : "-");
   }
   return all;
 }
