@@ -76,8 +76,9 @@ class config_reader {
       const parseconfig_line found = split_config_line(*line);
       if (found.keyword.empty()) continue;
       const std::string wrong = take(found.keyword, found.value);
-      if (!wrong.empty())
+      if (!wrong.empty()) {
         return {std::nullopt, at(line_, std::string(found.keyword) + ": " + wrong)};
+      }
     }
     if (lines.failed()) return {std::nullopt, at(0, "cannot be read to its end")};
     std::string wrong = check_names();
