@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 #include <vector>
 
 #include "platform/base/owner.h"
@@ -15,6 +16,21 @@ using digest_owner = std::unique_ptr<EVP_MD_CTX, call_to_release<EVP_MD_CTX_free
 
 unsigned char *bytes_of(std::string &text) {
   return reinterpret_cast<unsigned char *>(text.data());
+}
+
+// Looked up once: a call of EVP_sha256 is looked up anew by each digest.
+const EVP_MD *algorithm(const char *name) {
+  const EVP_MD *found = EVP_MD_fetch(nullptr, name, nullptr);
+  if (found == nullptr) throw std::runtime_error(std::string("no digest ") + name);
+  return found;
+}
+const EVP_MD *md5() {
+  static const EVP_MD *const kind = algorithm("MD5");
+  return kind;
+}
+const EVP_MD *sha256() {
+  static const EVP_MD *const kind = algorithm("SHA256");
+  return kind;
 }
 
 std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
@@ -41,7 +57,7 @@ std::string end_digest(const digest_owner &digest) {
 
 bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
   constexpr std::int64_t at_once = 128 << 10;
-  const digest_owner md5 = begin_digest(EVP_md5()), sha256 = begin_digest(EVP_sha256());
+  const digest_owner md5_of = begin_digest(md5()), sha256_of = begin_digest(sha256());
   std::vector<char> buffer(static_cast<size_t>(std::min(body.length, at_once)));
   for (std::int64_t done = 0; done < body.length;) {
     if (stop != nullptr && *stop) {
@@ -55,21 +71,21 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
       errno = EIO;
       return false;
     }
-    EVP_DigestUpdate(md5.get(), buffer.data(), static_cast<size_t>(read));
-    EVP_DigestUpdate(sha256.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(md5_of.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(sha256_of.get(), buffer.data(), static_cast<size_t>(read));
     done += read;
   }
-  body.md5 = end_digest(md5);
-  body.sha256 = end_digest(sha256);
+  body.md5 = end_digest(md5_of);
+  body.sha256 = end_digest(sha256_of);
   return true;
 }
 
 std::string s3_md5(std::string_view bytes) {
-  return digest_of(bytes, EVP_md5());
+  return digest_of(bytes, md5());
 }
 
 std::string s3_sha256(std::string_view bytes) {
-  return digest_of(bytes, EVP_sha256());
+  return digest_of(bytes, sha256());
 }
 
 std::string s3_base64(std::string_view bytes) {

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/base/owner.h"
+
 namespace {
 
 // A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
@@ -41,7 +43,9 @@ std::size_t s3_exchange::give(char *to, std::size_t size, std::size_t count, voi
 }
 
 std::size_t s3_exchange::take(const char *from, std::size_t size, std::size_t count, void *self) {
-  return static_cast<s3_exchange *>(self)->take_bytes({from, size * count});
+  return no_throw(std::size_t{0}, [&] {
+    return static_cast<s3_exchange *>(self)->take_bytes({from, size * count});
+  });
 }
 
 std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
