@@ -44,6 +44,10 @@ std::string encoded(std::string_view text, bool slash_stays) {
 
 // A header's value without the blanks around it, and with one blank where several stood.
 void append_folded(std::string &to, std::string_view value) {
+  if (value.find_first_of(" \t") == value.npos) {
+    to += value;
+    return;
+  }
   const size_t start = to.size();
   bool gap = false;
   for (const char byte : value) {
