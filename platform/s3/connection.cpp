@@ -112,7 +112,9 @@ s3_header_lines s3_client::connection::signed_headers(const s3_request &request,
   s3_header_lines lines;
   // libcurl takes a header without a value for one to leave out, but for the form with ";".
   for (const auto &[name, value] : to_sign.headers) {
-    lines.add(value.empty() ? name + ";" : name + ": " + value);
+    std::string line = name;
+    line.append(value.empty() ? ";" : ": ").append(value);
+    lines.add(std::move(line));
   }
   // Asking first costs a turn. It is worth that only where a refusal would meet a body that is not
   // sent yet, since the connection is lost then, and the refusal with it.

@@ -115,8 +115,9 @@ bool s3_exchange::pace(std::size_t bytes) {
   const std::int64_t cost = static_cast<std::int64_t>(bytes) * 1'000'000'000 / rate;
   const std::int64_t now = clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
   std::int64_t booked = control_.booked_until, turn = 0;
-  do turn = std::max(booked, now);
-  while (!control_.booked_until.compare_exchange_weak(booked, turn + cost));
+  do {
+    turn = std::max(booked, now);
+  } while (!control_.booked_until.compare_exchange_weak(booked, turn + cost));
   const clock::time_point until{std::chrono::nanoseconds(turn)};
   while (clock::now() < until) {
     if (control_.stop) return false;
