@@ -1,5 +1,7 @@
 #include "transfer/downloads.h"
 
+#include <unistd.h>
+
 #include <condition_variable>
 #include <list>
 #include <map>
@@ -150,6 +152,8 @@ void transfer_downloads::engine::deliver(transfer &what, const std::list<downloa
   const receipt &object = what.fetch.got();
   for (const download_order &one : orders) {
     const int target = one.target.get();
+    // Each copy reads the first one's file from its start.
+    ::lseek(what.target, 0, SEEK_SET);
     const int error = target == what.target ? 0 : copy_content(what.target, target);
     // Without a receipt the store is asked instead.
     if (error == 0) write_receipt(target, object);
