@@ -3,7 +3,7 @@
 #   make demo-s3 a recording to a private object store and back; it installs one, of some 270 MB
 #   make test   build and pass all tests but those that need an object store
 #   make test-s3 those: it installs one, of some 270 MB
-#   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
+#   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
 # Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
 
 SHELL := /bin/bash
@@ -53,7 +53,9 @@ bench: deps $(BUILD)/build.ninja
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
 faults: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target faults
+	cmake --build --preset release --target faults_tests testbed
+	SPOOLCAP_FAULT=$(or $(AT),all) $(BUILD)/bin/testbed \
+	  ctest --preset release -j $(JOBS) -R 'Campaign.*/$(CASE)'
 
 sanitize: deps
 	cmake --preset sanitize

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include <spoolcap/zarn_str.h>
 #include "platform/base/diagnostics.h"
+#include "transfer/multipart.h"
 #include "transfer/receipt.h"
 #include "transfer/tree_walk.h"
 
@@ -47,7 +49,7 @@ class look {
   bool cached(const walked_file &found) {
     if (found.name.starts_with(removing_prefix)) {
       restore(found);
-    } else if (found.name.starts_with(storing_prefix)) {
+    } else if (found.name.starts_with(storing_prefix) || is_orphan_record(found)) {
       sweep(found);
     } else if (!found.name.starts_with('.')) {
       stored(found);
@@ -58,6 +60,13 @@ class look {
   bool transferred(const walked_file &found) {
     sweep(found);
     return !parts_.stop;
+  }
+
+  // What is left of an upload in parts whose file is gone.
+  static bool is_orphan_record(const walked_file &found) {
+    if (!found.name.starts_with(parts_prefix)) return false;
+    const char *const file = found.name.c_str() + std::strlen(parts_prefix);
+    return ::faccessat(found.folder, file, F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
   }
 
   void restore(const walked_file &found) {

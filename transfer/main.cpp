@@ -23,15 +23,14 @@ int refuse(exit_status status, const std::string &why) {
 }
 
 int serve(service_settings settings) {
-  if (::geteuid() == 0 && !root_may_serve()) {
-    return refuse(status_wrong, "root must not run the service: run it as the user of the hosts");
-  }
   set_up_process();
   log_to_standard_error();
   signal_watch signals;
   transfer_service service;
   const std::string metrics_file = settings.config.metrics_file;
-  const std::string refused = service.start(std::move(settings));
+  const std::string wrong = service.configure(std::move(settings));
+  if (!wrong.empty()) return refuse(status_wrong, wrong);
+  const std::string refused = service.start();
   if (!refused.empty()) return refuse(status_failed, refused);
   service_routine routine(service, metrics_file);
   notify_ready("ready");
@@ -61,6 +60,9 @@ int run(const transfer_options &options) {
   if (options.task == transfer_task::version) {
     puts("spoolcap-transfer " SPOOLCAP_VERSION);
     return status_ok;
+  }
+  if (options.task == transfer_task::serve && ::geteuid() == 0 && !root_may_serve()) {
+    return refuse(status_wrong, "root must not run the service: run it as the user of the hosts");
   }
   settings_reading reading = read_settings();
   if (!reading.settings) return refuse(status_wrong, reading.error);

@@ -16,7 +16,7 @@ constexpr long most_in_page = 1000;
 constexpr std::string_view claim_milliseconds = "60000";
 constexpr double deletions_kept = 7 * 86'400.0;  // seconds
 
-const queue_script page_script(page_text);
+const queue_script page_script(std::string(is_of_text) + page_text);
 const queue_script begin_upload_script(begin_upload_text);
 const queue_script end_upload_script(end_upload_text);
 const queue_script drop_script(drop_text);

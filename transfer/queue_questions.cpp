@@ -1,7 +1,12 @@
 // What is asked about the queues beside working them off.
 #include "transfer/queue_names.h"
+#include "transfer/scripts.h"
 
 namespace {
+
+constexpr long places_counted = 10'000;  // at once
+
+const queue_script count_script(std::string(is_of_text) + count_text);
 
 double number_or_zero(const redisReply &pair) {
   if (pair.type != REDIS_REPLY_ARRAY || pair.elements < 2) return 0;
@@ -18,12 +23,17 @@ bool transfer_queue::ask(std::initializer_list<std::string_view> words, vk_reply
 std::optional<queue_summary> transfer_queue::summary() {
   queue_summary result;
   for (long cursor = 0; cursor >= 0;) {
-    const auto entries = uploads(cursor);
-    if (!entries) return std::nullopt;
-    if (result.uploads == 0 && !entries->empty()) {
-      result.oldest_upload = entries->front().queued_at();
+    vk_reply part;
+    const std::string last = std::to_string(cursor + places_counted - 1);
+    const bool answered =
+        run(count_script, {upload_queue}, {std::to_string(cursor), last, node_}, part);
+    if (!answered || part->type != REDIS_REPLY_ARRAY || part->elements != 3) return std::nullopt;
+    cursor = static_cast<long>(part->element[0]->integer);
+    const redisReply &oldest = *part->element[2];
+    if (result.uploads == 0) {
+      result.oldest_upload = queue_entry{"", std::string(oldest.str, oldest.len)}.queued_at();
     }
-    result.uploads += static_cast<long>(entries->size());
+    result.uploads += static_cast<long>(part->element[1]->integer);
   }
   vk_reply all, deletes, oldest;
   if (!ask({"ZCARD", upload_queue}, all) || !ask({"ZCARD", delete_queue}, deletes) ||

@@ -12,6 +12,16 @@ struct queue_script {
   std::string digest;  // SHA-1, lower-case hexadecimal
 };
 
+// Whether a member is one of this node's uploads; stands in front of the two scripts below.
+inline constexpr char is_of_text[] = R"lua(
+local function is_of(node, member)
+  local at = string.find(member, '@', 1, true)
+  local stop = at and at + #node + 1
+  return at and string.sub(member, at + 1, stop) == node .. ':' and
+         not string.find(member, ':', stop + 1, true)
+end
+)lua";
+
 // KEYS: queue. ARGV: first and last place, node or "" for all, most entries.
 // {next place or -1, {member, score, ...}}
 inline constexpr char page_text[] = R"lua(
@@ -19,21 +29,29 @@ local first, last, node, most = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3], t
 local read = redis.call('ZRANGE', KEYS[1], first, last, 'WITHSCORES')
 local found = {}
 for i = 1, #read, 2 do
-  local member, ours = read[i], node == ''
-  if not ours then
-    local at = string.find(member, '@', 1, true)
-    local stop = at and at + #node + 1
-    ours = at and string.sub(member, at + 1, stop) == node .. ':' and
-           not string.find(member, ':', stop + 1, true)
-  end
-  if ours then
-    found[#found + 1] = member
+  if node == '' or is_of(node, read[i]) then
+    found[#found + 1] = read[i]
     found[#found + 1] = read[i + 1]
     if #found == 2 * most then return {first + (i + 1) / 2, found} end
   end
 end
 if #read < 2 * (last - first + 1) then return {-1, found} end
 return {last + 1, found}
+)lua";
+
+// KEYS: queue. ARGV: first and last place, node.
+// {next place or -1, count, oldest score or ""}
+inline constexpr char count_text[] = R"lua(
+local first, last, node = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3]
+local read = redis.call('ZRANGE', KEYS[1], first, last)
+local count, oldest = 0, ''
+for _, member in ipairs(read) do
+  if is_of(node, member) then
+    if count == 0 then oldest = redis.call('ZSCORE', KEYS[1], member) end
+    count = count + 1
+  end
+end
+return {#read < last - first + 1 and -1 or last + 1, count, oldest}
 )lua";
 
 // KEYS: uploads, deletions, claim, claim of the prefix, unclear. ARGV: member, score, deletion of

@@ -45,6 +45,7 @@ struct transfer_service::parts {
       : settings(std::move(what)), queue(client, node) {}
 
   service_report report();
+  void order(download_order what);
 
   service_settings settings;  // the main thread's
   const std::string node = settings.config.node;
@@ -77,36 +78,45 @@ service_report transfer_service::parts::report() {
   return report;
 }
 
+// What comes into the cache is looked at, whether there is room for more.
+void transfer_service::parts::order(download_order what) {
+  what.done = [this, done = std::move(what.done)](bool whole) {
+    done(whole);
+    if (whole) keeper.inserted();
+  };
+  downloads.order(std::move(what));
+}
+
 transfer_service::transfer_service() = default;
 
 transfer_service::~transfer_service() {
   stop();
 }
 
-std::string transfer_service::start(service_settings settings) {
-  vk_client *client = nullptr;
+std::string transfer_service::configure(service_settings settings) {
+  vk_client_t *client = nullptr;
   const bool has_servers = ast_vk_init(&client) == 0;
   if (client == nullptr) return "out of memory";
+  vk_set_patient(client);
   auto made = std::make_unique<parts>(client, std::move(settings));
-  if (!has_servers) return "no cache server is configured, see disdbase.conf and local.conf";
-  const transfer_config &config = made->settings.config;
-  made->control.bytes_per_second = config.bytes_per_second;
-  const std::string refused = made->locations.configure(config);
-  if (!refused.empty()) return refused;
+  if (!has_servers) return "no cache server is configured: see disdbase.conf and local.conf";
+  made->control.bytes_per_second = made->settings.config.bytes_per_second;
+  std::string refused = made->locations.configure(made->settings.config);
+  if (refused.empty()) parts_ = std::move(made);
+  return refused;
+}
 
-  parts &all = *made;
-  all.server = std::make_unique<transfer_server>(server_hooks{
-      .download = [&all](download_order what) { all.downloads.order(std::move(what)); },
-      .queued = [&all] { all.workers.wake(); },
-      .status = [&all] { return status_json(all.report()); }});
-  // From here on stop() ends what was started.
-  parts_ = std::move(made);
+std::string transfer_service::start() {
+  parts &all = *parts_;
+  const transfer_config &config = all.settings.config;
+  all.server = std::make_unique<transfer_server>(
+      server_hooks{.download = [&all](download_order what) { all.order(std::move(what)); },
+                   .queued = [&all] { all.workers.wake(); },
+                   .status = [&all] { return status_json(all.report()); }});
+  // Before the server, as orders may come at once.
   all.downloads.start(config.downloads, config.wait);
-  const std::string deaf = all.server->start(config.socket);
-  if (!deaf.empty()) {
-    stop();
-    return deaf;
-  }
+  std::string deaf = all.server->start(config.socket);
+  if (!deaf.empty()) return deaf;
   all.workers.start(for_workers(all.settings));
   all.keeper.start(for_keeper(all.settings));
   return "";
@@ -143,7 +153,7 @@ void transfer_service::stop() {
   parts_->keeper.stop();
   parts_->workers.stop();
   parts_->downloads.stop();
-  parts_->server->stop();
+  if (parts_->server) parts_->server->stop();
   parts_.reset();
 }
 

@@ -16,8 +16,10 @@ class transfer_service {
   transfer_service &operator=(const transfer_service &) = delete;
   ~transfer_service();  // as stop()
 
-  // Starts all parts. Empty, or one line: why the service cannot serve.
-  std::string start(service_settings settings);
+  // Takes the settings and the keys. Empty, or one line: what is wrong with them.
+  std::string configure(service_settings settings);
+  // Starts all parts of a configured service. Empty, or one line: why it cannot serve.
+  std::string start();
   // Takes keys and configuration anew. Lines for the log: what is wrong, then everything stays as
   // it was, or what needs a restart to change.
   std::vector<std::string> reload(settings_reading reading);

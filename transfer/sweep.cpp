@@ -13,8 +13,8 @@ constexpr double forgotten_after = 2 * 86'400.0;  // seconds
 
 bool is_forgotten(const job_context &context, const worker_settings &settings,
                   const std::string &location, const s3_upload &upload) {
-  if (qx_get_tstamp() - upload.initiated < forgotten_after || !first_id_of(upload.key))
-    return false;
+  const bool is_old = qx_get_tstamp() - upload.initiated > forgotten_after;
+  if (!is_old || !first_id_of(upload.key)) return false;
   const std::string path = path_in_cache(settings, upload.key);
   if (path.empty() || ::access(parts_record_path(path).c_str(), F_OK) == 0) return false;
   // Another node may be sending it.

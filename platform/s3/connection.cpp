@@ -45,13 +45,23 @@ s3_pairs s3_metadata_headers(const s3_metadata &metadata) {
   return headers;
 }
 
+curl_slist *s3_header_lines::list() {
+  nodes_.resize(lines_.size());
+  for (size_t i = 0; i < lines_.size(); ++i) {
+    nodes_[i] = {lines_[i].data(), i + 1 < lines_.size() ? &nodes_[i + 1] : nullptr};
+  }
+  return nodes_.data();
+}
+
 s3_client::connection::connection(s3_place place, s3_control &control)
     : place_(std::move(place)), control_(control), signer_(place_.credentials, place_.region) {
   static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (ready != CURLE_OK || !read_endpoint()) return;
   multi_.reset(curl_multi_init());
   easy_.reset(curl_easy_init());
-  if (multi_) curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 1L);
+  if (!multi_ || !easy_) return;
+  curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 1L);
+  prepare();
 }
 
 bool s3_client::connection::read_endpoint() {
@@ -77,9 +87,9 @@ bool s3_client::connection::read_endpoint() {
   return true;
 }
 
-s3_client::connection::header_list s3_client::connection::signed_headers(const s3_request &request,
-                                                                         const std::string &path,
-                                                                         const std::string &query) {
+s3_header_lines s3_client::connection::signed_headers(const s3_request &request,
+                                                      const std::string &path,
+                                                      const std::string &query) {
   const std::string timestamp = s3_timestamp(std::time(nullptr));
   s3_unsigned to_sign{request.method, path, query, request.headers, digest_of_nothing()};
   std::string digest;
@@ -97,59 +107,57 @@ s3_client::connection::header_list s3_client::connection::signed_headers(const s
   if (const std::string &token = place_.credentials.session_token; !token.empty()) {
     to_sign.headers.emplace_back("x-amz-security-token", token);
   }
-  if (!can_be_headers(to_sign.headers)) return nullptr;
+  if (!can_be_headers(to_sign.headers)) return {};
 
-  header_list list;
-  const auto add = [&list](const std::string &line) {
-    curl_slist *longer = curl_slist_append(list.get(), line.c_str());
-    if (longer == nullptr) throw std::bad_alloc();
-    static_cast<void>(list.release());
-    list.reset(longer);
-  };
+  s3_header_lines lines;
   // libcurl takes a header without a value for one to leave out, but for the form with ";".
   for (const auto &[name, value] : to_sign.headers) {
-    add(value.empty() ? name + ";" : name + ": " + value);
+    std::string line = name;
+    line.append(value.empty() ? ";" : ": ").append(value);
+    lines.add(std::move(line));
   }
   // Asking first costs a turn. It is worth that only where a refusal would meet a body that is not
   // sent yet, since the connection is lost then, and the refusal with it.
-  if (request.has_body() && request.length() <= send_unasked) add("expect:");
-  add("authorization: " + signer_.authorization(to_sign, timestamp));
-  return list;
+  if (request.has_body() && request.length() <= send_unasked) lines.add("expect:");
+  lines.add("authorization: " + signer_.authorization(to_sign, timestamp));
+  return lines;
 }
 
-void s3_client::connection::set_options(s3_exchange &running, const s3_request &request,
-                                        const std::string &url, const curl_slist *headers) {
+// What all requests have in common.
+void s3_client::connection::prepare() {
   CURL *handle = easy_.get();
-  curl_easy_reset(handle);
-  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);  // "." and ".." may be parts of a key
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
   curl_easy_setopt(handle, CURLOPT_USERAGENT, "spoolcap");
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
-  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, running.message);
-  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS,
-                   static_cast<long>(control_.connect_timeout.count()));
+  curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, message_);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &s3_exchange::take);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &running);
+  // Without a function to rewind, libcurl cannot send a body a second time by itself.
+  curl_easy_setopt(handle, CURLOPT_READFUNCTION, &s3_exchange::give);
   if (!place_.ca_file.empty()) {
     curl_easy_setopt(handle, CURLOPT_CAINFO, place_.ca_file.c_str());
   }
-  if (request.has_body()) {
-    // Without a function to rewind, libcurl cannot send a body a second time by itself.
-    curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
-    curl_easy_setopt(handle, CURLOPT_READFUNCTION, &s3_exchange::give);
-    curl_easy_setopt(handle, CURLOPT_READDATA, &running);
-    curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.length()));
-  }
-  if (std::string_view(request.method) == "HEAD") {
-    curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
-  } else {
-    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method);
-  }
+}
+
+void s3_client::connection::set_options(s3_exchange &running, const s3_request &request,
+                                        const std::string &url, curl_slist *headers) {
+  CURL *handle = easy_.get();
+  curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS,
+                   static_cast<long>(control_.connect_timeout.count()));
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &running);
+  curl_easy_setopt(handle, CURLOPT_READDATA, &running);
+  curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(request.length()));
+  // In this order: the first sets the method back to GET, which the second keeps unless it is HEAD.
+  const bool head = std::string_view(request.method) == "HEAD";
+  curl_easy_setopt(handle, CURLOPT_UPLOAD, request.has_body() ? 1L : 0L);
+  curl_easy_setopt(handle, CURLOPT_NOBODY, head ? 1L : 0L);
+  curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, head ? nullptr : request.method);
+  message_[0] = '\0';
 }
 
 CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
@@ -193,14 +201,15 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
   if (!request.of_bucket) path += s3_path_text("/" + place_.prefix + request.key);
   if (path.empty()) path = "/";
   const std::string query = s3_query(request.query);
-  const header_list headers = signed_headers(request, path, query);
-  if (!headers) {
+  s3_header_lines headers = signed_headers(request, path, query);
+  if (headers.empty()) {
     answer.outcome = s3_outcome::refused;
     answer.text = "a control character in a key of the store, a token or metadata";
     return reply;
   }
   s3_exchange running(request, control_, easy_.get());
-  set_options(running, request, origin_ + path + (query.empty() ? "" : "?" + query), headers.get());
+  set_options(running, request, origin_ + path + (query.empty() ? "" : "?" + query),
+              headers.list());
   bool stopped = false;
   const CURLcode code = run(running, stopped);
   if (stopped) {
@@ -209,8 +218,6 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
   } else {
     judge(running, code, answer);
   }
-  // What the handle points to ends with this call.
-  curl_easy_reset(easy_.get());
   reply.body = std::move(running.body);
   return reply;
 }
@@ -226,15 +233,10 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
     curl_easy_getinfo(easy_.get(), CURLINFO_RETRY_AFTER, &seconds);
     answer.retry_after = std::chrono::seconds(std::clamp<curl_off_t>(seconds, 0, 3600));
   }
-  constexpr std::string_view marker = "x-amz-meta-";
-  for (curl_header *header = nullptr;
-       (header = curl_easy_nextheader(easy_.get(), CURLH_HEADER, -1, header)) != nullptr;) {
-    std::string name = header->name;
-    for (char &letter : name) {
-      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
-    }
-    if (name.starts_with(marker))
-      answer.metadata[name.substr(marker.size())] = s3_exchange::value_of(*header);
+  read_metadata(answer.metadata);
+  if (answer.status / 100 == 2 && running.body.empty()) {
+    answer.outcome = s3_outcome::done;
+    return;
   }
   const std::string date(running.header("Date"));
   s3_judge(answer, running.body,
@@ -243,6 +245,19 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
             .region_of_bucket = running.header("x-amz-bucket-region"),
             .now = std::time(nullptr),
             .store_time = date.empty() ? -1 : curl_getdate(date.c_str(), nullptr)});
+}
+
+void s3_client::connection::read_metadata(std::map<std::string, std::string> &metadata) const {
+  constexpr std::string_view marker = "x-amz-meta-";
+  for (curl_header *header = nullptr;
+       (header = curl_easy_nextheader(easy_.get(), CURLH_HEADER, -1, header)) != nullptr;) {
+    if (curl_strnequal(header->name, marker.data(), marker.size()) == 0) continue;
+    std::string name = header->name + marker.size();
+    for (char &letter : name) {
+      if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter - 'A' + 'a');
+    }
+    metadata[name] = s3_exchange::value_of(*header);
+  }
 }
 
 // The transfer ended before its answer did.
@@ -261,7 +276,7 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
     answer.outcome = s3_outcome::damaged;
     answer.status = running.status();
   }
-  answer.text = running.fault != nullptr     ? running.fault
-                : running.message[0] != '\0' ? s3_one_line(running.message)
-                                             : curl_easy_strerror(code);
+  answer.text = running.fault != nullptr ? running.fault
+                : message_[0] != '\0'    ? s3_one_line(message_)
+                                         : curl_easy_strerror(code);
 }

@@ -13,6 +13,18 @@ struct s3_reply {
 // As they are sent with an object.
 s3_pairs s3_metadata_headers(const s3_metadata &metadata);
 
+// Lines as libcurl takes them, which borrows them.
+class s3_header_lines {
+ public:
+  void add(std::string line) { lines_.push_back(std::move(line)); }
+  bool empty() const { return lines_.empty(); }
+  curl_slist *list();
+
+ private:
+  std::vector<std::string> lines_;
+  std::vector<curl_slist> nodes_;
+};
+
 class s3_client::connection {
  public:
   connection(s3_place place, s3_control &control);
@@ -21,21 +33,22 @@ class s3_client::connection {
   const s3_place &place() const { return place_; }
 
  private:
-  using header_list = std::unique_ptr<curl_slist, call_to_release<curl_slist_free_all>>;
-
   bool read_endpoint();
-  header_list signed_headers(const s3_request &request, const std::string &path,
-                             const std::string &query);
+  s3_header_lines signed_headers(const s3_request &request, const std::string &path,
+                                 const std::string &query);
+  void prepare();
   void set_options(s3_exchange &running, const s3_request &request, const std::string &url,
-                   const curl_slist *headers);
+                   curl_slist *headers);
   CURLcode run(s3_exchange &running, bool &stopped);
   void judge(const s3_exchange &running, CURLcode code, s3_answer &answer) const;
+  void read_metadata(std::map<std::string, std::string> &metadata) const;
   void judge_broken(const s3_exchange &running, CURLcode code, s3_answer &answer) const;
 
   s3_place place_;
   s3_control &control_;
   s3_signer signer_;
-  std::string origin_, host_, base_;  // "https://host:port", "host:port", path of all requests
+  std::string origin_, host_, base_;    // "https://host:port", "host:port", path of all requests
+  char message_[CURL_ERROR_SIZE] = "";  // of libcurl, which may write it until its handle ends
   std::unique_ptr<CURLM, call_to_release<curl_multi_cleanup>> multi_;
   std::unique_ptr<CURL, call_to_release<curl_easy_cleanup>> easy_;
 };

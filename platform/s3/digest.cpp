@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
 #include <vector>
 
 #include "platform/base/owner.h"
@@ -17,16 +18,29 @@ unsigned char *bytes_of(std::string &text) {
   return reinterpret_cast<unsigned char *>(text.data());
 }
 
-std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
-  std::string result(static_cast<size_t>(EVP_MD_get_size(kind)), '\0');
-  EVP_Digest(bytes.data(), bytes.size(), bytes_of(result), nullptr, kind, nullptr);
-  return result;
+// Looked up once: a call of EVP_sha256 is looked up anew by each digest.
+const EVP_MD *algorithm(const char *name) {
+  const EVP_MD *found = EVP_MD_fetch(nullptr, name, nullptr);
+  if (found == nullptr) throw std::runtime_error(std::string("no digest ") + name);
+  return found;
+}
+const EVP_MD *md5() {
+  static const EVP_MD *const kind = algorithm("MD5");
+  return kind;
+}
+const EVP_MD *sha256() {
+  static const EVP_MD *const kind = algorithm("SHA256");
+  return kind;
 }
 
-digest_owner begin_digest(const EVP_MD *kind) {
+digest_owner new_digest() {
   digest_owner digest(EVP_MD_CTX_new());
-  if (!digest || EVP_DigestInit_ex(digest.get(), kind, nullptr) != 1) throw std::bad_alloc();
+  if (!digest) throw std::bad_alloc();
   return digest;
+}
+
+void begin_digest(const digest_owner &digest, const EVP_MD *kind) {
+  if (EVP_DigestInit_ex2(digest.get(), kind, nullptr) != 1) throw std::bad_alloc();
 }
 
 std::string end_digest(const digest_owner &digest) {
@@ -37,11 +51,20 @@ std::string end_digest(const digest_owner &digest) {
   return result;
 }
 
+std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
+  thread_local const digest_owner digest = new_digest();
+  begin_digest(digest, kind);
+  EVP_DigestUpdate(digest.get(), bytes.data(), bytes.size());
+  return end_digest(digest);
+}
+
 }  // namespace
 
 bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
   constexpr std::int64_t at_once = 128 << 10;
-  const digest_owner md5 = begin_digest(EVP_md5()), sha256 = begin_digest(EVP_sha256());
+  const digest_owner md5_of = new_digest(), sha256_of = new_digest();
+  begin_digest(md5_of, md5());
+  begin_digest(sha256_of, sha256());
   std::vector<char> buffer(static_cast<size_t>(std::min(body.length, at_once)));
   for (std::int64_t done = 0; done < body.length;) {
     if (stop != nullptr && *stop) {
@@ -55,21 +78,21 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
       errno = EIO;
       return false;
     }
-    EVP_DigestUpdate(md5.get(), buffer.data(), static_cast<size_t>(read));
-    EVP_DigestUpdate(sha256.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(md5_of.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(sha256_of.get(), buffer.data(), static_cast<size_t>(read));
     done += read;
   }
-  body.md5 = end_digest(md5);
-  body.sha256 = end_digest(sha256);
+  body.md5 = end_digest(md5_of);
+  body.sha256 = end_digest(sha256_of);
   return true;
 }
 
 std::string s3_md5(std::string_view bytes) {
-  return digest_of(bytes, EVP_md5());
+  return digest_of(bytes, md5());
 }
 
 std::string s3_sha256(std::string_view bytes) {
-  return digest_of(bytes, EVP_sha256());
+  return digest_of(bytes, sha256());
 }
 
 std::string s3_base64(std::string_view bytes) {
@@ -83,12 +106,11 @@ std::string s3_base64(std::string_view bytes) {
 
 std::string s3_hex(std::string_view bytes) {
   constexpr char digits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * bytes.size());
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    text += digits[value >> 4];
-    text += digits[value & 15];
+  std::string text(2 * bytes.size(), '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    const auto value = static_cast<unsigned char>(bytes[i]);
+    text[2 * i] = digits[value >> 4];
+    text[2 * i + 1] = digits[value & 15];
   }
   return text;
 }

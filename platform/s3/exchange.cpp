@@ -10,6 +10,8 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/base/owner.h"
+
 namespace {
 
 // A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
@@ -41,7 +43,9 @@ std::size_t s3_exchange::give(char *to, std::size_t size, std::size_t count, voi
 }
 
 std::size_t s3_exchange::take(const char *from, std::size_t size, std::size_t count, void *self) {
-  return static_cast<s3_exchange *>(self)->take_bytes({from, size * count});
+  return no_throw(std::size_t{0}, [&] {
+    return static_cast<s3_exchange *>(self)->take_bytes({from, size * count});
+  });
 }
 
 std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
@@ -111,8 +115,9 @@ bool s3_exchange::pace(std::size_t bytes) {
   const std::int64_t cost = static_cast<std::int64_t>(bytes) * 1'000'000'000 / rate;
   const std::int64_t now = clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
   std::int64_t booked = control_.booked_until, turn = 0;
-  do turn = std::max(booked, now);
-  while (!control_.booked_until.compare_exchange_weak(booked, turn + cost));
+  do {
+    turn = std::max(booked, now);
+  } while (!control_.booked_until.compare_exchange_weak(booked, turn + cost));
   const clock::time_point until{std::chrono::nanoseconds(turn)};
   while (clock::now() < until) {
     if (control_.stop) return false;

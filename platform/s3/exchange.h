@@ -57,7 +57,6 @@ class s3_exchange {
   std::string body;             // of an answer that does not go to a file
   int error = 0;                // errno of the file here, when it ended the transfer
   const char *fault = nullptr;  // what is wrong with the answer, when that did
-  char message[CURL_ERROR_SIZE] = "";
 
  private:
   using clock = std::chrono::steady_clock;

@@ -1,8 +1,5 @@
 #include "platform/s3/signature.h"
 
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
-
 #include <algorithm>
 
 #include "platform/s3/digest.h"
@@ -11,14 +8,15 @@ namespace {
 
 constexpr std::string_view algorithm = "AWS4-HMAC-SHA256";
 
+// By its definition: the library's own call looks its algorithms up anew each time.
 std::string hmac(std::string_view key, std::string_view text) {
-  std::string result(EVP_MAX_MD_SIZE, '\0');
-  unsigned length = 0;
-  HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
-       reinterpret_cast<const unsigned char *>(text.data()), text.size(),
-       reinterpret_cast<unsigned char *>(result.data()), &length);
-  result.resize(length);
-  return result;
+  constexpr size_t block = 64;
+  std::string inner = key.size() > block ? s3_sha256(key) : std::string(key);
+  inner.resize(block, '\0');
+  std::string outer = inner;
+  for (char &byte : inner) byte ^= 0x36;
+  for (char &byte : outer) byte ^= 0x5c;
+  return s3_sha256(outer.append(s3_sha256(inner.append(text))));
 }
 
 // Not by isalnum: a locale of the process must not change what is signed.
@@ -46,6 +44,10 @@ std::string encoded(std::string_view text, bool slash_stays) {
 
 // A header's value without the blanks around it, and with one blank where several stood.
 void append_folded(std::string &to, std::string_view value) {
+  if (value.find_first_of(" \t") == value.npos) {
+    to += value;
+    return;
+  }
   const size_t start = to.size();
   bool gap = false;
   for (const char byte : value) {
@@ -104,7 +106,7 @@ const std::string &s3_signer::key_of(std::string_view day) {
   return key_;
 }
 
-std::string s3_signer::authorization(s3_unsigned request, std::string_view timestamp) {
+std::string s3_signer::authorization(s3_unsigned &request, std::string_view timestamp) {
   std::sort(request.headers.begin(), request.headers.end());
   std::string names;
   std::string canonical(request.method);

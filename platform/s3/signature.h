@@ -39,8 +39,8 @@ class s3_signer {
  public:
   s3_signer(s3_credentials credentials, std::string region, std::string service = "s3");
 
-  // The value of the header Authorization.
-  std::string authorization(s3_unsigned request, std::string_view timestamp);
+  // The value of the header Authorization. Sorts the headers.
+  std::string authorization(s3_unsigned &request, std::string_view timestamp);
 
  private:
   const std::string &key_of(std::string_view day);

@@ -2,16 +2,11 @@
 #ifndef PLATFORM_VELKAN_COMMAND_H
 #define PLATFORM_VELKAN_COMMAND_H
 
-#include <hiredis/hiredis.h>
-
-#include <memory>
 #include <span>
 #include <string_view>
 
-#include "platform/base/owner.h"
+#include "platform/velkan/handles.h"
 #include "platform/velkan/velkan.h"
-
-using vk_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
 
 // Sends the words, counted byte strings of which the first is the verb. VK_OK with the reply, of
 // any type but an error; or an error code. With VK_ERR_REPLY the reply holds the server's text,

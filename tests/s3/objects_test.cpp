@@ -163,11 +163,11 @@ TEST_F(Store, TellsWhatIsWrongWithAPlace) {
     string bucket, key, secret, code, text;
     s3_outcome outcome;
   } cases[] = {
-      {"no-such-bucket", "spoolcap", place.credentials.secret_key, "NoSuchBucket",
+      {"no-such-bucket", place.credentials.access_key, place.credentials.secret_key, "NoSuchBucket",
        "there is no bucket \"no-such-bucket\"", not_found},
       {place.bucket, "nobody", "x", "InvalidAccessKeyId", "correct aws_access_key_id", refused},
-      {place.bucket, "spoolcap", "x", "SignatureDoesNotMatch", "correct aws_secret_access_key",
-       refused},
+      {place.bucket, place.credentials.access_key, "x", "SignatureDoesNotMatch",
+       "correct aws_secret_access_key", refused},
   };
   for (const auto &one : cases) {
     place.bucket = one.bucket;

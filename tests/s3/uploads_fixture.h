@@ -22,7 +22,9 @@ inline constexpr const char *delete_queue = "storage:delqueue:s3:main";
 // What the services of one test share.
 struct transfer_world {
   explicit transfer_world(const std::string &endpoint = support::shared_object_store())
-      : place(support::new_bucket(endpoint)) {}
+      : place(support::new_bucket(endpoint)) {
+    vk_set_patient(direct.handle());
+  }
 
   std::string redis(std::initializer_list<std::string_view> words) const {
     vk_reply reply;

@@ -93,8 +93,8 @@ bool object_store::set_up() {
                           << "/osd\nrun_dir = " << here << "\nadmin_socket = \npid_file = " << here
                           << "/$name.pid\nlog_file = " << here << "/$name.log\ncrash_dir = " << here
                           << "/crash\nkeyring = " << here << "/keyring\nrgw_data = " << here
-                          << "/gateway\nrgw_frontends = beast tcp_nodelay=1 endpoint=127.0.0.1:" << this->port()
-                          << "\n";
+                          << "/gateway\nrgw_frontends = beast tcp_nodelay=1 endpoint=127.0.0.1:"
+                          << this->port() << "\n";
   const auto in_background = [&](const char *program, const char *id) {
     process_options options = quiet;
     options.log = data / (std::string(program) + ".out");
@@ -126,7 +126,10 @@ bool object_store::set_up() {
 }
 
 s3_credentials store_credentials() {
-  return {.access_key = "spoolcap", .secret_key = "top/secret+key=", .session_token = {}};
+  const char *key = std::getenv(store_key_variable);
+  return {.access_key = key != nullptr ? key : "spoolcap",
+          .secret_key = "top/secret+key=",
+          .session_token = {}};
 }
 
 s3_place new_bucket(const std::string &endpoint, const s3_credentials &keys) {

@@ -39,6 +39,8 @@ s3_place new_bucket(const std::string &endpoint, const s3_credentials &keys = st
 std::string shared_object_store();
 
 inline constexpr const char *object_store_variable = "SPOOLCAP_TEST_OBJECT_STORE";
+// The access key where these tests are run against a store of another kind, by hand.
+inline constexpr const char *store_key_variable = "SPOOLCAP_TEST_STORE_KEY";
 
 // An open file without a name that holds these bytes, and its digests.
 class stored_bytes {

@@ -1,9 +1,11 @@
-// An HTTP server for what no real one can be made to do: it gives each request the same bytes.
+// An HTTP server for what no real one can be made to do: it answers with the bytes that it is told.
 #ifndef TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define TESTS_SUPPORT_SCRIPTED_SERVER_H
 
 #include <atomic>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "platform/base/owner.h"
@@ -14,7 +16,13 @@ class scripted_server {
  public:
   enum class then { closes, keeps_open };
 
-  explicit scripted_server(std::string answer, then what = then::keeps_open);
+  // From the body of the request.
+  using answer_maker = std::function<std::string(std::string_view body)>;
+
+  explicit scripted_server(answer_maker answer, then what = then::keeps_open);
+  // The same to each request.
+  explicit scripted_server(const std::string &answer, then what = then::keeps_open)
+      : scripted_server([answer](std::string_view) { return answer; }, what) {}
   scripted_server(const scripted_server &) = delete;
   scripted_server &operator=(const scripted_server &) = delete;
   ~scripted_server();
@@ -24,9 +32,8 @@ class scripted_server {
 
  private:
   void serve();
-  bool read_request(int fd) const;
 
-  std::string answer_;
+  answer_maker answer_;
   then then_;
   int port_ = 0;
   unique_fd listening_;
