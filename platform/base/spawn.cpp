@@ -65,14 +65,16 @@ class launch_plan {
 };
 
 // Children that were still running when their output had ended.
-struct {
+struct running_children {
   std::mutex lock;
   std::vector<pid_t> children;
-} left_behind;
+};
+
+constinit never_destroyed<running_children> left_behind;
 
 void reap_left_behind() noexcept {
-  const std::lock_guard guard(left_behind.lock);
-  std::erase_if(left_behind.children,
+  const std::lock_guard guard(left_behind->lock);
+  std::erase_if(left_behind->children,
                 [](pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; });
 }
 
@@ -122,8 +124,8 @@ int fr_spawn_finish(pid_t pid, float grace) {
   const child_state state = reap_within(pid, grace);
   if (state == child_state::running) {
     no_throw([pid] {
-      const std::lock_guard guard(left_behind.lock);
-      left_behind.children.push_back(pid);
+      const std::lock_guard guard(left_behind->lock);
+      left_behind->children.push_back(pid);
     });
   }
   return state == child_state::reaped ? 0 : -1;

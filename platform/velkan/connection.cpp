@@ -2,7 +2,6 @@
 
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -11,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-namespace {
+#include "platform/base/deadline.h"
 
-using std::chrono::milliseconds;
+namespace {
 
 // More than a peer can mean: a reply that claims to be larger is garbage, and must not make this
 // process reserve, or read, what it claims.
@@ -25,16 +24,10 @@ using address_list = std::unique_ptr<addrinfo, call_to_release<freeaddrinfo>>;
 
 // Whether the socket is ready for `events` before the deadline; errno is ETIMEDOUT if not. After
 // the deadline it is not looked at: a peer that always has more to say must not prolong it.
-bool wait_for(int socket, short events, vk_clock::time_point deadline) {
-  pollfd entry = {socket, events, 0};
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - vk_clock::now()).count();
-    const int ready = left > 0 ? poll(&entry, 1, static_cast<int>(left)) : 0;
-    if (ready > 0) return true;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) errno = ETIMEDOUT;
-    return false;
-  }
+bool wait_for(int socket, short events, vk_clock::time_point time) {
+  const deadline end(time);
+  errno = ETIMEDOUT;
+  return !end.passed() && wait_ready(socket, events, &end);
 }
 
 unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadline) {
