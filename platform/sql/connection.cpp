@@ -48,7 +48,7 @@ void wait_for_room(int socket, const std::string &path, const deadline &end) {
   server.sun_family = AF_UNIX;
   path.copy(server.sun_path, sizeof server.sun_path - 1);
   const auto *address = reinterpret_cast<const sockaddr *>(&server);
-  while (connect(socket, address, sizeof server) != 0 && errno == EAGAIN && !end.passed()) {
+  while (::connect(socket, address, sizeof server) != 0 && errno == EAGAIN && !end.passed()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
@@ -82,20 +82,20 @@ bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
   set_options(handle.get(), address);
   if (!connect_in_time(handle.get(), credentials, address)) return false;
   // The client library offers no way to open the socket close-on-exec.
-  fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
+  ::fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
   return true;
 }
 
 bool is_closed_by_server(MYSQL *mysql) {
   pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), POLLIN, 0};
-  return poll(&socket, 1, 0) != 0;
+  return ::poll(&socket, 1, 0) != 0;
 }
 
 void abandon(mysql_handle handle) {
   // Closing it says goodbye to the server; that goes nowhere, instead of ending it for its owner.
-  const unique_fd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const unique_fd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   const auto socket = static_cast<int>(mysql_get_socket(handle.get()));
-  if (nowhere && dup2(nowhere.get(), socket) == socket) return;
+  if (nowhere && ::dup2(nowhere.get(), socket) == socket) return;
   // Then rather a leak in the child than trouble in the parent.
   [[maybe_unused]] MYSQL *const leaked = handle.release();
 }
@@ -131,6 +131,6 @@ bool is_lost(MYSQL *mysql) {
 
 void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept {
   mysql->net.last_errno = code;
-  snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
-  snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
+  std::snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
+  std::snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
 }
