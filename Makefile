@@ -1,6 +1,8 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
-#   make test   build and pass all tests
+#   make demo-s3 a recording to a private object store and back; it installs one, of some 270 MB
+#   make test   build and pass all tests but those that need an object store
+#   make test-s3 those: it installs one, of some 270 MB
 #   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
 # Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
 
@@ -10,9 +12,12 @@ BUILD := build/release
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
 
+# What an object store of one's own takes.
+OBJECT_STORE = radosgw ceph-mon ceph-osd ceph-common
+
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps install format clean
+.PHONY: all build demo demo-s3 test test-s3 bench faults lint sanitize coverage fuzz deps install format clean
 all: build
 
 deps:
@@ -28,9 +33,20 @@ demo: deps $(BUILD)/build.ninja
 	@cmake --build --preset release --target spoolcap-sandbox store_recording testbed -- --quiet
 	@$(BUILD)/bin/testbed demo/demo
 
+demo-s3: $(BUILD)/build.ninja
+	@dev/install-deps $(OBJECT_STORE) curl
+	@cmake --build --preset release \
+	  --target spoolcap-transfer-sandbox transfer_recording testbed -- --quiet
+	@$(BUILD)/bin/testbed --object-store demo/demo-s3
+
 test: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target test_programs
 	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
+
+test-s3: $(BUILD)/build.ninja
+	@dev/install-deps $(OBJECT_STORE) haproxy
+	cmake --build --preset release --target s3_tests testbed
+	$(BUILD)/bin/testbed --object-store ctest --preset s3 -j $(JOBS)
 
 bench: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target bench_programs

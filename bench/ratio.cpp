@@ -41,7 +41,12 @@ std::string limit_key(size_t index) {
 
 void add_benchmark(const std::string &key, const body &work, length rounds) {
   auto *added = benchmark::RegisterBenchmark(key.c_str(), work);
-  added->UseRealTime()->ReportAggregatesOnly(true);
+  added->ReportAggregatesOnly(true);
+  if (rounds == length::calls_by_processor_time) {
+    added->MeasureProcessCPUTime();
+  } else {
+    added->UseRealTime();
+  }
   if (rounds == length::round) {
     added->Iterations(1)->Repetitions(rounds_of_long_work);
   } else {
@@ -64,8 +69,10 @@ class median_collector : public benchmark::BenchmarkReporter {
     for (const Run &one : runs) {
       if (one.error_occurred) failure = one.error_message;
       if (one.aggregate_name == "median") {
+        const bool real = one.run_name.time_type == "real_time";
         medians[one.run_name.function_name] =
-            one.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(one.time_unit);
+            (real ? one.GetAdjustedRealTime() : one.GetAdjustedCPUTime()) /
+            benchmark::GetTimeUnitMultiplier(one.time_unit);
       }
     }
   }

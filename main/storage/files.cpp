@@ -5,13 +5,13 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "main/storage/copy_content.h"
 #include "platform/base/diagnostics.h"
@@ -157,18 +157,4 @@ int find_file(const std::string &path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return errno;
   return S_ISDIR(status.st_mode) ? EISDIR : 0;
-}
-
-bool has_parent_component(std::string_view name) {
-  for (size_t start = 0; start <= name.size();) {
-    const size_t end = std::min(name.find('/', start), name.size());
-    if (name.substr(start, end - start) == "..") return true;
-    start = end + 1;
-  }
-  return false;
-}
-
-bool has_reserved_byte(std::string_view name) {
-  return std::any_of(name.begin(), name.end(),
-                     [](unsigned char byte) { return byte == ':' || byte < ' ' || byte == 0x7f; });
 }

@@ -4,6 +4,7 @@
 
 #include <spoolcap/zarn_str.h>
 #include "main/storage/engine.h"
+#include "main/storage/names.h"
 #include "main/storage/queue.h"
 #include "main/storage/row.h"
 #include "main/storage/session.h"

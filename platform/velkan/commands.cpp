@@ -254,3 +254,19 @@ int vk_exists(vk_client_t *client, const char *key, size_t key_length) {
     return status != VK_OK || reply->integer != 0 ? 1 : 0;
   });
 }
+
+int vk_run(vk_client_t *client, std::span<const std::string_view> words, vk_reply &reply) {
+  reply.reset();
+  return with_client(client, !words.empty() && words.size() < most_words, [&] {
+    std::vector<const char *> texts;
+    std::vector<size_t> lengths;
+    for (const std::string_view word : words) {
+      texts.push_back(word.data());
+      lengths.push_back(word.size());
+    }
+    const vk_command command(static_cast<int>(words.size()), texts.data(), lengths.data());
+    const int status = run_command(*client->state, command, reply);
+    if (status != VK_OK && status != VK_ERR_REPLY) reply.reset();
+    return status;
+  });
+}
