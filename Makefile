@@ -2,7 +2,7 @@
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
 #   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
-# Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
+# Others: build, bench, lint, sanitize, coverage, fuzz, package, install, deps, format, clean.
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
@@ -12,7 +12,7 @@ FUZZ_SECONDS ?= 60
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps install format clean
+.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps package install format clean
 all: build
 
 deps:
@@ -67,6 +67,11 @@ lint: deps $(BUILD)/build.ninja
 
 format:
 	clang-format -i $(SOURCES)
+
+# Debian packages, in build/packages.
+package:
+	@dev/install-deps debhelper bash-completion scdoc lintian fakeroot
+	@packaging/build-packages
 
 install: build
 	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(BUILD)"
