@@ -2,7 +2,8 @@
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
 #   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
-# Others: build, bench, lint, sanitize, coverage, fuzz, package, install, deps, format, clean.
+# Others: build, bench, lint, sanitize, coverage, fuzz, package,
+# package-test, install, deps, format, clean.
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
@@ -12,7 +13,7 @@ FUZZ_SECONDS ?= 60
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps package install format clean
+.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps package package-test install format clean
 all: build
 
 deps:
@@ -72,6 +73,15 @@ format:
 package:
 	@dev/install-deps debhelper bash-completion scdoc lintian fakeroot
 	@packaging/build-packages
+
+# The packages in a Debian 12 of their own, which is kept in build/package-test: install, run, upgrade,
+# remove, purge; and that two builds give the same bytes.
+package-test: package
+	@dev/install-deps mmdebstrap
+	@DEB_BUILD_OPTIONS=nocheck packaging/build-packages build/packages-again/elsewhere >build/packages-again.log 2>&1 || \
+	  { tail -n 40 build/packages-again.log; exit 1; }
+	@packaging/same-packages build/packages build/packages-again/elsewhere
+	@packaging/test-packages
 
 install: build
 	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(BUILD)"
