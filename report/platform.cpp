@@ -1,0 +1,99 @@
+// What follows from the figures of an account, and lookups in the collected accounts.
+#include "report/platform.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+// Visits the kinds of a set in their order.
+template <class Visit>
+void for_each_of(kind_set kinds, Visit visit) {
+  for_each_kind(QUOTA_ALL_KINDS, [&](unsigned kind) {
+    if ((kinds & set_of(kind)) != 0) visit(kind);
+    return true;
+  });
+}
+
+// The account, or where it would have to be.
+template <class Accounts>
+auto place_of(Accounts &accounts, std::uint32_t id) {
+  return std::lower_bound(
+      accounts.begin(), accounts.end(), id,
+      [](const report_account &account, std::uint32_t wanted) { return account.id < wanted; });
+}
+
+}  // namespace
+
+const char *name_of(figure_state state) {
+  static constexpr const char *names[figure_states] = {"measured", "updated", "dirty",
+                                                       "redo",     "missing", "unreadable"};
+  return names[static_cast<size_t>(state)];
+}
+
+std::int64_t total_of(const report_account &account, kind_set kinds) {
+  std::int64_t total = -1;
+  for_each_of(kinds, [&](unsigned kind) {
+    if (account.used[kind] < 0) return;
+    if (__builtin_add_overflow(std::max<std::int64_t>(total, 0), account.used[kind], &total)) {
+      total = std::numeric_limits<std::int64_t>::max();
+    }
+  });
+  return total;
+}
+
+std::optional<double> percent_of_kind(const report_account &account, unsigned kind) {
+  if (account.used[kind] < 0 || account.limit[kind] < 0) return std::nullopt;
+  const auto limit = static_cast<double>(std::max<std::int64_t>(account.limit[kind], 1));
+  return std::round(static_cast<double>(account.used[kind]) / limit * 1000) / 10;
+}
+
+std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds) {
+  std::optional<unsigned> fullest;
+  for_each_of(kinds, [&](unsigned kind) {
+    const std::optional<double> percent = percent_of_kind(account, kind);
+    if (percent && (!fullest || *percent > *percent_of_kind(account, *fullest))) fullest = kind;
+  });
+  return fullest;
+}
+
+std::optional<double> percent_of(const report_account &account, kind_set kinds) {
+  const std::optional<unsigned> kind = fullest_kind(account, kinds);
+  return kind ? percent_of_kind(account, *kind) : std::nullopt;
+}
+
+figure_state state_of(const report_account &account, kind_set kinds) {
+  figure_state worst = figure_state::measured;
+  for_each_of(kinds, [&](unsigned kind) { worst = std::max(worst, account.states[kind]); });
+  return worst;
+}
+
+std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set kinds) {
+  std::int64_t oldest = -1;
+  for_each_of(kinds, [&](unsigned kind) {
+    const std::int64_t time = account.modified[kind];
+    if (time >= 0 && (oldest < 0 || time < oldest)) oldest = time;
+  });
+  return oldest < 0 ? -1 : std::max<std::int64_t>(taken - oldest, 0);
+}
+
+report_account *report_platform::find(std::uint32_t id) {
+  const auto found = place_of(accounts, id);
+  return found != accounts.end() && found->id == id ? &*found : nullptr;
+}
+
+const report_account *report_platform::find(std::uint32_t id) const {
+  const auto found = place_of(accounts, id);
+  return found != accounts.end() && found->id == id ? &*found : nullptr;
+}
+
+std::span<const std::uint32_t> report_platform::children_of(std::uint32_t id) const {
+  if (id == 0) return {};
+  const auto first =
+      std::partition_point(by_parent.begin(), by_parent.end(),
+                           [&](std::uint32_t place) { return accounts[place].parent < id; });
+  const auto last = std::partition_point(
+      first, by_parent.end(), [&](std::uint32_t place) { return accounts[place].parent == id; });
+  return {first, last};
+}
