@@ -79,16 +79,19 @@ void read_limits(report_platform &platform, SessionHandle session) {
   });
 }
 
-void sort_by_parent(report_platform &platform) {
-  const std::deque<report_account> &accounts = platform.accounts;
-  platform.by_parent.resize(accounts.size());
-  std::iota(platform.by_parent.begin(), platform.by_parent.end(), 0);
-  std::sort(platform.by_parent.begin(), platform.by_parent.end(),
-            [&](std::uint32_t left, std::uint32_t right) {
-              return accounts[left].parent != accounts[right].parent
-                         ? accounts[left].parent < accounts[right].parent
-                         : left < right;
-            });
+// Levels rise on the way down; what says otherwise has nothing above it.
+void arrange(report_platform &platform) {
+  std::deque<report_account> &accounts = platform.accounts;
+  for (report_account &account : accounts) {
+    const report_account *parent = platform.find(account.parent);
+    if (parent != nullptr && parent->level < account.level) account.above = account.parent;
+  }
+  platform.by_above.resize(accounts.size());
+  std::iota(platform.by_above.begin(), platform.by_above.end(), 0);
+  std::stable_sort(platform.by_above.begin(), platform.by_above.end(),
+                   [&](std::uint32_t left, std::uint32_t right) {
+                     return accounts[left].above < accounts[right].above;
+                   });
 }
 
 std::string name_of_host() {
@@ -107,7 +110,7 @@ report_platform collect() {
   for_each_row(session.get(), select_accounts,
                [&](const sql_fields &row) { take_account(platform, row); });
   read_limits(platform, session.get());
-  sort_by_parent(platform);
+  arrange(platform);
   read_quota_files(platform);
   platform.taken = ::time(nullptr);
   return platform;

@@ -3,28 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <limits>
-
-namespace {
-
-// Visits the kinds of a set in their order.
-template <class Visit>
-void for_each_of(kind_set kinds, Visit visit) {
-  for_each_kind(QUOTA_ALL_KINDS, [&](unsigned kind) {
-    if ((kinds & set_of(kind)) != 0) visit(kind);
-    return true;
-  });
-}
-
-// The account, or where it would have to be.
-template <class Accounts>
-auto place_of(Accounts &accounts, std::uint32_t id) {
-  return std::lower_bound(
-      accounts.begin(), accounts.end(), id,
-      [](const report_account &account, std::uint32_t wanted) { return account.id < wanted; });
-}
-
-}  // namespace
 
 const char *name_of(figure_state state) {
   static constexpr const char *names[figure_states] = {"measured", "updated", "dirty",
@@ -47,6 +27,14 @@ std::optional<double> percent_of_kind(const report_account &account, unsigned ki
   if (account.used[kind] < 0 || account.limit[kind] < 0) return std::nullopt;
   const auto limit = static_cast<double>(std::max<std::int64_t>(account.limit[kind], 1));
   return std::round(static_cast<double>(account.used[kind]) / limit * 1000) / 10;
+}
+
+std::string percent_text(std::optional<double> percent) {
+  char text[400];  // the highest double has 309 digits
+  return percent
+             ? std::string(text,
+                           static_cast<size_t>(std::snprintf(text, sizeof text, "%.1f", *percent)))
+             : "";
 }
 
 std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds) {
@@ -78,22 +66,29 @@ std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set 
   return oldest < 0 ? -1 : std::max<std::int64_t>(taken - oldest, 0);
 }
 
-report_account *report_platform::find(std::uint32_t id) {
-  const auto found = place_of(accounts, id);
-  return found != accounts.end() && found->id == id ? &*found : nullptr;
+std::optional<std::uint32_t> report_platform::place_of(std::uint32_t id) const {
+  const auto found = std::lower_bound(
+      accounts.begin(), accounts.end(), id,
+      [](const report_account &account, std::uint32_t wanted) { return account.id < wanted; });
+  if (found == accounts.end() || found->id != id) return std::nullopt;
+  return static_cast<std::uint32_t>(found - accounts.begin());
 }
 
 const report_account *report_platform::find(std::uint32_t id) const {
-  const auto found = place_of(accounts, id);
-  return found != accounts.end() && found->id == id ? &*found : nullptr;
+  const std::optional<std::uint32_t> place = place_of(id);
+  return place ? &accounts[*place] : nullptr;
+}
+
+report_account *report_platform::find(std::uint32_t id) {
+  const std::optional<std::uint32_t> place = place_of(id);
+  return place ? &accounts[*place] : nullptr;
 }
 
 std::span<const std::uint32_t> report_platform::children_of(std::uint32_t id) const {
-  if (id == 0) return {};
   const auto first =
-      std::partition_point(by_parent.begin(), by_parent.end(),
-                           [&](std::uint32_t place) { return accounts[place].parent < id; });
+      std::partition_point(by_above.begin(), by_above.end(),
+                           [&](std::uint32_t place) { return accounts[place].above < id; });
   const auto last = std::partition_point(
-      first, by_parent.end(), [&](std::uint32_t place) { return accounts[place].parent == id; });
+      first, by_above.end(), [&](std::uint32_t place) { return accounts[place].above == id; });
   return {first, last};
 }

@@ -33,7 +33,8 @@ const char *name_of(figure_state state);
 
 struct report_account {
   std::uint32_t id = 0;
-  std::uint32_t parent = 0;  // 0 for none
+  std::uint32_t parent = 0;  // as the database has it; 0 for none
+  std::uint32_t above = 0;   // the parent if it is an account of a higher place, else 0
   int level = 0;             // LEVEL_RESELLER, LEVEL_CLIENT or LEVEL_OWNER
   figure_state states[QUOTA_ALL_KINDS] = {};
   std::string_view login;  // valid UTF-8 without NUL; a null view for an account without a login
@@ -45,6 +46,14 @@ struct report_account {
 
 inline constexpr kind_set all_kinds = set_of(QUOTA_ALL_KINDS);
 
+// Visits the kinds of a set in their order.
+template <class Visit>
+void for_each_of(kind_set kinds, Visit visit) {
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    if ((kinds & set_of(kind)) != 0) visit(kind);
+  }
+}
+
 // What follows is about the kinds of a set.
 
 // The sum of what is known; -1 when nothing is. Ends at the highest number there is.
@@ -53,6 +62,9 @@ std::int64_t total_of(const report_account &account, kind_set kinds = all_kinds)
 // What is used of a limit, in percent with one decimal. A limit of 0 counts as one byte. Nothing
 // without a figure or a limit.
 std::optional<double> percent_of_kind(const report_account &account, unsigned kind);
+
+// With one decimal; empty for nothing.
+std::string percent_text(std::optional<double> percent);
 
 // The kind with the highest percentage; nothing when there is none with a limit and a figure.
 std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds = all_kinds);
@@ -70,16 +82,20 @@ std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set 
 struct report_platform {
   std::string host;
   std::int64_t taken = 0;
-  std::deque<report_account> accounts;   // in the order of their ids
-  std::vector<std::uint32_t> by_parent;  // places in `accounts`, by parent and then by id
+  std::deque<report_account> accounts;  // in the order of their ids
+  std::vector<std::uint32_t> by_above;  // places in `accounts`, by `above` and then by id
   // Holds the logins.
   std::unique_ptr<std::pmr::monotonic_buffer_resource> texts;
 
+  // The place in `accounts`; nothing when there is no such account.
+  std::optional<std::uint32_t> place_of(std::uint32_t id) const;
   // Null when there is no such account.
   report_account *find(std::uint32_t id);
   const report_account *find(std::uint32_t id) const;
 
-  // Places in `accounts` of the accounts right below one; empty for 0.
+  // Places of the accounts right below one, by id; for 0 those with nothing above them, which are
+  // the resellers and what is out of place. Going down from there meets each account once, on three
+  // levels at most.
   std::span<const std::uint32_t> children_of(std::uint32_t id) const;
 };
 

@@ -86,7 +86,7 @@ void read_folder(int folder, report_account &account) {
   }
 }
 
-// Reads one account and all below it. Levels rise on the way down, so it ends.
+// Reads one account and all below it.
 void read_subtree(report_platform &platform, int above, report_account &account) {
   const std::string name = std::to_string(account.id);
   const unique_fd folder(open_entry(above, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -97,8 +97,7 @@ void read_subtree(report_platform &platform, int above, report_account &account)
     read_folder(folder.get(), account);
   }
   for (const std::uint32_t place : platform.children_of(account.id)) {
-    report_account &child = platform.accounts[place];
-    if (child.level > account.level) read_subtree(platform, folder.get(), child);
+    read_subtree(platform, folder.get(), platform.accounts[place]);
   }
 }
 
@@ -112,7 +111,9 @@ void read_quota_files(report_platform &platform) {
   if (!root && errno != ENOENT) {
     throw report_trouble(settings->quota_root + ": " + std::strerror(errno));
   }
-  for (report_account &account : platform.accounts) {
-    if (root && account.level == LEVEL_RESELLER) read_subtree(platform, root.get(), account);
+  if (!root) return;
+  for (const std::uint32_t place : platform.children_of(0)) {
+    report_account &account = platform.accounts[place];
+    if (account.level == LEVEL_RESELLER) read_subtree(platform, root.get(), account);
   }
 }
