@@ -12,8 +12,8 @@
 
 #include "platform/base/owner.h"
 
-// A stream that compresses into `file`, which it borrows. What it cannot write becomes an error of
-// `file`, to be found there after the stream is closed. Throws bad_alloc.
+// A stream that compresses into `file`, which it borrows. Closing it writes what is left, and fails
+// when not all was written. Throws bad_alloc.
 c_file compress_into(FILE *file);
 
 // The content of a compressed file, in the shape of an input stream of RapidJSON. All functions

@@ -1,6 +1,8 @@
 // The command `snapshot`: the state at a moment, kept for comparisons.
 #include "report/snapshot.h"
 
+#include <new>
+
 #include "report/command.h"
 #include "report/compressed.h"
 #include "report/json.h"
@@ -14,12 +16,14 @@ report_status run(const std::vector<std::string> &words) {
   if (words.size() != 1) throw report_trouble("snapshot needs the name of one file to write");
   const report_platform platform = collect();
   report_output out(words[0].c_str());
-  {
-    const c_file compressed = compress_into(out.stream());
-    write_document(compressed.get(), platform, [&](const auto &visit) {
-      for (const report_account &account : platform.accounts) visit(account);
-    });
-  }
+  c_file compressed = compress_into(out.stream());
+  write_document(compressed.get(), platform, [&](const auto &visit) {
+    for (const report_account &account : platform.accounts) visit(account);
+  });
+  const bool whole =
+      std::ferror(compressed.get()) == 0 && std::fclose(compressed.release()) == 0;
+  // What the file could not take is told by the file; else there was no memory to compress.
+  if (!whole && std::ferror(out.stream()) == 0) throw std::bad_alloc();
   out.commit();
   return REPORT_OK;
 }
