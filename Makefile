@@ -22,10 +22,10 @@ $(BUILD)/build.ninja: | deps
 	cmake --preset release
 
 build: deps $(BUILD)/build.ninja
-	cmake --build --preset release --target spoolcap spoolcap_library
+	cmake --build --preset release --target spoolcap spoolcap-report spoolcap_library
 
 demo: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target spoolcap-sandbox store_recording testbed -- --quiet
+	@cmake --build --preset release --target spoolcap-sandbox spoolcap-report-sandbox store_recording testbed -- --quiet
 	@$(BUILD)/bin/testbed demo/demo
 
 test: deps $(BUILD)/build.ninja

@@ -16,6 +16,7 @@ TEST(Hardening, IsWholeInTheCommandAndTheLibrary) {
   GTEST_SKIP() << "builds that debug do without";
 #endif
   EXPECT_EQ(check(SPOOLCAP_BINARY, "main").out, "");
+  EXPECT_EQ(check(SPOOLCAP_REPORT_BINARY, "main").out, "");
   EXPECT_EQ(check(SPOOLCAP_LIBRARY, "quota_verify").out, "");
 }
 
