@@ -1,6 +1,7 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
+#   make test-page  those of the report's page, in a real browser
 #   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
 # Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
 
@@ -12,7 +13,7 @@ FUZZ_SECONDS ?= 60
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo test bench faults lint sanitize coverage fuzz deps install format clean
+.PHONY: all build demo test test-page bench faults lint sanitize coverage fuzz deps install format clean
 all: build
 
 deps:
@@ -31,6 +32,12 @@ demo: deps $(BUILD)/build.ninja
 test: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target test_programs
 	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
+
+# The report's page in a real browser, without which these tests are skipped.
+test-page: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
+	cmake --build --preset release --target page_tests testbed
+	SPOOLCAP_NEEDS_BROWSER=1 $(BUILD)/bin/testbed ctest --preset release -L page
 
 bench: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target bench_programs

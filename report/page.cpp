@@ -1,5 +1,5 @@
 // The command `page`: all accounts as one HTML file, with a map and a table.
-#include <span>
+#include <algorithm>
 
 #include "report/command.h"
 #include "report/json.h"
@@ -50,14 +50,16 @@ void write_texts(page_json &json, const char *name, unsigned count, Text text) {
   json.EndArray();
 }
 
-// Updates are rare, and left out where there are none.
-void write_updates(page_json &json, const report_account &account) {
-  bool any = false;
-  for (const std::int32_t updates : account.updates) any = any || updates > 0;
-  if (!any) return;
+template <class Number>
+void write_numbers(page_json &json, const Number (&numbers)[QUOTA_ALL_KINDS]) {
   json.StartArray();
-  for (const std::int32_t updates : account.updates) write_number(json, updates);
+  for (const Number number : numbers) write_number(json, number);
   json.EndArray();
+}
+
+bool has_updates(const report_account &account) {
+  return std::any_of(std::begin(account.updates), std::end(account.updates),
+                     [](std::int32_t updates) { return updates > 0; });
 }
 
 // One account as an array, in the order that the page's model.js reads.
@@ -71,11 +73,11 @@ void write_row(page_json &json, const report_account &account, std::int64_t take
   write_number(json, account.parent == 0 ? -1 : std::int64_t{account.parent});
   json.Int(account.level);
   write_text(json, account.login);
-  for (const std::int64_t used : account.used) write_number(json, used);
-  for (const std::int64_t limit : account.limit) write_number(json, limit);
+  write_numbers(json, account.used);
+  write_numbers(json, account.limit);
   write_text(json, states);
   write_number(json, age_of(account, taken));
-  write_updates(json, account);
+  if (has_updates(account)) write_numbers(json, account.updates);
   json.EndArray();
 }
 

@@ -20,8 +20,7 @@ report_status run(const std::vector<std::string> &words) {
   write_document(compressed.get(), platform, [&](const auto &visit) {
     for (const report_account &account : platform.accounts) visit(account);
   });
-  const bool whole =
-      std::ferror(compressed.get()) == 0 && std::fclose(compressed.release()) == 0;
+  const bool whole = std::ferror(compressed.get()) == 0 && std::fclose(compressed.release()) == 0;
   // What the file could not take is told by the file; else there was no memory to compress.
   if (!whole && std::ferror(out.stream()) == 0) throw std::bad_alloc();
   out.commit();

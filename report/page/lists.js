@@ -31,21 +31,29 @@ function drawCards(place, scope, view, showFilter) {
 }
 
 function shortList(title, found, figure, act) {
-  const items = found.slice(0, LISTED).map((account) => element('li', null,
+  const items = found.first.map((account) => element('li', null,
     element('button', { type: 'button', click: () => act(account) },
       loginElement(account), element('span', { class: 'figure' }, figure(account)))));
-  const more = found.length - items.length;
+  const more = found.count - items.length;
   return element('div', { class: 'list' },
     element('h2', null, title),
-    found.length === 0 ? element('p', { class: 'calm' }, 'none') : element('ol', null, ...items),
+    found.count === 0 ? element('p', { class: 'calm' }, 'none') : element('ol', null, ...items),
     element('p', { class: 'calm' }, more > 0 ? 'and ' + countText(more) + ' more' : ''));
 }
 
-// The accounts for which `value` is above null and 0, from the greatest down.
+// How many accounts there are for which `value` is above null and 0, and the greatest of them.
 function ranked(scope, value) {
-  const valued = scope.map((account) => [value(account), account]).filter(([rank]) => rank > 0);
-  valued.sort((a, b) => b[0] - a[0] || a[1].id - b[1].id);
-  return valued.map(([, account]) => account);
+  const best = [];
+  let count = 0;
+  for (const account of scope) {
+    const rank = value(account);
+    if (!(rank > 0)) continue;
+    ++count;
+    if (best.length === LISTED && rank <= best[LISTED - 1].rank) continue;
+    best.splice(best.findLastIndex((one) => one.rank >= rank) + 1, 0, { rank, account });
+    best.length = Math.min(best.length, LISTED);
+  }
+  return { count, first: best.map((one) => one.account) };
 }
 
 function drawLists(place, scope, kind, act) {
@@ -68,7 +76,7 @@ function detailRow(account, kind) {
     element('td', { class: 'number' }, bytesText(account.used[kind]),
       element('br'), element('small', null, limited ? 'of ' + bytesText(account.limit[kind]) : '')),
     element('td', { class: 'number' }, limited ? percentLabel(percentOf(account, kind)) : ''),
-    element('td', null, account.states ? stateLabel(account.states[kind], updates) : ''));
+    element('td', null, account === root ? '' : stateLabel(stateOf(account, kind), updates)));
 }
 
 function drawDetails(place, account) {

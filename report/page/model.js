@@ -7,28 +7,32 @@ const NEAR_LIMIT = 90;
 const LEVELS = new Map([[10, 'reseller'], [50, 'client'], [100, 'user']]);
 const FIRST_DOUBTFUL = report.states.indexOf('dirty');
 
-// A row: id, parent, level, login, then per kind what is used, then per kind the limit, then the
-// states as one digit for each kind, the age, and, where there are any, the updates of each kind.
-function readAccount(row) {
-  const kinds = report.kinds.length;
+// A row: id, parent, level, login, what is used of each kind, the limit of each kind, the states as
+// one digit for each kind, the age, and, where there are any, the updates of each kind.
+function readAccount([id, parentId, level, name, used, limit, states, age, updates], index) {
   const account = {
-    id: row[0],
-    parentId: row[1],
-    level: row[2],
-    label: showText(row[3] || ''),
-    searchText: (row[3] || '').toLowerCase(),
-    used: row.slice(4, 4 + kinds),
-    limit: row.slice(4 + kinds, 4 + 2 * kinds),
-    states: Array.from(row[4 + 2 * kinds], Number),
-    age: row[5 + 2 * kinds],
-    updates: row[6 + 2 * kinds] || null,
+    index, id, parentId, level, used, limit, states, age, updates,
+    label: showText(name || ''),
+    total: 0,
+    percent: null,
+    state: 0,
     parent: null,
     children: [],
   };
-  account.total = account.used.reduce((sum, bytes) => sum + (bytes || 0), 0);
-  account.percent = highestPercent(account);
-  account.state = Math.max(...account.states);
+  for (let kind = 0; kind < used.length; ++kind) {
+    account.total += used[kind] || 0;
+    account.percent = higher(account.percent, percentOf(account, kind));
+    account.state = Math.max(account.state, stateOf(account, kind));
+  }
   return account;
+}
+
+function stateOf(account, kind) {
+  return Number(account.states[kind]);
+}
+
+function higher(a, b) {
+  return a === null || (b !== null && b > a) ? b : a;
 }
 
 // What steers a terminal or the direction of writing is shown by its number, so that no login can
@@ -48,15 +52,6 @@ function percentOf(account, kind) {
   return (100 * used) / Math.max(limit, 1);
 }
 
-function highestPercent(account) {
-  let highest = null;
-  for (let kind = 0; kind < report.kinds.length; ++kind) {
-    const percent = percentOf(account, kind);
-    if (percent !== null && (highest === null || percent > highest)) highest = percent;
-  }
-  return highest;
-}
-
 function valueOf(account, kind) {
   return kind === ALL_KINDS ? account.total : account.used[kind] || 0;
 }
@@ -73,7 +68,7 @@ function largestKind(account) {
 // no loop of parents can hide its accounts; one without such a parent hangs from the root.
 function buildTree(all) {
   const known = new Map(all.map((account) => [account.id, account]));
-  const top = { id: null, level: 0, label: 'All accounts', parent: null, children: [] };
+  const top = { index: -1, id: null, level: 0, label: 'All accounts', parent: null, children: [] };
   for (const account of all) {
     const parent = known.get(account.parentId);
     account.parent = parent && parent.level < account.level ? parent : top;

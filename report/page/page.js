@@ -68,7 +68,7 @@ function drawTable() {
   const { keeps } = filterOf(view.filter);
   const rows = scope.filter((account) => keeps(account) &&
     (view.level === 0 || account.level === view.level) &&
-    (query === '' || account.searchText.includes(query) || String(account.id) === query));
+    (query === '' || account.label.toLowerCase().includes(query) || String(account.id) === query));
   byId('count').textContent = countText(rows.length) + ' of ' + countText(scope.length);
   table.show(rows);
 }

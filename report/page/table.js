@@ -4,10 +4,8 @@ const ROW_HEIGHT = 30;
 const ROWS_AROUND = 12;
 const PRINTED_ROWS = 200;
 
-const compareTexts = new Intl.Collator('en', { numeric: true }).compare;
-
 function sumOf(numbers) {
-  return numbers === null ? 0 : numbers.reduce((sum, number) => sum + number, 0);
+  return numbers === undefined ? 0 : numbers.reduce((sum, number) => sum + number, 0);
 }
 
 function kindContent(account, kind) {
@@ -29,10 +27,10 @@ function columns() {
   const text = (key, label, value, content) => ({ key, label, value, content, style: null });
   const number = (key, label, value, content) => ({ key, label, value, content, style: 'number' });
   return [
-    text('login', 'Login', (a) => a.label, (a) => [loginElement(a)]),
+    text('login', 'Login', (a) => a.label.toLowerCase(), (a) => [loginElement(a)]),
     number('id', 'Id', (a) => a.id, (a) => [String(a.id)]),
     text('level', 'Level', (a) => a.level, (a) => [levelText(a.level)]),
-    text('parent', 'Parent', (a) => (a.parent === root ? '' : a.parent.label), parentContent),
+    text('parent', 'Parent', (a) => (a.parent === root ? '' : a.parent.label.toLowerCase()), parentContent),
     number('total', 'Total', (a) => a.total, (a) => [element('strong', null, bytesText(a.total))]),
     number('percent', 'Of limit', (a) => a.percent, percentContent),
     ...report.labels.map((label, kind) =>
@@ -87,17 +85,22 @@ class AccountTable {
   sorted(rows) {
     const column = this.columns.find((one) => one.key === this.sort.key);
     const sign = this.sort.down ? -1 : 1;
-    const compare = (a, b) => (typeof a === 'string' ? compareTexts(a, b) : a < b ? -1 : Number(a > b));
-    const valued = rows.map((account) => [column.value(account), account]);
-    valued.sort(([a, first], [b, second]) => {
-      if (a === null || b === null) return (a === null) - (b === null) || first.id - second.id;
-      return sign * compare(a, b) || first.id - second.id;
+    const last = sign * Infinity;
+    const keys = new Array(accounts.length);
+    for (const account of rows) keys[account.index] = column.value(account) ?? last;
+    this.markHead(column);
+    return rows.slice().sort((one, other) => {
+      const a = keys[one.index];
+      const b = keys[other.index];
+      return a < b ? -sign : a > b ? sign : one.index - other.index;
     });
+  }
+
+  markHead(column) {
     this.heads.forEach((head, index) => {
       if (this.columns[index] !== column) head.removeAttribute('aria-sort');
       else head.setAttribute('aria-sort', this.sort.down ? 'descending' : 'ascending');
     });
-    return valued.map(([, account]) => account);
   }
 
   drawRows() {

@@ -21,7 +21,7 @@ unique_fd pipe_at(const std::string &path) {
   return unique_fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
 }
 
-std::string quoted(std::string_view text) {
+std::string json_text(std::string_view text) {
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
   json.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
@@ -53,8 +53,8 @@ browser::browser()
                {.environment = {{"LD_PRELOAD", {}}}}) {
   const rapidjson::Document target = call("Target.createTarget", R"({"url": "about:blank"})");
   const rapidjson::Document attached =
-      call("Target.attachToTarget", R"({"flatten": true, "targetId": )" +
-                                        text_of(target["result"]["targetId"]) + "}");
+      call("Target.attachToTarget",
+           R"({"flatten": true, "targetId": )" + text_of(target["result"]["targetId"]) + "}");
   session_ = attached["result"]["sessionId"].GetString();
   for (const char *domain : {"Page", "Network", "Runtime", "Log"}) {
     call(std::string(domain) + ".enable");
@@ -63,9 +63,10 @@ browser::browser()
 
 rapidjson::Document browser::call(const std::string &method, const std::string &parameters) {
   const int id = ++last_call_;
-  const std::string session = session_.empty() ? "" : R"(, "sessionId": )" + quoted(session_);
-  const std::string message = "{\"id\": " + std::to_string(id) + ", \"method\": " + quoted(method) +
-                              ", \"params\": " + parameters + session + "}";
+  const std::string session = session_.empty() ? "" : R"(, "sessionId": )" + json_text(session_);
+  const std::string message = "{\"id\": " + std::to_string(id) +
+                              ", \"method\": " + json_text(method) + ", \"params\": " + parameters +
+                              session + "}";
   // The NUL at the end ends the message.
   if (::write(to_.get(), message.c_str(), message.size() + 1) !=
       static_cast<ssize_t>(message.size() + 1)) {
@@ -93,24 +94,23 @@ std::string browser::next_message() {
     }
     pollfd ready{from_.get(), POLLIN, 0};
     char buffer[65536];
-    const ssize_t size = ::poll(&ready, 1, patience) == 1
-                             ? ::read(from_.get(), buffer, sizeof buffer)
-                             : 0;
+    const ssize_t size =
+        ::poll(&ready, 1, patience) == 1 ? ::read(from_.get(), buffer, sizeof buffer) : 0;
     if (size <= 0) throw std::runtime_error("the browser does not answer");
     received_.append(buffer, static_cast<size_t>(size));
   }
 }
 
 void browser::note(const rapidjson::Document &message) {
-  static const std::set<std::string> noted = {
-      "Network.requestWillBeSent", "Runtime.exceptionThrown", "Runtime.consoleAPICalled",
-      "Log.entryAdded", "Page.javascriptDialogOpening"};
+  static const std::set<std::string> noted = {"Network.requestWillBeSent",
+                                              "Runtime.exceptionThrown", "Runtime.consoleAPICalled",
+                                              "Log.entryAdded", "Page.javascriptDialogOpening"};
   const std::string method = message["method"].GetString();
   if (noted.contains(method)) events_.push_back(method + " " + text_of(message["params"]));
 }
 
 void browser::open(const std::string &path) {
-  call("Page.navigate", R"({"url": )" + quoted("file://" + path) + "}");
+  call("Page.navigate", R"({"url": )" + json_text("file://" + path) + "}");
   for (int tries = 0; tries < 600; ++tries) {
     if (value("performance.getEntriesByName('drawn').length") == "1") return;
     ::poll(nullptr, 0, 50);
@@ -119,33 +119,34 @@ void browser::open(const std::string &path) {
 }
 
 std::string browser::value(const std::string &expression) {
-  const rapidjson::Document answer =
-      call("Runtime.evaluate", R"({"expression": )" + quoted("String(" + expression + ")") + "}");
+  const rapidjson::Document answer = call(
+      "Runtime.evaluate", R"({"awaitPromise": true, "expression": )" +
+                              json_text("Promise.resolve(" + expression + ").then(String)") + "}");
   const rapidjson::Value &result = answer["result"];
   if (result.HasMember("exceptionDetails")) throw std::runtime_error(text_of(result));
   return {result["result"]["value"].GetString(), result["result"]["value"].GetStringLength()};
 }
 
 void browser::click(const std::string &selector) {
-  const std::string element = "document.querySelector(" + quoted(selector) + ")";
+  const std::string element = "document.querySelector(" + json_text(selector) + ")";
   value(element + ".scrollIntoView({block: 'center', behavior: 'instant'})");
   const std::string box = element + ".getBoundingClientRect()";
   const std::string at = "\"x\": " + value(box + ".x + " + box + ".width / 2") +
                          ", \"y\": " + value(box + ".y + " + box + ".height / 2");
   for (const char *type : {"mousePressed", "mouseReleased"}) {
-    call("Input.dispatchMouseEvent", "{" + at + R"(, "button": "left", "clickCount": 1, "type": ")" +
-                                         type + "\"}");
+    call("Input.dispatchMouseEvent",
+         "{" + at + R"(, "button": "left", "clickCount": 1, "type": ")" + type + "\"}");
   }
 }
 
 void browser::type(const std::string &text) {
-  call("Input.insertText", R"({"text": )" + quoted(text) + "}");
+  call("Input.insertText", R"({"text": )" + json_text(text) + "}");
 }
 
 void browser::press(const std::string &key) {
   for (const char *type : {"rawKeyDown", "keyUp"}) {
-    call("Input.dispatchKeyEvent",
-         R"({"key": )" + quoted(key) + R"(, "code": )" + quoted(key) + R"(, "type": ")" + type + "\"}");
+    call("Input.dispatchKeyEvent", R"({"key": )" + json_text(key) + R"(, "code": )" +
+                                       json_text(key) + R"(, "type": ")" + type + "\"}");
   }
 }
 
@@ -154,8 +155,8 @@ size_t browser::print() {
 }
 
 void browser::set_media_feature(const std::string &name, const std::string &value) {
-  call("Emulation.setEmulatedMedia", R"({"features": [{"name": )" + quoted(name) +
-                                         R"(, "value": )" + quoted(value) + "}]}");
+  call("Emulation.setEmulatedMedia", R"({"features": [{"name": )" + json_text(name) +
+                                         R"(, "value": )" + json_text(value) + "}]}");
 }
 
 }  // namespace support

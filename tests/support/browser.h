@@ -26,7 +26,7 @@ class browser {
   // Loads a file, and waits until the page has drawn itself.
   void open(const std::string &path);
 
-  // The value of an expression, as text.
+  // The value of an expression, or of the promise that it is, as text.
   std::string value(const std::string &expression);
 
   // Presses and releases the mouse in the middle of the first element that the selector finds.
