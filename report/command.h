@@ -33,5 +33,7 @@ struct report_command {
 
 // Each command is a row of its own file, listed in main.cpp.
 extern const report_command list_command;
+extern const report_command metrics_command;
+extern const report_command check_command;
 
 #endif

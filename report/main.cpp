@@ -14,7 +14,7 @@ namespace {
 
 using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
-const report_command *const commands[] = {&list_command};
+const report_command *const commands[] = {&list_command, &metrics_command, &check_command};
 
 constexpr int help_option = 'H';
 
