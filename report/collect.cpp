@@ -8,7 +8,6 @@
 #include <numeric>
 
 #include "main/quota/limit.h"
-#include "report/command.h"
 #include "report/platform.h"
 #include "report/quota_files.h"
 #include "report/statement.h"
@@ -105,8 +104,7 @@ report_platform collect() {
   report_platform platform;
   platform.host = name_of_host();
   platform.texts = std::make_unique<std::pmr::monotonic_buffer_resource>();
-  const sql_session session;
-  if (!session) throw report_trouble("The database cannot be reached");
+  const report_session session;
   for_each_row(session.get(), select_accounts,
                [&](const sql_fields &row) { take_account(platform, row); });
   read_limits(platform, session.get());

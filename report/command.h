@@ -36,5 +36,7 @@ extern const report_command list_command;
 extern const report_command diff_command;
 extern const report_command page_command;
 extern const report_command snapshot_command;
+extern const report_command metrics_command;
+extern const report_command check_command;
 
 #endif

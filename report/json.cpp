@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr size_t buffer_size = 65536;
-
 template <class Value>
 void write_kinds(json_writer &json, const char *name, kind_set kinds, Value write_value) {
   json.Key(name);
@@ -78,38 +76,38 @@ void write_account(json_writer &json, const report_account &account, std::int64_
   json.EndObject();
 }
 
-void write_document(FILE *stream, const report_platform &platform, const account_source &source,
-                    kind_set kinds) {
-  char buffer[buffer_size];
-  rapidjson::FileWriteStream out(stream, buffer, sizeof buffer);
-  json_writer json(out);
-  json.StartObject();
-  write_member(json, "format", std::string_view("spoolcap-report"));
+void write_document_head(json_writer &json, const char *format, const report_platform &platform) {
+  write_member(json, "format", std::string_view(format));
   write_member(json, "version", std::int64_t{1});
   write_member(json, "taken", std::string_view(iso_time(platform.taken)));
   write_member(json, "host", std::string_view(platform.host));
-  json.Key("accounts");
-  json.StartArray();
-  out.Put('\n');
+}
+
+void write_document(FILE *stream, const report_platform &platform, const account_source &source,
+                    kind_set kinds) {
+  json_stream to(stream);
+  to.json.StartObject();
+  write_document_head(to.json, "spoolcap-report", platform);
+  to.json.Key("accounts");
+  to.json.StartArray();
+  to.out.Put('\n');
   source([&](const report_account &account) {
-    write_account(json, account, platform.taken, kinds);
-    out.Put('\n');
+    write_account(to.json, account, platform.taken, kinds);
+    to.out.Put('\n');
   });
-  json.EndArray();
-  json.EndObject();
-  out.Put('\n');
-  out.Flush();
+  to.json.EndArray();
+  to.json.EndObject();
+  to.out.Put('\n');
+  to.out.Flush();
 }
 
 void write_lines(FILE *stream, const report_platform &platform, const account_source &source,
                  kind_set kinds) {
-  char buffer[buffer_size];
-  rapidjson::FileWriteStream out(stream, buffer, sizeof buffer);
-  json_writer json(out);
+  json_stream to(stream);
   source([&](const report_account &account) {
-    json.Reset(out);
-    write_account(json, account, platform.taken, kinds);
-    out.Put('\n');
+    to.json.Reset(to.out);
+    write_account(to.json, account, platform.taken, kinds);
+    to.out.Put('\n');
   });
-  out.Flush();
+  to.out.Flush();
 }

@@ -12,6 +12,15 @@
 
 using json_writer = rapidjson::Writer<rapidjson::FileWriteStream>;
 
+// A writer with its buffer. Flush `out` at the end.
+struct json_stream {
+  explicit json_stream(FILE *stream) : out(stream, buffer, sizeof buffer), json(out) {}
+
+  char buffer[65536];
+  rapidjson::FileWriteStream out;
+  json_writer json;
+};
+
 // Visits accounts in the order in which they are to be written.
 using account_source =
     std::function<void(const std::function<void(const report_account &account)> &visit)>;
@@ -20,6 +29,9 @@ using account_source =
 void write_member(json_writer &json, const char *name, std::int64_t number);
 void write_member(json_writer &json, const char *name, std::string_view text);
 void write_member(json_writer &json, const char *name, std::optional<double> number);
+
+// The members that begin a document, whose version is 1.
+void write_document_head(json_writer &json, const char *format, const report_platform &platform);
 
 // Time as ISO 8601 has it, in UTC.
 std::string iso_time(std::int64_t seconds);

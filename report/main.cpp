@@ -14,8 +14,8 @@ namespace {
 
 using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
-const report_command *const commands[] = {&list_command, &page_command, &snapshot_command,
-                                          &diff_command};
+const report_command *const commands[] = {&list_command,  &metrics_command,  &page_command,
+                                          &check_command, &snapshot_command, &diff_command};
 
 constexpr int help_option = 'H';
 

@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cmath>
 #include <functional>
-#include <limits>
 
 #include "report/command.h"
 
@@ -94,8 +93,8 @@ void take_no_words(const std::vector<std::string> &words) {
   if (!words.empty()) throw report_trouble("Not understood: " + words[0]);
 }
 
-std::optional<std::uint32_t> account_id(std::string_view text) {
-  return number_in<std::uint32_t>(text);
+std::optional<std::uint64_t> whole_number(std::string_view text) {
+  return number_in<std::uint64_t>(text);
 }
 
 std::string name_of_level(int level) {

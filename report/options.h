@@ -30,8 +30,8 @@ std::vector<int> levels_option(const char *name, const char *text);
 // Throws when there are more words than a command takes.
 void take_no_words(const std::vector<std::string> &words);
 
-// The number at the start of `text` and nothing behind it.
-std::optional<std::uint32_t> account_id(std::string_view text);
+// The number that the whole text is, in decimal.
+std::optional<std::uint64_t> whole_number(std::string_view text);
 
 // A level by its name; its number for one without a name.
 std::string name_of_level(int level);

@@ -12,12 +12,16 @@ const char *name_of(figure_state state) {
   return names[static_cast<size_t>(state)];
 }
 
+std::int64_t sum_of(std::int64_t left, std::int64_t right) {
+  std::int64_t sum = 0;
+  return __builtin_add_overflow(left, right, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
+}
+
 std::int64_t total_of(const report_account &account, kind_set kinds) {
   std::int64_t total = -1;
   for_each_of(kinds, [&](unsigned kind) {
-    if (account.used[kind] < 0) return;
-    if (__builtin_add_overflow(std::max<std::int64_t>(total, 0), account.used[kind], &total)) {
-      total = std::numeric_limits<std::int64_t>::max();
+    if (account.used[kind] >= 0) {
+      total = sum_of(std::max<std::int64_t>(total, 0), account.used[kind]);
     }
   });
   return total;

@@ -54,9 +54,12 @@ void for_each_of(kind_set kinds, Visit visit) {
   }
 }
 
+// A sum of two figures that are known. Ends at the highest number there is.
+std::int64_t sum_of(std::int64_t left, std::int64_t right);
+
 // What follows is about the kinds of a set.
 
-// The sum of what is known; -1 when nothing is. Ends at the highest number there is.
+// The sum of what is known; -1 when nothing is.
 std::int64_t total_of(const report_account &account, kind_set kinds = all_kinds);
 
 // What is used of a limit, in percent with one decimal. A limit of 0 counts as one byte. Nothing

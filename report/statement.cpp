@@ -13,6 +13,10 @@ namespace {
 
 }  // namespace
 
+report_session::report_session() {
+  if (!*this) throw report_trouble("The database cannot be reached");
+}
+
 void for_each_row(SessionHandle session, const std::string &statement,
                   const std::function<void(const sql_fields &)> &visit) {
   MYSQL *const mysql = fr_sql_conn_get_mysql(session);

@@ -14,6 +14,12 @@
 using sql_field = std::optional<std::string_view>;
 using sql_fields = std::vector<sql_field>;
 
+// A session of its own; throws report_trouble when none can be had.
+class report_session : public sql_session {
+ public:
+  report_session();
+};
+
 // Runs a statement and visits its rows as the server sends them; no other statement may run on the
 // session meanwhile. Throws report_trouble, with the server's reason, when it fails.
 void for_each_row(SessionHandle session, const std::string &statement,
