@@ -1,7 +1,10 @@
 #include "report/compressed.h"
 
+#include <endian.h>
+
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "report/command.h"
 
@@ -61,32 +64,33 @@ decompressed_file::decompressed_file(const std::string &path)
       compressed_(ZSTD_DStreamInSize()) {
   if (!file_) fail(std::strerror(errno));
   if (!context_) throw std::bad_alloc();
+  std::uint32_t magic = 0;
+  if (read_more() >= sizeof magic) std::memcpy(&magic, compressed_.data(), sizeof magic);
+  if (le32toh(magic) != ZSTD_MAGICNUMBER) fail("is no snapshot");
+}
+
+size_t decompressed_file::read_more() {
+  const size_t size = std::fread(compressed_.data(), 1, compressed_.size(), file_.get());
+  if (std::ferror(file_.get()) != 0) fail(std::strerror(errno));
+  input_ = {compressed_.data(), size, 0};
+  return size;
 }
 
 char decompressed_file::fill() {
-  if (ended_) return '\0';
-  before_ += content_.size();
-  next_ = 0;
+  before_ += std::exchange(next_, 0);
   content_.resize(ZSTD_DStreamOutSize());
   ZSTD_outBuffer output = {content_.data(), content_.size(), 0};
   while (output.pos == 0) {
-    if (input_.pos == input_.size) {
-      input_ = {compressed_.data(),
-                std::fread(compressed_.data(), 1, compressed_.size(), file_.get()), 0};
-      if (std::ferror(file_.get()) != 0) fail(std::strerror(errno));
-      if (input_.size == 0) {
-        if (before_ == 0) fail("is no snapshot");
-        if (wanted_ != 0) fail("is cut off");
-        ended_ = true;
-        content_.clear();
-        return '\0';
-      }
+    if (input_.pos == input_.size && read_more() == 0) {
+      if (wanted_ != 0) fail("is cut off");
+      ended_ = true;
+      break;
     }
     wanted_ = ZSTD_decompressStream(context_.get(), &output, &input_);
-    if (ZSTD_isError(wanted_) != 0) fail(before_ == 0 ? "is no snapshot" : "is damaged");
+    if (ZSTD_isError(wanted_) != 0) fail("is damaged");
   }
   content_.resize(output.pos);
-  return content_[0];
+  return ended_ ? '\0' : content_[0];
 }
 
 void decompressed_file::fail(const char *reason) const {

@@ -24,7 +24,10 @@ class decompressed_file {
   using Ch = char;
   explicit decompressed_file(const std::string &path);
 
-  char Peek() { return next_ < content_.size() ? content_[next_] : fill(); }
+  char Peek() {
+    if (next_ < content_.size()) return content_[next_];
+    return ended_ ? '\0' : fill();
+  }
   char Take() {
     const char byte = Peek();
     if (!ended_) ++next_;
@@ -38,6 +41,7 @@ class decompressed_file {
 
  private:
   char fill();
+  size_t read_more();
   [[noreturn]] void fail(const char *reason) const;
 
   std::string path_;
@@ -47,7 +51,7 @@ class decompressed_file {
   ZSTD_inBuffer input_ = {};
   size_t next_ = 0;    // in the content
   size_t before_ = 0;  // bytes before the content
-  size_t wanted_ = 0;  // more bytes until a whole frame; 0 between frames
+  size_t wanted_ = 1;  // more bytes until a whole frame; 0 between frames
   bool ended_ = false;
 };
 

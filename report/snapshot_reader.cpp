@@ -47,11 +47,13 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     return true;
   }
   bool StartArray() {
+    in_list_ = in_list_ || (arrays_ == 0 && depth_ == 1 && keys_[0] == "accounts");
     ++arrays_;
     return true;
   }
   bool EndArray(rapidjson::SizeType) {
     --arrays_;
+    in_list_ = in_list_ && arrays_ > 0;
     return true;
   }
   bool Key(const char *text, rapidjson::SizeType size, bool) {
@@ -76,7 +78,8 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   bool is_newer() const { return is_report_ && version_ > known_version; }
 
  private:
-  bool in_accounts() const { return arrays_ == 1 && depth_ >= 2 && keys_[0] == "accounts"; }
+  // Whether this is an account or a part of one, but not in an array of its own.
+  bool in_accounts() const { return in_list_ && arrays_ == 1 && depth_ >= 2; }
   bool is_account() const { return in_accounts() && depth_ == 2; }
   report_account &account() { return platform_.accounts.back(); }
 
@@ -139,6 +142,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   std::vector<std::string> keys_;  // of the objects around, the outermost first
   size_t depth_ = 0;               // of objects
   size_t arrays_ = 0;              // around the value
+  bool in_list_ = false;           // of the accounts
   bool is_report_ = false;
   std::int64_t version_ = 0;
 };
@@ -151,7 +155,9 @@ report_platform read_snapshot(const std::string &path) {
   platform.taken = -1;
   document_reader document(platform);
   rapidjson::Reader reader;
-  const bool read = !reader.Parse(content, document).IsError();
+  constexpr unsigned careful =
+      rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
+  const bool read = !reader.Parse<careful>(content, document).IsError();
   if (document.is_newer()) throw report_trouble(path + ": was written by a newer version");
   if (!read || !document.is_complete()) throw report_trouble(path + ": is no snapshot");
   std::sort(platform.accounts.begin(), platform.accounts.end(),

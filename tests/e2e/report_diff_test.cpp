@@ -16,11 +16,12 @@ class Diff : public Report {
     return box.path(name);
   }
 
-  // A snapshot of the platform as it is, said to be of this day.
+  // A snapshot of the platform as it is, said to be of midnight of this day.
   std::string snapshot_of(const std::string &day) {
     std::string document = report({"list", "--format", "json"});
     const std::string key = "\"taken\":\"";
-    document.replace(document.find(key) + key.size(), day.size(), day);
+    const std::string midnight = day + "T00:00:00";
+    document.replace(document.find(key) + key.size(), midnight.size(), midnight);
     return packed(day, document);
   }
 
@@ -64,9 +65,32 @@ TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
   write_quota("1/music", "1010.3");
   // A figure that is not known on one side is no growth.
   write_quota("1/2/fax", "broken");
-  EXPECT_EQ(report({"diff", old}), "");
-  EXPECT_EQ(report({"diff", "--format", "csv", "--level", "user", "--kind", "fax,sound", old}), "");
-  EXPECT_EQ(report({"diff", "--top", "1", "--human", old, "now"}), "");
+  EXPECT_EQ(report({"diff", old}),
+            "change  growth   before    after  login  id  level     parent\n"
+            "grew     +1000  1051745  1052745  ann     1  reseller  -\n"
+            "came       +70        -       70  =hal   15  user      2\n"
+            "moved      +30        0       30  dan    13  user      2 -> 4\n"
+            "came         0        -        -  ivy     4  client    3\n"
+            "shrank     -76  1051735  1051659  cid    12  user      2\n"
+            "went      -400      400        -  gil    14  user      2\n");
+  EXPECT_EQ(report({"diff", "--format", "csv", "--level", "user", "--kind", "fax,sound", old}),
+            "change,id,name,level,parent_before,parent_after,growth,growth_fax,growth_sound,"
+            "total_before,total_after\r\n"
+            "came,15,'=hal,100,,2,70,,70,,70\r\n"
+            "moved,13,dan,100,2,4,30,30,,0,30\r\n"
+            "shrank,12,cid,100,2,2,-76,-76,0,1048676,1048600\r\n"
+            "went,14,gil,100,2,,-400,-400,,400,\r\n");
+  EXPECT_EQ(report({"diff", "--top", "1", "--human", old, "now"}),
+            "change   growth   before    after  login  id  level     parent\n"
+            "grew    +1000 B  1.00 MB  1.00 MB  ann     1  reseller  -\n");
+  const rapidjson::Document document = json({"diff", "--format", "json", "--top", "3", old});
+  EXPECT_STREQ(document["from"].GetString(), "2026-01-01T00:00:00Z");
+  const auto &moved = document["changes"][2];
+  EXPECT_STREQ(moved["change"].GetString(), "moved");
+  EXPECT_EQ(moved["parent_before"].GetInt(), 2);
+  EXPECT_EQ(moved["parent_after"].GetInt(), 4);
+  EXPECT_EQ(moved["growths"]["fax"].GetInt(), 30);
+  EXPECT_TRUE(moved["growths"]["sound"].IsNull());
 }
 
 TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
@@ -78,14 +102,21 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
     write_quota("1/2/12/fax", std::to_string(cid) + ".0");
     write_quota("1/2/13/fax", std::to_string(dan) + ".0");
   };
-  std::vector<std::string> arguments = {"diff", "--format", "csv"};
+  std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax"};
   set(100, 500, 500, 10);
   arguments.push_back(snapshot_of("2026-01-01"));
   set(210, 400, 500, 10);
   arguments.push_back(snapshot_of("2026-01-02"));
   set(290, 300, 1100, 11);
   arguments.push_back(snapshot_of("2026-01-03"));
-  EXPECT_EQ(report(arguments), "");
+  // Of ann, the line is 200 + 95 a day around the second day, and 1,024 is its height on the tenth.
+  EXPECT_EQ(report(arguments),
+            "change,id,name,level,parent_before,parent_after,growth,growth_fax,total_before,"
+            "total_after,outlook,limit_day,limit_kind\r\n"
+            "grew,12,cid,100,2,2,600,600,500,1100,reached,,fax\r\n"
+            "grew,1,ann,10,,,190,190,100,290,day,2026-01-10,fax\r\n"
+            "grew,13,dan,100,2,2,1,1,10,11,day,2031-07-22,fax\r\n"
+            "shrank,2,bob,50,1,1,-200,-200,500,300,does not grow,,\r\n");
 }
 
 TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
@@ -103,10 +134,14 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   packed("newer", newer);
   packed("foreign", R"({"format":"something","version":1})");
   packed("scalar", "12");
+  packed("odd", R"({"accounts":{"x":[5,"y",{"z":[{"used":{"fax":1}}]}]}})");
+  packed("deep", std::string(300000, '['));
   for (const auto &[name, reason] : {std::pair("text", "is no snapshot"),
                                      {"empty", "is no snapshot"},
                                      {"foreign", "is no snapshot"},
                                      {"scalar", "is no snapshot"},
+                                     {"odd", "is no snapshot"},
+                                     {"deep", "is no snapshot"},
                                      {"cut", "is cut off"},
                                      {"damaged", "is damaged"},
                                      {"newer", "was written by a newer version"},
@@ -114,8 +149,9 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
     EXPECT_EQ(refusal({"diff", box.path(name)}),
               "spoolcap-report: " + box.path(name) + ": " + reason + "\n");
   }
-  EXPECT_EQ(refusal({"diff", "now", whole}),
-            "spoolcap-report: " + whole + ": is older than the one before it\n");
+  const std::string old = snapshot_of("2001-01-01");
+  EXPECT_EQ(refusal({"diff", "now", old}),
+            "spoolcap-report: " + old + ": is older than the one before it\n");
   EXPECT_EQ(refusal({"diff"}), "spoolcap-report: diff needs the name of a snapshot\n");
   EXPECT_EQ(refusal({"snapshot", "/dev/full"}),
             "spoolcap-report: /dev/full could not be written: No space left on device\n");
