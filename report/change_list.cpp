@@ -78,7 +78,7 @@ std::string id_text(std::int64_t id) {
 }
 
 std::string parents_text(const account_change &change) {
-  const std::string now = id_text(parent_of(&change.account()));
+  std::string now = id_text(parent_of(&change.account()));
   if (change.change != change_kind::moved) return now;
   return id_text(parent_of(change.before)) + " -> " + now;
 }
@@ -86,7 +86,7 @@ std::string parents_text(const account_change &change) {
 std::string outlook_text(const account_outlook &outlook) {
   if (outlook.outlook == outlook_kind::unknown) return "-";
   const std::string kind(kind_name_of(outlook));
-  const std::string text =
+  std::string text =
       outlook.outlook == outlook_kind::day ? day_of(outlook) : name_of(outlook.outlook);
   return kind.empty() ? text : text + " (" + kind + ")";
 }
@@ -175,7 +175,7 @@ void write_changes_table(FILE *stream, const change_list &list, bool human) {
       {"change", true}, {"growth", false}, {"before", false}, {"after", false},
       {"login", true},  {"id", false},     {"level", true},   {"parent", true}};
   if (list.has_outlook()) heads.emplace_back("limit reached", true);
-  table_columns columns(std::move(heads));
+  table_columns columns(heads);
   for (const account_change &change : list.changes) columns.measure(cells_of(change, list, human));
   columns.print_head(stream);
   for (const account_change &change : list.changes) {

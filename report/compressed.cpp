@@ -11,6 +11,7 @@
 namespace {
 
 struct compression {
+  explicit compression(FILE *to) : file(to) {}
   FILE *file;
   std::unique_ptr<ZSTD_CCtx, call_to_release<ZSTD_freeCCtx>> context{ZSTD_createCCtx()};
   std::vector<char> out = std::vector<char>(ZSTD_CStreamOutSize());
@@ -53,7 +54,7 @@ c_file compress_into(FILE *file) {
   functions.close = end_stream;
   c_file stream(::fopencookie(made.get(), "w", functions));
   if (!stream) throw std::bad_alloc();
-  made.release();
+  [[maybe_unused]] const auto *const owned_by_stream = made.release();
   return stream;
 }
 

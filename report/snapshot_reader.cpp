@@ -104,8 +104,8 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     if (keys_[1] == "id") account().id = static_cast<std::uint32_t>(value);
     if (keys_[1] == "parent") account().parent = static_cast<std::uint32_t>(value);
     if (keys_[1] == "level") account().level = static_cast<int>(value);
-    if (keys_[1] == "age")
-      std::fill_n(account().modified, QUOTA_ALL_KINDS, platform_.taken - value);
+    if (keys_[1] != "age") return;
+    std::fill_n(account().modified, QUOTA_ALL_KINDS, platform_.taken - value);
   }
 
   // The place of the member's kind; QUOTA_ALL_KINDS for none that this version has.

@@ -94,10 +94,10 @@ class table {
 
 }  // namespace
 
-table_columns::table_columns(std::vector<std::pair<std::string, bool>> heads) {
+table_columns::table_columns(const std::vector<std::pair<std::string, bool>> &heads) {
   // For the widths of characters; where this locale is not known, each takes one column.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  for (auto &[head, is_text] : heads) columns_.push_back({head, is_text, head.size()});
+  for (const auto &[head, is_text] : heads) columns_.push_back({head, is_text, head.size()});
 }
 
 void table_columns::measure(const std::vector<std::string> &line) {

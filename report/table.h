@@ -26,7 +26,7 @@ void write_table(FILE *stream, const report_platform &platform,
 class table_columns {
  public:
   // The heads, each with whether its column is one of text, which begins at the left.
-  explicit table_columns(std::vector<std::pair<std::string, bool>> heads);
+  explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
   void measure(const std::vector<std::string> &line);
   void print_head(FILE *stream) const;
   void print(FILE *stream, const std::vector<std::string> &line) const;

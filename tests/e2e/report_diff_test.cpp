@@ -94,8 +94,7 @@ TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
 }
 
 TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
-  for (const char *id : {"1", "2", "12", "13"})
-    box.set_preference(std::stoi(id), "fax_storage", "1");
+  for (const int id : {1, 2, 12, 13}) box.set_preference(id, "fax_storage", "1");
   const auto set = [&](int ann, int bob, int cid, int dan) {
     write_quota("1/fax", std::to_string(ann) + ".0");
     write_quota("1/2/fax", std::to_string(bob) + ".0");

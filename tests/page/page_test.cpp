@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <sstream>
 
 #include "tests/support/browser.h"
 #include "tests/support/sandbox.h"
@@ -13,8 +14,8 @@ class Page : public testing::Test {
  protected:
   void SetUp() override {
     if (support::browser::exists()) return;
-    if (std::getenv("SPOOLCAP_NEEDS_BROWSER") != nullptr)
-      FAIL() << "chromium-headless-shell is missing";
+    ASSERT_EQ(std::getenv("SPOOLCAP_NEEDS_BROWSER"), nullptr)
+        << "chromium-headless-shell is missing";
     GTEST_SKIP() << "chromium-headless-shell is missing";
   }
 
@@ -184,22 +185,22 @@ TEST_F(Page, PrintsAndFollowsTheColoursOfTheSystem) {
 // The rows are put into a page that is there: quota files of so many accounts take a minute.
 TEST_F(Page, FoldsWhatAreTooManyRectangles) {
   ASSERT_EQ(box.run_report({"page", box.path("page.html")}).status, 0);
-  const std::string none = "[null,null,null,null,null]", states = R"("04444")";
-  std::string rows = R"([1,null,10,"ann",[30000000,0,0,0,0],)" + none + "," + states + ",5]," +
-                     R"([2,1,50,"bob",[30000000,0,0,0,0],)" + none + "," + states + ",5]";
-  for (int id = 1000; id < 7000; ++id) {
-    const std::string number = std::to_string(id);
-    rows += ",[" + number + R"(,2,100,"user)" + number + R"(",[)" + number + ",0,0,0,0]," + none +
-            "," + states + ",5]";
-  }
+  std::ostringstream rows;
+  const auto add_row = [&](int id, const char *parent, int level, int fax) {
+    rows << (rows.tellp() > 0 ? ",[" : "[") << id << ',' << parent << ',' << level << ",\"user"
+         << id << "\",[" << fax << R"(,0,0,0,0],[null,null,null,null,null],"04444",5])";
+  };
+  add_row(1, "null", 10, 30000000);
+  add_row(2, "1", 50, 30000000);
+  for (int id = 1000; id < 7000; ++id) add_row(id, "2", 100, id);
   std::string text = box.read_file("page.html").value();
   const std::string before = R"("accounts":[)";
-  text.insert(text.find(before) + before.size(), rows);
+  text.insert(text.find(before) + before.size(), rows.str());
   box.write_file("page.html", text);
   browser_ = std::make_unique<support::browser>();
   support::browser &page = *browser_;
   page.open(box.path("page.html"));
-  page.click("[aria-label^='bob,'] rect");
+  page.click("[aria-label^='user2,'] rect");
   EXPECT_EQ(page.value("document.querySelectorAll('.tile').length"), "5000");
   // 6,000 users and the client's own files, of which the 4,999 greatest are drawn.
   EXPECT_EQ(page.value("document.querySelector('.folded').ariaLabel"),

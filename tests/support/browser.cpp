@@ -79,7 +79,7 @@ rapidjson::Document browser::call(const std::string &method, const std::string &
     if (!answer.HasMember("id")) {
       note(answer);
     } else if (answer["id"].GetInt() == id) {
-      if (answer.HasMember("error")) throw std::runtime_error(method + ": " + text);
+      if (answer.HasMember("error")) throw std::runtime_error(text);
       return answer;
     }
   }
