@@ -15,7 +15,7 @@ struct change_list {
   bool has_outlook() const { return states.size() > 2; }
 };
 
-// The schema is docs/report.md's; "limit_reached" stands there with three states or more.
+// docs/report.md has the members and columns; the outlook is among them with three states or more.
 void write_changes_json(FILE *stream, const change_list &list);
 void write_changes_separated(FILE *stream, separated_format format, const change_list &list);
 void write_changes_table(FILE *stream, const change_list &list, bool human);

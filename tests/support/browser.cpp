@@ -154,9 +154,11 @@ size_t browser::print() {
   return call("Page.printToPDF")["result"]["data"].GetStringLength() / 4 * 3;
 }
 
-void browser::set_media_feature(const std::string &name, const std::string &value) {
-  call("Emulation.setEmulatedMedia", R"({"features": [{"name": )" + json_text(name) +
-                                         R"(, "value": )" + json_text(value) + "}]}");
+void browser::set_media(const std::string &medium, const std::string &colours) {
+  call("Emulation.setEmulatedMedia",
+       R"({"media": )" + json_text(medium) +
+           R"(, "features": [{"name": "prefers-color-scheme", "value": )" + json_text(colours) +
+           "}]}");
 }
 
 }  // namespace support

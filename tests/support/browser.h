@@ -37,8 +37,8 @@ class browser {
   void press(const std::string &key);
   // Prints the page; the number of bytes of the PDF.
   size_t print();
-  // What media queries are to find: "prefers-color-scheme", "dark".
-  void set_media_feature(const std::string &name, const std::string &value);
+  // The medium, "screen" or "print", and the colours, "light" or "dark", that the system asks for.
+  void set_media(const std::string &medium, const std::string &colours);
 
   // Addresses that the page asked for, errors of its scripts, dialogs that it opened, and whatever
   // its policy refused; all but the page itself is a fault.
