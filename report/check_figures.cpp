@@ -68,8 +68,9 @@ class figure_check {
       const usage found = own_usage({id, nullptr, nullptr, account.level, nullptr}, kind);
       own_[place].bytes[kind] = found.bytes;
       own_[place].is_known[kind] = found.certain;
-      if (!found.certain)
+      if (!found.certain) {
         out_.add({.name = "media_not_readable", .account = &account, .kind = kind});
+      }
     }
   }
 
