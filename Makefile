@@ -40,6 +40,7 @@ test-page: deps $(BUILD)/build.ninja
 	SPOOLCAP_NEEDS_BROWSER=1 $(BUILD)/bin/testbed ctest --preset release -L page
 
 bench: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
 	cmake --build --preset release --target bench_programs
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
