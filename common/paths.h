@@ -23,6 +23,9 @@ enum qx_path_id {
   QX_PATH_TRANSFER_IN,   /* default of the folder of downloads from the object store */
   QX_PATH_TRANSFER_OUT,  /* default of the folder of files that leave for it */
   QX_PATH_STORAGE_CACHE, /* default of the local cache of the object store */
+  QX_PATH_TRANSFER_CONF,   /* transfer service */
+  QX_PATH_TRANSFER_KEYS,   /* default of its keys to the object store */
+  QX_PATH_TRANSFER_SOCKET, /* default of its socket */
   QX_PATH_COUNT
 };
 

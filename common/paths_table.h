@@ -10,6 +10,7 @@ inline constexpr const char *qx_fixed_paths[QX_PATH_COUNT] = {
     "/var/lib/quorvexquota",       "/var/spool/asterisk",       "/var/lib/asterisk",
     "/etc/quorvexnode/nodeid",     "/etc/quorvex/storage.conf", "/usr/local/quorvex/stmp/in",
     "/usr/local/quorvex/stmp/out", "/usr/local/quorvex/scache",
+    "/etc/quorvex/transfer.conf",  "/etc/quorvex/transfer.keys", "/run/spoolcap/transfer.sock",
 };
 
 #endif
