@@ -5,8 +5,12 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
+#include <thread>
 
 #include "main/quota/careful_open.h"
 #include "main/quota/record.h"
@@ -14,6 +18,8 @@
 #include "report/command.h"
 
 namespace {
+
+constexpr size_t most_threads = 4;
 
 // What lies in the quota directory of one account.
 struct folder_content {
@@ -56,20 +62,19 @@ void set_all(report_account &account, figure_state state) {
 
 // A file is a record only as the engine takes it: no link, no device, no second name.
 figure_state read_record(int folder, unsigned kind, report_account &account) {
-  const unique_fd file(open_entry(folder, media_kinds[kind].quota_file,
-                                  O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  quota_file file{open_entry(folder, media_kinds[kind].quota_file,
+                             O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
   if (!file) return errno == ENOENT ? figure_state::missing : figure_state::unreadable;
   struct stat status {};
-  if (::fstat(file.get(), &status) != 0) return figure_state::unreadable;
+  if (::fstat(file.fd.get(), &status) != 0) return figure_state::unreadable;
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1) return figure_state::unreadable;
   account.modified[kind] = status.st_mtim.tv_sec;
-  int64_t value = 0;
-  int revision = 0;
-  if (quota_read_internal(file.get(), &value, &revision) != 0) return figure_state::unreadable;
-  if (value < 0 || revision < 0) return figure_state::unreadable;
-  account.used[kind] = value;
-  account.updates[kind] = revision;
-  return revision > 0 ? figure_state::updated : figure_state::measured;
+  file.size = status.st_size;
+  const std::optional<quota_record> record = record_of(file);
+  if (!record || record->value < 0 || record->revision < 0) return figure_state::unreadable;
+  account.used[kind] = record->value;
+  account.updates[kind] = record->revision;
+  return record->revision > 0 ? figure_state::updated : figure_state::measured;
 }
 
 figure_state state_with_marks(figure_state state, unsigned kind, const folder_content &content) {
@@ -112,8 +117,24 @@ void read_quota_files(report_platform &platform) {
     throw report_trouble(settings->quota_root + ": " + std::strerror(errno));
   }
   if (!root) return;
+  std::vector<report_account *> resellers;
   for (const std::uint32_t place : platform.children_of(0)) {
     report_account &account = platform.accounts[place];
-    if (account.level == LEVEL_RESELLER) read_subtree(platform, root.get(), account);
+    if (account.level == LEVEL_RESELLER) resellers.push_back(&account);
   }
+  // No two resellers have an account in common.
+  std::atomic<size_t> next = 0;
+  const auto read = [&] {
+    for (size_t i = next++; i < resellers.size(); i = next++) {
+      read_subtree(platform, root.get(), *resellers[i]);
+    }
+  };
+  std::vector<std::jthread> helpers;
+  const size_t most = std::min<size_t>(most_threads, std::thread::hardware_concurrency());
+  try {
+    while (helpers.size() + 1 < std::min(most, resellers.size())) helpers.emplace_back(read);
+  } catch (const std::system_error &) {
+    // Then with those that there are.
+  }
+  read();
 }
