@@ -103,8 +103,7 @@ function bytesText(bytes) {
 function percentText(percent) {
   if (percent === null) return 'no limit';
   if (percent >= 10000) return 'over 9,999\u00a0%';
-  // Cut, not rounded: what is below its limit never reads as 100 %.
-  return (percent < 10 ? Math.floor(percent * 10) / 10 : Math.floor(percent)) + '\u00a0%';
+  return percent.toFixed(1) + '\u00a0%';
 }
 
 function ageText(seconds) {

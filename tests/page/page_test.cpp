@@ -71,7 +71,7 @@ TEST_F(Page, DrawsTheTreeAndOpensWhatIsClickedOrEntered) {
   page.click("[aria-label^='bob,'] rect");
   EXPECT_EQ(text_of("#path"), "All accountsannbob");
   EXPECT_EQ(page.value("[...document.querySelectorAll('.tile')].map((tile) => tile.ariaLabel)"),
-            "dan, 5.5\u00a0KiB,cid, 2.0\u00a0KiB, \u25b2 200\u00a0%,own files, 952\u00a0B");
+            "dan, 5.5\u00a0KiB,cid, 2.0\u00a0KiB, \u25b2 200.0\u00a0%,own files, 952\u00a0B");
   EXPECT_EQ(text_of("#count"), "3 of 3");
   EXPECT_EQ(page.value("document.querySelectorAll('.over .striped').length"), "1");
   page.click("#path button");
@@ -111,7 +111,7 @@ TEST_F(Page, SearchesSortsAndFilters) {
   EXPECT_EQ(text_of("#count"), "6 of 6");
   page.click("[data-filter=over]");
   EXPECT_EQ(logins(), "cid");
-  EXPECT_EQ(text_of("[data-row] td:nth-child(6)"), "\u25b2 200\u00a0%");
+  EXPECT_EQ(text_of("[data-row] td:nth-child(6)"), "\u25b2 200.0\u00a0%");
 }
 
 TEST_F(Page, KeepsHostileLoginsText) {

@@ -161,7 +161,7 @@ TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
 TEST_F(Refresh, AWalkThatStopsIsToldAndBeginsAgainNextTime) {
   store_everywhere("9.5");
   box.sql("RENAME TABLE client TO gone");
-  const std::string given = quota_root() + "/1";
+  const std::string given = quota_root() + "/1/";
   std::string directory = given;
   EXPECT_EQ(quota_update_subtree("1", nullptr, nullptr, 10, 5, directory, nullptr, 10, nullptr),
             -1);

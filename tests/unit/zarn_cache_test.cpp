@@ -253,9 +253,11 @@ TEST_F(Parameters, BadArgumentsAreRefusedInSilence) {
     EXPECT_EQ(rmset_hash(0, 1, bad, names, "h"), -1);
     EXPECT_EQ(rmset_hash(0, 1, names, bad, "h"), -1);
   }
+  EXPECT_EQ(drmget_hash(4, bindings, 0, names, rows_statement, "7", 0, 0, 0), nullptr);
   EXPECT_EQ(drmget_hash(4, nullptr, 1, names, rows_statement, "7", 0, 0, 0), nullptr);
   EXPECT_EQ(rmget_hash(0, -1, names, "h"), nullptr);
   EXPECT_EQ(rmset_hash(0, 0, names, names, "h"), 0) << "nothing to write is no failure";
+  EXPECT_EQ(rmset_hash(0, -1, names, names, "h"), -1);
   EXPECT_EQ(told(), texts{});
 }
 

@@ -111,6 +111,15 @@ TEST_F(Account, UnknownOneIsNotKnownAndNothingIsCached) {
   EXPECT_EQ(box.redis({"EXISTS", "res:inf:mng:77"}), "0");
 }
 
+TEST_F(Account, FailedStatementIsTold) {
+  box.sql("RENAME TABLE client TO elsewhere, extension TO elsewhere_too");
+  size_t count = 0;
+  EXPECT_EQ(name.ask(3), std::nullopt);
+  EXPECT_TRUE(log.has("Could not query for client name with id 3 (Table "));
+  EXPECT_EQ(qx_user_get_extensions_sess(nullptr, "2", 3, 1, &count), nullptr);
+  EXPECT_TRUE(log.has("../main/zarn_user:qx_user_get_extensions_sess:"));
+}
+
 class AccountExtensions : public Account {
  protected:
   AccountExtensions() {
