@@ -1,7 +1,9 @@
-// What the map shows, and where: two levels of accounts below the one that is open.
+// What the map shows, and where: two levels of accounts below the one that is open, three where
+// they are few.
 
 const MOST_TILES = 5000;
 const MOST_GROUPS = 1000;
+const FEW_TILES = 300; // up to here, a third level is drawn
 const HEAD_HEIGHT = 20;
 
 // The largest `most` of these nodes, and one for all others together.
@@ -40,16 +42,27 @@ function foldMembers(groups, most) {
   }
 }
 
-function mapNodes(account, kind) {
-  const nodes = childNodes(account, kind);
-  const isGroup = (node) => !node.own && !node.folded && node.account.children.length > 0;
-  if (!nodes.some(isGroup)) return foldRest(nodes, MOST_TILES - 1, account);
-  const groups = foldRest(nodes, MOST_GROUPS, account);
-  for (const group of groups.filter(isGroup)) {
+function isGroup(node) {
+  return !node.own && !node.folded && node.account.children.length > 0;
+}
+
+function addMembers(groups, kind) {
+  for (const group of groups) {
     const members = childNodes(group.account, kind);
     if (members.length > 0) group.children = members;
   }
+}
+
+function mapNodes(account, kind) {
+  const nodes = childNodes(account, kind);
+  if (!nodes.some(isGroup)) return foldRest(nodes, MOST_TILES - 1, account);
+  const groups = foldRest(nodes, MOST_GROUPS, account);
+  addMembers(groups.filter(isGroup), kind);
   foldMembers(groups, MOST_TILES - 2 * groups.length);
+  const members = groups.flatMap((group) => group.children || []);
+  const inner = members.filter(isGroup);
+  const third = inner.reduce((count, node) => count + node.account.children.length, 0);
+  if (members.length + third <= FEW_TILES) addMembers(inner, kind);
   return groups;
 }
 
@@ -62,8 +75,8 @@ function layOut(account, kind, width, height) {
   d3.treemap()
     .size([width, height])
     .paddingInner(2)
-    .paddingOuter((node) => (node.depth === 1 ? 3 : 0))
-    .paddingTop((node) => (node.depth === 1 && node.children ? HEAD_HEIGHT : 0))
+    .paddingOuter((node) => (node.depth > 0 ? 3 : 0))
+    .paddingTop((node) => (node.depth > 0 && node.children ? HEAD_HEIGHT : 0))
     .round(true)(tree);
   return tree.descendants().slice(1);
 }

@@ -65,10 +65,10 @@ class Page : public testing::Test {
 TEST_F(Page, DrawsTheTreeAndOpensWhatIsClickedOrEntered) {
   add_accounts();
   support::browser &page = open_page();
-  // Two levels: the reseller around its clients, with what is its own.
-  EXPECT_EQ(page.value("document.querySelectorAll('.tile').length"), "3");
+  // The reseller around its clients, and these around their users and what is their own.
+  EXPECT_EQ(page.value("document.querySelectorAll('.tile').length"), "7");
   EXPECT_EQ(text_of(".card .figure"), "9.4\u00a0KiB");
-  page.click("[aria-label^='bob,'] rect");
+  page.click("[aria-label^='bob,'] .name");
   EXPECT_EQ(text_of("#path"), "All accountsannbob");
   EXPECT_EQ(page.value("[...document.querySelectorAll('.tile')].map((tile) => tile.ariaLabel)"),
             "dan, 5.5\u00a0KiB,cid, 2.0\u00a0KiB, \u25b2 200.0\u00a0%,own files, 952\u00a0B");
@@ -198,7 +198,7 @@ TEST_F(Page, FoldsWhatAreTooManyRectangles) {
   browser_ = std::make_unique<support::browser>();
   support::browser &page = *browser_;
   page.open(box.path("page.html"));
-  page.click("[aria-label^='user2,'] rect");
+  page.click("[aria-label^='user2,'] .name");
   EXPECT_EQ(page.value("document.querySelectorAll('.tile').length"), "5000");
   // 6,000 users and the client's own files, of which the 4,999 greatest are drawn.
   EXPECT_EQ(page.value("document.querySelector('.folded').ariaLabel"),
