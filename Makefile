@@ -1,7 +1,7 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make test   build and pass all tests
-#   make faults every fault at every call of a run; CASE='kill empty 3' for one of them
+#   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
 # Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
 
 SHELL := /bin/bash
@@ -37,7 +37,9 @@ bench: deps $(BUILD)/build.ninja
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
 faults: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target faults
+	cmake --build --preset release --target faults_tests testbed
+	SPOOLCAP_FAULT=$(or $(AT),all) $(BUILD)/bin/testbed \
+	  ctest --preset release -j $(JOBS) -R 'Campaign.*/$(CASE)'
 
 sanitize: deps
 	cmake --preset sanitize

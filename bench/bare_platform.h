@@ -3,18 +3,13 @@
 #ifndef BENCH_BARE_PLATFORM_H
 #define BENCH_BARE_PLATFORM_H
 
-#include <hiredis/hiredis.h>
-#include <mysql.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 
-#include "platform/base/owner.h"
-
-using bare_rows = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
+#include "platform/sql/handles.h"
+#include "platform/velkan/handles.h"
 
 class bare_platform {
  public:
@@ -29,14 +24,14 @@ class bare_platform {
     reply_of("SELECT %s", argv[6]);
   }
 
-  __attribute__((format(printf, 2, 3))) bare_rows query(const char *format, ...) {
+  __attribute__((format(printf, 2, 3))) sql_result query(const char *format, ...) {
     char statement[512];
     va_list arguments;
     va_start(arguments, format);
     const int length = vsnprintf(statement, sizeof statement, format, arguments);
     va_end(arguments);
     if (mysql_real_query(sql_.get(), statement, static_cast<unsigned long>(length)) != 0) abort();
-    return bare_rows(mysql_store_result(sql_.get()));
+    return sql_result(mysql_store_result(sql_.get()));
   }
 
   void read_field(int account, const char *field) {
@@ -49,14 +44,13 @@ class bare_platform {
   void reply_of(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
-        static_cast<redisReply *>(redisvCommand(cache_.get(), format, arguments)));
+    const vk_reply reply = own_reply(redisvCommand(cache_.get(), format, arguments));
     va_end(arguments);
     if (reply == nullptr) abort();
   }
 
-  std::unique_ptr<MYSQL, call_to_release<mysql_close>> sql_{mysql_init(nullptr)};
-  std::unique_ptr<redisContext, call_to_release<redisFree>> cache_;
+  mysql_handle sql_{mysql_init(nullptr)};
+  vk_context cache_;
 };
 
 #endif

@@ -12,10 +12,10 @@
 int main(int argc, char **argv) {
   if (argc != 8) return 2;
   bare_platform platform(argv);
-  const bare_rows accounts = platform.query(
+  const sql_result accounts = platform.query(
       "SELECT client.id, client.parent_client_id, client.level, acc.username FROM client LEFT JOIN "
       "hs_account acc ON acc.userID = client.id ORDER BY client.id");
-  const bare_rows limits = platform.query(
+  const sql_result limits = platform.query(
       "SELECT client_id, param, value FROM client_prefs WHERE param IN ('fax_storage', "
       "'max_sound', 'max_record', 'max_voice', 'max_moh') ORDER BY client_id");
   std::map<int, std::string> places;  // those of resellers and clients, whose ids are the lowest

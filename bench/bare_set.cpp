@@ -29,7 +29,7 @@ void write_record(const std::string &path, int64_t value) {
 }
 
 int64_t database_sum(bare_platform &platform, const char *table, const char *id) {
-  const bare_rows rows = platform.query(
+  const sql_result rows = platform.query(
       "SELECT SUM(er.filesize) FROM %s as er, extension as e WHERE e.id=er.extension_id and "
       "e.client_id='%s'",
       table, id);
@@ -47,7 +47,7 @@ int64_t read_record(const std::string &path) {
 // What the accounts below have in their files.
 int64_t sum_of_children(bare_platform &platform, const char *id, const std::string &directory,
                         const char *kind) {
-  const bare_rows children =
+  const sql_result children =
       platform.query("SELECT client.id FROM client WHERE client.parent_client_id = '%s'", id);
   int64_t sum = 0;
   while (MYSQL_ROW row = mysql_fetch_row(children.get())) {
@@ -58,7 +58,7 @@ int64_t sum_of_children(bare_platform &platform, const char *id, const std::stri
 
 void refresh(bare_platform &platform, const char *id, int level, const std::string &directory) {
   if (level < 100) {
-    const bare_rows children = platform.query(
+    const sql_result children = platform.query(
         " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ", id);
     while (MYSQL_ROW row = mysql_fetch_row(children.get())) {
       refresh(platform, row[0], atoi(row[1]), directory + "/" + row[0]);
@@ -85,7 +85,7 @@ void refresh(bare_platform &platform, const char *id, int level, const std::stri
 int main(int argc, char **argv) {
   if (argc != 8) return 2;
   bare_platform platform(argv);
-  const bare_rows targets = platform.query(
+  const sql_result targets = platform.query(
       "SELECT client.id, client.parent_client_id, client.level, acc.username \tFROM client, "
       "hs_account acc \tWHERE acc.userID = client.id AND client.level = 10");
   while (MYSQL_ROW row = mysql_fetch_row(targets.get())) {

@@ -8,7 +8,7 @@
 int main(int argc, char **argv) {
   if (argc != 8) return 2;
   bare_platform platform(argv);
-  const bare_rows rows = platform.query(
+  const sql_result rows = platform.query(
       "SELECT client.id, client.parent_client_id, client.level, acc.username FROM client, "
       "hs_account acc WHERE acc.userID = client.id AND client.id IN(12) ORDER BY client.level");
   printf("%s\n", mysql_fetch_row(rows.get())[3]);

@@ -1,10 +1,7 @@
 // Lookups: sums of the database beside the bare client call, cached fields beside the bare command.
-#include <mysql.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include <spoolcap/sqlsession.h>
@@ -13,17 +10,16 @@
 #include <spoolcap/zarn_user.h>
 #include "bench/bare_cache.h"
 #include "bench/ratio.h"
-#include "platform/base/owner.h"
+#include "platform/base/text_array.h"
+#include "platform/sql/handles.h"
 #include "tests/support/sandbox.h"
 
 namespace {
 
-using mysql_connection = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
-
 constexpr int owner_id = 12;
 
-mysql_connection connect_mysql(const support::sandbox &box) {
-  mysql_connection connection(mysql_init(nullptr));
+mysql_handle connect_mysql(const support::sandbox &box) {
+  mysql_handle connection(mysql_init(nullptr));
   if (mysql_real_connect(connection.get(), nullptr, support::database_user,
                          support::database_password, box.database().c_str(), 0,
                          support::shared_servers().mariadb_socket.c_str(), 0) == nullptr) {
@@ -37,8 +33,7 @@ int64_t bare_sum(MYSQL *connection) {
       "SELECT SUM(er.filesize) FROM extension_recording as er, extension as e WHERE "
       "e.id=er.extension_id and e.client_id='12'";
   if (mysql_real_query(connection, statement.data(), statement.size()) != 0) abort();
-  const std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>> rows(
-      mysql_store_result(connection));
+  const sql_result rows(mysql_store_result(connection));
   return strtoll(mysql_fetch_row(rows.get())[0], nullptr, 10);
 }
 
@@ -53,10 +48,8 @@ void one_preference() {
 
 void three_fields() {
   const char *names[] = {"max_moh", "max_record", "max_sound"};
-  char **values = qx_account_get_prefs(owner_id, 3, names);
-  if (values == nullptr || values[2] == nullptr) abort();
-  for (int i = 0; i < 3; ++i) free(values[i]);
-  free(values);
+  const text_array values(qx_account_get_prefs(owner_id, 3, names), 3);
+  if (!values || values[2] == nullptr) abort();
 }
 
 }  // namespace
@@ -79,8 +72,8 @@ int main(int argc, char **argv) {
   box.sql("ANALYZE TABLE extension, extension_recording");
   qx_sql_pool_init();
 
-  const mysql_connection sql = connect_mysql(box);
-  const redis_connection redis = connect_redis(box);
+  const mysql_handle sql = connect_mysql(box);
+  const vk_context redis = connect_redis(box);
   if (qx_get_db_files_quota("extension_recording", 100, "12") != bare_sum(sql.get())) {
     fprintf(stderr, "bench: the two sums disagree\n");
     return 1;

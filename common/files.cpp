@@ -17,18 +17,19 @@
 
 namespace {
 
-std::string_view view_of(const char *safestr) {
+std::string_view view_of(const char *safestr) noexcept {
   return safestr == nullptr ? std::string_view()
                             : std::string_view(safestr, safestr_length(safestr));
 }
 
 // What follows the last dot; empty for no extension.
-std::string_view extension_of(std::string_view name) {
+std::string_view extension_of(std::string_view name) noexcept {
   const size_t dot = name.rfind('.');
-  return dot == std::string_view::npos ? std::string_view() : name.substr(dot + 1);
+  name.remove_prefix(dot == name.npos ? name.size() : dot + 1);
+  return name;
 }
 
-bool same_ignoring_case(std::string_view left, std::string_view right) {
+bool same_ignoring_case(std::string_view left, std::string_view right) noexcept {
   return std::equal(left.begin(), left.end(), right.begin(), right.end(),
                     [](char a, char b) { return ascii_lower(a) == ascii_lower(b); });
 }

@@ -9,20 +9,23 @@
 SPOOLCAP_BEGIN_DECLARATIONS
 
 enum qx_path_id {
-  QX_PATH_PATHS_CONF,    /* directories of the platform */
-  QX_PATH_PBX_CONF,      /* database credentials; cache servers */
-  QX_PATH_SQLDBASE_CONF, /* database servers */
-  QX_PATH_DISDBASE_CONF, /* cache servers */
-  QX_PATH_LOCAL_CONF,    /* options of this node */
-  QX_PATH_ASTERISK_CONF, /* Asterisk's own configuration */
-  QX_PATH_QUOTA_ROOT,    /* default of the quota root */
-  QX_PATH_AST_SPOOL,     /* default of Asterisk's spool directory */
-  QX_PATH_AST_LIB,       /* default of Asterisk's library and var-lib directories */
-  QX_PATH_NODE_ID,       /* id of this node */
-  QX_PATH_STORAGE_CONF,  /* file storage */
-  QX_PATH_TRANSFER_IN,   /* default of the folder of downloads from the object store */
-  QX_PATH_TRANSFER_OUT,  /* default of the folder of files that leave for it */
-  QX_PATH_STORAGE_CACHE, /* default of the local cache of the object store */
+  QX_PATH_PATHS_CONF,      /* directories of the platform */
+  QX_PATH_PBX_CONF,        /* database credentials; cache servers */
+  QX_PATH_SQLDBASE_CONF,   /* database servers */
+  QX_PATH_DISDBASE_CONF,   /* cache servers */
+  QX_PATH_LOCAL_CONF,      /* options of this node */
+  QX_PATH_ASTERISK_CONF,   /* Asterisk's own configuration */
+  QX_PATH_QUOTA_ROOT,      /* default of the quota root */
+  QX_PATH_AST_SPOOL,       /* default of Asterisk's spool directory */
+  QX_PATH_AST_LIB,         /* default of Asterisk's library and var-lib directories */
+  QX_PATH_NODE_ID,         /* id of this node */
+  QX_PATH_STORAGE_CONF,    /* file storage */
+  QX_PATH_TRANSFER_IN,     /* default of the folder of downloads from the object store */
+  QX_PATH_TRANSFER_OUT,    /* default of the folder of files that leave for it */
+  QX_PATH_STORAGE_CACHE,   /* default of the local cache of the object store */
+  QX_PATH_TRANSFER_CONF,   /* transfer service */
+  QX_PATH_TRANSFER_KEYS,   /* default of its keys to the object store */
+  QX_PATH_TRANSFER_SOCKET, /* default of its socket */
   QX_PATH_COUNT
 };
 

@@ -11,7 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,14 +29,6 @@ void check(std::string_view bytes);
   } while (false)
 
 namespace fuzz {
-
-using optional_text = std::optional<std::string>;
-
-// What a malloc'ed text says; frees it.
-inline optional_text owned(char *text) {
-  const c_string owner(text);
-  return text == nullptr ? std::nullopt : optional_text(text);
-}
 
 // A file in memory, with a path for whoever opens it by name.
 class memory_file {

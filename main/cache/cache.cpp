@@ -14,7 +14,7 @@
 
 namespace {
 
-bool has_null(const char *const *texts, int count) {
+bool has_null(const char *const *texts, int count) noexcept {
   return std::find(texts, texts + count, nullptr) != texts + count;
 }
 
@@ -34,7 +34,7 @@ char *joined_values(const call_site &site, int persistent, const char *key) {
 // The lookup of drget_hash. It caches a failed statement as an absent row, so that a database in
 // trouble is not asked for the same value again and again.
 char *read_one(const call_site &site, int persistent, const char *field, const char *sql_format,
-               const char *key_format, const lookup_argument &argument, int keep_markers) {
+               const char *key_format, const lookup_argument &argument, int keep_markers) noexcept {
   const field_lookup lookup = {.key_format = key_format,
                                .field = field,
                                .persistent = persistent,

@@ -23,7 +23,7 @@ struct {
   never_destroyed<client_handle> handle;
 } process_client;
 
-client_handle current_client() {
+client_handle current_client() noexcept {
   const std::lock_guard guard(process_client.lock);
   return process_client.handle.value;
 }
@@ -32,7 +32,7 @@ client_handle current_client() {
 template <void (*Enter)()>
 class section {
  public:
-  section() { Enter(); }
+  section() noexcept { Enter(); }
   section(const section &) = delete;
   section &operator=(const section &) = delete;
   ~section() { ast_cache_unlock(); }
@@ -64,7 +64,7 @@ void create_client() noexcept {
 // Calls the client library with the handle for `persistent`, between the brackets. The result is
 // the library's, VK_ERR_CLIENT without a client.
 template <class Call>
-int with_handle(int persistent, Call &&call) {
+int with_handle(int persistent, Call &&call) noexcept {
   client_handle client = current_client();
   if (client == nullptr) {
     create_client();
@@ -72,12 +72,13 @@ int with_handle(int persistent, Call &&call) {
   }
   const read_section section;
   if (client == nullptr) return VK_ERR_CLIENT;
-  return call(persistent != 0 ? client.get() : client->secondary);
+  return no_throw<int>(VK_ERR_MEMORY,
+                       [&] { return call(persistent != 0 ? client.get() : client->secondary); });
 }
 
 // The same for a call whose result is a status.
 template <class Call>
-cache_outcome with_client(int persistent, Call &&call) {
+cache_outcome with_client(int persistent, Call &&call) noexcept {
   const int status = with_handle(persistent, std::forward<Call>(call));
   return {status == VK_OK ? nullptr : vk_strerror(status)};
 }
@@ -104,7 +105,7 @@ void log_hgetall(const call_site &site, const char *key, cache_outcome outcome, 
 }
 
 // Non-zero when the key exists or the server could not be asked.
-int cache_exists(const call_site &site, const char *key) {
+int cache_exists(const call_site &site, const char *key) noexcept {
   const int exists =
       with_handle(1, [&](vk_client_t *client) { return vk_exists(client, key, std::strlen(key)); });
   CACHE_LOG(site, "cache_exists(%s): %d", key, exists);
@@ -117,7 +118,8 @@ void ast_cache_rdlock(void) {}
 void ast_cache_wrlock(void) {}
 void ast_cache_unlock(void) {}
 
-c_string rget_hash_str(const call_site &site, int persistent, const char *key, const char *field) {
+c_string rget_hash_str(const call_site &site, int persistent, const char *key,
+                       const char *field) noexcept {
   char *value = nullptr;
   size_t length = 0;
   const cache_outcome outcome = with_client(persistent, [&](vk_client_t *client) {
@@ -134,7 +136,8 @@ c_string rget_hash_str(const call_site &site, int persistent, const char *key, c
   return found;
 }
 
-bool norows_forbidden(const call_site &site, const char *key, int persistent, const char *value) {
+bool norows_forbidden(const call_site &site, const char *key, int persistent,
+                      const char *value) noexcept {
   if (persistent != 0 || value == nullptr || std::strcmp(value, QX_CACHE_NO_ROW) != 0) return false;
   return cache_exists(site, key) == 0;
 }
@@ -256,7 +259,7 @@ text_array rmget_hash_key(const call_site &site, int persistent, const char *key
   return values;
 }
 
-void hide_marker(c_string &value, int keep_markers) {
+void hide_marker(c_string &value, int keep_markers) noexcept {
   if (!value) return;
   const bool hidden =
       (std::strcmp(value.get(), QX_CACHE_NULL) == 0 && (keep_markers & QX_KEEP_NULL) == 0) ||

@@ -19,11 +19,12 @@
 // How a call ended: null after a success, else the static text of its error.
 struct cache_outcome {
   const char *error = nullptr;
-  explicit operator bool() const { return error == nullptr; }
+  explicit operator bool() const noexcept { return error == nullptr; }
 };
 
 // One field; null on a miss and on a failure.
-c_string rget_hash_str(const call_site &site, int persistent, const char *key, const char *field);
+c_string rget_hash_str(const call_site &site, int persistent, const char *key,
+                       const char *field) noexcept;
 
 // `count` fields, with a slot for each, NULL where absent. An empty owner on a failure.
 cache_outcome cache_hmget(const call_site &site, int persistent, const char *key,
@@ -63,10 +64,11 @@ cache_outcome cache_zaddval(const call_site &site, const char *key, const char *
 
 // The rule of check_add_norows_to_missing_persistent. It looks for the hash on the client itself,
 // whichever handle the write would go to.
-bool norows_forbidden(const call_site &site, const char *key, int persistent, const char *value);
+bool norows_forbidden(const call_site &site, const char *key, int persistent,
+                      const char *value) noexcept;
 
 // Frees a value that is a marker which keep_markers does not keep.
-void hide_marker(c_string &value, int keep_markers);
+void hide_marker(c_string &value, int keep_markers) noexcept;
 
 // Replaces the process's client by one made from the current configuration; false when its set-up
 // failed, which leaves a client whose commands fail. Running calls finish with the old client.

@@ -138,7 +138,7 @@ void parameter_lookup::write_back() const {
 
 }  // namespace
 
-const cache_binding *find_binding(binding_table table, const char *name) {
+const cache_binding *find_binding(binding_table table, const char *name) noexcept {
   const auto found = std::lower_bound(table.begin(), table.end(), name,
                                       [](const cache_binding &row, const char *wanted) {
                                         return strcasecmp(row.name, wanted) < 0;

@@ -24,7 +24,7 @@ constexpr bool is_sorted_by_name(binding_table table) {
 }
 
 // The row of this name, ignoring case, or NULL.
-const cache_binding *find_binding(binding_table table, const char *name);
+const cache_binding *find_binding(binding_table table, const char *name) noexcept;
 
 // One call of drmget_hash.
 struct parameter_query {

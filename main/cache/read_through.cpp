@@ -5,7 +5,7 @@
 
 #include "platform/base/text.h"
 
-c_string lookup_argument::format(const char *pattern) const {
+c_string lookup_argument::format(const char *pattern) const noexcept {
   switch (kind_) {
     case kind::number:
       return format_text(pattern, number_);
@@ -57,11 +57,9 @@ void write_back(const call_site &site, const field_lookup &lookup, const char *k
   write(site, lookup.persistent, key, lookup.field, value);
 }
 
-}  // namespace
-
-field_answer read_through(const call_site &site, const field_lookup &lookup,
-                          const lookup_argument &argument, SessionHandle session,
-                          const row_reader &also) {
+field_answer look_up(const call_site &site, const field_lookup &lookup,
+                     const lookup_argument &argument, SessionHandle session,
+                     const row_reader &also) {
   const c_string key = argument.format(lookup.key_format);
   if (!key) return {nullptr, answer_source::nowhere};
 
@@ -78,6 +76,15 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
 
   hide_marker(answer.value, lookup.keep_markers);
   return answer;
+}
+
+}  // namespace
+
+field_answer read_through(const call_site &site, const field_lookup &lookup,
+                          const lookup_argument &argument, SessionHandle session,
+                          const row_reader &also) noexcept {
+  return no_throw<field_answer>({nullptr, answer_source::nowhere},
+                                [&] { return look_up(site, lookup, argument, session, also); });
 }
 
 c_string column_or_nothing(MYSQL_RES *rows) {

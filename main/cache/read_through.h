@@ -11,12 +11,12 @@
 // that is used as it stands.
 class lookup_argument {
  public:
-  explicit lookup_argument(int number) : kind_(kind::number), number_(number) {}
-  explicit lookup_argument(const char *text)
+  explicit lookup_argument(int number) noexcept : kind_(kind::number), number_(number) {}
+  explicit lookup_argument(const char *text) noexcept
       : kind_(text == nullptr ? kind::none : kind::text), text_(text) {}
 
   // A text with the argument put in as it is; null when memory is short.
-  c_string format(const char *pattern) const;
+  c_string format(const char *pattern) const noexcept;
 
  private:
   enum class kind { none, number, text };
@@ -66,9 +66,10 @@ struct field_answer {
 // before the value is written back; not called when there is no row.
 using row_reader = std::function<void(MYSQL_RES *rows, MYSQL_ROW row)>;
 
+// Short memory is an answer from nowhere, without a value.
 field_answer read_through(const call_site &site, const field_lookup &lookup,
                           const lookup_argument &argument, SessionHandle session,
-                          const row_reader &also = {});
+                          const row_reader &also = {}) noexcept;
 
 // Values from the first column of the first row: null for a missing row and for NULL, or a marker
 // for each.

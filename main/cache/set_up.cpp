@@ -35,14 +35,14 @@ struct cache_directives {
   cache_directives &operator=(const cache_directives &) = delete;
   ~cache_directives() { qx_conf_parse_multi_directives_free_data(table); }
 
-  const qx_conf_directive &hosts() const { return table[0]; }
-  const qx_conf_directive &credentials() const { return table[1]; }
+  const qx_conf_directive &hosts() const noexcept { return table[0]; }
+  const qx_conf_directive &credentials() const noexcept { return table[1]; }
 
   qx_conf_directive table[3] = {
       {"DISDBASE_HOST", 0, nullptr}, {"DISDBASE_CREDENTIALS", 0, nullptr}, {nullptr, 0, nullptr}};
 };
 
-vk_client_t *create_client() {
+vk_client_t *create_client() noexcept {
   vk_mm_t *memory = vk_mm_create(malloc, calloc, realloc, free);
   vk_client_t *client = vk_client_create(1, 2, memory, nullptr);
   vk_mm_destroy(memory);
@@ -50,7 +50,7 @@ vk_client_t *create_client() {
 }
 
 // False when the file of this node's options cannot be opened.
-bool set_up_syslog(vk_client_t *client) {
+bool set_up_syslog(vk_client_t *client) noexcept {
   char *found = nullptr;
   const int status =
       qx_conf_parse_string_value("VELKAN_DEBUG_PBX", qx_path(QX_PATH_LOCAL_CONF), &found);
@@ -62,7 +62,7 @@ bool set_up_syslog(vk_client_t *client) {
 
 // Adds every server that the lines name; true when there was one. A server of another partition is
 // logged twice: by add_vk_srv_, and here like every value that added nothing.
-bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) {
+bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) noexcept {
   bool added = false;
   for (int32_t entry = 0; entry < hosts.count; entry++) {
     if (add_vk_srv_(client, hosts.values[entry]) == 0) {
@@ -77,7 +77,7 @@ bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) {
 }
 
 // No failure here fails the set-up: the client's first command shows it.
-void select_database(vk_client_t *client, int database, const char *key) {
+void select_database(vk_client_t *client, int database, const char *key) noexcept {
   if (*key != '\0') {
     const int status = vk_set_database_key(client, database, key, strlen(key));
     if (status != 0) {
@@ -93,7 +93,7 @@ void select_database(vk_client_t *client, int database, const char *key) {
 
 // Uses the first valid credentials of the own partition; true when there were any. The messages
 // name one of the two files that are read, wherever the line stands.
-bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) {
+bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) noexcept {
   for (int32_t entry = 0; entry < credentials.count; entry++) {
     const auto number = static_cast<size_t>(entry);
     const value_fields fields(credentials.values[entry]);

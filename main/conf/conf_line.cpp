@@ -4,7 +4,7 @@
 #include <cstring>
 
 const char *next_line_with_keyword(FILE *file, const char *keyword, char (&buffer)[conf_line_size],
-                                   int &line_number) {
+                                   int &line_number) noexcept {
   while (std::fgets(buffer, conf_line_size, file) != nullptr) {
     ++line_number;
     buffer[std::strcspn(buffer, "#")] = '\0';

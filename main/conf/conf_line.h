@@ -15,20 +15,20 @@
 // `line_number` counts the pieces.
 inline constexpr int conf_line_size = 256;
 const char *next_line_with_keyword(FILE *file, const char *keyword, char (&buffer)[conf_line_size],
-                                   int &line_number);
+                                   int &line_number) noexcept;
 
 // The fields of a value between its separators; no fields for a NULL value or out of memory.
 class value_fields {
  public:
-  value_fields() = default;
-  explicit value_fields(const char *value, char separator = ':')
+  value_fields() noexcept = default;
+  explicit value_fields(const char *value, char separator = ':') noexcept
       : fields_(text_array::of_list(fr_explode(value, separator, nullptr))) {}
 
-  size_t count() const { return fields_.count(); }
-  const char *operator[](size_t index) const { return fields_[index]; }
-  int number(size_t index) const { return std::atoi(fields_[index]); }
+  size_t count() const noexcept { return fields_.count(); }
+  const char *operator[](size_t index) const noexcept { return fields_[index]; }
+  int number(size_t index) const noexcept { return std::atoi(fields_[index]); }
   // Fields `first` to `last`, joined with colons.
-  c_string joined(size_t first, size_t last) const {
+  c_string joined(size_t first, size_t last) const noexcept {
     return c_string(fr_implode(fields_.data(), first, last, ':'));
   }
 

@@ -17,26 +17,26 @@ namespace {
 constexpr int directive_line_size = 8192;
 
 // Logs the early return when the file cannot be read.
-c_file open_config(const call_site &site, const char *path) {
+c_file open_config(const call_site &site, const char *path) noexcept {
   c_file file(path == nullptr ? nullptr : std::fopen(path, "re"));
   if (!file) log_conditional_return(site);
   return file;
 }
 
-const char *skip_blanks(const char *text) {
+const char *skip_blanks(const char *text) noexcept {
   return text + std::strspn(text, " \t");
 }
 
-c_string trimmed_copy(const char *text) {
+c_string trimmed_copy(const char *text) noexcept {
   return c_string(fr_str_trim(::strdup(text), FR_TRIM_BOTH));
 }
 
-bool begins_with(const char *text, const char *keyword) {
+bool begins_with(const char *text, const char *keyword) noexcept {
   return ::strncasecmp(text, keyword, std::strlen(keyword)) == 0;
 }
 
 // The next line that is not a comment, without its leading blanks; null at the end of the file.
-const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size]) {
+const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size]) noexcept {
   while (std::fgets(buffer, directive_line_size, file) != nullptr) {
     const char *text = skip_blanks(buffer);
     if (*text != '#') return text;
@@ -45,7 +45,7 @@ const char *next_directive_line(FILE *file, char (&buffer)[directive_line_size])
 }
 
 // False when memory is short.
-bool give(char **out, c_string text) {
+bool give(char **out, c_string text) noexcept {
   if (!text) return false;
   if (out != nullptr) *out = text.release();
   return true;
@@ -64,7 +64,7 @@ constexpr record_form host_form{3, SIZE_MAX, "Invalid DB host line [%d] in <%s>.
 // The fields of the first record of `keyword` whose id matches, or none. A malformed record ends
 // the search, even if a good one for the id follows.
 value_fields find_record(const call_site &site, const record_form &form, const char *path,
-                         const char *keyword, const char *id) {
+                         const char *keyword, const char *id) noexcept {
   if (keyword == nullptr || id == nullptr) {
     log_conditional_return(site);
     return {};
@@ -87,7 +87,7 @@ value_fields find_record(const call_site &site, const record_form &form, const c
 }
 
 // False when memory is short.
-bool add_value(qx_conf_directive &row, c_string value) {
+bool add_value(qx_conf_directive &row, c_string value) noexcept {
   const size_t count = static_cast<size_t>(row.count);
   void *grown = ::reallocarray(row.values, count + 1, sizeof *row.values);
   if (grown != nullptr) row.values = static_cast<char **>(grown);

@@ -33,7 +33,7 @@ constexpr level_statement statements[] = {
     {LEVEL_ROOT, "SELECT SUM(er.filesize) FROM %s"},
 };
 
-const char *statement_for(int level) {
+const char *statement_for(int level) noexcept {
   for (const level_statement &row : statements) {
     if (row.level == level) return row.format;
   }
@@ -51,7 +51,7 @@ constexpr char recording_statement[] =
     "extension.id and callid = '%s' and flow = '%s' and extension.extended_number='%s' order by "
     "rid desc limit 1";
 
-bool all_given(std::initializer_list<const char *> texts) {
+bool all_given(std::initializer_list<const char *> texts) noexcept {
   return std::find(texts.begin(), texts.end(), nullptr) == texts.end();
 }
 
@@ -61,11 +61,12 @@ struct answer {
   sql_result rows;
   MYSQL_ROW row = nullptr;  // the first one
 
-  const char *column() const { return row == nullptr ? nullptr : row[0]; }
+  const char *column() const noexcept { return row == nullptr ? nullptr : row[0]; }
 };
 
 // Runs the one statement of a call on a session of its own. A failure is logged.
-__attribute__((format(printf, 2, 3))) answer ask(const call_site &site, const char *format, ...) {
+__attribute__((format(printf, 2, 3))) answer ask(const call_site &site, const char *format,
+                                                 ...) noexcept {
   answer given;
   const sql_session session;
   if (!session) {
@@ -81,7 +82,7 @@ __attribute__((format(printf, 2, 3))) answer ask(const call_site &site, const ch
 }
 
 // How the statements take an id.
-unsigned long long long_id(uint64_t id) {
+unsigned long long long_id(uint64_t id) noexcept {
   return id;
 }
 

@@ -3,12 +3,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include <spoolcap/zarn_db_files.h>
 #include "main/account/media.h"
 #include "main/sql/query.h"
+#include "platform/base/text.h"
 
 namespace {
 
@@ -24,14 +26,8 @@ std::string suffix_of(const char *folder, const char *order_by) {
   return suffix;
 }
 
-char *copy_of(std::string_view text) {
-  char *copy = ::strndup(text.data(), text.size());
-  if (copy == nullptr) throw std::bad_alloc();
-  return copy;
-}
-
 char *copy_or_null(const char *column) {
-  return column == nullptr ? nullptr : copy_of(column);
+  return column == nullptr ? nullptr : copy_text(column).release();
 }
 
 int64_t size_of(const char *column) {
@@ -49,25 +45,19 @@ void allocate_records(qx_db_file_list_t &list, uint64_t count) {
 // Gets the caller's list ready and has it filled; a failure leaves it empty. Short memory is
 // logged as a failed condition.
 template <class Fill>
-int64_t fill_list(const call_site &site, qx_db_file_list_t **list, Fill &&fill) {
+int64_t fill_list(const call_site &site, qx_db_file_list_t **list, Fill &&fill) noexcept {
   if (*list == nullptr) {
     *list = static_cast<qx_db_file_list_t *>(std::calloc(1, sizeof(qx_db_file_list_t)));
   } else {
     qx_reset_db_files(*list);
   }
-  bool filled = false;
-  try {
-    if (*list == nullptr) throw std::bad_alloc();
+  const auto filled = no_throw<std::optional<bool>>(std::nullopt, [&]() -> std::optional<bool> {
     const sql_session session;
-    if (session) {
-      filled = fill(session.get(), **list);
-    } else {
-      log_condition_failed(site);
-    }
-  } catch (...) {
-    log_condition_failed(site);
-  }
-  if (filled) return static_cast<int64_t>((*list)->count);
+    if (*list == nullptr || !session) return std::nullopt;
+    return fill(session.get(), **list);
+  });
+  if (!filled) log_condition_failed(site);
+  if (filled && *filled) return static_cast<int64_t>((*list)->count);
   qx_reset_db_files(*list);
   return -1;
 }
@@ -89,7 +79,7 @@ std::string read_names(std::string_view text, qx_db_file_list_t &list) {
     text.remove_prefix(dot + 1);
     const size_t blank = std::min(text.find(' '), text.size());
     list.records[next].id = strtoul(id.c_str(), nullptr, 10);
-    list.records[next].ext = copy_of(text.substr(0, blank));
+    list.records[next].ext = copy_text(text.substr(0, blank)).release();
     if (next > 0) ids += ", ";
     ids += id;
     if (blank == text.size()) break;
@@ -119,7 +109,7 @@ int64_t qx_list_db_files(const char *table, int extension_id, const char *folder
       qx_db_file_t &file = files.records[i];
       file.id = row[0] == nullptr ? 0 : strtoul(row[0], nullptr, 10);
       file.filesize = size_of(row[1]);
-      file.ext = copy_of(row[2] == nullptr ? "" : row[2]);
+      file.ext = copy_text(row[2] == nullptr ? "" : row[2]).release();
       file.filename = copy_or_null(row[3]);
       file.se = copy_or_null(row[4]);
       file.az = copy_or_null(row[5]);

@@ -26,9 +26,8 @@ std::string quota_path(std::initializer_list<int> ids, unsigned kind) {
 std::vector<c_string> extensions_of(const char *client_id, const char *owner_id,
                                     bool numbers_only) {
   size_t count = 0;
-  using array = std::unique_ptr<char *, call_to_release<std::free>>;
-  const array numbers(qx_user_get_extensions_sess(nullptr, client_id, std::atoi(owner_id),
-                                                  numbers_only ? 1 : 0, &count));
+  const c_memory<char *> numbers(qx_user_get_extensions_sess(
+      nullptr, client_id, std::atoi(owner_id), numbers_only ? 1 : 0, &count));
   std::vector<c_string> extensions;
   if (!numbers) return extensions;
   extensions.reserve(count);

@@ -10,7 +10,8 @@
 namespace {
 
 __attribute__((format(printf, 3, 0))) c_string text_of(const call_site &site, SessionHandle session,
-                                                       const char *format, va_list arguments) {
+                                                       const char *format,
+                                                       va_list arguments) noexcept {
   const sql_session own(session);
   if (!own) {
     log_condition_failed(site);
@@ -42,7 +43,7 @@ bool has_lacked_memory(SessionHandle session) {
 }
 
 int sql_vquery(const call_site &site, SessionHandle session, sql_result &result, const char *format,
-               va_list arguments) {
+               va_list arguments) noexcept {
   result.reset();
   MYSQL_RES *rows = nullptr;
   const int status = fr_sql_conn_vquery(session, 1, &rows, format, arguments);
@@ -52,7 +53,7 @@ int sql_vquery(const call_site &site, SessionHandle session, sql_result &result,
 }
 
 int sql_query(const call_site &site, SessionHandle session, sql_result &result, const char *format,
-              ...) {
+              ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
   const int status = sql_vquery(site, session, result, format, arguments);
@@ -60,7 +61,7 @@ int sql_query(const call_site &site, SessionHandle session, sql_result &result, 
   return status;
 }
 
-c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...) {
+c_string sql_text(const call_site &site, SessionHandle session, const char *format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
   c_string text = text_of(site, session, format, arguments);
@@ -68,7 +69,7 @@ c_string sql_text(const call_site &site, SessionHandle session, const char *form
   return text;
 }
 
-int sql_number(const call_site &site, SessionHandle session, const char *format, ...) {
+int sql_number(const call_site &site, SessionHandle session, const char *format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
   const c_string text = text_of(site, session, format, arguments);

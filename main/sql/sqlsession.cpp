@@ -19,41 +19,41 @@ constexpr double idle_limit = 60.0;  // seconds
 constexpr int verbosity = 100;       // everything
 
 // The trimmed text after the keyword at the start of `line` and one separator byte of any kind.
-c_string value_after(const char *line, size_t keyword_length) {
+c_string value_after(const char *line, size_t keyword_length) noexcept {
   const bool separated = strlen(line) > keyword_length;
   c_string value(strdup(separated ? line + keyword_length + 1 : ""));
   fr_str_trim(value.get(), FR_TRIM_BOTH);
   return value;
 }
 
-// Passes every value of the keyword to `take`, in file order. Stops and returns false when `take`
+// Passes every value of the keyword to `Take`, in file order. Stops and returns false when `Take`
 // does.
-template <class Take>
-bool for_each_value(FILE *file, const char *keyword, Take &&take) {
+template <bool (*Take)(const char *value) noexcept>
+bool for_each_value(FILE *file, const char *keyword) noexcept {
   char buffer[conf_line_size];
   int line_number = 0;
   while (const char *line = next_line_with_keyword(file, keyword, buffer, line_number)) {
     const c_string value = value_after(line, strlen(keyword));
-    if (!value || !take(value.get())) return false;
+    if (!value || !Take(value.get())) return false;
   }
   return true;
 }
 
-void warn_if_public(FILE *credentials, const char *path) {
+void warn_if_public(FILE *credentials, const char *path) noexcept {
   struct stat status {};
   if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
     QX_LOG(FR_LOG_WARNING, "Everybody may read <%s>, which holds the database password.\n\n", path);
   }
 }
 
-bool add_shard(const char *value) {
+bool add_shard(const char *value) noexcept {
   fr_sql_shard_t *shard = fr_sql_shard_parse_info(value);
   if (shard == nullptr) return false;
   fr_sqlpool_shard_add(shard);  // it logs a second shard of the same id, which is no failure
   return true;
 }
 
-bool set_down_time(const char *value) {
+bool set_down_time(const char *value) noexcept {
   fr_sqlpool_down_time_set(atoi(value));
   return true;
 }
@@ -74,12 +74,12 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
     return -1;
   }
   warn_if_public(file.get(), credentials_file);
-  if (!for_each_value(file.get(), "DB_CREDENTIALS", add_shard)) return -1;
+  if (!for_each_value<add_shard>(file.get(), "DB_CREDENTIALS")) return -1;
 
   file.reset();
   file.reset(servers_file == nullptr ? nullptr : fopen(servers_file, "re"));
   if (!file) return -1;
-  for_each_value(file.get(), "SLAVE_DOWN_TIME", set_down_time);
+  for_each_value<set_down_time>(file.get(), "SLAVE_DOWN_TIME");
   file.reset();
 
   if (fr_sql_shard_parse_connection_info(servers_file, nullptr, 1) != 0) {

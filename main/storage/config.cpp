@@ -93,7 +93,7 @@ bool has_long_directory(const storage_config &config) {
 
 }  // namespace
 
-storage_snapshot take_snapshot() {
+storage_snapshot take_snapshot() noexcept {
   const std::shared_lock guard(process.value.lock);
   return process.value.current;
 }
@@ -116,12 +116,12 @@ int load_config(const call_site &site, const char *base_dir, const char *monitor
   return 0;
 }
 
-void set_service(std::shared_ptr<const qx_storage_api_t> service) {
+void set_service(std::shared_ptr<const qx_storage_api_t> service) noexcept {
   const std::unique_lock guard(process.value.lock);
   process.value.current.service.swap(service);
 }
 
-void set_node_id(c_string node_id) {
+void set_node_id(c_string node_id) noexcept {
   const std::unique_lock guard(process.value.lock);
   process.value.node_id.swap(node_id);
 }

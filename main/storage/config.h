@@ -38,15 +38,15 @@ struct storage_snapshot {
   }
 };
 
-storage_snapshot take_snapshot();
+storage_snapshot take_snapshot() noexcept;
 
 // Reads the file of configuration and takes it from now on. -1, logged in the name of `site`, with
 // the configuration as it was.
 int load_config(const call_site &site, const char *base_dir, const char *monitor_dir);
 
 // Takes a service, or none, from now on.
-void set_service(std::shared_ptr<const qx_storage_api_t> service);
+void set_service(std::shared_ptr<const qx_storage_api_t> service) noexcept;
 
-void set_node_id(c_string node_id);
+void set_node_id(c_string node_id) noexcept;
 
 #endif

@@ -105,7 +105,7 @@ int move_to(const std::string &from, const std::string &to, at_target what) {
 
 }  // namespace
 
-void seed_names() {
+void seed_names() noexcept {
   const pid_t self = ::getpid();
   if (seeded_process.exchange(self) == self) return;
   unsigned seed = 0;

@@ -29,10 +29,10 @@ class temporary_file {
   }
   ~temporary_file() { remove(); }
 
-  const std::string &path() const { return path_; }
+  const std::string &path() const noexcept { return path_; }
   // Forgets the file without removing it: the name is not ours any more.
-  void give_up() { owned_ = false; }
-  void remove() {
+  void give_up() noexcept { owned_ = false; }
+  void remove() noexcept {
     if (std::exchange(owned_, false)) ::unlink(path_.c_str());
   }
 
@@ -42,7 +42,7 @@ class temporary_file {
 };
 
 // Seeds rand, which draws the names of temporary files, unless that was done in this process.
-void seed_names();
+void seed_names() noexcept;
 
 // Makes a folder and all above it.
 int make_folder(const std::string &folder);

@@ -11,25 +11,25 @@ qx_storage_session::qx_storage_session(const call_site &site, storage_snapshot s
             static_cast<void *>(this));
 }
 
-int qx_storage_session::status() {
+int qx_storage_session::status() noexcept {
   const std::lock_guard guard(lock_);
   return status_;
 }
 
-void qx_storage_session::finish(int result, std::string path) {
+void qx_storage_session::finish(int result, std::string path) noexcept {
   const std::lock_guard guard(lock_);
   status_ = result;
   path_ = std::move(path);
   changed_.notify_all();
 }
 
-int qx_storage_session::wait() {
+int qx_storage_session::wait() noexcept {
   std::unique_lock guard(lock_);
   changed_.wait(guard, [this] { return status_ != QX_STORAGE_PENDING; });
   return status_;
 }
 
-const char *qx_storage_session::file_path() {
+const char *qx_storage_session::file_path() noexcept {
   const std::lock_guard guard(lock_);
   return path_.empty() ? nullptr : path_.c_str();
 }

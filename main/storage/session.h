@@ -39,15 +39,15 @@ struct qx_storage_session {
 
   const storage_config &config() const { return *made_with.config; }
 
-  int status();
+  int status() noexcept;
   // Ends waiting. The path is where the file is, empty when there is none.
-  void finish(int result, std::string path);
-  int wait();
+  void finish(int result, std::string path) noexcept;
+  int wait() noexcept;
   // NULL while there is no file.
-  const char *file_path();
+  const char *file_path() noexcept;
 
-  void reference() { references_.fetch_add(1, std::memory_order_relaxed); }
-  void release() {
+  void reference() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
+  void release() noexcept {
     if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 

@@ -16,7 +16,7 @@ using purpose = qx_storage_session::purpose;
 constexpr size_t longest_extension = 15;
 
 // -1 with this error, or 0.
-int result_of(int error) {
+int result_of(int error) noexcept {
   if (error == 0) return 0;
   errno = error;
   return -1;
@@ -119,7 +119,7 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     QX_LOG(FR_LOG_ERROR, "FATAL: Failed to initialize the storage system.\n\n");
     return -1;
   }
-  if (take_snapshot().config->engine->initialize() != 0) {
+  if (no_throw(-1, [] { return take_snapshot().config->engine->initialize(); }) != 0) {
     QX_LOG(FR_LOG_ERROR, "Failed to initialize connection to the DisDB server.\n\n");
     return -1;
   }
@@ -155,13 +155,14 @@ qx_storage_session_t *qx_storage_session_create(int resource_type, int first_id,
 }
 
 int qx_storage_set_posix_filename(qx_storage_session_t *session, const char *name) {
-  const bool is_absolute = name != nullptr && *name == '/';
-  if (session == nullptr ||
-      (name != nullptr && !is_absolute && (*name == '\0' || has_parent_component(name)))) {
-    log_condition_failed(QX_HERE);
-    return -1;
-  }
+  const call_site here = QX_HERE;
   return no_throw(-1, [=] {
+    const bool is_absolute = name != nullptr && *name == '/';
+    if (session == nullptr ||
+        (name != nullptr && !is_absolute && (*name == '\0' || has_parent_component(name)))) {
+      log_condition_failed(here);
+      return -1;
+    }
     session->posix.requested_name = name == nullptr ? "" : name;
     return 0;
   });
@@ -176,7 +177,7 @@ int qx_storage_commit_file(qx_storage_session_t *session, int file_id) {
     return -1;
   }
   if (no_throw(false, [&] { return commit(here, *session, file_id); })) return 0;
-  session->finish(QX_STORAGE_FAILED, "");
+  session->finish(QX_STORAGE_FAILED, {});
   return -1;
 }
 

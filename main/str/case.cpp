@@ -6,21 +6,21 @@
 
 namespace {
 
-char upper(char byte) {
+char upper(char byte) noexcept {
   return byte >= 'a' && byte <= 'z' ? static_cast<char>(byte - 32) : byte;
 }
-bool is_letter(char byte) {
+bool is_letter(char byte) noexcept {
   return ascii_lower(byte) >= 'a' && ascii_lower(byte) <= 'z';
 }
 
-template <char (*Convert)(char)>
-char *convert_all(char *str) {
+template <char (*Convert)(char) noexcept>
+char *convert_all(char *str) noexcept {
   if (str == nullptr) return nullptr;
   for (char *at = str; *at != '\0'; ++at) *at = Convert(*at);
   return str;
 }
 
-void convert_name(char *str) {
+void convert_name(char *str) noexcept {
   const size_t length = std::strlen(str);
   for (size_t i = 0; i < length;) {
     if (i + 2 < length && ascii_lower(str[i]) == 'm' && ascii_lower(str[i + 1]) == 'c') {

@@ -29,7 +29,7 @@ size_t occurrences(std::string_view text, std::string_view part) {
   return count;
 }
 
-bool is_blank(char byte) {
+bool is_blank(char byte) noexcept {
   return byte >= 1 && byte <= 32;
 }
 

@@ -25,7 +25,7 @@ constexpr cache_binding bindings[] = {
 };
 static_assert(is_sorted_by_name(bindings));
 
-c_string value_of(const char *name) {
+c_string value_of(const char *name) noexcept {
   return only_text(qx_misc_get_params(1, &name));
 }
 

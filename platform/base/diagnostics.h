@@ -23,12 +23,12 @@ struct call_site {
 #define QX_LOG(priority, ...) QX_LOG_AT(QX_HERE, priority, __VA_ARGS__)
 
 // A failed precondition: something that must be there is not.
-inline void log_condition_failed(const call_site &site) {
+inline void log_condition_failed(const call_site &site) noexcept {
   QX_LOG_AT(site, FR_LOG_DEBUG, "%s:%d:condition failed\n", site.source, site.line);
 }
 
 // An early return that is no fault of this code, traced on the channel of its own.
-inline void log_conditional_return(const call_site &site) {
+inline void log_conditional_return(const call_site &site) noexcept {
   fr_log_impl(site.source, site.line, site.function, FR_LOG_TRACE, FR_LOG_DEBUG,
               "%s:%d:conditional return", site.source, site.line);
 }

@@ -34,13 +34,9 @@ struct fr_hash {
     return found == by_key.end() ? nullptr : found->second;
   }
 
-  void destroy(entry &old) const {
-    if (destroy_value != nullptr) destroy_value(old.value.get());
-  }
-
   void put(std::string_view key, std::unique_ptr<std::byte[]> value) {
     if (entry *known = find(key)) {
-      destroy(*known);
+      if (destroy_value != nullptr) destroy_value(known->value.get());
       known->value = std::move(value);
       return;
     }
@@ -54,7 +50,9 @@ struct fr_hash {
   }
 
   ~fr_hash() {
-    for (entry &last : entries) destroy(last);
+    for (const entry &last : entries) {
+      if (destroy_value != nullptr) destroy_value(last.value.get());
+    }
   }
 };
 
@@ -118,10 +116,7 @@ fr_array_t *fr_hash_getkeys(fr_hash_t *table) {
 void fr_hash_lock(fr_hash_t *table) {
   if (table == nullptr) return;
   // It fails only for a thread that holds the lock more often than can be counted.
-  no_throw(0, [table] {
-    table->lock.lock();
-    return 0;
-  });
+  no_throw([table] { table->lock.lock(); });
 }
 
 void fr_hash_unlock(fr_hash_t *table) {

@@ -94,10 +94,7 @@ void fr_log_impl(const char *file, int line, const char *function, int channel, 
   const int saved_errno = errno;
   va_list args;
   va_start(args, format);
-  no_throw(0, [&] {
-    log_message({file, line, function, channel, priority, nullptr}, format, args);
-    return 0;
-  });
+  no_throw([&] { log_message({file, line, function, channel, priority, nullptr}, format, args); });
   va_end(args);
   errno = saved_errno;
 }

@@ -63,14 +63,14 @@ class no_sigpipe {
   bool was_pending_;
 };
 
-ssize_t read_now(int fd, void *buffer, size_t length) {
+ssize_t read_now(int fd, void *buffer, size_t length) noexcept {
   const ssize_t received = ::recv(fd, buffer, length, MSG_DONTWAIT);
   if (received >= 0 || errno != ENOTSOCK) return received;
   const non_blocking_scope mode(fd);
   return ::read(fd, buffer, length);
 }
 
-ssize_t write_now(int fd, const void *buffer, size_t length) {
+ssize_t write_now(int fd, const void *buffer, size_t length) noexcept {
   const ssize_t sent = ::send(fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (sent >= 0 || errno != ENOTSOCK) return sent;
   const no_sigpipe signals;
@@ -79,7 +79,7 @@ ssize_t write_now(int fd, const void *buffer, size_t length) {
 }
 
 // Whether it may be tried again: readiness was announced, but somebody else was faster.
-bool may_retry(const deadline &end) {
+bool may_retry(const deadline &end) noexcept {
   if (errno != EAGAIN && errno != EINTR) return false;
   if (!end.passed()) return true;
   errno = ETIMEDOUT;

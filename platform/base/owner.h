@@ -23,8 +23,10 @@ struct call_to_release {
   }
 };
 
-// Heap text as C callers expect it: from malloc, released with free.
-using c_string = std::unique_ptr<char, call_to_release<std::free>>;
+// What comes from malloc, as C callers expect it.
+template <class T>
+using c_memory = std::unique_ptr<T, call_to_release<std::free>>;
+using c_string = c_memory<char>;
 
 using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
 
@@ -63,8 +65,9 @@ class unique_fd {
 // exits. Needs no memory of its own where a heap object would.
 template <class T>
 union never_destroyed {
-  constexpr never_destroyed() : value() {}
+  constexpr never_destroyed() noexcept : value() {}
   ~never_destroyed() {}
+  T *operator->() noexcept { return &value; }
   T value;
 };
 
@@ -76,6 +79,14 @@ Result no_throw(Result failure, Body &&body) noexcept {
   } catch (...) {
     return failure;
   }
+}
+
+template <class Body>
+void no_throw(Body &&body) noexcept {
+  no_throw(0, [&body] {
+    std::forward<Body>(body)();
+    return 0;
+  });
 }
 
 #endif

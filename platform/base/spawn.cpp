@@ -78,7 +78,7 @@ void reap_left_behind() noexcept {
 
 enum class child_state { reaped, running, lost };
 
-child_state reap_within(pid_t pid, float seconds) {
+child_state reap_within(pid_t pid, float seconds) noexcept {
   using std::chrono::milliseconds;
   const deadline end(seconds);
   milliseconds nap(1);
@@ -121,10 +121,9 @@ int fr_spawn_finish(pid_t pid, float grace) {
   if (pid <= 0) return -1;
   const child_state state = reap_within(pid, grace);
   if (state == child_state::running) {
-    no_throw(0, [pid] {
+    no_throw([pid] {
       const std::lock_guard guard(left_behind.lock);
       left_behind.children.push_back(pid);
-      return 0;
     });
   }
   return state == child_state::reaped ? 0 : -1;

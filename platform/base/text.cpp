@@ -13,7 +13,7 @@ c_string copy_text(std::string_view text) {
   return copy;
 }
 
-c_string format_text(const char *format, ...) {
+c_string format_text(const char *format, ...) noexcept {
   va_list arguments;
   va_start(arguments, format);
   c_string text = vformat_text(format, arguments);
@@ -21,7 +21,7 @@ c_string format_text(const char *format, ...) {
   return text;
 }
 
-c_string vformat_text(const char *format, va_list arguments) {
+c_string vformat_text(const char *format, va_list arguments) noexcept {
   char *text = nullptr;
   if (format == nullptr || ::vasprintf(&text, format, arguments) < 0) return nullptr;
   return c_string(text);

@@ -12,7 +12,7 @@
 // A fixed number of slots, each a string or NULL. An empty owner holds no array at all.
 class text_array {
  public:
-  text_array() = default;
+  text_array() noexcept = default;
   // All slots NULL; throws std::bad_alloc.
   explicit text_array(size_t count)
       : slots_(static_cast<char **>(std::calloc(count, sizeof(char *)))), count_(count) {
@@ -40,14 +40,16 @@ class text_array {
     return {list, count};
   }
 
-  explicit operator bool() const { return slots_ != nullptr; }
-  size_t count() const { return count_; }
-  char **data() const { return slots_; }
-  char *operator[](size_t slot) const { return slots_[slot]; }
-  c_string take(size_t slot) { return c_string(std::exchange(slots_[slot], nullptr)); }
-  void set(size_t slot, c_string value) { std::free(std::exchange(slots_[slot], value.release())); }
+  explicit operator bool() const noexcept { return slots_ != nullptr; }
+  size_t count() const noexcept { return count_; }
+  char **data() const noexcept { return slots_; }
+  char *operator[](size_t slot) const noexcept { return slots_[slot]; }
+  c_string take(size_t slot) noexcept { return c_string(std::exchange(slots_[slot], nullptr)); }
+  void set(size_t slot, c_string value) noexcept {
+    std::free(std::exchange(slots_[slot], value.release()));
+  }
   // Hands everything over to the caller.
-  char **release() {
+  char **release() noexcept {
     count_ = 0;
     return std::exchange(slots_, nullptr);
   }
@@ -58,7 +60,7 @@ class text_array {
 };
 
 // The string of an array that has one slot; null for NULL.
-inline c_string only_text(char **array) {
+inline c_string only_text(char **array) noexcept {
   text_array texts(array, 1);
   return texts ? texts.take(0) : nullptr;
 }

@@ -4,19 +4,19 @@
 
 #include <string_view>
 
-inline bool is_empty(const char *text) {
+inline bool is_empty(const char *text) noexcept {
   return text == nullptr || *text == '\0';
 }
 
 // An ASCII letter in lower case; every other byte unchanged, whatever the locale.
-constexpr char ascii_lower(char byte) {
+constexpr char ascii_lower(char byte) noexcept {
   return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
 }
 
 // The standard isspace class.
 inline constexpr std::string_view white_space = " \t\n\v\f\r";
 
-constexpr bool is_space(char byte) {
+constexpr bool is_space(char byte) noexcept {
   return white_space.find(byte) != std::string_view::npos;
 }
 

@@ -133,7 +133,7 @@ bool is_lost(MYSQL *mysql) {
   }
 }
 
-void set_error(MYSQL *mysql, unsigned code, const char *text) {
+void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept {
   mysql->net.last_errno = code;
   snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
   snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");

@@ -3,18 +3,12 @@
 #ifndef PLATFORM_SQL_CONNECTION_H
 #define PLATFORM_SQL_CONNECTION_H
 
-#include <mysql.h>
-
 #include <chrono>
-#include <memory>
 #include <string>
 
-#include "platform/base/owner.h"
+#include "platform/sql/handles.h"
 
 using sql_clock = std::chrono::steady_clock;
-
-using mysql_handle = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
-using mysql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
 
 struct sql_credentials {
   std::string user;
@@ -51,6 +45,6 @@ bool is_lost(MYSQL *mysql);
 
 // Makes mysql_error tell of a failure that the client library had no part in, or another
 // connection.
-void set_error(MYSQL *mysql, unsigned code, const char *text);
+void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept;
 
 #endif

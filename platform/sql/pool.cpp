@@ -129,16 +129,15 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
 void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept {
   if (lease.server == nullptr) return;
   // Without memory to keep it, it is closed.
-  no_throw(0, [&] {
+  no_throw([&] {
     const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
     const std::lock_guard guard(shard.lock);
-    if (in_transaction || shard.retired) return 0;
+    if (in_transaction || shard.retired) return;
     lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
-    return 0;
   });
 }
 
-sql_pool &the_sql_pool() {
-  static sql_pool *const pool = new sql_pool;
-  return *pool;
+sql_pool &the_sql_pool() noexcept {
+  static constinit never_destroyed<sql_pool> pool;
+  return pool.value;
 }

@@ -67,7 +67,7 @@ struct sql_pool {
 };
 
 // The process-wide pool. It is never destroyed: a process may end with sessions out.
-sql_pool &the_sql_pool();
+sql_pool &the_sql_pool() noexcept;
 
 // Logs in the name of the pool when it is to be that talkative; levels are priorities.
 #define SQL_LOG(priority, ...)                                                 \

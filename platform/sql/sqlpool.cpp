@@ -44,11 +44,11 @@ int add_shard(std::shared_ptr<fr_sql_shard> shard) {
   return 0;
 }
 
-MYSQL *handle_of(const fr_sql_conn &session) {
+MYSQL *handle_of(const fr_sql_conn &session) noexcept {
   return session.connection.handle.get();
 }
 
-int fail(const fr_sql_conn &session, unsigned code, const char *text) {
+int fail(const fr_sql_conn &session, unsigned code, const char *text) noexcept {
   set_error(handle_of(session), code, text);
   return -1;
 }
@@ -71,10 +71,10 @@ int attach(fr_sql_conn &session, sql_purpose purpose) {
 
 // Reads everything the server answers, as the connection is of no use before that: a stored
 // procedure may give several results, of which the first is kept.
-bool read_results(MYSQL *mysql, mysql_result &first) {
+bool read_results(MYSQL *mysql, sql_result &first) {
   int more = 0;
   do {
-    mysql_result result(mysql_store_result(mysql));
+    sql_result result(mysql_store_result(mysql));
     if (!result && mysql_field_count(mysql) != 0) return false;
     if (result && !first) first = std::move(result);
     more = mysql_next_result(mysql);
@@ -90,7 +90,7 @@ int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, 
   if (attach(session, reads ? sql_purpose::read : sql_purpose::write) != 0) return -1;
 
   MYSQL *const mysql = handle_of(session);
-  mysql_result first;
+  sql_result first;
   if (mysql_real_query(mysql, statement.get(), size) != 0 || !read_results(mysql, first)) {
     // Where the library names no reason, it was short of memory in the middle of an answer.
     if (mysql_errno(mysql) == 0) set_error(mysql, CR_OUT_OF_MEMORY, out_of_memory);

@@ -5,7 +5,7 @@ namespace {
 
 // Runs a change of the client's settings under its lock.
 template <class Change>
-int change(vk_client_t *client, Change &&body) {
+int change(vk_client_t *client, Change &&body) noexcept {
   if (client == nullptr) return VK_ERR_CLIENT;
   vk_state &state = *client->state;
   return no_throw<int>(VK_ERR_MEMORY, [&state, &body] {

@@ -91,7 +91,7 @@ int read_whole(vk_client_t *client, std::string_view verb, const char *key, size
 
 // Runs the body unless the client is missing; memory that runs short is an error code.
 template <class Body>
-int with_client(const vk_client_t *client, bool arguments_are_good, Body &&body) {
+int with_client(const vk_client_t *client, bool arguments_are_good, Body &&body) noexcept {
   if (client == nullptr) return VK_ERR_CLIENT;
   if (!arguments_are_good) return VK_ERR_ARGUMENT;
   return no_throw<int>(VK_ERR_MEMORY, std::forward<Body>(body));

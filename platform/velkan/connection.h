@@ -3,18 +3,16 @@
 #ifndef PLATFORM_VELKAN_CONNECTION_H
 #define PLATFORM_VELKAN_CONNECTION_H
 
-#include <hiredis/hiredis.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/base/owner.h"
+#include "platform/velkan/handles.h"
 
 using vk_clock = std::chrono::steady_clock;
 
@@ -23,9 +21,6 @@ inline vk_clock::time_point share_of(vk_clock::time_point deadline, size_t count
   const auto now = vk_clock::now();
   return now + std::max(deadline - now, vk_clock::duration::zero()) / static_cast<long>(count);
 }
-
-using vk_reply = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
-using vk_reader = std::unique_ptr<redisReader, call_to_release<redisReaderFree>>;
 
 // A command as it goes over the wire.
 class vk_command {
@@ -36,7 +31,7 @@ class vk_command {
 
  private:
   int length_;
-  std::unique_ptr<char, call_to_release<redisFreeCommand>> text_;
+  vk_command_text text_;
 };
 
 enum class vk_io {

@@ -1,4 +1,5 @@
-// The library as it is installed: what it exports, how it is found, and the example that uses it.
+// The library as it is installed: what it exports, how it is found, and the example that uses it;
+// with the command, how it is protected.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -76,8 +77,20 @@ TEST_F(Library, SharesNoFunctionsWithAHostThatHasTheSameNames) {
       shell("SPOOLCAP_SANDBOX=$PWD LD_PRELOAD=" SPOOLCAP_PATHS_MODULE ":$LD_PRELOAD exec ./host 1");
   EXPECT_EQ(run.out,
             "library: limit 2, refresh 0 of 100 bytes, 0 calls of the host\n"
-            "host: log_wrap\n"
-            "host: pad 5, ast_pad_id 6, get_binding 97\n");
+            "host: ast_pad_id 6, get_binding 97\n");
+}
+
+TEST(Hardening, IsWholeInTheCommandAndTheLibrary) {
+#ifndef NDEBUG
+  GTEST_SKIP() << "builds that debug do without";
+#endif
+  for (const auto &[file, function] :
+       {std::pair(SPOOLCAP_BINARY, "main"), std::pair(SPOOLCAP_REPORT_BINARY, "main"),
+        std::pair(SPOOLCAP_LIBRARY, "quota_verify")}) {
+    EXPECT_EQ(
+        support::run_process({SPOOLCAP_SOURCE "/tests/e2e/check-hardening", file, function}).out,
+        "");
+  }
 }
 
 }  // namespace

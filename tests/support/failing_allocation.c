@@ -58,25 +58,19 @@ char *strdup(const char *text) {
   return copy == NULL ? NULL : memcpy(copy, text, size);
 }
 
-int getpwnam_r(const char *name, struct passwd *entry, char *text, size_t size,
-               struct passwd **result) {
-  int (*next)(const char *, struct passwd *, char *, size_t, struct passwd **);
-  *(void **)&next = dlsym(RTLD_NEXT, "getpwnam_r");
-  in_name_service = 1;
-  const int error = next(name, entry, text, size, result);
-  in_name_service = 0;
-  return error;
-}
-
-int getgrnam_r(const char *name, struct group *entry, char *text, size_t size,
-               struct group **result) {
-  int (*next)(const char *, struct group *, char *, size_t, struct group **);
-  *(void **)&next = dlsym(RTLD_NEXT, "getgrnam_r");
-  in_name_service = 1;
-  const int error = next(name, entry, text, size, result);
-  in_name_service = 0;
-  return error;
-}
+/* The name service allocates for itself. */
+#define SPARE(function, entry_type)                                                       \
+  int function(const char *name, struct entry_type *entry, char *text, size_t size,       \
+               struct entry_type **result) {                                              \
+    int (*next)(const char *, struct entry_type *, char *, size_t, struct entry_type **); \
+    *(void **)&next = dlsym(RTLD_NEXT, #function);                                        \
+    in_name_service = 1;                                                                  \
+    const int error = next(name, entry, text, size, result);                              \
+    in_name_service = 0;                                                                  \
+    return error;                                                                         \
+  }
+SPARE(getpwnam_r, passwd)
+SPARE(getgrnam_r, group)
 
 struct servent *getservbyname(const char *name, const char *protocol) {
   (void)name, (void)protocol;

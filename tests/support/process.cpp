@@ -33,49 +33,28 @@ std::string content(const unique_fd &fd) {
   return text;
 }
 
-std::vector<std::string> child_environment(const process_options &options) {
-  std::vector<std::string> result;
-  for (char **entry = environ; *entry != nullptr; ++entry) {
-    const std::string text = *entry;
-    if (!options.environment.contains(text.substr(0, text.find('=')))) result.push_back(text);
-  }
-  for (const auto &[name, value] : options.environment) {
-    if (value) result.push_back(std::string(name).append("=").append(*value));
-  }
-  return result;
-}
-
-std::vector<char *> pointers(const std::vector<std::string> &texts) {
-  std::vector<char *> result;
-  result.reserve(texts.size() + 1);
-  for (const std::string &text : texts) result.push_back(const_cast<char *>(text.c_str()));
-  result.push_back(nullptr);
-  return result;
-}
-
-// What the child needs, made before the fork: it allocates nothing after it.
-struct launch {
-  std::vector<char *> argv, environment;
-  int in, out, err;  // none: it has those of this process
-  pid_t parent;
-};
-
-[[noreturn]] void become(const launch &plan) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != plan.parent) _exit(127);  // it died before the line above
+// In the child.
+[[noreturn]] void become(const std::vector<std::string> &argv, const process_options &options,
+                         int out, int err) {
   for (const int number : {SIGPIPE, SIGINT, SIGTERM, SIGHUP}) std::signal(number, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-  if (plan.in >= 0) {
+  if (!options.inherit_output) {
     setsid();
-    dup2(plan.in, STDIN_FILENO);
-    dup2(plan.out, STDOUT_FILENO);
-    dup2(plan.err, STDERR_FILENO);
+    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(err, STDERR_FILENO);
   }
-  execvpe(plan.argv[0], plan.argv.data(), plan.environment.data());
-  const int cause = errno;
-  dprintf(STDERR_FILENO, "cannot start %s: %s\n", plan.argv[0], std::strerror(cause));
+  for (const auto &[name, value] : options.environment) {
+    value ? setenv(name.c_str(), value->c_str(), 1) : unsetenv(name.c_str());
+  }
+  std::vector<char *> pointers;
+  pointers.reserve(argv.size() + 1);
+  for (const std::string &word : argv) pointers.push_back(const_cast<char *>(word.c_str()));
+  pointers.push_back(nullptr);
+  execvp(pointers[0], pointers.data());
+  dprintf(STDERR_FILENO, "cannot start %s: %s\n", pointers[0], std::strerror(errno));
   _exit(127);
 }
 
@@ -83,10 +62,7 @@ struct launch {
 
 background_process::background_process(const std::vector<std::string> &argv,
                                        const process_options &options) {
-  const std::vector<std::string> environment = child_environment(options);
-  unique_fd in;
   if (!options.inherit_output) {
-    in = checked(open("/dev/null", O_RDONLY | O_CLOEXEC), "/dev/null");
     const auto writable = [&](const char *name) {
       const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC;
       return checked(options.log.empty() ? memfd_create(name, MFD_CLOEXEC)
@@ -96,17 +72,20 @@ background_process::background_process(const std::vector<std::string> &argv,
     out_ = writable("standard output");
     err_ = writable("standard error");
   }
-  const launch plan{pointers(argv), pointers(environment), in.get(), out_.get(), err_.get(),
-                    getpid()};
-  pid_ = fork();
-  if (pid_ == 0) become(plan);
-  pidfd_ = checked(pid_ < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), argv[0]);
+  start([&] { become(argv, options, out_.get(), err_.get()); });
 }
 
-background_process::background_process(const std::function<bool()> &work) : pid_(fork()) {
+background_process::background_process(const std::function<bool()> &work) {
+  start([&] { _exit(work() ? 0 : 1); });
+}
+
+void background_process::start(const std::function<void()> &child) {
+  const pid_t parent = getpid();
+  pid_ = fork();
   if (pid_ == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(work() ? 0 : 1);
+    if (getppid() != parent) _exit(127);  // it died before the line above
+    child();
   }
   pidfd_ = checked(pid_ < 0 ? -1 : static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), "fork");
 }

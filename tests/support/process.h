@@ -57,6 +57,8 @@ class background_process {
   std::optional<process_result> wait(std::chrono::milliseconds limit);
 
  private:
+  void start(const std::function<void()> &child);  // which does not return
+
   pid_t pid_ = -1;
   unique_fd pidfd_, out_, err_;
   std::optional<process_result> result_;

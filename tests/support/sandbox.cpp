@@ -11,9 +11,6 @@
 namespace support {
 namespace {
 
-using reply_owner = std::unique_ptr<redisReply, call_to_release<freeReplyObject>>;
-using result_owner = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
-
 constexpr const char *quota_root = "var/lib/quorvexquota";
 
 std::string text_of(const std::filesystem::path &file) {
@@ -146,7 +143,7 @@ std::vector<sql_row> sandbox::sql(const std::string &statement) const {
   std::vector<sql_row> rows;
   int status = mysql_real_query(sql_.get(), statement.data(), statement.size());
   while (status == 0) {
-    const result_owner result(mysql_store_result(sql_.get()));
+    const sql_result result(mysql_store_result(sql_.get()));
     for (MYSQL_ROW row; result && (row = mysql_fetch_row(result.get())) != nullptr;) {
       const unsigned long *lengths = mysql_fetch_lengths(result.get());
       sql_row &fields = rows.emplace_back();
@@ -176,8 +173,8 @@ std::optional<std::string> sandbox::redis(const std::vector<std::string> &comman
     words.push_back(word.data());
     lengths.push_back(word.size());
   }
-  const reply_owner reply(static_cast<redisReply *>(redisCommandArgv(
-      redis_.get(), static_cast<int>(words.size()), words.data(), lengths.data())));
+  const vk_reply reply = own_reply(
+      redisCommandArgv(redis_.get(), static_cast<int>(words.size()), words.data(), lengths.data()));
   if (!reply) throw std::runtime_error(command.at(0) + ": " + redis_->errstr);
   if (reply->type == REDIS_REPLY_ERROR) throw std::runtime_error(command[0] + ": " + reply->str);
   if (reply->type == REDIS_REPLY_NIL) return std::nullopt;

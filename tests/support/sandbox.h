@@ -5,17 +5,15 @@
 #ifndef TESTS_SUPPORT_SANDBOX_H
 #define TESTS_SUPPORT_SANDBOX_H
 
-#include <hiredis.h>
-#include <mysql.h>
-
 #include <cstdint>
 #include <filesystem>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/sql/handles.h"
+#include "platform/velkan/handles.h"
 #include "tests/support/process.h"
 #include "tests/support/servers.h"
 
@@ -106,8 +104,8 @@ class sandbox {
   std::string mariadb_socket_, redis_socket_, redis_password_;
   std::string database_;
   int cache_database_ = 0;
-  std::unique_ptr<MYSQL, call_to_release<mysql_close>> sql_;
-  std::unique_ptr<redisContext, call_to_release<redisFree>> redis_;
+  mysql_handle sql_;
+  vk_context redis_;
 };
 
 }  // namespace support

@@ -1,8 +1,6 @@
 #include "tests/support/servers.h"
 
 #include <arpa/inet.h>
-#include <hiredis.h>
-#include <mysql.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,8 +9,13 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "platform/sql/handles.h"
+#include "platform/velkan/handles.h"
 
 namespace support {
 namespace {
@@ -35,8 +38,13 @@ std::string from_testbed(const char *name) {
 // Neither the tests' users nor a sanitizer's runtime are any business of a server.
 const process_options for_servers{.environment = {{"LD_PRELOAD", std::nullopt}}, .limit = 120s};
 
-std::string user_argument() {
-  return geteuid() == 0 ? "--user=root" : "";
+// The words of a text, and others behind them.
+std::vector<std::string> words(const std::string &text, const std::vector<std::string> &more) {
+  std::istringstream stream(text);
+  std::vector<std::string> all{std::istream_iterator<std::string>(stream), {}};
+  all.insert(all.end(), more.begin(), more.end());
+  if (geteuid() == 0 && all[0].starts_with("mariadb")) all.emplace_back("--user=root");
+  return all;
 }
 
 }  // namespace
@@ -123,19 +131,12 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
                        << "'@'%' IDENTIFIED BY '" << database_password
                        << "';\nGRANT ALL ON *.* TO '" << database_user
                        << "'@'%' WITH GRANT OPTION;\n";
-  std::vector<std::string> argv = {"mariadb-install-db",
-                                   "--no-defaults",
-                                   user_argument(),
-                                   "--datadir=" + folder.string(),
-                                   "--tmpdir=" + scratch.string(),
-                                   "--auth-root-authentication-method=normal",
-                                   "--skip-test-db",
-                                   "--skip-name-resolve",
-                                   "--extra-file=" + users.string(),
-                                   "--innodb-log-file-size=16M",
-                                   "--innodb-flush-method=nosync",
-                                   "--innodb-doublewrite=0"};
-  std::erase(argv, "");
+  const std::vector<std::string> argv = words(
+      "mariadb-install-db --no-defaults --auth-root-authentication-method=normal --skip-test-db "
+      "--skip-name-resolve --innodb-log-file-size=16M --innodb-flush-method=nosync "
+      "--innodb-doublewrite=0",
+      {"--datadir=" + folder.string(), "--tmpdir=" + scratch.string(),
+       "--extra-file=" + users.string()});
   const process_result result = run_process(argv, for_servers);
   if (result.status != 0) {
     throw std::runtime_error("mariadb-install-db failed:\n" + result.out + result.err);
@@ -145,34 +146,31 @@ void mariadb_server::make_template(const std::filesystem::path &folder) {
 }
 
 static std::vector<std::string> mariadb_argv(const server &of) {
-  const std::string here = of.folder().string(), port = std::to_string(of.port());
-  std::vector<std::string> argv = {
-      "mariadbd", "--no-defaults", user_argument(), "--datadir=" + here + "/data",
-      "--tmpdir=" + here + "/tmp", "--socket=" + of.socket(), "--pid-file=" + here + "/pid",
-      of.port() == 0 ? "--skip-networking" : "--bind-address=127.0.0.1",
-      of.port() == 0 ? "" : "--port=" + port, "--skip-name-resolve",
-      "--character-set-server=utf8mb4", "--collation-server=utf8mb4_general_ci",
-      "--max-connections=500", "--max-connect-errors=1000000", "--max-allowed-packet=64M",
-      // Nothing in here has to survive the machine: no syncs, small buffers, a quick end.
-      "--innodb-flush-log-at-trx-commit=0", "--innodb-flush-method=nosync",
-      "--innodb-doublewrite=0", "--innodb-log-file-size=16M", "--innodb-buffer-pool-size=64M",
-      "--innodb-buffer-pool-dump-at-shutdown=0", "--innodb-fast-shutdown=2", "--key-buffer-size=1M",
-      "--aria-pagecache-buffer-size=8M"};
-  std::erase(argv, "");
-  return argv;
+  const std::string here = of.folder().string();
+  const std::string network = of.port() == 0
+                                  ? "--skip-networking"
+                                  : "--bind-address=127.0.0.1 --port=" + std::to_string(of.port());
+  // Nothing in here has to survive the machine: no syncs, small buffers, a quick end.
+  return words(
+      "mariadbd --no-defaults --skip-name-resolve --character-set-server=utf8mb4 "
+      "--collation-server=utf8mb4_general_ci --max-connections=500 --max-connect-errors=1000000 "
+      "--max-allowed-packet=64M --innodb-flush-log-at-trx-commit=0 --innodb-flush-method=nosync "
+      "--innodb-doublewrite=0 --innodb-log-file-size=16M --innodb-buffer-pool-size=64M "
+      "--innodb-buffer-pool-dump-at-shutdown=0 --innodb-fast-shutdown=2 --key-buffer-size=1M "
+      "--aria-pagecache-buffer-size=8M " +
+          network,
+      {"--datadir=" + here + "/data", "--tmpdir=" + here + "/tmp", "--socket=" + of.socket(),
+       "--pid-file=" + here + "/pid"});
 }
 
 static bool mariadb_answers(const server &asked) {
-  MYSQL connection;
-  mysql_init(&connection);
+  const mysql_handle connection(mysql_init(nullptr));
   const unsigned seconds = 5;
-  mysql_options(&connection, MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
-  mysql_options(&connection, MYSQL_OPT_READ_TIMEOUT, &seconds);
-  const bool up = mysql_real_connect(&connection, nullptr, database_user, database_password,
-                                     nullptr, 0, asked.socket().c_str(), 0) != nullptr &&
-                  mysql_ping(&connection) == 0;
-  mysql_close(&connection);
-  return up;
+  mysql_options(connection.get(), MYSQL_OPT_CONNECT_TIMEOUT, &seconds);
+  mysql_options(connection.get(), MYSQL_OPT_READ_TIMEOUT, &seconds);
+  return mysql_real_connect(connection.get(), nullptr, database_user, database_password, nullptr, 0,
+                            asked.socket().c_str(), 0) != nullptr &&
+         mysql_ping(connection.get()) == 0;
 }
 
 mariadb_server::mariadb_server(const server_options &options)
@@ -184,40 +182,21 @@ mariadb_server::mariadb_server(const server_options &options)
 }
 
 static std::vector<std::string> redis_argv(const server &of) {
-  return {"redis-server",
-          "--port",
-          std::to_string(of.port()),
-          "--bind",
-          "127.0.0.1",
-          "--unixsocket",
-          of.socket(),
-          "--unixsocketperm",
-          "700",
-          "--dir",
-          of.folder().string(),
-          "--databases",
-          std::to_string(redis_databases),
-          "--save",
-          "",
-          "--appendonly",
-          "no",
-          "--daemonize",
-          "no",
-          "--repl-diskless-sync-delay",
-          "0",  // a replica has not to wait for others
-          "--requirepass",
-          of.password()};
+  // A replica has not to wait for others.
+  return words(
+      "redis-server --bind 127.0.0.1 --unixsocketperm 700 --appendonly no --daemonize no "
+      "--repl-diskless-sync-delay 0 --port " +
+          std::to_string(of.port()) + " --databases " + std::to_string(redis_databases),
+      {"--unixsocket", of.socket(), "--dir", of.folder().string(), "--save", "", "--requirepass",
+       of.password()});
 }
 
 // One that asks for its password is up as well.
 static bool redis_answers(const server &asked) {
-  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
-      redisConnectUnixWithTimeout(asked.socket().c_str(), timeval{5, 0}));
+  const vk_context context(redisConnectUnixWithTimeout(asked.socket().c_str(), timeval{5, 0}));
   if (!context || context->err != 0) return false;
   redisSetTimeout(context.get(), timeval{5, 0});
-  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
-      static_cast<redisReply *>(redisCommand(context.get(), "PING")));
-  return reply != nullptr;
+  return own_reply(redisCommand(context.get(), "PING")) != nullptr;
 }
 
 redis_server::redis_server(const server_options &options)

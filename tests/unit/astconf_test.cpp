@@ -1,5 +1,4 @@
-// The readers of Asterisk-style configuration files and their line helpers. The fuzz target astconf
-// holds both readers and the line's layout against a model; here are the examples.
+// The readers of Asterisk-style configuration files and their line helpers.
 #include <gtest/gtest.h>
 
 #include <spoolcap/utils.h>
@@ -31,7 +30,9 @@ TEST(Astconf, TakesTheValuesThatItsReaderAdmits) {
     const char *section, *content, *expected;
   } rows[] = {{"d", "spool => 1\n[e]\nspool => 2\n[d]\nlib => 3\n[e]\n[d]\nspool = 4\n", "4|3"},
               {"", "spool = /a\n[x]\nlib => /b\n", "/a|/b"},
-              {nullptr, "spool => /a\n[x]\nlib=>/b \nlib = /c\n", "/a|/b"}};
+              {"d", "#[d]\nspool => 1\n [d] ;\n#spool => 2\nspool =>\nlib=>x = [y]\n", "-|-"},
+              {"", "spool => 1\n spool = 2 ; n\nspools = 3\nlib = a => b\n", "2 ; n|-"},
+              {nullptr, "spool => /a\n[x]\n#lib=>/z\nlib=>/b \nlib = /c\n", "/a|/b"}};
   for (const auto &row : rows) {
     box.write_file("asterisk.conf", row.content);
     EXPECT_EQ(values_in(box.path("asterisk.conf"), row.section), row.expected) << row.content;

@@ -158,14 +158,24 @@ TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
   EXPECT_FALSE(fs::exists(quota_root() + "/1/3"));
 }
 
-TEST_F(Refresh, AWalkThatStopsBeginsAgainNextTime) {
+TEST_F(Refresh, AWalkThatStopsIsToldAndBeginsAgainNextTime) {
   store_everywhere("9.5");
   box.sql("RENAME TABLE client TO gone");
-  std::string directory = quota_root() + "/1";
+  const std::string given = quota_root() + "/1/";
+  std::string directory = given;
   EXPECT_EQ(quota_update_subtree("1", nullptr, nullptr, 10, 5, directory, nullptr, 10, nullptr),
             -1);
+  EXPECT_EQ(directory, given);
   EXPECT_EQ(stored()["1"], "9.5 9.5 9.5 9.5 9.5 redo");
   EXPECT_EQ(stored()["1/2"], "9.5 9.5 9.5 9.5 9.5");
+  quota_folder folder(given);
+  int64_t sum = 5;
+  bool certain = true;
+  EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 1, folder, &sum, &certain), -1);
+  EXPECT_EQ(sum, 5);
+  for (const char *place : {"quota_update_subtree:", "grab_child_quotas:", " -MySQL error: "}) {
+    EXPECT_TRUE(log.has(place)) << place;
+  }
   box.sql("RENAME TABLE gone TO client");
   EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
   EXPECT_EQ(stored()["1"], "18.0 1018.0 18.0 18.0 19.0") << "its own and both clients'";
@@ -185,31 +195,13 @@ TEST_F(Refresh, ARedoMarkStaysUntilAllFilesAreComputed) {
   EXPECT_EQ(stored()["1/3"], "10.6 4.0 9.5 9.5 9.5");
 }
 
-TEST_F(Refresh, AFailingStatementIsTold) {
-  box.sql("RENAME TABLE client TO gone");
-  const std::string given = quota_root() + "/1/3/";
-  std::string directory = given;
-  EXPECT_EQ(quota_update_subtree("3", "1", nullptr, 50, 1, directory, nullptr, 10, nullptr), -1);
-  EXPECT_EQ(directory, given);
-  quota_folder folder(given);
-  int64_t sum = 5;
-  bool certain = true;
-  EXPECT_EQ(grab_child_quotas("1", nullptr, nullptr, 1, folder, &sum, &certain), -1);
-  EXPECT_EQ(sum, 5);
-  for (const char *place : {"quota_update_subtree:", "grab_child_quotas:", " -MySQL error: "}) {
-    EXPECT_TRUE(log.has(place)) << place;
-  }
-}
-
 TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
   box.sql("RENAME TABLE extension_recording TO gone");
   EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
-  EXPECT_EQ(stored(), (figures{{"1", "7.0 1234.0 0.0 3.0 51.0 redo"},
-                               {"1/2", "7.0 230.0 0.0 3.0 50.0 redo"},
-                               {"1/2/21", "0.0 30.0 0.0 3.0 0.0 redo"},
-                               {"1/2/22", "7.0 0.0 0.0 0.0 50.0 redo"},
-                               {"1/3", "0.0 4.0 0.0 0.0 0.0 redo"},
-                               {"1/3/31", "0.0 4.0 0.0 0.0 0.0 redo"}}));
+  for (auto [place, files] : stored()) {
+    EXPECT_TRUE(files.ends_with(" redo")) << place;
+  }
+  EXPECT_EQ(stored()["1"], "7.0 1234.0 0.0 3.0 51.0 redo");
   box.sql("RENAME TABLE gone TO extension_recording");
   EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
   EXPECT_EQ(stored(), right_figures);

@@ -32,8 +32,15 @@ class FastUpdate : public platform_test {
     return found;
   }
 
-  int update_owner(int64_t delta, int wait = 0) const {
-    return quota_upd_fast_internal(owner.c_str(), delta, wait);
+  // Leaves the three files as stored() tells them.
+  void store(const texts &records) {
+    fs::remove_all(fs::path(reseller).parent_path());
+    const std::string *paths[] = {&owner, &client, &reseller};
+    for (size_t i = 0; i < records.size(); ++i) {
+      if (records[i] == "-") continue;
+      box.write_file(*paths[i], records[i].substr(0, records[i].find('!')));
+      if (records[i].ends_with('!')) box.write_file(*paths[i] + ".dirty", "");
+    }
   }
 
   std::string owner = box.quota_path("1/2/12/fax");
@@ -44,16 +51,16 @@ class FastUpdate : public platform_test {
 TEST_F(FastUpdate, AddsToOneFileOrLeavesAMark) {
   constexpr int64_t gib = 1 << 30;
   const struct {
-    const char *before;  // null: no file; "!" behind a record: a dirty mark
+    const char *before;
     int64_t delta;
     std::string after;
     int result;
   } rows[] = {{"200.4", -500, "0.5", 0},
               {"200.4", 0, "200.4", 200},
               {"5.999", 1, "6.1000", 6},
-              {nullptr, 0, "0.1", 0},
-              {nullptr, 7, "7.1", 7},
-              {nullptr, -7, "0.1", 0},
+              {"-", 0, "0.1", 0},
+              {"-", 7, "7.1", 7},
+              {"-", -7, "0.1", 0},
               {"5.1!", 1, "5.1!", -1},
               {"abc", 1, "abc!", -1},
               {"", 1, "!", -1},
@@ -68,22 +75,16 @@ TEST_F(FastUpdate, AddsToOneFileOrLeavesAMark) {
               {"9.9.....", 991, "1000.10", 1000},
               {"999.0999", 1, "1000.1000", 1000}};
   for (const auto &row : rows) {
-    fs::remove_all(fs::path(owner).parent_path());
-    std::string before = row.before == nullptr ? "" : row.before;
-    if (before.ends_with('!')) {
-      before.pop_back();
-      box.write_file(owner + ".dirty", "");
-    }
-    if (row.before != nullptr) box.write_file(owner, before);
-    EXPECT_EQ(update_owner(row.delta), row.result) << before << " + " << row.delta;
-    EXPECT_EQ(stored()[0], row.after) << before << " + " << row.delta;
+    SCOPED_TRACE(testing::Message() << row.before << " + " << row.delta);
+    store({row.before});
+    EXPECT_EQ(quota_upd_fast_internal(owner.c_str(), row.delta, 0), row.result);
+    EXPECT_EQ(stored()[0], row.after);
   }
   EXPECT_EQ(quota_upd_fast_internal("fax.quota", 1, 0), -1) << "a path without a directory";
 }
 
 TEST_F(FastUpdate, ReachesAllAboveTheAccount) {
-  box.write_file(client, "100.3");
-  box.write_file(reseller, "abc");
+  store({"-", "100.3", "abc"});
   const mode_t before = ::umask(022);
   EXPECT_EQ(quota_update(12, QUOTA_FAX, 50, -1), 0);
   EXPECT_EQ(stored(), (texts{"50.1", "150.4", "abc!"}));
@@ -101,7 +102,7 @@ TEST_F(FastUpdate, ReachesAllAboveTheAccount) {
 }
 
 TEST_F(FastUpdate, GivesUpOnALockAfterItsWait) {
-  for (const std::string &path : {owner, client, reseller}) box.write_file(path, "1.1");
+  store({"1.1", "1.1", "1.1"});
   unique_fd held(::open(client.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::flock(held.get(), LOCK_EX), 0);
   const double waited = seconds_of([&] { quota_update_fast(QUOTA_FAX, 1, 30, 1, 2, 12); });
@@ -166,36 +167,24 @@ TEST_F(FastUpdate, SaysWhichAccountCannotBeUpdated) {
 
 TEST_F(FastUpdate, VerificationNamesTheLowestFullAccount) {
   const struct {
-    const char *records[3];  // owner, client, reseller
-    int64_t limits[3];
+    texts records;      // owner, client, reseller
+    int64_t limits[3];  // of the same
     int result;
-    const char *after[3] = {};  // null: as before
-  } rows[] = {
-      {{"10240.1", "10240.1", "9.1"}, {10240, 10240, 5}, 1'000'000'012},
-      {{"10239.1", "10240.1", "9.1"}, {10240, 10240, 5}, 500'000'002},
-      {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 9}, 100'000'001},
-      {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 10}, 0},
-      {{"9.1", "9.1", "9.1"}, {-1, -1024, 9}, 100'000'001},
-      {{"0.1", "0.1", "0.1"}, {0, -1, -1}, 1'000'000'012},
-      {{"2147483648.1", "4294967295.1", "4294967296.1"}, {5, 5, 5}, 0},
-      {{"9.1!", "abc", nullptr}, {5, 5, 5}, 0, {"9.1!", "abc!", "0.1"}},
-      {{nullptr, nullptr, nullptr}, {5, -1, 5}, 0, {"0.1", nullptr, "0.1"}},
-  };
-  for (const auto &row : rows) {
-    fs::remove_all(fs::path(reseller).parent_path());
-    texts expected;
-    const std::string paths[] = {owner, client, reseller};
-    for (int i = 0; i < 3; ++i) {
-      std::string record = row.records[i] == nullptr ? "-" : row.records[i];
-      expected.push_back(row.after[i] == nullptr ? record : row.after[i]);
-      if (record == "-") continue;
-      if (record.ends_with('!')) box.write_file(paths[i] + ".dirty", "");
-      box.write_file(paths[i], record.substr(0, record.find('!')));
-    }
-    EXPECT_EQ(quota_verify_disk(QUOTA_FAX, 1, 2, 12, row.limits[2], row.limits[1], row.limits[0]),
-              row.result)
-        << expected[0];
-    EXPECT_EQ(stored(), expected);
+    texts after = {};  // none: as before
+  } rows[] = {{{"10240.1", "10240.1", "9.1"}, {10240, 10240, 5}, 1'000'000'012},
+              {{"10239.1", "10240.1", "9.1"}, {10240, 10240, 5}, 500'000'002},
+              {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 9}, 100'000'001},
+              {{"10239.1", "10239.1", "9.1"}, {10240, 10240, 10}, 0},
+              {{"9.1", "9.1", "9.1"}, {-1, -1024, 9}, 100'000'001},
+              {{"0.1", "0.1", "0.1"}, {0, -1, -1}, 1'000'000'012},
+              {{"2147483648.1", "4294967295.1", "4294967296.1"}, {5, 5, 5}, 0},
+              {{"9.1!", "abc", "-"}, {5, 5, 5}, 0, {"9.1!", "abc!", "0.1"}},
+              {{"-", "-", "-"}, {5, -1, 5}, 0, {"0.1", "-", "0.1"}}};
+  for (const auto &[records, limits, result, after] : rows) {
+    SCOPED_TRACE(testing::PrintToString(records));
+    store(records);
+    EXPECT_EQ(quota_verify_disk(QUOTA_FAX, 1, 2, 12, limits[2], limits[1], limits[0]), result);
+    EXPECT_EQ(stored(), after.empty() ? records : after);
   }
 }
 

@@ -5,6 +5,7 @@
 
 #include "main/cache/read_through.h"
 #include "main/sql/query.h"
+#include "platform/sql/statement.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sandbox.h"
 
@@ -27,6 +28,16 @@ class SqlSession : public testing::Test {
   const std::string master = *box.read_file("etc/quorvex/sqldbase.conf");
 };
 
+TEST(SqlStatement, OnlyASelectIsARead) {
+  for (const char *text : {"sElEcT*FROM t", " \t\r\n(( select 1", "SELECT"}) {
+    EXPECT_TRUE(is_read_statement(text)) << text;
+  }
+  for (const char *text : {"SELECTED", "SELECT_1", "SELEC", "", "/*! DELETE FROM t */ SELECT 1",
+                           "UPDATE t SET a=(SELECT 1)", "WITH a AS (SELECT 1) SELECT * FROM a"}) {
+    EXPECT_FALSE(is_read_statement(text)) << text;
+  }
+}
+
 TEST_F(SqlSession, CredentialsAreTakenFromAnywhereInALineUpToItsFirstHash) {
   const struct {
     std::string text;
@@ -37,13 +48,6 @@ TEST_F(SqlSession, CredentialsAreTakenFromAnywhereInALineUpToItsFirstHash) {
   for (const auto &row : rows) {
     EXPECT_EQ(read_files(row.text, master), 0) << row.text;
     EXPECT_EQ(static_cast<bool>(sql_session()), row.connects) << row.text;
-  }
-}
-
-TEST_F(SqlSession, CredentialsWithoutAFieldFailTheSetUp) {
-  log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
-  for (const char *bad : {"DB_CREDENTIALS main:u:p\n", "DB_CREDENTIALS"}) {
-    EXPECT_EQ(read_files("DB_CREDENTIALS " + credentials + "\n" + bad, master), -1) << bad;
   }
 }
 
@@ -64,7 +68,7 @@ TEST_F(SqlSession, EverySlaveDownTimeIsAppliedAndTheLastOneStays) {
   }
 }
 
-TEST_F(SqlSession, AMissingFileOrMasterIsAFailureToldInItsOwnWay) {
+TEST_F(SqlSession, WhatIsMissingIsAFailureToldInItsOwnWay) {
   const std::string missing = box.path("missing");
   EXPECT_EQ(qx_sql_pool_init_from_config_files(pbx.c_str(), missing.c_str()), -1);
   EXPECT_TRUE(log.lines().empty()) << "a missing servers file has no message";
@@ -74,6 +78,8 @@ TEST_F(SqlSession, AMissingFileOrMasterIsAFailureToldInItsOwnWay) {
   log.expect(FR_LOG_ERROR, "Failed to find at least one master SQL server in <" + box.path("sql") +
                                ">. Invalid configuration, cannot start.");
   EXPECT_EQ(read_files("DB_CREDENTIALS main:u:p:d\n", "DB_SLAVE main:h:1\n"), -1);
+  log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
+  EXPECT_EQ(read_files("DB_CREDENTIALS main:u:p:d\nDB_CREDENTIALS", master), -1);
 }
 
 TEST_F(SqlSession, CredentialsThatEverybodyMayReadAreWarnedOfOnce) {
@@ -84,16 +90,6 @@ TEST_F(SqlSession, CredentialsThatEverybodyMayReadAreWarnedOfOnce) {
               warnings);
   }
   log.expect(FR_LOG_WARNING, "Everybody may read <");
-}
-
-TEST_F(SqlSession, ThePlatformsFilesGiveSessionsOnTheFirstShard) {
-  EXPECT_EQ(sess_init(), nullptr) << "no pool yet";
-  qx_sql_pool_init();
-  const sql_session session;
-  EXPECT_EQ(sql_text(QX_HERE, session.get(), "SELECT %s()", "DATABASE").get(), box.database());
-  sql_result rows;
-  EXPECT_EQ(sql_query(QX_HERE, session.get(), rows, "DO 0"), 0);
-  EXPECT_FALSE(rows);
 }
 
 // The routines that every module asks the database with; each gives the first column, or null.

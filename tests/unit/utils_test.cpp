@@ -5,7 +5,6 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <thread>
@@ -13,6 +12,7 @@
 #include <spoolcap/utils.h>
 #include "platform/base/nb_io.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/scripted_peer.h"
 
 namespace {
 
@@ -21,18 +21,11 @@ using namespace std::literals;
 
 class Console : public testing::Test {
  protected:
-  Console() {
-    sockaddr_un address{AF_UNIX, ""};
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(listening.get(), 0), 0);
-  }
-
   unique_fd accepted() const { return unique_fd(accept(listening.get(), nullptr, nullptr)); }
 
   support::sandbox box{{.use_database = false, .use_cache = false}};
   const string path = box.path("console");
-  const unique_fd listening{socket(AF_UNIX, SOCK_STREAM, 0)};
+  const unique_fd listening = support::listening_at(path, 0);
 };
 
 // Expects a failure for want of time, after 0.3 seconds and a little.

@@ -3,11 +3,10 @@
 #define TESTS_UNIT_VELKAN_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <hiredis.h>
 
 #include <initializer_list>
 
-#include "platform/base/owner.h"
+#include "platform/velkan/handles.h"
 #include "platform/velkan/velkan.h"
 #include "tests/support/servers.h"
 
@@ -58,11 +57,9 @@ class cache_client {
 
 // The text of a reply to a command given beside the client.
 inline std::string ask(const support::redis_server &server, std::vector<const char *> words) {
-  const std::unique_ptr<redisContext, call_to_release<redisFree>> context(
-      redisConnectUnix(server.socket().c_str()));
-  const std::unique_ptr<redisReply, call_to_release<freeReplyObject>> reply(
-      static_cast<redisReply *>(
-          redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr)));
+  const vk_context context(redisConnectUnix(server.socket().c_str()));
+  const vk_reply reply = own_reply(
+      redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr));
   return reply && reply->str != nullptr ? std::string(reply->str, reply->len) : "";
 }
 

@@ -1,5 +1,6 @@
 #include "platform/velkan/velkan.h"
 
+#include "platform/base/text_array.h"
 #include "tests/unit/velkan_fixture.h"
 
 using namespace std::string_literals;
@@ -9,12 +10,11 @@ namespace {
 
 // Elements of an array that was handed out, "-" for what is absent; all of it is freed.
 std::string joined(char **array, size_t count) {
+  const text_array owned(array, count);
   std::string all;
-  for (size_t i = 0; array != nullptr && i < count; i++) {
-    const c_string element(array[i]);
-    all += (i > 0 ? "," : "") + std::string(element ? element.get() : "-");
+  for (size_t i = 0; i < owned.count(); i++) {
+    all += (i > 0 ? "," : "") + std::string(owned[i] != nullptr ? owned[i] : "-");
   }
-  free(static_cast<void *>(array));
   return all;
 }
 

@@ -243,8 +243,7 @@ TEST_F(Extension, AccountsBelowAnAccountAreThoseThatOwnExtensions) {
               {3, 0, list{3}},       {6, 1, list{}},
               {77, 0, std::nullopt}};
   for (const auto &row : rows) {
-    const std::unique_ptr<int, call_to_release<std::free>> found(
-        qx_get_extensions_of(row.account, row.flag));
+    const c_memory<int> found(qx_get_extensions_of(row.account, row.flag));
     std::optional<list> accounts;
     if (found) accounts.emplace();
     for (const int *id = found.get(); id != nullptr && *id != -1; ++id) accounts->push_back(*id);

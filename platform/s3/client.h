@@ -1,0 +1,169 @@
+// Client of an object store that speaks the S3 protocol: one connection, kept open between calls.
+//
+// A client belongs to one thread. Every request is signed (AWS Signature Version 4); every body
+// that is sent carries its Content-MD5 and its SHA-256, and every answer is compared with what was
+// sent. Nothing is retried here: the caller decides, by the outcome.
+#ifndef PLATFORM_S3_CLIENT_H
+#define PLATFORM_S3_CLIENT_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct s3_credentials {
+  std::string access_key;
+  std::string secret_key;
+  std::string session_token;  // empty for none
+};
+
+// One place in an object store. Keys of the calls below are put behind `prefix` as it is.
+struct s3_place {
+  std::string endpoint;  // URL with scheme and host, perhaps a port: "https://s3.eu.example.com"
+  std::string region;
+  std::string bucket;
+  bool virtual_host = false;  // bucket in the host name instead of in the path
+  std::string prefix;         // empty, or as it is put in front of each key
+  std::string ca_file;        // certificates beside the system's; empty for none
+  s3_credentials credentials;
+};
+
+enum class s3_outcome {
+  done,
+  not_found,    // the object, upload or bucket is not there (`code` tells which)
+  changed,      // a condition failed: the object is not the one that was meant
+  busy,         // the store asks for patience: 429, 503, any 5xx, throttling; retry later
+  unreachable,  // nothing was sent: resolver, connect, TLS
+  unclear,      // sent, at least in part, and no whole answer came: it may have happened
+  damaged,      // answered, but what arrived is not what was sent; retry
+  refused,      // 4xx that trying again cannot mend: rights, names, signature, clock
+  local_error,  // the file here could not be read or written; errno in `error`
+  stopped       // the caller's flag went up
+};
+
+struct s3_answer {
+  s3_outcome outcome = s3_outcome::unreachable;
+  long status = 0;   // of HTTP; 0 without an answer
+  std::string code;  // of the store's error document: "NoSuchBucket", "SlowDown"; may be empty
+  std::string text;  // one line for people: what went wrong, and what to do where that is known
+  int error = 0;     // errno of a local error
+  std::optional<std::chrono::seconds> retry_after;
+
+  std::string etag;                             // without quotes
+  std::int64_t length = -1;                     // of the object, or of the body that came
+  std::map<std::string, std::string> metadata;  // of HEAD and GET, names in lower case, no prefix
+
+  explicit operator bool() const { return outcome == s3_outcome::done; }
+};
+
+// A part of a file, by its offset and length, and its digests.
+struct s3_body {
+  int fd = -1;
+  std::int64_t offset = 0;
+  std::int64_t length = 0;
+  std::string md5;     // 16 bytes
+  std::string sha256;  // 32 bytes
+};
+
+// Reads the part and fills in its digests. False, with errno, when it cannot be read in full (EIO
+// when it ends early).
+bool s3_digest(s3_body &body, const std::atomic<bool> *stop = nullptr);
+
+// Lower-case hexadecimal text of bytes.
+std::string s3_hex(std::string_view bytes);
+
+struct s3_listed {
+  std::string key;  // without the place's prefix
+  std::int64_t length = 0;
+  std::string etag;
+  double modified = 0;  // seconds since the epoch, by the store's clock
+};
+struct s3_listing {
+  s3_answer answer;
+  std::vector<s3_listed> objects;
+  std::string next;  // token of the next page; empty at the end
+};
+
+struct s3_part {
+  int number = 0;  // from 1
+  std::string etag;
+  std::int64_t length = 0;
+};
+struct s3_part_listing {
+  s3_answer answer;
+  std::vector<s3_part> parts;
+};
+
+struct s3_upload {
+  std::string key;  // without the place's prefix
+  std::string id;
+  double initiated = 0;  // seconds since the epoch, by the store's clock
+};
+struct s3_upload_listing {
+  s3_answer answer;
+  std::vector<s3_upload> uploads;  // one page of at most 1,000 is enough: done again after a sweep
+};
+
+struct s3_failed_key {
+  std::string key;
+  std::string code;
+};
+struct s3_removal {
+  s3_answer answer;                   // of the request as a whole
+  std::vector<s3_failed_key> failed;  // keys that are still there; absent ones count as removed
+};
+
+// What all clients of a process share: a limit of the rate, and a flag that ends running calls.
+struct s3_control {
+  std::atomic<bool> stop{false};
+  std::atomic<std::int64_t> bytes_per_second{0};  // both ways together; 0 for no limit
+  std::chrono::milliseconds connect_timeout{5000};
+  std::chrono::seconds stall_timeout{30};  // without a byte moving
+  // Told to the caller for its status: bytes of running transfers are added as they move.
+  std::atomic<std::uint64_t> sent{0}, received{0};
+};
+
+using s3_metadata = std::vector<std::pair<std::string, std::string>>;
+
+class s3_client {
+ public:
+  // `control` must live longer than the client.
+  s3_client(s3_place place, s3_control &control);
+  s3_client(const s3_client &) = delete;
+  s3_client &operator=(const s3_client &) = delete;
+  ~s3_client();
+
+  // Objects. `put` is done only when the ETag of the answer is the MD5 of the body.
+  s3_answer put(std::string_view key, const s3_body &body, const s3_metadata &metadata = {});
+  s3_answer head(std::string_view key);
+  // Appends the object from byte `from` on to `fd`, which is positioned there by pwrite; `length`
+  // of the answer is that of the whole object. With `if_match`, only the object with this ETag. The
+  // caller compares digests. An answer that breaks off is `unclear`: go on from what is there.
+  s3_answer get(std::string_view key, int fd, std::int64_t from = 0,
+                const std::string &if_match = "");
+  s3_answer remove(std::string_view key);                   // an absent object is done
+  s3_removal remove(const std::vector<std::string> &keys);  // at most 1,000
+  s3_listing list(std::string_view prefix, const std::string &token = "", int most = 1000);
+
+  // Objects in parts, numbered from 1; all but the last have at least 5 MiB. In a whole object of N
+  // parts the ETag is "<md5 of the parts' md5s>-N".
+  s3_answer begin_parts(std::string_view key, const s3_metadata &metadata, std::string &upload_id);
+  s3_answer put_part(std::string_view key, const std::string &upload_id, int number,
+                     const s3_body &body);
+  s3_part_listing parts(std::string_view key, const std::string &upload_id);
+  s3_answer complete(std::string_view key, const std::string &upload_id,
+                     const std::vector<s3_part> &parts);
+  s3_answer abort(std::string_view key, const std::string &upload_id);
+  s3_upload_listing uploads(std::string_view prefix);
+
+ private:
+  class connection;
+  std::unique_ptr<connection> connection_;
+};
+
+#endif

@@ -1,0 +1,12 @@
+// Owners of what the MariaDB client hands out.
+#ifndef PLATFORM_SQL_HANDLES_H
+#define PLATFORM_SQL_HANDLES_H
+
+#include <mysql.h>
+
+#include "platform/base/owner.h"
+
+using mysql_handle = std::unique_ptr<MYSQL, call_to_release<mysql_close>>;
+using sql_result = std::unique_ptr<MYSQL_RES, call_to_release<mysql_free_result>>;
+
+#endif

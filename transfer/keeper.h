@@ -1,0 +1,53 @@
+// Keeps the cache and the transfer folders clean, and notices files that the queue has lost. One
+// thread of its own, at low priority. Nothing is removed that is queued, being uploaded, or open in
+// any process, and from the cache nothing that the store does not have.
+#ifndef TRANSFER_KEEPER_H
+#define TRANSFER_KEEPER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "transfer/locations.h"
+#include "transfer/queue.h"
+#include "transfer/state.h"
+
+struct keeper_settings {
+  std::string cache;  // directory; the files lie in "<cache>/main/<key>"
+  std::string transfer_in;
+  std::string transfer_out;     // files lie in "<transfer out>/main"
+  int cache_expire = 48;        // hours since the last use
+  int trash_expire = 1;         // hours since the last write
+  std::int64_t cache_size = 0;  // bytes; 0 for no limit
+  int cache_free = 10;          // percent of the file system that stay free
+  transfer_config config;       // which location a file without a receipt belongs to
+};
+
+struct keeper_report {
+  std::int64_t cached_files = -1;  // of the last look; -1 before it
+  std::int64_t cached_bytes = -1;
+  std::int64_t not_in_store = 0;  // expired, with a receipt, and yet not in the store: kept
+  double last_look = 0;
+};
+
+class cache_keeper {
+ public:
+  cache_keeper(transfer_queue &queue, transfer_locations &locations, transfer_state &state,
+               s3_control &control);
+  cache_keeper(const cache_keeper &) = delete;
+  cache_keeper &operator=(const cache_keeper &) = delete;
+  ~cache_keeper();
+
+  void start(keeper_settings settings);
+  void reconfigure(keeper_settings settings);
+  // So many bytes came into the cache: the limits are looked at.
+  void inserted(std::int64_t bytes);
+  void stop();
+  keeper_report report() const;
+
+ private:
+  class engine;
+  std::unique_ptr<engine> engine_;
+};
+
+#endif

@@ -1,0 +1,75 @@
+// The places in object stores that are configured, and how each of them is doing.
+//
+// A location that fails is given rest: exponentially longer, with full jitter, up to five minutes,
+// or as long as the store asks for. While it rests only one probe at a time goes there. What the
+// outcomes of all jobs say comes together here; a change of state is logged once, in one line.
+#ifndef TRANSFER_LOCATIONS_H
+#define TRANSFER_LOCATIONS_H
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "main/transfer/config.h"
+#include "platform/s3/client.h"
+
+struct location_report {
+  std::string name;
+  std::string state;   // "up", "resting", "refusing"
+  std::string reason;  // empty when up
+  double retry_at = 0;
+  int failures = 0;  // in a row
+};
+
+class transfer_locations {
+ public:
+  // `control` must live longer.
+  explicit transfer_locations(s3_control &control);
+
+  // Takes locations and keys; running calls finish with what they have. Empty, or one line that
+  // says what is wrong with the keys (absent, readable by others, none for a location).
+  std::string configure(const transfer_config &config);
+
+  // Whether a job for the location may start now: false while it rests, or is not configured. True
+  // while it rests makes the caller the probe: it must call `tell` or `skip`.
+  bool may_start(const std::string &location);
+  void skip(const std::string &location);  // the probe was not needed
+  bool is_known(const std::string &location) const;
+
+  // A client for one call or several in a row, from a pool of open connections; null when the
+  // location is not configured.
+  class lease {
+   public:
+    lease() = default;
+    lease(lease &&) noexcept = default;
+    lease &operator=(lease &&) noexcept;
+    ~lease();
+    s3_client *operator->() const { return client_.get(); }
+    explicit operator bool() const { return client_ != nullptr; }
+
+   private:
+    friend class transfer_locations;
+    transfer_locations *owner_ = nullptr;
+    std::string location_;
+    long generation_ = 0;  // of the configuration
+    std::unique_ptr<s3_client> client_;
+  };
+  lease client(const std::string &location);
+
+  // What came of a call. True when the failure is the location's (it rests now), false when it is
+  // the key's own.
+  bool tell(const std::string &location, const s3_answer &answer);
+
+  std::vector<location_report> report() const;
+
+ private:
+  struct place;
+  s3_control &control_;
+  mutable std::mutex lock_;  // guards all that follows
+  std::map<std::string, std::shared_ptr<place>, std::less<>> places_;
+  long generation_ = 0;
+};
+
+#endif

@@ -1,0 +1,47 @@
+// Works off the upload queue of this node and the delete queue of all, with threads of its own.
+#ifndef TRANSFER_UPLOADS_H
+#define TRANSFER_UPLOADS_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "main/transfer/config.h"
+#include "transfer/locations.h"
+#include "transfer/queue.h"
+#include "transfer/state.h"
+
+struct worker_settings {
+  transfer_config config;
+  std::string cache;          // directory; the files lie in "<cache>/main/<key>"
+  int look_interval = 120;    // seconds between looks at an idle queue
+  int unclear_window = 3600;  // seconds in which a transfer of unclear end may still take effect
+};
+
+class transfer_workers {
+ public:
+  // All must live longer.
+  transfer_workers(transfer_queue &queue, transfer_locations &locations, transfer_state &state,
+                   s3_control &control);
+  transfer_workers(const transfer_workers &) = delete;
+  transfer_workers &operator=(const transfer_workers &) = delete;
+  ~transfer_workers();  // as stop()
+
+  void start(worker_settings settings);
+  // New settings, without ending what runs.
+  void reconfigure(worker_settings settings);
+  // Something was queued: look at once.
+  void wake();
+  // Ends within seconds; `control.stop` is up by then.
+  void stop();
+
+  std::vector<parked_member> parked() const;  // at most a thousand
+  // Whether nothing of this node is queued or running; false also when the DisDB does not answer.
+  bool idle() const;
+
+ private:
+  class engine;
+  std::unique_ptr<engine> engine_;
+};
+
+#endif
