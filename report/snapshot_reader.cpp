@@ -110,9 +110,10 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
 
   // The place of the member's kind; QUOTA_ALL_KINDS for none that this version has.
   size_t kind() const {
-    const auto *end = quota_kind_names.end();
-    return static_cast<size_t>(std::find(quota_kind_names.begin(), end, keys_[2]) -
-                               quota_kind_names.begin());
+    const auto *const found =
+        std::find_if(std::begin(media_kinds), std::end(media_kinds),
+                     [&](const media_kind &one) { return keys_[2] == one.name; });
+    return static_cast<size_t>(found - std::begin(media_kinds));
   }
 
   void set_figure(std::int64_t value) {
