@@ -41,7 +41,12 @@ std::string limit_key(size_t index) {
 
 void add_benchmark(const std::string &key, const body &work, length rounds) {
   auto *added = benchmark::RegisterBenchmark(key.c_str(), work);
-  added->UseRealTime()->ReportAggregatesOnly(true);
+  added->ReportAggregatesOnly(true);
+  if (rounds == length::calls_by_processor_time) {
+    added->MeasureProcessCPUTime();
+  } else {
+    added->UseRealTime();
+  }
   if (rounds == length::round) {
     added->Iterations(1)->Repetitions(rounds_of_long_work);
   } else {
@@ -64,8 +69,10 @@ class median_collector : public benchmark::BenchmarkReporter {
     for (const Run &one : runs) {
       if (one.error_occurred) failure = one.error_message;
       if (one.aggregate_name == "median") {
+        const bool real = one.run_name.time_type == "real_time";
         medians[one.run_name.function_name] =
-            one.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(one.time_unit);
+            (real ? one.GetAdjustedRealTime() : one.GetAdjustedCPUTime()) /
+            benchmark::GetTimeUnitMultiplier(one.time_unit);
       }
     }
   }
@@ -122,7 +129,7 @@ int run(int argc, char **argv) {
   median_collector collector;
   if (!rows.empty()) benchmark::RunSpecifiedBenchmarks(&collector);
   if (!collector.failure.empty()) {
-    fprintf(stderr, "bench: %s\n", collector.failure.c_str());
+    std::fprintf(stderr, "bench: %s\n", collector.failure.c_str());
     return 1;
   }
 
@@ -133,10 +140,10 @@ int run(int argc, char **argv) {
   for (const fixed_row &one : fixed_rows) {
     const bool met = one.measured <= one.target;
     all_met = all_met && met;
-    printf("| %-46s | %-46s | at most %6g | %7g | %-6s |\n", one.work.c_str(), one.unit.c_str(),
-           one.target, one.measured, verdict(met));
+    std::printf("| %-46s | %-46s | at most %6g | %7g | %-6s |\n", one.work.c_str(),
+                one.unit.c_str(), one.target, one.measured, verdict(met));
   }
-  fflush(stdout);
+  std::fflush(stdout);
   return all_met ? 0 : 1;
 }
 

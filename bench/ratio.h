@@ -15,7 +15,10 @@ using body = std::function<void(benchmark::State &)>;
 
 enum class length {
   round,  // long work: a round is one pass
-  calls   // short work: a round is as many calls as fill its time
+  calls,  // short work: a round is as many calls as fill its time
+  // The same, but the time counts in which a processor works for this process. For work that waits
+  // for a server in a thread here, since that time says more about the machine.
+  calls_by_processor_time
 };
 
 // A target that is out of reach on this kind of machine. The row stands in the table as a known

@@ -20,6 +20,7 @@ struct keeper_settings {
   int trash_expire = 1;         // hours since the last write
   std::int64_t cache_size = 0;  // bytes; 0 for no limit
   int cache_free = 10;          // percent of the file system that stay free
+  int upload_interval = 120;    // seconds; after two of them a committed file has long been queued
   transfer_config config;       // which location a file without a receipt belongs to
 };
 
@@ -32,17 +33,18 @@ struct keeper_report {
 
 class cache_keeper {
  public:
-  cache_keeper(transfer_queue &queue, transfer_locations &locations, transfer_state &state,
-               s3_control &control);
+  // All must live longer.
+  cache_keeper(transfer_queue &queue, transfer_locations &locations, transfer_state &state);
   cache_keeper(const cache_keeper &) = delete;
   cache_keeper &operator=(const cache_keeper &) = delete;
   ~cache_keeper();
 
   void start(keeper_settings settings);
+  // New settings; everything is looked through at once.
   void reconfigure(keeper_settings settings);
-  // So many bytes came into the cache: the limits are looked at.
-  void inserted(std::int64_t bytes);
-  void stop();
+  // Something came into the cache: the limits are looked at.
+  void inserted();
+  void stop();  // within seconds
   keeper_report report() const;
 
  private:

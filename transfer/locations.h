@@ -1,8 +1,9 @@
 // The places in object stores that are configured, and how each of them is doing.
 //
-// A location that fails is given rest: exponentially longer, with full jitter, up to five minutes,
-// or as long as the store asks for. While it rests only one probe at a time goes there. What the
-// outcomes of all jobs say comes together here; a change of state is logged once, in one line.
+// A location where call after call fails is given rest: exponentially longer, with full jitter, up
+// to five minutes, or as long as the store asks for. A single failure is not the location's, as one
+// in many is ordinary. While it rests only one probe at a time goes there. What the outcomes of all
+// jobs say comes together here; a change of state is logged once, in one line.
 #ifndef TRANSFER_LOCATIONS_H
 #define TRANSFER_LOCATIONS_H
 
@@ -27,9 +28,13 @@ class transfer_locations {
  public:
   // `control` must live longer.
   explicit transfer_locations(s3_control &control);
+  transfer_locations(const transfer_locations &) = delete;
+  transfer_locations &operator=(const transfer_locations &) = delete;
+  ~transfer_locations();
 
   // Takes locations and keys; running calls finish with what they have. Empty, or one line that
-  // says what is wrong with the keys (absent, readable by others, none for a location).
+  // says what is wrong with the keys (absent, readable by others, none for a location); then
+  // nothing changes.
   std::string configure(const transfer_config &config);
 
   // Whether a job for the location may start now: false while it rests, or is not configured. True
@@ -37,6 +42,11 @@ class transfer_locations {
   bool may_start(const std::string &location);
   void skip(const std::string &location);  // the probe was not needed
   bool is_known(const std::string &location) const;
+  // What `may_start` would say, without becoming the probe.
+  bool might_start(const std::string &location) const;
+  // When the first location that rests may be tried, in seconds since the epoch; 0 when none rests.
+  // While one is probed, a time soon from now.
+  double next_retry() const;
 
   // A client for one call or several in a row, from a pool of open connections; null when the
   // location is not configured.
@@ -62,13 +72,19 @@ class transfer_locations {
   // the key's own.
   bool tell(const std::string &location, const s3_answer &answer);
 
+  // All that are configured.
+  std::vector<std::string> names() const;
   std::vector<location_report> report() const;
 
  private:
   struct place;
+  place *find(const std::string &location) const;
+  void give_back(lease &what) noexcept;
+  bool fail(place &where, const std::string &name, const s3_answer &answer);
+
   s3_control &control_;
   mutable std::mutex lock_;  // guards all that follows
-  std::map<std::string, std::shared_ptr<place>, std::less<>> places_;
+  std::map<std::string, std::unique_ptr<place>, std::less<>> places_;
   long generation_ = 0;
 };
 

@@ -2,17 +2,26 @@
 // protocol.
 //
 // All functions may be called from several threads. Where the DisDB does not answer they give an
-// empty optional or `down`; the caller tries again later, and nothing was changed that matters.
+// empty optional or `down`; the caller tries again later, and nothing was changed that matters:
+// each change is one script, and one that runs twice does what it does once.
+//
+// A job claims its key, so that no other one works on it anywhere. What begins a job takes the
+// claim, what ends it gives the claim back; `renew_claims` keeps it in between.
 #ifndef TRANSFER_QUEUE_H
 #define TRANSFER_QUEUE_H
 
+#include <initializer_list>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-struct vk_client;
+#include "platform/velkan/command.h"
+
+struct queue_script;
 
 // A member and its score, as the text in which the DisDB printed it.
 struct queue_entry {
@@ -38,12 +47,16 @@ struct delete_member {
   static std::optional<delete_member> parse(std::string_view member);
 };
 
+enum class queue_kind { uploads, deletes };
+
 enum class queue_state {
   unchanged,  // the member has the score that was read
   renewed,    // it was queued again meanwhile
   gone,       // it is not in the queue any more
   deleted,    // a later deletion covers the key
-  claimed,    // another service works on the key
+  contested,  // unchanged, and deleted in the same second: it counts if its file is there
+  claimed,    // another job works on the key, or took it over; to be tried again
+  unclear,    // an earlier upload of the key may still take effect; to be deleted again then
   down        // the DisDB did not answer
 };
 
@@ -56,37 +69,99 @@ struct queue_summary {
   double oldest_delete = 0;
 };
 
+// Whether a transfer of the job may still take effect in the store after the job's end.
+enum class transfer_end { clear, unclear };
+
 class transfer_queue {
  public:
-  // `client` is taken and destroyed at the end. `node` is this node's id.
+  using page = std::optional<std::vector<queue_entry>>;
+
+  // `client` is taken, made patient, and destroyed at the end. `node` is this node's id.
   transfer_queue(vk_client *client, std::string node);
   transfer_queue(const transfer_queue &) = delete;
   transfer_queue &operator=(const transfer_queue &) = delete;
   ~transfer_queue();
 
+  const std::string &node() const { return node_; }
+
   // A page of this node's uploads, or of all deletes, oldest first, from the place `cursor` on,
-  // which starts at 0 and is -1 after the last page. A page may be empty and not the last.
-  std::optional<std::vector<queue_entry>> uploads(long &cursor);
-  std::optional<std::vector<queue_entry>> deletes(long &cursor);
+  // which starts at 0 and is -1 after the last page. A page may be empty and not the last. Members
+  // that are removed move those behind them to the front.
+  page uploads(long &cursor);
+  page deletes(long &cursor);
+  // The place of the first member, of any node, that is no older than `time`.
+  std::optional<long> place_of(queue_kind kind, double time);
 
   // Claims the key of an upload for this process, and tells whether it is still to be done.
-  // Only after `unchanged` and `deleted` the claim is held.
+  // Only after `unchanged`, `contested` and `deleted` the claim is held.
   queue_state begin_upload(const queue_entry &entry, const upload_member &member);
   // After the object was stored: removes the member if it is unchanged, and gives the claim back,
   // except for `deleted`: the object must go again, under the claim.
-  queue_state end_upload(const queue_entry &entry, const upload_member &member);
+  queue_state end_upload(const queue_entry &entry, const upload_member &member,
+                         transfer_end end = transfer_end::clear);
+  // After the object of a deleted upload went: removes the member if it is unchanged, and gives the
+  // claim back. It stays, `unclear`, when an upload of the key ended unclear in the last `window`
+  // seconds.
+  queue_state drop_upload(const queue_entry &entry, const upload_member &member, int window);
+  // Gives the claim back with the member as it is.
+  void leave_upload(const upload_member &member, transfer_end end = transfer_end::clear);
+
+  // Makes the deletion known to all uploads of the key, or below the prefix, and claims it. Only
+  // after `unchanged` the claim is held.
+  queue_state begin_delete(const queue_entry &entry, const delete_member &member);
+  // After the objects went: removes the member if it is unchanged, and gives the claim back. The
+  // member stays and the state is `unclear` when an upload ended unclear in the last `window`
+  // seconds.
+  queue_state end_delete(const queue_entry &entry, const delete_member &member, int window);
+  // The same for a deletion that an upload overtook: nothing is left to be deleted.
+  queue_state drop_delete(const queue_entry &entry, const delete_member &member);
+  // Gives the claim back with the member as it is.
+  void leave_delete(const delete_member &member);
+
+  // Keeps the claims of all running jobs for another minute. To be called every 15 seconds.
+  void renew_claims();
+  // Forgets deletions that no upload can meet any more, and unclear ends older than `window`
+  // seconds. To be called now and then.
+  void trim(int window);
 
   std::optional<queue_summary> summary();
   // Whether an upload of this key waits, by the text that its row has: "<location>@<node>".
   std::optional<bool> is_queued(std::string_view location_text, std::string_view key);
-  // Queues a file of this node's cache again, unless a deletion covers it.
-  queue_state queue_again(const upload_member &member);
+  // Whether a job of any node works on the key.
+  std::optional<bool> is_claimed(std::string_view location, std::string_view key);
+  // When the key, or all below its prefix, was deleted last; 0 for never.
+  std::optional<double> deleted_at(const upload_member &member);
+  // Queues a file of this node's cache again, with the time at which it was made, unless a deletion
+  // covers it (`deleted`). A member that is there keeps its score. `unchanged` when it is queued
+  // now.
+  queue_state queue_again(const upload_member &member, double made);
   // The eviction policy of the DisDB when it may throw queues away, else empty.
   std::optional<std::string> dangerous_policy();
 
  private:
+  using texts = std::initializer_list<std::string_view>;
+
+  bool ask(texts words, vk_reply &reply);
+  // 0 for what is not in the set.
+  std::optional<double> score_of(std::string_view set, const std::string &member);
+  page read_page(std::string_view queue, std::string_view node, long &cursor);
+  bool run(const queue_script &script, texts keys, texts arguments, vk_reply &reply);
+  queue_state run_state(const queue_script &script, texts keys, texts arguments);
+  queue_state leave(const std::string &claim, const std::string &unclear_member);
+  queue_state finish_delete(const queue_entry &entry, const delete_member &member, double oldest);
+
+  // The value of a new claim; nullopt when a job of this process has it.
+  std::optional<std::string> take_claim(const std::string &name);
+  std::string held_claim(const std::string &name) const;
+  void forget_claim(const std::string &name);
+
   std::unique_ptr<vk_client, void (*)(vk_client *)> client_;
-  std::string node_;
+  const std::string node_;
+  const std::string claim_owner_;   // what the values of all claims of this node begin with
+  const std::string claim_prefix_;  // of this process
+  mutable std::mutex lock_;         // guards all that follows
+  std::map<std::string, std::string> claims_;
+  unsigned long claim_count_ = 0;
 };
 
 #endif

@@ -5,17 +5,9 @@
  * retrieve, wait, read the file that qx_storage_get_file_path names. Then release the session.
  *
  * The object store is reached through a transfer service that the host registers. This module
- * copies a committed file into a local cache directory and queues its upload in the DisDB; the
- * service works the queues off: sorted sets "storage:upqueue:s3:<shard>" with members
- * "<location>:<object key>", and "storage:delqueue:s3:<shard>" with "<location>:o:<object key>" for
- * one file and "<location>:r:<prefix>" for all of an owner; the score is the time of queueing in
- * seconds since the epoch. In a member, the key is what follows the last ":", and a prefix stands
- * for all keys that begin with "<prefix>/". Entries of both queues for one key go by score, and the
- * service removes a member only if its score is still the one that it read: a second commit of the
- * same key only renews the score. An upload whose file is not in the cache was deleted meanwhile:
- * the service drops the member. A queued file lies in "<cache directory>/<shard>/<object key>",
- * complete from the moment it is there; what a process that was killed left half copied lies beside
- * it under a name that begins with ".storing-". The shard is always "main".
+ * copies a committed file into a local cache directory and queues its upload in the DisDB;
+ * docs/transfer.md has the protocol of the queues, which the service works off.
+ * <spoolcap/transfer.h> registers the service that comes with this library.
  *
  * Ids: a file is kept under two levels of its owner, the first and the second id, and its own id,
  * which is the id of its row in extension_recording, extension_voicemail or extension_fax_center.
@@ -84,10 +76,14 @@ typedef struct qx_storage_api {
   /* Ends the life of a request that `download` returned; called exactly once for each, after its
    * `done` was entered, perhaps from within it. */
   void (*release)(void *context, void *request);
+
+  /* Told after an upload or a deletion was queued, so that the service need not wait for its next
+   * look at the queue. It must not wait. May be NULL. */
+  void (*queued)(void *context);
 } qx_storage_api_t;
 
 /* Installs the table, in place of an earlier one. A session keeps to the table that was installed
- * when it was made. -1 when the table or one of its operations is NULL. */
+ * when it was made. -1 when the table is NULL, or one of its operations other than `queued`. */
 int qx_storage_register_api(const qx_storage_api_t *api);
 
 /* Removes it: S3 is not usable from then on. Downloads that run are still completed. */

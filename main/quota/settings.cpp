@@ -1,6 +1,4 @@
 // Reads the settings of the quota engine from the configuration files, and keeps them.
-#include <grp.h>
-#include <pwd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,6 +11,7 @@
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
 #include "platform/base/errors.h"
+#include "platform/base/ids.h"
 #include "platform/base/owner.h"
 #include "platform/base/parseconfig.h"
 #include "platform/base/view.h"
@@ -28,10 +27,7 @@ struct process_settings {
   bool failure_logged = false;
 };
 
-process_settings &kept() {
-  static auto *const only = new process_settings;  // threads may outlive static objects
-  return *only;
-}
+constinit never_destroyed<process_settings> kept;
 
 std::string value_or_default(safestr_t found, qx_path_id fallback) {
   const safestr_owner value(found);
@@ -62,20 +58,6 @@ std::optional<quota_settings> read_settings() {
   return found;
 }
 
-// getpwnam_r or getgrnam_r with as much room as the entry takes: a group may have many members.
-// False when there is no entry (errno is 0 then) or none can be had.
-template <class Entry, class Lookup>
-bool look_up(Lookup lookup, const char *name, Entry &entry, std::unique_ptr<char[]> &text) {
-  errno = ERANGE;
-  for (size_t size = 1024; errno == ERANGE; size *= 2) {
-    text = std::make_unique<char[]>(size);
-    Entry *found = nullptr;
-    errno = lookup(name, &entry, text.get(), size, &found);
-    if (found != nullptr) return true;
-  }
-  return false;
-}
-
 void log_missing_owner(int error) {
   QX_LOG(FR_LOG_ERROR,
          "%s:%d:user \"asterisk\" and group \"asterisk\" must both exist: no quota file can be "
@@ -86,35 +68,19 @@ void log_missing_owner(int error) {
 }  // namespace
 
 int get_conf() {
-  process_settings &own = kept();
-  const std::lock_guard guard(own.lock);
-  if (!own.settings) own.settings = read_settings();
+  const std::lock_guard guard(kept->lock);
+  if (!kept->settings) kept->settings = read_settings();
   return 0;
 }
 
 const quota_settings *loaded_settings() {
   get_conf();
-  const std::optional<quota_settings> &settings = kept().settings;
+  const std::optional<quota_settings> &settings = kept->settings;
   return settings ? &*settings : nullptr;
 }
 
-int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gid) {
-  std::unique_ptr<char[]> text;
-  if (user_name != nullptr && uid != nullptr) {
-    passwd user{};
-    if (!look_up(getpwnam_r, user_name, user, text)) return -1;
-    *uid = user.pw_uid;
-  }
-  if (group_name != nullptr && gid != nullptr) {
-    group found{};
-    if (!look_up(getgrnam_r, group_name, found, text)) return -1;
-    *gid = found.gr_gid;
-  }
-  return 0;
-}
-
 int owner_ids(uid_t *uid, gid_t *gid) {
-  process_settings &own = kept();
+  process_settings &own = kept.value;
   const std::lock_guard guard(own.lock);
   if ((own.user == 0 || own.group == 0) &&
       get_ids("asterisk", "asterisk", &own.user, &own.group) != 0) {

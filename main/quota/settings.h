@@ -19,10 +19,6 @@ int get_conf();
 // The settings, loaded at the first call; null while a file that holds them cannot be read.
 const quota_settings *loaded_settings();
 
-// User and group ids by name; a lookup whose name or output is null is skipped. -1 when a name is
-// not known.
-int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gid);
-
 // The ids of user and group "asterisk", who own all that the engine creates as root. Looked up at
 // the first need and kept; a kept 0 counts as not yet looked up. -1, logged once at error
 // priority, when they are not known.

@@ -36,6 +36,11 @@ struct storage_snapshot {
   c_string location(const qx_storage_location_query_t &query) const {
     return c_string(service == nullptr ? nullptr : service->location(service->context, &query));
   }
+
+  // Something was queued for the service.
+  void tell_queued() const {
+    if (service != nullptr && service->queued != nullptr) service->queued(service->context);
+  }
 };
 
 storage_snapshot take_snapshot() noexcept;

@@ -5,13 +5,13 @@
 #include <sys/random.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "main/storage/copy_content.h"
 #include "platform/base/diagnostics.h"
@@ -68,7 +68,7 @@ int rename_to(const std::string &from, const std::string &to, at_target what) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
   // Not every file system, kernel and sandbox knows the call or its flag.
   if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return errno;
-  if (what == at_target::replace) return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  if (what == at_target::replace) return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
   if (::link(from.c_str(), to.c_str()) != 0) return errno;
   ::unlink(from.c_str());
   return 0;
@@ -157,18 +157,4 @@ int find_file(const std::string &path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return errno;
   return S_ISDIR(status.st_mode) ? EISDIR : 0;
-}
-
-bool has_parent_component(std::string_view name) {
-  for (size_t start = 0; start <= name.size();) {
-    const size_t end = std::min(name.find('/', start), name.size());
-    if (name.substr(start, end - start) == "..") return true;
-    start = end + 1;
-  }
-  return false;
-}
-
-bool has_reserved_byte(std::string_view name) {
-  return std::any_of(name.begin(), name.end(),
-                     [](unsigned char byte) { return byte == ':' || byte < ' ' || byte == 0x7f; });
 }

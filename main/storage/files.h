@@ -7,7 +7,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 
 // Of stored files and of folders made here, whatever the umask is; a temporary file has it less the
@@ -61,11 +60,5 @@ int move_new_file(const std::string &from, const std::string &to);
 
 // 0 when the path names a file that is no folder, else an error number.
 int find_file(const std::string &path);
-
-// Whether a name leads out of the folder that it is taken to be in.
-bool has_parent_component(std::string_view name);
-
-// Whether it has a ":", which separates the parts of a queue's member, or a control byte.
-bool has_reserved_byte(std::string_view name);
 
 #endif

@@ -1,8 +1,10 @@
-// How a stored file is named after its owner. Internal to main/storage/.
+// The names of stored files, and what they may have. Internal to main/storage/ and to the transfer
+// service.
 #ifndef MAIN_STORAGE_NAMES_H
 #define MAIN_STORAGE_NAMES_H
 
 #include <string>
+#include <string_view>
 
 #include "main/account/media.h"
 
@@ -20,5 +22,14 @@ inline std::string owned_file(int first_id, int second_id, int file_id,
 inline std::string prefix_key(int type, int first_id, int second_id) {
   return std::string(media_of_type(type).key_word) + "/" + owner_path(first_id, second_id);
 }
+
+// Whether a name leads out of the folder that it is taken to be in.
+bool has_parent_component(std::string_view name);
+
+// Whether it has a ":", which separates the parts of a queue's member, or a control byte.
+bool has_reserved_byte(std::string_view name);
+
+// Whether it can be the key of an object, and so the path of a file in the cache.
+bool is_object_key(std::string_view name);
 
 #endif

@@ -2,6 +2,8 @@
 // queues.
 #include "main/storage/s3.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,10 +23,11 @@ std::string cache_path(const storage_config &config, const std::string &key) {
   return config.cache + "/" + storage_shard + "/" + key;
 }
 
-// A name that ends in a slash is a folder's: it would be in the way of a file's own.
-bool is_object_key(const char *name) {
-  return !is_empty(name) && *name != '/' && !std::string_view(name).ends_with('/') &&
-         !has_parent_component(name) && !has_reserved_byte(name);
+// Whether the cache has the file. Its time of last write tells the service that it was used now.
+bool find_cached(const std::string &path) {
+  if (find_file(path) != 0) return false;
+  // The service may have removed it between the two calls.
+  return ::utimensat(AT_FDCWD, path.c_str(), nullptr, 0) == 0 || errno != ENOENT;
 }
 
 // Moves what was downloaded into the cache; false, logged, when that fails.
@@ -113,7 +116,7 @@ std::optional<stored_file> store(const call_site &site, qx_storage_session &sess
   }
   if (queue_upload(site, session.location.c_str(), file.name) != 0) {
     // The copy stays: if only the reply was lost, the queue has the member and the service needs
-    // the file. Otherwise the expiry of the cache removes it.
+    // the file. Otherwise the service finds it in the cache one day.
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to queue file [%s].\n\n", file.name.c_str());
     return std::nullopt;
   }
@@ -128,13 +131,13 @@ bool fetch(const call_site &site, qx_storage_session &session, const char *name,
               "file from S3.\n");
     return false;
   }
-  if (!is_object_key(name)) {
+  if (is_empty(name) || !is_object_key(name)) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Cannot retrieve requested file from storage [%s]: %s.\n\n",
               name == nullptr ? "" : name, std::strerror(EINVAL));
     return false;
   }
   session.s3.cache_path = cache_path(session.config(), name);
-  if (find_file(session.s3.cache_path) != 0) return start_download(session, name, extra);
+  if (!find_cached(session.s3.cache_path)) return start_download(session, name, extra);
   session.finish(QX_STORAGE_READY, session.s3.cache_path);
   return true;
 }

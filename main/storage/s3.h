@@ -30,7 +30,7 @@ class download_request {
   bool done_ = false;
 };
 
-struct s3_part {
+struct s3_fetch {
   std::string cache_path;  // where a download goes in the end
   download_request request;
 };

@@ -35,7 +35,7 @@ struct qx_storage_session {
   // Storing: what the caller writes. Fetching: what the service downloads into.
   temporary_file temporary;
   posix_part posix;
-  s3_part s3;
+  s3_fetch s3;
 
   const storage_config &config() const { return *made_with.config; }
 

@@ -1,17 +1,10 @@
 // Reads directive files by table.
 #include "platform/base/parseconfig.h"
 
-#include <string_view>
-
 #include "platform/base/line_reader.h"
 #include "platform/base/view.h"
 
 namespace {
-
-struct directive {
-  std::string_view keyword;
-  std::string_view value;
-};
 
 // Cuts the next word off `rest`; what remains has no leading white space.
 std::string_view next_word(std::string_view &rest) {
@@ -20,21 +13,9 @@ std::string_view next_word(std::string_view &rest) {
   return word;
 }
 
-directive split_line(std::string_view line) {
-  std::string_view rest = trimmed(line);
-  if (rest.starts_with('#')) return {};
-  const std::string_view keyword = next_word(rest);
-  std::string_view value = rest;
-  if (next_word(rest) == "=") value = rest;
-  if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"')) {
-    value = value.substr(1, value.size() - 2);
-  }
-  return {keyword, value};
-}
-
 int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t count) {
   while (const auto line = lines.next()) {
-    const directive found = split_line(*line);
+    const parseconfig_line found = split_config_line(*line);
     for (size_t i = 0; i < count; ++i) {
       if (!found.keyword.empty() && found.keyword == entries[i].keyword) {
         *entries[i].value = found.value;
@@ -45,6 +26,18 @@ int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t co
 }
 
 }  // namespace
+
+parseconfig_line split_config_line(std::string_view line) {
+  std::string_view rest = trimmed(line);
+  if (rest.starts_with('#')) return {};
+  const std::string_view keyword = next_word(rest);
+  std::string_view value = rest;
+  if (next_word(rest) == "=") value = rest;
+  if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"')) {
+    value = value.substr(1, value.size() - 2);
+  }
+  return {keyword, value};
+}
 
 int parseconfig(const char *path, const parseconfig_entry *entries, size_t count) {
   if (path == nullptr || (entries == nullptr && count > 0)) return -1;

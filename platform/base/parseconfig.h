@@ -9,6 +9,14 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
+
+/* A line as it is read; no keyword for a comment and an empty line. Borrowed from the line. */
+struct parseconfig_line {
+  std::string_view keyword;
+  std::string_view value;
+};
+parseconfig_line split_config_line(std::string_view line);
 
 /* One keyword and the string that takes its value. */
 struct parseconfig_entry {

@@ -81,7 +81,9 @@ struct s3_listed {
   std::string key;  // without the place's prefix
   std::int64_t length = 0;
   std::string etag;
-  double modified = 0;  // seconds since the epoch, by the store's clock
+  // Seconds since the epoch by the store's clock; infinite when the store tells no time, so that
+  // nobody takes the object for an old one.
+  double modified = 0;
 };
 struct s3_listing {
   s3_answer answer;
@@ -102,7 +104,7 @@ struct s3_part_listing {
 struct s3_upload {
   std::string key;  // without the place's prefix
   std::string id;
-  double initiated = 0;  // seconds since the epoch, by the store's clock
+  double initiated = 0;  // as in s3_listed
 };
 struct s3_upload_listing {
   s3_answer answer;
@@ -126,6 +128,7 @@ struct s3_control {
   std::chrono::seconds stall_timeout{30};  // without a byte moving
   // Told to the caller for its status: bytes of running transfers are added as they move.
   std::atomic<std::uint64_t> sent{0}, received{0};
+  std::atomic<std::int64_t> booked_until{0};  // of the rate, by the clients themselves
 };
 
 using s3_metadata = std::vector<std::pair<std::string, std::string>>;
@@ -143,7 +146,9 @@ class s3_client {
   s3_answer head(std::string_view key);
   // Appends the object from byte `from` on to `fd`, which is positioned there by pwrite; `length`
   // of the answer is that of the whole object. With `if_match`, only the object with this ETag. The
-  // caller compares digests. An answer that breaks off is `unclear`: go on from what is there.
+  // caller compares digests. An answer that breaks off is `unclear`: go on from what is there. A
+  // store that answers with the whole object has it written from byte 0 on. When nothing is left
+  // behind `from`, the outcome is done or `changed`, as the store tells the length or not.
   s3_answer get(std::string_view key, int fd, std::int64_t from = 0,
                 const std::string &if_match = "");
   s3_answer remove(std::string_view key);                   // an absent object is done

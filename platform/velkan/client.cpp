@@ -70,6 +70,13 @@ int vk_set_database_key(vk_client_t *client, int database, const char *key, size
   });
 }
 
+int vk_set_patient(vk_client_t *client) {
+  return change(client, [](vk_state &state) {
+    state.is_patient = true;
+    return VK_OK;
+  });
+}
+
 int vk_select(vk_client_t *client, int database, int flags) {
   if (database < 0 || flags != 0) return VK_ERR_ARGUMENT;
   return change(client, [database](vk_state &state) {

@@ -3,6 +3,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <span>
 
 #include "platform/velkan/group.h"
 
@@ -15,7 +16,7 @@ constexpr size_t most_words = INT_MAX;
 char *copy_text(const vk_mm &memory, const redisReply &reply) {
   char *copy = static_cast<char *>(memory.allocate(reply.len + 1));
   if (copy != nullptr) {
-    memcpy(copy, reply.str, reply.len);
+    std::memcpy(copy, reply.str, reply.len);
     copy[reply.len] = '\0';
   }
   return copy;
@@ -252,5 +253,21 @@ int vk_exists(vk_client_t *client, const char *key, size_t key_length) {
     const int status =
         run_words(client, 2, words, lengths, REDIS_REPLY_INTEGER, REDIS_REPLY_INTEGER, reply);
     return status != VK_OK || reply->integer != 0 ? 1 : 0;
+  });
+}
+
+int vk_run(vk_client_t *client, std::span<const std::string_view> words, vk_reply &reply) {
+  reply.reset();
+  return with_client(client, !words.empty() && words.size() < most_words, [&] {
+    std::vector<const char *> texts;
+    std::vector<size_t> lengths;
+    for (const std::string_view word : words) {
+      texts.push_back(word.data());
+      lengths.push_back(word.size());
+    }
+    const vk_command command(static_cast<int>(words.size()), texts.data(), lengths.data());
+    const int status = run_command(*client->state, command, reply);
+    if (status != VK_OK && status != VK_ERR_REPLY) reply.reset();
+    return status;
   });
 }

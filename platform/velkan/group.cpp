@@ -13,10 +13,11 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 constexpr milliseconds connect_timeout{500};  // for all servers together
-constexpr seconds pause{5};                   // after a failure
+// After a failure.
+constexpr milliseconds pause{5000};
+constexpr milliseconds short_pause{500};  // of a patient client
 
 struct log_level {
   unsigned bit;
@@ -34,7 +35,7 @@ __attribute__((format(printf, 3, 4))) void write_log(const vk_state &state, log_
   if ((state.log_mask & level.bit) == 0) return;
   va_list arguments;
   va_start(arguments, format);
-  vsyslog(LOG_USER | level.priority, format, arguments);
+  ::vsyslog(LOG_USER | level.priority, format, arguments);
   va_end(arguments);
 }
 
@@ -106,7 +107,8 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
     find_addresses(server);
     const auto share = share_of(deadline, left--);
     auto connection = vk_connection::open(server.addresses, share);
-    const std::string fault = connection ? shake_hands(state, *connection, share) : strerror(errno);
+    const std::string fault =
+        connection ? shake_hands(state, *connection, share) : std::strerror(errno);
     if (fault.empty()) {
       write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
                 server.host.c_str());
@@ -123,21 +125,26 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
 
 int give_up(vk_state &state, int code) {
   state.connection.reset();
-  state.paused_until = vk_clock::now() + pause;
-  write_log(state, as_error, "velkan: %s; not asking for %d s", vk_strerror(code),
-            static_cast<int>(pause.count()));
+  const milliseconds length = state.is_patient ? short_pause : pause;
+  state.paused_until = vk_clock::now() + length;
+  write_log(state, as_error, "velkan: %s; not asking for %g s", vk_strerror(code),
+            static_cast<double>(length.count()) / 1000);
   return code;
 }
 
-// Charges the budget with the time of its own life.
+// Charges the budget with the time of its own life, unless the client is patient.
 class charged_time {
  public:
-  explicit charged_time(vk_clock::time_point start) : start_(start) {}
+  charged_time(const vk_state &state, vk_clock::time_point start)
+      : is_free_(state.is_patient), start_(start) {}
   charged_time(const charged_time &) = delete;
   charged_time &operator=(const charged_time &) = delete;
-  ~charged_time() { the_vk_budget.charge(start_, vk_clock::now()); }
+  ~charged_time() {
+    if (!is_free_) the_vk_budget.charge(start_, vk_clock::now());
+  }
 
  private:
+  bool is_free_;
   vk_clock::time_point start_;
 };
 
@@ -156,9 +163,10 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
   // replies.
   if (state.connection && state.connected_by != process_generation()) state.connection.reset();
   const auto start = vk_clock::now();
-  const vk_clock::duration budget = the_vk_budget.left(start);
+  const vk_clock::duration budget =
+      state.is_patient ? vk_connection::command_timeout : the_vk_budget.left(start);
   if (start < state.paused_until || budget == budget.zero()) return VK_ERR_DOWN;
-  const charged_time charge(start);
+  const charged_time charge(state, start);
   const bool may_be_patient = budget >= vk_connection::command_timeout;
   const auto deadline =
       start + std::min<vk_clock::duration>(budget, vk_connection::command_timeout);

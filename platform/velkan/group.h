@@ -45,6 +45,7 @@ struct vk_state {
   std::vector<vk_server> servers;
   std::map<int, std::string> keys;  // by database
   int database = 0;
+  bool is_patient = false;
 
   std::optional<vk_connection> connection;
   long connected_by = 0;  // process generation

@@ -77,6 +77,11 @@ int vk_set_database_key(vk_client_t *client, int database, const char *key, size
 /* Takes the database of this number from the next connect on; `flags` must be 0. */
 int vk_select(vk_client_t *client, int database, int flags);
 
+/* For a daemon whose work is to wait for the cache: the client is neither charged to nor held to
+ * the budget of the process, and pauses for 500 ms after a failure. A server that is lost is
+ * replaced within the 2 s of a command. */
+int vk_set_patient(vk_client_t *client);
+
 /* Text of an error code; static. */
 const char *vk_strerror(int code);
 

@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <spoolcap/quota.h>
-#include "main/quota/settings.h"
+#include "platform/base/ids.h"
 #include "tests/faults/traced.h"
 #include "tests/unit/refresh_fixture.h"
 

@@ -1,8 +1,9 @@
-// testbed COMMAND ARGUMENTS...
+// testbed [--object-store] COMMAND ARGUMENTS...
 //
-// Starts a private MariaDB and Redis in a temporary folder, runs the command with their sockets in
-// its environment, and gives back its status. In the end, also on INT, TERM and HUP and when the
-// program that started the testbed dies, the command, the servers and the folder are gone.
+// Starts a private MariaDB and Redis in a temporary folder, and an object store if it is asked for,
+// runs the command with their addresses in its environment, and gives back its status. In the end,
+// also on INT, TERM and HUP and when the program that started the testbed dies, the command, the
+// servers and the folder are gone.
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -10,15 +11,19 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
+#include <string_view>
 
-#include "tests/support/servers.h"
+#include "tests/support/object_store.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-int run(const std::vector<std::string> &argv, const sigset_t &end_signals) {
+constexpr const char *with_store = "--object-store";
+
+int run(std::vector<std::string> argv, const sigset_t &end_signals) {
   const support::private_folder folder("spoolcap");
   setenv(support::folder_variable, folder.path().c_str(), 1);
   const std::filesystem::path data = folder.path() / "template";
@@ -28,6 +33,12 @@ int run(const std::vector<std::string> &argv, const sigset_t &end_signals) {
   support::redis_server cache;
   setenv(support::mariadb_variable, database.socket().c_str(), 1);
   setenv(support::redis_variable, cache.socket().c_str(), 1);
+  std::optional<support::object_store> store;
+  if (argv[0] == with_store) {
+    argv.erase(argv.begin());
+    store.emplace();
+    setenv(support::object_store_variable, store->endpoint().c_str(), 1);
+  }
 
   support::background_process command(argv, {.inherit_output = true});
   std::optional<support::process_result> result;
@@ -43,8 +54,8 @@ int run(const std::vector<std::string> &argv, const sigset_t &end_signals) {
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc < 2) {
-    std::fputs("usage: testbed COMMAND [ARGUMENT...]\n", stderr);
+  if (argc < 2 || (argc < 3 && std::string_view(argv[1]) == with_store)) {
+    std::fputs("usage: testbed [--object-store] COMMAND [ARGUMENT...]\n", stderr);
     return 2;
   }
   // They stay blocked and are asked for, so that everything is taken down in order.

@@ -61,6 +61,7 @@ transfer_service::transfer_service(const sandbox &box) : box_(box) {
     EXPECT_TRUE(one->completed) << "released too early: " << one->object;
     ++one->released;
   };
+  api.queued = [](void *context) { ++static_cast<transfer_service *>(context)->told; };
   EXPECT_EQ(qx_storage_register_api(&api), 0);
 }
 
@@ -110,10 +111,9 @@ int transfer_service::work_off() {
   int worked = 0;
   for (; const auto member = next("up"); ++worked) {
     const std::string key = member->substr(member->rfind(':') + 1);
-    std::error_code deleted_meanwhile;
     fs::create_directories(fs::path(object(key)).parent_path());
     fs::copy_file(box_.path("usr/local/quorvex/scache/main/" + key), object(key),
-                  fs::copy_options::overwrite_existing, deleted_meanwhile);
+                  fs::copy_options::overwrite_existing);
   }
   for (; const auto member = next("del"); ++worked) {
     const std::size_t colon = member->rfind(':');

@@ -49,9 +49,9 @@ class transfer_service {
   // download, "<stored name> <shard> <engine> <extra>"; "-" for NULL.
   std::string last_asked() const;
 
-  // Works off all uploads, then all deletions, each by its score; how many members it took. A
-  // queued upload without its file in the cache was deleted, and is dropped.
+  // Works off all uploads, then all deletions, each by its score; how many members it took.
   int work_off();
+  std::atomic<int> told{0};  // how often it heard that something was queued
   // An object of the store, by its key.
   std::string object(const std::string &key) const { return box_.path("store/" + key); }
 

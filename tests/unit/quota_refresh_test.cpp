@@ -5,8 +5,8 @@
 
 #include "main/quota/marks.h"
 #include "main/quota/refresh.h"
-#include "main/quota/settings.h"
 #include "main/quota/usage.h"
+#include "platform/base/ids.h"
 #include "tests/unit/refresh_fixture.h"
 
 namespace {

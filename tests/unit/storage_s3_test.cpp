@@ -48,6 +48,7 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
     EXPECT_EQ(qx_storage_delete(type, name.c_str(), "s3", "eu"), 0);
     EXPECT_EQ(members("del"), "eu:o:" + name);
     EXPECT_EQ(service->work_off(), 1);
+    EXPECT_EQ(service->told.exchange(0), 2);
     EXPECT_EQ(files(scache), texts{});
   }
   EXPECT_EQ(qx_storage_delete(1, nullptr, "s3", "eu"), 0);
@@ -134,8 +135,11 @@ TEST_F(StorageS3, ADownloadWakesAllWhoWait) {
       if (path == nullptr) continue;
       EXPECT_EQ(box.read_file(path), content);
       service->result = outcome::refused;  // which does not matter to a file in the cache
+      const auto long_ago = fs::last_write_time(path) - std::chrono::hours(1);
+      fs::last_write_time(path, long_ago);
       const storage_session again = fetched(QX_STORAGE_RECORDING, key, "s3");
       EXPECT_EQ(qx_storage_get_session_status(again.get()), QX_STORAGE_READY);
+      EXPECT_GT(fs::last_write_time(path), long_ago) << "its use is to be seen";
       fs::remove(path);
     }
   }

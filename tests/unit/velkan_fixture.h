@@ -32,6 +32,7 @@ class cache_client {
     return vk_server_add(client_, host.c_str(), port, "a:b");
   }
   vk_client_t *handle() const { return client_; }
+  vk_client_t *release() { return std::exchange(client_, nullptr); }
 
   int set(const std::string &key, const std::string &field, const std::string &value) const {
     return vk_hset(client_, key.data(), key.size(), field.data(), field.size(), value.data(),

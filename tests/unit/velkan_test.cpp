@@ -1,9 +1,9 @@
-#include "platform/velkan/velkan.h"
+#include "platform/velkan/command.h"
 
 #include "platform/base/text_array.h"
 #include "tests/unit/velkan_fixture.h"
 
-using namespace std::string_literals;
+using namespace std::literals;
 using support::redis_server;
 
 namespace {
@@ -102,6 +102,21 @@ TEST(Velkan, AnErrorReplyIsAnErrorAndTheConnectionGoesOn) {
   EXPECT_NE(ask(server, {"INFO", "stats"}).find("total_connections_received:2\r"),
             std::string::npos)
       << "only the two of this test's own were new";
+}
+
+TEST(Velkan, AnyCommandOfByteStringsIsRunAndItsErrorIsHandedOut) {
+  const redis_server server;
+  const cache_client client({server.socket()});
+  const std::string_view words[] = {"SET", "a\0b"sv, "\r\n\0"sv}, read[] = {"GET", "a\0b"sv},
+                         wrong[] = {"NONE"};
+  vk_reply reply;
+  ASSERT_EQ(vk_run(client.handle(), words, reply), VK_OK);
+  ASSERT_EQ(vk_run(client.handle(), read, reply), VK_OK);
+  EXPECT_EQ(std::string_view(reply->str, reply->len), "\r\n\0"sv);
+  ASSERT_EQ(vk_run(client.handle(), wrong, reply), VK_ERR_REPLY);
+  EXPECT_TRUE(std::string_view(reply->str).starts_with("ERR unknown command"));
+  EXPECT_EQ(vk_run(client.handle(), {}, reply), VK_ERR_ARGUMENT);
+  EXPECT_EQ(reply, nullptr);
 }
 
 TEST(Velkan, ArgumentsThatCannotBeAreRefused) {

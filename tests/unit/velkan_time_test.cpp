@@ -94,6 +94,20 @@ TEST(VelkanTime, AServerThatHangsCostsWhatIsLeftAndIsFoundAgainAfterThePause) {
   EXPECT_EQ(client.get("h", "f"), VK_OK);
 }
 
+TEST(VelkanTime, APatientClientHasNoBudgetAndAsksAgainAfterHalfASecond) {
+  redis_server server;
+  const cache_client client({server.socket()});
+  ASSERT_EQ(vk_set_patient(client.handle()), VK_OK);
+  leave_of_budget(0ms);
+  ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
+  server.pause();
+  EXPECT_NEAR(seconds_of([&] { EXPECT_EQ(client.get("h", "f"), VK_ERR_IO); }), 2, 0.2);
+  server.resume();
+  EXPECT_EQ(client.get("h", "f"), VK_ERR_DOWN);
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(client.get("h", "f"), VK_OK);
+}
+
 TEST(VelkanTime, ANameIsLookedUpAgainOnlyWhenItsAddressesDoNotServe) {
   const support::private_folder folder("hosts");
   const std::string hosts = folder.path() / "hosts";

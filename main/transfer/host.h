@@ -1,0 +1,86 @@
+// The transfer service as hosts have it: a connection to the daemon of this node, and the downloads
+// that run over it.
+#ifndef MAIN_TRANSFER_HOST_H
+#define MAIN_TRANSFER_HOST_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <spoolcap/zarn_storage.h>
+#include "main/transfer/config.h"
+#include "main/transfer/peers.h"
+#include "main/transfer/wire.h"
+
+// What storage holds of a download. It is storage's from the moment on in which `done` is called.
+struct download_request {
+  qx_storage_done_fn done;
+  void *cookie;
+  std::string path;
+};
+
+class transfer_host {
+ public:
+  void start(transfer_config config);
+  // Ends all downloads.
+  void stop();
+
+  // The operations of the table.
+  bool is_usable() const;
+  c_string location(int first_id) const;
+  // Null when it is refused.
+  void *download(const char *key, const char *location, const char *path, qx_storage_done_fn done,
+                 void *cookie);
+  void queued();
+
+  // Around fork(), so that the child finds everything whole.
+  void before_fork() { lock_.lock(); }
+  void after_fork_in_parent() { lock_.unlock(); }
+  void after_fork_in_child();
+
+ private:
+  struct settings {
+    transfer_config config;
+    trusted_peers peers;
+  };
+  struct connection {
+    unique_fd socket;
+    std::map<std::uint64_t, download_request *> pending;
+    std::shared_ptr<connection> next_lost;
+  };
+  // What the thread works with; a host that was stopped and started again has another one.
+  struct line {
+    unique_fd wake;                       // an eventfd
+    std::shared_ptr<connection> current;  // null while there is none
+    std::shared_ptr<connection> lost;     // a list; their downloads are still to be ended
+    bool is_ending = false;
+    std::unique_ptr<std::thread> thread;
+  };
+
+  static void wake(const line &what);
+  static void lose_current(line &what);
+  static void finish(download_request *request, bool has_file);
+
+  bool connect();
+  void start_thread();
+  bool send(const std::string &datagram, int target, std::uint64_t id, download_request *request);
+
+  void run(const std::shared_ptr<line> &own);
+  void read_answers(line &own, const std::shared_ptr<connection> &from);
+  receiving take_answers(connection &from);
+  void take_answer(connection &from, const transfer_message &answer);
+  void end_downloads(connection &of);
+
+  // Guards all that follows, and what a line and its connections have. Never held across a wait or
+  // a call of `done`.
+  mutable std::mutex lock_;
+  std::shared_ptr<const settings> settings_;  // null while stopped
+  std::shared_ptr<line> line_;                // null before the first use
+  std::uint64_t last_id_ = 0;
+  bool is_away_told_ = false;
+};
+
+#endif

@@ -1,0 +1,79 @@
+// The thread of a host: takes the daemon's answers, and ends downloads.
+#include <poll.h>
+#include <sys/eventfd.h>
+
+#include "main/transfer/host.h"
+#include "platform/base/diagnostics.h"
+
+void transfer_host::run(const std::shared_ptr<line> &own) {
+  for (;;) {
+    std::shared_ptr<connection> lost, current;
+    bool is_ending = false;
+    {
+      const std::lock_guard guard(lock_);
+      lost.swap(own->lost);
+      current = own->current;
+      is_ending = own->is_ending;
+    }
+    for (; lost; lost = std::move(lost->next_lost)) end_downloads(*lost);
+    if (is_ending) return;
+
+    pollfd entries[] = {{own->wake.get(), POLLIN, 0},
+                        {current ? current->socket.get() : -1, POLLIN, 0}};
+    if (::poll(entries, 2, -1) < 0) continue;
+    eventfd_t count = 0;
+    if (entries[0].revents != 0) ::eventfd_read(own->wake.get(), &count);
+    if (entries[1].revents != 0) read_answers(*own, current);
+  }
+}
+
+// Takes all answers that are there; why it stopped.
+receiving transfer_host::take_answers(connection &from) {
+  transfer_message answer;
+  for (;;) {
+    // Without memory for an answer it is lost, and all that runs must end.
+    const receiving what =
+        no_throw(receiving::malformed, [&] { return receive_message(from.socket.get(), answer); });
+    if (what != receiving::message) return what;
+    take_answer(from, answer);
+  }
+}
+
+void transfer_host::read_answers(line &own, const std::shared_ptr<connection> &from) {
+  const receiving what = take_answers(*from);
+  if (what == receiving::nothing) return;
+  if (what == receiving::malformed) {
+    QX_LOG(FR_LOG_WARNING, "The transfer service said what is not understood.\n");
+  }
+  const std::lock_guard guard(lock_);
+  if (own.current == from) lose_current(own);
+}
+
+void transfer_host::take_answer(connection &from, const transfer_message &answer) {
+  download_request *request = nullptr;
+  {
+    const std::lock_guard guard(lock_);
+    const auto found = from.pending.find(answer.id);
+    if (answer.word != transfer_word::done || found == from.pending.end()) return;
+    request = found->second;
+    from.pending.erase(found);
+  }
+  finish(request, answer.status == QX_STORAGE_READY);
+}
+
+// Of a connection that nobody uses any more; what came over it before its end counts.
+void transfer_host::end_downloads(connection &of) {
+  take_answers(of);
+  std::map<std::uint64_t, download_request *> rest;
+  {
+    const std::lock_guard guard(lock_);
+    rest.swap(of.pending);
+  }
+  for (const auto &[id, request] : rest) finish(request, false);
+}
+
+void transfer_host::finish(download_request *request, bool has_file) {
+  // The request may be released before this returns.
+  request->done(request->cookie, has_file ? QX_STORAGE_READY : QX_STORAGE_FAILED,
+                request->path.c_str());
+}

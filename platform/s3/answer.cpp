@@ -1,0 +1,129 @@
+#include "platform/s3/answer.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+#include "platform/s3/documents.h"
+
+namespace {
+
+struct meaning {
+  std::string_view code;
+  s3_outcome outcome;
+  const char *advice;  // null where the store's own message is all there is to say
+};
+
+constexpr std::array meanings{
+    meaning{"AccessDenied", s3_outcome::refused, "the access key has not the right to do this"},
+    meaning{"BadDigest", s3_outcome::damaged, nullptr},
+    meaning{"ExpiredToken", s3_outcome::refused, "the session token is over: get new keys"},
+    meaning{"IncompleteBody", s3_outcome::damaged, nullptr},
+    meaning{"InternalError", s3_outcome::busy, nullptr},
+    meaning{"InvalidAccessKeyId", s3_outcome::refused,
+            "the store does not know the access key: correct aws_access_key_id"},
+    meaning{"InvalidToken", s3_outcome::refused, "the session token is wrong: get new keys"},
+    meaning{"NoSuchKey", s3_outcome::not_found, nullptr},
+    meaning{"NoSuchUpload", s3_outcome::not_found, nullptr},
+    meaning{"OperationAborted", s3_outcome::busy, nullptr},
+    meaning{"QuotaExceeded", s3_outcome::refused,
+            "the quota of the bucket or its owner is used up"},
+    meaning{"RequestLimitExceeded", s3_outcome::busy, nullptr},
+    meaning{"RequestTimeout", s3_outcome::busy, nullptr},
+    meaning{"SignatureDoesNotMatch", s3_outcome::refused,
+            "the secret key does not fit the access key: correct aws_secret_access_key"},
+    meaning{"SlowDown", s3_outcome::busy, nullptr},
+    meaning{"Throttling", s3_outcome::busy, nullptr},
+    meaning{"ThrottlingException", s3_outcome::busy, nullptr},
+    meaning{"TooManyRequests", s3_outcome::busy, nullptr},
+    meaning{"XAmzContentSHA256Mismatch", s3_outcome::damaged, nullptr},
+};
+
+s3_outcome outcome_of(long status) {
+  if (status / 100 == 2) return s3_outcome::done;
+  if (status == 404) return s3_outcome::not_found;
+  if (status == 412 || status == 416 || status == 304) return s3_outcome::changed;
+  const bool later = status == 408 || status == 409 || status == 425 || status == 429;
+  return later || status / 100 == 5 ? s3_outcome::busy : s3_outcome::refused;
+}
+
+std::string clock_advice(const s3_circumstances &known) {
+  if (known.store_time < 0) return "the clocks here and of the store differ: set the time here";
+  const long long ahead = static_cast<long long>(known.now) - known.store_time;
+  return "the clock here is " + std::to_string(std::abs(ahead)) + " s " +
+         (ahead < 0 ? "behind" : "ahead of") + " the store's: set the time here";
+}
+
+std::string region_advice(const s3_error_document &error, const s3_circumstances &known) {
+  const std::string region =
+      error.region.empty() ? std::string(known.region_of_bucket) : error.region;
+  if (!region.empty() && region != known.region) {
+    return "the bucket is in region \"" + region + "\", not \"" + std::string(known.region) +
+           "\": correct the region";
+  }
+  if (!error.endpoint.empty()) return "the bucket is at \"" + error.endpoint + "\"";
+  return "the bucket is in another region or at another endpoint: correct them";
+}
+
+std::string advice_for(const s3_answer &answer, const s3_error_document &error,
+                       const s3_circumstances &known, const meaning *meant) {
+  if (answer.code == "RequestTimeTooSkewed") return clock_advice(known);
+  const bool elsewhere = answer.status == 301 || answer.status == 307 || answer.status == 308 ||
+                         answer.code == "AuthorizationHeaderMalformed" ||
+                         answer.code == "IllegalLocationConstraintException";
+  if (elsewhere) return region_advice(error, known);
+  if (answer.code == "NoSuchBucket") {
+    return "there is no bucket \"" + std::string(known.bucket) + "\"";
+  }
+  return meant != nullptr && meant->advice != nullptr ? meant->advice : "";
+}
+
+}  // namespace
+
+std::string s3_one_line(std::string_view text) {
+  std::string line(text.substr(0, 300));
+  std::replace_if(
+      line.begin(), line.end(),
+      [](char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; }, ' ');
+  return line;
+}
+
+void s3_damage(s3_answer &answer, const char *text) {
+  answer.outcome = s3_outcome::damaged;
+  answer.text = text;
+}
+
+void s3_compare_etag(s3_answer &answer, std::string_view expected) {
+  if (answer && answer.etag != expected) {
+    s3_damage(answer, "the store's ETag is not the MD5 of what was sent");
+  }
+}
+
+std::string s3_unquoted(std::string_view text) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
+    text = text.substr(1, text.size() - 2);
+  }
+  return std::string(text);
+}
+
+void s3_judge(s3_answer &answer, std::string_view document, const s3_circumstances &known) {
+  s3_error_document error;
+  const bool told = s3_read_error(document, error);
+  answer.outcome = outcome_of(answer.status);
+  if (answer.outcome == s3_outcome::done && !told) return;
+
+  answer.code = s3_one_line(error.code);
+  const auto meant = std::find_if(meanings.begin(), meanings.end(),
+                                  [&](const meaning &one) { return one.code == answer.code; });
+  if (meant != meanings.end()) {
+    answer.outcome = meant->outcome;
+  } else if (answer.outcome == s3_outcome::done) {
+    answer.outcome = s3_outcome::busy;  // an error that was found after the status had been sent
+  }
+  const std::string advice =
+      advice_for(answer, error, known, meant == meanings.end() ? nullptr : meant);
+  answer.text = advice.empty() ? s3_one_line(error.message) : s3_one_line(advice);
+  answer.text += (answer.text.empty() ? "HTTP " : " (") + std::to_string(answer.status);
+  if (!answer.code.empty()) answer.text += " " + answer.code;
+  if (answer.text.find(" (") != answer.text.npos) answer.text += ")";
+}

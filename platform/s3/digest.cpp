@@ -1,0 +1,134 @@
+#include "platform/s3/digest.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <vector>
+
+#include "platform/base/owner.h"
+
+namespace {
+
+using digest_owner = std::unique_ptr<EVP_MD_CTX, call_to_release<EVP_MD_CTX_free>>;
+
+unsigned char *bytes_of(std::string &text) {
+  return reinterpret_cast<unsigned char *>(text.data());
+}
+
+// Looked up once: a call of EVP_sha256 is looked up anew by each digest.
+const EVP_MD *algorithm(const char *name) {
+  const EVP_MD *found = EVP_MD_fetch(nullptr, name, nullptr);
+  if (found == nullptr) throw std::runtime_error(std::string("no digest ") + name);
+  return found;
+}
+const EVP_MD *md5() {
+  static const EVP_MD *const kind = algorithm("MD5");
+  return kind;
+}
+const EVP_MD *sha256() {
+  static const EVP_MD *const kind = algorithm("SHA256");
+  return kind;
+}
+
+digest_owner new_digest() {
+  digest_owner digest(EVP_MD_CTX_new());
+  if (!digest) throw std::bad_alloc();
+  return digest;
+}
+
+void begin_digest(const digest_owner &digest, const EVP_MD *kind) {
+  if (EVP_DigestInit_ex2(digest.get(), kind, nullptr) != 1) throw std::bad_alloc();
+}
+
+std::string end_digest(const digest_owner &digest) {
+  std::string result(EVP_MAX_MD_SIZE, '\0');
+  unsigned length = 0;
+  EVP_DigestFinal_ex(digest.get(), bytes_of(result), &length);
+  result.resize(length);
+  return result;
+}
+
+std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
+  thread_local const digest_owner digest = new_digest();
+  begin_digest(digest, kind);
+  EVP_DigestUpdate(digest.get(), bytes.data(), bytes.size());
+  return end_digest(digest);
+}
+
+}  // namespace
+
+bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
+  constexpr std::int64_t at_once = 128 << 10;
+  const digest_owner md5_of = new_digest(), sha256_of = new_digest();
+  begin_digest(md5_of, md5());
+  begin_digest(sha256_of, sha256());
+  std::vector<char> buffer(static_cast<size_t>(std::min(body.length, at_once)));
+  for (std::int64_t done = 0; done < body.length;) {
+    if (stop != nullptr && *stop) {
+      errno = ECANCELED;
+      return false;
+    }
+    const auto wanted = static_cast<size_t>(std::min(body.length - done, std::ssize(buffer)));
+    const ssize_t read = ::pread(body.fd, buffer.data(), wanted, body.offset + done);
+    if (read < 0) return false;
+    if (read == 0) {
+      errno = EIO;
+      return false;
+    }
+    EVP_DigestUpdate(md5_of.get(), buffer.data(), static_cast<size_t>(read));
+    EVP_DigestUpdate(sha256_of.get(), buffer.data(), static_cast<size_t>(read));
+    done += read;
+  }
+  body.md5 = end_digest(md5_of);
+  body.sha256 = end_digest(sha256_of);
+  return true;
+}
+
+std::string s3_md5(std::string_view bytes) {
+  return digest_of(bytes, md5());
+}
+
+std::string s3_sha256(std::string_view bytes) {
+  return digest_of(bytes, sha256());
+}
+
+std::string s3_base64(std::string_view bytes) {
+  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int length =
+      EVP_EncodeBlock(bytes_of(text), reinterpret_cast<const unsigned char *>(bytes.data()),
+                      static_cast<int>(bytes.size()));
+  text.resize(static_cast<size_t>(length));
+  return text;
+}
+
+std::string s3_hex(std::string_view bytes) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string text(2 * bytes.size(), '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    const auto value = static_cast<unsigned char>(bytes[i]);
+    text[2 * i] = digits[value >> 4];
+    text[2 * i + 1] = digits[value & 15];
+  }
+  return text;
+}
+
+int s3_hex_value(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
+
+std::string s3_unhex(std::string_view text) {
+  std::string bytes;
+  if (text.size() % 2 != 0) return bytes;
+  for (size_t i = 0; i < text.size(); i += 2) {
+    const int high = s3_hex_value(text[i]), low = s3_hex_value(text[i + 1]);
+    if (high < 0 || low < 0) return "";
+    bytes += static_cast<char>(high * 16 + low);
+  }
+  return bytes;
+}

@@ -1,0 +1,168 @@
+#include "platform/s3/exchange.h"
+
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <thread>
+
+#include "platform/base/owner.h"
+
+namespace {
+
+// A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
+constexpr std::size_t longest_document = std::size_t{8} << 20;
+
+std::int64_t number(std::string_view text) {
+  std::int64_t value = -1;
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return failure == std::errc{} && end == text.data() + text.size() && value >= 0 ? value : -1;
+}
+
+// "bytes 5-9/10"; the first byte is -1 where the range is "*".
+struct content_range {
+  explicit content_range(std::string_view text) {
+    if (!text.starts_with("bytes ")) return;
+    const size_t slash = text.find('/');
+    if (slash == text.npos) return;
+    const std::string_view range = text.substr(6, slash - 6);
+    first = number(range.substr(0, range.find('-')));
+    total = number(text.substr(slash + 1));
+  }
+  std::int64_t first = -1, total = -1;
+};
+
+}  // namespace
+
+std::size_t s3_exchange::give(char *to, std::size_t size, std::size_t count, void *self) {
+  return static_cast<s3_exchange *>(self)->give_bytes(to, size * count);
+}
+
+std::size_t s3_exchange::take(const char *from, std::size_t size, std::size_t count, void *self) {
+  return no_throw(std::size_t{0}, [&] {
+    return static_cast<s3_exchange *>(self)->take_bytes({from, size * count});
+  });
+}
+
+std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
+  const std::int64_t left = request_.length() - given_;
+  room = std::min(room, static_cast<std::size_t>(left));
+  // Small steps where the rate is low, so that transfers take turns.
+  if (const std::int64_t rate = control_.bytes_per_second; rate > 0) {
+    room = std::min(room, static_cast<std::size_t>(std::max<std::int64_t>(rate / 10, 1024)));
+  }
+  if (room == 0) return 0;
+  if (!pace(room)) return CURL_READFUNC_ABORT;
+  if (request_.file == nullptr) {
+    std::memcpy(to, request_.text.data() + given_, room);
+  } else {
+    const ssize_t read = ::pread(request_.file->fd, to, room, request_.file->offset + given_);
+    if (read <= 0) {
+      error = read < 0 ? errno : EIO;
+      return CURL_READFUNC_ABORT;
+    }
+    room = static_cast<std::size_t>(read);
+  }
+  given_ += static_cast<std::int64_t>(room);
+  control_.sent += room;
+  return room;
+}
+
+std::size_t s3_exchange::take_bytes(std::string_view bytes) {
+  if (!pace(bytes.size())) return 0;
+  control_.received += bytes.size();
+  const bool to_file = request_.to >= 0 && status() / 100 == 2;
+  if (to_file) return find_start() && write_all(bytes) ? bytes.size() : 0;
+  if (body.size() + bytes.size() > longest_document) {
+    fault = "the answer is too long";
+    return 0;
+  }
+  body.append(bytes);
+  return bytes.size();
+}
+
+// A store may answer a range with the whole object.
+bool s3_exchange::find_start() {
+  if (at_ >= 0) return true;
+  at_ = status() == 206 ? content_range(header("Content-Range")).first : 0;
+  if (at_ == request_.from || status() != 206) return true;
+  fault = "the answer is another range of the object";
+  return false;
+}
+
+bool s3_exchange::write_all(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::pwrite(request_.to, bytes.data(), bytes.size(), at_);
+    if (written <= 0) {
+      error = written < 0 ? errno : ENOSPC;
+      return false;
+    }
+    at_ += written;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+// Each transfer books its bytes behind those of all others and waits for its turn.
+bool s3_exchange::pace(std::size_t bytes) {
+  const std::int64_t rate = control_.bytes_per_second;
+  if (rate <= 0) return true;
+  constexpr auto slice = std::chrono::milliseconds(100);
+  const std::int64_t cost = static_cast<std::int64_t>(bytes) * 1'000'000'000 / rate;
+  const std::int64_t now = clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+  std::int64_t booked = control_.booked_until, turn = 0;
+  do {
+    turn = std::max(booked, now);
+  } while (!control_.booked_until.compare_exchange_weak(booked, turn + cost));
+  const clock::time_point until{std::chrono::nanoseconds(turn)};
+  while (clock::now() < until) {
+    if (control_.stop) return false;
+    std::this_thread::sleep_for(std::min<clock::duration>(until - clock::now(), slice));
+  }
+  moved_ = clock::now();
+  return true;
+}
+
+bool s3_exchange::stalled() {
+  curl_off_t up = 0, down = 0;
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &up);
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
+  curl_easy_getinfo(handle_, CURLINFO_ACTIVESOCKET, &socket);
+  // On a slow line the kernel still sends long after it took the last byte from here.
+  int waiting = 0;
+  if (socket != CURL_SOCKET_BAD && ::ioctl(socket, SIOCOUTQ, &waiting) != 0) waiting = 0;
+  const auto now = clock::now();
+  if (const std::int64_t moved = up + down - waiting; moved != seen_) {
+    seen_ = moved;
+    moved_ = now;
+  }
+  return now - moved_ >= control_.stall_timeout;
+}
+
+long s3_exchange::status() const {
+  long status = 0;
+  curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &status);
+  return status;
+}
+
+std::string_view s3_exchange::header(const char *name) const {
+  curl_header *found = nullptr;
+  const CURLHcode code = curl_easy_header(handle_, name, 0, CURLH_HEADER, -1, &found);
+  return code == CURLHE_OK ? value_of(*found) : "";
+}
+
+// libcurl leaves the line's end in an empty value.
+std::string_view s3_exchange::value_of(const curl_header &header) {
+  const std::string_view value = header.value;
+  return value.substr(0, value.find_last_not_of("\r\n ") + 1);
+}
+
+std::int64_t s3_exchange::object_length() const {
+  if (status() == 200) return number(header("Content-Length"));
+  return content_range(header("Content-Range")).total;
+}

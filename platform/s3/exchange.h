@@ -1,0 +1,79 @@
+// One request while it runs: what libcurl takes from here and hands back.
+#ifndef PLATFORM_S3_EXCHANGE_H
+#define PLATFORM_S3_EXCHANGE_H
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/s3/client.h"
+#include "platform/s3/signature.h"
+
+struct s3_request {
+  const char *method = "GET";
+  std::string key = {};    // without the place's prefix
+  bool of_bucket = false;  // asks the bucket, not an object
+  s3_pairs query = {};
+  s3_pairs headers = {};  // besides those that each request has; names in lower case
+  const s3_body *file = nullptr;
+  std::string text = {};  // the body, unless it is a file
+  int to = -1;            // where the body of a successful answer goes, by pwrite
+  std::int64_t from = 0;  // the byte of the object that goes there first
+
+  bool has_body() const {
+    return file != nullptr || std::string_view(method) == "PUT" ||
+           std::string_view(method) == "POST";
+  }
+  std::int64_t length() const {
+    return file != nullptr ? file->length : static_cast<std::int64_t>(text.size());
+  }
+};
+
+class s3_exchange {
+ public:
+  s3_exchange(const s3_request &request, s3_control &control, CURL *handle)
+      : request_(request), control_(control), handle_(handle) {}
+  s3_exchange(const s3_exchange &) = delete;
+  s3_exchange &operator=(const s3_exchange &) = delete;
+
+  // For CURLOPT_READFUNCTION and CURLOPT_WRITEFUNCTION, with the exchange as their data.
+  static std::size_t give(char *to, std::size_t size, std::size_t count, void *self);
+  static std::size_t take(const char *from, std::size_t size, std::size_t count, void *self);
+
+  // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
+  bool stalled();
+
+  long status() const;
+  // The header of the final answer; empty without it.
+  std::string_view header(const char *name) const;
+  static std::string_view value_of(const curl_header &header);
+  // Length of the whole object by the answer to a GET; -1 when it does not tell.
+  std::int64_t object_length() const;
+
+  std::string body;             // of an answer that does not go to a file
+  int error = 0;                // errno of the file here, when it ended the transfer
+  const char *fault = nullptr;  // what is wrong with the answer, when that did
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  std::size_t give_bytes(char *to, std::size_t room);
+  std::size_t take_bytes(std::string_view bytes);
+  bool write_all(std::string_view bytes);
+  bool find_start();
+  bool pace(std::size_t bytes);
+
+  const s3_request &request_;
+  s3_control &control_;
+  CURL *handle_;
+  std::int64_t given_ = 0;
+  std::int64_t at_ = -1;  // where the next byte goes in the file; -1 before the first came
+  std::int64_t seen_ = -1;
+  clock::time_point moved_ = clock::now();
+};
+
+#endif

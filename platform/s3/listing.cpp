@@ -1,0 +1,56 @@
+// Objects of a store, many at a time.
+#include "platform/s3/answer.h"
+#include "platform/s3/connection.h"
+#include "platform/s3/documents.h"
+
+s3_listing s3_client::list(std::string_view prefix, const std::string &token, int most) {
+  const std::string &place_prefix = connection_->place().prefix;
+  s3_request request{.of_bucket = true,
+                     .query = {{"encoding-type", "url"},
+                               {"list-type", "2"},
+                               {"max-keys", std::to_string(most)},
+                               {"prefix", place_prefix + std::string(prefix)}}};
+  if (!token.empty()) request.query.emplace_back("continuation-token", token);
+  s3_reply reply = connection_->exchange(request);
+  s3_listing listing{.answer = std::move(reply.answer), .objects = {}, .next = {}};
+  if (!listing.answer) return listing;
+  const bool whole =
+      s3_read_objects(reply.body, {place_prefix, prefix}, listing.objects, listing.next);
+  if (!whole || (!token.empty() && listing.next == token)) {
+    s3_damage(listing.answer, "the answer is no listing of what was asked for");
+    listing.objects.clear();
+    listing.next.clear();
+  }
+  return listing;
+}
+
+s3_removal s3_client::remove(const std::vector<std::string> &keys) {
+  s3_removal removal;
+  removal.answer.outcome = s3_outcome::done;
+  if (keys.empty()) return removal;
+  const std::string &prefix = connection_->place().prefix;
+  s3_reply reply = connection_->exchange({.method = "POST",
+                                          .of_bucket = true,
+                                          .query = {{"delete", ""}},
+                                          .text = s3_remove_document(prefix, keys)});
+  removal.answer = std::move(reply.answer);
+  if (removal.answer && !s3_read_failed(reply.body, prefix, removal.failed)) {
+    s3_damage(removal.answer, "the answer does not tell what was removed");
+  }
+  return removal;
+}
+
+s3_upload_listing s3_client::uploads(std::string_view prefix) {
+  const std::string &place_prefix = connection_->place().prefix;
+  s3_reply reply = connection_->exchange({.of_bucket = true,
+                                          .query = {{"encoding-type", "url"},
+                                                    {"max-uploads", "1000"},
+                                                    {"prefix", place_prefix + std::string(prefix)},
+                                                    {"uploads", ""}}});
+  s3_upload_listing listing{.answer = std::move(reply.answer), .uploads = {}};
+  if (listing.answer && !s3_read_uploads(reply.body, {place_prefix, prefix}, listing.uploads)) {
+    s3_damage(listing.answer, "the answer is no listing of what was asked for");
+    listing.uploads.clear();
+  }
+  return listing;
+}

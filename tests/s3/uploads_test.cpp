@@ -1,0 +1,200 @@
+// The work on the queues, against a real store and a real DisDB.
+#include "tests/s3/uploads_fixture.h"
+#include "tests/support/scripted_server.h"
+#include "transfer/receipt.h"
+
+namespace {
+
+constexpr const char *key = "vm/1/2/3.wav";
+
+std::string bytes(size_t count) {
+  std::string text(count, '\0');
+  for (size_t i = 0; i < count; ++i) text[i] = static_cast<char>(i * 2654435761U >> 13U);
+  return text;
+}
+
+class Uploads : public testing::Test {
+ protected:
+  bool is_idle() { return world.queued() == "0 0" && here.workers.idle(); }
+
+  support::log_capture log;
+  transfer_world world;
+  transfer_node here{world, "n1"};
+};
+
+TEST_F(Uploads, FilesOfEverySizeComeToTheStoreAsTheyAre) {
+  const size_t sizes[] = {
+      0, 1, 10'000, (6 << 20) - 1, 6 << 20, (6 << 20) + 1, 10 << 20, (10 << 20) + 1};
+  here.start();
+  for (const size_t size : sizes) {
+    here.commit("rc/1/2/" + std::to_string(size) + ".wav", bytes(size), 1000.5);
+  }
+  ASSERT_TRUE(eventually([&] { return is_idle(); }));
+  for (const size_t size : sizes) {
+    SCOPED_TRACE(size);
+    const std::string name = "rc/1/2/" + std::to_string(size) + ".wav";
+    EXPECT_TRUE(world.object(name) == bytes(size));
+    const s3_answer head = world.client.head(name);
+    EXPECT_EQ(head.metadata.at("queued"), "1000.5");
+    EXPECT_EQ(head.metadata.at("node"), "n1");
+    const unique_fd file(::open(here.path(name).c_str(), O_RDONLY));
+    const auto noted = read_receipt(file.get());
+    ASSERT_TRUE(noted);
+    EXPECT_EQ(noted->etag, head.etag);
+    EXPECT_EQ(noted->length, std::ssize(bytes(size)));
+  }
+  EXPECT_EQ(here.state.counters.uploads, std::size(sizes));
+  EXPECT_EQ(world.redis({"DBSIZE"}), "0") << "no claim is left";
+}
+
+TEST_F(Uploads, WhatIsToldOfIsUploadedAtOnce) {
+  here.start();
+  ASSERT_TRUE(eventually([&] { return is_idle(); }));
+  std::this_thread::sleep_for(700ms);
+  const double start = qx_get_tstamp();
+  here.commit(key, "hello");
+  ASSERT_TRUE(eventually([&] { return world.object(key).has_value(); }));
+  EXPECT_LT(qx_get_tstamp() - start, 0.5);
+}
+
+TEST_F(Uploads, ASecondCommitDuringAnUploadIsUploadedAfterIt) {
+  here.control.bytes_per_second = 500'000;
+  here.start();
+  here.commit(key, bytes(500'000));
+  ASSERT_TRUE(eventually([&] { return here.control.sent > 50'000; }));
+  here.commit(key, "second");
+  ASSERT_TRUE(eventually([&] { return is_idle(); }));
+  EXPECT_EQ(world.object(key), "second");
+  EXPECT_EQ(here.state.counters.uploads, 1U);
+}
+
+TEST_F(Uploads, ADeleteDuringAnUploadWinsWhenItIsLaterAndLosesWhenItIsEarlier) {
+  const struct {
+    double later;
+    bool stays;
+  } rows[] = {{10, false}, {-10, true}, {0.5, true}};
+  for (const auto &row : rows) {
+    for (const std::string &what : {"o:" + std::string(key), std::string("r:vm/1/2")}) {
+      SCOPED_TRACE(testing::Message() << row.later << " " << what);
+      const double at = qx_get_tstamp() + 5;
+      transfer_node node(world, "n1");
+      node.control.bytes_per_second = 500'000;
+      node.start();
+      node.commit(key, bytes(300'000), at);
+      ASSERT_TRUE(eventually([&] { return node.control.sent > 50'000; }));
+      node.remove(what, at + row.later);
+      ASSERT_TRUE(eventually([&] { return world.queued() == "0 0" && node.workers.idle(); }));
+      EXPECT_EQ(world.object(key).has_value(), row.stays);
+      EXPECT_EQ(node.has_file(key), row.stays);
+      world.redis({"FLUSHALL"});
+    }
+  }
+}
+
+TEST_F(Uploads, AFileThatIsMissingIsNamedAndKeptUnlessItsDeletionIsKnown) {
+  log.expect(FR_LOG_WARNING, "not in the cache");
+  here.start();
+  world.queue(up_queue, here.member(key));
+  world.queue(up_queue, here.member("vm/1/2/4.wav"), 1000);
+  here.remove("o:vm/1/2/4.wav", 1000.5);
+  for (int i = 0; i < 98; ++i) here.commit("rc/1/2/" + std::to_string(i) + ".wav", "x");
+  ASSERT_TRUE(eventually([&] { return world.queued() == "1 0"; })) << world.queued();
+  EXPECT_TRUE(world.is_queued(up_queue, here.member(key)));
+  ASSERT_EQ(here.workers.parked().size(), 1U);
+  EXPECT_EQ(here.workers.parked()[0].member, here.member(key));
+  EXPECT_FALSE(here.workers.idle());
+  here.commit(key, "back");
+  EXPECT_TRUE(eventually([&] { return is_idle(); })) << "a new commit is not held back";
+  EXPECT_TRUE(here.workers.parked().empty());
+}
+
+TEST_F(Uploads, EachNodeUploadsItsOwnAndAnyNodeDeletes) {
+  transfer_node there(world, "n2");
+  for (int i = 0; i < 20; ++i) {
+    const std::string name = std::to_string(i) + ".wav";
+    here.commit("vm/1/2/" + name, "here");
+    there.commit("vm/1/3/" + name, "there");
+  }
+  there.start();
+  ASSERT_TRUE(eventually([&] { return world.queued() == "20 0"; }));
+  EXPECT_FALSE(world.object("vm/1/2/7.wav"));
+  here.start();
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  here.stop();
+  // What was put again since the deletion stays, also below a prefix.
+  const double now = qx_get_tstamp();
+  there.commit("vm/1/3/5.wav", "again", now + 20);
+  ASSERT_TRUE(eventually([&] { return world.object("vm/1/3/5.wav") == "again"; }));
+  here.remove("r:vm/1/3", now + 10);
+  here.remove("o:vm/1/2/7.wav", now + 10);
+  here.remove("o:vm/1/2/none.wav", now + 10);
+  there.workers.wake();
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  EXPECT_EQ(world.client.list("vm/1/3/").objects.size(), 1U);
+  EXPECT_EQ(world.client.list("vm/1/2/").objects.size(), 19U);
+}
+
+TEST_F(Uploads, AnUploadInPartsGoesOnAfterAKill) {
+  const std::string content = bytes(23 << 20);
+  here.commit(key, content, 1000);
+  support::background_process killed([&] {
+    transfer_node node(world, "n1");
+    node.control.bytes_per_second = 12 << 20;
+    node.start();
+    while (node.control.sent < 22 << 20) std::this_thread::sleep_for(1ms);
+    return true;
+  });
+  ASSERT_TRUE(killed.wait(20s));
+  here.start();
+  ASSERT_TRUE(eventually([&] { return is_idle(); }));
+  EXPECT_TRUE(world.object(key) == content);
+  EXPECT_LT(here.control.sent, 10U << 20U) << "parts that were there are not sent again";
+  EXPECT_TRUE(world.client.uploads("").uploads.empty());
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(
+                              std::filesystem::path(here.path(key)).parent_path()),
+                          {}),
+            1)
+      << "no record is left";
+}
+
+TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
+  const support::scripted_server liar(
+      support::http_answer("200 OK", "ETag: \"5d41402abc4b2a76b9719d911017c592\"\r\n"));
+  transfer_node node(world, "n1");
+  node.settings.config.locations[0].endpoint = liar.endpoint();
+  ASSERT_EQ(node.locations.configure(node.settings.config), "");
+  node.start();
+  node.commit(key, "not hello");
+  ASSERT_TRUE(eventually([&] { return node.state.counters.upload_failures > 0; }));
+  EXPECT_TRUE(world.is_queued(up_queue, node.member(key)));
+  EXPECT_EQ(node.locations.report()[0].state, "up") << "it is the key's own trouble";
+}
+
+TEST(UploadsInTrouble, NothingIsLostWhenTheDisDbAndTheStoreStopAndStart) {
+  support::log_capture log;
+  support::object_store store;
+  transfer_world world(store.endpoint());
+  transfer_node node(world, "n1");
+  node.start();
+  const auto commit = [&](int from) {
+    for (int i = from; i < from + 30; ++i) {
+      node.commit("vm/1/2/" + std::to_string(i) + ".wav", bytes(5000));
+    }
+  };
+  commit(0);
+  store.stop();
+  commit(30);
+  log.expect(FR_LOG_WARNING, "location eu is resting");
+  ASSERT_TRUE(eventually([&] { return node.locations.report()[0].state == "resting"; }));
+  world.server.pause();
+  std::this_thread::sleep_for(3s);
+  world.server.resume();
+  store.start();
+  std::this_thread::sleep_for(1s);
+  commit(60);
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }, 60s)) << world.queued();
+  EXPECT_EQ(world.client.list("vm/").objects.size(), 90U);
+  EXPECT_EQ(node.locations.report()[0].state, "up");
+}
+
+}  // namespace

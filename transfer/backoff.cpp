@@ -1,0 +1,105 @@
+#include "transfer/backoff.h"
+
+#include "platform/base/diagnostics.h"
+#include "transfer/jitter.h"
+
+namespace {
+
+constexpr size_t most_members = 10'000;
+// All in seconds.
+constexpr double first_pause = 1;
+constexpr double longest_pause = 300;
+constexpr double longest_claimed_pause = 15;
+constexpr double first_parked_pause = 300;
+constexpr double longest_parked_pause = 3600;
+
+double pause_after(const job_result &result, int tries, double window) {
+  switch (result.end) {
+    case job_end::claimed:
+      return jittered(tries, first_pause, longest_claimed_pause);
+    case job_end::parked:
+      return first_parked_pause / 2 +
+             jittered(tries, first_parked_pause, longest_parked_pause - first_parked_pause / 2);
+    case job_end::waiting:
+      return window;
+    default:
+      return jittered(tries, first_pause, longest_pause);
+  }
+}
+
+}  // namespace
+
+void backoff_table::schedule(const name &which, entry &what, double when) {
+  if (!what.is_due) due_.erase({what.told.next, which});
+  what.told.next = when;
+  what.is_due = false;
+  due_.emplace(when, which);
+}
+
+bool backoff_table::holds(const work_item &item) {
+  const auto found = entries_.find({item.kind, item.entry.member});
+  if (found == entries_.end()) return false;
+  if (found->second.score == item.entry.score) return true;
+  forget(item);
+  return false;
+}
+
+bool backoff_table::put_aside(const work_item &item, const job_result &result, double now,
+                              double window) {
+  const name which{item.kind, item.entry.member};
+  auto found = entries_.find(which);
+  if (found == entries_.end()) {
+    if (entries_.size() >= most_members) return false;
+    found = entries_.emplace(which, entry{}).first;
+    found->second.told.member = item.entry.member;
+    found->second.told.since = now;
+    found->second.is_due = true;
+  }
+  entry &what = found->second;
+  if (result.end == job_end::parked && what.told.reason != result.reason) {
+    QX_LOG(FR_LOG_WARNING, "queue member [%s] is put aside: %s\n", item.entry.member.c_str(),
+           result.reason.c_str());
+  }
+  what.score = item.entry.score;
+  what.told.reason = result.reason;
+  ++what.told.tries;
+  schedule(which, what, now + pause_after(result, what.told.tries, window));
+  return true;
+}
+
+void backoff_table::postpone(const work_item &item, double until) {
+  const auto found = entries_.find({item.kind, item.entry.member});
+  if (found != entries_.end()) schedule(found->first, found->second, until);
+}
+
+void backoff_table::forget(const work_item &item) {
+  const auto found = entries_.find({item.kind, item.entry.member});
+  if (found == entries_.end()) return;
+  if (!found->second.is_due) due_.erase({found->second.told.next, found->first});
+  entries_.erase(found);
+}
+
+std::vector<work_item> backoff_table::take_due(double now, size_t most) {
+  std::vector<work_item> items;
+  while (!due_.empty() && due_.begin()->first <= now && items.size() < most) {
+    const name which = due_.begin()->second;
+    due_.erase(due_.begin());
+    entry &what = entries_.at(which);
+    what.is_due = true;
+    items.push_back({which.first, {which.second, what.score}});
+  }
+  return items;
+}
+
+double backoff_table::next_due() const {
+  return due_.empty() ? 0 : due_.begin()->first;
+}
+
+std::vector<parked_member> backoff_table::list(size_t most) const {
+  std::vector<parked_member> members;
+  for (const auto &[which, what] : entries_) {
+    if (members.size() == most) break;
+    members.push_back(what.told);
+  }
+  return members;
+}

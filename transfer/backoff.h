@@ -1,0 +1,49 @@
+// The members that failed and are put aside for a while, a bounded number of them. Not safe from
+// several threads.
+#ifndef TRANSFER_BACKOFF_H
+#define TRANSFER_BACKOFF_H
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "transfer/job.h"
+
+struct work_item {
+  queue_kind kind = queue_kind::uploads;
+  queue_entry entry;
+};
+
+class backoff_table {
+ public:
+  // Whether this member is put aside with this score. One that was queued again is forgotten, and
+  // may be tried at once.
+  bool holds(const work_item &item);
+  // Puts a member aside for as long as its result says; `window` is the time of unclear ends, in
+  // seconds. False when there is no room: it is found in the queue again.
+  bool put_aside(const work_item &item, const job_result &result, double now, double window);
+  // Lets a member wait that was due and could not be tried.
+  void postpone(const work_item &item, double until);
+  void forget(const work_item &item);
+
+  // The members whose time has come. They stay in the table until they are put aside again or
+  // forgotten.
+  std::vector<work_item> take_due(double now, size_t most);
+  double next_due() const;  // seconds since the epoch; 0 for none
+  std::vector<parked_member> list(size_t most) const;
+
+ private:
+  using name = std::pair<queue_kind, std::string>;
+  struct entry {
+    std::string score;
+    parked_member told;
+    bool is_due = false;  // taken, and not in `due_`
+  };
+  void schedule(const name &which, entry &what, double when);
+
+  std::map<name, entry> entries_;
+  std::set<std::pair<double, name>> due_;
+};
+
+#endif

@@ -1,0 +1,66 @@
+#include "transfer/cache_file.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+bool same_file(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool same_time(const timespec &one, const timespec &other) {
+  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+int rename_new(int folder, const std::string &from, const std::string &to) {
+  return ::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE);
+}
+
+}  // namespace
+
+std::optional<cache_file> cache_file::open(int folder, std::string name) {
+  // A fifo would keep a blocking open waiting.
+  unique_fd fd(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status {};
+  if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  return cache_file(folder, std::move(name), std::move(fd), status);
+}
+
+double cache_file::last_use() const {
+  return static_cast<double>(status_.st_mtim.tv_sec) +
+         static_cast<double>(status_.st_mtim.tv_nsec) / 1e9;
+}
+
+// The lease is given only while nobody else has the file open, and goes with the descriptor.
+removal cache_file::remove() {
+  if (::fcntl(fd_.get(), F_SETLEASE, F_WRLCK) != 0) {
+    return errno == EAGAIN ? removal::in_use : removal::failed;
+  }
+  struct stat now {};
+  if (::fstat(fd_.get(), &now) != 0) return removal::failed;
+  if (!same_time(now.st_mtim, status_.st_mtim)) return removal::in_use;
+
+  // A host may have given the name to a new file. What was renamed away can be told for sure.
+  const std::string away = removing_prefix + name_;
+  if (rename_new(folder_, name_, away) != 0) {
+    return errno == ENOENT ? removal::changed : removal::failed;
+  }
+  if (::fstatat(folder_, away.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return removal::failed;
+  if (!same_file(now, status_)) {
+    put_back(folder_, away);
+    return removal::changed;
+  }
+  return ::unlinkat(folder_, away.c_str(), 0) == 0 ? removal::removed : removal::failed;
+}
+
+void put_back(int folder, const std::string &removing_name) {
+  const std::string name = removing_name.substr(std::strlen(removing_prefix));
+  // A name that is taken again has a newer file.
+  if (rename_new(folder, removing_name, name) != 0 && errno == EEXIST) {
+    ::unlinkat(folder, removing_name.c_str(), 0);
+  }
+}

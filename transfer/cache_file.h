@@ -1,0 +1,51 @@
+// One file of the cache or of a transfer folder, held so that it can be looked at and removed
+// safely: nothing is removed that is open in any process, or that became another file meanwhile.
+#ifndef TRANSFER_CACHE_FILE_H
+#define TRANSFER_CACHE_FILE_H
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+#include "platform/base/owner.h"
+
+// A file on its way out has this in front of its name. One that is found later was left by a
+// process that was killed; it may be a file that had just taken the name.
+inline constexpr const char *removing_prefix = ".removing-";
+// What a host left half copied.
+inline constexpr const char *storing_prefix = ".storing-";
+
+enum class removal {
+  removed,
+  in_use,   // open in a process, or used since it was looked at
+  changed,  // another file has its name now, or none
+  failed    // errno tells why
+};
+
+class cache_file {
+ public:
+  // Opens a regular file by its name in a folder, which must outlive this; follows no link. Nothing
+  // when there is none, or it cannot be read.
+  static std::optional<cache_file> open(int folder, std::string name);
+
+  int fd() const { return fd_.get(); }
+  const struct stat &status() const { return status_; }  // as it was when opened
+  double last_use() const;                               // seconds since the epoch
+
+  removal remove();
+
+ private:
+  cache_file(int folder, std::string name, unique_fd fd, const struct stat &status)
+      : folder_(folder), name_(std::move(name)), fd_(std::move(fd)), status_(status) {}
+
+  int folder_;
+  std::string name_;
+  unique_fd fd_;
+  struct stat status_;
+};
+
+// Gives a file that was on its way out its name back, or removes it when the name is taken.
+void put_back(int folder, const std::string &removing_name);
+
+#endif

@@ -1,0 +1,50 @@
+#include "transfer/commands.h"
+
+#include <rapidjson/document.h>
+
+#include <cstdio>
+#include <ctime>
+
+#include "platform/base/deadline.h"
+#include "transfer/status.h"
+
+namespace {
+
+constexpr timespec between_looks{.tv_sec = 0, .tv_nsec = 500'000'000};
+
+int tell(const std::string &error) {
+  fprintf(stderr, "spoolcap-transfer: %s\n", error.c_str());
+  return 1;
+}
+
+bool is_idle(const std::string &json) {
+  rapidjson::Document state;
+  state.Parse(json.data(), json.size());
+  return !state.HasParseError() && state.IsObject() && state.HasMember("idle") &&
+         state["idle"].IsTrue();
+}
+
+}  // namespace
+
+int show_status(const std::string &socket_path, bool json) {
+  const status_answer answer = ask_status(socket_path);
+  if (!answer.json) return tell(answer.error);
+  const std::optional<std::string> shown =
+      json ? *answer.json + "\n" : status_for_people(*answer.json);
+  if (!shown) return tell("the service at " + socket_path + " answers in another version's way");
+  fputs(shown->c_str(), stdout);
+  return fflush(stdout) == 0 ? 0 : 1;
+}
+
+int drain(const std::string &socket_path, std::optional<int> seconds) {
+  const deadline limit(static_cast<float>(seconds.value_or(0)));
+  std::string told;
+  for (;;) {
+    const status_answer answer = ask_status(socket_path);
+    if (answer.json && is_idle(*answer.json)) return 0;
+    if (answer.error != told && !answer.error.empty()) tell(answer.error + "; waiting for it");
+    told = answer.error;
+    if (seconds && limit.passed()) return tell("the time is over, and not all is done");
+    ::nanosleep(&between_looks, nullptr);
+  }
+}

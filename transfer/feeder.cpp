@@ -1,0 +1,245 @@
+#include "transfer/feeder.h"
+
+#include <algorithm>
+
+#include <spoolcap/zarn_str.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr size_t low_water = 64;  // members that are ready, below which a page is read
+constexpr size_t most_due = 64;   // handed out at once
+constexpr auto renew_every = 15s;
+constexpr auto trim_every = 1h;
+constexpr auto pause_when_down = 500ms;
+constexpr auto shortest_between_looks = 500ms;
+constexpr int share_of_looks = 10;   // so many times what a look costs the DisDB passes to the next
+constexpr double end_of_queue = 60;  // seconds: a member is told of within it
+
+// When a time of the wall clock comes.
+std::chrono::steady_clock::time_point moment_of(double time) {
+  const double left = std::clamp(time - qx_get_tstamp(), 0.0, 3600.0);
+  return std::chrono::steady_clock::now() +
+         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+             std::chrono::duration<double>(left));
+}
+
+}  // namespace
+
+void work_feeder::configure(int look_interval, int unclear_window) {
+  const std::lock_guard guard(lock_);
+  interval_ = std::chrono::seconds(std::max(look_interval, 1));
+  window_ = unclear_window;
+  look_again(uploads_, 0s);
+  look_again(deletes_, 0s);
+}
+
+void work_feeder::wake() {
+  const std::lock_guard guard(lock_);
+  uploads_.woken = deletes_.woken = has_event_ = true;
+  events_.notify_one();
+}
+
+void work_feeder::stop() {
+  const std::lock_guard guard(lock_);
+  is_ended_ = true;
+  events_.notify_all();
+  uploads_.filled.notify_all();
+  deletes_.filled.notify_all();
+}
+
+std::optional<work_item> work_feeder::next(queue_kind kind) {
+  std::unique_lock guard(lock_);
+  lane &queue = lane_of(kind);
+  queue.filled.wait(guard, [&] { return is_ended_ || !queue.ready.empty(); });
+  if (is_ended_) return std::nullopt;
+  work_item item{kind, std::move(queue.ready.front())};
+  queue.ready.pop_front();
+  if (queue.ready.size() == low_water - 1) {
+    has_event_ = true;
+    events_.notify_one();
+  }
+  return item;
+}
+
+void work_feeder::ended(const work_item &item, const job_result &result) {
+  const std::lock_guard guard(lock_);
+  lane &queue = lane_of(item.kind);
+  queue.taken.erase(item.entry.member);
+  switch (result.end) {
+    case job_end::settled:
+      aside_.forget(item);
+      ++queue.removed;
+      if (!is_blocked_) return;
+      look_for_blocked();  // the location answers again
+      break;
+    case job_end::renewed:
+      aside_.forget(item);
+      queue.woken = true;
+      break;
+    case job_end::held:
+      aside_.postpone(item, qx_get_tstamp() + 1);
+      is_blocked_ = true;
+      break;
+    case job_end::down:
+      aside_.postpone(item, qx_get_tstamp() + 1);
+      look_again(queue, pause_when_down);
+      break;
+    default:
+      if (!aside_.put_aside(item, result, qx_get_tstamp(), window_)) {
+        look_again(queue, shortest_between_looks);
+      }
+  }
+  has_event_ = true;
+  events_.notify_one();
+}
+
+std::vector<parked_member> work_feeder::parked(size_t most) const {
+  const std::lock_guard guard(lock_);
+  return aside_.list(most);
+}
+
+bool work_feeder::is_working() const {
+  const std::lock_guard guard(lock_);
+  return !uploads_.taken.empty() || !deletes_.taken.empty();
+}
+
+void work_feeder::look_again(lane &queue, clock::duration after) {
+  queue.look_at = std::min(queue.look_at, clock::now() + after);
+}
+
+void work_feeder::look_for_blocked() {
+  is_blocked_ = false;
+  look_again(uploads_, 0s);
+  look_again(deletes_, 0s);
+}
+
+void work_feeder::add(lane &queue, queue_entry entry) {
+  queue.taken.insert(entry.member);
+  queue.ready.push_back(std::move(entry));
+  queue.filled.notify_one();
+}
+
+void work_feeder::hand_out_due() {
+  if (uploads_.ready.size() >= low_water || deletes_.ready.size() >= low_water) return;
+  for (work_item &item : aside_.take_due(qx_get_tstamp(), most_due)) {
+    add(lane_of(item.kind), std::move(item.entry));
+  }
+}
+
+// The location of either kind of member.
+static std::string location_of(const queue_entry &entry) {
+  return std::string(parts_of_location(entry.member).location);
+}
+
+void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries) {
+  for (const queue_entry &entry : entries) {
+    work_item item{queue.kind, entry};
+    if (queue.taken.contains(entry.member) || aside_.holds(item)) continue;
+    const std::string location = location_of(entry);
+    // What names no location is handed out to be told of.
+    if (context_.locations.is_known(location) && !context_.locations.might_start(location)) {
+      is_blocked_ = true;
+      continue;
+    }
+    queue.has_found = true;
+    add(queue, std::move(item.entry));
+  }
+}
+
+bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
+  const auto now = clock::now();
+  if (queue.look_at <= now && queue.may_look_at <= now) {
+    queue.cursor = 0;
+    queue.is_at_end_only = false;
+    queue.look_at = now + interval_;
+  } else if (queue.woken) {
+    guard.unlock();
+    const auto place = context_.queue.place_of(queue.kind, qx_get_tstamp() - end_of_queue);
+    guard.lock();
+    if (!place) {
+      ask_at_ = clock::now() + pause_when_down;
+      return false;
+    }
+    queue.cursor = *place;
+    queue.is_at_end_only = true;
+  } else {
+    return false;
+  }
+  queue.woken = queue.has_found = false;
+  queue.removed = 0;
+  queue.asked = {};
+  return true;
+}
+
+void work_feeder::end_look(lane &queue) {
+  if (queue.is_at_end_only) return;
+  queue.may_look_at = clock::now() + std::max<clock::duration>(shortest_between_looks,
+                                                               queue.asked * share_of_looks);
+  // Members may have moved past the look as others were removed.
+  if (queue.has_found) look_again(queue, queue.may_look_at - clock::now());
+}
+
+// Reads a page when the workers are about to run out. True when there may be more to read at once.
+bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
+  if (queue.ready.size() >= low_water || clock::now() < ask_at_) return false;
+  if (queue.cursor < 0 && !begin_look(queue, guard)) return false;
+  long cursor = std::max(0L, queue.cursor - std::exchange(queue.removed, 0));
+  guard.unlock();
+  const auto start = clock::now();
+  const auto page = queue.kind == queue_kind::uploads ? context_.queue.uploads(cursor)
+                                                      : context_.queue.deletes(cursor);
+  guard.lock();
+  queue.asked += clock::now() - start;
+  if (!page) {
+    ask_at_ = clock::now() + pause_when_down;
+    return false;
+  }
+  queue.cursor = cursor;
+  take_page(queue, *page);
+  if (cursor < 0) end_look(queue);
+  return cursor >= 0;
+}
+
+void work_feeder::keep_house(std::unique_lock<std::mutex> &guard) {
+  const auto now = clock::now();
+  const bool renew = renew_at_ <= now, trim = trim_at_ <= now;
+  if (!renew && !trim) return;
+  const int window = window_;
+  guard.unlock();
+  if (renew) context_.queue.renew_claims();
+  if (trim) context_.queue.trim(window);
+  guard.lock();
+  if (renew) renew_at_ = now + renew_every;
+  if (trim) trim_at_ = now + trim_every;
+}
+
+work_feeder::clock::time_point work_feeder::next_event() const {
+  auto when = std::min(renew_at_, trim_at_);
+  for (const lane *queue : {&uploads_, &deletes_}) {
+    if (queue->ready.size() >= low_water) continue;
+    const bool looks = queue->cursor >= 0 || queue->woken;
+    when =
+        std::min(when, looks ? ask_at_ : std::max({queue->look_at, queue->may_look_at, ask_at_}));
+  }
+  const bool has_room = uploads_.ready.size() < low_water && deletes_.ready.size() < low_water;
+  const double due = aside_.next_due();
+  if (has_room && due != 0) when = std::min(when, moment_of(due));
+  if (is_blocked_) when = std::min(when, moment_of(context_.locations.next_retry()));
+  return when;
+}
+
+void work_feeder::run() {
+  std::unique_lock guard(lock_);
+  while (!is_ended_) {
+    keep_house(guard);
+    hand_out_due();
+    if (is_blocked_ && context_.locations.next_retry() <= qx_get_tstamp()) look_for_blocked();
+    const bool more_deletes = feed(deletes_, guard);
+    const bool more_uploads = feed(uploads_, guard);
+    if (more_deletes || more_uploads || is_ended_) continue;
+    events_.wait_until(guard, next_event(),
+                       [this] { return is_ended_ || std::exchange(has_event_, false); });
+  }
+}

@@ -1,0 +1,81 @@
+// Reads the queues and hands their members to the workers, oldest first, without ever holding more
+// than some hundreds of them.
+//
+// A look goes through a whole queue, page by page, as the workers need more. It begins when the
+// interval is over, and when there is a reason to believe that there is work: a member was skipped
+// or came back, or a location is up again. When something was queued just now, a look at the end of
+// the queue is enough.
+#ifndef TRANSFER_FEEDER_H
+#define TRANSFER_FEEDER_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <set>
+
+#include "transfer/backoff.h"
+
+class work_feeder {
+ public:
+  explicit work_feeder(const job_context &context) : context_(context) {}
+  work_feeder(const work_feeder &) = delete;
+  work_feeder &operator=(const work_feeder &) = delete;
+
+  void configure(int look_interval, int unclear_window);
+  void wake();
+  void stop();
+  void run();  // the body of the feeder's thread
+
+  // The next member of a queue for a worker, which must report its result. Nothing at the end.
+  std::optional<work_item> next(queue_kind kind);
+  void ended(const work_item &item, const job_result &result);
+
+  std::vector<parked_member> parked(size_t most) const;
+  bool is_working() const;  // members are ready, or are worked on
+
+ private:
+  using clock = std::chrono::steady_clock;
+
+  // One queue, and the look through it.
+  struct lane {
+    queue_kind kind;
+    std::deque<queue_entry> ready{};
+    std::set<std::string> taken{};  // ready or worked on
+    std::condition_variable filled{};
+    long cursor = -1;  // -1 between looks
+    long removed = 0;  // of what the look has passed; the rest moved to the front by as much
+    bool has_found = false;
+    bool is_at_end_only = false;
+    clock::duration asked{};  // how long the DisDB took for this look
+    clock::time_point look_at{}, may_look_at{};
+    bool woken = false;
+  };
+
+  lane &lane_of(queue_kind kind) { return kind == queue_kind::uploads ? uploads_ : deletes_; }
+  void keep_house(std::unique_lock<std::mutex> &guard);
+  void hand_out_due();
+  bool feed(lane &queue, std::unique_lock<std::mutex> &guard);
+  bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
+  void end_look(lane &queue);
+  void take_page(lane &queue, const std::vector<queue_entry> &entries);
+  void add(lane &queue, queue_entry entry);
+  void look_for_blocked();
+  void look_again(lane &queue, clock::duration after);
+  clock::time_point next_event() const;
+
+  const job_context &context_;
+  mutable std::mutex lock_;  // guards all that follows
+  std::condition_variable events_;
+  bool is_ended_ = false;
+  bool has_event_ = false;
+  std::chrono::seconds interval_{120};
+  int window_ = 3600;
+  lane uploads_{.kind = queue_kind::uploads}, deletes_{.kind = queue_kind::deletes};
+  backoff_table aside_;
+  bool is_blocked_ = false;  // a member waits for a location that rests
+  clock::time_point renew_at_{}, trim_at_{}, ask_at_{};
+};
+
+#endif

@@ -1,0 +1,130 @@
+#include "transfer/fetch.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "transfer/jitter.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using kind = fetch_step::kind;
+
+constexpr fetch_clock::duration patience = 30s;  // with a store in trouble, from the first try on
+constexpr fetch_clock::duration look_again = 500ms;  // at a location that rests
+constexpr fetch_clock::duration next_look = 200ms;   // at an object that is still to be uploaded
+constexpr double first_delay = 0.5, longest_delay = 5;
+
+std::int64_t size_of(int fd) {
+  struct stat status {};
+  return ::fstat(fd, &status) == 0 ? status.st_size : -1;
+}
+
+bool is_md5(const std::string &etag) {
+  return etag.size() == 32 && etag.find_first_not_of("0123456789abcdef") == etag.npos;
+}
+
+std::string reason_of(const s3_answer &answer) {
+  if (!answer.text.empty()) return answer.text;
+  return answer.code.empty() ? "HTTP status " + std::to_string(answer.status) : answer.code;
+}
+
+}  // namespace
+
+object_fetch::object_fetch(transfer_queue &queue, transfer_locations &locations,
+                           s3_control &control, std::string location_text, std::string key,
+                           std::chrono::seconds wait)
+    : queue_(queue),
+      locations_(locations),
+      control_(control),
+      location_text_(std::move(location_text)),
+      location_(parts_of_location(location_text_).location),
+      key_(std::move(key)),
+      wait_(wait) {}
+
+fetch_step object_fetch::attempt(int target) {
+  if (begun_ == fetch_clock::time_point()) begun_ = fetch_clock::now();
+  if (!locations_.is_known(location_)) return {kind::failed, {}, "the location is not configured"};
+  if (!locations_.may_start(location_)) return later(look_again, "the location is in trouble");
+  return get(target);
+}
+
+fetch_step object_fetch::get(int target) {
+  // What is there is the beginning of an object, if it is known which one.
+  const std::int64_t size = size_of(target);
+  const std::int64_t from = etag_.empty() ? 0 : size;
+  if (from == 0 && size != 0 && ::ftruncate(target, 0) != 0) {
+    locations_.skip(location_);
+    return {kind::failed, {}, std::strerror(errno)};
+  }
+  transfer_locations::lease client = locations_.client(location_);
+  if (!client) {
+    locations_.skip(location_);
+    return {kind::failed, {}, "the location is not configured"};
+  }
+  s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
+  if (answer && !is_whole(answer, target)) {
+    answer.outcome = s3_outcome::damaged;
+    answer.text = "what came is not what is stored";
+  }
+  locations_.tell(location_, answer);
+  if (answer) {
+    got_ = {answer.etag, answer.length};
+    return {kind::done};
+  }
+  if (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket") {
+    return after_absence();
+  }
+  return after_trouble(answer, target);
+}
+
+// Its upload may still be queued, on any node, or may have ended between the two questions.
+fetch_step object_fetch::after_absence() {
+  const std::optional<bool> is_queued = queue_.is_queued(location_text_, key_);
+  if (is_queued == false && is_absent_) return {kind::failed, {}, "the store does not have it"};
+  is_absent_ = is_queued == false;
+  if (is_absent_) return {kind::again};
+  if (fetch_clock::now() - begun_ >= wait_) return {kind::failed, {}, "its upload is still queued"};
+  return {kind::again, next_look};
+}
+
+fetch_step object_fetch::after_trouble(const s3_answer &answer, int target) {
+  ++failures_;
+  switch (answer.outcome) {
+    case s3_outcome::unclear:
+      // It broke off: what came is the beginning, unless another object was asked for.
+      if (size_of(target) > 0 && !answer.etag.empty()) etag_ = answer.etag;
+      break;
+    case s3_outcome::busy:
+    case s3_outcome::unreachable:
+      break;
+    case s3_outcome::damaged:
+    case s3_outcome::changed:
+      etag_.clear();
+      break;
+    default:
+      return {kind::failed, {}, reason_of(answer)};
+  }
+  const double seconds = answer.retry_after ? static_cast<double>(answer.retry_after->count())
+                                            : jittered(failures_, first_delay, longest_delay);
+  return later(
+      std::chrono::duration_cast<fetch_clock::duration>(std::chrono::duration<double>(seconds)),
+      reason_of(answer));
+}
+
+fetch_step object_fetch::later(fetch_clock::duration delay, const std::string &reason) const {
+  if (fetch_clock::now() + delay - begun_ > patience) return {kind::failed, {}, reason};
+  return {kind::again, delay};
+}
+
+bool object_fetch::is_whole(const s3_answer &answer, int target) const {
+  if (size_of(target) != answer.length) return false;
+  const auto noted = answer.metadata.find("sha256");
+  if (!is_md5(answer.etag) && noted == answer.metadata.end()) return true;
+  s3_body body{.fd = target, .length = answer.length};
+  if (!s3_digest(body, &control_.stop)) return false;
+  return is_md5(answer.etag) ? s3_hex(body.md5) == answer.etag
+                             : s3_hex(body.sha256) == noted->second;
+}

@@ -1,0 +1,51 @@
+// One object on its way into a file, try by try. Nothing here waits for the next try.
+#ifndef TRANSFER_FETCH_H
+#define TRANSFER_FETCH_H
+
+#include <chrono>
+#include <string>
+
+#include "transfer/locations.h"
+#include "transfer/queue.h"
+#include "transfer/receipt.h"
+
+using fetch_clock = std::chrono::steady_clock;
+
+// What a try came to.
+struct fetch_step {
+  enum class kind { done, failed, again } what;
+  fetch_clock::duration delay{};  // before the next try
+  std::string reason = {};        // of a failure
+};
+
+class object_fetch {
+ public:
+  // `wait` seconds for an object whose upload is still queued.
+  object_fetch(transfer_queue &queue, transfer_locations &locations, s3_control &control,
+               std::string location_text, std::string key, std::chrono::seconds wait);
+
+  // `target` is the same file each time. After `done` it has the whole object, and the receipt is
+  // that of the object.
+  fetch_step attempt(int target);
+  const receipt &got() const { return got_; }
+
+ private:
+  fetch_step get(int target);
+  fetch_step after_absence();
+  fetch_step after_trouble(const s3_answer &answer, int target);
+  fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
+  bool is_whole(const s3_answer &answer, int target) const;
+
+  transfer_queue &queue_;
+  transfer_locations &locations_;
+  s3_control &control_;
+  const std::string location_text_, location_, key_;
+  const std::chrono::seconds wait_;
+  fetch_clock::time_point begun_{};  // of the first try
+  std::string etag_;                 // of what the target has the beginning of
+  bool is_absent_ = false;           // and nothing is queued: asked once more before that counts
+  int failures_ = 0;
+  receipt got_;
+};
+
+#endif

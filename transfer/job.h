@@ -1,0 +1,83 @@
+// What a job works with, and how it ends. A job is one try of one member of a queue.
+#ifndef TRANSFER_JOB_H
+#define TRANSFER_JOB_H
+
+#include <string>
+
+#include "transfer/locations.h"
+#include "transfer/queue.h"
+#include "transfer/state.h"
+#include "transfer/uploads.h"
+
+struct job_context {
+  transfer_queue &queue;
+  transfer_locations &locations;
+  transfer_state &state;
+  s3_control &control;
+};
+
+enum class job_end {
+  settled,  // nothing is left to be done for the member as it was read
+  renewed,  // the member is there with another score
+  held,     // not begun, as the location rests
+  down,     // the DisDB does not answer
+  claimed,  // another job works on the key; soon again
+  retry,    // failed; soon again
+  parked,   // failed in a way that trying again cannot mend soon
+  waiting   // done, and to be done again when the time of unclear ends is over
+};
+
+struct job_result {
+  job_end end = job_end::settled;
+  std::string reason = {};  // one line, of the last four
+};
+
+// What the queue says of a member that is not worked on.
+job_result result_of(queue_state state);
+
+// The result of a call that failed.
+job_result failure_of(const s3_answer &answer);
+
+// Whether a request that changes something may still take effect after this answer.
+bool may_follow(const s3_answer &answer);
+
+// Makes a call up to three times at once, as one failure in many is ordinary, and tells each
+// outcome to the location.
+template <class Call>
+s3_answer call_store(const job_context &context, const std::string &location, bool &uncertain,
+                     Call &&call) {
+  constexpr int attempts = 3;
+  for (int attempt = 1;; ++attempt) {
+    s3_answer answer = call();
+    const bool is_location_down = context.locations.tell(location, answer);
+    uncertain |= may_follow(answer);
+    const bool may_be_mended =
+        !answer.retry_after &&
+        (answer.outcome == s3_outcome::busy || answer.outcome == s3_outcome::unclear ||
+         answer.outcome == s3_outcome::unreachable || answer.outcome == s3_outcome::damaged);
+    if (attempt == attempts || is_location_down || !may_be_mended) return answer;
+  }
+}
+
+// Tells the location that its probe was not needed, unless the job made a call.
+class probe_guard {
+ public:
+  probe_guard(transfer_locations &locations, const std::string &location)
+      : locations_(locations), location_(location) {}
+  probe_guard(const probe_guard &) = delete;
+  probe_guard &operator=(const probe_guard &) = delete;
+  ~probe_guard() {
+    if (!is_used_) locations_.skip(location_);
+  }
+  void use() { is_used_ = true; }
+
+ private:
+  transfer_locations &locations_;
+  const std::string &location_;
+  bool is_used_ = false;
+};
+
+// The path of a key in the cache; empty for a key that leads out of it.
+std::string path_in_cache(const worker_settings &settings, const std::string &key);
+
+#endif

@@ -1,0 +1,38 @@
+#include "transfer/journal.h"
+
+#include <utility>
+
+#include "platform/base/diagnostics.h"
+
+void state_journal::tell(const service_report &report) {
+  const bool answers = report.queue.has_value();
+  if (std::exchange(answers_, answers) != answers) {
+    if (answers) {
+      QX_LOG(FR_LOG_NOTICE, "The cache server answers again.");
+    } else {
+      QX_LOG(FR_LOG_ERROR,
+             "The cache server does not answer: nothing is uploaded or deleted until it does.");
+    }
+  }
+  if (answers && std::exchange(policy_, report.dangerous_policy) != report.dangerous_policy &&
+      !policy_.empty()) {
+    QX_LOG(FR_LOG_ERROR,
+           "The cache server may throw queues away (maxmemory-policy %s): set it to noeviction.",
+           policy_.c_str());
+  }
+  const std::size_t parked = report.parked.size();
+  if (std::exchange(parked_, parked) != parked) {
+    if (parked == 0) {
+      QX_LOG(FR_LOG_NOTICE, "No queue member is parked any more.");
+    } else {
+      QX_LOG(FR_LOG_WARNING, "Parked queue members: %zu; `spoolcap-transfer --status` tells why.",
+             parked);
+    }
+  }
+  const std::int64_t missing = report.cache.not_in_store;
+  if (std::exchange(not_in_store_, missing) < missing) {
+    QX_LOG(FR_LOG_ERROR,
+           "Stored files that are not in the store any more: %lld; kept in the cache.",
+           static_cast<long long>(missing));
+  }
+}

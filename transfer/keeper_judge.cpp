@@ -1,0 +1,89 @@
+#include "transfer/keeper_judge.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "platform/base/diagnostics.h"
+#include "transfer/receipt.h"
+#include "transfer/store_proof.h"
+
+namespace {
+
+// Within it two clocks cannot tell which came first, and the file counts.
+constexpr double clock_error = 1;
+
+// When the file was made: using it changes all other times. The last use where it is not known.
+double made_at(const cache_file &file) {
+  struct statx status {};
+  if (::statx(file.fd(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
+      (status.stx_mask & STATX_BTIME) == 0) {
+    return file.last_use();
+  }
+  return static_cast<double>(status.stx_btime.tv_sec) +
+         static_cast<double>(status.stx_btime.tv_nsec) / 1e9;
+}
+
+// Whether an upload waits or any job works on the key; nothing when that cannot be told.
+std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &config,
+                            const std::string &key) {
+  for (const transfer_location &location : config.locations) {
+    const auto queued = parts.queue.is_queued(location.name + "@" + config.node, key);
+    if (!queued || *queued) return queued;
+    const auto claimed = parts.queue.is_claimed(location.name, key);
+    if (!claimed || *claimed) return claimed;
+  }
+  return false;
+}
+
+judgement remove(const keeper_parts &parts, cache_file &file) {
+  if (file.remove() != removal::removed) return judgement::left;
+  ++parts.state.counters.evicted;
+  parts.state.counters.evicted_bytes += static_cast<std::uint64_t>(file.status().st_size);
+  return judgement::removed;
+}
+
+// The store has no such object, and nobody is about to bring one there.
+judgement judge_absent(const keeper_parts &parts, const transfer_config &config, cache_file &file,
+                       const std::string &key, bool had_receipt) {
+  const upload_member member{.location = config.location_of(first_id_of(key).value_or(0)),
+                             .node = config.node,
+                             .key = key};
+  const double made = made_at(file);
+  const auto deleted = parts.queue.deleted_at(member);
+  if (!deleted) return judgement::left;
+  if (*deleted > made + clock_error) return remove(parts, file);
+  if (had_receipt) return judgement::lost;
+  switch (parts.queue.queue_again(member, made)) {
+    case queue_state::unchanged:
+      ++parts.state.counters.queued_again;
+      return judgement::queued_again;
+    case queue_state::deleted:
+      return remove(parts, file);
+    default:
+      return judgement::left;
+  }
+}
+
+}  // namespace
+
+judgement judge_file(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
+                     const std::string &key, wanted what, bool young) {
+  const transfer_config &config = settings.config;
+  if (!first_id_of(key) || is_busy(parts, config, key).value_or(true)) return judgement::left;
+  const auto known = read_receipt(file.fd());
+  const store_answer answer = ask_store(parts.locations, config, key, file, known, parts.stop);
+  switch (answer.result) {
+    case proof::stored:
+      if (!known) write_receipt(file.fd(), answer.found);
+      return what == wanted::removal ? remove(parts, file) : judgement::kept;
+    case proof::absent:
+      return young ? judgement::left : judge_absent(parts, config, file, key, known.has_value());
+    case proof::different:
+      // What this node stored before is older than what it has without a receipt.
+      if (known || young || answer.node != config.node) return judgement::left;
+      return judge_absent(parts, config, file, key, false);
+    case proof::unknown:
+      return judgement::left;
+  }
+  return judgement::left;
+}

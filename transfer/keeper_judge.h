@@ -1,0 +1,37 @@
+// Decides about one file of the cache: whether it is lost to the queue, may go, or stays.
+#ifndef TRANSFER_KEEPER_JUDGE_H
+#define TRANSFER_KEEPER_JUDGE_H
+
+#include <atomic>
+#include <optional>
+#include <string>
+
+#include "transfer/cache_file.h"
+#include "transfer/keeper.h"
+
+// What the parts of the keeper share.
+struct keeper_parts {
+  transfer_queue &queue;
+  transfer_locations &locations;
+  transfer_state &state;
+  const std::atomic<bool> &stop;
+};
+
+enum class wanted {
+  receipt,  // that the store has it, or that it is queued again
+  removal   // beside that, its removal when the store has it
+};
+
+enum class judgement {
+  left,  // as it was: queued, in use, or not everything is known
+  kept,  // the store has it
+  removed,
+  queued_again,  // neither the queue nor the store had it
+  lost           // the store had it once and has not any more; kept
+};
+
+// `young`: a host may be about to queue it. `key` is the object key.
+judgement judge_file(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
+                     const std::string &key, wanted what, bool young);
+
+#endif

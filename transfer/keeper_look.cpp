@@ -1,0 +1,138 @@
+#include "transfer/keeper_look.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <spoolcap/zarn_str.h>
+#include "platform/base/diagnostics.h"
+#include "transfer/multipart.h"
+#include "transfer/receipt.h"
+#include "transfer/tree_walk.h"
+
+namespace {
+
+constexpr double hour = 3600;
+// So old is what a process that still runs has surely finished.
+constexpr double removing_takes = 600;
+constexpr int named_at_most = 5;
+
+class look {
+ public:
+  look(const keeper_parts &parts, const keeper_settings &settings, bool ask_all)
+      : parts_(parts), settings_(settings), ask_all_(ask_all) {}
+
+  std::optional<keeper_report> run() {
+    report_.cached_files = report_.cached_bytes = 0;
+    const bool whole = walk_tree(settings_.cache + "/main",
+                                 {.visit = [this](const walked_file &file) { return cached(file); },
+                                  .remove_empty_before = now_ - trash_age()});
+    for (const std::string &folder : {settings_.transfer_in, settings_.transfer_out + "/main"}) {
+      walk_tree(folder, {.visit = [this](const walked_file &file) { return transferred(file); }});
+    }
+    tell();
+    if (parts_.stop) return std::nullopt;
+    if (!whole && errno != ENOENT) {
+      QX_LOG(FR_LOG_WARNING, "The cache %s cannot be read: %s.", settings_.cache.c_str(),
+             std::strerror(errno));
+    }
+    report_.last_look = now_;
+    return report_;
+  }
+
+ private:
+  double trash_age() const { return settings_.trash_expire * hour; }
+
+  bool cached(const walked_file &found) {
+    if (found.name.starts_with(removing_prefix)) {
+      restore(found);
+    } else if (found.name.starts_with(storing_prefix) || is_orphan_record(found)) {
+      sweep(found);
+    } else if (!found.name.starts_with('.')) {
+      stored(found);
+    }
+    return !parts_.stop;
+  }
+
+  bool transferred(const walked_file &found) {
+    sweep(found);
+    return !parts_.stop;
+  }
+
+  // What is left of an upload in parts whose file is gone.
+  static bool is_orphan_record(const walked_file &found) {
+    if (!found.name.starts_with(parts_prefix)) return false;
+    const char *const file = found.name.c_str() + std::strlen(parts_prefix);
+    return ::faccessat(found.folder, file, F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
+  }
+
+  void restore(const walked_file &found) {
+    struct stat status {};
+    if (::fstatat(found.folder, found.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    if (now_ - static_cast<double>(status.st_ctim.tv_sec) > removing_takes) {
+      put_back(found.folder, found.name);
+    }
+  }
+
+  void sweep(const walked_file &found) {
+    auto file = cache_file::open(found.folder, found.name);
+    if (!file || now_ - file->last_use() <= trash_age()) return;
+    if (file->remove() == removal::removed) ++parts_.state.counters.swept;
+  }
+
+  void stored(const walked_file &found) {
+    auto file = cache_file::open(found.folder, found.name);
+    if (!file) return;
+    ++report_.cached_files;
+    report_.cached_bytes += file->status().st_size;
+    const double unused = now_ - file->last_use();
+    const bool expired = unused > settings_.cache_expire * hour;
+    const bool young = unused <= settings_.upload_interval * 2;
+    const bool asks = ask_all_ && !young && !read_receipt(file->fd());
+    if (!expired && !asks) return;
+    const wanted what = expired ? wanted::removal : wanted::receipt;
+    count(judge_file(parts_, settings_, *file, found.key, what, young), found.key,
+          file->status().st_size);
+  }
+
+  void count(judgement what, const std::string &key, std::int64_t size) {
+    if (what == judgement::removed) {
+      --report_.cached_files;
+      report_.cached_bytes -= size;
+    } else if (what == judgement::lost) {
+      name(++report_.not_in_store, "was stored, is not in the store any more, and is kept", key);
+    } else if (what == judgement::queued_again) {
+      name(++queued_again_, "was neither queued nor in the store, and is queued again", key);
+    }
+  }
+
+  static void name(std::int64_t count, const char *what, const std::string &key) {
+    if (count <= named_at_most) {
+      QX_LOG(FR_LOG_WARNING, "Cached file [%s] %s.", key.c_str(), what);
+    }
+  }
+
+  void tell() const {
+    if (queued_again_ > named_at_most) {
+      QX_LOG(FR_LOG_WARNING, "Cached files that were queued again in this look: %lld.",
+             static_cast<long long>(queued_again_));
+    }
+  }
+
+  const keeper_parts &parts_;
+  const keeper_settings &settings_;
+  const bool ask_all_;
+  const double now_ = qx_get_tstamp();
+  keeper_report report_;
+  std::int64_t queued_again_ = 0;
+};
+
+}  // namespace
+
+std::optional<keeper_report> look_through(const keeper_parts &parts,
+                                          const keeper_settings &settings, bool ask_all) {
+  return look(parts, settings, ask_all).run();
+}

@@ -1,0 +1,23 @@
+// One look through the cache and the transfer folders.
+#ifndef TRANSFER_KEEPER_LOOK_H
+#define TRANSFER_KEEPER_LOOK_H
+
+#include "transfer/keeper_judge.h"
+
+// Expires, removes leftovers and counts. With `ask_all`, asks the store for each file without a
+// receipt as well. Nothing when it was ended before it was through.
+std::optional<keeper_report> look_through(const keeper_parts &parts,
+                                          const keeper_settings &settings, bool ask_all);
+
+struct room_report {
+  std::int64_t wanted = 0;  // bytes above the limits
+  std::int64_t freed = 0;
+  std::int64_t left = 0;  // bytes in the cache
+};
+
+// Measures the cache and removes files that the store has, longest unused first, until the cache
+// is below its size and so many bytes of the disk are free that were not.
+room_report make_room(const keeper_parts &parts, const keeper_settings &settings,
+                      std::int64_t wanted_free);
+
+#endif

@@ -1,0 +1,265 @@
+#include "transfer/locations.h"
+
+#include <spoolcap/zarn_str.h>
+#include "platform/base/diagnostics.h"
+#include "platform/base/owner.h"
+#include "transfer/credentials.h"
+#include "transfer/jitter.h"
+
+namespace {
+
+constexpr int failures_before_rest = 8;  // in a row
+constexpr double first_rest = 1;         // seconds, as all below
+constexpr double first_refused_rest = 30;
+constexpr double longest_rest = 300;
+constexpr double longest_asked_rest = 3600;
+constexpr size_t most_idle_clients = 64;
+
+enum class health { up, resting, refusing };
+
+const char *word_of(health state) {
+  switch (state) {
+    case health::up:
+      return "up";
+    case health::resting:
+      return "resting";
+    default:
+      return "refusing";
+  }
+}
+
+// Codes that say something about the location or its keys, whatever object was asked for.
+bool is_about_location(const s3_answer &answer) {
+  constexpr std::string_view codes[] = {"InvalidAccessKeyId",
+                                        "SignatureDoesNotMatch",
+                                        "NoSuchBucket",
+                                        "RequestTimeTooSkewed",
+                                        "AuthorizationHeaderMalformed",
+                                        "PermanentRedirect",
+                                        "InvalidBucketName",
+                                        "ExpiredToken",
+                                        "InvalidToken",
+                                        "AccountProblem",
+                                        "NotSignedUp"};
+  return answer.status == 401 ||
+         std::find(std::begin(codes), std::end(codes), answer.code) != std::end(codes);
+}
+
+enum class meaning { works, nothing, failure, refusal };
+
+// What an outcome says about the location.
+meaning meaning_of(const s3_answer &answer) {
+  switch (answer.outcome) {
+    case s3_outcome::done:
+    case s3_outcome::changed:
+      return meaning::works;
+    case s3_outcome::not_found:
+    case s3_outcome::refused:
+      if (is_about_location(answer)) return meaning::refusal;
+      // Rights may be missing for one key or for all: so many in a row will tell.
+      if (answer.status == 403) return meaning::failure;
+      return meaning::works;
+    case s3_outcome::busy:
+    case s3_outcome::unreachable:
+    case s3_outcome::unclear:
+      return meaning::failure;
+    default:
+      return meaning::nothing;
+  }
+}
+
+std::string describe(const s3_answer &answer) {
+  if (!answer.text.empty()) return answer.text;
+  return answer.code.empty() ? "status " + std::to_string(answer.status) : answer.code;
+}
+
+}  // namespace
+
+struct transfer_locations::place {
+  s3_place settings;
+  health state = health::up;
+  std::string reason;
+  double retry_at = 0;
+  int failures = 0;  // in a row
+  int rests = 0;     // in a row
+  bool is_probed = false;
+  std::vector<std::unique_ptr<s3_client>> idle;
+};
+
+transfer_locations::transfer_locations(s3_control &control) : control_(control) {}
+
+transfer_locations::~transfer_locations() = default;
+
+std::string transfer_locations::configure(const transfer_config &config) {
+  const credentials_reading reading = read_credentials(config.credentials_file);
+  if (!reading.error.empty()) return reading.error;
+  std::map<std::string, std::unique_ptr<place>, std::less<>> places;
+  for (const transfer_location &location : config.locations) {
+    const auto keys = reading.keys.find(location.name);
+    if (keys == reading.keys.end() || keys->second.access_key.empty() ||
+        keys->second.secret_key.empty()) {
+      return config.credentials_file + ": no keys for the location " + location.name;
+    }
+    auto made = std::make_unique<place>();
+    made->settings = {.endpoint = location.endpoint,
+                      .region = location.region,
+                      .bucket = location.bucket,
+                      .virtual_host = location.virtual_host,
+                      .prefix = location.prefix,
+                      .ca_file = config.ca_file,
+                      .credentials = keys->second};
+    places.emplace(location.name, std::move(made));
+  }
+  const std::lock_guard guard(lock_);
+  places_.swap(places);
+  ++generation_;
+  return "";
+}
+
+transfer_locations::place *transfer_locations::find(const std::string &location) const {
+  const auto found = places_.find(location);
+  return found == places_.end() ? nullptr : found->second.get();
+}
+
+bool transfer_locations::might_start(const std::string &location) const {
+  const std::lock_guard guard(lock_);
+  const place *where = find(location);
+  if (where == nullptr) return false;
+  return where->state == health::up || (!where->is_probed && qx_get_tstamp() >= where->retry_at);
+}
+
+bool transfer_locations::may_start(const std::string &location) {
+  const std::lock_guard guard(lock_);
+  place *where = find(location);
+  if (where == nullptr) return false;
+  if (where->state == health::up) return true;
+  if (where->is_probed || qx_get_tstamp() < where->retry_at) return false;
+  where->is_probed = true;
+  return true;
+}
+
+void transfer_locations::skip(const std::string &location) {
+  const std::lock_guard guard(lock_);
+  if (place *where = find(location)) where->is_probed = false;
+}
+
+bool transfer_locations::is_known(const std::string &location) const {
+  const std::lock_guard guard(lock_);
+  return find(location) != nullptr;
+}
+
+double transfer_locations::next_retry() const {
+  const std::lock_guard guard(lock_);
+  double first = 0;
+  for (const auto &[name, where] : places_) {
+    if (where->state == health::up) continue;
+    const double when = where->is_probed ? qx_get_tstamp() + 1 : where->retry_at;
+    if (first == 0 || when < first) first = when;
+  }
+  return first;
+}
+
+transfer_locations::lease transfer_locations::client(const std::string &location) {
+  lease made;
+  const std::lock_guard guard(lock_);
+  place *where = find(location);
+  if (where == nullptr) return made;
+  if (where->idle.empty()) {
+    made.client_ = std::make_unique<s3_client>(where->settings, control_);
+  } else {
+    made.client_ = std::move(where->idle.back());
+    where->idle.pop_back();
+  }
+  made.owner_ = this;
+  made.location_ = location;
+  made.generation_ = generation_;
+  return made;
+}
+
+void transfer_locations::give_back(lease &what) noexcept {
+  no_throw(0, [&] {
+    const std::lock_guard guard(lock_);
+    place *where = what.generation_ == generation_ ? find(what.location_) : nullptr;
+    if (where != nullptr && where->idle.size() < most_idle_clients) {
+      where->idle.push_back(std::move(what.client_));
+    }
+    return 0;
+  });
+  what.client_.reset();
+}
+
+transfer_locations::lease &transfer_locations::lease::operator=(lease &&other) noexcept {
+  if (this != &other) {
+    if (client_) owner_->give_back(*this);
+    owner_ = other.owner_;
+    location_ = std::move(other.location_);
+    generation_ = other.generation_;
+    client_ = std::move(other.client_);
+  }
+  return *this;
+}
+
+transfer_locations::lease::~lease() {
+  if (client_) owner_->give_back(*this);
+}
+
+bool transfer_locations::fail(place &where, const std::string &name, const s3_answer &answer) {
+  const bool is_refusal = meaning_of(answer) == meaning::refusal;
+  ++where.failures;
+  if (where.state != health::up && !where.is_probed) return true;  // began before the rest
+  const bool is_patient = where.state == health::up && !is_refusal && !answer.retry_after;
+  if (is_patient && where.failures < failures_before_rest) return false;
+
+  const health before = where.state;
+  const bool is_refused = is_refusal || answer.status == 403;
+  where.state = is_refused ? health::refusing : health::resting;
+  where.is_probed = false;
+  where.reason = describe(answer);
+  ++where.rests;
+  double rest = jittered(where.rests, is_refused ? first_refused_rest : first_rest, longest_rest);
+  if (is_refused) rest = std::max(rest, first_refused_rest);
+  if (answer.retry_after) {
+    const auto asked = static_cast<double>(answer.retry_after->count());
+    rest = std::max(rest, std::min(asked, longest_asked_rest));
+  }
+  where.retry_at = qx_get_tstamp() + rest;
+  if (before != where.state) {
+    QX_LOG(FR_LOG_WARNING, "location %s is %s: %s\n", name.c_str(), word_of(where.state),
+           where.reason.c_str());
+  }
+  return true;
+}
+
+bool transfer_locations::tell(const std::string &location, const s3_answer &answer) {
+  const meaning what = meaning_of(answer);
+  const std::lock_guard guard(lock_);
+  place *where = find(location);
+  if (where == nullptr) return true;
+  if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);
+  where->is_probed = false;
+  if (what == meaning::nothing) return false;
+  where->failures = where->rests = 0;
+  if (where->state != health::up) {
+    where->state = health::up;
+    where->reason.clear();
+    where->retry_at = 0;
+    QX_LOG(FR_LOG_NOTICE, "location %s is up again\n", location.c_str());
+  }
+  return false;
+}
+
+std::vector<std::string> transfer_locations::names() const {
+  const std::lock_guard guard(lock_);
+  std::vector<std::string> names;
+  for (const auto &[name, where] : places_) names.push_back(name);
+  return names;
+}
+
+std::vector<location_report> transfer_locations::report() const {
+  const std::lock_guard guard(lock_);
+  std::vector<location_report> lines;
+  for (const auto &[name, where] : places_) {
+    lines.push_back({name, word_of(where->state), where->reason, where->retry_at, where->failures});
+  }
+  return lines;
+}

@@ -1,0 +1,69 @@
+// Uploading a large file in parts, several at a time. The id of the upload is kept beside the file,
+// so that one that was broken off goes on where it was, as far as the store has its parts.
+#ifndef TRANSFER_MULTIPART_H
+#define TRANSFER_MULTIPART_H
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "transfer/job.h"
+
+// What stands in front of the name of a file that keeps the id of its upload. No key has such a
+// name.
+inline constexpr const char *parts_prefix = ".parts-";
+
+// "<folder>/.parts-<name>"
+std::string parts_record_path(const std::string &path);
+
+struct multipart_file {
+  const upload_member &member;
+  const std::string &score;
+  const std::string &path;
+  int fd;
+  std::int64_t length;
+};
+
+// Ends an upload in parts that an earlier try began, when there is one.
+void forget_parts(const job_context &context, transfer_locations::lease &client,
+                  const upload_member &member, const std::string &path);
+
+class multipart_upload {
+ public:
+  multipart_upload(const job_context &context, const worker_settings &settings,
+                   multipart_file file);
+
+  // Sends the whole file; the answer is that of the last call, or of the first that failed.
+  s3_answer send(transfer_locations::lease &client, s3_metadata metadata);
+  // Whether the object may appear after a failure.
+  bool is_uncertain() const { return uncertain_; }
+
+ private:
+  bool resume(transfer_locations::lease &client, s3_answer &answer);
+  s3_answer begin(transfer_locations::lease &client, const s3_metadata &metadata);
+  s3_answer send_parts();
+  void send_some();
+  s3_answer send_part(transfer_locations::lease &client, int number, s3_part &part);
+  bool take_part(int &number);
+  void fail(const s3_answer &answer);
+  std::string record() const;
+
+  const job_context &context_;
+  multipart_file file_;
+  std::int64_t part_size_;
+  int count_;
+  std::string sha256_;  // of the whole file, hexadecimal
+  std::string id_;
+  std::vector<s3_part> stored_;  // that the store had before
+  std::vector<s3_part> parts_;
+  bool uncertain_ = false;
+
+  std::mutex lock_;  // guards all that follows, while parts are sent
+  int next_ = 1;
+  s3_answer failure_;
+  bool has_failed_ = false;
+};
+
+#endif

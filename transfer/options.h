@@ -1,0 +1,21 @@
+// The command line of the transfer service.
+#ifndef TRANSFER_OPTIONS_H
+#define TRANSFER_OPTIONS_H
+
+#include <cstdio>
+#include <optional>
+
+enum class transfer_task { serve, status, check, drain, help, version };
+
+struct transfer_options {
+  transfer_task task = transfer_task::serve;
+  bool json = false;           // of status
+  std::optional<int> seconds;  // of drain; without a number it waits for ever
+};
+
+// Nothing when the command line is wrong; standard error has been told why.
+std::optional<transfer_options> parse_options(int argc, const char **argv);
+
+void print_usage(FILE *stream);
+
+#endif

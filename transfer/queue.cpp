@@ -1,0 +1,260 @@
+#include "transfer/queue.h"
+
+#include <openssl/sha.h>
+#include <sys/random.h>
+
+#include <chrono>
+
+#include "platform/s3/client.h"
+#include "transfer/queue_names.h"
+#include "transfer/scripts.h"
+
+namespace {
+
+constexpr long places_in_page = 4000;
+constexpr long most_in_page = 1000;
+constexpr std::string_view claim_milliseconds = "60000";
+constexpr double deletions_kept = 7 * 86'400.0;  // seconds
+
+const queue_script page_script(std::string(is_of_text) + page_text);
+const queue_script begin_upload_script(begin_upload_text);
+const queue_script end_upload_script(end_upload_text);
+const queue_script drop_script(drop_text);
+const queue_script leave_script(leave_text);
+const queue_script begin_delete_script(begin_delete_text);
+const queue_script end_delete_script(end_delete_text);
+const queue_script renew_script(renew_text);
+const queue_script trim_script(trim_text);
+const queue_script queue_again_script(queue_again_text);
+
+double now() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::string_view text_of(const redisReply &reply) {
+  return reply.str == nullptr ? std::string_view() : std::string_view(reply.str, reply.len);
+}
+
+queue_state state_of(std::string_view word) {
+  constexpr struct {
+    std::string_view word;
+    queue_state state;
+  } words[] = {{"unchanged", queue_state::unchanged}, {"renewed", queue_state::renewed},
+               {"gone", queue_state::gone},           {"deleted", queue_state::deleted},
+               {"contested", queue_state::contested}, {"claimed", queue_state::claimed},
+               {"unclear", queue_state::unclear}};
+  for (const auto &row : words) {
+    if (row.word == word) return row.state;
+  }
+  return queue_state::down;
+}
+
+bool is_held(queue_state state) {
+  return state == queue_state::unchanged || state == queue_state::contested ||
+         state == queue_state::deleted;
+}
+
+// Tells the claims of this process from those of an earlier one on the same node.
+std::string random_word() {
+  unsigned char bytes[8] = {};
+  if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes) return queue_number(now());
+  return s3_hex({reinterpret_cast<const char *>(bytes), sizeof bytes});
+}
+
+}  // namespace
+
+queue_script::queue_script(std::string source) : text(std::move(source)) {
+  unsigned char bytes[SHA_DIGEST_LENGTH];
+  SHA1(reinterpret_cast<const unsigned char *>(text.data()), text.size(), bytes);
+  digest = s3_hex({reinterpret_cast<const char *>(bytes), sizeof bytes});
+}
+
+transfer_queue::transfer_queue(vk_client *client, std::string node)
+    : client_(client, vk_client_destroy),
+      node_(std::move(node)),
+      claim_owner_(node_ + "/"),
+      claim_prefix_(claim_owner_ + random_word() + "/") {
+  vk_set_patient(client_.get());
+}
+
+transfer_queue::~transfer_queue() = default;
+
+bool transfer_queue::run(const queue_script &script, texts keys, texts arguments, vk_reply &reply) {
+  const std::string count = std::to_string(keys.size());
+  std::vector<std::string_view> words = {"EVALSHA", script.digest, count};
+  words.insert(words.end(), keys);
+  words.insert(words.end(), arguments);
+  int status = vk_run(client_.get(), words, reply);
+  if (status == VK_ERR_REPLY && reply && text_of(*reply).starts_with("NOSCRIPT")) {
+    words[0] = "EVAL";
+    words[1] = script.text;
+    status = vk_run(client_.get(), words, reply);
+  }
+  return status == VK_OK;
+}
+
+queue_state transfer_queue::run_state(const queue_script &script, texts keys, texts arguments) {
+  vk_reply reply;
+  return run(script, keys, arguments, reply) ? state_of(text_of(*reply)) : queue_state::down;
+}
+
+std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
+  const std::lock_guard guard(lock_);
+  const auto [claim, added] = claims_.try_emplace(name);
+  if (!added) return std::nullopt;
+  claim->second = claim_prefix_ + std::to_string(++claim_count_);
+  return claim->second;
+}
+
+std::string transfer_queue::held_claim(const std::string &name) const {
+  const std::lock_guard guard(lock_);
+  const auto claim = claims_.find(name);
+  return claim == claims_.end() ? std::string() : claim->second;
+}
+
+void transfer_queue::forget_claim(const std::string &name) {
+  const std::lock_guard guard(lock_);
+  claims_.erase(name);
+}
+
+transfer_queue::page transfer_queue::read_page(std::string_view queue, std::string_view node,
+                                               long &cursor) {
+  vk_reply reply;
+  const bool answered = run(page_script, {queue},
+                            {std::to_string(cursor), std::to_string(cursor + places_in_page - 1),
+                             node, std::to_string(most_in_page)},
+                            reply);
+  if (!answered || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) return std::nullopt;
+  cursor = static_cast<long>(reply->element[0]->integer);
+  const redisReply &found = *reply->element[1];
+  std::vector<queue_entry> entries;
+  for (size_t i = 0; i + 1 < found.elements; i += 2) {
+    entries.push_back(
+        {std::string(text_of(*found.element[i])), std::string(text_of(*found.element[i + 1]))});
+  }
+  return entries;
+}
+
+transfer_queue::page transfer_queue::uploads(long &cursor) {
+  return read_page(upload_queue, node_, cursor);
+}
+
+transfer_queue::page transfer_queue::deletes(long &cursor) {
+  return read_page(delete_queue, {}, cursor);
+}
+
+std::optional<long> transfer_queue::place_of(queue_kind kind, double time) {
+  vk_reply reply;
+  const std::string before = "(" + queue_number(time);
+  const std::string_view words[] = {
+      "ZCOUNT", kind == queue_kind::uploads ? upload_queue : delete_queue, "-inf", before};
+  if (vk_run(client_.get(), words, reply) != VK_OK) return std::nullopt;
+  return static_cast<long>(reply->integer);
+}
+
+queue_state transfer_queue::begin_upload(const queue_entry &entry, const upload_member &member) {
+  const upload_names names(member);
+  const auto value = take_claim(names.claim);
+  if (!value) return queue_state::claimed;
+  const queue_state state = run_state(
+      begin_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
+      {entry.member, entry.score, names.deletion, names.prefix_deletion, *value, claim_owner_,
+       claim_milliseconds, names.unclear, queue_number(now())});
+  if (!is_held(state)) forget_claim(names.claim);
+  return state;
+}
+
+queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_member &member,
+                                       transfer_end end) {
+  const upload_names names(member);
+  const queue_state state = run_state(
+      end_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
+      {entry.member, entry.score, names.deletion, names.prefix_deletion, held_claim(names.claim),
+       names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear"});
+  if (state != queue_state::deleted) forget_claim(names.claim);
+  return state;
+}
+
+queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_member &member,
+                                        int window) {
+  const upload_names names(member);
+  const queue_state state = run_state(end_delete_script, {upload_queue, unclear_ends, names.claim},
+                                      {entry.member, entry.score, held_claim(names.claim),
+                                       names.unclear, "key", queue_number(now() - window)});
+  forget_claim(names.claim);
+  return state;
+}
+
+queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member) {
+  const queue_state state = run_state(leave_script, {claim, unclear_ends},
+                                      {held_claim(claim), unclear_member, queue_number(now())});
+  forget_claim(claim);
+  return state;
+}
+
+void transfer_queue::leave_upload(const upload_member &member, transfer_end end) {
+  const upload_names names(member);
+  leave(names.claim, end == transfer_end::unclear ? names.unclear : std::string());
+}
+
+queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_member &member) {
+  const delete_names names(member);
+  // Also while a job of this process has the key, which is to learn of the deletion.
+  const auto value = take_claim(names.claim);
+  const queue_state state = run_state(begin_delete_script, {delete_queue, deletions, names.claim},
+                                      {entry.member, entry.score, names.deletion,
+                                       value.value_or(""), claim_owner_, claim_milliseconds});
+  if (value && !is_held(state)) forget_claim(names.claim);
+  return state;
+}
+
+queue_state transfer_queue::finish_delete(const queue_entry &entry, const delete_member &member,
+                                          double oldest) {
+  const delete_names names(member);
+  const queue_state state =
+      run_state(end_delete_script, {delete_queue, unclear_ends, names.claim},
+                {entry.member, entry.score, held_claim(names.claim), names.unclear,
+                 member.whole_prefix ? "prefix" : "key", queue_number(oldest)});
+  forget_claim(names.claim);
+  return state;
+}
+
+queue_state transfer_queue::end_delete(const queue_entry &entry, const delete_member &member,
+                                       int window) {
+  return finish_delete(entry, member, now() - window);
+}
+
+queue_state transfer_queue::drop_delete(const queue_entry &entry, const delete_member &member) {
+  const delete_names names(member);
+  const queue_state state = run_state(drop_script, {delete_queue, names.claim},
+                                      {entry.member, entry.score, held_claim(names.claim)});
+  forget_claim(names.claim);
+  return state;
+}
+
+void transfer_queue::leave_delete(const delete_member &member) {
+  leave(delete_names(member).claim, {});
+}
+
+queue_state transfer_queue::queue_again(const upload_member &member, double made) {
+  const upload_names names(member);
+  const std::string text = member.location + "@" + member.node + ":" + member.key;
+  return run_state(queue_again_script, {upload_queue, deletions},
+                   {text, queue_number(made), names.deletion, names.prefix_deletion});
+}
+
+void transfer_queue::renew_claims() {
+  std::map<std::string, std::string> claims;
+  {
+    const std::lock_guard guard(lock_);
+    claims = claims_;
+  }
+  for (const auto &[name, value] : claims) {
+    if (run_state(renew_script, {name}, {claim_milliseconds, value}) == queue_state::down) return;
+  }
+}
+
+void transfer_queue::trim(int window) {
+  run_state(trim_script, {upload_queue, deletions, unclear_ends},
+            {queue_number(now() - deletions_kept), queue_number(now() - window)});
+}

@@ -1,0 +1,89 @@
+// What is asked about the queues beside working them off.
+#include "transfer/queue_names.h"
+#include "transfer/scripts.h"
+
+namespace {
+
+constexpr long places_counted = 10'000;  // at once
+
+const queue_script count_script(std::string(is_of_text) + count_text);
+
+double number_or_zero(const redisReply &pair) {
+  if (pair.type != REDIS_REPLY_ARRAY || pair.elements < 2) return 0;
+  return queue_entry{"", std::string(pair.element[1]->str, pair.element[1]->len)}.queued_at();
+}
+
+}  // namespace
+
+bool transfer_queue::ask(std::initializer_list<std::string_view> words, vk_reply &reply) {
+  const std::vector<std::string_view> list(words);
+  return vk_run(client_.get(), list, reply) == VK_OK;
+}
+
+std::optional<queue_summary> transfer_queue::summary() {
+  queue_summary result;
+  for (long cursor = 0; cursor >= 0;) {
+    vk_reply part;
+    const std::string last = std::to_string(cursor + places_counted - 1);
+    const bool answered =
+        run(count_script, {upload_queue}, {std::to_string(cursor), last, node_}, part);
+    if (!answered || part->type != REDIS_REPLY_ARRAY || part->elements != 3) return std::nullopt;
+    cursor = static_cast<long>(part->element[0]->integer);
+    const redisReply &oldest = *part->element[2];
+    if (result.uploads == 0) {
+      result.oldest_upload = queue_entry{"", std::string(oldest.str, oldest.len)}.queued_at();
+    }
+    result.uploads += static_cast<long>(part->element[1]->integer);
+  }
+  vk_reply all, deletes, oldest;
+  if (!ask({"ZCARD", upload_queue}, all) || !ask({"ZCARD", delete_queue}, deletes) ||
+      !ask({"ZRANGE", delete_queue, "0", "0", "WITHSCORES"}, oldest)) {
+    return std::nullopt;
+  }
+  result.all_uploads = static_cast<long>(all->integer);
+  result.deletes = static_cast<long>(deletes->integer);
+  result.oldest_delete = number_or_zero(*oldest);
+  return result;
+}
+
+std::optional<double> transfer_queue::score_of(std::string_view set, const std::string &member) {
+  vk_reply reply;
+  if (!ask({"ZSCORE", set, member}, reply)) return std::nullopt;
+  if (reply->type == REDIS_REPLY_NIL) return 0;
+  return queue_entry{"", std::string(reply->str, reply->len)}.queued_at();
+}
+
+std::optional<bool> transfer_queue::is_queued(std::string_view location_text,
+                                              std::string_view key) {
+  const auto score = score_of(upload_queue, std::string(location_text) + ":" + std::string(key));
+  if (!score) return std::nullopt;
+  return *score != 0;
+}
+
+std::optional<bool> transfer_queue::is_claimed(std::string_view location, std::string_view key) {
+  const upload_names names({std::string(location), node_, std::string(key)});
+  vk_reply reply;
+  if (!ask({"EXISTS", names.claim}, reply)) return std::nullopt;
+  return reply->integer != 0;
+}
+
+std::optional<double> transfer_queue::deleted_at(const upload_member &member) {
+  const upload_names names(member);
+  const auto itself = score_of(deletions, names.deletion);
+  const auto prefix = score_of(deletions, names.prefix_deletion);
+  if (!itself || !prefix) return std::nullopt;
+  return std::max(*itself, *prefix);
+}
+
+std::optional<std::string> transfer_queue::dangerous_policy() {
+  vk_reply limit, policy;
+  if (!ask({"CONFIG", "GET", "maxmemory"}, limit) ||
+      !ask({"CONFIG", "GET", "maxmemory-policy"}, policy) || limit->elements != 2 ||
+      policy->elements != 2) {
+    return std::nullopt;
+  }
+  const std::string_view bytes(limit->element[1]->str, limit->element[1]->len);
+  const std::string name(policy->element[1]->str, policy->element[1]->len);
+  // Claims are all that has a time to live, and one that is lost costs a transfer made again.
+  return bytes != "0" && name.starts_with("allkeys-") ? name : std::string();
+}

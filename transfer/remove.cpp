@@ -1,0 +1,151 @@
+#include "transfer/remove.h"
+
+#include <unistd.h>
+
+#include <charconv>
+
+namespace {
+
+constexpr double clock_error = 1;
+// So much older than the deletion an object of the store's clock must be to go without a look at
+// when it was queued.
+constexpr double store_clock_error = 60;
+
+enum class verdict { removed, kept, failed };
+
+class delete_job {
+ public:
+  delete_job(const job_context &context, const worker_settings &settings, const queue_entry &entry,
+             delete_member member)
+      : context_(context),
+        settings_(settings),
+        entry_(entry),
+        member_(std::move(member)),
+        deleted_at_(entry.queued_at()) {}
+
+  job_result run() {
+    if (!context_.locations.may_start(member_.location)) return {job_end::held};
+    probe_guard probe(context_.locations, member_.location);
+    const queue_state state = context_.queue.begin_delete(entry_, member_);
+    if (state != queue_state::unchanged) return result_of(state);
+    client_ = context_.locations.client(member_.location);
+    if (!client_) return leave({job_end::held});
+    probe.use();
+    switch (member_.whole_prefix ? remove_all() : remove_one()) {
+      case verdict::removed:
+        return end(context_.queue.end_delete(entry_, member_, settings_.unclear_window));
+      case verdict::kept:
+        return end(context_.queue.drop_delete(entry_, member_));
+      default:
+        return leave(std::move(failure_));
+    }
+  }
+
+ private:
+  job_result leave(job_result result) {
+    context_.queue.leave_delete(member_);
+    return result;
+  }
+
+  job_result end(queue_state state) {
+    if (state == queue_state::unchanged) ++context_.state.counters.deletes;
+    return result_of(state);
+  }
+
+  template <class Call>
+  s3_answer ask(Call &&call) {
+    bool uncertain = false;  // a deletion that takes effect late is made again before that matters
+    return call_store(context_, member_.location, uncertain, std::forward<Call>(call));
+  }
+
+  bool fail(const s3_answer &answer) {
+    failure_ = failure_of(answer);
+    return false;
+  }
+
+  // Whether an upload that is no older than the deletion brought the object.
+  bool is_younger(const s3_answer &head, const std::string &key) const {
+    const auto queued = head.metadata.find("queued");
+    if (queued == head.metadata.end()) return false;
+    const double queued_at = queue_entry{"", queued->second}.queued_at();
+    if (queued_at > deleted_at_) return true;
+    if (queued_at <= deleted_at_ - clock_error) return false;
+    // In one second two nodes cannot tell which came first: the file is kept. This node knows: who
+    // deletes removes the file as well.
+    const auto node = head.metadata.find("node");
+    if (node == head.metadata.end() || node->second != context_.queue.node()) return true;
+    const std::string path = path_in_cache(settings_, key);
+    return !path.empty() && ::access(path.c_str(), F_OK) == 0;
+  }
+
+  verdict remove_one() {
+    const s3_answer head = ask([this] { return client_->head(member_.key); });
+    if (!head && head.outcome != s3_outcome::not_found) return fail(head), verdict::failed;
+    if (head && is_younger(head, member_.key)) return verdict::kept;
+    // Also for what is not there: only this answer tells a missing object from a missing bucket.
+    const s3_answer answer = ask([this] { return client_->remove(member_.key); });
+    if (!answer) return fail(answer), verdict::failed;
+    return verdict::removed;
+  }
+
+  verdict remove_all() {
+    std::string token;
+    do {
+      s3_listing listing;
+      const s3_answer answer = ask([&] {
+        listing = client_->list(member_.key + "/", token);
+        return listing.answer;
+      });
+      if (!answer) return fail(answer), verdict::failed;
+      if (!remove_listed(listing.objects)) return verdict::failed;
+      token = listing.next;
+    } while (!token.empty());
+    return verdict::removed;
+  }
+
+  bool remove_listed(const std::vector<s3_listed> &objects) {
+    std::vector<std::string> keys;
+    for (const s3_listed &object : objects) {
+      if (object.modified > deleted_at_ - store_clock_error) {
+        const s3_answer head = ask([&] { return client_->head(object.key); });
+        if (head.outcome == s3_outcome::not_found) continue;
+        if (!head) return fail(head);
+        if (is_younger(head, object.key)) continue;
+      }
+      keys.push_back(object.key);
+    }
+    if (keys.empty()) return true;
+    s3_removal removal;
+    const s3_answer answer = ask([&] {
+      removal = client_->remove(keys);
+      return removal.answer;
+    });
+    if (!answer) return fail(answer);
+    if (removal.failed.empty()) return true;
+    const s3_failed_key &first = removal.failed.front();
+    failure_ = {job_end::retry, std::to_string(removal.failed.size()) +
+                                    " objects are refused, the first is " + first.key + ": " +
+                                    first.code};
+    return false;
+  }
+
+  const job_context &context_;
+  const worker_settings &settings_;
+  const queue_entry &entry_;
+  const delete_member member_;
+  const double deleted_at_;
+  transfer_locations::lease client_;
+  job_result failure_;
+};
+
+}  // namespace
+
+job_result run_delete(const job_context &context, const worker_settings &settings,
+                      const queue_entry &entry) {
+  auto member = delete_member::parse(entry.member);
+  if (!member) return {job_end::parked, "is not of the form <location>@<node>:<o or r>:<key>"};
+  if (!context.locations.is_known(member->location)) {
+    return {job_end::parked, "the location " + member->location + " is not configured"};
+  }
+  return delete_job(context, settings, entry, std::move(*member)).run();
+}

@@ -1,0 +1,178 @@
+// The steps of the protocol as scripts that run inside the DisDB, each as a whole. Internal to
+// transfer/queue.cpp. A claim of this node that no job of this process holds was left by a process
+// that ended, and is taken over.
+#ifndef TRANSFER_SCRIPTS_H
+#define TRANSFER_SCRIPTS_H
+
+#include <string>
+
+struct queue_script {
+  explicit queue_script(std::string source);
+  std::string text;
+  std::string digest;  // SHA-1, lower-case hexadecimal
+};
+
+// Whether a member is one of this node's uploads; stands in front of the two scripts below.
+inline constexpr char is_of_text[] = R"lua(
+local function is_of(node, member)
+  local at = string.find(member, '@', 1, true)
+  local stop = at and at + #node + 1
+  return at and string.sub(member, at + 1, stop) == node .. ':' and
+         not string.find(member, ':', stop + 1, true)
+end
+)lua";
+
+// KEYS: queue. ARGV: first and last place, node or "" for all, most entries.
+// {next place or -1, {member, score, ...}}
+inline constexpr char page_text[] = R"lua(
+local first, last, node, most = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3], tonumber(ARGV[4])
+local read = redis.call('ZRANGE', KEYS[1], first, last, 'WITHSCORES')
+local found = {}
+for i = 1, #read, 2 do
+  if node == '' or is_of(node, read[i]) then
+    found[#found + 1] = read[i]
+    found[#found + 1] = read[i + 1]
+    if #found == 2 * most then return {first + (i + 1) / 2, found} end
+  end
+end
+if #read < 2 * (last - first + 1) then return {-1, found} end
+return {last + 1, found}
+)lua";
+
+// KEYS: queue. ARGV: first and last place, node.
+// {next place or -1, count, oldest score or ""}
+inline constexpr char count_text[] = R"lua(
+local first, last, node = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3]
+local read = redis.call('ZRANGE', KEYS[1], first, last)
+local count, oldest = 0, ''
+for _, member in ipairs(read) do
+  if is_of(node, member) then
+    if count == 0 then oldest = redis.call('ZSCORE', KEYS[1], member) end
+    count = count + 1
+  end
+end
+return {#read < last - first + 1 and -1 or last + 1, count, oldest}
+)lua";
+
+// KEYS: uploads, deletions, claim, claim of the prefix, unclear. ARGV: member, score, deletion of
+// the key, deletion of the prefix, claim value, claim owner, milliseconds, unclear member, now.
+inline constexpr char begin_upload_text[] = R"lua(
+local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
+if not score then return 'gone' end
+if score ~= ARGV[2] then return 'renewed' end
+local holder = redis.call('GET', KEYS[3])
+if holder and string.sub(holder, 1, #ARGV[6]) ~= ARGV[6] then return 'claimed' end
+if redis.call('EXISTS', KEYS[4]) == 1 then return 'claimed' end
+if holder and holder ~= ARGV[5] then redis.call('ZADD', KEYS[5], ARGV[9], ARGV[8]) end
+redis.call('SET', KEYS[3], ARGV[5], 'PX', ARGV[7])
+local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
+                         tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
+if deleted > tonumber(score) + 1 then return 'deleted' end
+if deleted >= tonumber(score) then return 'contested' end
+return 'unchanged'
+)lua";
+
+// KEYS: as above. ARGV: member, score, deletion of the key, deletion of the prefix, claim value,
+// unclear member, now, "unclear" or "clear".
+inline constexpr char end_upload_text[] = R"lua(
+local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
+local held = redis.call('GET', KEYS[3]) == ARGV[5]
+if not held and not score then return 'gone' end
+if not held or ARGV[8] == 'unclear' then redis.call('ZADD', KEYS[5], ARGV[7], ARGV[6]) end
+if not held then return 'claimed' end
+if score and score ~= ARGV[2] then
+  redis.call('DEL', KEYS[3])
+  return 'renewed'
+end
+local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
+                         tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
+if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
+redis.call('DEL', KEYS[3])
+if not score then return 'gone' end
+if redis.call('EXISTS', KEYS[4]) == 1 then return 'claimed' end
+redis.call('ZREM', KEYS[1], ARGV[1])
+return 'unchanged'
+)lua";
+
+// KEYS: queue, claim. ARGV: member, score, claim value.
+inline constexpr char drop_text[] = R"lua(
+if redis.call('GET', KEYS[2]) == ARGV[3] then redis.call('DEL', KEYS[2]) end
+local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
+if not score then return 'gone' end
+if score ~= ARGV[2] then return 'renewed' end
+redis.call('ZREM', KEYS[1], ARGV[1])
+return 'unchanged'
+)lua";
+
+// KEYS: claim, unclear. ARGV: claim value, unclear member or "", now.
+inline constexpr char leave_text[] = R"lua(
+if redis.call('GET', KEYS[1]) == ARGV[1] then redis.call('DEL', KEYS[1]) end
+if ARGV[2] ~= '' then redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2]) end
+return 'unchanged'
+)lua";
+
+// KEYS: deletes, deletions, claim. ARGV: member, score, deletion, claim value or "" for none, claim
+// owner, milliseconds.
+inline constexpr char begin_delete_text[] = R"lua(
+local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
+if not score then return 'gone' end
+if score ~= ARGV[2] then return 'renewed' end
+local known = redis.call('ZSCORE', KEYS[2], ARGV[3])
+if not known or tonumber(known) < tonumber(score) then
+  redis.call('ZADD', KEYS[2], score, ARGV[3])
+end
+local holder = redis.call('GET', KEYS[3])
+if ARGV[4] == '' or holder and string.sub(holder, 1, #ARGV[5]) ~= ARGV[5] then return 'claimed' end
+redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
+return 'unchanged'
+)lua";
+
+// KEYS: queue, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
+// with, "key" or "prefix", the oldest unclear end that counts.
+inline constexpr char end_delete_text[] = R"lua(
+local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
+local held = redis.call('GET', KEYS[3]) == ARGV[3]
+if not held then return score and 'claimed' or 'gone' end
+redis.call('DEL', KEYS[3])
+if not score then return 'gone' end
+if score ~= ARGV[2] then return 'renewed' end
+local oldest = tonumber(ARGV[6])
+if ARGV[5] == 'key' then
+  if tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1) >= oldest then return 'unclear' end
+else
+  for _, member in ipairs(redis.call('ZRANGEBYSCORE', KEYS[2], oldest, '+inf')) do
+    if string.sub(member, 1, #ARGV[4]) == ARGV[4] then return 'unclear' end
+  end
+end
+redis.call('ZREM', KEYS[1], ARGV[1])
+return 'unchanged'
+)lua";
+
+// KEYS: claims. ARGV: milliseconds, and the value of each claim.
+inline constexpr char renew_text[] = R"lua(
+for i, key in ipairs(KEYS) do
+  if redis.call('GET', key) == ARGV[i + 1] then redis.call('PEXPIRE', key, ARGV[1]) end
+end
+return 'unchanged'
+)lua";
+
+// KEYS: uploads, deletions, unclear. ARGV: the oldest deletion to keep, the oldest unclear end.
+inline constexpr char trim_text[] = R"lua(
+local oldest = redis.call('ZRANGE', KEYS[1], 0, 0, 'WITHSCORES')[2]
+local keep = ARGV[1]
+if oldest and tonumber(oldest) < tonumber(keep) then keep = oldest end
+redis.call('ZREMRANGEBYSCORE', KEYS[2], '-inf', '(' .. keep)
+redis.call('ZREMRANGEBYSCORE', KEYS[3], '-inf', '(' .. ARGV[2])
+return 'unchanged'
+)lua";
+
+// KEYS: uploads, deletions. ARGV: member, score, deletion of the key, deletion of the prefix.
+inline constexpr char queue_again_text[] = R"lua(
+local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
+                         tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
+if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
+redis.call('ZADD', KEYS[1], 'NX', ARGV[2], ARGV[1])
+return 'unchanged'
+)lua";
+
+#endif

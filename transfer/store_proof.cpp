@@ -1,0 +1,128 @@
+#include "transfer/store_proof.h"
+
+#include <openssl/evp.h>
+
+#include <charconv>
+#include <cstring>
+
+#include "platform/base/owner.h"
+
+namespace {
+
+struct question {
+  const cache_file &file;
+  const std::optional<receipt> &known;
+  const std::atomic<bool> &stop;
+  std::int64_t part_size;
+};
+
+std::optional<std::string> md5_of(const std::string &bytes) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned length = 0;
+  if (::EVP_Digest(bytes.data(), bytes.size(), digest, &length, ::EVP_md5(), nullptr) != 1) {
+    return std::nullopt;
+  }
+  return std::string(reinterpret_cast<const char *>(digest), length);
+}
+
+// The number behind the "-" of an object that was stored in parts, else 0.
+int parts_of(const std::string &etag) {
+  const std::size_t dash = etag.find('-');
+  int parts = 0;
+  if (dash == std::string::npos) return 0;
+  std::from_chars(etag.data() + dash + 1, etag.data() + etag.size(), parts);
+  return parts;
+}
+
+// The ETag that the file has when it is stored in so many parts; 0 for one request.
+std::optional<std::string> etag_of(const question &asked, int parts) {
+  const std::int64_t length = asked.file.status().st_size;
+  const std::int64_t step = parts == 0 ? length : asked.part_size;
+  if (parts > 0 && (length + step - 1) / step != parts) return std::nullopt;
+  std::string digests;
+  std::int64_t offset = 0;
+  do {
+    s3_body body{.fd = asked.file.fd(),
+                 .offset = offset,
+                 .length = std::min(step, length - offset),
+                 .md5 = {},
+                 .sha256 = {}};
+    if (!s3_digest(body, &asked.stop)) return std::nullopt;
+    digests += body.md5;
+    offset += body.length;
+  } while (offset < length);
+  if (parts == 0) return s3_hex(digests);
+  const auto whole = md5_of(digests);
+  if (!whole) return std::nullopt;
+  return s3_hex(*whole) + "-" + std::to_string(parts);
+}
+
+bool has_content(const question &asked, const s3_answer &object) {
+  if (object.length != asked.file.status().st_size) return false;
+  if (asked.known) return asked.known->etag == object.etag;
+  return etag_of(asked, parts_of(object.etag)) == object.etag;
+}
+
+// Nothing when the location rests or fails.
+std::optional<s3_answer> head(transfer_locations &locations, const std::string &name,
+                              const std::string &key) {
+  if (!locations.may_start(name)) return std::nullopt;
+  auto client = locations.client(name);
+  if (!client) {
+    locations.skip(name);
+    return std::nullopt;
+  }
+  s3_answer answer = client->head(key);
+  locations.tell(name, answer);
+  const bool told =
+      answer || (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket");
+  return told ? std::optional(std::move(answer)) : std::nullopt;
+}
+
+std::vector<std::string> in_order(const transfer_config &config, int first_id) {
+  const std::string &own = config.location_of(first_id);
+  std::vector<std::string> names{own};
+  for (const transfer_location &location : config.locations) {
+    if (location.name != own) names.push_back(location.name);
+  }
+  return names;
+}
+
+}  // namespace
+
+std::optional<int> first_id_of(std::string_view key) {
+  const std::size_t kind = key.find('/');
+  if (kind == std::string_view::npos) return std::nullopt;
+  const std::size_t first = key.find('/', kind + 1);
+  if (first == std::string_view::npos) return std::nullopt;
+  const std::size_t second = key.find('/', first + 1);
+  if (second == std::string_view::npos) return std::nullopt;
+  if (key.find('/', second + 1) != std::string_view::npos) return std::nullopt;
+  int id = 0;
+  const char *const end = key.data() + first;
+  const auto [stop, error] = std::from_chars(key.data() + kind + 1, end, id);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return id;
+}
+
+store_answer ask_store(transfer_locations &locations, const transfer_config &config,
+                       const std::string &key, const cache_file &file,
+                       const std::optional<receipt> &known, const std::atomic<bool> &stop) {
+  const question asked{.file = file, .known = known, .stop = stop, .part_size = config.part_size};
+  store_answer result{.result = proof::absent, .found = {}, .node = {}};
+  for (const std::string &name : in_order(config, first_id_of(key).value_or(0))) {
+    const auto object = head(locations, name, key);
+    if (!object) {
+      if (result.result == proof::absent) result.result = proof::unknown;
+    } else if (*object && has_content(asked, *object)) {
+      return {.result = proof::stored,
+              .found = {.etag = object->etag, .length = object->length},
+              .node = {}};
+    } else if (*object) {
+      result.result = proof::different;
+      const auto node = object->metadata.find("node");
+      if (node != object->metadata.end()) result.node = node->second;
+    }
+  }
+  return result;
+}

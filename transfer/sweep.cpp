@@ -1,0 +1,55 @@
+#include "transfer/sweep.h"
+
+#include <unistd.h>
+
+#include <spoolcap/zarn_str.h>
+#include "platform/base/diagnostics.h"
+#include "transfer/multipart.h"
+#include "transfer/store_proof.h"
+
+namespace {
+
+constexpr double forgotten_after = 2 * 86'400.0;  // seconds
+
+bool is_forgotten(const job_context &context, const worker_settings &settings,
+                  const std::string &location, const s3_upload &upload) {
+  const bool is_old = qx_get_tstamp() - upload.initiated > forgotten_after;
+  if (!is_old || !first_id_of(upload.key)) return false;
+  const std::string path = path_in_cache(settings, upload.key);
+  if (path.empty() || ::access(parts_record_path(path).c_str(), F_OK) == 0) return false;
+  // Another node may be sending it.
+  return !context.queue.is_claimed(location, upload.key).value_or(true);
+}
+
+// False when nothing more is to be found, or the location does not answer.
+bool sweep_page(const job_context &context, const worker_settings &settings,
+                const std::string &location) {
+  transfer_locations::lease client = context.locations.client(location);
+  if (!client) return false;
+  const s3_upload_listing listing = client->uploads("");
+  context.locations.tell(location, listing.answer);
+  bool has_ended = false;
+  for (const s3_upload &upload : listing.uploads) {
+    if (context.control.stop) return false;
+    if (!is_forgotten(context, settings, location, upload)) continue;
+    const s3_answer answer = client->abort(upload.key, upload.id);
+    context.locations.tell(location, answer);
+    if (!answer) continue;
+    has_ended = true;
+    ++context.state.counters.swept;
+    QX_LOG(FR_LOG_NOTICE, "location %s: a forgotten upload of [%s] was ended\n", location.c_str(),
+           upload.key.c_str());
+  }
+  return has_ended;
+}
+
+}  // namespace
+
+void sweep_forgotten_parts(const job_context &context, const worker_settings &settings) {
+  for (const std::string &location : context.locations.names()) {
+    if (!context.locations.may_start(location)) continue;
+    while (sweep_page(context, settings, location)) {
+    }
+    context.locations.skip(location);
+  }
+}

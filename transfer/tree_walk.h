@@ -1,0 +1,25 @@
+// Walks the files of a folder and of the folders in it, without following links, with one open
+// folder for each level and no list of names.
+#ifndef TRANSFER_TREE_WALK_H
+#define TRANSFER_TREE_WALK_H
+
+#include <functional>
+#include <string>
+
+struct walked_file {
+  int folder;  // that it is in
+  const std::string &name;
+  const std::string &key;  // its path from the root of the walk
+};
+
+struct walk_options {
+  // Called for each file; false ends the walk.
+  std::function<bool(const walked_file &)> visit;
+  // Empty folders below the root that nothing entered or left since then are removed; 0 for none.
+  double remove_empty_before = 0;
+};
+
+// False when the walk was ended, or the root cannot be read (errno).
+bool walk_tree(const std::string &root, const walk_options &options);
+
+#endif

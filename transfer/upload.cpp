@@ -1,0 +1,158 @@
+#include "transfer/upload.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "transfer/cache_file.h"
+#include "transfer/multipart.h"
+#include "transfer/receipt.h"
+
+namespace {
+
+// Scores and the times of files are of one clock here; a file is in the cache before it is queued.
+constexpr double clock_error = 1;
+
+class upload_job {
+ public:
+  upload_job(const job_context &context, const worker_settings &settings, const queue_entry &entry,
+             upload_member member, std::string path)
+      : context_(context),
+        settings_(settings),
+        entry_(entry),
+        member_(std::move(member)),
+        path_(std::move(path)) {}
+
+  job_result run() {
+    if (!context_.locations.may_start(member_.location)) return {job_end::held};
+    probe_guard probe(context_.locations, member_.location);
+    const queue_state state = context_.queue.begin_upload(entry_, member_);
+    if (state != queue_state::unchanged && state != queue_state::contested &&
+        state != queue_state::deleted) {
+      return result_of(state);
+    }
+    if (!open()) return leave({job_end::parked, "its folder in the cache: " + error_text()});
+    client_ = context_.locations.client(member_.location);
+    if (!client_) return leave({job_end::held});
+    if (state == queue_state::deleted ||
+        (!file_ && error_ == ENOENT && state == queue_state::contested)) {
+      probe.use();
+      return cancel();
+    }
+    if (!file_) return leave({job_end::parked, missing_text()});
+    return store(probe);
+  }
+
+ private:
+  std::string error_text() const { return std::strerror(error_); }
+  std::string missing_text() const {
+    if (error_ == ENOENT) return "its file is not in the cache, and no deletion is known";
+    return "its file cannot be opened: " + error_text();
+  }
+
+  // False when not even the folder can be opened; one that is missing has no file in it.
+  bool open() {
+    const size_t slash = path_.rfind('/');
+    folder_.reset(::open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    error_ = errno;
+    if (!folder_) return error_ == ENOENT || error_ == ENOTDIR;
+    errno = EINVAL;
+    file_ = cache_file::open(folder_.get(), path_.substr(slash + 1));
+    error_ = errno;
+    return true;
+  }
+
+  job_result leave(job_result result) {
+    context_.queue.leave_upload(member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    return result;
+  }
+
+  job_result store(probe_guard &probe) {
+    const std::int64_t length = file_->status().st_size;
+    const s3_metadata metadata = {{"queued", entry_.score}, {"node", context_.queue.node()}};
+    s3_answer answer;
+    if (length > settings_.config.multipart_from) {
+      probe.use();
+      multipart_upload parts(context_, settings_,
+                             {member_, entry_.score, path_, file_->fd(), length});
+      answer = parts.send(client_, metadata);
+      uncertain_ |= parts.is_uncertain();
+    } else {
+      s3_body body{.fd = file_->fd(), .length = length};
+      if (!s3_digest(body, &context_.control.stop)) {
+        return leave({job_end::retry, "its file cannot be read: " + std::string(strerror(errno))});
+      }
+      probe.use();
+      answer = call_store(context_, member_.location, uncertain_,
+                          [&] { return client_->put(member_.key, body, metadata); });
+    }
+    if (!answer) return leave(failure_of(answer));
+    note_receipt({.etag = answer.etag, .length = length});
+    return end(length);
+  }
+
+  // A file system without attributes has no receipts, and a file that changed deserves none.
+  void note_receipt(const receipt &what) const {
+    struct stat now {};
+    if (::fstat(file_->fd(), &now) == 0 && now.st_size == what.length) {
+      write_receipt(file_->fd(), what);
+    }
+  }
+
+  job_result end(std::int64_t length) {
+    const queue_state state = context_.queue.end_upload(
+        entry_, member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    if (state == queue_state::deleted) return cancel();
+    if (state == queue_state::unchanged || state == queue_state::gone) {
+      ++context_.state.counters.uploads;
+      context_.state.counters.upload_bytes += static_cast<std::uint64_t>(length);
+    }
+    return result_of(state);
+  }
+
+  // A later deletion covers the key: what any try of this upload stored goes, and the file with it.
+  job_result cancel() {
+    forget_parts(context_, client_, member_, path_);
+    bool brings_nothing = false;
+    const s3_answer answer = call_store(context_, member_.location, brings_nothing,
+                                        [&] { return client_->remove(member_.key); });
+    if (!answer) return leave(failure_of(answer));
+    remove_file();
+    return result_of(context_.queue.drop_upload(entry_, member_, settings_.unclear_window));
+  }
+
+  // Not a file that was made after the member was queued: that one is to be queued itself.
+  void remove_file() {
+    if (!file_) return;
+    const timespec &changed = file_->status().st_ctim;
+    const double since =
+        static_cast<double>(changed.tv_sec) + static_cast<double>(changed.tv_nsec) / 1e9;
+    if (since <= entry_.queued_at() + clock_error) file_->remove();
+  }
+
+  const job_context &context_;
+  const worker_settings &settings_;
+  const queue_entry &entry_;
+  const upload_member member_;
+  const std::string path_;
+  unique_fd folder_;
+  std::optional<cache_file> file_;
+  int error_ = 0;
+  transfer_locations::lease client_;
+  bool uncertain_ = false;
+};
+
+}  // namespace
+
+job_result run_upload(const job_context &context, const worker_settings &settings,
+                      const queue_entry &entry) {
+  auto member = upload_member::parse(entry.member);
+  if (!member) return {job_end::parked, "is not of the form <location>@<node>:<key>"};
+  if (!context.locations.is_known(member->location)) {
+    return {job_end::parked, "the location " + member->location + " is not configured"};
+  }
+  std::string path = path_in_cache(settings, member->key);
+  if (path.empty()) return {job_end::parked, "its key cannot be the name of a file"};
+  return upload_job(context, settings, entry, std::move(*member), std::move(path)).run();
+}

@@ -1,0 +1,10 @@
+// One try of one member of the upload queue.
+#ifndef TRANSFER_UPLOAD_H
+#define TRANSFER_UPLOAD_H
+
+#include "transfer/job.h"
+
+job_result run_upload(const job_context &context, const worker_settings &settings,
+                      const queue_entry &entry);
+
+#endif

@@ -1,0 +1,175 @@
+#include "transfer/uploads.h"
+
+#include <thread>
+
+#include "platform/base/diagnostics.h"
+#include "platform/base/owner.h"
+#include "transfer/feeder.h"
+#include "transfer/remove.h"
+#include "transfer/sweep.h"
+#include "transfer/upload.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int deletes_at_once = 4;
+constexpr size_t most_told = 1000;
+constexpr auto first_sweep = 10min;
+constexpr auto sweep_every = 24h;
+
+}  // namespace
+
+class transfer_workers::engine {
+ public:
+  explicit engine(const job_context &context) : context_(context) {}
+  engine(const engine &) = delete;
+  engine &operator=(const engine &) = delete;
+  ~engine() { stop(); }
+
+  void start(worker_settings settings) {
+    const int uploads = settings.config.uploads;
+    reconfigure(std::move(settings));
+    for (int i = 0; i < uploads; ++i) run([this] { work(queue_kind::uploads); });
+    for (int i = 0; i < deletes_at_once; ++i) run([this] { work(queue_kind::deletes); });
+    run([this] { feeder_.run(); });
+    run([this] { sweep(); });
+  }
+
+  void reconfigure(worker_settings settings) {
+    feeder_.configure(settings.look_interval, settings.unclear_window);
+    const std::lock_guard guard(lock_);
+    settings_ = std::make_shared<const worker_settings>(std::move(settings));
+  }
+
+  void wake() { feeder_.wake(); }
+
+  void stop() {
+    {
+      const std::lock_guard guard(lock_);
+      is_ended_ = true;
+    }
+    ended_.notify_all();
+    feeder_.stop();
+    threads_.clear();
+  }
+
+  std::vector<parked_member> parked() const { return feeder_.parked(most_told); }
+
+  bool idle() const {
+    if (feeder_.is_working()) return false;
+    for (long cursor = 0; cursor >= 0;) {
+      const auto page = context_.queue.uploads(cursor);
+      if (!page || !page->empty()) return false;
+    }
+    for (long cursor = 0; cursor >= 0;) {
+      const auto page = context_.queue.deletes(cursor);
+      if (!page) return false;
+      for (const queue_entry &entry : *page) {
+        const auto member = delete_member::parse(entry.member);
+        if (member && member->node == context_.queue.node()) return false;
+      }
+    }
+    return true;
+  }
+
+ private:
+  // A thread whose body ends by itself once stop() was called.
+  template <class Body>
+  void run(Body body) {
+    threads_.emplace_back([this, body] {
+      while (!no_throw(false, [&] { return body(), true; }) && !is_over_after_short_memory()) {
+      }
+    });
+  }
+
+  // Short memory ends one job, not the service.
+  bool is_over_after_short_memory() const {
+    QX_LOG(FR_LOG_ERROR, "memory is short\n");
+    std::this_thread::sleep_for(1s);
+    const std::lock_guard guard(lock_);
+    return is_ended_;
+  }
+
+  std::shared_ptr<const worker_settings> settings() const {
+    const std::lock_guard guard(lock_);
+    return settings_;
+  }
+
+  void work(queue_kind kind) {
+    while (const auto item = feeder_.next(kind)) {
+      job_result result{job_end::retry, "memory is short"};
+      no_throw(0, [&] {
+        result = work_on(*item);
+        return 0;
+      });
+      count_failure(kind, result);
+      feeder_.ended(*item, result);
+    }
+  }
+
+  job_result work_on(const work_item &item) const {
+    const auto current = settings();
+    const bool is_upload = item.kind == queue_kind::uploads;
+    const transfer_state::ticket running(context_.state, is_upload ? "upload" : "delete",
+                                         item.entry.member);
+    return is_upload ? run_upload(context_, *current, item.entry)
+                     : run_delete(context_, *current, item.entry);
+  }
+
+  void count_failure(queue_kind kind, const job_result &result) const {
+    if (result.end != job_end::retry && result.end != job_end::parked) return;
+    transfer_counters &counters = context_.state.counters;
+    ++(kind == queue_kind::uploads ? counters.upload_failures : counters.delete_failures);
+  }
+
+  void sweep() {
+    auto when = first_sweep;
+    for (;;) {
+      {
+        std::unique_lock guard(lock_);
+        if (ended_.wait_for(guard, when, [this] { return is_ended_; })) return;
+      }
+      sweep_forgotten_parts(context_, *settings());
+      when = sweep_every;
+    }
+  }
+
+  const job_context context_;
+  work_feeder feeder_{context_};
+  mutable std::mutex lock_;  // guards the two that follow
+  std::shared_ptr<const worker_settings> settings_;
+  bool is_ended_ = false;
+  std::condition_variable ended_;
+  std::vector<std::jthread> threads_;
+};
+
+transfer_workers::transfer_workers(transfer_queue &queue, transfer_locations &locations,
+                                   transfer_state &state, s3_control &control)
+    : engine_(std::make_unique<engine>(job_context{queue, locations, state, control})) {}
+
+transfer_workers::~transfer_workers() = default;
+
+void transfer_workers::start(worker_settings settings) {
+  engine_->start(std::move(settings));
+}
+
+void transfer_workers::reconfigure(worker_settings settings) {
+  engine_->reconfigure(std::move(settings));
+}
+
+void transfer_workers::wake() {
+  engine_->wake();
+}
+
+void transfer_workers::stop() {
+  engine_->stop();
+}
+
+std::vector<parked_member> transfer_workers::parked() const {
+  return engine_->parked();
+}
+
+bool transfer_workers::idle() const {
+  return engine_->idle();
+}
