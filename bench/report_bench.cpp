@@ -5,6 +5,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "bench/page.h"
 #include "bench/programs.h"
 #include "bench/ratio.h"
 #include "tests/support/sandbox.h"
@@ -90,5 +91,6 @@ int main(int argc, char **argv) {
   measure_memory_of_a_million();
   support::sandbox box;
   add_list(box);
+  add_page(box);
   return ratio::run(argc, argv);
 }

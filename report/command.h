@@ -33,6 +33,9 @@ struct report_command {
 
 // Each command is a row of its own file, listed in main.cpp.
 extern const report_command list_command;
+extern const report_command diff_command;
+extern const report_command page_command;
+extern const report_command snapshot_command;
 extern const report_command metrics_command;
 extern const report_command check_command;
 

@@ -14,7 +14,8 @@ namespace {
 
 using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
-const report_command *const commands[] = {&list_command, &metrics_command, &check_command};
+const report_command *const commands[] = {&list_command,  &metrics_command,  &page_command,
+                                          &check_command, &snapshot_command, &diff_command};
 
 constexpr int help_option = 'H';
 
@@ -39,7 +40,7 @@ void print_help() {
       out.stream());
   for (const report_command *command : commands) {
     const std::string call = std::string(command->name) + " " + command->arguments;
-    std::fprintf(out.stream(), "  %-16s %s\n", call.c_str(), command->summary);
+    std::fprintf(out.stream(), "  %-18s %s\n", call.c_str(), command->summary);
   }
   std::fputs(
       "\n"

@@ -30,31 +30,7 @@ std::string tsv_text(std::string_view text) {
   return escaped;
 }
 
-// One line, whose values are told one by one.
-class line_writer {
- public:
-  line_writer(FILE *stream, separated_format format) : stream_(stream), format_(format) {}
-
-  void add(std::string_view text) {
-    const bool is_csv = format_ == separated_format::csv;
-    if (!line_.empty()) line_ += is_csv ? ',' : '\t';
-    line_ += is_csv ? csv_text(text) : tsv_text(text);
-  }
-  void add_number(std::int64_t number) { add(number < 0 ? "" : std::to_string(number)); }
-
-  void end() {
-    line_ += format_ == separated_format::csv ? "\r\n" : "\n";
-    std::fwrite(line_.data(), 1, line_.size(), stream_);
-    line_.clear();
-  }
-
- private:
-  FILE *stream_;
-  separated_format format_;
-  std::string line_;  // never empty after the first value, which is an id
-};
-
-void write_head(line_writer &line, kind_set kinds) {
+void write_head(separated_line &line, kind_set kinds) {
   const auto add_kinds = [&](const std::string &name) {
     for_each_of(kinds, [&](unsigned kind) { line.add(name + "_" + media_kinds[kind].name); });
   };
@@ -68,12 +44,12 @@ void write_head(line_writer &line, kind_set kinds) {
   line.end();
 }
 
-void write_values(line_writer &line, const report_account &account, std::int64_t taken,
+void write_values(separated_line &line, const report_account &account, std::int64_t taken,
                   kind_set kinds) {
   line.add_number(account.id);
   line.add_number(account.parent == 0 ? -1 : std::int64_t{account.parent});
   line.add_number(account.level);
-  line.add(guarded(account.login));
+  line.add_login(account.login);
   for_each_of(kinds, [&](unsigned kind) { line.add_number(account.used[kind]); });
   for_each_of(kinds, [&](unsigned kind) { line.add_number(account.limit[kind]); });
   line.add_number(total_of(account, kinds));
@@ -87,9 +63,29 @@ void write_values(line_writer &line, const report_account &account, std::int64_t
 
 }  // namespace
 
+void separated_line::add(std::string_view text) {
+  const bool is_csv = format_ == separated_format::csv;
+  if (!line_.empty()) line_ += is_csv ? ',' : '\t';
+  line_ += is_csv ? csv_text(text) : tsv_text(text);
+}
+
+void separated_line::add_number(std::int64_t number) {
+  add(number < 0 ? "" : std::to_string(number));
+}
+
+void separated_line::add_login(std::string_view login) {
+  add(guarded(login));
+}
+
+void separated_line::end() {
+  line_ += format_ == separated_format::csv ? "\r\n" : "\n";
+  std::fwrite(line_.data(), 1, line_.size(), stream_);
+  line_.clear();
+}
+
 void write_separated(FILE *stream, separated_format format, const report_platform &platform,
                      const account_source &source, kind_set kinds) {
-  line_writer line(stream, format);
+  separated_line line(stream, format);
   write_head(line, kinds);
   source(
       [&](const report_account &account) { write_values(line, account, platform.taken, kinds); });

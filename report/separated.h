@@ -9,10 +9,27 @@
 #define REPORT_SEPARATED_H
 
 #include <cstdio>
+#include <string>
+#include <string_view>
 
 #include "report/json.h"
 
 enum class separated_format { csv, tsv };
+
+// One line, whose values are told one by one; the first is not empty.
+class separated_line {
+ public:
+  separated_line(FILE *stream, separated_format format) : stream_(stream), format_(format) {}
+  void add(std::string_view text);
+  void add_number(std::int64_t number);  // empty for a negative one
+  void add_login(std::string_view login);
+  void end();  // writes the line; the next value begins another
+
+ private:
+  FILE *stream_;
+  separated_format format_;
+  std::string line_;
+};
 
 void write_separated(FILE *stream, separated_format format, const report_platform &platform,
                      const account_source &source, kind_set kinds);

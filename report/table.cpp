@@ -44,13 +44,16 @@ class table {
   table(const report_platform &platform, const table_style &style)
       : platform_(platform), style_(style) {}
 
-  cells head() const {
-    cells line = {"login", "id", "level"};
-    for_each_of(style_.kinds, [&](unsigned kind) { line.emplace_back(media_kinds[kind].name); });
-    for (const char *name : {"total", "limit", "of", "percent", "age", "state"}) {
-      line.emplace_back(name);
-    }
-    return line;
+  std::vector<std::pair<std::string, bool>> heads() const {
+    std::vector<std::pair<std::string, bool>> heads = {
+        {"login", true}, {"id", false}, {"level", true}};
+    for_each_of(style_.kinds,
+                [&](unsigned kind) { heads.emplace_back(media_kinds[kind].name, false); });
+    for (const char *name : {"total", "limit"}) heads.emplace_back(name, false);
+    heads.emplace_back("of", true);
+    for (const char *name : {"percent", "age"}) heads.emplace_back(name, false);
+    heads.emplace_back("state", true);
+    return heads;
   }
 
   cells line_of(const chosen_account &chosen) const {
@@ -69,12 +72,6 @@ class table {
     line.push_back(style_.human && age >= 0 ? human_time(age) : number_text(age));
     line.push_back(state(account));
     return line;
-  }
-
-  // Whether a column is one of text, which begins at the left.
-  bool is_text(size_t column) const {
-    const size_t last = head().size() - 1;
-    return column == 0 || column == 2 || column == last || column == last - 3;
   }
 
  private:
@@ -97,36 +94,43 @@ class table {
 
 }  // namespace
 
-void write_table(FILE *stream, const report_platform &platform,
-                 std::span<const chosen_account> accounts, const table_style &style) {
+table_columns::table_columns(const std::vector<std::pair<std::string, bool>> &heads) {
   // For the widths of characters; where this locale is not known, each takes one column.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  const table lines(platform, style);
-  const cells head = lines.head();
-  std::vector<size_t> widths;
-  std::vector<bool> is_text;
-  for (size_t i = 0; i < head.size(); ++i) {
-    widths.push_back(head[i].size());
-    is_text.push_back(lines.is_text(i));
+  for (const auto &[head, is_text] : heads) columns_.push_back({head, is_text, head.size()});
+}
+
+void table_columns::measure(const std::vector<std::string> &line) {
+  for (size_t i = 0; i < line.size(); ++i) {
+    columns_[i].width = std::max(columns_[i].width, width_of(line[i]));
   }
-  for (const chosen_account &account : accounts) {
-    const cells line = lines.line_of(account);
-    for (size_t i = 0; i < line.size(); ++i) widths[i] = std::max(widths[i], width_of(line[i]));
-  }
+}
+
+void table_columns::print_head(FILE *stream) const {
+  std::vector<std::string> line;
+  for (const column &one : columns_) line.push_back(one.head);
+  print(stream, line);
+}
+
+void table_columns::print(FILE *stream, const std::vector<std::string> &line) const {
   std::string text;
-  const auto print = [&](const cells &line) {
-    text.clear();
-    for (size_t i = 0; i < line.size(); ++i) {
-      const std::string padding(widths[i] - width_of(line[i]), ' ');
-      if (i != 0) text += "  ";
-      text += is_text[i] ? line[i] + padding : padding + line[i];
-    }
-    text.erase(text.find_last_not_of(' ') + 1);
-    text += '\n';
-    std::fwrite(text.data(), 1, text.size(), stream);
-  };
-  print(head);
-  for (const chosen_account &account : accounts) print(lines.line_of(account));
+  for (size_t i = 0; i < line.size(); ++i) {
+    const std::string padding(columns_[i].width - width_of(line[i]), ' ');
+    if (i != 0) text += "  ";
+    text += columns_[i].is_text ? line[i] + padding : padding + line[i];
+  }
+  text.erase(text.find_last_not_of(' ') + 1);
+  text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void write_table(FILE *stream, const report_platform &platform,
+                 std::span<const chosen_account> accounts, const table_style &style) {
+  const table lines(platform, style);
+  table_columns columns(lines.heads());
+  for (const chosen_account &account : accounts) columns.measure(lines.line_of(account));
+  columns.print_head(stream);
+  for (const chosen_account &account : accounts) columns.print(stream, lines.line_of(account));
 }
 
 std::string human_size(std::int64_t bytes) {

@@ -4,6 +4,9 @@
 
 #include <cstdio>
 #include <span>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "report/choice.h"
 
@@ -18,6 +21,24 @@ struct table_style {
 // separators) is written as "\xNN".
 void write_table(FILE *stream, const report_platform &platform,
                  std::span<const chosen_account> accounts, const table_style &style);
+
+// Lines of cells in columns: all lines are measured first, and then printed.
+class table_columns {
+ public:
+  // The heads, each with whether its column is one of text, which begins at the left.
+  explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
+  void measure(const std::vector<std::string> &line);
+  void print_head(FILE *stream) const;
+  void print(FILE *stream, const std::vector<std::string> &line) const;
+
+ private:
+  struct column {
+    std::string head;
+    bool is_text;
+    size_t width;
+  };
+  std::vector<column> columns_;
+};
 
 // A byte count in the unit that suits it: "1.50 KB".
 std::string human_size(std::int64_t bytes);
