@@ -34,10 +34,10 @@ class Uploads : public testing::Test {
 TEST_F(Uploads, FilesOfEverySizeComeToTheStoreAsTheyAre) {
   const size_t sizes[] = {
       0, 1, 10'000, (6 << 20) - 1, 6 << 20, (6 << 20) + 1, 10 << 20, (10 << 20) + 1};
-  here.start();
   for (const size_t size : sizes) {
     here.commit("rc/1/2/" + std::to_string(size) + ".wav", bytes(size), 1000.5);
   }
+  here.start();
   ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
   for (const size_t size : sizes) {
     SCOPED_TRACE(size);
@@ -102,11 +102,11 @@ TEST_F(Uploads, ADeleteDuringAnUploadWinsWhenItIsLaterAndLosesWhenItIsEarlier) {
 
 TEST_F(Uploads, AFileThatIsMissingIsNamedAndKeptUnlessItsDeletionIsKnown) {
   log.expect(FR_LOG_WARNING, "not in the cache");
-  here.start();
   world.queue(up_queue, here.member(key));
   world.queue(up_queue, here.member("vm/1/2/4.wav"), 1000);
   here.remove("o:vm/1/2/4.wav", 1000.5);
   for (int i = 0; i < 98; ++i) here.commit("rc/1/2/" + std::to_string(i) + ".wav", "x");
+  here.start();
   ASSERT_TRUE(eventually([&] { return world.queued() == "1 0"; })) << world.queued();
   EXPECT_TRUE(world.is_queued(up_queue, here.member(key)));
   ASSERT_EQ(here.workers.parked().size(), 1U);
