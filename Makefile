@@ -3,8 +3,9 @@
 #   make demo-s3 a recording to a private object store and back; it installs one, of some 270 MB
 #   make test   build and pass all tests but those that need an object store
 #   make test-s3 those: it installs one, of some 270 MB
+#   make test-page  those of the report's page, in a real browser
 #   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
-# Others: build, bench, lint, sanitize, coverage, fuzz, install, deps, format, clean.
+# Others: build, bench, lint, sanitize, coverage, fuzz, package, package-test, install, deps, format, clean.
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
@@ -17,7 +18,8 @@ OBJECT_STORE = radosgw ceph-mon ceph-osd ceph-common
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo demo-s3 test test-s3 bench faults lint sanitize coverage fuzz deps install format clean
+.PHONY: all build demo demo-s3 test test-page test-s3 bench faults lint sanitize coverage fuzz deps package package-test install \
+  format clean
 all: build
 
 deps:
@@ -27,10 +29,10 @@ $(BUILD)/build.ninja: | deps
 	cmake --preset release
 
 build: deps $(BUILD)/build.ninja
-	cmake --build --preset release --target spoolcap spoolcap_library
+	cmake --build --preset release --target spoolcap spoolcap-report spoolcap_library
 
 demo: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target spoolcap-sandbox store_recording testbed -- --quiet
+	@cmake --build --preset release --target spoolcap-sandbox spoolcap-report-sandbox store_recording testbed -- --quiet
 	@$(BUILD)/bin/testbed demo/demo
 
 demo-s3: $(BUILD)/build.ninja
@@ -43,12 +45,19 @@ test: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target test_programs
 	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
 
+# The report's page in a real browser, without which these tests are skipped.
+test-page: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
+	cmake --build --preset release --target page_tests testbed
+	SPOOLCAP_NEEDS_BROWSER=1 $(BUILD)/bin/testbed ctest --preset release -L page
+
 test-s3: $(BUILD)/build.ninja
 	@dev/install-deps $(OBJECT_STORE) haproxy
 	cmake --build --preset release --target s3_tests testbed
 	$(BUILD)/bin/testbed --object-store ctest --preset s3 -j $(JOBS)
 
 bench: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
 	cmake --build --preset release --target bench_programs
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
@@ -85,6 +94,20 @@ lint: deps $(BUILD)/build.ninja
 
 format:
 	clang-format -i $(SOURCES)
+
+# Debian packages, in build/packages.
+package:
+	@dev/install-deps debhelper bash-completion scdoc lintian fakeroot
+	@packaging/build-packages
+
+# The packages in a Debian 12 of their own, which is kept in build/package-test: install, run, upgrade,
+# remove, purge; and that two builds give the same bytes.
+package-test: package
+	@dev/install-deps mmdebstrap
+	@DEB_BUILD_OPTIONS=nocheck packaging/build-packages build/packages-again/elsewhere >build/packages-again.log 2>&1 || \
+	  { tail -n 40 build/packages-again.log; exit 1; }
+	@packaging/same-packages build/packages build/packages-again/elsewhere
+	@packaging/test-packages
 
 install: build
 	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(BUILD)"

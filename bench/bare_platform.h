@@ -18,7 +18,7 @@ class bare_platform {
   explicit bare_platform(char **argv) : root(argv[7]) {
     if (mysql_real_connect(sql_.get(), nullptr, argv[2], argv[3], argv[4], 0, argv[1], 0) ==
         nullptr) {
-      abort();
+      std::abort();
     }
     cache_.reset(redisConnectUnix(argv[5]));
     reply_of("SELECT %s", argv[6]);
@@ -28,9 +28,10 @@ class bare_platform {
     char statement[512];
     va_list arguments;
     va_start(arguments, format);
-    const int length = vsnprintf(statement, sizeof statement, format, arguments);
+    const int length = std::vsnprintf(statement, sizeof statement, format, arguments);
     va_end(arguments);
-    if (mysql_real_query(sql_.get(), statement, static_cast<unsigned long>(length)) != 0) abort();
+    if (mysql_real_query(sql_.get(), statement, static_cast<unsigned long>(length)) != 0)
+      std::abort();
     return sql_result(mysql_store_result(sql_.get()));
   }
 
@@ -46,7 +47,7 @@ class bare_platform {
     va_start(arguments, format);
     const vk_reply reply = own_reply(redisvCommand(cache_.get(), format, arguments));
     va_end(arguments);
-    if (reply == nullptr) abort();
+    if (reply == nullptr) std::abort();
   }
 
   mysql_handle sql_{mysql_init(nullptr)};

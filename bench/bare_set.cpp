@@ -16,16 +16,16 @@ namespace {
 constexpr std::array<const char *, 5> kinds = {"fax", "sound", "recording", "voicemail", "music"};
 
 void write_record(const std::string &path, int64_t value) {
-  const unique_fd file(open(path.c_str(), O_RDWR | O_CREAT, 0660));
+  const unique_fd file(::open(path.c_str(), O_RDWR | O_CREAT, 0660));
   char record[32];
-  const int length = snprintf(record, sizeof record, "%lld.0", static_cast<long long>(value));
+  const int length = std::snprintf(record, sizeof record, "%lld.0", static_cast<long long>(value));
   struct stat status;
-  if (flock(file.get(), LOCK_EX) != 0 ||
-      pwrite(file.get(), record, static_cast<size_t>(length), 0) != length ||
-      fstat(file.get(), &status) != 0) {
-    abort();
+  if (::flock(file.get(), LOCK_EX) != 0 ||
+      ::pwrite(file.get(), record, static_cast<size_t>(length), 0) != length ||
+      ::fstat(file.get(), &status) != 0) {
+    std::abort();
   }
-  if (status.st_size > length && ftruncate(file.get(), length) != 0) abort();
+  if (status.st_size > length && ::ftruncate(file.get(), length) != 0) std::abort();
 }
 
 int64_t database_sum(bare_platform &platform, const char *table, const char *id) {
@@ -34,14 +34,14 @@ int64_t database_sum(bare_platform &platform, const char *table, const char *id)
       "e.client_id='%s'",
       table, id);
   const char *sum = mysql_fetch_row(rows.get())[0];
-  return sum == nullptr ? 0 : strtoll(sum, nullptr, 10);
+  return sum == nullptr ? 0 : std::strtoll(sum, nullptr, 10);
 }
 
 int64_t read_record(const std::string &path) {
-  const unique_fd file(open(path.c_str(), O_RDONLY));
+  const unique_fd file(::open(path.c_str(), O_RDONLY));
   char record[32] = {};
-  if (read(file.get(), record, sizeof record - 1) <= 0) abort();
-  return atoll(record);
+  if (::read(file.get(), record, sizeof record - 1) <= 0) std::abort();
+  return std::atoll(record);
 }
 
 // What the accounts below have in their files.
@@ -61,7 +61,7 @@ void refresh(bare_platform &platform, const char *id, int level, const std::stri
     const sql_result children = platform.query(
         " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ", id);
     while (MYSQL_ROW row = mysql_fetch_row(children.get())) {
-      refresh(platform, row[0], atoi(row[1]), directory + "/" + row[0]);
+      refresh(platform, row[0], std::atoi(row[1]), directory + "/" + row[0]);
     }
   }
   const std::string media = platform.root + "/var/lib/asterisk/";
@@ -90,9 +90,9 @@ int main(int argc, char **argv) {
       "hs_account acc \tWHERE acc.userID = client.id AND client.level = 10");
   while (MYSQL_ROW row = mysql_fetch_row(targets.get())) {
     char id[16];
-    snprintf(id, sizeof id, "%04d", atoi(row[0]));
-    platform.read_field(atoi(row[0]), "lvl");
-    platform.read_field(atoi(row[0]), "pid");
+    std::snprintf(id, sizeof id, "%04d", std::atoi(row[0]));
+    platform.read_field(std::atoi(row[0]), "lvl");
+    platform.read_field(std::atoi(row[0]), "pid");
     refresh(platform, id, 10, platform.root + "/var/lib/quorvexquota/" + row[0]);
   }
   return 0;

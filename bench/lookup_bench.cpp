@@ -23,7 +23,7 @@ mysql_handle connect_mysql(const support::sandbox &box) {
   if (mysql_real_connect(connection.get(), nullptr, support::database_user,
                          support::database_password, box.database().c_str(), 0,
                          support::shared_servers().mariadb_socket.c_str(), 0) == nullptr) {
-    abort();
+    std::abort();
   }
   return connection;
 }
@@ -32,9 +32,9 @@ int64_t bare_sum(MYSQL *connection) {
   static const std::string statement =
       "SELECT SUM(er.filesize) FROM extension_recording as er, extension as e WHERE "
       "e.id=er.extension_id and e.client_id='12'";
-  if (mysql_real_query(connection, statement.data(), statement.size()) != 0) abort();
+  if (mysql_real_query(connection, statement.data(), statement.size()) != 0) std::abort();
   const sql_result rows(mysql_store_result(connection));
-  return strtoll(mysql_fetch_row(rows.get())[0], nullptr, 10);
+  return std::strtoll(mysql_fetch_row(rows.get())[0], nullptr, 10);
 }
 
 void bare_level(redisContext *connection) {
@@ -43,13 +43,13 @@ void bare_level(redisContext *connection) {
 
 void one_preference() {
   const c_string value(qx_extension_get_pref("0002*1", "dnd"));
-  if (!value) abort();
+  if (!value) std::abort();
 }
 
 void three_fields() {
   const char *names[] = {"max_moh", "max_record", "max_sound"};
   const text_array values(qx_account_get_prefs(owner_id, 3, names), 3);
-  if (!values || values[2] == nullptr) abort();
+  if (!values || values[2] == nullptr) std::abort();
 }
 
 }  // namespace
@@ -75,7 +75,7 @@ int main(int argc, char **argv) {
   const mysql_handle sql = connect_mysql(box);
   const vk_context redis = connect_redis(box);
   if (qx_get_db_files_quota("extension_recording", 100, "12") != bare_sum(sql.get())) {
-    fprintf(stderr, "bench: the two sums disagree\n");
+    std::fprintf(stderr, "bench: the two sums disagree\n");
     return 1;
   }
   ratio::at_most(1.05, "sum of 200,000 rows of 20,000 extensions", "the bare client call",

@@ -129,7 +129,7 @@ int run(int argc, char **argv) {
   median_collector collector;
   if (!rows.empty()) benchmark::RunSpecifiedBenchmarks(&collector);
   if (!collector.failure.empty()) {
-    fprintf(stderr, "bench: %s\n", collector.failure.c_str());
+    std::fprintf(stderr, "bench: %s\n", collector.failure.c_str());
     return 1;
   }
 
@@ -140,10 +140,10 @@ int run(int argc, char **argv) {
   for (const fixed_row &one : fixed_rows) {
     const bool met = one.measured <= one.target;
     all_met = all_met && met;
-    printf("| %-46s | %-46s | at most %6g | %7g | %-6s |\n", one.work.c_str(), one.unit.c_str(),
-           one.target, one.measured, verdict(met));
+    std::printf("| %-46s | %-46s | at most %6g | %7g | %-6s |\n", one.work.c_str(),
+                one.unit.c_str(), one.target, one.measured, verdict(met));
   }
-  fflush(stdout);
+  std::fflush(stdout);
   return all_met ? 0 : 1;
 }
 

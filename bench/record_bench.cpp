@@ -25,13 +25,13 @@ int64_t next_value() {
 }
 
 void truncate_and_write(const std::string &path) {
-  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const unique_fd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   char record[32];
   const int length =
-      snprintf(record, sizeof record, "%lld.0", static_cast<long long>(next_value()));
-  if (flock(file.get(), LOCK_EX) != 0 || ftruncate(file.get(), 0) != 0 ||
-      write(file.get(), record, static_cast<size_t>(length)) != length) {
-    abort();
+      std::snprintf(record, sizeof record, "%lld.0", static_cast<long long>(next_value()));
+  if (::flock(file.get(), LOCK_EX) != 0 || ::ftruncate(file.get(), 0) != 0 ||
+      ::write(file.get(), record, static_cast<size_t>(length)) != length) {
+    std::abort();
   }
 }
 
@@ -40,8 +40,8 @@ void truncate_and_write(const std::string &path) {
 int main(int argc, char **argv) {
   const support::private_folder folder("bench-record");
   struct statfs file_system;
-  if (statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic) {
-    printf("(the next figure has its target on ext4; this file system is another)\n");
+  if (::statfs(folder.path().c_str(), &file_system) != 0 || file_system.f_type != ext4_magic) {
+    std::printf("(the next figure has its target on ext4; this file system is another)\n");
   }
   const std::string truncated = folder.path() / "sound.quota";
   quota_folder account(folder.path());

@@ -31,15 +31,14 @@ class bare_transfer {
  public:
   bare_transfer(const std::string &url, const s3_body &body)
       : handle_(curl_easy_init()), file_{body.fd, 0} {
-    for (const char *line :
-         {"content-md5: kAFQmDzST7DWlj99KOF/cg==", "expect:",
-          "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
-          "x-amz-date: 20130524T000000Z",
-          "authorization: AWS4-HMAC-SHA256 Credential=AKIAIOSFODNN7"
-          "EXAMPLE/20130524/eu-1/s3/aws4_request, SignedHeaders=content-md5;host;x-amz-content-sha"
-          "256;x-amz-date, Signature="
-          "98ad721746da40c64f1a55b78f14c238d841ea1380cd77a1b5971af0ece108bd"}) {
-      curl_slist *longer = curl_slist_append(headers_.get(), line);
+    const std::string digest(64, 'a');
+    for (const std::string &line :
+         {std::string("content-md5: kAFQmDzST7DWlj99KOF/cg=="), std::string("expect:"),
+          "x-amz-content-sha256: " + digest, std::string("x-amz-date: 20130524T000000Z"),
+          "authorization: AWS4-HMAC-SHA256 Credential=spoolcap/20130524/eu-1/s3/aws4_request, "
+          "SignedHeaders=content-md5;host;x-amz-content-sha256;x-amz-date, Signature=" +
+              digest}) {
+      curl_slist *longer = curl_slist_append(headers_.get(), line.c_str());
       static_cast<void>(headers_.release());
       headers_.reset(longer);
     }

@@ -25,16 +25,16 @@ namespace {
 const std::string content(64 * 1024, 'x');
 
 void write_content(const char *path, int flags) {
-  const unique_fd file(open(path, O_WRONLY | O_CLOEXEC | flags, 0770));
-  if (write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
-    abort();
+  const unique_fd file(::open(path, O_WRONLY | O_CLOEXEC | flags, 0770));
+  if (::write(file.get(), content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
+    std::abort();
   }
 }
 
 void store(int id) {
   qx_storage_session_t *session = qx_storage_session_create(QX_STORAGE_RECORDING, 1, 2, "wav");
   write_content(qx_storage_get_temp_file(session), 0);
-  if (qx_storage_commit_file(session, id) != 0) abort();
+  if (qx_storage_commit_file(session, id) != 0) std::abort();
   qx_storage_release_session(session);
 }
 
@@ -42,14 +42,14 @@ void bare_store(const std::string &folder, int id) {
   const std::string temporary = folder + "/tmp/" + std::to_string(id) + ".wav";
   const std::string place = folder + "/1/" + std::to_string(id) + ".wav";
   write_content(temporary.c_str(), O_CREAT | O_EXCL);
-  mkdir((folder + "/1").c_str(), 0770);
-  if (rename(temporary.c_str(), place.c_str()) != 0) abort();
+  ::mkdir((folder + "/1").c_str(), 0770);
+  if (std::rename(temporary.c_str(), place.c_str()) != 0) std::abort();
 }
 
 // Storage in this sandbox from now on.
 void use_engine(support::sandbox &box, const std::string &word, const std::string &further = "") {
   box.write_file("etc/quorvex/storage.conf", "STORAGE_SYSTEM " + word + "\n" + further);
-  if (qx_storage_initialize(box.path("base").c_str(), nullptr) != 0) abort();
+  if (qx_storage_initialize(box.path("base").c_str(), nullptr) != 0) std::abort();
 }
 
 // Stores ever new files, which go after each round: a file that replaces another one waits for the
@@ -83,7 +83,7 @@ void measure_copy(support::sandbox &box) {
       for (auto _ : state) {
         state.PauseTiming();
         std::filesystem::remove(box.path("copies/copy"));
-        sync();  // what was written before is not to be waited for meanwhile
+        ::sync();  // what was written before is not to be waited for meanwhile
         state.ResumeTiming();
         copy(box.path("copies/copy"));
       }
@@ -92,10 +92,10 @@ void measure_copy(support::sandbox &box) {
   box.make_folder("copies");
   const std::string from = box.path("large");
   ratio::at_most(1.05, "a file of 256 MiB into the cache", "cp", fresh([from](auto &to) {
-                   if (copy_file(from, to) != 0) abort();
+                   if (copy_file(from, to) != 0) std::abort();
                  }),
                  fresh([from](auto &to) {
-                   if (support::run_process({"cp", from, to}).status != 0) abort();
+                   if (support::run_process({"cp", from, to}).status != 0) std::abort();
                  }));
 }
 
@@ -129,7 +129,7 @@ int main(int argc, char **argv) {
   fr_log_set_sink([](const fr_log_record *, void *) {}, nullptr);
   const qx_storage_api_t api = {
       nullptr, [](void *) { return 1; },
-      [](void *, const qx_storage_location_query_t *) { return strdup("eu:bucket"); },
+      [](void *, const qx_storage_location_query_t *) { return ::strdup("eu:bucket"); },
       [](void *, const char *, const char *, const char *, const char *, const char *,
          qx_storage_done_fn, void *) -> void * { return nullptr; },
       [](void *, void *) {}};
@@ -140,7 +140,7 @@ int main(int argc, char **argv) {
   if (qx_storage_register_api(&api) != 0) return 1;
   measure_posix(box);
   measure_copy(box);
-  setenv(support::folder_variable, "/dev/shm", 1);
+  ::setenv(support::folder_variable, "/dev/shm", 1);
   const support::private_folder in_memory("bench-storage");
   ratio::at_most(1.0, "400 files into S3, by eight threads, tmpfs", "by one thread",
                  stored_by(8, box, in_memory.path()), stored_by(1, box, in_memory.path()));

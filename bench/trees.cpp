@@ -18,16 +18,16 @@ namespace {
 
 void make_file(int directory, int number) {
   char name[32];
-  snprintf(name, sizeof name, "media-%06d.wav", number);
-  const unique_fd file(openat(directory, name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-  if (!file || ftruncate(file.get(), 1 + number % 64) != 0) {
-    perror(name);
-    exit(1);
+  std::snprintf(name, sizeof name, "media-%06d.wav", number);
+  const unique_fd file(::openat(directory, name, O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+  if (!file || ::ftruncate(file.get(), 1 + number % 64) != 0) {
+    std::perror(name);
+    std::exit(1);
   }
 }
 
 unique_fd open_directory(int parent, const char *path) {
-  return unique_fd(openat(parent, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return unique_fd(::openat(parent, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // One buffer a level, kept from walk to walk.
@@ -44,19 +44,19 @@ int64_t bare_walk_at(int parent, const char *name, size_t depth) {
   int64_t total = 0;
   char *buffer = level_buffer(depth, buffer_size);
   for (;;) {
-    const ssize_t length = getdents64(directory.get(), buffer, buffer_size);
+    const ssize_t length = ::getdents64(directory.get(), buffer, buffer_size);
     if (length <= 0) return total;
     for (ssize_t offset = 0; offset < length;) {
       auto *entry = reinterpret_cast<dirent64 *>(buffer + offset);
       offset += entry->d_reclen;
       if (entry->d_type == DT_DIR) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
           total += bare_walk_at(directory.get(), entry->d_name, depth + 1);
         }
         continue;
       }
       struct stat status;
-      if (fstatat(directory.get(), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode)) {
+      if (::fstatat(directory.get(), entry->d_name, &status, 0) == 0 && S_ISREG(status.st_mode)) {
         total += status.st_size;
       }
     }
@@ -81,7 +81,7 @@ void make_chains(const std::string &root, int chains, int depth) {
     unique_fd at = open_directory(AT_FDCWD, path.c_str());
     for (int j = 1; j < depth; ++j) {
       make_file(at.get(), j);
-      if (mkdirat(at.get(), "nested", 0755) != 0) exit(1);
+      if (::mkdirat(at.get(), "nested", 0755) != 0) std::exit(1);
       at = open_directory(at.get(), "nested");
     }
     make_file(at.get(), depth);

@@ -24,20 +24,20 @@ namespace {
 constexpr int owner_id = 12;
 
 void bare_update(const std::string &path) {
-  const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const unique_fd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   char record[32] = {};
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
-      read(file.get(), record, sizeof record - 1) <= 0 || lseek(file.get(), 0, SEEK_SET) != 0 ||
-      ftruncate(file.get(), 0) != 0) {
-    abort();
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0 ||
+      ::read(file.get(), record, sizeof record - 1) <= 0 || ::lseek(file.get(), 0, SEEK_SET) != 0 ||
+      ::ftruncate(file.get(), 0) != 0) {
+    std::abort();
   }
-  const int length = snprintf(record, sizeof record, "%lld.%d", atoll(record) + 1, 1);
-  if (write(file.get(), record, static_cast<size_t>(length)) != length) abort();
+  const int length = std::snprintf(record, sizeof record, "%lld.%d", std::atoll(record) + 1, 1);
+  if (::write(file.get(), record, static_cast<size_t>(length)) != length) std::abort();
 }
 
 void write_record(const std::string &path) {
-  const c_file file(fopen(path.c_str(), "w"));
-  fputs("1000.1", file.get());
+  const c_file file(std::fopen(path.c_str(), "w"));
+  std::fputs("1000.1", file.get());
 }
 
 void compare_updates(double target, const std::string &folder, const std::string &where) {
@@ -45,7 +45,7 @@ void compare_updates(double target, const std::string &folder, const std::string
   const std::string bare = folder + "/bare.quota";
   write_record(path);
   write_record(bare);
-  if (quota_upd_fast_internal(path.c_str(), 1, 0) != 1001) abort();  // and all is set up
+  if (quota_upd_fast_internal(path.c_str(), 1, 0) != 1001) std::abort();  // and all is set up
   ratio::at_most(target, "fast update of one file, " + where,
                  "open, lock, read, truncate, write, close",
                  ratio::once([path] { quota_upd_fast_internal(path.c_str(), 1, 0); }),
@@ -60,26 +60,26 @@ void measure_give_ups(double target, const std::string &folder, const std::strin
   write_record(path);
   std::vector<pid_t> children;
   for (unsigned seed = 0; seed < 4; ++seed) {
-    children.push_back(fork());
+    children.push_back(::fork());
     if (children.back() != 0) continue;
     std::mt19937 random(seed);
     std::uniform_int_distribution<useconds_t> pauses(0, 20'000);
     int gave_up = 0;
     for (int i = 0; i < attempts; ++i) {
-      usleep(pauses(random));
+      ::usleep(pauses(random));
       // A mark that another process has just left is a refusal too: it is not an attempt.
-      while (access((path + ".dirty").c_str(), F_OK) == 0) usleep(100);
+      while (::access((path + ".dirty").c_str(), F_OK) == 0) ::usleep(100);
       if (quota_upd_fast_internal(path.c_str(), 1, 30) == -1) {
         ++gave_up;
-        unlink((path + ".dirty").c_str());
+        ::unlink((path + ".dirty").c_str());
       }
     }
-    _exit(gave_up > 255 ? 255 : gave_up);
+    ::_exit(gave_up > 255 ? 255 : gave_up);
   }
   int gave_up = 0;
   for (const pid_t child : children) {
     int status = 0;
-    waitpid(child, &status, 0);
+    ::waitpid(child, &status, 0);
     gave_up += WEXITSTATUS(status);
   }
   const int done = static_cast<int>(children.size()) * attempts - gave_up;
@@ -98,23 +98,23 @@ void bare_verify(redisContext *connection, const std::vector<std::string> &recor
     bare_hget(connection, limits[i], "mrec");
   }
   for (const std::string &path : records) {
-    const unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     char record[32] = {};
-    if (read(file.get(), record, sizeof record - 1) <= 0) abort();
+    if (::read(file.get(), record, sizeof record - 1) <= 0) std::abort();
   }
 }
 
 // The call prints its result, which is not for this table.
 template <class Body>
 void unprinted(Body &&body) {
-  const c_file nowhere(fopen("/dev/null", "w"));
+  const c_file nowhere(std::fopen("/dev/null", "w"));
   FILE *const printed = std::exchange(stdout, nowhere.get());
   body();
   stdout = printed;
 }
 
 void verify() {
-  if (quota_verify(owner_id, QUOTA_RECORDING) != 0) abort();
+  if (quota_verify(owner_id, QUOTA_RECORDING) != 0) std::abort();
 }
 
 void verify_unprinted(benchmark::State &state) {
@@ -137,7 +137,7 @@ int main(int argc, char **argv) {
     box.write_file(records.back(), "5.1");
   }
   const support::private_folder on_disk("bench-update");
-  setenv(support::folder_variable, "/dev/shm", 1);
+  ::setenv(support::folder_variable, "/dev/shm", 1);
   const support::private_folder in_memory("bench-update");
 
   measure_give_ups(8, on_disk.path(), "ext4");

@@ -48,7 +48,7 @@ int main(int argc, char **argv) {
     const std::string root = folder.path() / std::to_string(&one - trees);
     one.make(root);
     if (measure(root) != bare_walk(root.c_str())) {
-      fprintf(stderr, "bench: the two walks disagree on %s\n", one.name);
+      std::fprintf(stderr, "bench: the two walks disagree on %s\n", one.name);
       return 1;
     }
     ratio::at_most(one.over_bare, one.name, "getdents64 + fstatat",
@@ -58,7 +58,7 @@ int main(int argc, char **argv) {
     ratio::at_least(one.over_du, one.name, "du -sb -L",
                     ratio::once([root] { benchmark::DoNotOptimize(measure(root)); }),
                     ratio::once([du] {
-                      if (system(du.c_str()) != 0) abort();
+                      if (std::system(du.c_str()) != 0) std::abort();
                     }),
                     ratio::length::round, one.known_gap);
   }

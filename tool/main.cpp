@@ -24,14 +24,14 @@ enum exit_status {
 
 exit_status run_once() {
   if (get_config() != 0) {
-    fputs("Error getting all the data from config files\n", stderr);
+    std::fputs("Error getting all the data from config files\n", stderr);
     return STATUS_CONFIG;
   }
   qx_sql_pool_init();
 
   const target_table targets = get_sql_data();
   if (targets == nullptr) {
-    fputs("None of the requested users found in database.\n", stderr);
+    std::fputs("None of the requested users found in database.\n", stderr);
     return STATUS_NO_TARGETS;
   }
 
@@ -43,7 +43,7 @@ exit_status run_once() {
         break;
       case 2:
       case -1:
-        fputs("No quota file could be updated!\n", stderr);
+        std::fputs("No quota file could be updated!\n", stderr);
         return STATUS_NO_REFRESH;
       default:
         break;
@@ -55,7 +55,7 @@ exit_status run_once() {
 
 // A run that ends early has not done what it was started for; the statuses have no finer word.
 exit_status end_without_memory() {
-  fputs("Out of memory\n", stderr);
+  std::fputs("Out of memory\n", stderr);
   return run.action == ACTION_SET ? STATUS_NO_REFRESH : STATUS_NO_TARGETS;
 }
 
@@ -67,5 +67,5 @@ int main(int argc, char **argv) {
   const auto decided =
       no_throw(std::optional<exit_status>(), [] { return std::optional(run_once()); });
   // The pool and the settings are left to the end of the process.
-  exit(decided ? *decided : end_without_memory());
+  std::exit(decided ? *decided : end_without_memory());
 }

@@ -41,22 +41,22 @@ constexpr char banner[] =
 static_assert(sizeof banner - 1 == 934);
 
 [[noreturn]] void reject(const char *what) {
-  printf("Bad command line. %s\n\n", what);
+  std::printf("Bad command line. %s\n\n", what);
   usage(stdout);
-  exit(1);
+  std::exit(1);
 }
 
 int action_of(const char *word) {
   if (word == nullptr) return ACTION_NONE;
-  if (strcmp(word, "set") == 0) return ACTION_SET;
-  if (strcmp(word, "show") == 0) return ACTION_SHOW;
+  if (std::strcmp(word, "set") == 0) return ACTION_SET;
+  if (std::strcmp(word, "show") == 0) return ACTION_SHOW;
   return ACTION_NONE;
 }
 
 }  // namespace
 
 void usage(FILE *stream) {
-  fwrite(banner, 1, sizeof banner - 1, stream);
+  std::fwrite(banner, 1, sizeof banner - 1, stream);
 }
 
 void parse_args(int argc, const char **argv) {
@@ -85,16 +85,16 @@ void parse_args(int argc, const char **argv) {
   run.ulogin_list.reset(ulogin_list);
   // Short of memory, the parser passes over what it cannot copy, or ends the process by itself.
   if (!context || errno == ENOMEM) {
-    fputs("Out of memory\n", stderr);
-    exit(1);
+    std::fputs("Out of memory\n", stderr);
+    std::exit(1);
   }
   if (answer == help_option) {
     usage(stdout);
-    exit(0);
+    std::exit(0);
   }
   if (answer != -1) {
-    printf("%s: %s\n", poptBadOption(context.get(), 0), poptStrerror(answer));
-    exit(1);
+    std::printf("%s: %s\n", poptBadOption(context.get(), 0), poptStrerror(answer));
+    std::exit(1);
   }
 
   run.action = action_of(word.get());

@@ -17,9 +17,10 @@ int first_error = 0;
 void tell_lost_output() {
   has_lost_output();
   // Some file systems report an error only when the file is closed.
-  if (fclose(stdout) != 0 && first_error == 0) first_error = errno;
+  if (std::fclose(stdout) != 0 && first_error == 0) first_error = errno;
   if (first_error != 0) {
-    fprintf(stderr, "Standard output could not be written to its end: %s\n", strerror(first_error));
+    std::fprintf(stderr, "Standard output could not be written to its end: %s\n",
+                 std::strerror(first_error));
   }
 }
 
@@ -33,31 +34,32 @@ int control_length(const unsigned char *text) {
 
 void watch_output() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-    if (fcntl(fd, F_GETFD) >= 0) continue;
+    if (::fcntl(fd, F_GETFD) >= 0) continue;
     // Gets this very number, the lowest free one. Writing to standard output then still fails.
-    [[maybe_unused]] const int taken = open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
+    [[maybe_unused]] const int taken =
+        ::open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
   // A reader that went away is an error to be told like any other, and no reason to die silently.
-  signal(SIGPIPE, SIG_IGN);
-  atexit(tell_lost_output);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::atexit(tell_lost_output);
 }
 
 bool has_lost_output() {
-  if (ferror(stdout) == 0) return false;
+  if (std::ferror(stdout) == 0) return false;
   if (first_error == 0) first_error = errno != 0 ? errno : EIO;
   return true;
 }
 
 void print_login(const char *login) {
-  static const bool on_terminal = isatty(STDOUT_FILENO) == 1;
+  static const bool on_terminal = ::isatty(STDOUT_FILENO) == 1;
   if (!on_terminal) {
-    fputs(login, stdout);
+    std::fputs(login, stdout);
     return;
   }
   const auto *text = reinterpret_cast<const unsigned char *>(login);
   while (*text != '\0') {
     int escaped = control_length(text);
-    if (escaped == 0) putchar(*text++);
-    for (; escaped > 0; --escaped) printf("\\x%02x", *text++);
+    if (escaped == 0) std::putchar(*text++);
+    for (; escaped > 0; --escaped) std::printf("\\x%02x", *text++);
   }
 }

@@ -27,7 +27,7 @@ constexpr char no_quota[] = "Quota Not found\n";
 constexpr char no_user[] = "User Not found\n";
 
 void print_start(const char *login) {
-  fputs("Quota for user ", stdout);
+  std::fputs("Quota for user ", stdout);
   print_login(login);
 }
 
@@ -37,7 +37,7 @@ float to_human_readable(char (&unit)[3], float bytes) {
   static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "?B"};
   unsigned scale = 0;
   for (; bytes / 1024.0F >= 1.0F; ++scale) bytes /= 1024.0F;
-  snprintf(unit, sizeof unit, "%s", units[scale < 5 ? scale : 5]);
+  std::snprintf(unit, sizeof unit, "%s", units[scale < 5 ? scale : 5]);
   return bytes;
 }
 
@@ -46,9 +46,9 @@ void print_size(int64_t bytes) {
   if (run.human_flag != 0) {
     char unit[3];
     const float scaled = to_human_readable(unit, static_cast<float>(bytes));
-    printf("%.2f %s\n", static_cast<double>(scaled), unit);
+    std::printf("%.2f %s\n", static_cast<double>(scaled), unit);
   } else {
-    printf("%lld bytes\n", static_cast<long long>(bytes));
+    std::printf("%lld bytes\n", static_cast<long long>(bytes));
   }
 }
 
@@ -67,14 +67,14 @@ int print_quotas(const int64_t *quotas) {
   }
   print_size(total);
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    printf("\t%-*s\t\t", name_width, quota_get_target_name(kind));
+    std::printf("\t%-*s\t\t", name_width, quota_get_target_name(kind));
     if (quotas[kind] < 0) {
-      puts("Not found");
+      std::puts("Not found");
     } else {
       print_size(quotas[kind]);
     }
   }
-  putchar('\n');
+  std::putchar('\n');
   return 0;
 }
 
@@ -95,11 +95,11 @@ int show_all_accounts(SessionHandle session) {
   while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
     if (is_empty(row[0]) || is_empty(row[1])) continue;
     print_start(row[1]);
-    printf(" (with id: %s)\t", row[0]);
+    std::printf(" (with id: %s)\t", row[0]);
     if (has_lost_output()) break;
     int64_t quotas[QUOTA_ALL_KINDS];
-    if (quota_read_sql(atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
-      puts(no_quota);
+    if (quota_read_sql(std::atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
+      std::puts(no_quota);
     } else {
       print_quotas(quotas);
     }
@@ -111,15 +111,15 @@ int show_all_accounts(SessionHandle session) {
 void show_target(int32_t id, const target_record &target) {
   if (has_lost_output()) return;
   print_start(target.login);
-  printf(" (with id: %d)\t\t", id);
+  std::printf(" (with id: %d)\t\t", id);
   if (has_lost_output()) return;
   int64_t quotas[QUOTA_ALL_KINDS];
   switch (quota_read_sql(id, QUOTA_ALL_KINDS, quotas, nullptr)) {
     case -1:
-      puts(no_quota);
+      std::puts(no_quota);
       break;
     case -2:
-      puts(no_user);
+      std::puts(no_user);
       break;
     default:
       print_quotas(quotas);

@@ -73,8 +73,8 @@ int run_selection(SessionHandle session, sql_result &rows) {
 
 // Id texts fill their slot at most; the rest of the record is not theirs.
 void put_level_id(char (&slot)[5], const char *id) {
-  const size_t length = std::min(strlen(id), sizeof slot - 1);
-  memcpy(slot, id, length);
+  const size_t length = std::min(std::strlen(id), sizeof slot - 1);
+  std::memcpy(slot, id, length);
   slot[length] = '\0';
 }
 
@@ -82,11 +82,11 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
   if (std::any_of(row, row + 4, [](const char *column) { return column == nullptr; })) return;
 
   target_record record = {};
-  record.level = atoi(row[2]);
+  record.level = std::atoi(row[2]);
   if (!is_target_level(record.level)) return;
   record.level_index = lvl2idx(record.level);
-  const int32_t id = atoi(row[0]);
-  record.parent_id = atoi(row[1]);
+  const int32_t id = std::atoi(row[0]);
+  record.parent_id = std::atoi(row[1]);
   if (fr_hash_find<target_record>(table, id) != nullptr) return;
 
   const bool refreshing = run.action != ACTION_SHOW;
@@ -98,7 +98,7 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
 
   put_level_id(record.level_ids[record.level_index], row[0]);
   if (record.level_index > 0) put_level_id(record.level_ids[record.level_index - 1], row[1]);
-  c_string login(strdup(row[3]));
+  c_string login(::strdup(row[3]));
   record.login = login.get();
   if (!login || fr_hash_force_add(table, id, record) != 0) throw std::bad_alloc();
   static_cast<void>(login.release());

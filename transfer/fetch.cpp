@@ -53,8 +53,9 @@ fetch_step object_fetch::attempt(int target) {
 
 fetch_step object_fetch::get(int target) {
   // What is there is the beginning of an object, if it is known which one.
-  const std::int64_t from = etag_.empty() ? 0 : size_of(target);
-  if (from <= 0 && ::ftruncate(target, 0) != 0) {
+  const std::int64_t size = size_of(target);
+  const std::int64_t from = etag_.empty() ? 0 : size;
+  if (from == 0 && size != 0 && ::ftruncate(target, 0) != 0) {
     locations_.skip(location_);
     return {kind::failed, {}, std::strerror(errno)};
   }
@@ -63,7 +64,7 @@ fetch_step object_fetch::get(int target) {
     locations_.skip(location_);
     return {kind::failed, {}, "the location is not configured"};
   }
-  s3_answer answer = client->get(key_, target, std::max<std::int64_t>(from, 0), etag_);
+  s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
   if (answer && !is_whole(answer, target)) {
     answer.outcome = s3_outcome::damaged;
     answer.text = "what came is not what is stored";

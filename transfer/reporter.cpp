@@ -18,8 +18,8 @@ std::vector<std::string> pieces_of(const std::string &text) {
 
 }  // namespace
 
-reporter::reporter(const std::function<std::string()> &status, std::shared_ptr<mailbox> answers)
-    : status_(status), answers_(std::move(answers)), thread_(&reporter::run, this) {}
+reporter::reporter(const std::function<std::string()> &status)
+    : status_(status), thread_(&reporter::run, this) {}
 
 reporter::~reporter() {
   {
@@ -30,9 +30,9 @@ reporter::~reporter() {
   thread_.join();
 }
 
-void reporter::ask(std::uint64_t connection) {
+void reporter::ask(std::shared_ptr<outlet> who) {
   const std::lock_guard guard(lock_);
-  askers_.push_back(connection);
+  askers_.push_back(std::move(who));
   changed_.notify_one();
 }
 
@@ -41,10 +41,13 @@ void reporter::run() {
   for (;;) {
     changed_.wait(guard, [this] { return is_ending_ || !askers_.empty(); });
     if (is_ending_) return;
-    const std::vector<std::uint64_t> askers = std::exchange(askers_, {});
+    const auto askers = std::exchange(askers_, {});
     guard.unlock();
     const std::vector<std::string> pieces = pieces_of(status_());
-    for (const std::uint64_t asker : askers) answers_->put({asker, pieces, false});
+    for (const auto &one : askers) {
+      one->is_asking = false;
+      one->say(pieces);
+    }
     guard.lock();
   }
 }

@@ -8,25 +8,25 @@
 #include <memory>
 #include <thread>
 
-#include "transfer/mailbox.h"
+#include "transfer/outlet.h"
 
 class reporter {
  public:
-  reporter(const std::function<std::string()> &status, std::shared_ptr<mailbox> answers);
+  // `status` must live longer.
+  explicit reporter(const std::function<std::string()> &status);
   reporter(const reporter &) = delete;
   reporter &operator=(const reporter &) = delete;
   ~reporter();
 
-  void ask(std::uint64_t connection);
+  void ask(std::shared_ptr<outlet> who);
 
  private:
   void run();
 
   const std::function<std::string()> &status_;
-  const std::shared_ptr<mailbox> answers_;
   std::mutex lock_;  // guards all that follows
   std::condition_variable changed_;
-  std::vector<std::uint64_t> askers_;
+  std::vector<std::shared_ptr<outlet>> askers_;
   bool is_ending_ = false;
   std::thread thread_;
 };

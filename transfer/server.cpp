@@ -14,13 +14,13 @@
 #include "main/transfer/wire.h"
 #include "platform/base/diagnostics.h"
 #include "transfer/listener.h"
-#include "transfer/mailbox.h"
+#include "transfer/outlet.h"
 #include "transfer/reporter.h"
 
 namespace {
 
 constexpr std::size_t most_connections = 128;
-constexpr std::size_t most_pending = 1024;  // downloads of one connection
+constexpr std::size_t most_downloads = 1024;  // of one connection
 constexpr std::size_t most_unsent = 64;  // datagrams; nothing more is read from its end until then
 constexpr int most_read = 64;            // datagrams of one connection in a row
 constexpr int rest_without_descriptors = 1000;  // milliseconds
@@ -50,8 +50,10 @@ class transfer_server::engine {
   ~engine() {
     if (!thread_.joinable()) return;
     is_ending_ = true;
-    ::eventfd_write(mailbox_->wake.get(), 1);
+    wake_->set();
     thread_.join();
+    // Those who still have a download running keep their end.
+    for (const host &one : hosts_) one->close();
   }
 
   std::string start(const std::string &path) {
@@ -61,43 +63,35 @@ class transfer_server::engine {
   }
 
  private:
-  struct host {
-    unique_fd socket;
-    std::deque<std::string> unsent;
-    std::size_t pending = 0;
-    bool is_asking = false;
-  };
-  using hosts = std::map<std::uint64_t, host>;
+  using host = std::shared_ptr<outlet>;
 
   void run();
   void serve(std::vector<pollfd> &entries);
   void accept_hosts();
-  void deliver();
-  bool read(std::uint64_t id, host &from);
-  bool take(std::uint64_t id, host &from, transfer_message &message);
-  void order(std::uint64_t id, host &from, transfer_message &message);
-  static bool flush(host &to);
+  bool read(const host &from);
+  bool take(const host &from, transfer_message &message);
+  void order(const host &from, transfer_message &message);
 
   const server_hooks hooks_;
   const trusted_peers peers_;
-  const std::shared_ptr<mailbox> mailbox_ = std::make_shared<mailbox>();
+  const std::shared_ptr<const wake_event> wake_ = std::make_shared<wake_event>();
   listening_socket listener_;
-  hosts hosts_;
-  std::uint64_t last_id_ = 0;
+  std::list<host> hosts_;
   bool may_accept_ = true;
   std::atomic<bool> is_ending_{false};
-  reporter reporter_{hooks_.status, mailbox_};
+  reporter reporter_{hooks_.status};
   std::thread thread_;
 };
 
 void transfer_server::engine::run() {
   while (!is_ending_) {
-    std::vector<pollfd> entries = {{mailbox_->wake.get(), POLLIN, 0},
+    std::vector<pollfd> entries = {{wake_->fd.get(), POLLIN, 0},
                                    {may_accept_ ? listener_.get() : -1, POLLIN, 0}};
-    for (const auto &[id, one] : hosts_) {
-      const int in = one.unsent.size() < most_unsent ? POLLIN : 0;
-      const int out = one.unsent.empty() ? 0 : POLLOUT;
-      entries.push_back({one.socket.get(), static_cast<short>(in | out), 0});
+    for (const host &one : hosts_) {
+      const std::size_t unsent = one->unsent();
+      const int in = unsent < most_unsent ? POLLIN : 0;
+      const int out = unsent > 0 ? POLLOUT : 0;
+      entries.push_back({one->socket(), static_cast<short>(in | out), 0});
     }
     if (::poll(entries.data(), entries.size(), may_accept_ ? -1 : rest_without_descriptors) < 0) {
       continue;
@@ -110,12 +104,12 @@ void transfer_server::engine::run() {
 
 // The entries are in the order of the hosts, behind the first two.
 void transfer_server::engine::serve(std::vector<pollfd> &entries) {
-  deliver();
+  if (entries[0].revents != 0) wake_->clear();
   auto entry = entries.begin() + 2;
   for (auto at = hosts_.begin(); at != hosts_.end(); ++entry) {
-    auto &[id, one] = *at;
     const bool has_input = (entry->revents & (POLLIN | POLLHUP | POLLERR)) != 0;
-    const bool stays = (!has_input || read(id, one)) && flush(one);
+    const bool stays = (!has_input || read(*at)) && (*at)->flush();
+    if (!stays) (*at)->close();
     at = stays ? std::next(at) : hosts_.erase(at);
   }
 }
@@ -133,36 +127,22 @@ void transfer_server::engine::accept_hosts() {
     } else if (hosts_.size() >= most_connections) {
       QX_LOG(FR_LOG_WARNING, "refused a connection: there are %zu", hosts_.size());
     } else {
-      hosts_[++last_id_].socket = std::move(socket);
+      hosts_.push_back(std::make_shared<outlet>(std::move(socket), wake_));
     }
-  }
-}
-
-void transfer_server::engine::deliver() {
-  for (mailbox::letter &one : mailbox_->take()) {
-    const auto found = hosts_.find(one.connection);
-    if (found == hosts_.end()) continue;
-    host &to = found->second;
-    if (one.ends_download) {
-      --to.pending;
-    } else {
-      to.is_asking = false;
-    }
-    for (std::string &datagram : one.datagrams) to.unsent.push_back(std::move(datagram));
   }
 }
 
 // False when the connection ends.
-bool transfer_server::engine::read(std::uint64_t id, host &from) {
-  for (int count = 0; count < most_read && from.unsent.size() < most_unsent; ++count) {
+bool transfer_server::engine::read(const host &from) {
+  for (int count = 0; count < most_read && from->unsent() < most_unsent; ++count) {
     transfer_message message;
-    switch (receive_message(from.socket.get(), message)) {
+    switch (receive_message(from->socket(), message)) {
       case receiving::nothing:
         return true;
       case receiving::ended:
         return false;
       case receiving::message:
-        if (take(id, from, message)) break;
+        if (take(from, message)) break;
         [[fallthrough]];
       case receiving::malformed:
         QX_LOG(FR_LOG_WARNING, "closed a connection that said what is not understood");
@@ -173,45 +153,37 @@ bool transfer_server::engine::read(std::uint64_t id, host &from) {
 }
 
 // False when it is nothing that a host may say.
-bool transfer_server::engine::take(std::uint64_t id, host &from, transfer_message &message) {
+bool transfer_server::engine::take(const host &from, transfer_message &message) {
   switch (message.word) {
     case transfer_word::download:
-      order(id, from, message);
+      order(from, message);
       return true;
     case transfer_word::queued:
       hooks_.queued();
       return true;
     case transfer_word::status:
       // Who asks again before the answer is there gets one answer.
-      if (!std::exchange(from.is_asking, true)) reporter_.ask(id);
+      if (!from->is_asking.exchange(true)) reporter_.ask(from);
       return true;
     default:
       return false;
   }
 }
 
-void transfer_server::engine::order(std::uint64_t id, host &from, transfer_message &message) {
-  if (from.pending >= most_pending || !message.descriptor || !is_target(message.descriptor.get())) {
-    from.unsent.push_back(answer(message.id, false));
+void transfer_server::engine::order(const host &from, transfer_message &message) {
+  if (from->downloads >= most_downloads || !message.descriptor ||
+      !is_target(message.descriptor.get())) {
+    from->say({answer(message.id, false)});
     return;
   }
-  ++from.pending;
+  ++from->downloads;
   hooks_.download({.location_text = std::move(message.first),
                    .key = std::move(message.second),
                    .target = std::move(message.descriptor),
-                   .done = [box = mailbox_, id, download = message.id](bool is_done) {
-                     box->put({id, {answer(download, is_done)}, true});
+                   .done = [from, id = message.id](bool is_done) {
+                     --from->downloads;
+                     from->say({answer(id, is_done)});
                    }});
-}
-
-// Sends what there is room for; false when the connection is lost.
-bool transfer_server::engine::flush(host &to) {
-  while (!to.unsent.empty()) {
-    const int error = send_datagram(to.socket.get(), to.unsent.front());
-    if (error != 0) return error == EAGAIN || error == ENOBUFS || error == ENOMEM;
-    to.unsent.pop_front();
-  }
-  return true;
 }
 
 transfer_server::transfer_server(server_hooks hooks)

@@ -19,7 +19,7 @@ const media_kind &media_of_type(int storage_type) {
 
 media_rows rows_of_table(const char *table) {
   for (const media_kind &kind : media_kinds) {
-    if (kind.rows.table != nullptr && strcasecmp(table, kind.rows.table) == 0) return kind.rows;
+    if (kind.rows.table != nullptr && ::strcasecmp(table, kind.rows.table) == 0) return kind.rows;
   }
   return {table, "ext", "filename"};
 }

@@ -99,8 +99,8 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
 }
 
 int compare_entries(const void *left, const void *right) {
-  return strcasecmp(static_cast<const cache_binding *>(left)->name,
-                    static_cast<const cache_binding *>(right)->name);
+  return ::strcasecmp(static_cast<const cache_binding *>(left)->name,
+                      static_cast<const cache_binding *>(right)->name);
 }
 
 const cache_binding *get_binding(int row_count, const cache_binding *table, const char *name) {

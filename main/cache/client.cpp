@@ -15,17 +15,18 @@ namespace {
 
 using client_handle = std::shared_ptr<vk_client_t>;
 
-// The client of the process: created at the first use, replaced by recreate_cache_client only.
-// Never destroyed, as other threads may use it while the process exits.
-struct {
+// Created at the first use, replaced by recreate_cache_client only.
+struct client_of_process {
   std::mutex creation;  // taken first
   std::mutex lock;      // guards the handle, and is held for no longer than to copy it
-  never_destroyed<client_handle> handle;
-} process_client;
+  client_handle handle;
+};
+
+constinit never_destroyed<client_of_process> process_client;
 
 client_handle current_client() noexcept {
-  const std::lock_guard guard(process_client.lock);
-  return process_client.handle.value;
+  const std::lock_guard guard(process_client->lock);
+  return process_client->handle;
 }
 
 // One of the brackets for the length of a scope.
@@ -47,8 +48,8 @@ bool publish_new_client() noexcept {
   const bool set_up = ast_vk_init(&created) == 0;
   return no_throw(false, [&] {
     client_handle handle(created, vk_client_destroy);
-    const std::lock_guard guard(process_client.lock);
-    process_client.handle.value.swap(handle);  // the old client is released after the lock
+    const std::lock_guard guard(process_client->lock);
+    process_client->handle.swap(handle);  // the old client is released after the lock
     return set_up;
   });
 }
@@ -57,7 +58,7 @@ bool publish_new_client() noexcept {
 // two clients.
 void create_client() noexcept {
   const write_section section;
-  const std::lock_guard guard(process_client.creation);
+  const std::lock_guard guard(process_client->creation);
   if (current_client() == nullptr) publish_new_client();
 }
 
@@ -269,6 +270,6 @@ void hide_marker(c_string &value, int keep_markers) noexcept {
 
 bool recreate_cache_client() {
   const write_section section;
-  const std::lock_guard guard(process_client.creation);
+  const std::lock_guard guard(process_client->creation);
   return publish_new_client();
 }

@@ -141,9 +141,9 @@ void parameter_lookup::write_back() const {
 const cache_binding *find_binding(binding_table table, const char *name) noexcept {
   const auto found = std::lower_bound(table.begin(), table.end(), name,
                                       [](const cache_binding &row, const char *wanted) {
-                                        return strcasecmp(row.name, wanted) < 0;
+                                        return ::strcasecmp(row.name, wanted) < 0;
                                       });
-  return found != table.end() && strcasecmp(found->name, name) == 0 ? &*found : nullptr;
+  return found != table.end() && ::strcasecmp(found->name, name) == 0 ? &*found : nullptr;
 }
 
 text_array read_parameters(const call_site &site, const parameter_query &query) {

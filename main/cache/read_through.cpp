@@ -14,7 +14,7 @@ c_string lookup_argument::format(const char *pattern) const noexcept {
     case kind::none:
       break;
   }
-  return c_string(strdup(pattern));
+  return c_string(::strdup(pattern));
 }
 
 namespace {
@@ -89,11 +89,11 @@ field_answer read_through(const call_site &site, const field_lookup &lookup,
 
 c_string column_or_nothing(MYSQL_RES *rows) {
   const char *const column = first_column(rows);
-  return c_string(column == nullptr ? nullptr : strdup(column));
+  return c_string(column == nullptr ? nullptr : ::strdup(column));
 }
 
 c_string column_or_marker(MYSQL_RES *rows) {
   const MYSQL_ROW row = next_row(rows);
-  if (row == nullptr) return c_string(strdup(QX_CACHE_NO_ROW));
-  return c_string(strdup(row[0] == nullptr ? QX_CACHE_NULL : row[0]));
+  if (row == nullptr) return c_string(::strdup(QX_CACHE_NO_ROW));
+  return c_string(::strdup(row[0] == nullptr ? QX_CACHE_NULL : row[0]));
 }

@@ -43,7 +43,7 @@ struct cache_directives {
 };
 
 vk_client_t *create_client() noexcept {
-  vk_mm_t *memory = vk_mm_create(malloc, calloc, realloc, free);
+  vk_mm_t *memory = vk_mm_create(std::malloc, std::calloc, std::realloc, std::free);
   vk_client_t *client = vk_client_create(1, 2, memory, nullptr);
   vk_mm_destroy(memory);
   return client;
@@ -79,7 +79,7 @@ bool add_servers(vk_client_t *client, const qx_conf_directive &hosts) noexcept {
 // No failure here fails the set-up: the client's first command shows it.
 void select_database(vk_client_t *client, int database, const char *key) noexcept {
   if (*key != '\0') {
-    const int status = vk_set_database_key(client, database, key, strlen(key));
+    const int status = vk_set_database_key(client, database, key, std::strlen(key));
     if (status != 0) {
       QX_LOG(FR_LOG_ERROR, "vk_set_database_key(%d,..) failed with error: %s", database,
              vk_strerror(status));
@@ -111,7 +111,7 @@ bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) 
              number);
       continue;
     }
-    if (strcmp(fields[0], own_partition) != 0) {
+    if (std::strcmp(fields[0], own_partition) != 0) {
       QX_LOG(FR_LOG_ERROR, "Skipping velkan credentials for partition %s.\n", fields[0]);
       continue;
     }
@@ -146,12 +146,12 @@ int add_vk_srv_(vk_client *client, const char *value) {
   const value_fields fields(value);
   const size_t count = fields.count();
   if (count <= 4) {
-    syslog(LOG_ERR, "Failed to parse disdb host. Entry: %s.\n", value);
+    ::syslog(LOG_ERR, "Failed to parse disdb host. Entry: %s.\n", value);
     return 1;
   }
-  if (strcmp(fields[0], own_partition) != 0) {
+  if (std::strcmp(fields[0], own_partition) != 0) {
     // A skipped server has no name put together, so the line shows "(null)".
-    syslog(LOG_NOTICE, "Skiping velkan server %s from partition %s", "(null)", fields[0]);
+    ::syslog(LOG_NOTICE, "Skiping velkan server %s from partition %s", "(null)", fields[0]);
     return 1;
   }
   const c_string name = fields.joined(1, 2);
@@ -160,22 +160,22 @@ int add_vk_srv_(vk_client *client, const char *value) {
 }
 
 int add_vk_syslog_(vk_client *client, const char *levels) {
-  syslog(LOG_NOTICE, "Parsing syslog loglevel for libvelkan: %s", levels);
+  ::syslog(LOG_NOTICE, "Parsing syslog loglevel for libvelkan: %s", levels);
   const value_fields words(levels, '|');
   unsigned mask = 0;
   for (size_t word = 0; word < words.count(); word++) {
     for (const level_word &row : level_words) {
-      if (strcmp(words[word], row.word) == 0) mask |= row.bit;
+      if (std::strcmp(words[word], row.word) == 0) mask |= row.bit;
     }
   }
   if (mask == 0) return 0;
-  syslog(LOG_NOTICE, "Enabling syslog for libvelkan. Loglevel: 0x%X", mask);
+  ::syslog(LOG_NOTICE, "Enabling syslog for libvelkan. Loglevel: 0x%X", mask);
   return vk_enable_syslog(client, mask);
 }
 
 void log_wrap(int priority, const char *format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  vsyslog(priority, format, arguments);
+  ::vsyslog(priority, format, arguments);
   va_end(arguments);
 }

@@ -93,7 +93,7 @@ int64_t qx_get_db_files_quota(const char *table, int level, const char *account_
   if (format == nullptr) return 0;
   const answer sum = ask(QX_HERE, format, table, account_id);
   if (sum.row == nullptr) return -1;
-  return sum.column() == nullptr ? 0 : strtoll(sum.column(), nullptr, 10);
+  return sum.column() == nullptr ? 0 : std::strtoll(sum.column(), nullptr, 10);
 }
 
 int64_t qx_count_db_files(const char *table, int extension_id, const char *folder) {
@@ -101,7 +101,7 @@ int64_t qx_count_db_files(const char *table, int extension_id, const char *folde
   const answer count = folder == nullptr
                            ? ask(QX_HERE, count_statement, table, extension_id)
                            : ask(QX_HERE, count_in_folder_statement, table, extension_id, folder);
-  return count.column() == nullptr ? -1 : strtoll(count.column(), nullptr, 10);
+  return count.column() == nullptr ? -1 : std::strtoll(count.column(), nullptr, 10);
 }
 
 int qx_delete_db_file(const char *table, uint64_t id) {
@@ -117,7 +117,7 @@ int qx_db_file_set_meta(const char *table, uint64_t id, const char *column, cons
 uint64_t qx_db_file_creation_timestamp(const char *table, uint64_t id, const char *column) {
   if (!all_given({table, column})) return 0;
   const answer seconds = ask(QX_HERE, timestamp_statement, column, table, long_id(id));
-  return seconds.column() == nullptr ? 0 : strtoul(seconds.column(), nullptr, 10);
+  return seconds.column() == nullptr ? 0 : std::strtoul(seconds.column(), nullptr, 10);
 }
 
 int qx_get_db_recording(const char *call_id, const char *flow, const char *full_number) {

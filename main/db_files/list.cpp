@@ -31,7 +31,7 @@ char *copy_or_null(const char *column) {
 }
 
 int64_t size_of(const char *column) {
-  return column == nullptr ? 0 : strtoll(column, nullptr, 10);
+  return column == nullptr ? 0 : std::strtoll(column, nullptr, 10);
 }
 
 // All of it zero, so that the list can be reset at any time from here on.
@@ -78,7 +78,7 @@ std::string read_names(std::string_view text, qx_db_file_list_t &list) {
     const std::string id(text.substr(0, dot));
     text.remove_prefix(dot + 1);
     const size_t blank = std::min(text.find(' '), text.size());
-    list.records[next].id = strtoul(id.c_str(), nullptr, 10);
+    list.records[next].id = std::strtoul(id.c_str(), nullptr, 10);
     list.records[next].ext = copy_text(text.substr(0, blank)).release();
     if (next > 0) ids += ", ";
     ids += id;
@@ -107,7 +107,7 @@ int64_t qx_list_db_files(const char *table, int extension_id, const char *folder
       const MYSQL_ROW row = mysql_fetch_row(rows.get());
       if (row == nullptr) return false;
       qx_db_file_t &file = files.records[i];
-      file.id = row[0] == nullptr ? 0 : strtoul(row[0], nullptr, 10);
+      file.id = row[0] == nullptr ? 0 : std::strtoul(row[0], nullptr, 10);
       file.filesize = size_of(row[1]);
       file.ext = copy_text(row[2] == nullptr ? "" : row[2]).release();
       file.filename = copy_or_null(row[3]);

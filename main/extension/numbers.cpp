@@ -53,8 +53,8 @@ int qx_split_full_number(const char *full_number, char **owner, char **number) {
   const size_t owner_length = length - number_length - 1;
   if (static_cast<unsigned char>(full_number[owner_length]) != separator) return -1;
 
-  c_string owner_part(strndup(full_number, owner_length));
-  c_string number_part(strdup(full_number + owner_length + 1));
+  c_string owner_part(::strndup(full_number, owner_length));
+  c_string number_part(::strdup(full_number + owner_length + 1));
   if (!owner_part || !number_part) return -1;
   if (owner != nullptr) *owner = owner_part.release();
   if (number != nullptr) *number = number_part.release();

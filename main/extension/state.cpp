@@ -27,12 +27,12 @@ c_string joined_names(MYSQL_RES *rows) {
     any = true;
     if (row[0] != nullptr) complete = zarn_str_append(&names, "%s,", row[0]) != nullptr && complete;
   }
-  c_string joined(names != nullptr ? names : strdup(any ? QX_CACHE_NULL : QX_CACHE_NO_ROW));
+  c_string joined(names != nullptr ? names : ::strdup(any ? QX_CACHE_NULL : QX_CACHE_NO_ROW));
   return complete ? std::move(joined) : nullptr;
 }
 
 c_string whether_any_row(MYSQL_RES *rows) {
-  return c_string(strdup(next_row(rows) != nullptr ? "1" : "0"));
+  return c_string(::strdup(next_row(rows) != nullptr ? "1" : "0"));
 }
 
 constexpr field_lookup type_lookup = {
@@ -92,7 +92,7 @@ int qx_get_extension_type(const char *full_number) {
   }
   int value = 0;
   for (const char *const type : types) {
-    if (strcasecmp(type, text.get()) == 0) return value;
+    if (::strcasecmp(type, text.get()) == 0) return value;
     ++value;
   }
   return -1;
@@ -131,8 +131,8 @@ int redis_str2time(const char *text, time_t *time) {
   if (text == nullptr || time == nullptr) return -1;
   const char *const format = *text == '\'' ? "'%Y-%m-%d %H:%M:%S'" : "%Y-%m-%d %H:%M:%S";
   struct tm broken_down = {};
-  if (strptime(text, format, &broken_down) == nullptr) return -1;
+  if (::strptime(text, format, &broken_down) == nullptr) return -1;
   broken_down.tm_isdst = -1;
-  *time = timegm(&broken_down);
+  *time = ::timegm(&broken_down);
   return 0;
 }

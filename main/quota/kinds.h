@@ -2,21 +2,9 @@
 #ifndef MAIN_QUOTA_KINDS_H
 #define MAIN_QUOTA_KINDS_H
 
-#include <algorithm>
-#include <array>
-#include <iterator>
-
 #include <spoolcap/quota.h>
 #include "main/account/levels.h"
 #include "main/account/media.h"
-
-// Names by kind.
-inline constexpr auto quota_kind_names = [] {
-  std::array<const char *, QUOTA_ALL_KINDS> names{};
-  std::transform(std::begin(media_kinds), std::end(media_kinds), names.begin(),
-                 [](const media_kind &kind) { return kind.name; });
-  return names;
-}();
 
 // A set of kinds, one bit each.
 using kind_set = unsigned;

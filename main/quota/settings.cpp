@@ -27,10 +27,7 @@ struct process_settings {
   bool failure_logged = false;
 };
 
-process_settings &kept() {
-  static auto *const only = new process_settings;  // threads may outlive static objects
-  return *only;
-}
+constinit never_destroyed<process_settings> kept;
 
 std::string value_or_default(safestr_t found, qx_path_id fallback) {
   const safestr_owner value(found);
@@ -71,20 +68,19 @@ void log_missing_owner(int error) {
 }  // namespace
 
 int get_conf() {
-  process_settings &own = kept();
-  const std::lock_guard guard(own.lock);
-  if (!own.settings) own.settings = read_settings();
+  const std::lock_guard guard(kept->lock);
+  if (!kept->settings) kept->settings = read_settings();
   return 0;
 }
 
 const quota_settings *loaded_settings() {
   get_conf();
-  const std::optional<quota_settings> &settings = kept().settings;
+  const std::optional<quota_settings> &settings = kept->settings;
   return settings ? &*settings : nullptr;
 }
 
 int owner_ids(uid_t *uid, gid_t *gid) {
-  process_settings &own = kept();
+  process_settings &own = kept.value;
   const std::lock_guard guard(own.lock);
   if ((own.user == 0 || own.group == 0) &&
       get_ids("asterisk", "asterisk", &own.user, &own.group) != 0) {

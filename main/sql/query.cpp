@@ -22,7 +22,7 @@ __attribute__((format(printf, 3, 0))) c_string text_of(const call_site &site, Se
   const MYSQL_ROW row = next_row(rows.get());
   if (row == nullptr) return nullptr;
   if (row[0] == nullptr) log_condition_failed(site);
-  return c_string(row[0] == nullptr ? nullptr : strdup(row[0]));
+  return c_string(row[0] == nullptr ? nullptr : ::strdup(row[0]));
 }
 
 }  // namespace

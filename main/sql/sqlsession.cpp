@@ -20,8 +20,8 @@ constexpr int verbosity = 100;       // everything
 
 // The trimmed text after the keyword at the start of `line` and one separator byte of any kind.
 c_string value_after(const char *line, size_t keyword_length) noexcept {
-  const bool separated = strlen(line) > keyword_length;
-  c_string value(strdup(separated ? line + keyword_length + 1 : ""));
+  const bool separated = std::strlen(line) > keyword_length;
+  c_string value(::strdup(separated ? line + keyword_length + 1 : ""));
   fr_str_trim(value.get(), FR_TRIM_BOTH);
   return value;
 }
@@ -33,7 +33,7 @@ bool for_each_value(FILE *file, const char *keyword) noexcept {
   char buffer[conf_line_size];
   int line_number = 0;
   while (const char *line = next_line_with_keyword(file, keyword, buffer, line_number)) {
-    const c_string value = value_after(line, strlen(keyword));
+    const c_string value = value_after(line, std::strlen(keyword));
     if (!value || !Take(value.get())) return false;
   }
   return true;
@@ -41,7 +41,7 @@ bool for_each_value(FILE *file, const char *keyword) noexcept {
 
 void warn_if_public(FILE *credentials, const char *path) noexcept {
   struct stat status {};
-  if (fstat(fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
+  if (::fstat(::fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
     QX_LOG(FR_LOG_WARNING, "Everybody may read <%s>, which holds the database password.\n\n", path);
   }
 }
@@ -54,7 +54,7 @@ bool add_shard(const char *value) noexcept {
 }
 
 bool set_down_time(const char *value) noexcept {
-  fr_sqlpool_down_time_set(atoi(value));
+  fr_sqlpool_down_time_set(std::atoi(value));
   return true;
 }
 
@@ -68,7 +68,7 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
   fr_sqlpool_init_api(nullptr, nullptr, idle_limit);
   fr_sqlpool_verbosity_set(verbosity);
 
-  c_file file(credentials_file == nullptr ? nullptr : fopen(credentials_file, "re"));
+  c_file file(credentials_file == nullptr ? nullptr : std::fopen(credentials_file, "re"));
   if (!file) {
     log_condition_failed(QX_HERE);
     return -1;
@@ -77,7 +77,7 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
   if (!for_each_value<add_shard>(file.get(), "DB_CREDENTIALS")) return -1;
 
   file.reset();
-  file.reset(servers_file == nullptr ? nullptr : fopen(servers_file, "re"));
+  file.reset(servers_file == nullptr ? nullptr : std::fopen(servers_file, "re"));
   if (!file) return -1;
   for_each_value<set_down_time>(file.get(), "SLAVE_DOWN_TIME");
   file.reset();

@@ -25,7 +25,7 @@ struct process_state {
 };
 
 // Threads of a service may still come here while the process exits.
-never_destroyed<process_state> process;
+constinit never_destroyed<process_state> process;
 
 // The file's directives, empty where it is silent.
 struct directives {
@@ -94,8 +94,8 @@ bool has_long_directory(const storage_config &config) {
 }  // namespace
 
 storage_snapshot take_snapshot() noexcept {
-  const std::shared_lock guard(process.value.lock);
-  return process.value.current;
+  const std::shared_lock guard(process->lock);
+  return process->current;
 }
 
 int load_config(const call_site &site, const char *base_dir, const char *monitor_dir) {
@@ -111,17 +111,17 @@ int load_config(const call_site &site, const char *base_dir, const char *monitor
     return -1;
   }
   // The old configuration goes after the lock, unless a session still keeps it.
-  const std::unique_lock guard(process.value.lock);
-  process.value.current.config.swap(config);
+  const std::unique_lock guard(process->lock);
+  process->current.config.swap(config);
   return 0;
 }
 
 void set_service(std::shared_ptr<const qx_storage_api_t> service) noexcept {
-  const std::unique_lock guard(process.value.lock);
-  process.value.current.service.swap(service);
+  const std::unique_lock guard(process->lock);
+  process->current.service.swap(service);
 }
 
 void set_node_id(c_string node_id) noexcept {
-  const std::unique_lock guard(process.value.lock);
-  process.value.node_id.swap(node_id);
+  const std::unique_lock guard(process->lock);
+  process->node_id.swap(node_id);
 }

@@ -1,8 +1,6 @@
 // Copies a file in the cheapest way that its file systems have.
 #include "main/storage/copy_content.h"
 
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,11 +18,12 @@ using way_to_copy = ssize_t (*)(int from, int to, size_t most);
 // More than the kernel moves in one call, so that it is the one to choose.
 constexpr size_t most_at_once = 1U << 30;
 
-ssize_t in_kernel(int from, int to, size_t most) {
+// Shares the blocks, or copies on the server, where the file system can.
+ssize_t within_file_system(int from, int to, size_t most) {
   return ::copy_file_range(from, nullptr, to, nullptr, std::min(most, most_at_once), 0);
 }
 
-ssize_t through_pipe(int from, int to, size_t most) {
+ssize_t between_file_systems(int from, int to, size_t most) {
   return ::sendfile(to, from, nullptr, std::min(most, most_at_once));
 }
 
@@ -52,10 +51,8 @@ int copy_content(int from, int to) {
   struct stat status {};
   if (::fstat(from, &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EINVAL;
-  // Shares the blocks, where there is a file system for that.
-  if (::ioctl(to, FICLONE, from) == 0) return 0;
   auto left = static_cast<size_t>(status.st_size);
-  for (const way_to_copy copy : {in_kernel, through_pipe, by_hand}) {
+  for (const way_to_copy copy : {within_file_system, between_file_systems, by_hand}) {
     ssize_t moved = 0;
     while (left > 0) {
       moved = copy(from, to, left);

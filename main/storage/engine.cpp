@@ -19,7 +19,7 @@ const storage_engine *find_engine(const char *word, int (*compare)(const char *,
 }  // namespace
 
 const storage_engine *engine_of(const char *word) {
-  return word == nullptr ? &posix_engine : find_engine(word, strcasecmp);
+  return word == nullptr ? &posix_engine : find_engine(word, ::strcasecmp);
 }
 
 const storage_engine &configured_engine(const char *word) {

@@ -68,7 +68,7 @@ int rename_to(const std::string &from, const std::string &to, at_target what) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
   // Not every file system, kernel and sandbox knows the call or its flag.
   if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return errno;
-  if (what == at_target::replace) return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  if (what == at_target::replace) return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
   if (::link(from.c_str(), to.c_str()) != 0) return errno;
   ::unlink(from.c_str());
   return 0;

@@ -16,7 +16,7 @@ namespace {
 // What a file is called below its folder, compared as it always was: ignoring case, and without a
 // look at where the folder's last component ends.
 std::string name_below(const std::string &folder, const std::string &path) {
-  if (strncasecmp(path.c_str(), folder.c_str(), folder.size()) != 0) return path;
+  if (::strncasecmp(path.c_str(), folder.c_str(), folder.size()) != 0) return path;
   const size_t start = folder.size();
   return path.substr(path.compare(start, 1, "/") == 0 ? start + 1 : start);
 }

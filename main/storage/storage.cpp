@@ -46,7 +46,7 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
   session->first_id = first_id;
   session->second_id = second_id;
   if (extension != nullptr) {
-    session->extension.assign(extension, strnlen(extension, longest_extension));
+    session->extension.assign(extension, ::strnlen(extension, longest_extension));
   }
   session->engine = &session->engine->choose(site, session->made_with);
   if (!session->engine->prepare(site, *session) || !take_location(site, *session)) return nullptr;

@@ -41,7 +41,7 @@ bool not_minus_one(const char *cached) {
 c_string column_or_empty(MYSQL_RES *rows) {
   const MYSQL_ROW row = next_row(rows);
   if (row == nullptr) return nullptr;
-  return c_string(strdup(row[0] == nullptr ? "" : row[0]));
+  return c_string(::strdup(row[0] == nullptr ? "" : row[0]));
 }
 
 c_string filled_column(MYSQL_RES *rows) {

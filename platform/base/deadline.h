@@ -11,6 +11,10 @@
 
 class deadline {
  public:
+  using clock = std::chrono::steady_clock;
+
+  explicit deadline(clock::time_point end) noexcept : end_(end) {}
+
   // In so many seconds. What is no positive number has passed at once; a year stands for all that
   // is longer.
   explicit deadline(float seconds) noexcept
@@ -26,7 +30,6 @@ class deadline {
   }
 
  private:
-  using clock = std::chrono::steady_clock;
   clock::time_point end_;
 };
 

@@ -42,19 +42,19 @@ class no_sigpipe {
  public:
   no_sigpipe() noexcept {
     sigset_t pending;
-    sigpending(&pending);
-    was_pending_ = sigismember(&pending, SIGPIPE) == 1;
-    sigemptyset(&sigpipe_);
-    sigaddset(&sigpipe_, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &sigpipe_, &old_);
+    ::sigpending(&pending);
+    was_pending_ = ::sigismember(&pending, SIGPIPE) == 1;
+    ::sigemptyset(&sigpipe_);
+    ::sigaddset(&sigpipe_, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &sigpipe_, &old_);
   }
   no_sigpipe(const no_sigpipe &) = delete;
   no_sigpipe &operator=(const no_sigpipe &) = delete;
   ~no_sigpipe() {
     const int saved = errno;
     const timespec no_time{};
-    if (saved == EPIPE && !was_pending_) sigtimedwait(&sigpipe_, nullptr, &no_time);
-    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+    if (saved == EPIPE && !was_pending_) ::sigtimedwait(&sigpipe_, nullptr, &no_time);
+    ::pthread_sigmask(SIG_SETMASK, &old_, nullptr);
     errno = saved;
   }
 

@@ -12,7 +12,7 @@ std::atomic<long> forks{0};
 }  // namespace
 
 long process_generation() noexcept {
-  static const bool counted = pthread_atfork(nullptr, nullptr, [] { ++forks; }) == 0;
+  static const bool counted = ::pthread_atfork(nullptr, nullptr, [] { ++forks; }) == 0;
   // Without memory for the handler there is only the costlier way.
-  return counted ? forks.load(std::memory_order_relaxed) : getpid();
+  return counted ? forks.load(std::memory_order_relaxed) : ::getpid();
 }

@@ -22,13 +22,13 @@ namespace {
 class launch_plan {
  public:
   launch_plan() noexcept
-      : actions_error_(posix_spawn_file_actions_init(&actions_)),
-        attributes_error_(posix_spawnattr_init(&attributes_)) {}
+      : actions_error_(::posix_spawn_file_actions_init(&actions_)),
+        attributes_error_(::posix_spawnattr_init(&attributes_)) {}
   launch_plan(const launch_plan &) = delete;
   launch_plan &operator=(const launch_plan &) = delete;
   ~launch_plan() {
-    if (actions_error_ == 0) posix_spawn_file_actions_destroy(&actions_);
-    if (attributes_error_ == 0) posix_spawnattr_destroy(&attributes_);
+    if (actions_error_ == 0) ::posix_spawn_file_actions_destroy(&actions_);
+    if (attributes_error_ == 0) ::posix_spawnattr_destroy(&attributes_);
   }
 
   // 0 or an error number.
@@ -36,25 +36,26 @@ class launch_plan {
     if (actions_error_ != 0) return actions_error_;
     if (attributes_error_ != 0) return attributes_error_;
     sigset_t all, none;
-    sigfillset(&all);
-    sigemptyset(&none);
+    ::sigfillset(&all);
+    ::sigemptyset(&none);
     // The output comes first: where the host has closed its own standard descriptors, the pipe may
     // have got their numbers.
     for (const int error :
-         {posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO),
-          posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
-          posix_spawn_file_actions_addopen(&actions_, STDERR_FILENO, "/dev/null", O_WRONLY, 0),
-          posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1),
-          posix_spawnattr_setsigdefault(&attributes_, &all),
-          posix_spawnattr_setsigmask(&attributes_, &none),
-          posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK)}) {
+         {::posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO),
+          ::posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0),
+          ::posix_spawn_file_actions_addopen(&actions_, STDERR_FILENO, "/dev/null", O_WRONLY, 0),
+          ::posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1),
+          ::posix_spawnattr_setsigdefault(&attributes_, &all),
+          ::posix_spawnattr_setsigmask(&attributes_, &none),
+          ::posix_spawnattr_setflags(&attributes_,
+                                     POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK)}) {
       if (error != 0) return error;
     }
     return 0;
   }
 
   int run(char *const argv[], pid_t *pid) noexcept {
-    return posix_spawn(pid, argv[0], &actions_, &attributes_, argv, environ);
+    return ::posix_spawn(pid, argv[0], &actions_, &attributes_, argv, environ);
   }
 
  private:
@@ -65,14 +66,16 @@ class launch_plan {
 };
 
 // Children that were still running when their output had ended.
-struct {
+struct running_children {
   std::mutex lock;
   std::vector<pid_t> children;
-} left_behind;
+};
+
+constinit never_destroyed<running_children> left_behind;
 
 void reap_left_behind() noexcept {
-  const std::lock_guard guard(left_behind.lock);
-  std::erase_if(left_behind.children,
+  const std::lock_guard guard(left_behind->lock);
+  std::erase_if(left_behind->children,
                 [](pid_t child) { return ::waitpid(child, nullptr, WNOHANG) != 0; });
 }
 
@@ -122,8 +125,8 @@ int fr_spawn_finish(pid_t pid, float grace) {
   const child_state state = reap_within(pid, grace);
   if (state == child_state::running) {
     no_throw([pid] {
-      const std::lock_guard guard(left_behind.lock);
-      left_behind.children.push_back(pid);
+      const std::lock_guard guard(left_behind->lock);
+      left_behind->children.push_back(pid);
     });
   }
   return state == child_state::reaped ? 0 : -1;

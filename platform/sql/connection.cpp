@@ -12,6 +12,8 @@
 #include <cstdio>
 #include <thread>
 
+#include "platform/base/deadline.h"
+
 namespace {
 
 constexpr unsigned connect_timeout = 3;      // seconds
@@ -30,29 +32,23 @@ void set_options(MYSQL *mysql, const sql_address &address) {
 
 // What the client library is to be told of the wait that it asked for. After the deadline there is
 // none: a server that always has more to say must not prolong it.
-int wait_for(MYSQL *mysql, int events, sql_clock::time_point deadline) {
+int wait_for(MYSQL *mysql, int events, const deadline &end) {
   short wanted = 0;
   if ((events & MYSQL_WAIT_READ) != 0) wanted |= POLLIN;
   if ((events & MYSQL_WAIT_WRITE) != 0) wanted |= POLLOUT;
-  pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), wanted, 0};
-  for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - sql_clock::now());
-    if (left.count() <= 0) return MYSQL_WAIT_TIMEOUT;
-    const int ready = poll(&socket, 1, static_cast<int>(left.count()));
-    if (ready > 0) return events & (MYSQL_WAIT_READ | MYSQL_WAIT_WRITE);
-    if (ready == 0 || errno != EINTR) return MYSQL_WAIT_TIMEOUT;
-  }
+  const auto socket = static_cast<int>(mysql_get_socket(mysql));
+  if (end.passed() || !wait_ready(socket, wanted, &end)) return MYSQL_WAIT_TIMEOUT;
+  return events & (MYSQL_WAIT_READ | MYSQL_WAIT_WRITE);
 }
 
 // The client library takes a connect to a Unix socket whose queue is full for one under way, which
 // it is not: it was refused, and is tried here until there is room.
-void wait_for_room(int socket, const std::string &path, sql_clock::time_point deadline) {
+void wait_for_room(int socket, const std::string &path, const deadline &end) {
   sockaddr_un server = {};
   server.sun_family = AF_UNIX;
   path.copy(server.sun_path, sizeof server.sun_path - 1);
   const auto *address = reinterpret_cast<const sockaddr *>(&server);
-  while (connect(socket, address, sizeof server) != 0 && errno == EAGAIN &&
-         sql_clock::now() < deadline) {
+  while (::connect(socket, address, sizeof server) != 0 && errno == EAGAIN && !end.passed()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
@@ -61,7 +57,7 @@ void wait_for_room(int socket, const std::string &path, sql_clock::time_point de
 // comes.
 bool connect_in_time(MYSQL *mysql, const sql_credentials &credentials, const sql_address &address) {
   if (mysql_options(mysql, MYSQL_OPT_NONBLOCK, nullptr) != 0) return false;
-  const auto deadline = sql_clock::now() + std::chrono::seconds(connect_timeout);
+  const deadline end(connect_timeout);
   const bool local = address.is_socket();
   MYSQL *connected = nullptr;
   int events = mysql_real_connect_start(
@@ -69,10 +65,10 @@ bool connect_in_time(MYSQL *mysql, const sql_credentials &credentials, const sql
       credentials.password.c_str(), credentials.database.c_str(), address.port,
       local ? address.host.c_str() : nullptr, CLIENT_MULTI_RESULTS);
   if (local && events != 0) {
-    wait_for_room(static_cast<int>(mysql_get_socket(mysql)), address.host, deadline);
+    wait_for_room(static_cast<int>(mysql_get_socket(mysql)), address.host, end);
   }
   while (events != 0) {
-    events = mysql_real_connect_cont(&connected, mysql, wait_for(mysql, events, deadline));
+    events = mysql_real_connect_cont(&connected, mysql, wait_for(mysql, events, end));
   }
   return connected != nullptr;
 }
@@ -86,31 +82,31 @@ bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
   set_options(handle.get(), address);
   if (!connect_in_time(handle.get(), credentials, address)) return false;
   // The client library offers no way to open the socket close-on-exec.
-  fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
+  ::fcntl(static_cast<int>(mysql_get_socket(handle.get())), F_SETFD, FD_CLOEXEC);
   return true;
 }
 
 bool is_closed_by_server(MYSQL *mysql) {
   pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), POLLIN, 0};
-  return poll(&socket, 1, 0) != 0;
+  return ::poll(&socket, 1, 0) != 0;
 }
 
 void abandon(mysql_handle handle) {
   // Closing it says goodbye to the server; that goes nowhere, instead of ending it for its owner.
-  const unique_fd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const unique_fd nowhere(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   const auto socket = static_cast<int>(mysql_get_socket(handle.get()));
-  if (nowhere && dup2(nowhere.get(), socket) == socket) return;
+  if (nowhere && ::dup2(nowhere.get(), socket) == socket) return;
   // Then rather a leak in the child than trouble in the parent.
   [[maybe_unused]] MYSQL *const leaked = handle.release();
 }
 
 bool answers_ping(MYSQL *mysql) {
   // A plain ping would wait as long as a statement may; this form can be cut off.
-  const auto deadline = sql_clock::now() + std::chrono::seconds(connect_timeout);
+  const deadline end(connect_timeout);
   int failed = 1;
   int events = mysql_ping_start(&failed, mysql);
   while (events != 0) {
-    events = mysql_ping_cont(&failed, mysql, wait_for(mysql, events, deadline));
+    events = mysql_ping_cont(&failed, mysql, wait_for(mysql, events, end));
   }
   return failed == 0;
 }
@@ -135,6 +131,6 @@ bool is_lost(MYSQL *mysql) {
 
 void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept {
   mysql->net.last_errno = code;
-  snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
-  snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
+  std::snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
+  std::snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
 }

@@ -39,7 +39,7 @@ std::optional<server_line> parse_server(std::string_view value) {
   if (!id || id->empty() || !port || value.empty()) return std::nullopt;
   server_line line = {std::string(*id), {std::string(value), 0}};
   if (line.address.is_socket()) return line;
-  line.address.port = static_cast<unsigned>(strtoul(std::string(*port).c_str(), nullptr, 10));
+  line.address.port = static_cast<unsigned>(std::strtoul(std::string(*port).c_str(), nullptr, 10));
   if (line.address.port == 0 || line.address.port > 65535) return std::nullopt;
   return line;
 }
@@ -100,7 +100,7 @@ std::unique_ptr<fr_sql_shard> parse_shard(std::string_view value) {
 int read_servers(const char *path, bool need_master) {
   line_reader lines(path);
   if (!lines) {
-    SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, strerror(errno));
+    SQL_LOG(FR_LOG_ERROR, "Failed to open SQL servers file <%s>: %s\n", path, std::strerror(errno));
     return -1;
   }
   bool has_master = false;

@@ -25,9 +25,9 @@ constexpr char out_of_memory[] = "Out of memory";
 // without raising the signal, and a host may want to end when the reader of its output does.
 bool start_client_library() {
   struct sigaction before = {};
-  sigaction(SIGPIPE, nullptr, &before);
+  ::sigaction(SIGPIPE, nullptr, &before);
   const bool started = mysql_library_init(0, nullptr, nullptr) == 0;
-  sigaction(SIGPIPE, &before, nullptr);
+  ::sigaction(SIGPIPE, &before, nullptr);
   return started;
 }
 
@@ -85,7 +85,7 @@ bool read_results(MYSQL *mysql, sql_result &first) {
 int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, va_list arguments) {
   const c_string statement = vformat_text(format, arguments);
   if (!statement) return fail(session, CR_OUT_OF_MEMORY, out_of_memory);
-  const size_t size = strlen(statement.get());
+  const size_t size = std::strlen(statement.get());
   const bool reads = is_read_statement({statement.get(), size});
   if (attach(session, reads ? sql_purpose::read : sql_purpose::write) != 0) return -1;
 

@@ -10,7 +10,7 @@ bool is_read_statement(std::string_view text) {
   constexpr std::string_view keyword = "SELECT";
   while (!text.empty() && (is_space(text.front()) || text.front() == '(')) text.remove_prefix(1);
   if (text.size() < keyword.size()) return false;
-  if (strncasecmp(text.data(), keyword.data(), keyword.size()) != 0) return false;
+  if (::strncasecmp(text.data(), keyword.data(), keyword.size()) != 0) return false;
   const char next = text.size() == keyword.size() ? ' ' : text[keyword.size()];
   return std::isalnum(static_cast<unsigned char>(next)) == 0 && next != '_';
 }

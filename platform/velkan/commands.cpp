@@ -3,6 +3,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <span>
 
 #include "platform/velkan/command.h"
 #include "platform/velkan/group.h"
@@ -16,7 +17,7 @@ constexpr size_t most_words = INT_MAX;
 char *copy_text(const vk_mm &memory, const redisReply &reply) {
   char *copy = static_cast<char *>(memory.allocate(reply.len + 1));
   if (copy != nullptr) {
-    memcpy(copy, reply.str, reply.len);
+    std::memcpy(copy, reply.str, reply.len);
     copy[reply.len] = '\0';
   }
   return copy;

@@ -2,7 +2,6 @@
 
 #include <netdb.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -11,9 +10,9 @@
 #include <cerrno>
 #include <cstring>
 
-namespace {
+#include "platform/base/deadline.h"
 
-using std::chrono::milliseconds;
+namespace {
 
 // More than a peer can mean: a reply that claims to be larger is garbage, and must not make this
 // process reserve, or read, what it claims.
@@ -21,20 +20,14 @@ constexpr size_t largest_reply = 64U << 20;
 constexpr size_t most_elements = 1U << 20;  // with those of the lists in it
 constexpr size_t longest_line = 64U << 10;
 
-using address_list = std::unique_ptr<addrinfo, call_to_release<freeaddrinfo>>;
+using address_list = std::unique_ptr<addrinfo, call_to_release<::freeaddrinfo>>;
 
 // Whether the socket is ready for `events` before the deadline; errno is ETIMEDOUT if not. After
 // the deadline it is not looked at: a peer that always has more to say must not prolong it.
-bool wait_for(int socket, short events, vk_clock::time_point deadline) {
-  pollfd entry = {socket, events, 0};
-  for (;;) {
-    const auto left = std::chrono::ceil<milliseconds>(deadline - vk_clock::now()).count();
-    const int ready = left > 0 ? poll(&entry, 1, static_cast<int>(left)) : 0;
-    if (ready > 0) return true;
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready == 0) errno = ETIMEDOUT;
-    return false;
-  }
+bool wait_for(int socket, short events, vk_clock::time_point time) {
+  const deadline end(time);
+  errno = ETIMEDOUT;
+  return !end.passed() && wait_ready(socket, events, &end);
 }
 
 unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadline) {
@@ -42,11 +35,11 @@ unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadlin
   unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket) return {};
   const auto *peer = reinterpret_cast<const sockaddr *>(&address.bytes);
-  if (connect(socket.get(), peer, address.length) != 0) {
+  if (::connect(socket.get(), peer, address.length) != 0) {
     if (errno != EINPROGRESS || !wait_for(socket.get(), POLLOUT, deadline)) return {};
     int error = 0;
     socklen_t size = sizeof error;
-    getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
+    ::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size);
     if (error != 0) {
       errno = error;
       return {};
@@ -54,14 +47,14 @@ unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadlin
   }
   if (family != AF_UNIX) {
     const int on = 1;
-    setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   }
   return socket;
 }
 
 vk_address address_from(const void *bytes, socklen_t length) {
   vk_address address = {};
-  memcpy(&address.bytes, bytes, length);
+  std::memcpy(&address.bytes, bytes, length);
   address.length = length;
   return address;
 }
@@ -70,16 +63,16 @@ std::vector<vk_address> local_address(const std::string &path) {
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) return {};
-  memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   return {address_from(&address, sizeof address)};
 }
 
 // From now on a receive waits by itself, for the command timeout.
 bool make_patient(int socket) {
   const timeval timeout = {vk_connection::command_timeout.count() / 1000, 0};
-  const int flags = fcntl(socket, F_GETFL);
-  return flags >= 0 && fcntl(socket, F_SETFL, flags & ~O_NONBLOCK) == 0 &&
-         setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
+  const int flags = ::fcntl(socket, F_GETFL);
+  return flags >= 0 && ::fcntl(socket, F_SETFL, flags & ~O_NONBLOCK) == 0 &&
+         ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
 }
 
 decltype(redisReplyObjectFunctions::createArray) create_any_array = nullptr;
@@ -127,7 +120,7 @@ std::vector<vk_address> addresses_of(const std::string &host, int port) {
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_flags = AI_NUMERICSERV;
   addrinfo *found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return {};
+  if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) return {};
   const address_list owner(found);
   std::vector<vk_address> addresses;
   for (const addrinfo *entry = found; entry != nullptr; entry = entry->ai_next) {
@@ -189,7 +182,7 @@ vk_io vk_connection::receive(vk_clock::time_point deadline, bool patient, vk_rep
     }
     if (total > largest_reply || has_endless_line(*reader_)) return vk_io::garbage;
     if (!patient && !wait_for(socket_.get(), POLLIN, deadline)) return vk_io::timed_out;
-    const ssize_t got = recv(socket_.get(), buffer, sizeof buffer, patient ? 0 : MSG_DONTWAIT);
+    const ssize_t got = ::recv(socket_.get(), buffer, sizeof buffer, patient ? 0 : MSG_DONTWAIT);
     if (got == 0) return vk_io::broken;
     if (got > 0) {
       if (redisReaderFeed(reader_.get(), buffer, static_cast<size_t>(got)) != REDIS_OK) {

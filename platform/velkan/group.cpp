@@ -35,7 +35,7 @@ __attribute__((format(printf, 3, 4))) void write_log(const vk_state &state, log_
   if ((state.log_mask & level.bit) == 0) return;
   va_list arguments;
   va_start(arguments, format);
-  vsyslog(LOG_USER | level.priority, format, arguments);
+  ::vsyslog(LOG_USER | level.priority, format, arguments);
   va_end(arguments);
 }
 
@@ -107,7 +107,8 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
     find_addresses(server);
     const auto share = share_of(deadline, left--);
     auto connection = vk_connection::open(server.addresses, share);
-    const std::string fault = connection ? shake_hands(state, *connection, share) : strerror(errno);
+    const std::string fault =
+        connection ? shake_hands(state, *connection, share) : std::strerror(errno);
     if (fault.empty()) {
       write_log(state, as_event, "velkan: using server %s (%s)", server.name.c_str(),
                 server.host.c_str());

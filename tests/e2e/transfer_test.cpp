@@ -7,6 +7,10 @@
 
 namespace {
 
+s3_place place_at(int port) {
+  return {.endpoint = "http://127.0.0.1:" + std::to_string(port), .region = "x", .bucket = "y"};
+}
+
 class TransferProcess : public testing::Test {
  protected:
   TransferProcess() { ::listen(silent_store.get(), 100); }
@@ -22,7 +26,7 @@ class TransferProcess : public testing::Test {
   // Takes connections and says nothing.
   unique_fd silent_store = support::bound_to_loopback(port);
   support::sandbox box{{.use_database = false}};
-  support::transfer_daemon daemon{box, "http://127.0.0.1:" + std::to_string(port)};
+  support::transfer_daemon daemon{box, place_at(port)};
 };
 
 TEST_F(TransferProcess, AWrongCommandLineOrConfigurationEndsWithTwo) {
@@ -98,7 +102,7 @@ TEST_F(TransferProcess, EndsInTimeWhileTransfersStall) {
 TEST_F(TransferProcess, ServesWithoutTheDisDbAndSaysSo) {
   support::redis_server server;
   support::sandbox other{{.use_database = false, .cache = &server}};
-  support::transfer_daemon alone{other, "http://127.0.0.1:1"};
+  support::transfer_daemon alone{other, place_at(1)};
   server.pause();
   ASSERT_TRUE(alone.start());
   EXPECT_TRUE(alone.told("STATUS=the cache server does not answer"));

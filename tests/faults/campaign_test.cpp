@@ -169,8 +169,8 @@ class Campaign : public refresh_test, public testing::WithParamInterface<fault> 
     for (const auto &[place, unused] : right_figures) {
       const bool by_redo = place == "1/2/22";
       if (by_redo) box.write_file(quota_root() + "/" + place + "/quota.redo", "");
-      for (const char *kind : quota_kind_names) {
-        const std::string file = box.quota_path(std::string(place).append("/").append(kind));
+      for (const media_kind &kind : media_kinds) {
+        const std::string file = box.quota_path(std::string(place).append("/").append(kind.name));
         const std::string record = by_redo ? "9.0" : records[next++ % std::size(records)];
         box.write_file(file, record);
         if (record == "9.0" && !by_redo) box.write_file(file + ".dirty", "");

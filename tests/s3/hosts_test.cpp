@@ -32,7 +32,7 @@ class Hosts : public storage_test {
   std::unique_ptr<support::background_process> start_daemon() {
     box.write_file("daemon.log", "");
     auto daemon = std::make_unique<support::background_process>(
-        std::vector<std::string>{SPOOLCAP_TRANSFER_SANDBOX}, in_sandbox("daemon.log"));
+        std::vector<std::string>{SPOOLCAP_TRANSFER_SANDBOX_BINARY}, in_sandbox("daemon.log"));
     while (daemon->running() &&
            box.read_file("daemon.log")->find("is ready") == std::string::npos) {
       std::this_thread::sleep_for(5ms);
@@ -42,7 +42,7 @@ class Hosts : public storage_test {
   // Waits until nothing is queued.
   void drain() const {
     const auto result =
-        support::run_process({SPOOLCAP_TRANSFER_SANDBOX, "--drain", "60"}, in_sandbox());
+        support::run_process({SPOOLCAP_TRANSFER_SANDBOX_BINARY, "--drain", "60"}, in_sandbox());
     EXPECT_EQ(result.status, 0) << result.err << box.read_file("daemon.log").value_or("");
   }
   void empty_cache() const { fs::remove_all(box.path(scache)); }

@@ -1,7 +1,6 @@
 #include "tests/support/process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -13,6 +12,8 @@
 #include <cstring>
 #include <stdexcept>
 #include <system_error>
+
+#include "platform/base/deadline.h"
 
 namespace support {
 namespace {
@@ -105,14 +106,9 @@ void background_process::kill(int signal) const {
 }
 
 std::optional<process_result> background_process::wait(std::chrono::milliseconds limit) {
-  using clock = std::chrono::steady_clock;
-  const auto deadline = clock::now() + limit;
+  const deadline end(deadline::clock::now() + limit);
   while (!result_) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock::now());
-    pollfd ended{pidfd_.get(), POLLIN, 0};
-    const int ready = poll(&ended, 1, static_cast<int>(std::max<long>(left.count(), 0)));
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready <= 0) return std::nullopt;
+    if (!wait_ready(pidfd_.get(), POLLIN, &end)) return std::nullopt;
     int status = 0;
     waitpid(pid_, &status, 0);
     result_ = {content(out_), content(err_)};

@@ -13,7 +13,7 @@
 
 namespace support {
 
-transfer_daemon::transfer_daemon(sandbox &box, const std::string &endpoint, const std::string &more)
+transfer_daemon::transfer_daemon(sandbox &box, const s3_place &place, const std::string &more)
     : box_(box), manager_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
   const auto address = socket_address(box.path("notify"));
   if (!address ||
@@ -26,8 +26,9 @@ transfer_daemon::transfer_daemon(sandbox &box, const std::string &endpoint, cons
                  "STORAGE_CACHE_D " +
                      box.path("cache") + "\nSTORAGE_TRANSFERIN_D " + box.path("in") +
                      "\nSTORAGE_TRANSFEROUT_D " + box.path("out") + "\n");
-  box.write_file("etc/quorvex/transfer.conf", "TRANSFER_LOCATION eu " + endpoint +
-                                                  " default media\nTRANSFER_DEFAULT eu\n" + more);
+  box.write_file("etc/quorvex/transfer.conf", "TRANSFER_LOCATION eu " + place.endpoint + " " +
+                                                  place.region + " " + place.bucket +
+                                                  "\nTRANSFER_DEFAULT eu\n" + more);
   const s3_credentials keys = store_credentials();
   box.write_file("etc/quorvex/transfer.keys", "[eu]\naws_access_key_id = " + keys.access_key +
                                                   "\naws_secret_access_key = " + keys.secret_key +

@@ -6,15 +6,16 @@
 #include <string>
 #include <vector>
 
+#include "platform/s3/client.h"
 #include "tests/support/sandbox.h"
 
 namespace support {
 
 class transfer_daemon {
  public:
-  // Configures one location, "eu", in the bucket "media" of the store at `endpoint`; `more` goes to
-  // the end of transfer.conf. The node is "n1", and an idle queue is looked at each second.
-  transfer_daemon(sandbox &box, const std::string &endpoint, const std::string &more = "");
+  // Configures one location, "eu", and the node "n1", which looks at an idle queue each second;
+  // `more` goes to the end of transfer.conf.
+  transfer_daemon(sandbox &box, const s3_place &place, const std::string &more = "");
 
   process_result run(const std::vector<std::string> &arguments) const;
 

@@ -215,7 +215,7 @@ TEST_F(FastUpdate, VerificationTakesLimitsInKib) {
   for (const auto &row : rows) box.set_preference(12, row.preference, std::to_string(row.kind + 1));
   box.set_preference(2, "max_sound", "99999999999999999999");
   for (const auto &[preference, bytes, kind, result] : rows) {
-    box.write_file(box.quota_path(std::string("1/2/12/") + quota_kind_names[kind]), bytes);
+    box.write_file(box.quota_path(std::string("1/2/12/") + media_kinds[kind].name), bytes);
     const std::string line = " + quota_verify(target:" + std::to_string(kind) +
                              ", resid:1, clid:2, extid:12) returned:" + std::to_string(result) +
                              (result == 0 ? " (if >0 it means: client.id:0, client.level:0)"

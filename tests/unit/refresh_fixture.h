@@ -46,8 +46,8 @@ class small_platform {
     for (const auto &entry : fs::recursive_directory_iterator(quota_root())) {
       if (!entry.is_directory()) continue;
       std::string &line = found[fs::relative(entry.path(), quota_root())];
-      for (const char *kind : quota_kind_names) {
-        const std::string file = entry.path().string() + "/" + kind + ".quota";
+      for (const media_kind &kind : media_kinds) {
+        const std::string file = entry.path().string() + "/" + kind.quota_file;
         line += line.empty() ? "" : " ";
         line += box.read_file(file).value_or("-");
         line += fs::exists(file + ".dirty") ? "!" : "";
@@ -60,8 +60,8 @@ class small_platform {
   void store_everywhere(const std::string &record) {
     for (const auto &[place, unused] : right_figures) {
       const std::filesystem::path folder = "var/lib/quorvexquota/" + place;
-      for (const std::string kind : quota_kind_names) {
-        box.write_file((folder / (kind + ".quota")).string(), record);
+      for (const media_kind &kind : media_kinds) {
+        box.write_file((folder / kind.quota_file).string(), record);
       }
     }
   }
