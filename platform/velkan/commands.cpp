@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/velkan/command.h"
 #include "platform/velkan/group.h"
 
 namespace {
