@@ -11,7 +11,7 @@
 namespace {
 
 void print(const char *verdict, const std::string &what, const std::string &detail) {
-  printf("%-6s %-24s %s\n", verdict, what.c_str(), detail.c_str());
+  std::printf("%-6s %-24s %s\n", verdict, what.c_str(), detail.c_str());
 }
 
 // The order of uploads and deletions of several nodes goes by their clocks. A virtual machine may
@@ -51,5 +51,5 @@ int run_check(const service_settings &settings) {
   check_folders(settings, report);
   check_cache_server(settings.config, report);
   check_locations(settings.config, report);
-  return report.all_good() && fflush(stdout) == 0 ? 0 : 1;
+  return report.all_good() && std::fflush(stdout) == 0 ? 0 : 1;
 }

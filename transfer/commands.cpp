@@ -13,15 +13,16 @@ namespace {
 constexpr timespec between_looks{.tv_sec = 0, .tv_nsec = 500'000'000};
 
 int tell(const std::string &error) {
-  fprintf(stderr, "spoolcap-transfer: %s\n", error.c_str());
+  std::fprintf(stderr, "spoolcap-transfer: %s\n", error.c_str());
   return 1;
 }
 
 bool is_idle(const std::string &json) {
   rapidjson::Document state;
   state.Parse(json.data(), json.size());
-  return !state.HasParseError() && state.IsObject() && state.HasMember("idle") &&
-         state["idle"].IsTrue();
+  if (state.HasParseError() || !state.IsObject()) return false;
+  const auto idle = state.FindMember("idle");
+  return idle != state.MemberEnd() && idle->value.IsTrue();
 }
 
 }  // namespace
@@ -32,8 +33,8 @@ int show_status(const std::string &socket_path, bool json) {
   const std::optional<std::string> shown =
       json ? *answer.json + "\n" : status_for_people(*answer.json);
   if (!shown) return tell("the service at " + socket_path + " answers in another version's way");
-  fputs(shown->c_str(), stdout);
-  return fflush(stdout) == 0 ? 0 : 1;
+  std::fputs(shown->c_str(), stdout);
+  return std::fflush(stdout) == 0 ? 0 : 1;
 }
 
 int drain(const std::string &socket_path, std::optional<int> seconds) {

@@ -18,7 +18,7 @@ namespace {
 enum exit_status { status_ok = 0, status_failed = 1, status_wrong = 2 };
 
 int refuse(exit_status status, const std::string &why) {
-  fprintf(stderr, "spoolcap-transfer: %s\n", why.c_str());
+  std::fprintf(stderr, "spoolcap-transfer: %s\n", why.c_str());
   return status;
 }
 
@@ -58,7 +58,7 @@ int run(const transfer_options &options) {
     return status_ok;
   }
   if (options.task == transfer_task::version) {
-    puts("spoolcap-transfer " SPOOLCAP_VERSION);
+    std::puts("spoolcap-transfer " SPOOLCAP_VERSION);
     return status_ok;
   }
   if (options.task == transfer_task::serve && ::geteuid() == 0 && !root_may_serve()) {

@@ -117,7 +117,7 @@ int write_metrics(const std::string &path, const std::string &text) {
       ::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
   if (!file) return errno;
   ::fchmod(file.get(), 0644);
-  if (!write_whole(file.get(), text) || ::rename(beside.c_str(), path.c_str()) != 0) {
+  if (!write_whole(file.get(), text) || std::rename(beside.c_str(), path.c_str()) != 0) {
     const int error = errno;
     ::unlink(beside.c_str());
     return error;

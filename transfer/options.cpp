@@ -30,7 +30,7 @@ constexpr char usage[] =
     "time is over), 2 for a wrong command line or configuration.\n";
 
 std::optional<transfer_options> refuse(const std::string &why) {
-  fprintf(stderr, "spoolcap-transfer: %s\nTry `spoolcap-transfer --help`.\n", why.c_str());
+  std::fprintf(stderr, "spoolcap-transfer: %s\nTry `spoolcap-transfer --help`.\n", why.c_str());
   return std::nullopt;
 }
 
@@ -63,7 +63,7 @@ transfer_task task_of(int option) {
 }  // namespace
 
 void print_usage(FILE *stream) {
-  fputs(usage, stream);
+  std::fputs(usage, stream);
 }
 
 std::optional<transfer_options> parse_options(int argc, const char **argv) {

@@ -32,7 +32,7 @@ bool is_journal_stream() {
 
 void write_for_journal(const fr_log_record *record, void * /*context*/) {
   if (record->priority > FR_LOG_NOTICE) return;
-  fprintf(stderr, "<%d>%s\n", record->priority, record->text);
+  std::fprintf(stderr, "<%d>%s\n", record->priority, record->text);
 }
 
 void write_with_time(const fr_log_record *record, void * /*context*/) {
@@ -41,7 +41,7 @@ void write_with_time(const fr_log_record *record, void * /*context*/) {
   std::tm local{};
   char time[32] = "";
   if (::localtime_r(&now, &local) != nullptr) std::strftime(time, sizeof time, "%F %T", &local);
-  fprintf(stderr, "%s %s\n", time, record->text);
+  std::fprintf(stderr, "%s %s\n", time, record->text);
 }
 
 void raise_descriptor_limit() {
@@ -82,8 +82,8 @@ signal_watch::signal_watch() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGIO, SIG_IGN);
   sigset_t watched;
-  sigemptyset(&watched);
-  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&watched, signal);
+  ::sigemptyset(&watched);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&watched, signal);
   ::pthread_sigmask(SIG_BLOCK, &watched, nullptr);
   signals_.reset(::signalfd(-1, &watched, SFD_CLOEXEC | SFD_NONBLOCK));
 }
