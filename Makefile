@@ -3,6 +3,7 @@
 #   make demo-s3 a recording to a private object store and back; it installs one, of some 270 MB
 #   make test   build and pass all tests but those that need an object store
 #   make test-s3 those: it installs one, of some 270 MB
+#   make test-page  those of the report's page, in a real browser
 #   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
 # Others: build, bench, lint, sanitize, coverage, fuzz, package, package-test, install, deps, format, clean.
 
@@ -17,7 +18,7 @@ OBJECT_STORE = radosgw ceph-mon ceph-osd ceph-common
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo demo-s3 test test-s3 bench faults lint sanitize coverage fuzz deps package package-test install \
+.PHONY: all build demo demo-s3 test test-page test-s3 bench faults lint sanitize coverage fuzz deps package package-test install \
   format clean
 all: build
 
@@ -28,10 +29,10 @@ $(BUILD)/build.ninja: | deps
 	cmake --preset release
 
 build: deps $(BUILD)/build.ninja
-	cmake --build --preset release --target spoolcap spoolcap_library
+	cmake --build --preset release --target spoolcap spoolcap-report spoolcap_library
 
 demo: deps $(BUILD)/build.ninja
-	@cmake --build --preset release --target spoolcap-sandbox store_recording testbed -- --quiet
+	@cmake --build --preset release --target spoolcap-sandbox spoolcap-report-sandbox store_recording testbed -- --quiet
 	@$(BUILD)/bin/testbed demo/demo
 
 demo-s3: $(BUILD)/build.ninja
@@ -44,12 +45,19 @@ test: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target test_programs
 	$(BUILD)/bin/testbed ctest --preset release -j $(JOBS)
 
+# The report's page in a real browser, without which these tests are skipped.
+test-page: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
+	cmake --build --preset release --target page_tests testbed
+	SPOOLCAP_NEEDS_BROWSER=1 $(BUILD)/bin/testbed ctest --preset release -L page
+
 test-s3: $(BUILD)/build.ninja
 	@dev/install-deps $(OBJECT_STORE) haproxy
 	cmake --build --preset release --target s3_tests testbed
 	$(BUILD)/bin/testbed --object-store ctest --preset s3 -j $(JOBS)
 
 bench: deps $(BUILD)/build.ninja
+	@dev/install-deps chromium-headless-shell
 	cmake --build --preset release --target bench_programs
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 

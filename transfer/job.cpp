@@ -27,7 +27,8 @@ job_result failure_of(const s3_answer &answer) {
     case s3_outcome::not_found:
       return {job_end::parked, reason};
     case s3_outcome::local_error:
-      return {job_end::parked, "the file cannot be read: " + std::string(strerror(answer.error))};
+      return {job_end::parked,
+              "the file cannot be read: " + std::string(std::strerror(answer.error))};
     default:
       return {job_end::retry, reason};
   }

@@ -44,7 +44,7 @@ void write_record(const std::string &path, const std::string &id, const std::str
   const std::string text = id + "\n" + about;
   const bool whole =
       ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (!whole || ::rename(beside.c_str(), path.c_str()) != 0) ::unlink(beside.c_str());
+  if (!whole || std::rename(beside.c_str(), path.c_str()) != 0) ::unlink(beside.c_str());
 }
 
 s3_answer local_failure(const std::atomic<bool> &stop) {

@@ -57,7 +57,7 @@ bool is_held(queue_state state) {
 // Tells the claims of this process from those of an earlier one on the same node.
 std::string random_word() {
   unsigned char bytes[8] = {};
-  if (getrandom(bytes, sizeof bytes, 0) != sizeof bytes) return queue_number(now());
+  if (::getrandom(bytes, sizeof bytes, 0) != sizeof bytes) return queue_number(now());
   return s3_hex({reinterpret_cast<const char *>(bytes), sizeof bytes});
 }
 

@@ -81,7 +81,8 @@ class upload_job {
     } else {
       s3_body body{.fd = file_->fd(), .length = length};
       if (!s3_digest(body, &context_.control.stop)) {
-        return leave({job_end::retry, "its file cannot be read: " + std::string(strerror(errno))});
+        return leave(
+            {job_end::retry, "its file cannot be read: " + std::string(std::strerror(errno))});
       }
       probe.use();
       answer = call_store(context_, member_.location, uncertain_,

@@ -2,10 +2,10 @@
 // update, with its side effects.
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 
 #include <spoolcap/zarn_user.h>
 #include "main/quota/kinds.h"
+#include "main/quota/limit.h"
 #include "main/quota/place.h"
 #include "main/quota/tree_paths.h"
 #include "main/sql/query.h"
@@ -30,12 +30,7 @@ struct tree_limits {
 
 int64_t limit_of(int account_id, unsigned kind) {
   const c_string kibibytes(qx_account_get_pref(account_id, media_kinds[kind].limit));
-  if (!kibibytes) return -1;
-  int64_t bytes = 0;
-  if (__builtin_mul_overflow(std::atoll(kibibytes.get()), 1024, &bytes)) {
-    return *kibibytes == '-' ? -1 : std::numeric_limits<int64_t>::max();
-  }
-  return bytes;
+  return kibibytes ? limit_in_bytes(kibibytes.get()) : -1;
 }
 
 bool is_full(const std::string &path, int64_t limit) {

@@ -23,12 +23,12 @@ class signals_blocked {
  public:
   signals_blocked() {
     sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old_);
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &old_);
   }
   signals_blocked(const signals_blocked &) = delete;
   signals_blocked &operator=(const signals_blocked &) = delete;
-  ~signals_blocked() { pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
+  ~signals_blocked() { ::pthread_sigmask(SIG_SETMASK, &old_, nullptr); }
 
  private:
   sigset_t old_{};

@@ -47,8 +47,9 @@ constexpr qx_storage_api_t table = {.context = nullptr,
                                     .queued = queued};
 
 bool is_fork_safe() {
-  return pthread_atfork([] { host.value.before_fork(); }, [] { host.value.after_fork_in_parent(); },
-                        [] { host.value.after_fork_in_child(); }) == 0;
+  return ::pthread_atfork([] { host.value.before_fork(); },
+                          [] { host.value.after_fork_in_parent(); },
+                          [] { host.value.after_fork_in_child(); }) == 0;
 }
 
 int start() {
@@ -70,7 +71,9 @@ int qx_transfer_start(void) {
 }
 
 void qx_transfer_stop(void) {
-  if (!host.value.is_usable()) return;
-  qx_storage_unregister_api();
-  host.value.stop();
+  no_throw([] {
+    if (!host.value.is_usable()) return;
+    qx_storage_unregister_api();
+    host.value.stop();
+  });
 }

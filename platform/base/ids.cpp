@@ -28,12 +28,12 @@ int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gi
   std::unique_ptr<char[]> text;
   if (user_name != nullptr && uid != nullptr) {
     passwd user{};
-    if (!look_up(getpwnam_r, user_name, user, text)) return -1;
+    if (!look_up(::getpwnam_r, user_name, user, text)) return -1;
     *uid = user.pw_uid;
   }
   if (group_name != nullptr && gid != nullptr) {
     group found{};
-    if (!look_up(getgrnam_r, group_name, found, text)) return -1;
+    if (!look_up(::getgrnam_r, group_name, found, text)) return -1;
     *gid = found.gr_gid;
   }
   return 0;

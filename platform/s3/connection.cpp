@@ -266,7 +266,7 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
   answer.error = running.error;
   if (answer.error != 0) {
     answer.outcome = s3_outcome::local_error;
-    answer.text = std::string("the file here: ") + strerrordesc_np(answer.error);
+    answer.text = std::string("the file here: ") + ::strerrordesc_np(answer.error);
     return;
   }
   long sent = 0;

@@ -35,10 +35,10 @@ class document_of {
 // takes its object for an old one.
 double seconds_of(const char *text) {
   std::tm parts{};
-  const char *rest = strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
+  const char *rest = ::strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
   if (rest == nullptr) return std::numeric_limits<double>::infinity();
   const double fraction = *rest == '.' ? std::strtod(rest, nullptr) : 0;
-  return static_cast<double>(timegm(&parts)) + fraction;
+  return static_cast<double>(::timegm(&parts)) + fraction;
 }
 
 std::string decoded(std::string_view text) {

@@ -87,7 +87,7 @@ std::string s3_query(s3_pairs parameters) {
 
 std::string s3_timestamp(std::time_t when) {
   std::tm parts{};
-  gmtime_r(&when, &parts);
+  ::gmtime_r(&when, &parts);
   char text[sizeof "20130524T000000Z"];
   return {text, std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &parts)};
 }

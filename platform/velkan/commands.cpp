@@ -3,6 +3,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <span>
 
 #include "platform/velkan/command.h"
 #include "platform/velkan/group.h"

@@ -85,7 +85,8 @@ TEST(Hardening, IsWholeInTheCommandAndTheLibrary) {
   GTEST_SKIP() << "builds that debug do without";
 #endif
   for (const auto &[file, function] :
-       {std::pair(SPOOLCAP_BINARY, "main"), std::pair(SPOOLCAP_LIBRARY, "quota_verify")}) {
+       {std::pair(SPOOLCAP_BINARY, "main"), std::pair(SPOOLCAP_REPORT_BINARY, "main"),
+        std::pair(SPOOLCAP_LIBRARY, "quota_verify")}) {
     EXPECT_EQ(
         support::run_process({SPOOLCAP_SOURCE "/tests/e2e/check-hardening", file, function}).out,
         "");

@@ -214,16 +214,25 @@ void sandbox::add_stored_file(const std::string &table, int extension, std::int6
       std::to_string(extension) + ", " + std::to_string(size) + ")");
 }
 
-std::unique_ptr<background_process> sandbox::start_spoolcap(
-    const std::vector<std::string> &arguments) const {
-  std::vector<std::string> argv = {SPOOLCAP_SANDBOX_BINARY};
+std::unique_ptr<background_process> sandbox::start(
+    const char *program, const std::vector<std::string> &arguments) const {
+  std::vector<std::string> argv = {program};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   return std::make_unique<background_process>(
       argv, process_options{.environment = {{paths_root_variable, root().string()}}});
 }
 
+std::unique_ptr<background_process> sandbox::start_spoolcap(
+    const std::vector<std::string> &arguments) const {
+  return start(SPOOLCAP_SANDBOX_BINARY, arguments);
+}
+
 process_result sandbox::run_spoolcap(const std::vector<std::string> &arguments) const {
   return start_spoolcap(arguments)->wait(std::chrono::seconds(60)).value();
+}
+
+process_result sandbox::run_report(const std::vector<std::string> &arguments) const {
+  return start(SPOOLCAP_REPORT_BINARY, arguments)->wait(std::chrono::seconds(60)).value();
 }
 
 }  // namespace support

@@ -88,6 +88,8 @@ class sandbox {
   process_result run_spoolcap(const std::vector<std::string> &arguments) const;
   std::unique_ptr<background_process> start_spoolcap(
       const std::vector<std::string> &arguments) const;
+  // The report in it.
+  process_result run_report(const std::vector<std::string> &arguments) const;
 
  private:
   void make_database(const sandbox_options &options);
@@ -95,6 +97,8 @@ class sandbox {
   void write_configuration(const sandbox_options &options);
   void add_stored_file(const std::string &table, int extension, std::int64_t size);
   std::string quoted(std::string_view text) const;
+  std::unique_ptr<background_process> start(const char *program,
+                                            const std::vector<std::string> &arguments) const;
 
   private_folder folder_;
   std::string mariadb_socket_, redis_socket_, redis_password_;

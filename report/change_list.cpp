@@ -1,0 +1,184 @@
+#include "report/change_list.h"
+
+#include "report/options.h"
+#include "report/table.h"
+
+namespace {
+
+std::int64_t parent_of(const report_account *account) {
+  return account == nullptr || account->parent == 0 ? -1 : std::int64_t{account->parent};
+}
+
+std::int64_t use_of(const report_account *account, kind_set kinds) {
+  return account == nullptr ? -1 : total_of(*account, kinds);
+}
+
+std::string day_of(const account_outlook &outlook) {
+  return outlook.outlook == outlook_kind::day ? iso_time(outlook.when).substr(0, 10) : "";
+}
+
+// The kind that reaches its limit first; a null view when none does.
+std::string_view kind_name_of(const account_outlook &outlook) {
+  const bool has_kind =
+      outlook.outlook == outlook_kind::day || outlook.outlook == outlook_kind::reached;
+  return has_kind ? std::string_view(media_kinds[outlook.kind].name) : std::string_view();
+}
+
+void write_growth(json_writer &json, const char *name, std::optional<std::int64_t> growth) {
+  json.Key(name);
+  if (growth) {
+    json.Int64(*growth);
+  } else {
+    json.Null();
+  }
+}
+
+void write_outlook(json_writer &json, const account_outlook &outlook) {
+  const std::string day = day_of(outlook);
+  write_member(json, "outlook", std::string_view(name_of(outlook.outlook)));
+  write_member(json, "limit_day", day.empty() ? std::string_view() : std::string_view(day));
+  write_member(json, "limit_kind", kind_name_of(outlook));
+}
+
+void write_change(json_writer &json, const account_change &change, const change_list &list) {
+  const report_account &account = change.account();
+  json.StartObject();
+  write_member(json, "change", std::string_view(name_of(change.change)));
+  write_member(json, "id", std::int64_t{account.id});
+  write_member(json, "name", account.login);
+  write_member(json, "level", std::int64_t{account.level});
+  write_member(json, "parent_before", parent_of(change.before));
+  write_member(json, "parent_after", parent_of(change.after));
+  write_growth(json, "growth", change.growth);
+  json.Key("growths");
+  json.StartObject();
+  for_each_of(list.kinds, [&](unsigned kind) {
+    write_growth(json, media_kinds[kind].name, growth_of(change, kind));
+  });
+  json.EndObject();
+  write_member(json, "total_before", use_of(change.before, list.kinds));
+  write_member(json, "total_after", use_of(change.after, list.kinds));
+  if (list.has_outlook()) write_outlook(json, outlook_of(account.id, list.states, list.kinds));
+  json.EndObject();
+}
+
+std::string signed_text(std::int64_t growth, bool human) {
+  const char *sign = growth > 0 ? "+" : growth < 0 ? "-" : "";
+  if (!human) return (growth > 0 ? sign : "") + std::to_string(growth);
+  return sign + human_size(growth < 0 ? -growth : growth);
+}
+
+std::string size_text(std::int64_t bytes, bool human) {
+  if (bytes < 0) return "-";
+  return human ? human_size(bytes) : std::to_string(bytes);
+}
+
+std::string id_text(std::int64_t id) {
+  return id < 0 ? "-" : std::to_string(id);
+}
+
+std::string parents_text(const account_change &change) {
+  std::string now = id_text(parent_of(&change.account()));
+  if (change.change != change_kind::moved) return now;
+  return id_text(parent_of(change.before)) + " -> " + now;
+}
+
+std::string outlook_text(const account_outlook &outlook) {
+  if (outlook.outlook == outlook_kind::unknown) return "-";
+  const std::string kind(kind_name_of(outlook));
+  std::string text =
+      outlook.outlook == outlook_kind::day ? day_of(outlook) : name_of(outlook.outlook);
+  return kind.empty() ? text : text + " (" + kind + ")";
+}
+
+std::vector<std::string> cells_of(const account_change &change, const change_list &list,
+                                  bool human) {
+  const report_account &account = change.account();
+  std::vector<std::string> cells = {name_of(change.change),
+                                    signed_text(change.growth, human),
+                                    size_text(use_of(change.before, list.kinds), human),
+                                    size_text(use_of(change.after, list.kinds), human),
+                                    shown_login(account.login),
+                                    std::to_string(account.id),
+                                    name_of_level(account.level),
+                                    parents_text(change)};
+  if (list.has_outlook()) {
+    cells.push_back(outlook_text(outlook_of(account.id, list.states, list.kinds)));
+  }
+  return cells;
+}
+
+}  // namespace
+
+void write_changes_json(FILE *stream, const change_list &list) {
+  char buffer[65536];
+  rapidjson::FileWriteStream out(stream, buffer, sizeof buffer);
+  json_writer json(out);
+  json.StartObject();
+  write_member(json, "format", std::string_view("spoolcap-diff"));
+  write_member(json, "version", std::int64_t{1});
+  write_member(json, "host", std::string_view(list.states.back().host));
+  write_member(json, "from", std::string_view(iso_time(list.states.front().taken)));
+  write_member(json, "to", std::string_view(iso_time(list.states.back().taken)));
+  json.Key("changes");
+  json.StartArray();
+  for (const account_change &change : list.changes) {
+    out.Put('\n');
+    write_change(json, change, list);
+  }
+  json.EndArray();
+  json.EndObject();
+  out.Put('\n');
+  out.Flush();
+}
+
+void write_changes_separated(FILE *stream, separated_format format, const change_list &list) {
+  separated_line line(stream, format);
+  for (const char *name :
+       {"change", "id", "name", "level", "parent_before", "parent_after", "growth"}) {
+    line.add(name);
+  }
+  for_each_of(list.kinds,
+              [&](unsigned kind) { line.add(std::string("growth_") + media_kinds[kind].name); });
+  for (const char *name : {"total_before", "total_after"}) line.add(name);
+  if (list.has_outlook()) {
+    for (const char *name : {"outlook", "limit_day", "limit_kind"}) line.add(name);
+  }
+  line.end();
+  for (const account_change &change : list.changes) {
+    const report_account &account = change.account();
+    line.add(name_of(change.change));
+    line.add_number(account.id);
+    line.add_login(account.login);
+    line.add_number(account.level);
+    line.add_number(parent_of(change.before));
+    line.add_number(parent_of(change.after));
+    line.add(std::to_string(change.growth));
+    for_each_of(list.kinds, [&](unsigned kind) {
+      const std::optional<std::int64_t> growth = growth_of(change, kind);
+      line.add(growth ? std::to_string(*growth) : "");
+    });
+    line.add_number(use_of(change.before, list.kinds));
+    line.add_number(use_of(change.after, list.kinds));
+    if (list.has_outlook()) {
+      const account_outlook outlook = outlook_of(account.id, list.states, list.kinds);
+      line.add(name_of(outlook.outlook));
+      line.add(day_of(outlook));
+      line.add(kind_name_of(outlook));
+    }
+    line.end();
+  }
+}
+
+void write_changes_table(FILE *stream, const change_list &list, bool human) {
+  std::vector<std::pair<std::string, bool>> heads = {
+      {"change", true}, {"growth", false}, {"before", false}, {"after", false},
+      {"login", true},  {"id", false},     {"level", true},   {"parent", true}};
+  if (list.has_outlook()) heads.emplace_back("limit reached", true);
+  table_columns columns(heads);
+  for (const account_change &change : list.changes) columns.measure(cells_of(change, list, human));
+  columns.print_head(stream);
+  for (const account_change &change : list.changes) {
+    columns.print(stream, cells_of(change, list, human));
+  }
+}

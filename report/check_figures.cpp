@@ -1,0 +1,116 @@
+// Compares figures with the sizes of rows and files.
+#include <cstdio>
+#include <vector>
+
+#include "main/quota/usage.h"
+#include "report/checks.h"
+#include "report/statement.h"
+
+namespace {
+
+// What an account uses by itself, or nothing when that is not known.
+struct own_figures {
+  std::int64_t bytes[QUOTA_ALL_KINDS];
+  bool is_known[QUOTA_ALL_KINDS];
+};
+
+class figure_check {
+ public:
+  figure_check(const report_platform &platform, bool deep, findings_writer &out)
+      : platform_(platform), out_(out), own_(platform.accounts.size()) {
+    for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+      if (media_kinds[kind].rows.table != nullptr) {
+        sum_rows(kind);
+      } else if (deep) {
+        measure(kind);
+      }
+    }
+  }
+
+  void run() {
+    for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+      for (const std::uint32_t place : platform_.children_of(0)) {
+        if (platform_.accounts[place].level == LEVEL_RESELLER) compare(place, kind);
+      }
+    }
+  }
+
+ private:
+  // What the tree below a place amounts to.
+  struct subtree {
+    std::int64_t bytes;
+    bool is_known;
+  };
+
+  // Users have stored files; what is above them has none of its own.
+  void sum_rows(unsigned kind) {
+    for (own_figures &own : own_) own.is_known[kind] = true;
+    const report_session session;
+    for_each_row(session.get(),
+                 std::string("SELECT e.client_id, SUM(f.filesize) FROM ") +
+                     media_kinds[kind].rows.table +
+                     " f, extension e WHERE e.id = f.extension_id GROUP BY e.client_id",
+                 [&](const sql_fields &row) {
+                   const auto id = static_cast<std::uint32_t>(number_of(row[0]));
+                   const std::optional<std::uint32_t> place = platform_.place_of(id);
+                   if (!place || platform_.accounts[*place].level != LEVEL_OWNER) return;
+                   own_[*place].bytes[kind] = std::max<std::int64_t>(number_of(row[1]), 0);
+                 });
+  }
+
+  void measure(unsigned kind) {
+    for (std::uint32_t place = 0; place < own_.size(); ++place) {
+      const report_account &account = platform_.accounts[place];
+      char id[16];
+      // As a refresh of all resellers spells them.
+      std::snprintf(id, sizeof id, account.level == LEVEL_RESELLER ? "%04u" : "%u",
+                    account.level == LEVEL_RESELLER ? account.id % 10000 : account.id);
+      const usage found = own_usage({id, nullptr, nullptr, account.level, nullptr}, kind);
+      own_[place].bytes[kind] = found.bytes;
+      own_[place].is_known[kind] = found.certain;
+      if (!found.certain) {
+        out_.add({.name = "media_not_readable", .account = &account, .kind = kind});
+      }
+    }
+  }
+
+  // Compares the account and all below it.
+  subtree compare(std::uint32_t place, unsigned kind) {
+    const report_account &account = platform_.accounts[place];
+    const own_figures &own = own_[place];
+    subtree truth = {own.bytes[kind], own.is_known[kind]};
+    std::int64_t children = 0;
+    const auto below = platform_.children_of(account.id);
+    for (const std::uint32_t child : below) {
+      const subtree found = compare(child, kind);
+      truth = {sum_of(truth.bytes, found.bytes), truth.is_known && found.is_known};
+      children = sum_of(children, std::max<std::int64_t>(platform_.accounts[child].used[kind], 0));
+    }
+    const std::int64_t figure = account.used[kind];
+    if (figure < 0) return truth;
+    if (truth.is_known && figure != truth.bytes) tell("figure_differs", account, kind, truth.bytes);
+    const std::int64_t sum = sum_of(children, own.bytes[kind]);
+    if (!below.empty() && (own.is_known[kind] ? figure != sum : figure < sum)) {
+      tell("parent_differs", account, kind, sum);
+    }
+    return truth;
+  }
+
+  void tell(const char *name, const report_account &account, unsigned kind, std::int64_t expected) {
+    out_.add({.name = name,
+              .account = &account,
+              .kind = kind,
+              .found = account.used[kind],
+              .expected = expected});
+  }
+
+  const report_platform &platform_;
+  findings_writer &out_;
+  std::vector<own_figures> own_;
+};
+
+}  // namespace
+
+void check_figures(const report_platform &platform, bool deep, findings_writer &out) {
+  figure_check(platform, deep, out).run();
+}

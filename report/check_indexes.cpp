@@ -1,0 +1,67 @@
+// Asks the server which indexes its tables have.
+#include <algorithm>
+#include <iterator>
+#include <map>
+#include <vector>
+
+#include "report/checks.h"
+#include "report/statement.h"
+
+namespace {
+
+using columns = std::vector<std::string>;
+
+struct {
+  const char *table;
+  columns wanted;
+} const needed[] = {
+    {"client", {"id"}},
+    {"client", {"parent_client_id"}},
+    {"client", {"level"}},
+    {"client_prefs", {"client_id", "param"}},
+    {"hs_account", {"userID"}},
+    {"hs_account", {"username"}},
+    {"extension", {"id"}},
+    {"extension", {"client_id"}},
+    {"extension_fax_center", {"extension_id", "filesize"}},
+    {"extension_recording", {"extension_id", "filesize"}},
+    {"extension_voicemail", {"extension_id", "filesize"}},
+};
+
+// The columns of each index in their order, by table and index.
+using indexes = std::map<std::pair<std::string, std::string>, columns>;
+
+indexes indexes_of_database() {
+  indexes found;
+  const report_session session;
+  for_each_row(
+      session.get(),
+      "SELECT TABLE_NAME, INDEX_NAME, COLUMN_NAME FROM information_schema.STATISTICS "
+      "WHERE TABLE_SCHEMA = DATABASE() ORDER BY TABLE_NAME, INDEX_NAME, SEQ_IN_INDEX",
+      [&](const sql_fields &row) {
+        found[{std::string(row[0].value_or("")), std::string(row[1].value_or(""))}].emplace_back(
+            row[2].value_or(""));
+      });
+  return found;
+}
+
+// An index serves when it begins with the columns.
+bool is_served(const indexes &found, const std::string &table, const columns &wanted) {
+  return std::any_of(found.begin(), found.end(), [&](const auto &index) {
+    const columns &has = index.second;
+    return index.first.first == table && has.size() >= wanted.size() &&
+           std::equal(wanted.begin(), wanted.end(), has.begin());
+  });
+}
+
+}  // namespace
+
+void check_indexes(findings_writer &out) {
+  const indexes found = indexes_of_database();
+  for (const auto &[table, wanted] : needed) {
+    if (is_served(found, table, wanted)) continue;
+    std::string text = std::string(table) + " (";
+    for (const std::string &column : wanted) text += (column == wanted[0] ? "" : ", ") + column;
+    out.add({.name = "index_missing", .where = text + ")"});
+  }
+}

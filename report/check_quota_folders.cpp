@@ -1,0 +1,81 @@
+// Walks down the quota root by itself, as it looks for what the accounts do not lead to.
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <limits>
+
+#include "main/quota/settings.h"
+#include "report/checks.h"
+#include "report/options.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view dirty_ending = ".quota.dirty";
+
+class folder_check {
+ public:
+  folder_check(const report_platform &platform, findings_writer &out)
+      : platform_(platform), out_(out) {}
+
+  // Looks at the folders of the accounts below one, or of the resellers for null.
+  void look_into(const fs::path &folder, const report_account *above) {
+    std::error_code error;
+    for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
+      const std::string name = entry.path().filename().string();
+      const std::optional<std::uint64_t> id = whole_number(name);
+      if (id && entry.is_directory(error)) {
+        look_at_account(entry.path(), *id, above);
+      } else if (above != nullptr) {
+        look_at_mark(entry.path(), name, *above);
+      }
+    }
+  }
+
+ private:
+  void look_at_account(const fs::path &folder, std::uint64_t id, const report_account *above) {
+    const auto *const account = id <= std::numeric_limits<std::uint32_t>::max()
+                                    ? platform_.find(static_cast<std::uint32_t>(id))
+                                    : nullptr;
+    const bool is_here = account != nullptr &&
+                         account->above == (above == nullptr ? 0 : above->id) &&
+                         (above != nullptr || account->level == LEVEL_RESELLER);
+    if (is_here) {
+      look_into(folder, account);
+    } else {
+      out_.add({.name = "file_without_account", .where = folder.string()});
+    }
+  }
+
+  void look_at_mark(const fs::path &path, const std::string &name, const report_account &account) {
+    const std::string kind_name =
+        name.ends_with(dirty_ending) ? name.substr(0, name.size() - dirty_ending.size()) : "";
+    if (name == "quota.redo") {
+      tell("redo_mark", path, account, std::nullopt);
+      return;
+    }
+    for_each_of(all_kinds, [&](unsigned kind) {
+      if (kind_name == media_kinds[kind].name) tell("dirty_mark", path, account, kind);
+    });
+  }
+
+  void tell(const char *mark, const fs::path &path, const report_account &account,
+            std::optional<unsigned> kind) {
+    struct stat status {};
+    std::optional<std::int64_t> age;
+    if (::lstat(path.c_str(), &status) == 0) {
+      age = std::max<std::int64_t>(platform_.taken - status.st_mtim.tv_sec, 0);
+    }
+    out_.add({.name = mark, .account = &account, .kind = kind, .age = age});
+  }
+
+  const report_platform &platform_;
+  findings_writer &out_;
+};
+
+}  // namespace
+
+void check_quota_folders(const report_platform &platform, findings_writer &out) {
+  folder_check(platform, out).look_into(loaded_settings()->quota_root, nullptr);
+}

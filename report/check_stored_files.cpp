@@ -1,0 +1,125 @@
+// Compares rows of stored files with the files, by the ids of rows that the names of files have.
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+#include "main/storage/config.h"
+#include "report/checks.h"
+#include "report/command.h"
+#include "report/options.h"
+#include "report/statement.h"
+#include "report/utf8.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using file_id = std::uint64_t;
+using file_ids = std::vector<file_id>;  // sorted, each once
+
+// Visits the folders or files in a folder whose names begin with a number up to a dot or the end.
+void for_each_numbered(const fs::path &folder,
+                       const std::function<void(file_id id, const fs::path &path)> &visit) {
+  std::error_code error;
+  for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename().string();
+    if (const auto id = whole_number(std::string_view(name).substr(0, name.find('.')))) {
+      visit(*id, entry.path());
+    }
+  }
+}
+
+// Visits the files <first id>/<second id>/<file id>.<extension>, as both engines name them.
+void for_each_file(const fs::path &folder,
+                   const std::function<void(file_id id, const fs::path &path)> &visit) {
+  for_each_numbered(folder, [&](file_id, const fs::path &first) {
+    for_each_numbered(first,
+                      [&](file_id, const fs::path &second) { for_each_numbered(second, visit); });
+  });
+}
+
+file_ids ids_below(const fs::path &folder) {
+  file_ids ids;
+  for_each_file(folder, [&](file_id id, const fs::path &) { ids.push_back(id); });
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+  return ids;
+}
+
+bool has(const file_ids &ids, file_id id) {
+  return std::binary_search(ids.begin(), ids.end(), id);
+}
+
+// One kind of media: its rows, and where its files are.
+class kind_check {
+ public:
+  kind_check(unsigned kind, const storage_config &config, findings_writer &out)
+      : kind_(kind),
+        local_(kind == QUOTA_RECORDING ? fs::path(config.monitor_dir)
+                                       : fs::path(config.base_dir) / media_kinds[kind].folder),
+        cache_(fs::path(config.cache) / "main" / media_kinds[kind].key_word),
+        out_(out) {}
+
+  void run() {
+    const file_ids local = ids_below(local_);
+    file_ids rows;
+    for_each_row([&](file_id id, bool is_local) {
+      rows.push_back(id);
+      if (is_local && !has(local, id)) rows_without_files_.push_back(id);
+    });
+    std::sort(rows.begin(), rows.end());
+    find_files_without(rows, local_);
+    find_files_without(rows, cache_);
+    tell_rows();
+  }
+
+ private:
+  void for_each_row(const std::function<void(file_id id, bool is_local)> &visit) const {
+    const report_session session;
+    ::for_each_row(session.get(), std::string("SELECT id, se FROM ") + table(),
+                   [&](const sql_fields &row) {
+                     visit(whole_number(row[0].value_or("")).value_or(0), row[1] == "posix");
+                   });
+  }
+
+  const char *table() const { return media_kinds[kind_].rows.table; }
+
+  void find_files_without(const file_ids &rows, const fs::path &folder) {
+    for_each_file(folder, [&](file_id id, const fs::path &path) {
+      if (!has(rows, id)) {
+        out_.add({.name = "file_without_row", .kind = kind_, .where = valid_utf8(path.string())});
+      }
+    });
+  }
+
+  // A file may have come since the first look.
+  void tell_rows() {
+    if (rows_without_files_.empty()) return;
+    const file_ids local = ids_below(local_);
+    for (const file_id id : rows_without_files_) {
+      if (has(local, id)) continue;
+      out_.add({.name = "row_without_file",
+                .kind = kind_,
+                .where = std::string(table()) + " " + std::to_string(id)});
+    }
+  }
+
+  unsigned kind_;
+  fs::path local_;  // of the engine POSIX
+  fs::path cache_;  // of the object store
+  findings_writer &out_;
+  file_ids rows_without_files_;
+};
+
+}  // namespace
+
+void check_stored_files(const char *storage, findings_writer &out) {
+  if (load_config(QX_HERE, storage, nullptr) != 0) {
+    throw report_trouble("The configuration of the storage cannot be read");
+  }
+  const storage_snapshot now = take_snapshot();
+  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+    if (media_kinds[kind].rows.table != nullptr) kind_check(kind, *now.config, out).run();
+  }
+}

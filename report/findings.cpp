@@ -1,0 +1,68 @@
+// Writes findings as lines of text or as a document.
+#include "report/findings.h"
+
+#include "report/table.h"
+
+findings_writer::findings_writer(FILE *stream, bool as_json, const report_platform &platform)
+    : stream_(stream) {
+  if (!as_json) return;
+  json_ = std::make_unique<json_stream>(stream);
+  json_->json.StartObject();
+  write_document_head(json_->json, "spoolcap-check", platform);
+  json_->json.Key("findings");
+  json_->json.StartArray();
+  json_->out.Put('\n');
+}
+
+void findings_writer::add(const finding &one) {
+  ++count_;
+  if (json_) {
+    add_json(one);
+  } else {
+    add_text(one);
+  }
+}
+
+void findings_writer::end() {
+  if (!json_) {
+    std::fprintf(stream_, "%lld findings\n", static_cast<long long>(count_));
+    return;
+  }
+  json_->json.EndArray();
+  json_->json.EndObject();
+  json_->out.Put('\n');
+  json_->out.Flush();
+}
+
+void findings_writer::add_text(const finding &one) {
+  std::string line = one.name;
+  if (one.account != nullptr) {
+    line += " account " + std::to_string(one.account->id) + " " + shown_login(one.account->login);
+  }
+  if (one.kind) line += std::string(" ") + media_kinds[*one.kind].name;
+  const auto add_number = [&](const char *name, std::optional<std::int64_t> number) {
+    if (number) line += std::string(" ") + name + " " + std::to_string(*number);
+  };
+  add_number("found", one.found);
+  add_number("expected", one.expected);
+  add_number("age", one.age);
+  if (!one.where.empty()) line += " in " + shown_login(one.where);
+  line += '\n';
+  std::fwrite(line.data(), 1, line.size(), stream_);
+}
+
+void findings_writer::add_json(const finding &one) {
+  json_writer &json = json_->json;
+  json.StartObject();
+  write_member(json, "finding", std::string_view(one.name));
+  write_member(json, "account", one.account == nullptr ? -1 : std::int64_t{one.account->id});
+  write_member(json, "name", one.account == nullptr ? std::string_view() : one.account->login);
+  write_member(json, "kind",
+               one.kind ? std::string_view(media_kinds[*one.kind].name) : std::string_view());
+  write_member(json, "found", one.found.value_or(-1));
+  write_member(json, "expected", one.expected.value_or(-1));
+  write_member(json, "age", one.age.value_or(-1));
+  write_member(json, "where", one.where.empty() ? std::string_view() : std::string_view(one.where));
+  json.EndObject();
+  json_->out.Put('\n');
+}

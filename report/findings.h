@@ -1,0 +1,39 @@
+// What `check` finds: each finding is told as soon as it is found.
+#ifndef REPORT_FINDINGS_H
+#define REPORT_FINDINGS_H
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "report/json.h"
+
+// What is not as it should be; what is not known is left out.
+struct finding {
+  const char *name;                         // which sort of finding it is: "figure_differs"
+  const report_account *account = nullptr;  // whose
+  std::optional<unsigned> kind = {};        // of media
+  std::optional<std::int64_t> found = {};
+  std::optional<std::int64_t> expected = {};
+  std::optional<std::int64_t> age = {};  // seconds
+  std::string where = {};                // a path, a row or a table
+};
+
+class findings_writer {
+ public:
+  findings_writer(FILE *stream, bool as_json, const report_platform &platform);
+  void add(const finding &one);
+  // Ends the report; call once.
+  void end();
+  std::int64_t count() const { return count_; }
+
+ private:
+  void add_text(const finding &one);
+  void add_json(const finding &one);
+
+  FILE *stream_;
+  std::int64_t count_ = 0;
+  std::unique_ptr<json_stream> json_;  // null for text
+};
+
+#endif

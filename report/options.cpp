@@ -1,0 +1,105 @@
+// Reads numbers and words as they were typed.
+#include "report/options.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <functional>
+
+#include "report/command.h"
+
+namespace {
+
+constexpr struct {
+  int level;
+  const char *name;
+} level_names[] = {{LEVEL_RESELLER, "reseller"}, {LEVEL_CLIENT, "client"}, {LEVEL_OWNER, "user"}};
+
+[[noreturn]] void refuse(const char *name, std::string_view text) {
+  throw report_trouble(std::string(name) + ": not understood: " + std::string(text));
+}
+
+template <class Number>
+std::optional<Number> number_in(std::string_view text) {
+  Number number = 0;
+  const auto end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
+}
+
+// Hands each word of a list to `take`, which tells whether it knows it.
+void take_words(const char *name, std::string_view list,
+                const std::function<bool(std::string_view)> &take) {
+  for (;;) {
+    const size_t comma = std::min(list.find(','), list.size());
+    if (!take(list.substr(0, comma))) refuse(name, list.substr(0, comma));
+    if (comma == list.size()) return;
+    list.remove_prefix(comma + 1);
+  }
+}
+
+}  // namespace
+
+std::optional<std::int64_t> number_option(const char *name, const char *text, std::int64_t least,
+                                          std::int64_t most) {
+  if (text == nullptr) return std::nullopt;
+  const auto number = number_in<std::int64_t>(text);
+  if (!number || *number < least || *number > most) refuse(name, text);
+  return number;
+}
+
+std::optional<double> decimal_option(const char *name, const char *text) {
+  if (text == nullptr) return std::nullopt;
+  const auto number = number_in<double>(text);
+  if (!number || !std::isfinite(*number)) refuse(name, text);
+  return number;
+}
+
+size_t choice_option(const char *name, const char *text, std::initializer_list<const char *> words,
+                     size_t otherwise) {
+  if (text == nullptr) return otherwise;
+  const auto *const found = std::find(words.begin(), words.end(), std::string_view(text));
+  if (found == words.end()) refuse(name, text);
+  return static_cast<size_t>(found - words.begin());
+}
+
+kind_set kinds_option(const char *name, const char *text) {
+  if (text == nullptr) return set_of(QUOTA_ALL_KINDS);
+  kind_set kinds = 0;
+  take_words(name, text, [&](std::string_view word) {
+    for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
+      if (word == media_kinds[kind].name) return kinds |= set_of(kind), true;
+    }
+    return false;
+  });
+  return kinds;
+}
+
+std::vector<int> levels_option(const char *name, const char *text) {
+  std::vector<int> levels;
+  if (text == nullptr) return levels;
+  take_words(name, text, [&](std::string_view word) {
+    for (const auto &known : level_names) {
+      if (word != known.name && word != std::to_string(known.level)) continue;
+      levels.push_back(known.level);
+      return true;
+    }
+    return false;
+  });
+  return levels;
+}
+
+void take_no_words(const std::vector<std::string> &words) {
+  if (!words.empty()) throw report_trouble("Not understood: " + words[0]);
+}
+
+std::optional<std::uint64_t> whole_number(std::string_view text) {
+  return number_in<std::uint64_t>(text);
+}
+
+std::string name_of_level(int level) {
+  for (const auto &known : level_names) {
+    if (known.level == level) return known.name;
+  }
+  return std::to_string(level);
+}

@@ -1,0 +1,99 @@
+// Opens, completes and renames files.
+#include "report/output.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/base/view.h"
+#include "report/command.h"
+
+namespace {
+
+// The file that a path leads to through links; the path itself when there is none.
+std::string resolved(const char *path) {
+  const c_string found(::realpath(path, nullptr));
+  return found ? found.get() : path;
+}
+
+bool is_kept_in_place(const std::string &path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+// The mode that a new file gets from this process.
+mode_t mode_of_new_files() {
+  const mode_t mask = ::umask(0);
+  ::umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+void prepare_standard_streams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (::fcntl(fd, F_GETFD) >= 0) continue;
+    // Gets this very number, the lowest free one. Writing to standard output then still fails.
+    [[maybe_unused]] const int taken =
+        ::open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
+  }
+  ::signal(SIGPIPE, SIG_IGN);
+}
+
+report_output::report_output(const char *path) {
+  if (is_empty(path) || std::strcmp(path, "-") == 0) return;
+  path_ = resolved(path);
+  if (is_kept_in_place(path_)) {
+    file_.reset(std::fopen(path_.c_str(), "we"));
+  } else {
+    open_beside();
+  }
+  if (!file_) fail(errno);
+}
+
+void report_output::open_beside() {
+  const size_t name = path_.rfind('/') + 1;
+  temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
+  unique_fd opened(::mkostemp(temporary_.data(), O_CLOEXEC));
+  if (!opened) {
+    temporary_.clear();
+    return;
+  }
+  ::fchmod(opened.get(), mode_of_new_files());
+  file_.reset(::fdopen(opened.get(), "w"));
+  if (file_) opened.release();
+}
+
+report_output::~report_output() {
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+void report_output::fail(int error) const {
+  throw report_trouble((path_.empty() ? "Standard output" : path_) +
+                       " could not be written: " + std::strerror(error));
+}
+
+void report_output::commit() {
+  // After an error in the middle, the stream does not say any more which one it was.
+  errno = 0;
+  bool failed = std::ferror(stream()) != 0;
+  const int earlier = failed ? ENOSPC : 0;
+  failed = std::fflush(stream()) != 0 || failed;
+  if (failed) fail(errno != 0 ? errno : earlier);
+  if (!file_) {
+    // Some file systems report an error only when the file is closed.
+    if (std::fclose(stdout) != 0) fail(errno);
+    return;
+  }
+  if (!temporary_.empty() && ::fsync(::fileno(file_.get())) != 0) fail(errno);
+  if (std::fclose(file_.release()) != 0) fail(errno);
+  if (temporary_.empty()) return;
+  if (::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
+  temporary_.clear();
+}

@@ -1,0 +1,98 @@
+// What follows from the figures of an account, and lookups in the collected accounts.
+#include "report/platform.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+const char *name_of(figure_state state) {
+  static constexpr const char *names[figure_states] = {"measured", "updated", "dirty",
+                                                       "redo",     "missing", "unreadable"};
+  return names[static_cast<size_t>(state)];
+}
+
+std::int64_t sum_of(std::int64_t left, std::int64_t right) {
+  std::int64_t sum = 0;
+  return __builtin_add_overflow(left, right, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
+}
+
+std::int64_t total_of(const report_account &account, kind_set kinds) {
+  std::int64_t total = -1;
+  for_each_of(kinds, [&](unsigned kind) {
+    if (account.used[kind] >= 0) {
+      total = sum_of(std::max<std::int64_t>(total, 0), account.used[kind]);
+    }
+  });
+  return total;
+}
+
+std::optional<double> percent_of_kind(const report_account &account, unsigned kind) {
+  if (account.used[kind] < 0 || account.limit[kind] < 0) return std::nullopt;
+  const auto limit = static_cast<double>(std::max<std::int64_t>(account.limit[kind], 1));
+  return std::round(static_cast<double>(account.used[kind]) / limit * 1000) / 10;
+}
+
+std::string percent_text(std::optional<double> percent) {
+  char text[400];  // the highest double has 309 digits
+  return percent
+             ? std::string(text,
+                           static_cast<size_t>(std::snprintf(text, sizeof text, "%.1f", *percent)))
+             : "";
+}
+
+std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds) {
+  std::optional<unsigned> fullest;
+  for_each_of(kinds, [&](unsigned kind) {
+    const std::optional<double> percent = percent_of_kind(account, kind);
+    if (percent && (!fullest || *percent > *percent_of_kind(account, *fullest))) fullest = kind;
+  });
+  return fullest;
+}
+
+std::optional<double> percent_of(const report_account &account, kind_set kinds) {
+  const std::optional<unsigned> kind = fullest_kind(account, kinds);
+  return kind ? percent_of_kind(account, *kind) : std::nullopt;
+}
+
+figure_state state_of(const report_account &account, kind_set kinds) {
+  figure_state worst = figure_state::measured;
+  for_each_of(kinds, [&](unsigned kind) { worst = std::max(worst, account.states[kind]); });
+  return worst;
+}
+
+std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set kinds) {
+  std::int64_t oldest = -1;
+  for_each_of(kinds, [&](unsigned kind) {
+    const std::int64_t time = account.modified[kind];
+    if (time >= 0 && (oldest < 0 || time < oldest)) oldest = time;
+  });
+  return oldest < 0 ? -1 : std::max<std::int64_t>(taken - oldest, 0);
+}
+
+std::optional<std::uint32_t> report_platform::place_of(std::uint32_t id) const {
+  const auto found = std::lower_bound(
+      accounts.begin(), accounts.end(), id,
+      [](const report_account &account, std::uint32_t wanted) { return account.id < wanted; });
+  if (found == accounts.end() || found->id != id) return std::nullopt;
+  return static_cast<std::uint32_t>(found - accounts.begin());
+}
+
+const report_account *report_platform::find(std::uint32_t id) const {
+  const std::optional<std::uint32_t> place = place_of(id);
+  return place ? &accounts[*place] : nullptr;
+}
+
+report_account *report_platform::find(std::uint32_t id) {
+  const std::optional<std::uint32_t> place = place_of(id);
+  return place ? &accounts[*place] : nullptr;
+}
+
+std::span<const std::uint32_t> report_platform::children_of(std::uint32_t id) const {
+  const auto first =
+      std::partition_point(by_above.begin(), by_above.end(),
+                           [&](std::uint32_t place) { return accounts[place].above < id; });
+  const auto last = std::partition_point(
+      first, by_above.end(), [&](std::uint32_t place) { return accounts[place].above == id; });
+  return {first, last};
+}

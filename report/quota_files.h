@@ -1,0 +1,12 @@
+// Reads the quota files of the collected accounts, as the engine places and reads them.
+#ifndef REPORT_QUOTA_FILES_H
+#define REPORT_QUOTA_FILES_H
+
+#include "report/platform.h"
+
+// Fills figures, states and times of the accounts that have files; what is said of the others
+// stays. One whose place in the tree cannot be told, as no reseller is above it, has none. Throws
+// report_trouble when the quota root cannot be read.
+void read_quota_files(report_platform &platform);
+
+#endif

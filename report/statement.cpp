@@ -1,0 +1,41 @@
+// Reads rows from the connection of a session, without storing them.
+#include "report/statement.h"
+
+#include <charconv>
+
+#include "report/command.h"
+
+namespace {
+
+[[noreturn]] void fail(MYSQL *mysql) {
+  throw report_trouble(std::string("The database gives no answer: ") + mysql_error(mysql));
+}
+
+}  // namespace
+
+report_session::report_session() {
+  if (!*this) throw report_trouble("The database cannot be reached");
+}
+
+void for_each_row(SessionHandle session, const std::string &statement,
+                  const std::function<void(const sql_fields &)> &visit) {
+  MYSQL *const mysql = fr_sql_conn_get_mysql(session);
+  if (mysql_real_query(mysql, statement.data(), statement.size()) != 0) fail(mysql);
+  const sql_result rows(mysql_use_result(mysql));
+  if (!rows) fail(mysql);
+  sql_fields fields(mysql_num_fields(rows.get()));
+  while (MYSQL_ROW row = mysql_fetch_row(rows.get())) {
+    const unsigned long *lengths = mysql_fetch_lengths(rows.get());
+    for (size_t i = 0; i < fields.size(); ++i) {
+      fields[i] = row[i] == nullptr ? sql_field() : sql_field({row[i], lengths[i]});
+    }
+    visit(fields);
+  }
+  if (mysql_errno(mysql) != 0) fail(mysql);
+}
+
+std::int64_t number_of(const sql_field &field) {
+  std::int64_t number = 0;
+  if (field) std::from_chars(field->data(), field->data() + field->size(), number);
+  return number;
+}

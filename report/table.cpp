@@ -1,0 +1,171 @@
+// Makes all cells of a line, first to find the widths and then to print.
+#include "report/table.h"
+
+#include <algorithm>
+#include <clocale>
+#include <cwchar>
+
+#include "report/options.h"
+#include "report/utf8.h"
+
+namespace {
+
+constexpr std::string_view unknown = "-";
+
+bool disturbs_terminal(char32_t character) {
+  constexpr struct {
+    char32_t first, last;
+  } ranges[] = {{0, 0x1f},        {0x7f, 0x9f},      {0xad, 0xad},     {0x61c, 0x61c},
+                {0x200b, 0x200f}, {0x2028, 0x202e},  {0x2060, 0x206f}, {0xfeff, 0xfeff},
+                {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
+  return std::any_of(std::begin(ranges), std::end(ranges), [&](const auto &range) {
+    return character >= range.first && character <= range.last;
+  });
+}
+
+// Columns of a terminal that a text takes.
+size_t width_of(std::string_view text) {
+  size_t width = 0;
+  for (size_t length = 0; !text.empty(); text.remove_prefix(length)) {
+    const int columns = ::wcwidth(static_cast<wchar_t>(first_character(text, length)));
+    width += columns < 0 ? 1 : static_cast<size_t>(columns);
+  }
+  return width;
+}
+
+std::string number_text(std::int64_t number) {
+  return number < 0 ? std::string(unknown) : std::to_string(number);
+}
+
+using cells = std::vector<std::string>;
+
+class table {
+ public:
+  table(const report_platform &platform, const table_style &style)
+      : platform_(platform), style_(style) {}
+
+  std::vector<std::pair<std::string, bool>> heads() const {
+    std::vector<std::pair<std::string, bool>> heads = {
+        {"login", true}, {"id", false}, {"level", true}};
+    for_each_of(style_.kinds,
+                [&](unsigned kind) { heads.emplace_back(media_kinds[kind].name, false); });
+    for (const char *name : {"total", "limit"}) heads.emplace_back(name, false);
+    heads.emplace_back("of", true);
+    for (const char *name : {"percent", "age"}) heads.emplace_back(name, false);
+    heads.emplace_back("state", true);
+    return heads;
+  }
+
+  cells line_of(const chosen_account &chosen) const {
+    const report_account &account = platform_.accounts[chosen.place];
+    const std::optional<unsigned> fullest = fullest_kind(account, style_.kinds);
+    cells line = {
+        std::string(style_.indent ? 2 * chosen.depth : 0, ' ') + shown_login(account.login),
+        std::to_string(account.id), name_of_level(account.level)};
+    for_each_of(style_.kinds, [&](unsigned kind) { line.push_back(size(account.used[kind])); });
+    line.push_back(size(total_of(account, style_.kinds)));
+    line.push_back(size(fullest ? account.limit[*fullest] : -1));
+    line.emplace_back(fullest ? media_kinds[*fullest].name : unknown);
+    line.push_back(fullest ? percent_text(percent_of_kind(account, *fullest)) + "%"
+                           : std::string(unknown));
+    const std::int64_t age = age_of(account, platform_.taken, style_.kinds);
+    line.push_back(style_.human && age >= 0 ? human_time(age) : number_text(age));
+    line.push_back(state(account));
+    return line;
+  }
+
+ private:
+  std::string size(std::int64_t bytes) const {
+    return style_.human && bytes >= 0 ? human_size(bytes) : number_text(bytes);
+  }
+
+  // With the most updates that a file had.
+  std::string state(const report_account &account) const {
+    const figure_state worst = state_of(account, style_.kinds);
+    if (worst != figure_state::updated) return name_of(worst);
+    std::int32_t most = 0;
+    for_each_of(style_.kinds, [&](unsigned kind) { most = std::max(most, account.updates[kind]); });
+    return std::string(name_of(worst)) + " (" + std::to_string(most) + ")";
+  }
+
+  const report_platform &platform_;
+  const table_style &style_;
+};
+
+}  // namespace
+
+table_columns::table_columns(const std::vector<std::pair<std::string, bool>> &heads) {
+  // For the widths of characters; where this locale is not known, each takes one column.
+  std::setlocale(LC_CTYPE, "C.UTF-8");
+  for (const auto &[head, is_text] : heads) columns_.push_back({head, is_text, head.size()});
+}
+
+void table_columns::measure(const std::vector<std::string> &line) {
+  for (size_t i = 0; i < line.size(); ++i) {
+    columns_[i].width = std::max(columns_[i].width, width_of(line[i]));
+  }
+}
+
+void table_columns::print_head(FILE *stream) const {
+  std::vector<std::string> line;
+  for (const column &one : columns_) line.push_back(one.head);
+  print(stream, line);
+}
+
+void table_columns::print(FILE *stream, const std::vector<std::string> &line) const {
+  std::string text;
+  for (size_t i = 0; i < line.size(); ++i) {
+    const std::string padding(columns_[i].width - width_of(line[i]), ' ');
+    if (i != 0) text += "  ";
+    text += columns_[i].is_text ? line[i] + padding : padding + line[i];
+  }
+  text.erase(text.find_last_not_of(' ') + 1);
+  text += '\n';
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void write_table(FILE *stream, const report_platform &platform,
+                 std::span<const chosen_account> accounts, const table_style &style) {
+  const table lines(platform, style);
+  table_columns columns(lines.heads());
+  for (const chosen_account &account : accounts) columns.measure(lines.line_of(account));
+  columns.print_head(stream);
+  for (const chosen_account &account : accounts) columns.print(stream, lines.line_of(account));
+}
+
+std::string human_size(std::int64_t bytes) {
+  static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "PB", "EB"};
+  auto scaled = static_cast<double>(bytes);
+  size_t unit = 0;
+  for (; scaled >= 1024; ++unit) scaled /= 1024;
+  char text[32];
+  const int length =
+      std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.2f %s", scaled, units[unit]);
+  return {text, static_cast<size_t>(length)};
+}
+
+std::string human_time(std::int64_t seconds) {
+  constexpr struct {
+    std::int64_t seconds;
+    const char *name;
+  } units[] = {{86400, " d"}, {3600, " h"}, {60, " min"}, {1, " s"}};
+  // Two of a unit at least, so that little is lost.
+  const auto *const unit =
+      std::find_if(std::begin(units), std::end(units) - 1,
+                   [&](const auto &one) { return seconds >= 2 * one.seconds; });
+  return std::to_string(seconds / unit->seconds) + unit->name;
+}
+
+std::string shown_login(std::string_view login) {
+  if (login.data() == nullptr) return std::string(unknown);
+  std::string shown;
+  for (size_t length = 0; !login.empty(); login.remove_prefix(length)) {
+    const bool escaped = disturbs_terminal(first_character(login, length));
+    for (const char byte : login.substr(0, length)) {
+      char text[8] = {byte};
+      if (escaped) std::snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned char>(byte));
+      shown += text;
+    }
+  }
+  return shown;
+}

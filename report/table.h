@@ -1,0 +1,52 @@
+// Accounts as a table for a terminal.
+#ifndef REPORT_TABLE_H
+#define REPORT_TABLE_H
+
+#include <cstdio>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "report/choice.h"
+
+struct table_style {
+  kind_set kinds = all_kinds;
+  bool human = false;   // sizes and ages in units that people read
+  bool indent = false;  // logins by their depth
+};
+
+// The limit is that of the kind that is used the most of it, which stands beside it. In a login
+// each byte of a character that could disturb the terminal (controls, direction marks, line
+// separators) is written as "\xNN".
+void write_table(FILE *stream, const report_platform &platform,
+                 std::span<const chosen_account> accounts, const table_style &style);
+
+// Lines of cells in columns: all lines are measured first, and then printed.
+class table_columns {
+ public:
+  // The heads, each with whether its column is one of text, which begins at the left.
+  explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
+  void measure(const std::vector<std::string> &line);
+  void print_head(FILE *stream) const;
+  void print(FILE *stream, const std::vector<std::string> &line) const;
+
+ private:
+  struct column {
+    std::string head;
+    bool is_text;
+    size_t width;
+  };
+  std::vector<column> columns_;
+};
+
+// A byte count in the unit that suits it: "1.50 KB".
+std::string human_size(std::int64_t bytes);
+
+// A time in the unit that suits it: "59 s", "3 h".
+std::string human_time(std::int64_t seconds);
+
+// A login, fit for a terminal; "-" for an account without one.
+std::string shown_login(std::string_view login);
+
+#endif

@@ -1,0 +1,162 @@
+// Snapshots, and what the report makes of two and more of them.
+#include <zstd.h>
+
+#include "tests/e2e/report_fixture.h"
+
+namespace {
+
+class Diff : public Report {
+ protected:
+  // A snapshot of this document.
+  std::string packed(const std::string &name, const std::string &document) {
+    std::string content(ZSTD_compressBound(document.size()), '\0');
+    content.resize(
+        ZSTD_compress(content.data(), content.size(), document.data(), document.size(), 3));
+    box.write_file(name, content);
+    return box.path(name);
+  }
+
+  // A snapshot of the platform as it is, said to be of midnight of this day.
+  std::string snapshot_of(const std::string &day) {
+    std::string document = report({"list", "--format", "json"});
+    const std::string key = "\"taken\":\"";
+    const std::string midnight = day + "T00:00:00";
+    document.replace(document.find(key) + key.size(), midnight.size(), midnight);
+    return packed(day, document);
+  }
+
+  std::string refusal(const std::vector<std::string> &arguments) const {
+    const support::process_result result = box.run_report(arguments);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    return result.err;
+  }
+};
+
+TEST_F(Diff, SnapshotsHoldTheListAndAreReadBack) {
+  const std::string path = box.path("snapshot");
+  report({"snapshot", path});
+  EXPECT_EQ(report({"diff", path}), "change  growth  before  after  login  id  level  parent\n");
+  const std::string content = box.read_file("snapshot").value();
+  std::string document(1 << 20, '\0');
+  document.resize(
+      ZSTD_decompress(document.data(), document.size(), content.data(), content.size()));
+  rapidjson::Document read;
+  read.Parse(document.c_str());
+  const rapidjson::Document listed = json({"list", "--format", "json"});
+  ASSERT_EQ(read["accounts"].Size(), listed["accounts"].Size());
+  for (unsigned i = 0; i < listed["accounts"].Size(); ++i) {
+    EXPECT_EQ(read["accounts"][i]["used"], listed["accounts"][i]["used"]);
+    EXPECT_EQ(read["accounts"][i]["name"], listed["accounts"][i]["name"]);
+  }
+}
+
+TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
+  box.add_owner(14, 2, "gil");
+  write_quota("1/2/14/fax", "400.0");
+  const std::string old = snapshot_of("2026-01-01");
+  box.sql("DELETE FROM client WHERE id = 14");
+  box.add_owner(15, 2, "=hal");
+  write_quota("1/2/15/sound", "70.0");
+  box.add_client(4, 3, "ivy");
+  box.sql("UPDATE client SET parent_client_id = 4 WHERE id = 13");
+  write_quota("3/4/13/fax", "30.0");
+  write_quota("1/2/12/fax", "1048500.0");
+  write_quota("1/music", "1010.3");
+  // A figure that is not known on one side is no growth.
+  write_quota("1/2/fax", "broken");
+  EXPECT_EQ(report({"diff", old}),
+            "change  growth   before    after  login  id  level     parent\n"
+            "grew     +1000  1051745  1052745  ann     1  reseller  -\n"
+            "came       +70        -       70  =hal   15  user      2\n"
+            "moved      +30        0       30  dan    13  user      2 -> 4\n"
+            "came         0        -        -  ivy     4  client    3\n"
+            "shrank     -76  1051735  1051659  cid    12  user      2\n"
+            "went      -400      400        -  gil    14  user      2\n");
+  EXPECT_EQ(report({"diff", "--format", "csv", "--level", "user", "--kind", "fax,sound", old}),
+            "change,id,name,level,parent_before,parent_after,growth,growth_fax,growth_sound,"
+            "total_before,total_after\r\n"
+            "came,15,'=hal,100,,2,70,,70,,70\r\n"
+            "moved,13,dan,100,2,4,30,30,,0,30\r\n"
+            "shrank,12,cid,100,2,2,-76,-76,0,1048676,1048600\r\n"
+            "went,14,gil,100,2,,-400,-400,,400,\r\n");
+  EXPECT_EQ(report({"diff", "--top", "1", "--human", old, "now"}),
+            "change   growth   before    after  login  id  level     parent\n"
+            "grew    +1000 B  1.00 MB  1.00 MB  ann     1  reseller  -\n");
+  const rapidjson::Document document = json({"diff", "--format", "json", "--top", "3", old});
+  EXPECT_STREQ(document["from"].GetString(), "2026-01-01T00:00:00Z");
+  const auto &moved = document["changes"][2];
+  EXPECT_STREQ(moved["change"].GetString(), "moved");
+  EXPECT_EQ(moved["parent_before"].GetInt(), 2);
+  EXPECT_EQ(moved["parent_after"].GetInt(), 4);
+  EXPECT_EQ(moved["growths"]["fax"].GetInt(), 30);
+  EXPECT_TRUE(moved["growths"]["sound"].IsNull());
+}
+
+TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
+  for (const int id : {1, 2, 12, 13}) box.set_preference(id, "fax_storage", "1");
+  const auto set = [&](int ann, int bob, int cid, int dan) {
+    write_quota("1/fax", std::to_string(ann) + ".0");
+    write_quota("1/2/fax", std::to_string(bob) + ".0");
+    write_quota("1/2/12/fax", std::to_string(cid) + ".0");
+    write_quota("1/2/13/fax", std::to_string(dan) + ".0");
+  };
+  std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax"};
+  set(100, 500, 500, 10);
+  arguments.push_back(snapshot_of("2026-01-01"));
+  set(210, 400, 500, 10);
+  arguments.push_back(snapshot_of("2026-01-02"));
+  set(290, 300, 1100, 11);
+  arguments.push_back(snapshot_of("2026-01-03"));
+  // Of ann, the line is 200 + 95 a day around the second day, and 1,024 is its height on the tenth.
+  EXPECT_EQ(report(arguments),
+            "change,id,name,level,parent_before,parent_after,growth,growth_fax,total_before,"
+            "total_after,outlook,limit_day,limit_kind\r\n"
+            "grew,12,cid,100,2,2,600,600,500,1100,reached,,fax\r\n"
+            "grew,1,ann,10,,,190,190,100,290,day,2026-01-10,fax\r\n"
+            "grew,13,dan,100,2,2,1,1,10,11,day,2031-07-22,fax\r\n"
+            "shrank,2,bob,50,1,1,-200,-200,500,300,does not grow,,\r\n");
+}
+
+TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
+  const std::string whole = box.path("whole");
+  report({"snapshot", whole});
+  const std::string content = box.read_file("whole").value();
+  std::string damaged = content;
+  damaged[content.size() / 2] ^= 1;
+  const std::string newer =
+      R"({"format":"spoolcap-report","version":2,"taken":"2026-01-31T02:00:07Z","accounts":7})";
+  box.write_file("text", "no snapshot");
+  box.write_file("empty", "");
+  box.write_file("cut", content.substr(0, content.size() - 9));
+  box.write_file("damaged", damaged);
+  packed("newer", newer);
+  packed("foreign", R"({"format":"something","version":1})");
+  packed("scalar", "12");
+  packed("odd", R"({"accounts":{"x":[5,"y",{"z":[{"used":{"fax":1}}]}]}})");
+  packed("deep", std::string(300000, '['));
+  for (const auto &[name, reason] : {std::pair("text", "is no snapshot"),
+                                     {"empty", "is no snapshot"},
+                                     {"foreign", "is no snapshot"},
+                                     {"scalar", "is no snapshot"},
+                                     {"odd", "is no snapshot"},
+                                     {"deep", "is no snapshot"},
+                                     {"cut", "is cut off"},
+                                     {"damaged", "is damaged"},
+                                     {"newer", "was written by a newer version"},
+                                     {"missing", "No such file or directory"}}) {
+    EXPECT_EQ(refusal({"diff", box.path(name)}),
+              "spoolcap-report: " + box.path(name) + ": " + reason + "\n");
+  }
+  const std::string old = snapshot_of("2001-01-01");
+  EXPECT_EQ(refusal({"diff", "now", old}),
+            "spoolcap-report: " + old + ": is older than the one before it\n");
+  EXPECT_EQ(refusal({"diff"}), "spoolcap-report: diff needs the name of a snapshot\n");
+  EXPECT_EQ(refusal({"snapshot", "/dev/full"}),
+            "spoolcap-report: /dev/full could not be written: No space left on device\n");
+  EXPECT_EQ(refusal({"page", box.path("no/such/page")}),
+            "spoolcap-report: " + box.path("no/such/page") +
+                " could not be written: No such file or directory\n");
+}
+
+}  // namespace

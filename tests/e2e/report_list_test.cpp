@@ -1,0 +1,224 @@
+// The list of accounts in all its formats, beside sums over the tables and the disk.
+#include <rapidjson/schema.h>
+
+#include <fstream>
+
+#include "tests/e2e/report_fixture.h"
+
+namespace {
+
+using rapidjson::Value;
+using words = std::vector<std::string>;
+
+// What a list in JSON says of an account.
+const Value &account(const rapidjson::Document &document, int id) {
+  for (const Value &one : document["accounts"].GetArray()) {
+    if (one["id"].GetInt() == id) return one;
+  }
+  throw std::runtime_error("no account " + std::to_string(id));
+}
+
+// The bytes of the files below a folder of media, or of the rows of a table, of users.
+std::int64_t bytes_below(const std::string &folder) {
+  std::int64_t sum = 0;
+  if (!std::filesystem::exists(folder)) return 0;
+  for (const auto &entry : std::filesystem::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file()) sum += static_cast<std::int64_t>(entry.file_size());
+  }
+  return sum;
+}
+
+TEST_F(Report, FiguresAreTheSumsOverTablesAndDisk) {
+  const rapidjson::Document document = json({"list", "--format", "json"});
+  ASSERT_EQ(document["accounts"].Size(), 5U);
+  const struct {
+    int id;
+    const char *users;  // the account's own, and those below it
+    std::vector<std::string> media;
+  } rows[] = {{1, "12,13", {"0001", "2", "12", "13"}},
+              {2, "12,13", {"2", "12", "13"}},
+              {3, "0", {"0003"}},
+              {12, "12", {"12"}},
+              {13, "13", {"13"}}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.id);
+    const Value &used = account(document, row.id)["used"];
+    std::int64_t sound = 0;
+    std::int64_t music = 0;
+    for (const std::string &id : row.media) {
+      sound += bytes_below(box.path(box.sound_folder(id)));
+      music += bytes_below(box.path(box.music_folder(id)));
+    }
+    EXPECT_EQ(used["sound"].GetInt64(), sound);
+    EXPECT_EQ(used["music"].GetInt64(), music);
+    std::int64_t total = sound + music;
+    for (const auto &[kind, table] :
+         {std::pair("fax", "fax_center"), {"recording", "recording"}, {"voicemail", "voicemail"}}) {
+      const auto sum =
+          box.sql_value(std::string("SELECT COALESCE(SUM(filesize), 0) FROM extension_") + table +
+                        " f JOIN extension e ON e.id = f.extension_id WHERE "
+                        "e.client_id IN (" +
+                        row.users + ")");
+      EXPECT_EQ(used[kind].GetInt64(), std::stoll(sum.value())) << kind;
+      total += used[kind].GetInt64();
+    }
+    EXPECT_EQ(account(document, row.id)["total"].GetInt64(), total);
+  }
+}
+
+TEST_F(Report, StatesLimitsAndAgesAreTold) {
+  box.set_preference(12, "fax_storage", "2048");  // KiB
+  box.set_preference(12, "max_record", "1");
+  box.set_preference(12, "max_sound", "-1");
+  write_quota("1/2/12/sound", "100.3");
+  write_quota("1/2/12/music", "no record");
+  box.write_file(box.quota_path("1/2/12/fax") + ".dirty", "");
+  std::filesystem::remove(box.quota_path("1/2/13/fax"));
+  std::filesystem::last_write_time(
+      box.quota_path("1/2/12/voicemail"),
+      std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
+  box.write_file("var/lib/quorvexquota/3/quota.redo", "");
+  rapidjson::Document schema;
+  std::ifstream stream(SPOOLCAP_SOURCE "/report/schema.json");
+  schema.Parse(std::string(std::istreambuf_iterator<char>(stream), {}).c_str());
+  const rapidjson::SchemaDocument rules(schema);
+  const rapidjson::Document document = json({"--format", "json"});
+  rapidjson::SchemaValidator validator(rules);
+  EXPECT_TRUE(document.Accept(validator)) << validator.GetInvalidSchemaKeyword();
+
+  const Value &cid = account(document, 12);
+  EXPECT_EQ(cid["parent"].GetInt(), 2);
+  EXPECT_EQ(cid["level"].GetInt(), 100);
+  EXPECT_EQ(cid["limit"]["fax"].GetInt64(), 2097152);
+  EXPECT_TRUE(cid["limit"]["sound"].IsNull());
+  EXPECT_TRUE(cid["used"]["music"].IsNull());
+  EXPECT_EQ(cid["total"].GetInt64(), 1048576 + 100 + 2036 + 1023);
+  EXPECT_EQ(cid["percent"].GetDouble(), 198.8);  // 2036 of 1024 bytes; the faxes are at 50
+  EXPECT_STREQ(cid["state"].GetString(), "unreadable");
+  EXPECT_STREQ(cid["states"]["fax"].GetString(), "dirty");
+  EXPECT_STREQ(cid["states"]["sound"].GetString(), "updated");
+  EXPECT_STREQ(cid["states"]["voicemail"].GetString(), "measured");
+  EXPECT_EQ(cid["updates"]["sound"].GetInt(), 3);
+  EXPECT_NEAR(cid["age"].GetInt(), 7200, 60);
+  EXPECT_STREQ(account(document, 13)["state"].GetString(), "missing");
+  EXPECT_STREQ(account(document, 3)["state"].GetString(), "redo");
+  EXPECT_TRUE(account(document, 1)["parent"].IsNull());
+  EXPECT_TRUE(account(document, 1)["percent"].IsNull());
+
+  EXPECT_EQ(report({"--over", "100", "--human"}),
+            "login  id  level      fax  sound  recording  voicemail  music    total    limit  of"
+            "         percent  age  state\n"
+            "cid    12  user   1.00 MB  100 B    1.99 KB     1023 B      -  1.00 MB  1.00 KB  "
+            "recording   198.8%  2 h  unreadable\n");
+}
+
+TEST_F(Report, HostileLoginsStayTheTextOfOneCell) {
+  box.sql(
+      "ALTER TABLE hs_account MODIFY username VARBINARY(191); ALTER TABLE client MODIFY name "
+      "VARBINARY(255); SET NAMES binary");
+  const char *logins[] = {"=1+1",
+                          "-@SUM(A1)",
+                          "'quoted",
+                          "a,b;\"c\"\td",
+                          "two\r\nlines\\n",
+                          "</script>",
+                          "\xe2\x80\xaegnp.exe",
+                          "line\xe2\x80\xa8separator",
+                          "bad\xff\xc3(\xed\xa0\x80"};
+  int id = 100;
+  for (const char *login : logins) box.add_owner(id++, 2, login);
+  box.add_owner(id, 2, std::string_view("a\0b", 3));
+  for (const std::string format : {"json", "jsonl", "csv", "tsv"}) {
+    report({"-f", format, "--output", box.path("list." + format)});
+  }
+  const support::process_result compared =
+      support::run_process({SPOOLCAP_SOURCE "/tests/e2e/compare-formats", box.root().string()});
+  EXPECT_EQ(compared.out, "15\n") << compared.err;
+  rapidjson::Document document;
+  document.Parse(box.read_file("list.json").value().c_str());
+  EXPECT_STREQ(account(document, 103)["name"].GetString(), logins[3]);
+  EXPECT_STREQ(account(document, 108)["name"].GetString(),
+               "bad\xef\xbf\xbd\xef\xbf\xbd(\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd");
+  const std::string table = report({"list", "--sort", "login"});
+  EXPECT_NE(table.find("\\xe2\\x80\\xaegnp.exe "), table.npos);
+  EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 16) << "one line an account";
+}
+
+TEST_F(Report, OptionsChooseAndSort) {
+  box.set_preference(2, "max_voice", "1");
+  box.set_preference(12, "fax_storage", "1024");
+  box.add_account(4, std::nullopt, 50, "lost");
+  const struct {
+    words options;
+    const char *ids;
+  } rows[] = {{{}, "1 2 3 4 12 13 "},
+              {{"--sort", "login"}, "1 2 12 13 3 4 "},
+              {{"--top", "2", "--level", "user,10"}, "1 12 "},
+              {{"--sort", "percent", "--over", "99"}, "12 2 "},
+              {{"--over", "100"}, ""},
+              {{"--kind", "voicemail", "--over", "99.8"}, "2 "},
+              {{"--under", "2", "--sort", "used"}, "2 12 13 "},
+              {{"--tree", "--sort", "used"}, "1 2 12 13 3 4 "},
+              {{"--level", "client", "--tree"}, "2 4 "}};
+  for (const auto &row : rows) {
+    words line = {"list", "--format", "tsv"};
+    line.insert(line.end(), row.options.begin(), row.options.end());
+    std::istringstream lines(report(line));
+    std::string ids;
+    for (std::string text; std::getline(lines, text);) ids += text.substr(0, text.find('\t')) + " ";
+    EXPECT_EQ(ids, std::string("id ") + row.ids) << testing::PrintToString(row.options);
+  }
+  EXPECT_NE(report({"--tree"}).find("\n  bob"), std::string::npos);
+}
+
+TEST_F(Report, BadInputIsOneLineAndStatusTwo) {
+  const words rows[] = {{"lists"},
+                        {"list", "more"},
+                        {"--sort", "size"},
+                        {"--top", "0"},
+                        {"--over", "nan"},
+                        {"--level", "10,"},
+                        {"--kind", "faxes"},
+                        {"--under", "99"},
+                        {"--format", "json", "--human"},
+                        {"--nonsense"},
+                        {"--top", "1", "--tree"},
+                        {"metrics", "--top", "-1"},
+                        {"check", "--format", "csv"},
+                        {"-o", box.path("no/folder")}};
+  for (const words &row : rows) {
+    const support::process_result result = box.run_report(row);
+    EXPECT_EQ(result.status, 2) << testing::PrintToString(row);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err.find("spoolcap-report: "), 0U);
+    EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+  }
+  for (const words &row :
+       {words{"--help"}, {"list", "--help"}, {"metrics", "--help"}, {"check", "--help"}}) {
+    EXPECT_EQ(report(row).find("--help"), report(row).rfind("--help")) << "said once";
+  }
+}
+
+TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
+  EXPECT_EQ(box.run_report({"-o", "/dev/full"}).err,
+            "spoolcap-report: /dev/full could not be written: No space left on device\n");
+  EXPECT_TRUE(std::filesystem::is_character_file("/dev/full")) << "never replaced";
+  const support::process_result closed =
+      support::run_process({"sh", "-c", SPOOLCAP_REPORT_BINARY " >&-"},
+                           {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
+  EXPECT_EQ(closed.status, 2);
+  EXPECT_EQ(closed.err,
+            "spoolcap-report: Standard output could not be written: Bad file descriptor\n");
+  box.write_file("list", "old");
+  std::filesystem::create_symlink(box.path("list"), box.path("link"));
+  report({"-o", box.path("link")});
+  EXPECT_TRUE(std::filesystem::is_symlink(box.path("link")));
+  EXPECT_EQ(box.read_file("list"), report({}));
+  std::ofstream(box.path("etc/quorvex/sqldbase.conf")) << "DB_MASTER main:/nowhere:1\n";
+  const support::process_result unreachable = box.run_report({"-o", box.path("list")});
+  EXPECT_EQ(unreachable.status, 2);
+  EXPECT_EQ(unreachable.err, "spoolcap-report: The database cannot be reached\n");
+  EXPECT_NE(box.read_file("list"), "") << "stays as it was";
+}
+
+}  // namespace
