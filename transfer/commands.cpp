@@ -20,8 +20,9 @@ int tell(const std::string &error) {
 bool is_idle(const std::string &json) {
   rapidjson::Document state;
   state.Parse(json.data(), json.size());
-  return !state.HasParseError() && state.IsObject() && state.HasMember("idle") &&
-         state["idle"].IsTrue();
+  if (state.HasParseError() || !state.IsObject()) return false;
+  const auto idle = state.FindMember("idle");
+  return idle != state.MemberEnd() && idle->value.IsTrue();
 }
 
 }  // namespace

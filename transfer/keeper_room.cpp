@@ -17,7 +17,7 @@ constexpr double announced = 60;
 constexpr std::size_t steps = std::size_t{32} * 128;
 
 std::size_t step_of(double age) {
-  const double step = age < 1 ? 0 : std::log2(age) * 128;
+  const double step = age < 1 ? 0 : ::log2(age) * 128;
   return std::min(static_cast<std::size_t>(step), steps - 1);
 }
 
@@ -47,13 +47,13 @@ class room {
  private:
   template <class Body>
   void each(Body body) {
-    walk_tree(settings_.cache + "/main", {.visit = [&](const walked_file &found) {
-                if (is_file_of_key(found)) {
-                  if (auto file = cache_file::open(found.folder, found.name))
-                    body(*file, found.key);
-                }
-                return !parts_.stop && !done_;
-              }});
+    const auto visit = [&](const walked_file &found) {
+      if (!is_file_of_key(found)) return true;
+      auto file = cache_file::open(found.folder, found.name);
+      if (file) body(*file, found.key);
+      return !parts_.stop && !done_;
+    };
+    walk_tree(settings_.cache + "/main", {.visit = visit});
   }
 
   void measure() {

@@ -23,7 +23,7 @@ constexpr double tolerated_of_store = 30;
 constexpr std::string_view probe_content = "spoolcap-transfer --check";
 
 std::string seconds(double difference) {
-  return std::to_string(std::llround(std::fabs(difference))) + " s";
+  return std::to_string(static_cast<long long>(std::abs(difference) + 0.5)) + " s";
 }
 
 void check_server_clock(vk_client_t *client, check_report &report) {
@@ -32,7 +32,7 @@ void check_server_clock(vk_client_t *client, check_report &report) {
   if (vk_run(client, words, reply) != VK_OK || reply->elements != 2) return;
   const double difference = qx_get_tstamp() - std::strtod(reply->element[0]->str, nullptr) -
                             std::strtod(reply->element[1]->str, nullptr) / 1e6;
-  if (std::fabs(difference) > tolerated_seconds) {
+  if (std::abs(difference) > tolerated_seconds) {
     report.wrong("clock of cache server",
                  "differs from this one by " + seconds(difference) + ": synchronise both");
   } else {
@@ -87,7 +87,7 @@ void check_location(transfer_locations &locations, const std::string &name, cons
   const std::string what = "location " + name;
   const std::string fault = client ? probe(*client.operator->(), key, difference) : "not known";
   if (!fault.empty()) return report.wrong(what, fault);
-  if (std::fabs(difference) > tolerated_of_store) {
+  if (std::abs(difference) > tolerated_of_store) {
     return report.wrong(
         what, "its clock differs from this one by " + seconds(difference) + ": set the time here");
   }

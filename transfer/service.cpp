@@ -65,8 +65,8 @@ service_report transfer_service::parts::report() {
   report.node = node;
   report.started = started;
   report.now = qx_get_tstamp();
-  report.idle = workers.idle();
   report.queue = queue.summary();
+  report.idle = report.queue && report.queue->uploads == 0 && workers.idle();
   if (report.queue) report.dangerous_policy = queue.dangerous_policy().value_or("");
   report.running = state.running();
   report.parked = workers.parked();

@@ -91,16 +91,30 @@ int copy_to(const std::string &from, const std::string &to, at_target what) {
   return refused;
 }
 
-int move_to(const std::string &from, const std::string &to, at_target what) {
-  int error = make_folder_of(to);
-  if (error != 0) return error;
+// Makes the folder of a path and brings a file there. The transfer service removes folders that are
+// empty for long, which may come between the two, once.
+template <class Step>
+int in_folder_of(const std::string &path, Step step) {
+  int error = ENOENT;
+  for (int attempt = 0; attempt < 2 && error == ENOENT; ++attempt) {
+    error = make_folder_of(path);
+    if (error == 0) error = step();
+  }
+  return error;
+}
+
+int move_into_folder(const std::string &from, const std::string &to, at_target what) {
   // While the name is still ours; a file system without modes keeps files all the same.
   ::chmod(from.c_str(), storage_mode);
-  error = rename_to(from, to, what);
+  int error = rename_to(from, to, what);
   if (error != EXDEV) return error;
   error = copy_to(from, to, what);
   if (error == 0) ::unlink(from.c_str());
   return error;
+}
+
+int move_to(const std::string &from, const std::string &to, at_target what) {
+  return in_folder_of(to, [&] { return move_into_folder(from, to, what); });
 }
 
 }  // namespace
@@ -141,8 +155,7 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
 }
 
 int copy_file(const std::string &from, const std::string &to) {
-  const int error = make_folder_of(to);
-  return error == 0 ? copy_to(from, to, at_target::replace) : error;
+  return in_folder_of(to, [&] { return copy_to(from, to, at_target::replace); });
 }
 
 int move_file(const std::string &from, const std::string &to) {
