@@ -29,7 +29,7 @@ $(BUILD)/build.ninja: | deps
 	cmake --preset release
 
 build: deps $(BUILD)/build.ninja
-	cmake --build --preset release --target spoolcap spoolcap-report spoolcap_library
+	cmake --build --preset release --target installed
 
 demo: deps $(BUILD)/build.ninja
 	@cmake --build --preset release --target spoolcap-sandbox spoolcap-report-sandbox store_recording testbed -- --quiet
