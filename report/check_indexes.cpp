@@ -42,6 +42,14 @@ indexes indexes_of_database() {
         found[{std::string(row[0].value_or("")), std::string(row[1].value_or(""))}].emplace_back(
             row[2].value_or(""));
       });
+  // An index with a column that this user may not read is not shown, but its first column is.
+  for_each_row(session.get(),
+               "SELECT TABLE_NAME, COLUMN_NAME FROM information_schema.COLUMNS "
+               "WHERE TABLE_SCHEMA = DATABASE() AND COLUMN_KEY <> ''",
+               [&](const sql_fields &row) {
+                 const std::string column(row[1].value_or(""));
+                 found[{std::string(row[0].value_or("")), "column " + column}] = {column};
+               });
   return found;
 }
 

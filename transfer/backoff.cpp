@@ -79,6 +79,20 @@ void backoff_table::forget(const work_item &item) {
   entries_.erase(found);
 }
 
+void backoff_table::hurry(const delete_member &deletion, const std::string &node, double now) {
+  const std::string text =
+      deletion.location + "@" + node + ":" + deletion.key + (deletion.whole_prefix ? "/" : "");
+  const auto covers = [&](const std::string &member) {
+    return deletion.whole_prefix ? member.starts_with(text) : member == text;
+  };
+  for (auto found = entries_.lower_bound({queue_kind::uploads, text});
+       found != entries_.end() && found->first.first == queue_kind::uploads &&
+       covers(found->first.second);
+       ++found) {
+    if (!found->second.is_due) schedule(found->first, found->second, now);
+  }
+}
+
 std::vector<work_item> backoff_table::take_due(double now, size_t most) {
   std::vector<work_item> items;
   while (!due_.empty() && due_.begin()->first <= now && items.size() < most) {

@@ -26,6 +26,8 @@ class backoff_table {
   // Lets a member wait that was due and could not be tried.
   void postpone(const work_item &item, double until);
   void forget(const work_item &item);
+  // A deletion became known: the uploads of `node` that it may cover are due now.
+  void hurry(const delete_member &deletion, const std::string &node, double now);
 
   // The members whose time has come. They stay in the table until they are put aside again or
   // forgotten.

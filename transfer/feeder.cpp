@@ -71,8 +71,13 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
     case job_end::settled:
       aside_.forget(item);
       ++queue.removed;
-      if (!is_blocked_) return;
-      look_for_blocked();  // the location answers again
+      if (item.kind == queue_kind::deletes) {
+        const auto deletion = delete_member::parse(item.entry.member);
+        if (deletion) aside_.hurry(*deletion, context_.queue.node(), qx_get_tstamp());
+      } else if (!is_blocked_) {
+        return;
+      }
+      if (is_blocked_) look_for_blocked();  // the location answers again
       break;
     case job_end::renewed:
       aside_.forget(item);

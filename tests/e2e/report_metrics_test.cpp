@@ -1,6 +1,7 @@
 // Metrics beside the list, and as promtool takes them.
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 
 #include "tests/e2e/report_fixture.h"
 
@@ -29,12 +30,11 @@ TEST_F(Report, MetricsSayWhatTheListSays) {
       for (const auto &[kind, value] : account[figure.c_str()].GetObject()) {
         if (value.IsNull()) continue;
         ++figures;
-        EXPECT_EQ(
-            samples(all, "spoolcap_account_" + figure + "_bytes{account=\"" + id + "\",name=\"" +
-                             name + "\",level=\"" + level + "\",kind=\"" + kind.GetString() +
-                             "\"} " + std::to_string(value.GetInt64()) + "\n"),
-            1)
-            << id << figure << kind.GetString();
+        std::ostringstream line;
+        line << "spoolcap_account_" << figure << "_bytes{account=\"" << id << "\",name=\"" << name
+             << "\",level=\"" << level << "\",kind=\"" << kind.GetString() << "\"} "
+             << value.GetInt64() << "\n";
+        EXPECT_EQ(samples(all, line.str()), 1) << line.str();
       }
     }
   }

@@ -9,7 +9,7 @@
 #include <set>
 #include <sstream>
 
-#include "main/quota/settings.h"
+#include "platform/base/ids.h"
 #include "tests/faults/traced.h"
 #include "tests/support/paths_sandbox.h"
 #include "tests/unit/refresh_fixture.h"

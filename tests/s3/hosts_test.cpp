@@ -1,8 +1,7 @@
 // Hosts, the daemon and a real store together.
-#include <csignal>
-
 #include <spoolcap/transfer.h>
 #include "tests/support/object_store.h"
+#include "tests/support/transfer_daemon.h"
 #include "tests/unit/storage_fixture.h"
 
 namespace {
@@ -13,39 +12,13 @@ using namespace std::chrono_literals;
 class Hosts : public storage_test {
  protected:
   Hosts() : storage_test("s3") {
-    const s3_place place = support::new_bucket(support::shared_object_store());
-    box.write_file("etc/quorvexnode/nodeid", "n1\n");
-    box.write_file("etc/quorvex/transfer.conf", "TRANSFER_LOCATION eu " + place.endpoint + " " +
-                                                    place.region + " " + place.bucket + "\n");
-    box.write_file("etc/quorvex/transfer.keys",
-                   "[eu]\naws_access_key_id = " + place.credentials.access_key +
-                       "\naws_secret_access_key = " + place.credentials.secret_key + "\n");
-    fs::permissions(box.path("etc/quorvex/transfer.keys"), fs::perms(0600));
+    EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
     EXPECT_EQ(qx_transfer_start(), 0);
   }
   ~Hosts() override { qx_transfer_stop(); }
 
-  support::process_options in_sandbox(const std::string &log_file = "") const {
-    return {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}},
-            .log = log_file.empty() ? "" : box.path(log_file)};
-  }
-  std::unique_ptr<support::background_process> start_daemon() {
-    box.write_file("daemon.log", "");
-    auto daemon = std::make_unique<support::background_process>(
-        std::vector<std::string>{SPOOLCAP_TRANSFER_SANDBOX_BINARY}, in_sandbox("daemon.log"));
-    while (daemon->running() &&
-           box.read_file("daemon.log")->find("is ready") == std::string::npos) {
-      std::this_thread::sleep_for(5ms);
-    }
-    return daemon;
-  }
-  // Waits until nothing is queued.
-  void drain() const {
-    const auto result =
-        support::run_process({SPOOLCAP_TRANSFER_SANDBOX_BINARY, "--drain", "60"}, in_sandbox());
-    EXPECT_EQ(result.status, 0) << result.err << box.read_file("daemon.log").value_or("");
-  }
-  void empty_cache() const { fs::remove_all(box.path(scache)); }
+  void drain() { EXPECT_EQ(daemon.run({"--drain", "60"}).status, 0); }
+  void empty_cache() const { fs::remove_all(box.path("cache/main")); }
 
   static std::string content(int id) {
     return std::string(static_cast<size_t>(id) % 97, 'x') + std::to_string(id);
@@ -65,6 +38,8 @@ class Hosts : public storage_test {
     }
     return are_good;
   }
+
+  support::transfer_daemon daemon{box, support::new_bucket(support::shared_object_store())};
 };
 
 TEST_F(Hosts, AThousandFilesOfFourHostsComeAndGoAtOnce) {
@@ -78,7 +53,7 @@ TEST_F(Hosts, AThousandFilesOfFourHostsComeAndGoAtOnce) {
     for (const auto &one : all) EXPECT_EQ(one->wait(90s)->status, 0);
   };
   box.sql("INSERT INTO extension_recording (id, extension_id) SELECT seq, 1 FROM seq_100_to_1099");
-  const auto daemon = start_daemon();
+  ASSERT_TRUE(daemon.start());
   in_each_host([](int first) {
     for (int id = first; id < first + files_of_each; ++id) {
       if (stored(QX_STORAGE_RECORDING, id, content(id)) != 0) return false;
@@ -89,23 +64,21 @@ TEST_F(Hosts, AThousandFilesOfFourHostsComeAndGoAtOnce) {
   EXPECT_EQ(members("up"), "");
   empty_cache();
   in_each_host([this](int first) { return fetch_all(first, files_of_each); });
-  EXPECT_EQ(files(scache).size(), static_cast<size_t>(hosts * files_of_each));
+  EXPECT_EQ(files("cache/main").size(), static_cast<size_t>(hosts * files_of_each));
 }
 
 TEST_F(Hosts, AKilledDaemonLosesNothingAndIsFoundAgain) {
-  auto daemon = start_daemon();
+  ASSERT_TRUE(daemon.start());
   for (const int id : {7, 8}) {
     EXPECT_EQ(stored(QX_STORAGE_RECORDING, id, content(id)), 0);
-    daemon->kill(SIGKILL);
-    daemon->wait(10s);
+    daemon.stop(SIGKILL);
     EXPECT_FALSE(fetch_all(1, 1));
-    daemon = start_daemon();
+    ASSERT_TRUE(daemon.start());
   }
   drain();
   empty_cache();
   EXPECT_TRUE(fetch_all(7, 2));
-  daemon->kill(SIGTERM);
-  EXPECT_EQ(daemon->wait(10s).value().status, 0);
+  EXPECT_EQ(daemon.stop().status, 0);
   EXPECT_FALSE(fs::exists(box.path("run/spoolcap/transfer.sock")));
 }
 
