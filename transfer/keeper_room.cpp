@@ -17,7 +17,7 @@ constexpr double announced = 60;
 constexpr std::size_t steps = std::size_t{32} * 128;
 
 std::size_t step_of(double age) {
-  const double step = age < 1 ? 0 : ::log2(age) * 128;
+  const double step = age < 1 ? 0 : std::log2(age) * 128;
   return std::min(static_cast<std::size_t>(step), steps - 1);
 }
 

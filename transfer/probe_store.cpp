@@ -23,7 +23,7 @@ constexpr double tolerated_of_store = 30;
 constexpr std::string_view probe_content = "spoolcap-transfer --check";
 
 std::string seconds(double difference) {
-  return std::to_string(static_cast<long long>(std::abs(difference) + 0.5)) + " s";
+  return std::to_string(std::llround(std::abs(difference))) + " s";
 }
 
 void check_server_clock(vk_client_t *client, check_report &report) {

@@ -22,7 +22,7 @@ class Keeper : public testing::Test {
 
   // A file of the cache that was last used so many hours ago.
   std::string make(const std::string &name, double hours, const std::string &content = "hello") {
-    const std::string key = "vm/1/2/" + name;
+    std::string key = "vm/1/2/" + name;
     write(node.path(key), hours, content);
     return key;
   }
