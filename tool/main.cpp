@@ -5,6 +5,7 @@
 
 #include <spoolcap/sqlsession.h>
 #include "platform/base/owner.h"
+#include "tool/notice.h"
 #include "tool/options.h"
 #include "tool/output.h"
 #include "tool/refresh.h"
@@ -62,10 +63,12 @@ exit_status end_without_memory() {
 }  // namespace
 
 int main(int argc, char **argv) {
+  start_clock();
   watch_output();
   parse_args(argc, const_cast<const char **>(argv));
   const auto decided =
       no_throw(std::optional<exit_status>(), [] { return std::optional(run_once()); });
+  no_throw(log_end_of_run);
   // The pool and the settings are left to the end of the process.
   std::exit(decided ? *decided : end_without_memory());
 }

@@ -2,6 +2,7 @@
 #include "tool/refresh.h"
 
 #include <spoolcap/quota.h>
+#include "main/quota/tally.h"
 #include "tool/settings.h"
 #include "tool/targets.h"
 
@@ -13,6 +14,7 @@ int refresh_user_quotas(fr_hash_t *targets) {
     if (quota_update_slow(id, QUOTA_ALL_KINDS, nullptr, run.force_depth) == 0) {
       succeeded = true;
     } else {
+      ++the_tally.failed;
       failed = true;
     }
   });

@@ -10,6 +10,7 @@
 #include "main/account/media.h"
 #include "main/sql/query.h"
 #include "platform/base/view.h"
+#include "tool/notice.h"
 #include "tool/output.h"
 #include "tool/settings.h"
 #include "tool/targets.h"
@@ -81,7 +82,7 @@ int print_quotas(const int64_t *quotas) {
 // Programs that read the report know two forms. This listing puts one tab after the id, prints the
 // id as the database has it, and reports an unknown account like one without quota. The listing of
 // targets below differs in all three.
-int show_all_accounts(SessionHandle session) {
+int show_all_accounts(SessionHandle session, fr_hash_t *targets) {
   sql_result rows;
   const call_site site = {QX_LOG_SOURCE, "show_quotas", __LINE__};
   if (sql_query(site, session, rows, select_accounts) != 0) {
@@ -101,6 +102,7 @@ int show_all_accounts(SessionHandle session) {
     if (quota_read_sql(std::atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {
       std::puts(no_quota);
     } else {
+      count_shown(targets, std::atoi(row[0]), quotas);
       print_quotas(quotas);
     }
     if (has_lost_output()) break;
@@ -108,7 +110,7 @@ int show_all_accounts(SessionHandle session) {
   return 0;
 }
 
-void show_target(int32_t id, const target_record &target) {
+void show_target(fr_hash_t *targets, int32_t id, const target_record &target) {
   if (has_lost_output()) return;
   print_start(target.login);
   std::printf(" (with id: %d)\t\t", id);
@@ -122,6 +124,7 @@ void show_target(int32_t id, const target_record &target) {
       std::puts(no_user);
       break;
     default:
+      count_shown(targets, id, quotas);
       print_quotas(quotas);
   }
   has_lost_output();
@@ -136,7 +139,9 @@ int show_quotas(fr_hash_t *targets) {
     if (errno == ENOMEM) throw std::bad_alloc();
     return -1;
   }
-  if (run.target_mode == TARGET_ALL) return show_all_accounts(session.get());
-  for_each_target(targets, show_target);
+  if (run.target_mode == TARGET_ALL) return show_all_accounts(session.get(), targets);
+  for_each_target(targets, [targets](int32_t id, const target_record &target) {
+    show_target(targets, id, target);
+  });
   return 0;
 }

@@ -12,6 +12,7 @@
 #include "main/quota/place.h"
 #include "main/quota/record.h"
 #include "main/quota/settings.h"
+#include "main/quota/tally.h"
 #include "main/quota/tree_paths.h"
 #include "main/quota/usage.h"
 
@@ -51,6 +52,7 @@ class account_refresh {
   outcome run(int64_t &value);
 
  private:
+  outcome refresh(int64_t &value);
   bool is_forced() const { return force_depth_ > 0; }
   bool has_children() const { return self_.level < LEVEL_OWNER; }
   outcome refresh_children();
@@ -92,7 +94,16 @@ outcome refresh_account(const tree_account &self, unsigned kind, std::string &di
 
 outcome account_refresh::run(int64_t &value) {
   // A folder that somebody else put in the way is passed over with all that is below it.
-  if (!folder_.open() && errno == ELOOP) return stopped(kind_);
+  if (!folder_.open() && errno == ELOOP) {
+    ++the_tally.skipped;
+    return stopped(kind_);
+  }
+  const outcome done = refresh(value);
+  ++(done.result == 0 && done.uncertain == 0 ? the_tally.refreshed : the_tally.failed);
+  return done;
+}
+
+outcome account_refresh::refresh(int64_t &value) {
   if (folder_.is_open()) folder_.hand_over();
   outcome children{0, 0};
   if (has_children()) children = refresh_children();
@@ -108,6 +119,7 @@ outcome account_refresh::run(int64_t &value) {
     const bool certain = (children.uncertain & set_of(kind)) == 0;
     const outcome step = refresh_kind(kind, certain, value);
     uncertain |= step.uncertain;
+    if (self_.above == nullptr) the_tally.add(kind, value);
     return step.result == 0;
   });
   if (!finished) return stop();
