@@ -30,8 +30,9 @@ class bare_platform {
     va_start(arguments, format);
     const int length = std::vsnprintf(statement, sizeof statement, format, arguments);
     va_end(arguments);
-    if (::mysql_real_query(sql_.get(), statement, static_cast<unsigned long>(length)) != 0)
+    if (::mysql_real_query(sql_.get(), statement, static_cast<unsigned long>(length)) != 0) {
       std::abort();
+    }
     return sql_result(mysql_store_result(sql_.get()));
   }
 

@@ -26,7 +26,7 @@ void fill_accounts(support::sandbox &box) {
 }
 
 void write_figures(const std::string &folder, const char *id) {
-  mkdir(folder.c_str(), 0770);
+  ::mkdir(folder.c_str(), 0770);
   for (const char *kind : {"fax", "sound", "recording", "voicemail", "music"}) {
     std::ofstream(folder + "/" + kind + ".quota") << id << "000.0";
   }

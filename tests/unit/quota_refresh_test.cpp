@@ -5,6 +5,7 @@
 
 #include "main/quota/marks.h"
 #include "main/quota/refresh.h"
+#include "main/quota/tally.h"
 #include "main/quota/usage.h"
 #include "platform/base/ids.h"
 #include "tests/unit/refresh_fixture.h"
@@ -202,9 +203,13 @@ TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
     EXPECT_TRUE(files.ends_with(" redo")) << place;
   }
   EXPECT_EQ(stored()["1"], "7.0 1234.0 0.0 3.0 51.0 redo");
+  EXPECT_EQ(the_tally.refreshed, 0);
+  EXPECT_EQ(the_tally.failed, static_cast<long>(right_figures.size()));
   box.sql("RENAME TABLE gone TO extension_recording");
   EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
   EXPECT_EQ(stored(), right_figures);
+  EXPECT_EQ(the_tally.refreshed, static_cast<long>(right_figures.size()));
+  EXPECT_EQ(the_tally.bytes[QUOTA_SOUND], 2 * 1234) << "of the account that was asked for, twice";
 }
 
 TEST_F(Refresh, WaitsForWhoeverHoldsALock) {
