@@ -1,3 +1,4 @@
+// Which failed members wait, and for how long.
 #include "transfer/backoff.h"
 
 #include "platform/base/diagnostics.h"
@@ -6,6 +7,7 @@
 namespace {
 
 constexpr size_t most_members = 10'000;
+constexpr size_t most_named = 20;  // in the log; the status names more
 // All in seconds.
 constexpr double first_pause = 1;
 constexpr double longest_pause = 300;
@@ -56,7 +58,8 @@ bool backoff_table::put_aside(const work_item &item, const job_result &result, d
     found->second.is_due = true;
   }
   entry &what = found->second;
-  if (result.end == job_end::parked && what.told.reason != result.reason) {
+  if (result.end == job_end::parked && what.told.reason != result.reason &&
+      entries_.size() <= most_named) {
     QX_LOG(FR_LOG_WARNING, "queue member [%s] is put aside: %s\n", item.entry.member.c_str(),
            result.reason.c_str());
   }

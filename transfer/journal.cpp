@@ -1,3 +1,4 @@
+// Tells the log what changed.
 #include "transfer/journal.h"
 
 #include <utility>
@@ -21,13 +22,13 @@ void state_journal::tell(const service_report &report) {
            policy_.c_str());
   }
   const std::size_t parked = report.parked.size();
-  if (std::exchange(parked_, parked) != parked) {
-    if (parked == 0) {
-      QX_LOG(FR_LOG_NOTICE, "No queue member is parked any more.");
-    } else {
-      QX_LOG(FR_LOG_WARNING, "Parked queue members: %zu; `spoolcap-transfer --status` tells why.",
-             parked);
-    }
+  // A number that goes up and down is no news, one that doubles is.
+  if (parked == 0 && std::exchange(parked_, 0) != 0) {
+    QX_LOG(FR_LOG_NOTICE, "No queue member is parked any more.");
+  } else if (parked > 0 && parked >= 2 * parked_) {
+    parked_ = parked;
+    QX_LOG(FR_LOG_WARNING, "Parked queue members: %zu; `spoolcap-transfer --status` tells why.",
+           parked);
   }
   const std::int64_t missing = report.cache.not_in_store;
   if (std::exchange(not_in_store_, missing) < missing) {
