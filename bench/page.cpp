@@ -1,3 +1,4 @@
+// Measures the page of a large platform: its size, and how long a browser takes to draw it.
 #include "bench/page.h"
 
 #include <cstdio>

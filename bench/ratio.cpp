@@ -1,3 +1,4 @@
+// Takes times in turns and prints their ratio beside its limit.
 #include "bench/ratio.h"
 
 #include <cstdio>

@@ -1,3 +1,4 @@
+// Builds directory trees to walk.
 #include "bench/trees.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Reads values of Asterisk's configuration files.
 #include <cstdio>
 #include <cstring>
 #include <new>

@@ -1,3 +1,4 @@
+// Prints the list of changes in each format.
 #include "report/change_list.h"
 
 #include "report/options.h"

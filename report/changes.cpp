@@ -1,3 +1,4 @@
+// Compares two states of the platform account by account.
 #include "report/changes.h"
 
 #include <algorithm>

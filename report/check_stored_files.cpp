@@ -5,11 +5,11 @@
 #include <vector>
 
 #include "main/storage/config.h"
+#include "platform/base/utf8.h"
 #include "report/checks.h"
 #include "report/command.h"
 #include "report/options.h"
 #include "report/statement.h"
-#include "report/utf8.h"
 
 namespace {
 

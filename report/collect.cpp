@@ -8,10 +8,10 @@
 #include <numeric>
 
 #include "main/quota/limit.h"
+#include "platform/base/utf8.h"
 #include "report/platform.h"
 #include "report/quota_files.h"
 #include "report/statement.h"
-#include "report/utf8.h"
 
 namespace {
 

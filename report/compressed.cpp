@@ -1,3 +1,4 @@
+// Compresses and unpacks files of snapshots.
 #include "report/compressed.h"
 
 #include <endian.h>

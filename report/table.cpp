@@ -5,8 +5,8 @@
 #include <clocale>
 #include <cwchar>
 
+#include "platform/base/utf8.h"
 #include "report/options.h"
-#include "report/utf8.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+// Opens cached files, and removes one only if it is still the same file.
 #include "transfer/cache_file.h"
 
 #include <fcntl.h>

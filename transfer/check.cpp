@@ -1,3 +1,4 @@
+// Tries all that the service needs, and says what is wrong.
 #include "transfer/check.h"
 
 #include <sys/timex.h>

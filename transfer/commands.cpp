@@ -1,3 +1,5 @@
+// What the command line asks for beside the service: its state, a check, the wait for an empty
+// queue.
 #include "transfer/commands.h"
 
 #include <rapidjson/document.h>

@@ -1,3 +1,4 @@
+// Reads the keys to the object stores, and refuses a file that others can read.
 #include "transfer/credentials.h"
 
 #include <fcntl.h>

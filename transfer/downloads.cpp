@@ -1,3 +1,4 @@
+// Keeps the orders of hosts, one transfer for all orders of an object.
 #include "transfer/downloads.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// Looks at the queues and hands their members to the workers.
 #include "transfer/feeder.h"
 
 #include <algorithm>

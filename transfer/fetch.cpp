@@ -1,3 +1,4 @@
+// Brings one object into a file, however often the connection breaks.
 #include "transfer/fetch.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// What jobs share: calls to the store that are tried again, and what an outcome means for a member.
 #include "transfer/job.h"
 
 #include <cstring>

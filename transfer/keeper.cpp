@@ -1,3 +1,4 @@
+// The keeper's thread: when it looks at the cache and the transfer folders.
 #include "transfer/keeper.h"
 
 #include <sys/resource.h>

@@ -1,3 +1,4 @@
+// Decides what becomes of one cached file.
 #include "transfer/keeper_judge.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// One look at all files of the cache.
 #include "transfer/keeper_look.h"
 
 #include <fcntl.h>

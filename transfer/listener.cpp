@@ -1,3 +1,4 @@
+// The listening socket, and the lock that keeps a second service away.
 #include "transfer/listener.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// Lets locations that fail rest, and keeps open connections to all.
 #include "transfer/locations.h"
 
 #include <spoolcap/zarn_str.h>

@@ -1,3 +1,4 @@
+// Writes the state as Prometheus text.
 #include "transfer/metrics.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Uploads a large file in parts, and resumes one that was begun.
 #include "transfer/multipart.h"
 
 #include <fcntl.h>

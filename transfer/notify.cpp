@@ -1,3 +1,4 @@
+// Tells the service manager of the service's state.
 #include "transfer/notify.h"
 
 #include <systemd/sd-daemon.h>

@@ -1,3 +1,4 @@
+// Parses the command line.
 #include "transfer/options.h"
 
 #include <popt.h>

@@ -1,3 +1,4 @@
+// Sets the process up: limits, signals, memory.
 #include "transfer/process.h"
 
 #include <fcntl.h>

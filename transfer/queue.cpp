@@ -1,3 +1,4 @@
+// Runs the steps of the queue protocol, and keeps the claims of this process.
 #include "transfer/queue.h"
 
 #include <openssl/sha.h>

@@ -1,3 +1,4 @@
+// Reads and writes receipts.
 #include "transfer/receipt.h"
 
 #include <sys/stat.h>

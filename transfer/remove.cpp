@@ -1,3 +1,4 @@
+// Works off one deletion, of an object or of all below a prefix.
 #include "transfer/remove.h"
 
 #include <unistd.h>

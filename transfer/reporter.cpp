@@ -1,3 +1,4 @@
+// Makes the state's text on a thread of its own, so that nobody waits for a slow cache server.
 #include "transfer/reporter.h"
 
 #include "main/transfer/wire.h"

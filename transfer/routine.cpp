@@ -1,3 +1,4 @@
+// What the service does every few seconds: watchdog, metrics, log lines.
 #include "transfer/routine.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Serves hosts and people on the socket.
 #include "transfer/server.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// Builds the parts of the service, and starts and stops them in their order.
 #include "transfer/service.h"
 
 #include <spoolcap/zarn_str.h>

@@ -1,3 +1,4 @@
+// Reads what the service takes from storage.conf.
 #include "transfer/settings.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// The jobs that run.
 #include "transfer/state.h"
 
 #include <spoolcap/zarn_str.h>

@@ -4,8 +4,8 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "platform/base/utf8.h"
 #include "transfer/counters.h"
-#include "transfer/utf8.h"
 
 namespace {
 

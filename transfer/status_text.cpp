@@ -4,8 +4,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "platform/base/utf8.h"
 #include "transfer/status.h"
-#include "transfer/utf8.h"
 
 namespace {
 

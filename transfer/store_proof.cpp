@@ -1,3 +1,4 @@
+// Asks the store whether it has a cached file, and the same one.
 #include "transfer/store_proof.h"
 
 #include <openssl/evp.h>

@@ -1,3 +1,4 @@
+// Ends uploads in parts that nobody finished.
 #include "transfer/sweep.h"
 
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// Walks the files of a folder in bounded memory.
 #include "transfer/tree_walk.h"
 
 #include <dirent.h>

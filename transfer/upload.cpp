@@ -1,3 +1,4 @@
+// Works off one upload.
 #include "transfer/upload.h"
 
 #include <fcntl.h>

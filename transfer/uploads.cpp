@@ -1,3 +1,4 @@
+// The threads that upload and delete.
 #include "transfer/uploads.h"
 
 #include <thread>

@@ -1,3 +1,4 @@
+// Checks the names of stored files.
 #include "main/storage/names.h"
 
 #include <algorithm>

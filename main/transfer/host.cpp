@@ -1,3 +1,4 @@
+// The host's end of the transfer service: one connection, and the downloads that wait on it.
 #include "main/transfer/host.h"
 
 #include <fcntl.h>

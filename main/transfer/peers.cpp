@@ -1,3 +1,4 @@
+// Tells by the kernel's word who is at the other end of a socket, and whether to trust them.
 #include "main/transfer/peers.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,4 @@
+// Checks the values of transfer.conf, and says what is wrong with one.
 #include "main/transfer/values.h"
 
 #include <algorithm>

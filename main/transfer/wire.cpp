@@ -1,3 +1,4 @@
+// Packs and unpacks the datagrams between hosts and the transfer service.
 #include "main/transfer/wire.h"
 
 #include <sys/socket.h>

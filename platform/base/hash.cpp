@@ -1,3 +1,4 @@
+// The hash table of the platform: keeps the order in which entries came.
 #include "platform/base/hash.h"
 
 #include <cstddef>

@@ -1,3 +1,4 @@
+// Looks up the ids of users and groups.
 #include "platform/base/ids.h"
 
 #include <grp.h>

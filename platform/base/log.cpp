@@ -1,3 +1,4 @@
+// Hands log messages to syslog, or to the sink of the host.
 #include <spoolcap/log.h>
 
 #include <sys/socket.h>

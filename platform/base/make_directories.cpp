@@ -1,3 +1,4 @@
+// Makes a directory and all above it.
 #include "platform/base/make_directories.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// Reads and writes within a time limit, whatever the mode of the descriptor.
 #include "platform/base/nb_io.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Tells a process from its children after fork.
 #include "platform/base/process.h"
 
 #include <pthread.h>

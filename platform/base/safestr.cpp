@@ -1,3 +1,4 @@
+// Counted strings whose handle is a C string.
 #include <spoolcap/safestr.h>
 
 #include <cstdlib>

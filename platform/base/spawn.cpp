@@ -1,3 +1,4 @@
+// Starts programs without a shell, with pipes to them.
 #include "platform/base/spawn.h"
 
 #include <fcntl.h>

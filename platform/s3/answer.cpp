@@ -1,3 +1,4 @@
+// Turns answers of the store into outcomes, with a line of advice where one is known.
 #include "platform/s3/answer.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// One kept-alive connection over libcurl, and the limits of time and rate.
 #include "platform/s3/connection.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Digests of parts of files.
 #include "platform/s3/digest.h"
 
 #include <openssl/evp.h>

@@ -1,3 +1,4 @@
+// Reads the store's XML documents, and writes those that it is sent.
 #include "platform/s3/documents.h"
 
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// One signed request and its answer.
 #include "platform/s3/exchange.h"
 
 #include <linux/sockios.h>

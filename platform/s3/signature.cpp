@@ -1,3 +1,4 @@
+// Signs requests with AWS Signature Version 4.
 #include "platform/s3/signature.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// One connection to one database server, held to its time limits.
 #include "platform/sql/connection.h"
 
 #include <errmsg.h>

@@ -1,3 +1,4 @@
+// Keeps connections for reuse, and chooses between master and replicas.
 #include "platform/sql/pool.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Formats statements, runs them, and escapes what goes into them.
 #include "platform/sql/statement.h"
 
 #include <strings.h>

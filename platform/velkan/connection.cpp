@@ -1,3 +1,4 @@
+// Moves bytes to and from one cache server, within a deadline.
 #include "platform/velkan/connection.h"
 
 #include <netdb.h>

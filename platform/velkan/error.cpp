@@ -1,3 +1,4 @@
+// Texts of the error codes.
 #include "platform/velkan/velkan.h"
 
 const char *vk_strerror(int code) {

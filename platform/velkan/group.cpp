@@ -1,3 +1,4 @@
+// Finds the master of a group, and bounds what a cache in trouble can cost.
 #include "platform/velkan/group.h"
 
 #include <syslog.h>

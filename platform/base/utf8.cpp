@@ -1,5 +1,5 @@
 // Decodes UTF-8 strictly: no overlong forms, no surrogates, nothing above U+10FFFF.
-#include "report/utf8.h"
+#include "platform/base/utf8.h"
 
 namespace {
 
@@ -46,4 +46,16 @@ char32_t first_character(std::string_view text, size_t &length) {
     character = (character << 6U) | (static_cast<unsigned char>(text[i]) & 0x3fU);
   }
   return character;
+}
+
+std::string without_controls(std::string text) {
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x20 || byte == 0x7f) text[at] = '?';
+    // U+0080 to U+009F.
+    const bool is_high =
+        byte == 0xc2 && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) < 0xa0;
+    if (is_high) text.replace(at, 2, "?");
+  }
+  return text;
 }
