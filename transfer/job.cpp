@@ -1,9 +1,18 @@
 // What jobs share: calls to the store that are tried again, and what an outcome means for a member.
 #include "transfer/job.h"
 
+#include <unistd.h>
+
 #include <cstring>
 
 #include "main/storage/names.h"
+
+namespace {
+
+// Within it two nodes cannot tell which came first.
+constexpr double clock_error = 1;
+
+}  // namespace
 
 job_result result_of(queue_state state) {
   switch (state) {
@@ -45,4 +54,31 @@ std::string path_in_cache(const worker_settings &settings, const std::string &ke
   const bool is_safe =
       is_object_key(key) && !key.starts_with('.') && key.find("/.") == std::string::npos;
   return is_safe ? settings.cache + "/main/" + key : std::string();
+}
+
+bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
+                const std::string &key, double deleted_at) {
+  const auto queued = head.metadata.find("queued");
+  if (queued == head.metadata.end()) return false;
+  const double queued_at = queue_entry{"", queued->second}.queued_at();
+  if (queued_at > deleted_at) return true;
+  if (queued_at <= deleted_at - clock_error) return false;
+  // In one second two nodes cannot tell which came first: the file is kept. This node knows: who
+  // deletes removes the file as well.
+  const auto node = head.metadata.find("node");
+  if (node == head.metadata.end() || node->second != context.queue.node()) return true;
+  const std::string path = path_in_cache(settings, key);
+  return !path.empty() && ::access(path.c_str(), F_OK) == 0;
+}
+
+object_end remove_older(const job_context &context, const worker_settings &settings,
+                        s3_client &client, const std::string &location, const std::string &key,
+                        double deleted_at, s3_answer &failure) {
+  bool uncertain = false;  // a deletion that takes effect late is made again before that matters
+  failure = call_store(context, location, uncertain, [&] { return client.head(key); });
+  if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
+  if (failure && is_younger(context, settings, failure, key, deleted_at)) return object_end::kept;
+  // Also for what is not there: only this answer tells a missing object from a missing bucket.
+  failure = call_store(context, location, uncertain, [&] { return client.remove(key); });
+  return failure ? object_end::removed : object_end::failed;
 }

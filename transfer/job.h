@@ -80,4 +80,20 @@ class probe_guard {
 // The path of a key in the cache; empty for a key that leads out of it.
 std::string path_in_cache(const worker_settings &settings, const std::string &key);
 
+// Whether an upload that is no older than a deletion brought the object.
+bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
+                const std::string &key, double deleted_at);
+
+// What became of an object that a deletion covers.
+enum class object_end {
+  removed,  // or it was not there
+  kept,     // an upload that is no older brought it
+  failed
+};
+
+// Removes an object unless it is younger than its deletion. `failure` is set after `failed`.
+object_end remove_older(const job_context &context, const worker_settings &settings,
+                        s3_client &client, const std::string &location, const std::string &key,
+                        double deleted_at, s3_answer &failure);
+
 #endif

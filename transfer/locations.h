@@ -57,6 +57,7 @@ class transfer_locations {
     lease &operator=(lease &&) noexcept;
     ~lease();
     s3_client *operator->() const { return client_.get(); }
+    s3_client &operator*() const { return *client_; }
     explicit operator bool() const { return client_ != nullptr; }
 
    private:

@@ -1,18 +1,11 @@
 // Works off one deletion, of an object or of all below a prefix.
 #include "transfer/remove.h"
 
-#include <unistd.h>
-
-#include <charconv>
-
 namespace {
 
-constexpr double clock_error = 1;
 // So much older than the deletion an object of the store's clock must be to go without a look at
 // when it was queued.
 constexpr double store_clock_error = 60;
-
-enum class verdict { removed, kept, failed };
 
 class delete_job {
  public:
@@ -33,9 +26,9 @@ class delete_job {
     if (!client_) return leave({job_end::held});
     probe.use();
     switch (member_.whole_prefix ? remove_all() : remove_one()) {
-      case verdict::removed:
+      case object_end::removed:
         return end(context_.queue.end_delete(entry_, member_, settings_.unclear_window));
-      case verdict::kept:
+      case object_end::kept:
         return end(context_.queue.drop_delete(entry_, member_));
       default:
         return leave(std::move(failure_));
@@ -64,32 +57,15 @@ class delete_job {
     return false;
   }
 
-  // Whether an upload that is no older than the deletion brought the object.
-  bool is_younger(const s3_answer &head, const std::string &key) const {
-    const auto queued = head.metadata.find("queued");
-    if (queued == head.metadata.end()) return false;
-    const double queued_at = queue_entry{"", queued->second}.queued_at();
-    if (queued_at > deleted_at_) return true;
-    if (queued_at <= deleted_at_ - clock_error) return false;
-    // In one second two nodes cannot tell which came first: the file is kept. This node knows: who
-    // deletes removes the file as well.
-    const auto node = head.metadata.find("node");
-    if (node == head.metadata.end() || node->second != context_.queue.node()) return true;
-    const std::string path = path_in_cache(settings_, key);
-    return !path.empty() && ::access(path.c_str(), F_OK) == 0;
+  object_end remove_one() {
+    s3_answer failure;
+    const object_end end = remove_older(context_, settings_, *client_, member_.location,
+                                        member_.key, deleted_at_, failure);
+    if (end == object_end::failed) fail(failure);
+    return end;
   }
 
-  verdict remove_one() {
-    const s3_answer head = ask([this] { return client_->head(member_.key); });
-    if (!head && head.outcome != s3_outcome::not_found) return fail(head), verdict::failed;
-    if (head && is_younger(head, member_.key)) return verdict::kept;
-    // Also for what is not there: only this answer tells a missing object from a missing bucket.
-    const s3_answer answer = ask([this] { return client_->remove(member_.key); });
-    if (!answer) return fail(answer), verdict::failed;
-    return verdict::removed;
-  }
-
-  verdict remove_all() {
+  object_end remove_all() {
     std::string token;
     do {
       s3_listing listing;
@@ -97,11 +73,11 @@ class delete_job {
         listing = client_->list(member_.key + "/", token);
         return listing.answer;
       });
-      if (!answer) return fail(answer), verdict::failed;
-      if (!remove_listed(listing.objects)) return verdict::failed;
+      if (!answer) return fail(answer), object_end::failed;
+      if (!remove_listed(listing.objects)) return object_end::failed;
       token = listing.next;
     } while (!token.empty());
-    return verdict::removed;
+    return object_end::removed;
   }
 
   bool remove_listed(const std::vector<s3_listed> &objects) {
@@ -111,7 +87,7 @@ class delete_job {
         const s3_answer head = ask([&] { return client_->head(object.key); });
         if (head.outcome == s3_outcome::not_found) continue;
         if (!head) return fail(head);
-        if (is_younger(head, object.key)) continue;
+        if (is_younger(context_, settings_, head, object.key, deleted_at_)) continue;
       }
       keys.push_back(object.key);
     }

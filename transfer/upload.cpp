@@ -114,12 +114,16 @@ class upload_job {
   }
 
   // A later deletion covers the key: what any try of this upload stored goes, and the file with it.
+  // What another node stored since the deletion stays.
   job_result cancel() {
+    const auto deleted_at = context_.queue.deleted_at(member_);
+    if (!deleted_at) return leave({job_end::down});
     forget_parts(context_, client_, member_, path_);
-    bool brings_nothing = false;
-    const s3_answer answer = call_store(context_, member_.location, brings_nothing,
-                                        [&] { return client_->remove(member_.key); });
-    if (!answer) return leave(failure_of(answer));
+    s3_answer failure;
+    if (remove_older(context_, settings_, *client_, member_.location, member_.key, *deleted_at,
+                     failure) == object_end::failed) {
+      return leave(failure_of(failure));
+    }
     remove_file();
     return result_of(context_.queue.drop_upload(entry_, member_, settings_.unclear_window));
   }

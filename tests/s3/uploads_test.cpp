@@ -139,6 +139,12 @@ TEST_F(Uploads, EachNodeUploadsItsOwnAndAnyNodeDeletes) {
   here.remove("o:vm/1/2/none.wav", now + 10);
   there.workers.wake();
   ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  // An upload that waited through the deletion brings nothing, and takes nothing with it.
+  here.commit("vm/1/3/5.wav", "old", now);
+  transfer_node restarted(world, "n1");
+  restarted.start();
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  EXPECT_EQ(world.object("vm/1/3/5.wav"), "again");
   EXPECT_EQ(world.client.list("vm/1/3/").objects.size(), 1U);
   EXPECT_EQ(world.client.list("vm/1/2/").objects.size(), 19U);
 }
