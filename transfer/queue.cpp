@@ -202,9 +202,12 @@ queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_
   const delete_names names(member);
   // Also while a job of this process has the key, which is to learn of the deletion.
   const auto value = take_claim(names.claim);
-  const queue_state state = run_state(begin_delete_script, {delete_queue, deletions, names.claim},
-                                      {entry.member, entry.score, names.deletion,
-                                       value.value_or(""), claim_owner_, claim_milliseconds});
+  // Only deletions claim a prefix, and what they sent brings nothing.
+  const std::string unclear = member.whole_prefix ? std::string() : names.unclear;
+  const queue_state state =
+      run_state(begin_delete_script, {delete_queue, deletions, names.claim, unclear_ends},
+                {entry.member, entry.score, names.deletion, value.value_or(""), claim_owner_,
+                 claim_milliseconds, unclear, queue_number(now())});
   if (value && !is_held(state)) forget_claim(names.claim);
   return state;
 }

@@ -111,8 +111,8 @@ if ARGV[2] ~= '' then redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2]) end
 return 'unchanged'
 )lua";
 
-// KEYS: deletes, deletions, claim. ARGV: member, score, deletion, claim value or "" for none, claim
-// owner, milliseconds.
+// KEYS: deletes, deletions, claim, unclear. ARGV: member, score, deletion, claim value or "" for
+// none, claim owner, milliseconds, unclear member or "" for a prefix, now.
 inline constexpr char begin_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 if not score then return 'gone' end
@@ -123,6 +123,9 @@ if not known or tonumber(known) < tonumber(score) then
 end
 local holder = redis.call('GET', KEYS[3])
 if ARGV[4] == '' or holder and string.sub(holder, 1, #ARGV[5]) ~= ARGV[5] then return 'claimed' end
+if holder and holder ~= ARGV[4] and ARGV[7] ~= '' then
+  redis.call('ZADD', KEYS[4], ARGV[8], ARGV[7])
+end
 redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";

@@ -165,6 +165,12 @@ TEST_F(TransferQueue, WhatAKilledProcessClaimedIsTakenOverByTheNextOneOfItsNode)
   EXPECT_NE(score_of(unclear, "eu:" + key), "") << "what it sent may still arrive";
   EXPECT_EQ(here.end_upload(read, upload), state::claimed);
   EXPECT_EQ(restarted.end_upload(read, upload), state::unchanged);
+  transfer_queue third(client(), "n1");
+  ASSERT_EQ(restarted.begin_upload(queue(ups, member, 2000), upload), state::unchanged);
+  run({"DEL", unclear});
+  const queue_entry deletion = queue(dels, "eu@n1:o:" + key, 900);
+  EXPECT_EQ(third.begin_delete(deletion, one), state::unchanged);
+  EXPECT_EQ(third.end_delete(deletion, one, 60), state::unclear);
 }
 
 TEST_F(TransferQueue, AWholePrefixThatIsBeingDeletedHoldsUploadsBack) {
