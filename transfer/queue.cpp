@@ -157,40 +157,40 @@ queue_state transfer_queue::begin_upload(const queue_entry &entry, const upload_
   const upload_names names(member);
   const auto value = take_claim(names.claim);
   if (!value) return queue_state::claimed;
+  forgetting claim{*this, names.claim};
   const queue_state state = run_state(
       begin_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
       {entry.member, entry.score, names.deletion, names.prefix_deletion, *value, claim_owner_,
        claim_milliseconds, names.unclear, queue_number(now())});
-  if (!is_held(state)) forget_claim(names.claim);
+  claim.is_wanted = !is_held(state);
   return state;
 }
 
 queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_member &member,
                                        transfer_end end) {
   const upload_names names(member);
+  forgetting claim{*this, names.claim};
   const queue_state state = run_state(
       end_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
       {entry.member, entry.score, names.deletion, names.prefix_deletion, held_claim(names.claim),
        names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear"});
-  if (state != queue_state::deleted) forget_claim(names.claim);
+  claim.is_wanted = state != queue_state::deleted;
   return state;
 }
 
 queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_member &member,
                                         int window) {
   const upload_names names(member);
-  const queue_state state = run_state(end_delete_script, {upload_queue, unclear_ends, names.claim},
-                                      {entry.member, entry.score, held_claim(names.claim),
-                                       names.unclear, "key", queue_number(now() - window)});
-  forget_claim(names.claim);
-  return state;
+  const forgetting claim{*this, names.claim};
+  return run_state(end_delete_script, {upload_queue, unclear_ends, names.claim},
+                   {entry.member, entry.score, held_claim(names.claim), names.unclear, "key",
+                    queue_number(now() - window)});
 }
 
 queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member) {
-  const queue_state state = run_state(leave_script, {claim, unclear_ends},
-                                      {held_claim(claim), unclear_member, queue_number(now())});
-  forget_claim(claim);
-  return state;
+  const forgetting job{*this, claim};
+  return run_state(leave_script, {claim, unclear_ends},
+                   {held_claim(claim), unclear_member, queue_number(now())});
 }
 
 void transfer_queue::leave_upload(const upload_member &member, transfer_end end) {
@@ -202,25 +202,24 @@ queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_
   const delete_names names(member);
   // Also while a job of this process has the key, which is to learn of the deletion.
   const auto value = take_claim(names.claim);
+  forgetting claim{*this, names.claim, value.has_value()};
   // Only deletions claim a prefix, and what they sent brings nothing.
   const std::string unclear = member.whole_prefix ? std::string() : names.unclear;
   const queue_state state =
       run_state(begin_delete_script, {delete_queue, deletions, names.claim, unclear_ends},
                 {entry.member, entry.score, names.deletion, value.value_or(""), claim_owner_,
                  claim_milliseconds, unclear, queue_number(now())});
-  if (value && !is_held(state)) forget_claim(names.claim);
+  claim.is_wanted &= !is_held(state);
   return state;
 }
 
 queue_state transfer_queue::finish_delete(const queue_entry &entry, const delete_member &member,
                                           double oldest) {
   const delete_names names(member);
-  const queue_state state =
-      run_state(end_delete_script, {delete_queue, unclear_ends, names.claim},
-                {entry.member, entry.score, held_claim(names.claim), names.unclear,
-                 member.whole_prefix ? "prefix" : "key", queue_number(oldest)});
-  forget_claim(names.claim);
-  return state;
+  const forgetting claim{*this, names.claim};
+  return run_state(end_delete_script, {delete_queue, unclear_ends, names.claim},
+                   {entry.member, entry.score, held_claim(names.claim), names.unclear,
+                    member.whole_prefix ? "prefix" : "key", queue_number(oldest)});
 }
 
 queue_state transfer_queue::end_delete(const queue_entry &entry, const delete_member &member,
@@ -230,10 +229,9 @@ queue_state transfer_queue::end_delete(const queue_entry &entry, const delete_me
 
 queue_state transfer_queue::drop_delete(const queue_entry &entry, const delete_member &member) {
   const delete_names names(member);
-  const queue_state state = run_state(drop_script, {delete_queue, names.claim},
-                                      {entry.member, entry.score, held_claim(names.claim)});
-  forget_claim(names.claim);
-  return state;
+  const forgetting claim{*this, names.claim};
+  return run_state(drop_script, {delete_queue, names.claim},
+                   {entry.member, entry.score, held_claim(names.claim)});
 }
 
 void transfer_queue::leave_delete(const delete_member &member) {

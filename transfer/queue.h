@@ -150,6 +150,16 @@ class transfer_queue {
   queue_state leave(const std::string &claim, const std::string &unclear_member);
   queue_state finish_delete(const queue_entry &entry, const delete_member &member, double oldest);
 
+  // Forgets a claim when it goes, also by an exception: what is remembered is renewed.
+  struct forgetting {
+    transfer_queue &queue;
+    const std::string &claim;
+    bool is_wanted = true;
+    ~forgetting() {
+      if (is_wanted) queue.forget_claim(claim);
+    }
+  };
+
   // The value of a new claim; nullopt when a job of this process has it.
   std::optional<std::string> take_claim(const std::string &name);
   std::string held_claim(const std::string &name) const;

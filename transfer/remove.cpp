@@ -16,12 +16,18 @@ class delete_job {
         entry_(entry),
         member_(std::move(member)),
         deleted_at_(entry.queued_at()) {}
+  delete_job(const delete_job &) = delete;
+  delete_job &operator=(const delete_job &) = delete;
+  ~delete_job() {
+    if (is_claimed_) no_throw([this] { context_.queue.leave_delete(member_); });
+  }
 
   job_result run() {
     if (!context_.locations.may_start(member_.location)) return {job_end::held};
     probe_guard probe(context_.locations, member_.location);
     const queue_state state = context_.queue.begin_delete(entry_, member_);
     if (state != queue_state::unchanged) return result_of(state);
+    is_claimed_ = true;
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
     probe.use();
@@ -38,10 +44,12 @@ class delete_job {
  private:
   job_result leave(job_result result) {
     context_.queue.leave_delete(member_);
+    is_claimed_ = false;
     return result;
   }
 
   job_result end(queue_state state) {
+    is_claimed_ = false;
     if (state == queue_state::unchanged) ++context_.state.counters.deletes;
     return result_of(state);
   }
@@ -113,6 +121,7 @@ class delete_job {
   const double deleted_at_;
   transfer_locations::lease client_;
   job_result failure_;
+  bool is_claimed_ = false;
 };
 
 }  // namespace

@@ -24,6 +24,13 @@ class upload_job {
         entry_(entry),
         member_(std::move(member)),
         path_(std::move(path)) {}
+  upload_job(const upload_job &) = delete;
+  upload_job &operator=(const upload_job &) = delete;
+  // An exception may come at any point of a transfer.
+  ~upload_job() {
+    if (!is_claimed_) return;
+    no_throw([this] { context_.queue.leave_upload(member_, transfer_end::unclear); });
+  }
 
   job_result run() {
     if (!context_.locations.may_start(member_.location)) return {job_end::held};
@@ -33,6 +40,7 @@ class upload_job {
         state != queue_state::deleted) {
       return result_of(state);
     }
+    is_claimed_ = true;
     if (!open()) return leave({job_end::parked, "its folder in the cache: " + error_text()});
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
@@ -66,6 +74,7 @@ class upload_job {
 
   job_result leave(job_result result) {
     context_.queue.leave_upload(member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    is_claimed_ = false;
     return result;
   }
 
@@ -106,6 +115,7 @@ class upload_job {
     const queue_state state = context_.queue.end_upload(
         entry_, member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
     if (state == queue_state::deleted) return cancel();
+    is_claimed_ = false;
     if (state == queue_state::unchanged || state == queue_state::gone) {
       ++context_.state.counters.uploads;
       context_.state.counters.upload_bytes += static_cast<std::uint64_t>(length);
@@ -125,7 +135,9 @@ class upload_job {
       return leave(failure_of(failure));
     }
     remove_file();
-    return result_of(context_.queue.drop_upload(entry_, member_, settings_.unclear_window));
+    const queue_state state = context_.queue.drop_upload(entry_, member_, settings_.unclear_window);
+    is_claimed_ = false;
+    return result_of(state);
   }
 
   // Not a file that was made after the member was queued: that one is to be queued itself.
@@ -147,6 +159,7 @@ class upload_job {
   int error_ = 0;
   transfer_locations::lease client_;
   bool uncertain_ = false;
+  bool is_claimed_ = false;
 };
 
 }  // namespace
