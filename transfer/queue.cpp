@@ -15,6 +15,8 @@ namespace {
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
 constexpr std::string_view claim_milliseconds = "60000";
+// Longer than an answer of a store is waited for.
+constexpr std::string_view mark_milliseconds = "900000";
 constexpr double deletions_kept = 7 * 86'400.0;  // seconds
 
 const queue_script page_script(std::string(is_of_text) + page_text);
@@ -101,16 +103,24 @@ queue_state transfer_queue::run_state(const queue_script &script, texts keys, te
 
 std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
   const std::lock_guard guard(lock_);
-  const auto [claim, added] = claims_.try_emplace(name);
-  if (!added) return std::nullopt;
-  claim->second = claim_prefix_ + std::to_string(++claim_count_);
-  return claim->second;
+  if (claims_.contains(name)) return std::nullopt;
+  const std::string value = claim_prefix_ + std::to_string(++claim_count_);
+  claims_.emplace(name, own_claim{value, std::chrono::steady_clock::now()});
+  return value;
 }
 
 std::string transfer_queue::held_claim(const std::string &name) const {
   const std::lock_guard guard(lock_);
   const auto claim = claims_.find(name);
-  return claim == claims_.end() ? std::string() : claim->second;
+  return claim == claims_.end() ? std::string() : claim->second.value;
+}
+
+std::string transfer_queue::age_of_claim(const std::string &name) const {
+  const std::lock_guard guard(lock_);
+  const auto claim = claims_.find(name);
+  if (claim == claims_.end()) return "0";
+  const auto age = std::chrono::steady_clock::now() - claim->second.since;
+  return std::to_string(std::chrono::ceil<std::chrono::milliseconds>(age).count());
 }
 
 void transfer_queue::forget_claim(const std::string &name) {
@@ -171,9 +181,11 @@ queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_me
   const upload_names names(member);
   forgetting claim{*this, names.claim};
   const queue_state state = run_state(
-      end_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
+      end_upload_script,
+      {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends, names.prefix_mark},
       {entry.member, entry.score, names.deletion, names.prefix_deletion, held_claim(names.claim),
-       names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear"});
+       names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear",
+       mark_milliseconds, age_of_claim(names.claim)});
   claim.is_wanted = state != queue_state::deleted;
   return state;
 }
@@ -182,9 +194,9 @@ queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_m
                                         int window) {
   const upload_names names(member);
   const forgetting claim{*this, names.claim};
-  return run_state(end_delete_script, {upload_queue, unclear_ends, names.claim},
+  return run_state(end_delete_script, {upload_queue, unclear_ends, names.claim, names.prefix_mark},
                    {entry.member, entry.score, held_claim(names.claim), names.unclear, "key",
-                    queue_number(now() - window)});
+                    queue_number(now() - window), mark_milliseconds});
 }
 
 queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member) {
@@ -217,9 +229,10 @@ queue_state transfer_queue::finish_delete(const queue_entry &entry, const delete
                                           double oldest) {
   const delete_names names(member);
   const forgetting claim{*this, names.claim};
-  return run_state(end_delete_script, {delete_queue, unclear_ends, names.claim},
-                   {entry.member, entry.score, held_claim(names.claim), names.unclear,
-                    member.whole_prefix ? "prefix" : "key", queue_number(oldest)});
+  return run_state(
+      end_delete_script, {delete_queue, unclear_ends, names.claim, names.mark},
+      {entry.member, entry.score, held_claim(names.claim), names.unclear,
+       member.whole_prefix ? "prefix" : "key", queue_number(oldest), mark_milliseconds});
 }
 
 queue_state transfer_queue::end_delete(const queue_entry &entry, const delete_member &member,
@@ -246,13 +259,14 @@ queue_state transfer_queue::queue_again(const upload_member &member, double made
 }
 
 void transfer_queue::renew_claims() {
-  std::map<std::string, std::string> claims;
+  std::map<std::string, own_claim> claims;
   {
     const std::lock_guard guard(lock_);
     claims = claims_;
   }
-  for (const auto &[name, value] : claims) {
-    if (run_state(renew_script, {name}, {claim_milliseconds, value}) == queue_state::down) return;
+  for (const auto &[name, held] : claims) {
+    if (run_state(renew_script, {name}, {claim_milliseconds, held.value}) == queue_state::down)
+      return;
   }
 }
 

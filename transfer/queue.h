@@ -10,6 +10,7 @@
 #ifndef TRANSFER_QUEUE_H
 #define TRANSFER_QUEUE_H
 
+#include <chrono>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -163,6 +164,7 @@ class transfer_queue {
   // The value of a new claim; nullopt when a job of this process has it.
   std::optional<std::string> take_claim(const std::string &name);
   std::string held_claim(const std::string &name) const;
+  std::string age_of_claim(const std::string &name) const;  // in milliseconds
   void forget_claim(const std::string &name);
 
   std::unique_ptr<vk_client, void (*)(vk_client *)> client_;
@@ -170,7 +172,11 @@ class transfer_queue {
   const std::string claim_owner_;   // what the values of all claims of this node begin with
   const std::string claim_prefix_;  // of this process
   mutable std::mutex lock_;         // guards all that follows
-  std::map<std::string, std::string> claims_;
+  struct own_claim {
+    std::string value;
+    std::chrono::steady_clock::time_point since;
+  };
+  std::map<std::string, own_claim> claims_;
   unsigned long claim_count_ = 0;
 };
 

@@ -8,6 +8,7 @@
 namespace {
 
 constexpr std::string_view claims = "storage:claim:s3:main:";
+constexpr std::string_view marks = "storage:swept:s3:main:";
 
 // The first three components of a key.
 std::string prefix_of(const std::string &key) {
@@ -68,10 +69,12 @@ upload_names::upload_names(const upload_member &member) {
   deletion = member.location + ":o:" + member.key;
   prefix_deletion = member.location + ":r:" + prefix;
   prefix_claim = std::string(claims) + prefix_deletion;
+  prefix_mark = std::string(marks) + member.location + ":" + prefix;
 }
 
 delete_names::delete_names(const delete_member &member) {
   unclear = member.location + ":" + member.key + (member.whole_prefix ? "/" : "");
   deletion = member.location + (member.whole_prefix ? ":r:" : ":o:") + member.key;
   claim = std::string(claims) + (member.whole_prefix ? deletion : unclear);
+  mark = std::string(marks) + member.location + ":" + member.key;
 }

@@ -12,18 +12,19 @@ inline constexpr std::string_view unclear_ends = "storage:unclear:s3:main";
 // A number as the DisDB reads it, whatever the process's locale has for a decimal point.
 std::string queue_number(double value);
 
-// What belongs to a key: its claim, and its members in the sets of deletions and unclear ends. A
+// What belongs to a key: its claim, and its members in the sets of deletions and unclear ends. The
+// mark of a prefix tells for a while that a deletion of all below it ended. A
 // prefix is "<kind>/<first id>/<second id>".
 struct upload_names {
   explicit upload_names(const upload_member &member);
-  std::string claim, prefix_claim;
+  std::string claim, prefix_claim, prefix_mark;
   std::string deletion, prefix_deletion;
   std::string unclear;
 };
 
 struct delete_names {
   explicit delete_names(const delete_member &member);
-  std::string claim;
+  std::string claim, mark;
   std::string deletion;
   std::string unclear;  // of a prefix: what those of all its keys begin with
 };

@@ -72,8 +72,9 @@ if deleted >= tonumber(score) then return 'contested' end
 return 'unchanged'
 )lua";
 
-// KEYS: as above. ARGV: member, score, deletion of the key, deletion of the prefix, claim value,
-// unclear member, now, "unclear" or "clear".
+// KEYS: as above, mark of the prefix. ARGV: member, score, deletion of the key, deletion of the
+// prefix, claim value, unclear member, now, "unclear" or "clear", milliseconds for which a mark is
+// kept, milliseconds since the job began.
 inline constexpr char end_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[5]
@@ -90,6 +91,9 @@ if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
 redis.call('DEL', KEYS[3])
 if not score then return 'gone' end
 if redis.call('EXISTS', KEYS[4]) == 1 then return 'claimed' end
+-- The object may have come and gone between two requests of a deletion that ended meanwhile.
+local left = redis.call('PTTL', KEYS[6])
+if left >= 0 and tonumber(ARGV[9]) - left <= tonumber(ARGV[10]) then return 'claimed' end
 redis.call('ZREM', KEYS[1], ARGV[1])
 return 'unchanged'
 )lua";
@@ -130,11 +134,13 @@ redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";
 
-// KEYS: queue, unclear, claim. ARGV: member, score, claim value, unclear member or what it begins
-// with, "key" or "prefix", the oldest unclear end that counts.
+// KEYS: queue, unclear, claim, mark of the prefix. ARGV: member, score, claim value, unclear member
+// or what it begins with, "key" or "prefix", the oldest unclear end that counts, milliseconds for
+// which a mark is kept.
 inline constexpr char end_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[3]
+if ARGV[5] == 'prefix' then redis.call('SET', KEYS[4], '', 'PX', ARGV[7]) end
 if not held then return score and 'claimed' or 'gone' end
 redis.call('DEL', KEYS[3])
 if not score then return 'gone' end

@@ -2,6 +2,7 @@
 #include "transfer/queue.h"
 
 #include <chrono>
+#include <thread>
 
 #include "tests/unit/velkan_fixture.h"
 
@@ -178,12 +179,19 @@ TEST_F(TransferQueue, AWholePrefixThatIsBeingDeletedHoldsUploadsBack) {
                     second = queue(ups, "eu@n1:vm/1/2/4.wav", 1000),
                     deletion = queue(dels, "eu@n2:r:vm/1/2", 900);
   const upload_member other{"eu", "n1", "vm/1/2/4.wav"};
+  const queue_entry third = queue(ups, "eu@n3:vm/1/2/5.wav", 1000);
+  const upload_member early{"eu", "n3", "vm/1/2/5.wav"};
+  transfer_queue elsewhere(client(), "n3");
+  ASSERT_EQ(elsewhere.begin_upload(third, early), state::unchanged);
   ASSERT_EQ(here.begin_upload(second, other), state::unchanged);
   ASSERT_EQ(there.begin_delete(deletion, all), state::unchanged);
   EXPECT_EQ(here.begin_upload(read, upload), state::claimed);
   EXPECT_EQ(here.end_upload(second, other), state::claimed) << "its object may just go";
   EXPECT_EQ(there.end_delete(deletion, all, 60), state::unchanged);
-  EXPECT_EQ(here.begin_upload(second, other), state::unchanged);
+  EXPECT_EQ(elsewhere.end_upload(third, early), state::claimed) << "its object may have gone";
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  ASSERT_EQ(here.begin_upload(second, other), state::unchanged);
+  EXPECT_EQ(here.end_upload(second, other), state::unchanged);
 }
 
 TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
