@@ -78,9 +78,8 @@ return 'unchanged'
 inline constexpr char end_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[5]
-if not held and not score then return 'gone' end
 if not held or ARGV[8] == 'unclear' then redis.call('ZADD', KEYS[5], ARGV[7], ARGV[6]) end
-if not held then return 'claimed' end
+if not held then return score and 'claimed' or 'gone' end
 if score and score ~= ARGV[2] then
   redis.call('DEL', KEYS[3])
   return 'renewed'

@@ -153,6 +153,9 @@ TEST_F(TransferQueue, AKeyHasOneJobAndAJobThatLostItsClaimEndsUnclear) {
   ASSERT_EQ(there.begin_delete(deletion, one), state::unchanged);
   EXPECT_EQ(here.end_upload(read, upload), state::claimed);
   EXPECT_NE(score_of(unclear, "eu:" + key), "");
+  run({"DEL", ups, unclear});
+  EXPECT_EQ(here.end_upload(read, upload), state::gone);
+  EXPECT_NE(score_of(unclear, "eu:" + key), "") << "also when the member went meanwhile";
   EXPECT_EQ(here.is_claimed("eu", key), true) << "the claim of another is left alone";
   EXPECT_EQ(there.drop_delete(deletion, one), state::unchanged);
   EXPECT_EQ(here.is_claimed("eu", key), false);
