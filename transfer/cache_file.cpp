@@ -31,16 +31,34 @@ std::optional<cache_file> cache_file::open(int folder, std::string name) {
   return cache_file(folder, std::move(name), std::move(fd), status);
 }
 
+double cache_file::made_at() const {
+  struct statx status {};
+  if (::statx(fd_.get(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
+      (status.stx_mask & STATX_BTIME) == 0) {
+    return last_use();
+  }
+  return static_cast<double>(status.stx_btime.tv_sec) +
+         static_cast<double>(status.stx_btime.tv_nsec) / 1e9;
+}
+
 double cache_file::last_use() const {
   return static_cast<double>(status_.st_mtim.tv_sec) +
          static_cast<double>(status_.st_mtim.tv_nsec) / 1e9;
 }
 
-// The lease is given only while nobody else has the file open, and goes with the descriptor.
+// The lease is given only while nobody else has the file open. Whoever opens it meanwhile waits.
 removal cache_file::remove() {
   if (::fcntl(fd_.get(), F_SETLEASE, F_WRLCK) != 0) {
     return errno == EAGAIN ? removal::in_use : removal::failed;
   }
+  const removal result = remove_leased();
+  const int error = errno;
+  ::fcntl(fd_.get(), F_SETLEASE, F_UNLCK);
+  errno = error;
+  return result;
+}
+
+removal cache_file::remove_leased() {
   struct stat now {};
   if (::fstat(fd_.get(), &now) != 0) return removal::failed;
   if (!same_time(now.st_mtim, status_.st_mtim)) return removal::in_use;

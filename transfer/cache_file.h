@@ -33,9 +33,14 @@ class cache_file {
   const struct stat &status() const { return status_; }  // as it was when opened
   double last_use() const;                               // seconds since the epoch
 
+  // When it was made, which nothing changes. Its last use where that is not known.
+  double made_at() const;
+
   removal remove();
 
  private:
+  removal remove_leased();
+
   cache_file(int folder, std::string name, unique_fd fd, const struct stat &status)
       : folder_(folder), name_(std::move(name)), fd_(std::move(fd)), status_(status) {}
 

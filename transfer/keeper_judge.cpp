@@ -1,9 +1,6 @@
 // Decides what becomes of one cached file.
 #include "transfer/keeper_judge.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include "platform/base/diagnostics.h"
 #include "transfer/receipt.h"
 #include "transfer/store_proof.h"
@@ -12,17 +9,6 @@ namespace {
 
 // Within it two clocks cannot tell which came first, and the file counts.
 constexpr double clock_error = 1;
-
-// When the file was made: using it changes all other times. The last use where it is not known.
-double made_at(const cache_file &file) {
-  struct statx status {};
-  if (::statx(file.fd(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
-      (status.stx_mask & STATX_BTIME) == 0) {
-    return file.last_use();
-  }
-  return static_cast<double>(status.stx_btime.tv_sec) +
-         static_cast<double>(status.stx_btime.tv_nsec) / 1e9;
-}
 
 // Whether an upload waits or any job works on the key; nothing when that cannot be told.
 std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &config,
@@ -49,7 +35,7 @@ judgement judge_absent(const keeper_parts &parts, const transfer_config &config,
   const upload_member member{.location = config.location_of(first_id_of(key).value_or(0)),
                              .node = config.node,
                              .key = key};
-  const double made = made_at(file);
+  const double made = file.made_at();
   const auto deleted = parts.queue.deleted_at(member);
   if (!deleted) return judgement::left;
   if (*deleted > made + clock_error) return remove(parts, file);

@@ -142,11 +142,7 @@ class upload_job {
 
   // Not a file that was made after the member was queued: that one is to be queued itself.
   void remove_file() {
-    if (!file_) return;
-    const timespec &changed = file_->status().st_ctim;
-    const double since =
-        static_cast<double>(changed.tv_sec) + static_cast<double>(changed.tv_nsec) / 1e9;
-    if (since <= entry_.queued_at() + clock_error) file_->remove();
+    if (file_ && file_->made_at() <= entry_.queued_at() + clock_error) file_->remove();
   }
 
   const job_context &context_;
