@@ -32,10 +32,10 @@ double pause_after(const job_result &result, int tries, double window) {
 }  // namespace
 
 void backoff_table::schedule(const name &which, entry &what, double when) {
-  if (!what.is_due) due_.erase({what.told.next, which});
+  if (!what.is_due) due_[which.first].erase({what.told.next, which.second});
   what.told.next = when;
   what.is_due = false;
-  due_.emplace(when, which);
+  due_[which.first].emplace(when, which.second);
 }
 
 bool backoff_table::holds(const work_item &item) {
@@ -78,7 +78,9 @@ void backoff_table::postpone(const work_item &item, double until) {
 void backoff_table::forget(const work_item &item) {
   const auto found = entries_.find({item.kind, item.entry.member});
   if (found == entries_.end()) return;
-  if (!found->second.is_due) due_.erase({found->second.told.next, found->first});
+  if (!found->second.is_due) {
+    due_[item.kind].erase({found->second.told.next, item.entry.member});
+  }
   entries_.erase(found);
 }
 
@@ -96,20 +98,22 @@ void backoff_table::hurry(const delete_member &deletion, const std::string &node
   }
 }
 
-std::vector<work_item> backoff_table::take_due(double now, size_t most) {
+std::vector<work_item> backoff_table::take_due(queue_kind kind, double now, size_t most) {
   std::vector<work_item> items;
-  while (!due_.empty() && due_.begin()->first <= now && items.size() < most) {
-    const name which = due_.begin()->second;
-    due_.erase(due_.begin());
+  auto &due = due_[kind];
+  while (!due.empty() && due.begin()->first <= now && items.size() < most) {
+    const name which{kind, due.begin()->second};
+    due.erase(due.begin());
     entry &what = entries_.at(which);
     what.is_due = true;
-    items.push_back({which.first, {which.second, what.score}});
+    items.push_back({kind, {which.second, what.score}});
   }
   return items;
 }
 
-double backoff_table::next_due() const {
-  return due_.empty() ? 0 : due_.begin()->first;
+double backoff_table::next_due(queue_kind kind) const {
+  const auto due = due_.find(kind);
+  return due == due_.end() || due->second.empty() ? 0 : due->second.begin()->first;
 }
 
 std::vector<parked_member> backoff_table::list(size_t most) const {

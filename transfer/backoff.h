@@ -31,8 +31,8 @@ class backoff_table {
 
   // The members whose time has come. They stay in the table until they are put aside again or
   // forgotten.
-  std::vector<work_item> take_due(double now, size_t most);
-  double next_due() const;  // seconds since the epoch; 0 for none
+  std::vector<work_item> take_due(queue_kind kind, double now, size_t most);
+  double next_due(queue_kind kind) const;  // seconds since the epoch; 0 for none
   std::vector<parked_member> list(size_t most) const;
 
  private:
@@ -45,7 +45,7 @@ class backoff_table {
   void schedule(const name &which, entry &what, double when);
 
   std::map<name, entry> entries_;
-  std::set<std::pair<double, name>> due_;
+  std::map<queue_kind, std::set<std::pair<double, std::string>>> due_;
 };
 
 #endif

@@ -128,9 +128,11 @@ void work_feeder::add(lane &queue, queue_entry entry) {
 }
 
 void work_feeder::hand_out_due() {
-  if (uploads_.ready.size() >= low_water || deletes_.ready.size() >= low_water) return;
-  for (work_item &item : aside_.take_due(qx_get_tstamp(), most_due)) {
-    add(lane_of(item.kind), std::move(item.entry));
+  for (lane *queue : {&deletes_, &uploads_}) {
+    if (queue->ready.size() >= low_water) continue;
+    for (work_item &item : aside_.take_due(queue->kind, qx_get_tstamp(), most_due)) {
+      add(*queue, std::move(item.entry));
+    }
   }
 }
 
@@ -228,10 +230,9 @@ work_feeder::clock::time_point work_feeder::next_event() const {
     const bool looks = queue->cursor >= 0 || queue->woken;
     when =
         std::min(when, looks ? ask_at_ : std::max({queue->look_at, queue->may_look_at, ask_at_}));
+    const double due = aside_.next_due(queue->kind);
+    if (due != 0) when = std::min(when, moment_of(due));
   }
-  const bool has_room = uploads_.ready.size() < low_water && deletes_.ready.size() < low_water;
-  const double due = aside_.next_due();
-  if (has_room && due != 0) when = std::min(when, moment_of(due));
   if (is_blocked_) when = std::min(when, moment_of(context_.locations.next_retry()));
   return when;
 }
