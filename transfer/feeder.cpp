@@ -14,6 +14,7 @@ constexpr size_t most_due = 64;   // handed out at once
 constexpr auto renew_every = 15s;
 constexpr auto trim_every = 1h;
 constexpr auto pause_when_down = 500ms;
+constexpr auto pause_when_full = 30s;
 constexpr auto shortest_between_looks = 500ms;
 constexpr int share_of_looks = 10;   // so many times what a look costs the DisDB passes to the next
 constexpr double end_of_queue = 60;  // seconds: a member is told of within it
@@ -93,9 +94,7 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
       look_again(queue, pause_when_down);
       break;
     default:
-      if (!aside_.put_aside(item, result, qx_get_tstamp(), window_)) {
-        look_again(queue, shortest_between_looks);
-      }
+      if (!aside_.put_aside(item, result, qx_get_tstamp(), window_)) pause(queue);
   }
   has_event_ = true;
   events_.notify_one();
@@ -113,6 +112,18 @@ bool work_feeder::is_working() const {
 
 void work_feeder::look_again(lane &queue, clock::duration after) {
   queue.look_at = std::min(queue.look_at, clock::now() + after);
+}
+
+// So many fail that no more can be remembered: what is not remembered would be tried without end.
+void work_feeder::pause(lane &queue) {
+  queue.paused_until = clock::now() + pause_when_full;
+  queue.has_found = true;
+  std::erase_if(queue.ready, [&](const queue_entry &entry) {
+    if (aside_.holds({queue.kind, entry})) return false;
+    queue.taken.erase(entry.member);
+    return true;
+  });
+  look_again(queue, pause_when_full);
 }
 
 void work_feeder::look_for_blocked() {
@@ -191,7 +202,7 @@ void work_feeder::end_look(lane &queue) {
 
 // Reads a page when the workers are about to run out. True when there may be more to read at once.
 bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
-  if (queue.ready.size() >= low_water || clock::now() < ask_at_) return false;
+  if (queue.ready.size() >= low_water || clock::now() < may_ask(queue)) return false;
   if (queue.cursor < 0 && !begin_look(queue, guard)) return false;
   long cursor = std::max(0L, queue.cursor - std::exchange(queue.removed, 0));
   guard.unlock();
@@ -228,8 +239,8 @@ work_feeder::clock::time_point work_feeder::next_event() const {
   for (const lane *queue : {&uploads_, &deletes_}) {
     if (queue->ready.size() >= low_water) continue;
     const bool looks = queue->cursor >= 0 || queue->woken;
-    when =
-        std::min(when, looks ? ask_at_ : std::max({queue->look_at, queue->may_look_at, ask_at_}));
+    when = std::min(when, looks ? may_ask(*queue)
+                                : std::max({queue->look_at, queue->may_look_at, may_ask(*queue)}));
     const double due = aside_.next_due(queue->kind);
     if (due != 0) when = std::min(when, moment_of(due));
   }

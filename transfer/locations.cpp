@@ -63,6 +63,8 @@ meaning meaning_of(const s3_answer &answer) {
     case s3_outcome::busy:
     case s3_outcome::unreachable:
     case s3_outcome::unclear:
+    // One object may be damaged; a store that answers so for each will not come right by itself.
+    case s3_outcome::damaged:
       return meaning::failure;
     default:
       return meaning::nothing;

@@ -96,7 +96,9 @@ void s3_damage(s3_answer &answer, const char *text) {
 
 void s3_compare_etag(s3_answer &answer, std::string_view expected) {
   if (answer && answer.etag != expected) {
-    s3_damage(answer, "the store's ETag is not the MD5 of what was sent");
+    s3_damage(answer,
+              "answers with another checksum than was sent; "
+              "server-side encryption with keys of its own is not supported");
   }
 }
 
