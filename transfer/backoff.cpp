@@ -1,6 +1,8 @@
 // Which failed members wait, and for how long.
 #include "transfer/backoff.h"
 
+#include <algorithm>
+
 #include "platform/base/diagnostics.h"
 #include "transfer/jitter.h"
 
@@ -65,6 +67,7 @@ bool backoff_table::put_aside(const work_item &item, const job_result &result, d
   }
   what.score = item.entry.score;
   what.told.reason = result.reason;
+  what.end = result.end;
   ++what.told.tries;
   schedule(which, what, now + pause_after(result, what.told.tries, window));
   return true;
@@ -116,11 +119,25 @@ double backoff_table::next_due(queue_kind kind) const {
   return due == due_.end() || due->second.empty() ? 0 : due->second.begin()->first;
 }
 
-std::vector<parked_member> backoff_table::list(size_t most) const {
-  std::vector<parked_member> members;
+std::vector<parked_member> backoff_table::parked(size_t most) const {
+  std::vector<const parked_member *> found;
   for (const auto &[which, what] : entries_) {
-    if (members.size() == most) break;
-    members.push_back(what.told);
+    if (what.end == job_end::parked) found.push_back(&what.told);
   }
+  std::ranges::stable_sort(found, {}, &parked_member::since);
+  if (found.size() > most) found.resize(most);
+  std::vector<parked_member> members;
+  for (const parked_member *one : found) members.push_back(*one);
   return members;
+}
+
+size_t backoff_table::waiting() const {
+  return static_cast<size_t>(std::ranges::count_if(
+      entries_, [](const auto &one) { return one.second.end != job_end::parked; }));
+}
+
+void backoff_table::hurry_all(double now) {
+  for (auto &[which, what] : entries_) {
+    if (!what.is_due && what.end != job_end::waiting) schedule(which, what, now);
+  }
 }

@@ -33,13 +33,18 @@ class backoff_table {
   // forgotten.
   std::vector<work_item> take_due(queue_kind kind, double now, size_t most);
   double next_due(queue_kind kind) const;  // seconds since the epoch; 0 for none
-  std::vector<parked_member> list(size_t most) const;
+  // Those that a person must mend, oldest first.
+  std::vector<parked_member> parked(size_t most) const;
+  size_t waiting() const;  // how many others there are
+  // All that may be mended by now are due.
+  void hurry_all(double now);
 
  private:
   using name = std::pair<queue_kind, std::string>;
   struct entry {
     std::string score;
     parked_member told;
+    job_end end = job_end::retry;
     bool is_due = false;  // taken, and not in `due_`
   };
   void schedule(const name &which, entry &what, double when);

@@ -33,6 +33,7 @@ void work_feeder::configure(int look_interval, int unclear_window) {
   const std::lock_guard guard(lock_);
   interval_ = std::chrono::seconds(std::max(look_interval, 1));
   window_ = unclear_window;
+  aside_.hurry_all(qx_get_tstamp());
   look_again(uploads_, 0s);
   look_again(deletes_, 0s);
 }
@@ -102,7 +103,12 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
 
 std::vector<parked_member> work_feeder::parked(size_t most) const {
   const std::lock_guard guard(lock_);
-  return aside_.list(most);
+  return aside_.parked(most);
+}
+
+size_t work_feeder::waiting() const {
+  const std::lock_guard guard(lock_);
+  return aside_.waiting();
 }
 
 bool work_feeder::is_working() const {

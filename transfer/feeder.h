@@ -24,6 +24,7 @@ class work_feeder {
   work_feeder(const work_feeder &) = delete;
   work_feeder &operator=(const work_feeder &) = delete;
 
+  // Also makes all members due that were put aside.
   void configure(int look_interval, int unclear_window);
   void wake();
   void stop();
@@ -34,6 +35,7 @@ class work_feeder {
   void ended(const work_item &item, const job_result &result);
 
   std::vector<parked_member> parked(size_t most) const;
+  size_t waiting() const;   // members that failed, and are tried again soon
   bool is_working() const;  // members are ready, or are worked on
 
  private:

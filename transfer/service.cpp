@@ -71,6 +71,7 @@ service_report transfer_service::parts::report() {
   if (report.queue) report.dangerous_policy = queue.dangerous_policy().value_or("");
   report.running = state.running();
   report.parked = workers.parked();
+  report.waiting = workers.waiting();
   report.locations = locations.report();
   report.cache = keeper.report();
   report.counters = &state.counters;

@@ -130,6 +130,7 @@ std::string status_json(const service_report &report) {
   put(json, "idle", report.idle);
   put_queue(json, report);
   put_lists(json, report);
+  put(json, "waiting", static_cast<std::int64_t>(report.waiting));
   put_cache(json, report.cache);
   put_counters(json, report);
   json.EndObject();

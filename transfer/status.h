@@ -23,6 +23,7 @@ struct service_report {
   std::string dangerous_policy;        // of the DisDB; empty when it is none
   std::vector<running_job> running;
   std::vector<parked_member> parked;
+  std::size_t waiting = 0;  // members that failed, and are tried again soon
   std::vector<location_report> locations;
   keeper_report cache;
   const transfer_counters *counters = nullptr;  // of the running service

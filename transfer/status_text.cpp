@@ -124,6 +124,11 @@ std::string parked(const Value &list, double now) {
   return shown;
 }
 
+std::string waiting(const Value &state) {
+  const std::string others = count(state, "waiting");
+  return others == "0" ? "" : "Failed, and tried again soon\n  " + others + "\n";
+}
+
 std::string cache(const Value &cached, double now) {
   if (whole(cached, "files") < 0) return "Cache\n  not looked through yet\n";
   std::string shown = "Cache\n";
@@ -165,5 +170,5 @@ std::optional<std::string> status_for_people(std::string json) {
          ", running for " + duration(now - number(state, "started")) + "\n\n" +
          queues(member(state, "queue")) + locations(member(state, "locations"), now) +
          running(member(state, "running"), now) + parked(member(state, "parked"), now) +
-         cache(member(state, "cache"), now) + counters(member(state, "counters"));
+         waiting(state) + cache(member(state, "cache"), now) + counters(member(state, "counters"));
 }

@@ -38,9 +38,12 @@ class transfer_workers::engine {
   }
 
   void reconfigure(worker_settings settings) {
-    feeder_.configure(settings.look_interval, settings.unclear_window);
-    const std::lock_guard guard(lock_);
-    settings_ = std::make_shared<const worker_settings>(std::move(settings));
+    const auto now = std::make_shared<const worker_settings>(std::move(settings));
+    {
+      const std::lock_guard guard(lock_);
+      settings_ = now;
+    }
+    feeder_.configure(now->look_interval, now->unclear_window);
   }
 
   void wake() { feeder_.wake(); }
@@ -56,6 +59,7 @@ class transfer_workers::engine {
   }
 
   std::vector<parked_member> parked() const { return feeder_.parked(most_told); }
+  std::size_t waiting() const { return feeder_.waiting(); }
 
   bool idle() const {
     if (feeder_.is_working()) return false;
@@ -169,6 +173,10 @@ void transfer_workers::stop() {
 
 std::vector<parked_member> transfer_workers::parked() const {
   return engine_->parked();
+}
+
+std::size_t transfer_workers::waiting() const {
+  return engine_->waiting();
 }
 
 bool transfer_workers::idle() const {

@@ -28,14 +28,15 @@ class transfer_workers {
   ~transfer_workers();  // as stop()
 
   void start(worker_settings settings);
-  // New settings, without ending what runs.
+  // New settings, without ending what runs. What was put aside is tried again at once.
   void reconfigure(worker_settings settings);
   // Something was queued: look at once.
   void wake();
   // Ends within seconds; `control.stop` is up by then.
   void stop();
 
-  std::vector<parked_member> parked() const;  // at most a thousand
+  std::vector<parked_member> parked() const;  // at most a thousand, oldest first
+  std::size_t waiting() const;                // members that failed, and are tried again soon
   // Whether nothing of this node is queued or running; false also when the DisDB does not answer.
   bool idle() const;
 
