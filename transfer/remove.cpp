@@ -5,7 +5,7 @@ namespace {
 
 // So much older than the deletion an object of the store's clock must be to go without a look at
 // when it was queued.
-constexpr double store_clock_error = 60;
+constexpr double store_clock_error = 3600;
 
 class delete_job {
  public:
