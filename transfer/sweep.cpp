@@ -10,7 +10,8 @@
 
 namespace {
 
-constexpr double forgotten_after = 2 * 86'400.0;  // seconds
+// Which node began an upload is not to be told, and the files of a node may wait for days.
+constexpr double forgotten_after = 7 * 86'400.0;  // seconds
 
 bool is_forgotten(const job_context &context, const worker_settings &settings,
                   const std::string &location, const s3_upload &upload) {

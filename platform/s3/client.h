@@ -108,7 +108,7 @@ struct s3_upload {
 };
 struct s3_upload_listing {
   s3_answer answer;
-  std::vector<s3_upload> uploads;  // one page of at most 1,000 is enough: done again after a sweep
+  std::vector<s3_upload> uploads;  // at most 20,000: done again after a sweep
 };
 
 struct s3_failed_key {

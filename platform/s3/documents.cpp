@@ -130,7 +130,7 @@ bool s3_read_objects(std::string_view text, const s3_prefixes &prefix,
 }
 
 bool s3_read_uploads(std::string_view text, const s3_prefixes &prefix,
-                     std::vector<s3_upload> &uploads) {
+                     std::vector<s3_upload> &uploads, bool &more) {
   const document_of document(text, "ListMultipartUploadsResult");
   if (!document) return false;
   for (const pugi::xml_node &entry : document->children("Upload")) {
@@ -139,6 +139,7 @@ bool s3_read_uploads(std::string_view text, const s3_prefixes &prefix,
     upload.id = entry.child_value("UploadId");
     upload.initiated = seconds_of(entry.child_value("Initiated"));
   }
+  more = document->child("IsTruncated").text().as_bool();
   return true;
 }
 

@@ -26,7 +26,7 @@ struct s3_prefixes {
 bool s3_read_objects(std::string_view document, const s3_prefixes &prefix,
                      std::vector<s3_listed> &objects, std::string &next);
 bool s3_read_uploads(std::string_view document, const s3_prefixes &prefix,
-                     std::vector<s3_upload> &uploads);
+                     std::vector<s3_upload> &uploads, bool &more);
 // `next` is the number to go on behind; 0 at the end.
 bool s3_read_parts(std::string_view document, std::vector<s3_part> &parts, int &next);
 // Keys that were absent are not among them.

@@ -41,16 +41,31 @@ s3_removal s3_client::remove(const std::vector<std::string> &keys) {
 }
 
 s3_upload_listing s3_client::uploads(std::string_view prefix) {
+  constexpr int most_pages = 20;
   const std::string &place_prefix = connection_->place().prefix;
-  s3_reply reply = connection_->exchange({.of_bucket = true,
-                                          .query = {{"encoding-type", "url"},
-                                                    {"max-uploads", "1000"},
-                                                    {"prefix", place_prefix + std::string(prefix)},
-                                                    {"uploads", ""}}});
-  s3_upload_listing listing{.answer = std::move(reply.answer), .uploads = {}};
-  if (listing.answer && !s3_read_uploads(reply.body, {place_prefix, prefix}, listing.uploads)) {
-    s3_damage(listing.answer, "the answer is no listing of what was asked for");
-    listing.uploads.clear();
+  s3_upload_listing listing;
+  bool more = true;
+  for (int page = 0; more && page < most_pages; ++page) {
+    s3_request request{.of_bucket = true,
+                       .query = {{"encoding-type", "url"},
+                                 {"max-uploads", "1000"},
+                                 {"prefix", place_prefix + std::string(prefix)},
+                                 {"uploads", ""}}};
+    const size_t before = listing.uploads.size();
+    if (before > 0) {
+      const s3_upload &last = listing.uploads.back();
+      request.query.emplace_back("key-marker", place_prefix + last.key);
+      request.query.emplace_back("upload-id-marker", last.id);
+    }
+    s3_reply reply = connection_->exchange(request);
+    listing.answer = std::move(reply.answer);
+    if (!listing.answer) break;
+    if (!s3_read_uploads(reply.body, {place_prefix, prefix}, listing.uploads, more)) {
+      s3_damage(listing.answer, "the answer is no listing of what was asked for");
+      listing.uploads.clear();
+      break;
+    }
+    more &= listing.uploads.size() > before;
   }
   return listing;
 }

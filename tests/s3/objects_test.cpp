@@ -156,6 +156,10 @@ TEST_F(Store, ForgetsPartsThatAreGivenUp) {
   EXPECT_EQ(client.abort("key", id).outcome, not_found);
   EXPECT_EQ(client.parts("key", id).answer.outcome, not_found);
   EXPECT_TRUE(client.uploads("").uploads.empty());
+  for (int i = 0; i < 1001; ++i) {
+    ASSERT_TRUE(client.begin_parts("key" + std::to_string(i / 2), {}, id));
+  }
+  EXPECT_EQ(client.uploads("").uploads.size(), 1001U) << "on several pages";
 }
 
 TEST_F(Store, TellsWhatIsWrongWithAPlace) {
