@@ -1,7 +1,5 @@
 // The list of accounts in all its formats, beside sums over the tables and the disk.
-#include <rapidjson/schema.h>
-
-#include <fstream>
+#include <sys/stat.h>
 
 #include "tests/e2e/report_fixture.h"
 
@@ -78,13 +76,8 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
       box.quota_path("1/2/12/voicemail"),
       std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
   box.write_file("var/lib/quorvexquota/3/quota.redo", "");
-  rapidjson::Document schema;
-  std::ifstream stream(SPOOLCAP_SOURCE "/report/schema.json");
-  schema.Parse(std::string(std::istreambuf_iterator<char>(stream), {}).c_str());
-  const rapidjson::SchemaDocument rules(schema);
   const rapidjson::Document document = json({"--format", "json"});
-  rapidjson::SchemaValidator validator(rules);
-  EXPECT_TRUE(document.Accept(validator)) << validator.GetInvalidSchemaKeyword();
+  EXPECT_TRUE(follows(document, "schema.json"));
 
   const Value &cid = account(document, 12);
   EXPECT_EQ(cid["parent"].GetInt(), 2);
@@ -128,6 +121,7 @@ TEST_F(Report, HostileLoginsStayTheTextOfOneCell) {
   int id = 100;
   for (const char *login : logins) box.add_owner(id++, 2, login);
   box.add_owner(id, 2, std::string_view("a\0b", 3));
+  stop_ages();
   for (const std::string format : {"json", "jsonl", "csv", "tsv"}) {
     report({"-f", format, "--output", box.path("list." + format)});
   }
@@ -209,16 +203,48 @@ TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
   EXPECT_EQ(closed.status, 2);
   EXPECT_EQ(closed.err,
             "spoolcap-report: Standard output could not be written: Bad file descriptor\n");
+  stop_ages();
   box.write_file("list", "old");
   std::filesystem::create_symlink(box.path("list"), box.path("link"));
   report({"-o", box.path("link")});
   EXPECT_TRUE(std::filesystem::is_symlink(box.path("link")));
-  EXPECT_EQ(box.read_file("list"), report({}));
+  EXPECT_EQ(box.read_file("list"), report({"-o", "/dev/stdout"}));
   std::ofstream(box.path("etc/quorvex/sqldbase.conf")) << "DB_MASTER main:/nowhere:1\n";
   const support::process_result unreachable = box.run_report({"-o", box.path("list")});
   EXPECT_EQ(unreachable.status, 2);
   EXPECT_EQ(unreachable.err, "spoolcap-report: The database cannot be reached\n");
   EXPECT_NE(box.read_file("list"), "") << "stays as it was";
+}
+
+TEST_F(Report, OnlyARegularFileIsReplaced) {
+  report({"snapshot", box.path("snapshot")});
+  const std::string fifo = box.path("fifo");
+  const std::string link = box.path("link");
+  const std::string output = box.path("output");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const words rows[] = {{"list", "-o"},  {"metrics", "-o"},
+                        {"check", "-o"}, {"diff", box.path("snapshot"), "-o"},
+                        {"page"},        {"snapshot"}};
+  for (words row : rows) {
+    SCOPED_TRACE(row[0]);
+    row.push_back(box.root().string());
+    EXPECT_NE(box.run_report(row).err.find(" could not be written: Is a directory\n"), row[0].npos);
+    std::string call = SPOOLCAP_REPORT_BINARY;
+    for (size_t i = 0; i + 1 < row.size(); ++i) call += " " + row[i];
+    // To a fifo, through a link to nothing, and to a descriptor whose file has no name any more.
+    const support::process_result result = support::run_process(
+        {"sh", "-c",
+         "cat " + fifo + " > " + output + " & " + call + " " + fifo + " && wait && ln -sf " +
+             box.path("new-" + row[0]) + " " + link + " && " + call + " " + link + " && ln -sf " +
+             "/proc/self/fd/1 " + link + " && exec > " + box.path("gone") + " && rm " +
+             box.path("gone") + " && " + call + " " + link},
+        {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_NE(box.read_file("output").value_or(""), "");
+    EXPECT_NE(box.read_file("new-" + row[0]).value_or(""), "");
+  }
 }
 
 }  // namespace
