@@ -1,6 +1,8 @@
 // The list of accounts in all its formats, beside sums over the tables and the disk.
 #include <sys/stat.h>
 
+#include <cstring>
+
 #include "tests/e2e/report_fixture.h"
 
 namespace {
@@ -77,7 +79,7 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
       std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
   box.write_file("var/lib/quorvexquota/3/quota.redo", "");
   const rapidjson::Document document = json({"--format", "json"});
-  EXPECT_TRUE(follows(document, "schema.json"));
+  EXPECT_TRUE(follows(document, "report.schema.json"));
 
   const Value &cid = account(document, 12);
   EXPECT_EQ(cid["parent"].GetInt(), 2);
@@ -187,10 +189,48 @@ TEST_F(Report, BadInputIsOneLineAndStatusTwo) {
     EXPECT_EQ(result.err.find("spoolcap-report: "), 0U);
     EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
   }
-  for (const words &row :
-       {words{"--help"}, {"list", "--help"}, {"metrics", "--help"}, {"check", "--help"}}) {
-    EXPECT_EQ(report(row).find("--help"), report(row).rfind("--help")) << "said once";
+}
+
+// A text with one space between words, without what a manual page is marked up with.
+std::string plain(const std::string &text) {
+  std::string found;
+  for (const char byte : text) {
+    if (std::strchr("*_`", byte) != nullptr) continue;
+    const bool is_space = byte == ' ' || byte == '\n' || byte == '\t';
+    if (!is_space) found += byte;
+    if (is_space && !found.empty() && found.back() != ' ') found += ' ';
   }
+  return found;
+}
+
+TEST_F(Report, HelpOfACommandIsItsPartOfTheManualPage) {
+  const auto file = [](const std::string &path) {
+    return support::run_process({"cat", std::string(SPOOLCAP_SOURCE "/") + path}).out;
+  };
+  const std::string manual = file("docs/man/spoolcap-report.8.scd");
+  const std::string completions[] = {file("debian/spoolcap-report.bash-completion"),
+                                     file("debian/zsh/_spoolcap-report")};
+  for (const std::string call :
+       {"list", "metrics", "page FILE", "check", "snapshot FILE", "diff OLD... [NEW]"}) {
+    const std::string head = "\n## " + call + "\n";
+    const size_t begin = manual.find(head);
+    ASSERT_NE(begin, manual.npos) << call;
+    const std::string part = manual.substr(begin + head.size());
+    const std::string command = call.substr(0, call.find(' '));
+    std::string help = plain(report({command, "--help"}));
+    for (const std::string &label :
+         {"Usage: spoolcap-report " + command + " [options]" + call.substr(command.size()) + " ",
+          std::string("Options: "), std::string("Help: ")}) {
+      if (const size_t at = help.find(label); at != help.npos) help.erase(at, label.size());
+    }
+    EXPECT_EQ(plain(part.substr(0, part.find("\n#"))), help);
+    for (size_t at = 0; (at = help.find("--", at)) != help.npos; ++at) {
+      const std::string option = help.substr(at, help.find_first_of(" =", at) - at);
+      for (const std::string &known : completions)
+        EXPECT_NE(known.find(option), known.npos) << option;
+    }
+  }
+  EXPECT_NE(report({"--help"}).find("Status: 0 done;"), std::string::npos);
 }
 
 TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
