@@ -274,10 +274,9 @@ TEST_F(Report, OnlyARegularFileIsReplaced) {
     // To a fifo, through a link to nothing, and to a descriptor whose file has no name any more.
     const support::process_result result = support::run_process(
         {"sh", "-c",
-         "cat " + fifo + " > " + output + " & " + call + " " + fifo + " && wait && ln -sf " +
-             box.path("new-" + row[0]) + " " + link + " && " + call + " " + link + " && ln -sf " +
-             "/proc/self/fd/1 " + link + " && exec > " + box.path("gone") + " && rm " +
-             box.path("gone") + " && " + call + " " + link},
+         "cat $1 > $2 & $0 $1 && wait && ln -sf $4 $3 && $0 $3 && "
+         "ln -sf /proc/self/fd/1 $3 && exec > $5 && rm $5 && $0 $3",
+         call, fifo, output, link, box.path("new-" + row[0]), box.path("gone")},
         {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_TRUE(std::filesystem::is_fifo(fifo));
