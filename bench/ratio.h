@@ -39,7 +39,8 @@ void at_least(double target, const std::string &work, const std::string &limit_n
               std::optional<gap> known_gap = {});
 
 // A row for a figure that was not timed: a count or a size against its bound.
-void bound(const std::string &work, const std::string &unit, double measured, double target);
+void bound(const std::string &work, const std::string &unit, double measured, double target,
+           std::optional<gap> known_gap = {});
 
 // Runs everything that was registered and prints the table. 0 when no target is missed, else 1.
 int run(int argc, char **argv);

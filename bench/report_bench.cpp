@@ -2,7 +2,8 @@
 // it takes of memory.
 #include <sys/stat.h>
 
-#include <chrono>
+#include <algorithm>
+#include <array>
 #include <fstream>
 
 #include "bench/page.h"
@@ -44,8 +45,12 @@ void fill_figures(support::sandbox &box) {
   }
 }
 
+// The median of three runs: whatever else the machine does makes some of them longer.
 double seconds_of(const support::sandbox &box, const command &arguments) {
-  return support::seconds_of([&] { run_silently(box, arguments); });
+  std::array<double, 3> runs = {};
+  for (double &run : runs) run = support::seconds_of([&] { run_silently(box, arguments); });
+  std::sort(runs.begin(), runs.end());
+  return runs[1];
 }
 
 void add_list(support::sandbox &box) {
@@ -59,7 +64,8 @@ void add_list(support::sandbox &box) {
                static_cast<double>(memory) / 1024, 32 + 100'000 * 300.0 / 1024 / 1024);
   const double show = seconds_of(box, {SPOOLCAP_SANDBOX_BINARY, "--action", "show", "--all"});
   ratio::bound("time of the list", "% of spoolcap --action show --all",
-               100 * seconds_of(box, list) / show, 5);
+               100 * seconds_of(box, list) / show, 5,
+               ratio::gap{12, "the kernel opens, reads and closes 500,000 files for both"});
 }
 
 // Accounts alone: what their figures take is there without files, too.

@@ -1,4 +1,4 @@
-// Accounts as JSON; report/schema.json is the contract.
+// Accounts as JSON; report/report.schema.json is the contract.
 #ifndef REPORT_JSON_H
 #define REPORT_JSON_H
 

@@ -16,15 +16,22 @@
 
 namespace {
 
-// The file that a path leads to through links; the path itself when there is none.
+// The file that a path leads to through links; the path itself when that has no name, or is not
+// there.
 std::string resolved(const char *path) {
   const c_string found(::realpath(path, nullptr));
   return found ? found.get() : path;
 }
 
+// A file takes the place of a regular file or of nothing. What is still a link after it was
+// resolved leads to nothing, or to a file without a name, as a descriptor may be.
 bool is_kept_in_place(const std::string &path) {
   struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+}
+
+bool is_standard_output(const char *path) {
+  return is_empty(path) || std::strcmp(path, "-") == 0 || std::strcmp(path, "/dev/stdout") == 0;
 }
 
 // The mode that a new file gets from this process.
@@ -47,7 +54,7 @@ void prepare_standard_streams() {
 }
 
 report_output::report_output(const char *path) {
-  if (is_empty(path) || std::strcmp(path, "-") == 0) return;
+  if (is_standard_output(path)) return;
   path_ = resolved(path);
   if (is_kept_in_place(path_)) {
     file_.reset(std::fopen(path_.c_str(), "we"));

@@ -13,11 +13,12 @@
 void prepare_standard_streams();
 
 // Write to stream(), then commit(). A file is written beside its place under another name, and
-// renamed when it is complete; without a commit nothing is left of it. A device or fifo is written
-// to as it is. All functions throw report_trouble.
+// renamed when it is complete; without a commit nothing is left of it. What is there and no regular
+// file, like a device, a fifo or a link to nothing, is written to as it is and never replaced. All
+// functions throw report_trouble.
 class report_output {
  public:
-  // Without a path, or with "-", standard output.
+  // Without a path, with "-" or "/dev/stdout", standard output.
   explicit report_output(const char *path = nullptr);
   report_output(const report_output &) = delete;
   report_output &operator=(const report_output &) = delete;

@@ -14,6 +14,7 @@ class Check : public Report {
     const support::process_result result = box.run_report(options);
     EXPECT_EQ(result.err, "");
     document_.Parse(result.out.c_str());
+    EXPECT_TRUE(follows(document_, "check.schema.json"));
     std::vector<std::string> found;
     for (const rapidjson::Value &one : document_["findings"].GetArray()) {
       std::string text = one["finding"].GetString();
@@ -64,6 +65,22 @@ TEST_F(Check, FiguresAreComparedWithTablesDiskAndChildren) {
                                          "parent_differs 2 recording", "parent_differs 2 sound"}));
   write_quota("1/2/12/sound", "110.0");
   EXPECT_EQ(findings().back(), "parent_differs 2 sound") << "less than its children have";
+}
+
+TEST_F(Check, MediaThatCannotBeReadWholeAreNamed) {
+  // Each folder leads to the next by two links: more ways in all than a walk follows.
+  const std::string folder = box.path(box.sound_folder("12")) + "/";
+  for (int depth = 0; depth < 17; ++depth) {
+    const std::string next = std::to_string(depth + 1);
+    for (const std::string &place : {std::to_string(depth), next}) {
+      std::filesystem::create_directories(folder + place);
+    }
+    for (const char *link : {"/a", "/b"}) {
+      std::filesystem::create_directory_symlink("../" + next,
+                                                folder + std::to_string(depth) + link);
+    }
+  }
+  EXPECT_EQ(findings({"--deep"}), texts{"media_not_readable 12 sound"});
 }
 
 TEST_F(Check, QuotaFoldersAndAccountsAreCompared) {

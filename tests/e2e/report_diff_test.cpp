@@ -84,6 +84,7 @@ TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
             "change   growth   before    after  login  id  level     parent\n"
             "grew    +1000 B  1.00 MB  1.00 MB  ann     1  reseller  -\n");
   const rapidjson::Document document = json({"diff", "--format", "json", "--top", "3", old});
+  EXPECT_TRUE(follows(document, "diff.schema.json"));
   EXPECT_STREQ(document["from"].GetString(), "2026-01-01T00:00:00Z");
   const auto &moved = document["changes"][2];
   EXPECT_STREQ(moved["change"].GetString(), "moved");
@@ -116,6 +117,8 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
             "grew,1,ann,10,,,190,190,100,290,day,2026-01-10,fax\r\n"
             "grew,13,dan,100,2,2,1,1,10,11,day,2031-07-22,fax\r\n"
             "shrank,2,bob,50,1,1,-200,-200,500,300,does not grow,,\r\n");
+  arguments[2] = "json";
+  EXPECT_TRUE(follows(json(arguments), "diff.schema.json"));
 }
 
 TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {

@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
+#include <rapidjson/istreamwrapper.h>
+#include <rapidjson/schema.h>
+
+#include <fstream>
 
 #include "tests/support/sandbox.h"
 
@@ -41,6 +45,25 @@ class Report : public testing::Test {
     document.Parse(report(arguments).c_str());
     EXPECT_FALSE(document.HasParseError());
     return document;
+  }
+
+  // Whether a document follows an installed schema.
+  static testing::AssertionResult follows(const rapidjson::Document &document,
+                                          const std::string &name) {
+    std::ifstream stream(SPOOLCAP_SOURCE "/report/" + name);
+    rapidjson::IStreamWrapper text(stream);
+    rapidjson::Document schema;
+    schema.ParseStream(text);
+    const rapidjson::SchemaDocument rules(schema);
+    rapidjson::SchemaValidator validator(rules);
+    if (schema.IsObject() && document.Accept(validator)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << name << ": " << validator.GetInvalidSchemaKeyword();
+  }
+
+  // Gives all figures the age 0 from now on: an age does not go below that.
+  void stop_ages() const {
+    support::run_process({"find", box.path("var/lib/quorvexquota"), "-type", "f", "-exec", "touch",
+                          "--date=next hour", "{}", "+"});
   }
 
   void write_quota(const std::string &place_and_kind, const std::string &text) {

@@ -1,7 +1,7 @@
 // The list of accounts in all its formats, beside sums over the tables and the disk.
-#include <rapidjson/schema.h>
+#include <sys/stat.h>
 
-#include <fstream>
+#include <cstring>
 
 #include "tests/e2e/report_fixture.h"
 
@@ -78,13 +78,8 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
       box.quota_path("1/2/12/voicemail"),
       std::filesystem::file_time_type::clock::now() - std::chrono::hours(2));
   box.write_file("var/lib/quorvexquota/3/quota.redo", "");
-  rapidjson::Document schema;
-  std::ifstream stream(SPOOLCAP_SOURCE "/report/schema.json");
-  schema.Parse(std::string(std::istreambuf_iterator<char>(stream), {}).c_str());
-  const rapidjson::SchemaDocument rules(schema);
   const rapidjson::Document document = json({"--format", "json"});
-  rapidjson::SchemaValidator validator(rules);
-  EXPECT_TRUE(document.Accept(validator)) << validator.GetInvalidSchemaKeyword();
+  EXPECT_TRUE(follows(document, "report.schema.json"));
 
   const Value &cid = account(document, 12);
   EXPECT_EQ(cid["parent"].GetInt(), 2);
@@ -128,6 +123,7 @@ TEST_F(Report, HostileLoginsStayTheTextOfOneCell) {
   int id = 100;
   for (const char *login : logins) box.add_owner(id++, 2, login);
   box.add_owner(id, 2, std::string_view("a\0b", 3));
+  stop_ages();
   for (const std::string format : {"json", "jsonl", "csv", "tsv"}) {
     report({"-f", format, "--output", box.path("list." + format)});
   }
@@ -193,10 +189,48 @@ TEST_F(Report, BadInputIsOneLineAndStatusTwo) {
     EXPECT_EQ(result.err.find("spoolcap-report: "), 0U);
     EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
   }
-  for (const words &row :
-       {words{"--help"}, {"list", "--help"}, {"metrics", "--help"}, {"check", "--help"}}) {
-    EXPECT_EQ(report(row).find("--help"), report(row).rfind("--help")) << "said once";
+}
+
+// A text with one space between words, without what a manual page is marked up with.
+std::string plain(const std::string &text) {
+  std::string found;
+  for (const char byte : text) {
+    if (std::strchr("*_`", byte) != nullptr) continue;
+    const bool is_space = byte == ' ' || byte == '\n' || byte == '\t';
+    if (!is_space) found += byte;
+    if (is_space && !found.empty() && found.back() != ' ') found += ' ';
   }
+  return found;
+}
+
+TEST_F(Report, HelpOfACommandIsItsPartOfTheManualPage) {
+  const auto file = [](const std::string &path) {
+    return support::run_process({"cat", std::string(SPOOLCAP_SOURCE "/") + path}).out;
+  };
+  const std::string manual = file("docs/man/spoolcap-report.8.scd");
+  const std::string completions[] = {file("debian/spoolcap-report.bash-completion"),
+                                     file("debian/zsh/_spoolcap-report")};
+  for (const std::string call :
+       {"list", "metrics", "page FILE", "check", "snapshot FILE", "diff OLD... [NEW]"}) {
+    const std::string head = "\n## " + call + "\n";
+    const size_t begin = manual.find(head);
+    ASSERT_NE(begin, manual.npos) << call;
+    const std::string part = manual.substr(begin + head.size());
+    const std::string command = call.substr(0, call.find(' '));
+    std::string help = plain(report({command, "--help"}));
+    for (const std::string &label :
+         {"Usage: spoolcap-report " + command + " [options]" + call.substr(command.size()) + " ",
+          std::string("Options: "), std::string("Help: ")}) {
+      if (const size_t at = help.find(label); at != help.npos) help.erase(at, label.size());
+    }
+    EXPECT_EQ(plain(part.substr(0, part.find("\n#"))), help);
+    for (size_t at = 0; (at = help.find("--", at)) != help.npos; ++at) {
+      const std::string option = help.substr(at, help.find_first_of(" =", at) - at);
+      for (const std::string &known : completions)
+        EXPECT_NE(known.find(option), known.npos) << option;
+    }
+  }
+  EXPECT_NE(report({"--help"}).find("Status: 0 done;"), std::string::npos);
 }
 
 TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
@@ -209,16 +243,47 @@ TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
   EXPECT_EQ(closed.status, 2);
   EXPECT_EQ(closed.err,
             "spoolcap-report: Standard output could not be written: Bad file descriptor\n");
+  stop_ages();
   box.write_file("list", "old");
   std::filesystem::create_symlink(box.path("list"), box.path("link"));
   report({"-o", box.path("link")});
   EXPECT_TRUE(std::filesystem::is_symlink(box.path("link")));
-  EXPECT_EQ(box.read_file("list"), report({}));
+  EXPECT_EQ(box.read_file("list"), report({"-o", "/dev/stdout"}));
   std::ofstream(box.path("etc/quorvex/sqldbase.conf")) << "DB_MASTER main:/nowhere:1\n";
   const support::process_result unreachable = box.run_report({"-o", box.path("list")});
   EXPECT_EQ(unreachable.status, 2);
   EXPECT_EQ(unreachable.err, "spoolcap-report: The database cannot be reached\n");
   EXPECT_NE(box.read_file("list"), "") << "stays as it was";
+}
+
+TEST_F(Report, OnlyARegularFileIsReplaced) {
+  report({"snapshot", box.path("snapshot")});
+  const std::string fifo = box.path("fifo");
+  const std::string link = box.path("link");
+  const std::string output = box.path("output");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const words rows[] = {{"list", "-o"},  {"metrics", "-o"},
+                        {"check", "-o"}, {"diff", box.path("snapshot"), "-o"},
+                        {"page"},        {"snapshot"}};
+  for (words row : rows) {
+    SCOPED_TRACE(row[0]);
+    row.push_back(box.root().string());
+    EXPECT_NE(box.run_report(row).err.find(" could not be written: Is a directory\n"), row[0].npos);
+    std::string call = SPOOLCAP_REPORT_BINARY;
+    for (size_t i = 0; i + 1 < row.size(); ++i) call += " " + row[i];
+    // To a fifo, through a link to nothing, and to a descriptor whose file has no name any more.
+    const support::process_result result = support::run_process(
+        {"sh", "-c",
+         "cat $1 > $2 & $0 $1 && wait && ln -sf $4 $3 && $0 $3 && "
+         "ln -sf /proc/self/fd/1 $3 && exec > $5 && rm $5 && $0 $3",
+         call, fifo, output, link, box.path("new-" + row[0]), box.path("gone")},
+        {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_NE(box.read_file("output").value_or(""), "");
+    EXPECT_NE(box.read_file("new-" + row[0]).value_or(""), "");
+  }
 }
 
 }  // namespace
