@@ -7,6 +7,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/base/diagnostics.h"
+#include "transfer/receipt.h"
+
 namespace {
 
 bool same_file(const struct stat &one, const struct stat &other) {
@@ -63,23 +66,37 @@ removal cache_file::remove_leased() {
   if (::fstat(fd_.get(), &now) != 0) return removal::failed;
   if (!same_time(now.st_mtim, status_.st_mtim)) return removal::in_use;
 
-  // A host may have given the name to a new file. What was renamed away can be told for sure.
+  // A host may have given the name to a new file, which is not to be moved without need.
+  if (::fstatat(folder_, name_.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) {
+    return errno == ENOENT ? removal::changed : removal::failed;
+  }
+  if (!same_file(now, status_)) return removal::changed;
+  // What was renamed away can be told for sure.
   const std::string away = removing_prefix + name_;
   if (rename_new(folder_, name_, away) != 0) {
     return errno == ENOENT ? removal::changed : removal::failed;
   }
   if (::fstatat(folder_, away.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return removal::failed;
-  if (!same_file(now, status_)) {
+  // A host that was told of the file in between has noted its use, and is about to open it.
+  const bool is_same = same_file(now, status_);
+  if (!is_same || !same_time(now.st_mtim, status_.st_mtim)) {
     put_back(folder_, away);
-    return removal::changed;
+    return is_same ? removal::in_use : removal::changed;
   }
   return ::unlinkat(folder_, away.c_str(), 0) == 0 ? removal::removed : removal::failed;
 }
 
 void put_back(int folder, const std::string &removing_name) {
   const std::string name = removing_name.substr(std::strlen(removing_prefix));
-  // A name that is taken again has a newer file.
-  if (rename_new(folder, removing_name, name) != 0 && errno == EEXIST) {
+  if (rename_new(folder, removing_name, name) == 0 || errno != EEXIST) return;
+  // Which of the two is the newer one cannot be told: a download may have taken the name.
+  const auto file = cache_file::open(folder, removing_name);
+  if (file && read_receipt(file->fd())) {
     ::unlinkat(folder, removing_name.c_str(), 0);
+  } else {
+    QX_LOG(FR_LOG_WARNING,
+           "Cached file [%s] stays: its name is taken, and no receipt says that "
+           "the store has it.",
+           removing_name.c_str());
   }
 }

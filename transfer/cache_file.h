@@ -8,11 +8,9 @@
 #include <optional>
 #include <string>
 
+#include "main/storage/files.h"
 #include "platform/base/owner.h"
 
-// A file on its way out has this in front of its name. One that is found later was left by a
-// process that was killed; it may be a file that had just taken the name.
-inline constexpr const char *removing_prefix = ".removing-";
 // What a host left half copied.
 inline constexpr const char *storing_prefix = ".storing-";
 
@@ -50,7 +48,8 @@ class cache_file {
   struct stat status_;
 };
 
-// Gives a file that was on its way out its name back, or removes it when the name is taken.
+// Gives a file that was on its way out its name back. When the name is taken it is removed if its
+// receipt says that the store has it; otherwise it stays, and can be put back later.
 void put_back(int folder, const std::string &removing_name);
 
 #endif

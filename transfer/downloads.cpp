@@ -43,6 +43,7 @@ class transfer_downloads::engine {
   void work();
   transfer_pointer next();
   void run(const transfer_pointer &what);
+  void fail(const transfer_pointer &what, const char *reason);
   std::list<download_order> close(const transfer_pointer &what);
   void deliver(transfer &what, const std::list<download_order> &orders);
 
@@ -72,17 +73,21 @@ void transfer_downloads::engine::order(download_order what) {
     const std::lock_guard guard(lock_);
     if (is_open_ && is_object_key(what.key)) {
       const std::string name = what.location_text + ":" + what.key;
-      transfer_pointer &one = transfers_[name];
-      if (!one) {
-        one = std::make_shared<transfer>(transfer{
-            name,
-            object_fetch(queue_, locations_, control_, what.location_text, what.key, wait_),
-            what.target.get(),
-            {}});
-        due_.emplace(fetch_clock::now(), one);
-        changed_.notify_one();
+      const auto found = transfers_.find(name);
+      if (found != transfers_.end()) {
+        found->second->orders.push_back(std::move(what));
+        return;
       }
+      const auto one = std::make_shared<transfer>(
+          transfer{name,
+                   object_fetch(queue_, locations_, control_, what.location_text, what.key, wait_),
+                   what.target.get(),
+                   {}});
       one->orders.push_back(std::move(what));
+      // Without memory in between it runs for itself; the other way round it would never run.
+      due_.emplace(fetch_clock::now(), one);
+      changed_.notify_one();
+      transfers_.emplace(name, one);
       return;
     }
   }
@@ -105,7 +110,19 @@ void transfer_downloads::engine::stop() {
 }
 
 void transfer_downloads::engine::work() {
-  while (const transfer_pointer one = next()) run(one);
+  while (const transfer_pointer one = next()) {
+    const bool went_well = no_throw(false, [&] {
+      run(one);
+      return true;
+    });
+    if (!went_well) fail(one, "out of memory");
+  }
+}
+
+void transfer_downloads::engine::fail(const transfer_pointer &what, const char *reason) {
+  ++state_.counters.download_failures;
+  QX_LOG(FR_LOG_WARNING, "cannot fetch %s: %s", what->name.c_str(), reason);
+  for (const download_order &one : close(what)) one.done(false);
 }
 
 // The transfer whose time has come; null at the end.
@@ -135,11 +152,8 @@ void transfer_downloads::engine::run(const transfer_pointer &what) {
     changed_.notify_one();
     return;
   }
-  const std::list<download_order> orders = close(what);
-  if (step.what == fetch_step::kind::done) return deliver(*what, orders);
-  ++state_.counters.download_failures;
-  QX_LOG(FR_LOG_WARNING, "cannot fetch %s: %s", what->name.c_str(), step.reason.c_str());
-  for (const download_order &one : orders) one.done(false);
+  if (step.what == fetch_step::kind::failed) return fail(what, step.reason.c_str());
+  deliver(*what, close(what));
 }
 
 // Who orders the object from now on begins a transfer of his own.
@@ -157,7 +171,7 @@ void transfer_downloads::engine::deliver(transfer &what, const std::list<downloa
     ::lseek(what.target, 0, SEEK_SET);
     const int error = target == what.target ? 0 : copy_content(what.target, target);
     // Without a receipt the store is asked instead.
-    if (error == 0) write_receipt(target, object);
+    if (error == 0) no_throw([&] { write_receipt(target, object); });
     ++(error == 0 ? state_.counters.downloads : state_.counters.download_failures);
     one.done(error == 0);
   }

@@ -24,6 +24,7 @@ constexpr std::chrono::minutes first_look_after{1};
 constexpr std::chrono::hours look_interval{1};
 constexpr std::chrono::hours ask_interval{24};
 constexpr std::chrono::seconds limit_interval{5};
+constexpr std::chrono::seconds between_limits{1};  // where hosts commit file after file
 // Measuring the cache costs a walk through it; where nothing more can go, it gains nothing.
 constexpr std::chrono::seconds between_rooms{30};
 constexpr std::chrono::minutes between_vain_rooms{5};
@@ -62,10 +63,7 @@ class cache_keeper::engine {
     look_due_ = clock::now() + first_look_after;
     thread_ = std::thread([this] {
       lower_priority();
-      no_throw(0, [this] {
-        run();
-        return 0;
-      });
+      while (!stop_) run_guarded();
     });
   }
 
@@ -79,13 +77,18 @@ class cache_keeper::engine {
 
   void inserted() {
     const std::lock_guard guard(lock_);
+    if (clock::now() < limits_due_) return;
     woken_ = true;
     wake_.notify_one();
   }
 
   void stop() {
     stop_ = true;
-    inserted();
+    {
+      const std::lock_guard guard(lock_);
+      woken_ = true;
+      wake_.notify_one();
+    }
     if (thread_.joinable()) thread_.join();
   }
 
@@ -95,12 +98,26 @@ class cache_keeper::engine {
   }
 
  private:
+  // One look without memory, say, is not the end of all looks.
+  void run_guarded() {
+    const bool ended = no_throw(false, [this] {
+      run();
+      return true;
+    });
+    if (ended) return;
+    QX_LOG(FR_LOG_WARNING, "The keeper of the cache failed, and goes on later.");
+    const std::lock_guard guard(lock_);
+    look_due_ = clock::now() + look_interval;
+    room_due_ = clock::now() + between_vain_rooms;
+  }
+
   void run() {
     std::unique_lock guard(lock_);
     while (!stop_) {
       const auto due = std::min(look_due_, clock::now() + limit_interval);
       wake_.wait_until(guard, due, [this] { return woken_; });
       woken_ = false;
+      limits_due_ = clock::now() + between_limits;
       const keeper_settings settings = settings_;
       const bool look_is_due = clock::now() >= look_due_;
       const bool ask_is_due = clock::now() >= ask_due_;
@@ -164,7 +181,7 @@ class cache_keeper::engine {
   keeper_settings settings_;
   keeper_report report_;
   std::uint64_t moved_at_look_ = 0;
-  clock::time_point look_due_, ask_due_, room_due_;
+  clock::time_point look_due_, ask_due_, room_due_, limits_due_;
 };
 
 cache_keeper::cache_keeper(transfer_queue &queue, transfer_locations &locations,

@@ -28,6 +28,7 @@ struct keeper_report {
   std::int64_t cached_files = -1;  // of the last look; -1 before it
   std::int64_t cached_bytes = -1;
   std::int64_t not_in_store = 0;  // expired, with a receipt, and yet not in the store: kept
+  std::int64_t different = 0;     // expired, with a receipt, and another object is there: kept
   double last_look = 0;
 };
 
@@ -42,7 +43,7 @@ class cache_keeper {
   void start(keeper_settings settings);
   // New settings; everything is looked through at once.
   void reconfigure(keeper_settings settings);
-  // Something came into the cache: the limits are looked at.
+  // Something came into the cache: the limits are looked at, now or within seconds.
   void inserted();
   void stop();  // within seconds
   keeper_report report() const;

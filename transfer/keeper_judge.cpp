@@ -22,6 +22,14 @@ std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &co
   return false;
 }
 
+// The deletion of the file, or of all of its owner; 0 for none, nothing when that cannot be told.
+std::optional<double> deleted_at(const keeper_parts &parts, const transfer_config &config,
+                                 const std::string &key) {
+  return parts.queue.deleted_at({.location = config.location_of(first_id_of(key).value_or(0)),
+                                 .node = config.node,
+                                 .key = key});
+}
+
 judgement remove(const keeper_parts &parts, cache_file &file) {
   if (file.remove() != removal::removed) return judgement::left;
   ++parts.state.counters.evicted;
@@ -36,7 +44,7 @@ judgement judge_absent(const keeper_parts &parts, const transfer_config &config,
                              .node = config.node,
                              .key = key};
   const double made = file.made_at();
-  const auto deleted = parts.queue.deleted_at(member);
+  const auto deleted = deleted_at(parts, config, key);
   if (!deleted) return judgement::left;
   if (*deleted > made + clock_error) return remove(parts, file);
   if (had_receipt) return judgement::lost;
@@ -53,6 +61,15 @@ judgement judge_absent(const keeper_parts &parts, const transfer_config &config,
 
 }  // namespace
 
+judgement judge_deletion(const keeper_parts &parts, const keeper_settings &settings,
+                         cache_file &file, const std::string &key) {
+  const transfer_config &config = settings.config;
+  if (!first_id_of(key)) return judgement::left;
+  const double deleted = deleted_at(parts, config, key).value_or(0);
+  if (deleted <= file.made_at() + clock_error) return judgement::left;
+  return is_busy(parts, config, key).value_or(true) ? judgement::left : remove(parts, file);
+}
+
 judgement judge_file(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
                      const std::string &key, wanted what, bool young) {
   const transfer_config &config = settings.config;
@@ -66,8 +83,13 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
     case proof::absent:
       return young ? judgement::left : judge_absent(parts, config, file, key, known.has_value());
     case proof::different:
-      // What this node stored before is older than what it has without a receipt.
-      if (known || young || answer.node != config.node) return judgement::left;
+      if (young) return judgement::left;
+      // What this node stored before is older than what it has without a receipt. With one, an
+      // earlier upload of an unclear end took effect after the file was stored.
+      if (answer.node != config.node ||
+          (known && (answer.queued == 0 || answer.queued >= file.made_at() - clock_error))) {
+        return known ? judgement::different : judgement::left;
+      }
       return judge_absent(parts, config, file, key, false);
     case proof::unknown:
       return judgement::left;

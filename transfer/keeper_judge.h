@@ -27,11 +27,16 @@ enum class judgement {
   kept,  // the store has it
   removed,
   queued_again,  // neither the queue nor the store had it
+  different,     // the store had it once and has another object there now; kept
   lost           // the store had it once and has not any more; kept
 };
 
 // `young`: a host may be about to queue it. `key` is the object key.
 judgement judge_file(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
                      const std::string &key, wanted what, bool young);
+// Removes a file that was deleted since it was made, perhaps on another node. The store is not
+// asked.
+judgement judge_deletion(const keeper_parts &parts, const keeper_settings &settings,
+                         cache_file &file, const std::string &key);
 
 #endif

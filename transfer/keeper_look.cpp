@@ -92,17 +92,23 @@ class look {
     const double unused = now_ - file->last_use();
     const bool expired = unused > settings_.cache_expire * hour;
     const bool young = unused <= settings_.upload_interval * 2;
-    const bool asks = ask_all_ && !young && !read_receipt(file->fd());
-    if (!expired && !asks) return;
-    const wanted what = expired ? wanted::removal : wanted::receipt;
-    count(judge_file(parts_, settings_, *file, found.key, what, young), found.key,
-          file->status().st_size);
+    const bool is_due = ask_all_ && !young;
+    const bool is_known = read_receipt(file->fd()).has_value();
+    judgement result = judgement::left;
+    if (is_due && is_known) result = judge_deletion(parts_, settings_, *file, found.key);
+    if (result == judgement::left && (expired || (is_due && !is_known))) {
+      const wanted what = expired ? wanted::removal : wanted::receipt;
+      result = judge_file(parts_, settings_, *file, found.key, what, young);
+    }
+    count(result, found.key, file->status().st_size);
   }
 
   void count(judgement what, const std::string &key, std::int64_t size) {
     if (what == judgement::removed) {
       --report_.cached_files;
       report_.cached_bytes -= size;
+    } else if (what == judgement::different) {
+      name(++report_.different, "was stored, is not what the store has now, and is kept", key);
     } else if (what == judgement::lost) {
       name(++report_.not_in_store, "was stored, is not in the store any more, and is kept", key);
     } else if (what == judgement::queued_again) {

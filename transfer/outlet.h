@@ -4,6 +4,7 @@
 #define TRANSFER_OUTLET_H
 
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <deque>
@@ -40,6 +41,11 @@ class outlet {
     if (!socket_) return;
     for (std::string &one : datagrams) unsent_.push_back(std::move(one));
     if (!send() || !unsent_.empty()) wake_->set();
+  }
+  // For any thread: the connection ends as if its other end had gone.
+  void break_off() {
+    const std::lock_guard guard(lock_);
+    if (socket_) ::shutdown(socket_.get(), SHUT_RDWR);
   }
   // False when the connection is lost.
   bool flush() {

@@ -112,7 +112,8 @@ void check_cache_server(const transfer_config &config, check_report &report) {
   check_server_clock(client, report);
   const auto policy = queue.dangerous_policy();
   if (!policy) {
-    report.good("eviction", "not told by the cache server: make sure that it is noeviction");
+    report.note("eviction",
+                "unknown, not told by the cache server: make sure that it is noeviction");
   } else if (!policy->empty()) {
     report.wrong("eviction",
                  "maxmemory-policy " + *policy + " may throw queues away: set it to noeviction");

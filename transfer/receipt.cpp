@@ -8,9 +8,10 @@
 #include <charconv>
 #include <string_view>
 
+#include "main/storage/files.h"
+
 namespace {
 
-constexpr char attribute[] = "user.spoolcap.stored";
 constexpr std::string_view version = "1 ";
 constexpr size_t longest = 256;
 
@@ -18,7 +19,7 @@ constexpr size_t longest = 256;
 
 std::optional<receipt> read_receipt(int fd) {
   char bytes[longest];
-  const ssize_t length = ::fgetxattr(fd, attribute, bytes, sizeof bytes);
+  const ssize_t length = ::fgetxattr(fd, receipt_attribute, bytes, sizeof bytes);
   struct stat facts {};
   if (length <= 0 || ::fstat(fd, &facts) != 0) return std::nullopt;
   std::string_view text(bytes, static_cast<size_t>(length));
@@ -35,5 +36,5 @@ std::optional<receipt> read_receipt(int fd) {
 int write_receipt(int fd, const receipt &what) {
   const std::string text = std::string(version) + std::to_string(what.length) + " " + what.etag;
   if (text.size() > longest) return EINVAL;
-  return ::fsetxattr(fd, attribute, text.data(), text.size(), 0) == 0 ? 0 : errno;
+  return ::fsetxattr(fd, receipt_attribute, text.data(), text.size(), 0) == 0 ? 0 : errno;
 }

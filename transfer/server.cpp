@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
 #include <thread>
@@ -67,6 +68,7 @@ class transfer_server::engine {
   using host = std::shared_ptr<outlet>;
 
   void run();
+  void turn();
   void serve(std::vector<pollfd> &entries);
   void accept_hosts();
   bool read(const host &from);
@@ -86,21 +88,32 @@ class transfer_server::engine {
 
 void transfer_server::engine::run() {
   while (!is_ending_) {
-    std::vector<pollfd> entries = {{wake_->fd.get(), POLLIN, 0},
-                                   {may_accept_ ? listener_.get() : -1, POLLIN, 0}};
-    for (const host &one : hosts_) {
-      const std::size_t unsent = one->unsent();
-      const int in = unsent < most_unsent ? POLLIN : 0;
-      const int out = unsent > 0 ? POLLOUT : 0;
-      entries.push_back({one->socket(), static_cast<short>(in | out), 0});
-    }
-    if (::poll(entries.data(), entries.size(), may_accept_ ? -1 : rest_without_descriptors) < 0) {
-      continue;
-    }
-    may_accept_ = true;
-    serve(entries);
-    if (entries[1].revents != 0) accept_hosts();
+    const bool went_well = no_throw(false, [this] {
+      turn();
+      return true;
+    });
+    if (went_well) continue;
+    QX_LOG(FR_LOG_WARNING, "The server of the socket is short of memory, and goes on in a second.");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
   }
+}
+
+// Waits until there is something to do, and does it.
+void transfer_server::engine::turn() {
+  std::vector<pollfd> entries = {{wake_->fd.get(), POLLIN, 0},
+                                 {may_accept_ ? listener_.get() : -1, POLLIN, 0}};
+  for (const host &one : hosts_) {
+    const std::size_t unsent = one->unsent();
+    const int in = unsent < most_unsent ? POLLIN : 0;
+    const int out = unsent > 0 ? POLLOUT : 0;
+    entries.push_back({one->socket(), static_cast<short>(in | out), 0});
+  }
+  if (::poll(entries.data(), entries.size(), may_accept_ ? -1 : rest_without_descriptors) < 0) {
+    return;
+  }
+  may_accept_ = true;
+  serve(entries);
+  if (entries[1].revents != 0) accept_hosts();
 }
 
 // The entries are in the order of the hosts, behind the first two.
@@ -109,7 +122,7 @@ void transfer_server::engine::serve(std::vector<pollfd> &entries) {
   auto entry = entries.begin() + 2;
   for (auto at = hosts_.begin(); at != hosts_.end(); ++entry) {
     const bool has_input = (entry->revents & (POLLIN | POLLHUP | POLLERR)) != 0;
-    const bool stays = (!has_input || read(*at)) && (*at)->flush();
+    const bool stays = no_throw(false, [&] { return (!has_input || read(*at)) && (*at)->flush(); });
     if (!stays) (*at)->close();
     at = stays ? std::next(at) : hosts_.erase(at);
   }
@@ -183,7 +196,12 @@ void transfer_server::engine::order(const host &from, transfer_message &message)
                    .target = std::move(message.descriptor),
                    .done = [from, id = message.id](bool is_done) {
                      --from->downloads;
-                     from->say({answer(id, is_done)});
+                     // An answer that is lost would leave its host waiting.
+                     const bool is_said = no_throw(false, [&] {
+                       from->say({answer(id, is_done)});
+                       return true;
+                     });
+                     if (!is_said) from->break_off();
                    }});
 }
 

@@ -113,7 +113,11 @@ std::string transfer_service::start() {
   const transfer_config &config = all.settings.config;
   all.server = std::make_unique<transfer_server>(
       server_hooks{.download = [&all](download_order what) { all.order(std::move(what)); },
-                   .queued = [&all] { all.workers.wake(); },
+                   .queued =
+                       [&all] {
+                         all.workers.wake();
+                         all.keeper.inserted();
+                       },
                    .status = [&all] { return status_json(all.report()); }});
   // Before the server, as orders may come at once.
   all.downloads.start(config.downloads, config.wait);

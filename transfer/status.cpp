@@ -96,6 +96,7 @@ void put_cache(json_writer &json, const keeper_report &cache) {
   put(json, "files", cache.cached_files);
   put(json, "bytes", cache.cached_bytes);
   put(json, "not_in_store", cache.not_in_store);
+  put(json, "different", cache.different);
   put(json, "last_look", cache.last_look);
   json.EndObject();
 }

@@ -140,6 +140,11 @@ std::string cache(const Value &cached, double now) {
     shown += line("WARNING", std::to_string(missing) +
                                  " stored files are not in the store any more; kept in the cache");
   }
+  const std::int64_t different = whole(cached, "different");
+  if (different > 0) {
+    shown += line("WARNING", std::to_string(different) +
+                                 " stored files are not what the store has; kept in the cache");
+  }
   return shown;
 }
 

@@ -58,6 +58,12 @@ std::optional<std::string> etag_of(const question &asked, int parts) {
   return s3_hex(*whole) + "-" + std::to_string(parts);
 }
 
+double seconds_of(const std::string &text) {
+  double seconds = 0;
+  std::from_chars(text.data(), text.data() + text.size(), seconds);
+  return seconds;
+}
+
 bool has_content(const question &asked, const s3_answer &object) {
   if (object.length != asked.file.status().st_size) return false;
   if (asked.known) return asked.known->etag == object.etag;
@@ -110,7 +116,7 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
                        const std::string &key, const cache_file &file,
                        const std::optional<receipt> &known, const std::atomic<bool> &stop) {
   const question asked{.file = file, .known = known, .stop = stop, .part_size = config.part_size};
-  store_answer result{.result = proof::absent, .found = {}, .node = {}};
+  store_answer result{.result = proof::absent, .found = {}, .node = {}, .queued = 0};
   for (const std::string &name : in_order(config, first_id_of(key).value_or(0))) {
     const auto object = head(locations, name, key);
     if (!object) {
@@ -118,11 +124,14 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
     } else if (*object && has_content(asked, *object)) {
       return {.result = proof::stored,
               .found = {.etag = object->etag, .length = object->length},
-              .node = {}};
+              .node = {},
+              .queued = 0};
     } else if (*object) {
       result.result = proof::different;
       const auto node = object->metadata.find("node");
       if (node != object->metadata.end()) result.node = node->second;
+      const auto queued = object->metadata.find("queued");
+      result.queued = queued == object->metadata.end() ? 0 : seconds_of(queued->second);
     }
   }
   return result;

@@ -26,8 +26,9 @@ enum class proof {
 
 struct store_answer {
   proof result = proof::unknown;
-  receipt found;     // when stored
-  std::string node;  // which stored the object that is different
+  receipt found;      // when stored
+  std::string node;   // which stored the object that is different
+  double queued = 0;  // when that was queued, seconds since the epoch; 0 where it is not noted
 };
 
 // Asks all locations, that of new files of the owner first. With a receipt the file is not read.

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <atomic>
 #include <cerrno>
@@ -74,6 +75,13 @@ int rename_to(const std::string &from, const std::string &to, at_target what) {
   return 0;
 }
 
+// Without it the transfer service asks the store, so that a failure costs little.
+void copy_receipt(int from, int to) {
+  char bytes[256];
+  const ssize_t length = ::fgetxattr(from, receipt_attribute, bytes, sizeof bytes);
+  if (length > 0) ::fsetxattr(to, receipt_attribute, bytes, static_cast<size_t>(length), 0);
+}
+
 // The copy of a file whose folder is there.
 int copy_to(const std::string &from, const std::string &to, at_target what) {
   const unique_fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
@@ -82,6 +90,8 @@ int copy_to(const std::string &from, const std::string &to, at_target what) {
   if (!copy.fd) return errno;
   const int error = copy_content(source.get(), copy.fd.get());
   if (error != 0) return error;
+  // What replaces a file is a commit, which the store cannot have yet.
+  if (what == at_target::keep) copy_receipt(source.get(), copy.fd.get());
   if (::fchmod(copy.fd.get(), storage_mode) != 0) return errno;
   // Some file systems report a full disk only here. There is no fsync against a power cut: it would
   // cost every file the time of a disk write.
@@ -164,6 +174,41 @@ int move_file(const std::string &from, const std::string &to) {
 
 int move_new_file(const std::string &from, const std::string &to) {
   return move_to(from, to, at_target::keep);
+}
+
+held_file::held_file(std::string path)
+    : path_(std::move(path)), fd_(::open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) {
+  struct stat status {};
+  if (!fd_ || ::fstat(fd_.get(), &status) != 0) {
+    error_ = errno;
+  } else if (S_ISDIR(status.st_mode)) {
+    error_ = EISDIR;
+  }
+}
+
+bool held_file::is_at(const std::string &path) const {
+  struct stat own {};
+  struct stat there {};
+  return ::fstat(fd_.get(), &own) == 0 && ::lstat(path.c_str(), &there) == 0 &&
+         own.st_dev == there.st_dev && own.st_ino == there.st_ino;
+}
+
+int held_file::remove() const {
+  if (error_ != 0) return error_ == ENOENT ? 0 : error_;
+  if (!is_at(path_)) return 0;
+  // Only what was renamed away can be told for sure.
+  const std::string folder = folder_of(path_);
+  const std::string away = folder + "/" + removing_prefix + path_.substr(folder.size() + 1);
+  const bool is_away =
+      ::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, away.c_str(), RENAME_NOREPLACE) == 0;
+  if (is_away && !is_at(away)) {
+    // Where a third file took the name meanwhile, the transfer service decides later.
+    rename_to(away, path_, at_target::keep);
+    return 0;
+  }
+  // Where the file system cannot rename so, the look before has to do.
+  const char *const found = is_away ? away.c_str() : path_.c_str();
+  return ::unlink(found) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 int find_file(const std::string &path) {

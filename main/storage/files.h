@@ -9,6 +9,15 @@
 #include <string>
 #include <utility>
 
+#include "platform/base/owner.h"
+
+// A file on its way out of the cache has this in front of its name. One that is found later was
+// left by a process that was killed; it may be a file that had just taken the name.
+inline constexpr const char *removing_prefix = ".removing-";
+
+// The attribute of a cached file that says that the object store has it.
+inline constexpr const char *receipt_attribute = "user.spoolcap.stored";
+
 // Of stored files and of folders made here, whatever the umask is; a temporary file has it less the
 // umask.
 inline constexpr mode_t storage_mode = 0770;
@@ -55,8 +64,24 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
 // replaced, and is never half a file. On an error the place and the source are as they were.
 int copy_file(const std::string &from, const std::string &to);
 int move_file(const std::string &from, const std::string &to);
-// EEXIST, in place of replacing what is there.
+// EEXIST, in place of replacing what is there. The receipt of a download stays with it.
 int move_new_file(const std::string &from, const std::string &to);
+
+// The file that a path names now. No other file is taken for it while this lives.
+class held_file {
+ public:
+  // A file that is not there, or a folder, gives the error number of a removal. Follows no link.
+  explicit held_file(std::string path);
+  // Removes the file unless another one has its name by now. A file that is not there is success.
+  int remove() const;
+
+ private:
+  bool is_at(const std::string &path) const;
+
+  std::string path_;
+  unique_fd fd_;
+  int error_ = 0;
+};
 
 // 0 when the path names a file that is no folder, else an error number.
 int find_file(const std::string &path);

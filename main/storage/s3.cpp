@@ -150,11 +150,13 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
     return EINVAL;
   }
   const std::string cached = cache_path(config, name);
+  // A commit after this brings another file, which stays.
+  const held_file deleted(cached);
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
   // A copy left in the cache would keep serving a deleted file.
-  if (::unlink(cached.c_str()) != 0 && errno != ENOENT) {
-    const int cause = errno;
+  const int cause = deleted.remove();
+  if (cause != 0) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
               cached.c_str(), cause, std::strerror(cause));
   }

@@ -122,7 +122,13 @@ bool transfer_host::send(const std::string &datagram, int target, std::uint64_t 
   for (int attempt = 0; attempt < 2 && connect(); ++attempt) {
     connection &to = *line_->current;
     // The answer cannot be overlooked: its reader needs the lock.
-    if (request != nullptr) to.pending.emplace(id, request);
+    if (request != nullptr) {
+      if (to.pending.empty()) {
+        to.heard = clock::now();
+        wake(*line_);  // so that the thread watches the daemon from now on
+      }
+      to.pending.emplace(id, request);
+    }
     const int error = send_datagram(to.socket.get(), datagram, target);
     if (error == 0) return true;
     to.pending.erase(id);

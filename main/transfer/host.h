@@ -3,6 +3,7 @@
 #ifndef MAIN_TRANSFER_HOST_H
 #define MAIN_TRANSFER_HOST_H
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -42,6 +43,8 @@ class transfer_host {
   void after_fork_in_child();
 
  private:
+  using clock = std::chrono::steady_clock;
+
   struct settings {
     transfer_config config;
     trusted_peers peers;
@@ -49,6 +52,8 @@ class transfer_host {
   struct connection {
     unique_fd socket;
     std::map<std::uint64_t, download_request *> pending;
+    clock::time_point heard;  // when the daemon said something, or had nothing to say, last
+    clock::time_point asked;  // when it was last asked for a sign of life
     std::shared_ptr<connection> next_lost;
   };
   // What the thread works with; a host that was stopped and started again has another one.
@@ -69,6 +74,7 @@ class transfer_host {
   bool send(const std::string &datagram, int target, std::uint64_t id, download_request *request);
 
   void run(const std::shared_ptr<line> &own);
+  int watch(line &own);
   void read_answers(line &own, const std::shared_ptr<connection> &from);
   receiving take_answers(connection &from);
   void take_answer(connection &from, const transfer_message &answer);

@@ -2,15 +2,28 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
+
 #include "main/transfer/host.h"
 #include "platform/base/diagnostics.h"
+
+namespace {
+
+// A daemon that hangs, or is stopped, keeps its end of the connection. One that works answers at
+// once when it is asked for its state, however long its downloads take.
+constexpr std::chrono::minutes ask_after{1};
+constexpr std::chrono::minutes silent_for_good{10};
+
+}  // namespace
 
 void transfer_host::run(const std::shared_ptr<line> &own) {
   for (;;) {
     std::shared_ptr<connection> lost, current;
     bool is_ending = false;
+    int patience = -1;
     {
       const std::lock_guard guard(lock_);
+      patience = watch(*own);
       lost.swap(own->lost);
       current = own->current;
       is_ending = own->is_ending;
@@ -20,11 +33,30 @@ void transfer_host::run(const std::shared_ptr<line> &own) {
 
     pollfd entries[] = {{own->wake.get(), POLLIN, 0},
                         {current ? current->socket.get() : -1, POLLIN, 0}};
-    if (::poll(entries, 2, -1) < 0) continue;
+    if (::poll(entries, 2, patience) < 0) continue;
     eventfd_t count = 0;
     if (entries[0].revents != 0) ::eventfd_read(own->wake.get(), &count);
     if (entries[1].revents != 0) read_answers(*own, current);
   }
+}
+
+// Ends the connection to a daemon that owes answers and says nothing any more. How long the thread
+// may wait, for poll; the lock is held.
+int transfer_host::watch(line &own) {
+  if (!own.current || own.current->pending.empty()) return -1;
+  connection &to = *own.current;
+  const auto now = clock::now();
+  if (now - to.heard >= silent_for_good) {
+    QX_LOG(FR_LOG_WARNING, "The transfer service does not answer any more; its downloads fail.\n");
+    lose_current(own);
+    return -1;
+  }
+  if (now - std::max(to.heard, to.asked) >= ask_after) {
+    to.asked = now;
+    no_throw(
+        [&] { send_datagram(to.socket.get(), encode_message({.word = transfer_word::status})); });
+  }
+  return static_cast<int>(std::chrono::milliseconds(ask_after).count());
 }
 
 // Takes all answers that are there; why it stopped.
@@ -53,6 +85,7 @@ void transfer_host::take_answer(connection &from, const transfer_message &answer
   download_request *request = nullptr;
   {
     const std::lock_guard guard(lock_);
+    from.heard = clock::now();
     const auto found = from.pending.find(answer.id);
     if (answer.word != transfer_word::done || found == from.pending.end()) return;
     request = found->second;

@@ -178,9 +178,10 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
     if (stopped) break;
     int ready = 0;
     curl_multi_poll(multi, nullptr, 0, look_every_ms, &ready);
-    if (ready == 0 && running.stalled()) {
+    const bool stalls = ready == 0 && running.stalled();
+    if (stalls || running.trickles()) {
       result = CURLE_OPERATION_TIMEDOUT;
-      running.fault = "no byte moved for too long";
+      running.fault = stalls ? "no byte moved for too long" : "the object comes too slowly";
       break;
     }
   }

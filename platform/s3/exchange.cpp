@@ -114,7 +114,8 @@ bool s3_exchange::pace(std::size_t bytes) {
   if (rate <= 0) return true;
   constexpr auto slice = std::chrono::milliseconds(100);
   const std::int64_t cost = static_cast<std::int64_t>(bytes) * 1'000'000'000 / rate;
-  const std::int64_t now = clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+  const clock::time_point begin = clock::now();
+  const std::int64_t now = begin.time_since_epoch() / std::chrono::nanoseconds(1);
   std::int64_t booked = control_.booked_until, turn = 0;
   do {
     turn = std::max(booked, now);
@@ -125,7 +126,20 @@ bool s3_exchange::pace(std::size_t bytes) {
     std::this_thread::sleep_for(std::min<clock::duration>(until - clock::now(), slice));
   }
   moved_ = clock::now();
+  window_begin_ += moved_ - begin;
   return true;
+}
+
+bool s3_exchange::trickles() {
+  constexpr curl_off_t least_rate = 4096;
+  const auto now = clock::now();
+  if (request_.to < 0 || now - window_begin_ < control_.trickle_window) return false;
+  curl_off_t down = 0;
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
+  const bool slow = down - window_bytes_ < least_rate * control_.trickle_window.count();
+  window_begin_ = now;
+  window_bytes_ = down;
+  return slow;
 }
 
 bool s3_exchange::stalled() {

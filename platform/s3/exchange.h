@@ -46,6 +46,9 @@ class s3_exchange {
 
   // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
   bool stalled();
+  // Whether a download has come too slowly for the control's window; waiting for the rate does not
+  // count.
+  bool trickles();
 
   long status() const;
   // The header of the final answer; empty without it.
@@ -74,6 +77,8 @@ class s3_exchange {
   std::int64_t at_ = -1;  // where the next byte goes in the file; -1 before the first came
   std::int64_t seen_ = -1;
   clock::time_point moved_ = clock::now();
+  clock::time_point window_begin_ = clock::now();
+  curl_off_t window_bytes_ = 0;  // that had come at its begin
 };
 
 #endif

@@ -54,6 +54,7 @@ TEST_F(TransferProcess, AWrongCommandLineOrConfigurationEndsWithTwo) {
     const char *file, *content, *text;
   } wrong[] = {{"etc/quorvex/transfer.keys", "[us]\n", "no keys for the location eu"},
                {"etc/quorvex/disdbase.conf", "", "no cache server is configured"},
+               {"etc/quorvex/storage.conf", "STORAGE_TRASH_EXPIRE -1\n", "from 1 to 8760"},
                {"etc/quorvex/transfer.conf", "TRANSFER_UPLOADS 0\n", "transfer.conf:1: "}};
   for (const auto &row : wrong) {
     box.write_file(row.file, row.content);

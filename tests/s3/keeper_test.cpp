@@ -93,19 +93,27 @@ TEST_F(Keeper, ExpiryTakesOnlyWhatTheStoreHasAndNobodyNeeds) {
 
 TEST_F(Keeper, WhatTheQueueLostIsQueuedAgainAndWhatWasDeletedIsNot) {
   const std::string lost = make("lost", 1), newer = make("newer", 1), young = make("young", 0),
-                    gone = make("gone", 1), deleted_before = make("before", 1);
+                    gone = make("gone", 1), deleted_before = make("before", 1),
+                    known = make("known", 1), replaced = make("replaced", 49);
   store(newer, "n1", "older");
+  give_receipt(known, store(known));
+  give_receipt(replaced, world.client.head(known));
+  world.client.put(replaced, support::stored_bytes("late").body(),
+                   {{"node", "n1"}, {"queued", "1"}});
+  deleted(known, 10);
   deleted(gone, 10);
   deleted(deleted_before, -10);
   look();
-  EXPECT_FALSE(node.has_file(gone));
-  for (const std::string &key : {lost, newer, deleted_before}) EXPECT_TRUE(queued(key)) << key;
+  for (const std::string &key : {gone, known}) EXPECT_FALSE(node.has_file(key)) << key;
+  for (const std::string &key : {lost, newer, deleted_before, replaced})
+    EXPECT_TRUE(queued(key)) << key;
   EXPECT_FALSE(queued(young));
-  EXPECT_EQ(node.state.counters.queued_again, 3);
+  EXPECT_EQ(node.state.counters.queued_again, 4);
   node.start();
   EXPECT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
   EXPECT_EQ(world.object(lost), "hello");
   EXPECT_EQ(world.object(newer), "hello");
+  EXPECT_EQ(world.object(replaced), "hello");
   EXPECT_EQ(world.object(gone), std::nullopt);
 }
 
@@ -165,6 +173,11 @@ TEST_F(Keeper, LeftoversGoWhenTheyAreOldAndOpenNowhere) {
   EXPECT_FALSE(std::filesystem::exists(cache + "empty"));
   EXPECT_TRUE(std::filesystem::exists(cache + "new"));
   EXPECT_EQ(node.state.counters.swept, 4);
+  // A file whose name was taken by one that may be older stays under its other name.
+  write(cache + "2/.removing-3", 0);
+  const unique_fd folder(::open((cache + "2").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  put_back(folder.get(), ".removing-3");
+  EXPECT_TRUE(std::filesystem::exists(cache + "2/.removing-3"));
 }
 
 }  // namespace

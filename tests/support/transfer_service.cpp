@@ -61,7 +61,11 @@ transfer_service::transfer_service(const sandbox &box) : box_(box) {
     EXPECT_TRUE(one->completed) << "released too early: " << one->object;
     ++one->released;
   };
-  api.queued = [](void *context) { ++static_cast<transfer_service *>(context)->told; };
+  api.queued = [](void *context) {
+    auto *self = static_cast<transfer_service *>(context);
+    ++self->told;
+    self->when_told();
+  };
   EXPECT_EQ(qx_storage_register_api(&api), 0);
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -52,6 +53,7 @@ class transfer_service {
   // Works off all uploads, then all deletions, each by its score; how many members it took.
   int work_off();
   std::atomic<int> told{0};  // how often it heard that something was queued
+  std::function<void()> when_told = [] {};
   // An object of the store, by its key.
   std::string object(const std::string &key) const { return box_.path("store/" + key); }
 

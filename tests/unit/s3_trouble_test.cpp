@@ -152,6 +152,9 @@ TEST(S3Connection, EndsACallThatStallsOrIsStopped) {
   control.stall_timeout = 1s;
   EXPECT_EQ(get(client).outcome, unclear);
   control.stall_timeout = 60s;
+  control.trickle_window = 1s;
+  EXPECT_EQ(get(client).outcome, unclear);
+  control.trickle_window = 60s;
   std::thread stopper([&control] {
     std::this_thread::sleep_for(100ms);
     control.stop = true;

@@ -61,6 +61,17 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
   EXPECT_EQ(members("del"), "");
 }
 
+TEST_F(StorageS3, ACommitDuringADeletionKeepsItsFile) {
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "old"), 0);
+  service->when_told = [this] {
+    box.write_file("new", "new");
+    fs::rename(box.path("new"), box.path(scache + key));
+  };
+  EXPECT_EQ(qx_storage_delete(QX_STORAGE_RECORDING, key.c_str(), "s3", "eu"), 0);
+  EXPECT_EQ(box.read_file(scache + key), "new");
+  EXPECT_EQ(files(scache), texts{key});
+}
+
 TEST_F(StorageS3, WithoutTheDisDBNothingIsStoredOrDeleted) {
   log.expect(FR_LOG_WARNING, "Failed to queue file [" + key + "].");
   const storage_session made = written(QX_STORAGE_RECORDING, "wav", "content");
