@@ -127,6 +127,7 @@ std::vector<parked_member> backoff_table::parked(size_t most) const {
   std::ranges::stable_sort(found, {}, &parked_member::since);
   if (found.size() > most) found.resize(most);
   std::vector<parked_member> members;
+  members.reserve(found.size());
   for (const parked_member *one : found) members.push_back(*one);
   return members;
 }

@@ -265,8 +265,8 @@ void transfer_queue::renew_claims() {
     claims = claims_;
   }
   for (const auto &[name, held] : claims) {
-    if (run_state(renew_script, {name}, {claim_milliseconds, held.value}) == queue_state::down)
-      return;
+    const queue_state state = run_state(renew_script, {name}, {claim_milliseconds, held.value});
+    if (state == queue_state::down) return;
   }
 }
 
