@@ -17,7 +17,8 @@ void check_listings(std::string_view document) {
     for (const s3_listed &one : objects) REQUIRE(one.key.starts_with("vm/"));
   }
   std::vector<s3_upload> uploads;
-  if (s3_read_uploads(document, {"p/", "vm/"}, uploads)) {
+  bool has_more = false;
+  if (s3_read_uploads(document, {"p/", "vm/"}, uploads, has_more)) {
     for (const s3_upload &one : uploads) REQUIRE(one.key.starts_with("vm/"));
   }
   std::vector<s3_part> parts;
