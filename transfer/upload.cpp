@@ -97,6 +97,8 @@ class upload_job {
       probe.use();
       answer = call_store(context_, member_.location, uncertain_,
                           [&] { return client_->put(member_.key, body, metadata); });
+      // A larger file of this key may have been on its way before a restart.
+      if (answer) forget_parts(context_, client_, member_, path_);
     }
     if (!answer) return leave(failure_of(answer));
     note_receipt({.etag = answer.etag, .length = length});

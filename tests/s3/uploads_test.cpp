@@ -1,6 +1,7 @@
 // The work on the queues, against a real store and a real DisDB.
 #include "tests/s3/uploads_fixture.h"
 #include "tests/support/scripted_server.h"
+#include "transfer/multipart.h"
 #include "transfer/receipt.h"
 
 namespace {
@@ -174,6 +175,18 @@ TEST_F(Uploads, AnUploadInPartsGoesOnAfterAKill) {
                           {}),
             1)
       << "no record is left";
+}
+
+TEST_F(Uploads, ASmallerFileEndsTheUploadInPartsOfALargerOne) {
+  std::string id;
+  ASSERT_TRUE(world.client.begin_parts(key, {}, id));
+  here.commit(key, "small");
+  const std::string record = parts_record_path(here.path(key));
+  std::ofstream(record) << id << "\nof a larger file\n";
+  here.start();
+  ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
+  EXPECT_TRUE(world.client.uploads("").uploads.empty());
+  EXPECT_FALSE(std::filesystem::exists(record));
 }
 
 TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
