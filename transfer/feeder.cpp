@@ -202,7 +202,7 @@ void work_feeder::end_look(lane &queue) {
   if (queue.is_at_end_only) return;
   queue.may_look_at = clock::now() + std::max<clock::duration>(shortest_between_looks,
                                                                queue.asked * share_of_looks);
-  // Members may have moved past the look as others were removed.
+  // Members may have moved past the look as other nodes removed theirs.
   if (queue.has_found) look_again(queue, queue.may_look_at - clock::now());
 }
 
@@ -210,7 +210,9 @@ void work_feeder::end_look(lane &queue) {
 bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
   if (queue.ready.size() >= low_water || clock::now() < may_ask(queue)) return false;
   if (queue.cursor < 0 && !begin_look(queue, guard)) return false;
-  long cursor = std::max(0L, queue.cursor - std::exchange(queue.removed, 0));
+  // Those that workers have may be removed while the page is read, and move the rest to the front.
+  long cursor =
+      std::max(0L, queue.cursor - std::exchange(queue.removed, 0) - std::ssize(queue.taken));
   guard.unlock();
   const auto start = clock::now();
   const auto page = queue.kind == queue_kind::uploads ? context_.queue.uploads(cursor)
