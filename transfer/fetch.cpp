@@ -123,9 +123,10 @@ fetch_step object_fetch::later(fetch_clock::duration delay, const std::string &r
 bool object_fetch::is_whole(const s3_answer &answer, int target) const {
   if (size_of(target) != answer.length) return false;
   const auto noted = answer.metadata.find("sha256");
-  if (!is_md5(answer.etag) && noted == answer.metadata.end()) return true;
+  const bool by_md5 = is_md5(answer.etag);
+  if (!by_md5 && noted == answer.metadata.end()) return true;
   s3_body body{.fd = target, .length = answer.length};
-  if (!s3_digest(body, &control_.stop)) return false;
-  return is_md5(answer.etag) ? s3_hex(body.md5) == answer.etag
-                             : s3_hex(body.sha256) == noted->second;
+  const s3_digests wanted = by_md5 ? s3_digests::md5 : s3_digests::sha256;
+  if (!s3_digest(body, &control_.stop, wanted)) return false;
+  return by_md5 ? s3_hex(body.md5) == answer.etag : s3_hex(body.sha256) == noted->second;
 }

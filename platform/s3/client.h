@@ -70,9 +70,11 @@ struct s3_body {
   std::string sha256;  // 32 bytes
 };
 
-// Reads the part and fills in its digests. False, with errno, when it cannot be read in full (EIO
-// when it ends early).
-bool s3_digest(s3_body &body, const std::atomic<bool> *stop = nullptr);
+// Reads the part and fills in its digests, both unless one is enough. False, with errno, when it
+// cannot be read in full (EIO when it ends early).
+enum class s3_digests { both, md5, sha256 };
+bool s3_digest(s3_body &body, const std::atomic<bool> *stop = nullptr,
+               s3_digests wanted = s3_digests::both);
 
 // Lower-case hexadecimal text of bytes.
 std::string s3_hex(std::string_view bytes);

@@ -61,8 +61,9 @@ std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
 
 }  // namespace
 
-bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
+bool s3_digest(s3_body &body, const std::atomic<bool> *stop, s3_digests wanted) {
   constexpr std::int64_t at_once = 128 << 10;
+  const bool with_md5 = wanted != s3_digests::sha256, with_sha256 = wanted != s3_digests::md5;
   const digest_owner md5_of = new_digest(), sha256_of = new_digest();
   begin_digest(md5_of, md5());
   begin_digest(sha256_of, sha256());
@@ -72,19 +73,20 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop) {
       errno = ECANCELED;
       return false;
     }
-    const auto wanted = static_cast<size_t>(std::min(body.length - done, std::ssize(buffer)));
-    const ssize_t read = ::pread(body.fd, buffer.data(), wanted, body.offset + done);
+    const auto most = static_cast<size_t>(std::min(body.length - done, std::ssize(buffer)));
+    const ssize_t read = ::pread(body.fd, buffer.data(), most, body.offset + done);
     if (read < 0) return false;
     if (read == 0) {
       errno = EIO;
       return false;
     }
-    EVP_DigestUpdate(md5_of.get(), buffer.data(), static_cast<size_t>(read));
-    EVP_DigestUpdate(sha256_of.get(), buffer.data(), static_cast<size_t>(read));
+    const auto length = static_cast<size_t>(read);
+    if (with_md5) EVP_DigestUpdate(md5_of.get(), buffer.data(), length);
+    if (with_sha256) EVP_DigestUpdate(sha256_of.get(), buffer.data(), length);
     done += read;
   }
-  body.md5 = end_digest(md5_of);
-  body.sha256 = end_digest(sha256_of);
+  if (with_md5) body.md5 = end_digest(md5_of);
+  if (with_sha256) body.sha256 = end_digest(sha256_of);
   return true;
 }
 
