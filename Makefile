@@ -4,7 +4,9 @@
 #   make test   build and pass all tests but those that need an object store
 #   make test-s3 those: it installs one, of some 270 MB
 #   make test-page  those of the report's page, in a real browser
-#   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call
+#   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call;
+#               then faults-s3, a thousand kills of the transfer service and of its hosts (KILLS=1000)
+#   make bench-s3 the transfer service beside other clients of an object store, which it installs
 # Others: build, bench, lint, sanitize, coverage, fuzz, package, package-test, install, deps, format, clean.
 
 SHELL := /bin/bash
@@ -18,8 +20,8 @@ OBJECT_STORE = radosgw ceph-mon ceph-osd ceph-common
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo demo-s3 test test-page test-s3 bench faults lint sanitize coverage fuzz deps package package-test install \
-  format clean
+.PHONY: all build demo demo-s3 test test-page test-s3 bench bench-s3 faults faults-s3 lint sanitize coverage fuzz deps package \
+  package-test install format clean
 all: build
 
 deps:
@@ -53,7 +55,7 @@ test-page: deps $(BUILD)/build.ninja
 
 test-s3: $(BUILD)/build.ninja
 	@dev/install-deps $(OBJECT_STORE) haproxy
-	cmake --build --preset release --target s3_tests testbed
+	cmake --build --preset release --target s3_tests kills_tests testbed
 	$(BUILD)/bin/testbed --object-store ctest --preset s3 -j $(JOBS)
 
 bench: deps $(BUILD)/build.ninja
@@ -61,10 +63,22 @@ bench: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target bench_programs
 	$(BUILD)/bin/testbed bench/run $(BUILD)/bin
 
+bench-s3: $(BUILD)/build.ninja
+	@dev/install-deps $(OBJECT_STORE) haproxy rclone s3cmd awscli
+	cmake --build --preset release --target transfer_bench_s3
+	$(BUILD)/bin/testbed --object-store bench/run $(BUILD)/bin bench_s3
+
 faults: deps $(BUILD)/build.ninja
 	cmake --build --preset release --target faults_tests testbed
 	SPOOLCAP_FAULT=$(or $(AT),all) $(BUILD)/bin/testbed \
 	  ctest --preset release -j $(JOBS) -R 'Campaign.*/$(CASE)'
+	$(if $(CASE),,@$(MAKE) faults-s3)
+
+faults-s3: $(BUILD)/build.ninja
+	@dev/install-deps $(OBJECT_STORE)
+	cmake --build --preset release --target kills_tests testbed
+	SPOOLCAP_KILLS=$(or $(KILLS),1000) $(BUILD)/bin/testbed --object-store \
+	  ctest --preset s3 --verbose -R '^Kills'
 
 sanitize: deps
 	cmake --preset sanitize
