@@ -48,7 +48,9 @@ void add_benchmark(const std::string &key, const body &work, length rounds) {
   } else {
     added->UseRealTime();
   }
-  if (rounds == length::round) {
+  if (rounds == length::once) {
+    added->Iterations(1)->Repetitions(1);
+  } else if (rounds == length::round) {
     added->Iterations(1)->Repetitions(rounds_of_long_work);
   } else {
     added->MinTime(0.05)->Repetitions(rounds_of_short_work);
@@ -69,7 +71,7 @@ class median_collector : public benchmark::BenchmarkReporter {
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &one : runs) {
       if (one.error_occurred) failure = one.error_message;
-      if (one.aggregate_name == "median") {
+      if (one.aggregate_name == "median" || one.repetitions == 1) {
         const bool real = one.run_name.time_type == "real_time";
         medians[one.run_name.function_name] =
             (real ? one.GetAdjustedRealTime() : one.GetAdjustedCPUTime()) /

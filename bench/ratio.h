@@ -14,6 +14,7 @@ namespace ratio {
 using body = std::function<void(benchmark::State &)>;
 
 enum class length {
+  once,   // work of minutes: one pass, no more
   round,  // long work: a round is one pass
   calls,  // short work: a round is as many calls as fill its time
   // The same, but the time counts in which a processor works for this process. For work that waits

@@ -21,7 +21,7 @@ cluster_addr = 127.0.0.1
 ms_bind_msgr2 = false
 # One copy in memory.
 osd_objectstore = memstore
-memstore_device_bytes = 2147483648
+memstore_device_bytes = 8589934592
 osd_pool_default_size = 1
 osd_pool_default_min_size = 1
 osd_pool_default_pg_num = 1
