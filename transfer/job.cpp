@@ -5,12 +5,15 @@
 
 #include <cstring>
 
+#include <spoolcap/zarn_str.h>
 #include "main/storage/names.h"
 
 namespace {
 
 // Within it two nodes cannot tell which came first.
 constexpr double clock_error = 1;
+// A host removes its file only after the deletion was queued; so long afterwards it has.
+constexpr double host_takes = 2;
 
 }  // namespace
 
@@ -77,7 +80,12 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   bool uncertain = false;  // a deletion that takes effect late is made again before that matters
   failure = call_store(context, location, uncertain, [&] { return client.head(key); });
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
-  if (failure && is_younger(context, settings, failure, key, deleted_at)) return object_end::kept;
+  if (failure && is_younger(context, settings, failure, key, deleted_at)) {
+    if (qx_get_tstamp() - deleted_at > host_takes) return object_end::kept;
+    failure.outcome = s3_outcome::busy;
+    failure.text = "the host that deletes it may not have removed its file yet";
+    return object_end::failed;
+  }
   // Also for what is not there: only this answer tells a missing object from a missing bucket.
   failure = call_store(context, location, uncertain, [&] { return client.remove(key); });
   return failure ? object_end::removed : object_end::failed;
