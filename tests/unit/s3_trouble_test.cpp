@@ -62,8 +62,8 @@ TEST(S3Answers, HaveAnOutcomeAndATextThatSaysWhatToDo) {
     const char *text;
   } cases[] = {
       {http_answer("200 OK", "ETag: \"" + md5_of_hello + "\"\r\n"), put, done, ""},
-      {http_answer("200 OK", "ETag: \"0" + md5_of_hello + "\"\r\n"), put, damaged, "ETag"},
-      {http_answer("200 OK"), put, damaged, "ETag"},
+      {http_answer("200 OK", "ETag: \"0" + md5_of_hello + "\"\r\n"), put, damaged, "checksum"},
+      {http_answer("200 OK"), put, damaged, "checksum"},
       {http_answer("503 Slow", "", error("SlowDown")), put, busy, "503 SlowDown"},
       {http_answer("502 Bad", "", "<html>no XML"), put, busy, "502"},
       {http_answer("429 Many"), put, busy, "429"},
@@ -109,7 +109,7 @@ TEST(S3Answers, HaveAnOutcomeAndATextThatSaysWhatToDo) {
       {http_answer("200 OK", "",
                    "<CompleteMultipartUploadResult><ETag>\"x-1\"</ETag>"
                    "</CompleteMultipartUploadResult>"),
-       complete, damaged, "ETag"},
+       complete, damaged, "checksum"},
   };
   for (const auto &one : cases) {
     const scripted_server server(one.answer, scripted_server::then::closes);
