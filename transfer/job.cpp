@@ -81,7 +81,8 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   failure = call_store(context, location, uncertain, [&] { return client.head(key); });
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
   if (failure && is_younger(context, settings, failure, key, deleted_at)) {
-    if (qx_get_tstamp() - deleted_at > host_takes) return object_end::kept;
+    const bool is_later = queue_entry{"", failure.metadata["queued"]}.queued_at() > deleted_at;
+    if (is_later || qx_get_tstamp() - deleted_at > host_takes) return object_end::kept;
     failure.outcome = s3_outcome::busy;
     failure.text = "the host that deletes it may not have removed its file yet";
     return object_end::failed;
