@@ -25,16 +25,16 @@ int main(int argc, char **argv) {
     const std::string place =
         (above.empty() ? platform.root + "/var/lib/quorvexquota" : above) + "/" + row[0];
     if (std::atoi(row[2]) < 100) places[id] = place;
-    printf("%d %s", id, row[3]);
+    std::printf("%d %s", id, row[3]);
     for (const char *kind : {"fax", "sound", "recording", "voicemail", "music"}) {
-      const unique_fd file(open((place + "/" + kind + ".quota").c_str(), O_RDONLY | O_CLOEXEC));
+      const unique_fd file(::open((place + "/" + kind + ".quota").c_str(), O_RDONLY | O_CLOEXEC));
       struct stat status = {};
       char record[32] = {};
-      if (fstat(file.get(), &status) != 0 || read(file.get(), record, 31) < 0) abort();
-      printf(" %lld %ld", std::atoll(record), static_cast<long>(status.st_mtime));
+      if (::fstat(file.get(), &status) != 0 || ::read(file.get(), record, 31) < 0) std::abort();
+      std::printf(" %lld %ld", std::atoll(record), static_cast<long>(status.st_mtime));
     }
-    putchar('\n');
+    std::putchar('\n');
   }
-  while (MYSQL_ROW row = mysql_fetch_row(limits.get())) printf("%s %s\n", row[0], row[2]);
+  while (MYSQL_ROW row = mysql_fetch_row(limits.get())) std::printf("%s %s\n", row[0], row[2]);
   return 0;
 }

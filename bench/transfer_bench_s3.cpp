@@ -186,7 +186,7 @@ using list_owner = std::unique_ptr<curl_slist, call_to_release<curl_slist_free_a
 
 // The HTTP library's own GET; signed before each round, as a signature is good for some minutes.
 void get_bare(benchmark::State &state, const s3_place &place, const std::string &key) {
-  const std::string path = "/" + place.bucket + "/" + key, now = s3_timestamp(time(nullptr)),
+  const std::string path = "/" + place.bucket + "/" + key, now = s3_timestamp(std::time(nullptr)),
                     nothing = s3_hex(s3_sha256(""));
   s3_unsigned request{"GET",
                       path,
