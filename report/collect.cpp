@@ -110,6 +110,6 @@ report_platform collect() {
   read_limits(platform, session.get());
   arrange(platform);
   read_quota_files(platform);
-  platform.taken = ::time(nullptr);
+  platform.taken = std::time(nullptr);
   return platform;
 }

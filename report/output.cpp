@@ -50,7 +50,7 @@ void prepare_standard_streams() {
     [[maybe_unused]] const int taken =
         ::open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
-  ::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGPIPE, SIG_IGN);
 }
 
 report_output::report_output(const char *path) {
@@ -101,6 +101,6 @@ void report_output::commit() {
   if (!temporary_.empty() && ::fsync(::fileno(file_.get())) != 0) fail(errno);
   if (std::fclose(file_.release()) != 0) fail(errno);
   if (temporary_.empty()) return;
-  if (::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
+  if (std::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
   temporary_.clear();
 }
