@@ -22,14 +22,14 @@ class value_fields {
  public:
   value_fields() noexcept = default;
   explicit value_fields(const char *value, char separator = ':') noexcept
-      : fields_(text_array::of_list(fr_explode(value, separator, nullptr))) {}
+      : fields_(fr_explode(value, separator)) {}
 
   size_t count() const noexcept { return fields_.count(); }
   const char *operator[](size_t index) const noexcept { return fields_[index]; }
   int number(size_t index) const noexcept { return std::atoi(fields_[index]); }
   // Fields `first` to `last`, joined with colons.
   c_string joined(size_t first, size_t last) const noexcept {
-    return c_string(fr_implode(fields_.data(), first, last, ':'));
+    return fr_implode(fields_, first, last, ':');
   }
 
  private:

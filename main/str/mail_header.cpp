@@ -46,7 +46,7 @@ void append_word(std::string &line, bool continuation, const char *charset,
   const int groups = (word_columns - columns_of(line)) / 4;
   size_t taken = groups > 0 ? fitting(text, static_cast<size_t>(groups) * 3) : 0;
   if (taken == 0 && continuation) taken = first_character(text);
-  const c_string encoded(base64_enc_str(text.data(), taken));
+  const c_string encoded(base64_enc_str(text.substr(0, taken)));
   if (!encoded) throw std::bad_alloc();
   line.append(encoded.get()).append("?=\n");
   text.remove_prefix(taken);

@@ -6,13 +6,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
-#include "platform/base/owner.h"
 #include "platform/base/text.h"
-#include "platform/base/text_array.h"
 #include "platform/base/view.h"
 
-char *fr_str_trim(char *text, int mode) {
+char *fr_str_trim(char *text, int mode) noexcept {
   if (text == nullptr) return nullptr;
   size_t length = std::strlen(text);
   if ((mode & FR_TRIM_END) != 0) {
@@ -27,58 +26,41 @@ char *fr_str_trim(char *text, int mode) {
   return text;
 }
 
-char **fr_explode(const char *text, char separator, size_t *count) {
-  if (text == nullptr) return nullptr;
-  return no_throw<char **>(nullptr, [=] {
+text_array fr_explode(const char *text, char separator) noexcept {
+  if (text == nullptr) return {};
+  return no_throw(text_array(), [=] {
     std::string_view rest(text);
-    const auto fields = static_cast<size_t>(std::count(rest.begin(), rest.end(), separator)) + 1;
-    text_array list(fields + 1);
-    for (size_t i = 0; i < fields; ++i) {
+    text_array fields(static_cast<size_t>(std::count(rest.begin(), rest.end(), separator)) + 1);
+    for (size_t slot = 0; slot < fields.count(); ++slot) {
       const size_t length = std::min(rest.find(separator), rest.size());
-      list.set(i, copy_text(rest.substr(0, length)));
+      fields.set(slot, copy_text(rest.substr(0, length)));
       rest.remove_prefix(std::min(length + 1, rest.size()));
     }
-    if (count != nullptr) *count = fields;
-    return list.release();
+    return fields;
   });
 }
 
-void fr_explode_free(char **fields) {
-  const text_array freed = text_array::of_list(fields);
+c_string fr_implode(const text_array &fields, size_t first, size_t last, char separator) noexcept {
+  if (first > last || last >= fields.count()) return nullptr;
+  return no_throw(c_string(), [&] {
+    std::string joined(fields[first]);
+    for (size_t slot = first + 1; slot <= last; ++slot) joined.append(1, separator) += fields[slot];
+    return copy_text(joined);
+  });
 }
 
-char *fr_implode(char *const *fields, size_t first, size_t last, char separator) {
-  if (fields == nullptr || first > last) return nullptr;
-  size_t size = 0;
-  for (size_t i = first; i <= last; ++i) {
-    if (fields[i] == nullptr) return nullptr;
-    size += std::strlen(fields[i]) + 1;
-  }
-  auto *joined = static_cast<char *>(std::malloc(size));
-  if (joined == nullptr) return nullptr;
-  char *end = joined;
-  for (size_t i = first; i <= last; ++i) {
-    end = ::stpcpy(end, fields[i]);
-    *end++ = separator;
-  }
-  end[-1] = '\0';
-  return joined;
-}
-
-char *base64_enc_str(const void *data, size_t length) {
-  if (data == nullptr) return nullptr;
+c_string base64_enc_str(std::string_view data) noexcept {
   // The encoder counts in int; pieces of whole groups of three bytes join without padding.
   constexpr size_t piece = 3 << 20;
-  auto *encoded = static_cast<char *>(std::malloc((length + 2) / 3 * 4 + 1));
-  if (encoded == nullptr) return nullptr;
-  const auto *input = static_cast<const unsigned char *>(data);
-  char *output = encoded;
-  while (length > 0) {
-    const size_t take = std::min(length, piece);
-    output +=
-        EVP_EncodeBlock(reinterpret_cast<unsigned char *>(output), input, static_cast<int>(take));
-    input += take;
-    length -= take;
+  c_string encoded(static_cast<char *>(std::malloc((data.size() + 2) / 3 * 4 + 1)));
+  if (!encoded) return nullptr;
+  char *output = encoded.get();
+  while (!data.empty()) {
+    const std::string_view taken = data.substr(0, piece);
+    output += EVP_EncodeBlock(reinterpret_cast<unsigned char *>(output),
+                              reinterpret_cast<const unsigned char *>(taken.data()),
+                              static_cast<int>(taken.size()));
+    data.remove_prefix(taken.size());
   }
   *output = '\0';
   return encoded;

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_BASE_TEXT_ARRAY_H
 #define PLATFORM_BASE_TEXT_ARRAY_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -13,9 +14,10 @@
 class text_array {
  public:
   text_array() noexcept = default;
-  // All slots NULL; throws std::bad_alloc.
+  // All slots NULL; throws std::bad_alloc. An array without a slot is an array all the same.
   explicit text_array(size_t count)
-      : slots_(static_cast<char **>(std::calloc(count, sizeof(char *)))), count_(count) {
+      : slots_(static_cast<char **>(std::calloc(std::max<size_t>(count, 1), sizeof(char *)))),
+        count_(count) {
     if (slots_ == nullptr) throw std::bad_alloc();
   }
   // Takes over an array; NULL gives an empty owner.

@@ -16,15 +16,16 @@ int change(vk_client_t *client, Change &&body) noexcept {
 
 }  // namespace
 
+// All that a client hands out comes from malloc whatever the handle was made of.
+struct vk_mm {};
+
 vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_t, size_t),
                       void *(*resize)(void *, size_t), void (*release)(void *)) {
   if (allocate == nullptr || allocate_cleared == nullptr || resize == nullptr ||
       release == nullptr) {
     return nullptr;
   }
-  return no_throw<vk_mm_t *>(nullptr, [=] {
-    return new vk_mm{allocate, allocate_cleared, release};
-  });
+  return no_throw<vk_mm_t *>(nullptr, [] { return new vk_mm; });
 }
 
 void vk_mm_destroy(vk_mm_t *mm) {
@@ -33,9 +34,8 @@ void vk_mm_destroy(vk_mm_t *mm) {
 
 vk_client_t *vk_client_create(int, int, const vk_mm_t *mm, const void *reserved) {
   if (mm == nullptr || reserved != nullptr) return nullptr;
-  return no_throw<vk_client_t *>(nullptr, [mm] {
+  return no_throw<vk_client_t *>(nullptr, [] {
     auto *state = new vk_state;
-    state->memory = *mm;
     state->main = {&state->secondary, state};
     state->secondary = {&state->secondary, state};
     return &state->main;

@@ -2,9 +2,10 @@
 // hands out. Outputs are set to nothing first, so that a failure leaves nothing to free.
 #include <charconv>
 #include <climits>
-#include <cstring>
 #include <span>
 
+#include "platform/base/text.h"
+#include "platform/base/text_array.h"
 #include "platform/velkan/command.h"
 #include "platform/velkan/group.h"
 
@@ -14,56 +15,19 @@ namespace {
 constexpr size_t words_before_fields = 2;
 constexpr size_t most_words = INT_MAX;
 
-char *copy_text(const vk_mm &memory, const redisReply &reply) {
-  char *copy = static_cast<char *>(memory.allocate(reply.len + 1));
-  if (copy != nullptr) {
-    std::memcpy(copy, reply.str, reply.len);
-    copy[reply.len] = '\0';
-  }
-  return copy;
+// A copy of a text in the slot; what is absent leaves it NULL.
+int copy_reply(const redisReply &reply, text_array &copies, size_t slot) {
+  if (reply.type == REDIS_REPLY_NIL) return VK_OK;
+  if (reply.type != REDIS_REPLY_STRING) return VK_ERR_REPLY;
+  copies.set(slot, copy_text({reply.str, reply.len}));
+  return VK_OK;
 }
-
-// An array of copies that frees them all unless it is handed over.
-class copied_array {
- public:
-  copied_array(const vk_mm &memory, size_t size)
-      : memory_(memory),
-        slots_(static_cast<char **>(memory.allocate_cleared(size + 1, sizeof(char *)))) {}
-  copied_array(const copied_array &) = delete;
-  copied_array &operator=(const copied_array &) = delete;
-  ~copied_array() {
-    if (slots_ == nullptr) return;
-    for (size_t slot = 0; slot < size_; slot++) memory_.release(slots_[slot]);
-    memory_.release(static_cast<void *>(slots_));
-  }
-
-  // Appends a copy of a text, or NULL for what is absent.
-  int append(const redisReply &reply) {
-    if (slots_ == nullptr) return VK_ERR_MEMORY;
-    if (reply.type != REDIS_REPLY_STRING && reply.type != REDIS_REPLY_NIL) return VK_ERR_REPLY;
-    char *copy = nullptr;
-    if (reply.type == REDIS_REPLY_STRING) {
-      copy = copy_text(memory_, reply);
-      if (copy == nullptr) return VK_ERR_MEMORY;
-    }
-    slots_[size_++] = copy;
-    return VK_OK;
-  }
-
-  bool exists() const { return slots_ != nullptr; }
-  size_t size() const { return size_; }
-  char **release() { return std::exchange(slots_, nullptr); }
-
- private:
-  const vk_mm &memory_;
-  char **slots_;
-  size_t size_ = 0;
-};
 
 // A window of a list: `limit` 0 is all that follow the offset.
 struct window {
   size_t begin;
   size_t end;
+  size_t size() const { return end - begin; }
 };
 
 window window_of(size_t size, int offset, int limit) {
@@ -113,8 +77,7 @@ int vk_hget_whole(vk_client_t *client, const char *key, size_t key_length, const
     const int status =
         run_words(client, 3, words, lengths, REDIS_REPLY_STRING, REDIS_REPLY_NIL, reply);
     if (status != VK_OK || reply->type == REDIS_REPLY_NIL) return status;
-    *value = copy_text(client->state->memory, *reply);
-    if (*value == nullptr) return VK_ERR_MEMORY;
+    *value = copy_text({reply->str, reply->len}).release();
     if (value_length != nullptr) *value_length = reply->len;
     return VK_OK;
   });
@@ -139,9 +102,9 @@ int vk_hmget_whole(vk_client_t *client, const char *key, size_t key_length,
                            REDIS_REPLY_ARRAY, REDIS_REPLY_ARRAY, reply);
     if (status != VK_OK) return status;
     if (reply->elements != field_count) return VK_ERR_REPLY;
-    copied_array copies(client->state->memory, field_count);
+    text_array copies(field_count);
     for (size_t slot = 0; slot < field_count; slot++) {
-      status = copies.append(*reply->element[slot]);
+      status = copy_reply(*reply->element[slot], copies, slot);
       if (status != VK_OK) return status;
     }
     *entry_count = field_count;
@@ -162,13 +125,12 @@ int vk_hgetall_whole(vk_client_t *client, const char *key, size_t key_length, si
     int status = read_whole(client, "HVALS", key, key_length, reply);
     if (status != VK_OK) return status;
     const window part = window_of(reply->elements, offset, limit);
-    copied_array copies(client->state->memory, part.end - part.begin);
-    if (!copies.exists()) return VK_ERR_MEMORY;
-    for (size_t entry = part.begin; entry < part.end; entry++) {
-      status = copies.append(*reply->element[entry]);
+    text_array copies(part.size());
+    for (size_t slot = 0; slot < copies.count(); slot++) {
+      status = copy_reply(*reply->element[part.begin + slot], copies, slot);
       if (status != VK_OK) return status;
     }
-    *entry_count = copies.size();
+    *entry_count = copies.count();
     *values = copies.release();
     return VK_OK;
   });
@@ -187,15 +149,15 @@ int vk_hgetall(vk_client_t *client, const char *key, size_t key_length, size_t *
     if (status != VK_OK) return status;
     if (reply->elements % 2 != 0) return VK_ERR_REPLY;
     const window part = window_of(reply->elements / 2, offset, limit);
-    copied_array names(client->state->memory, part.end - part.begin);
-    copied_array texts(client->state->memory, part.end - part.begin);
-    if (!names.exists() || !texts.exists()) return VK_ERR_MEMORY;
-    for (size_t pair = part.begin; pair < part.end; pair++) {
-      status = names.append(*reply->element[2 * pair]);
-      if (status == VK_OK) status = texts.append(*reply->element[2 * pair + 1]);
+    text_array names(part.size());
+    text_array texts(part.size());
+    for (size_t slot = 0; slot < names.count(); slot++) {
+      const redisReply *const *pair = reply->element + 2 * (part.begin + slot);
+      status = copy_reply(*pair[0], names, slot);
+      if (status == VK_OK) status = copy_reply(*pair[1], texts, slot);
       if (status != VK_OK) return status;
     }
-    *count = names.size();
+    *count = names.count();
     *fields = names.release();
     *values = texts.release();
     return VK_OK;

@@ -18,12 +18,6 @@
 #include "platform/velkan/connection.h"
 #include "platform/velkan/velkan.h"
 
-struct vk_mm {
-  void *(*allocate)(size_t);
-  void *(*allocate_cleared)(size_t, size_t);
-  void (*release)(void *);
-};
-
 struct vk_server {
   std::string host;
   int port;
@@ -38,7 +32,6 @@ struct vk_server {
 struct vk_state {
   vk_client main;
   vk_client secondary;
-  vk_mm memory;
 
   std::mutex lock;  // guards all that follows; held for the length of a command
   unsigned log_mask = 0;

@@ -54,7 +54,8 @@ typedef struct vk_client {
   struct vk_state *state;
 } vk_client_t;
 
-/* The allocator for what the client hands out; it must be malloc's, as callers use free. */
+/* The allocator for what the client hands out: malloc's, as callers use free. NULL when one of the
+ * four is missing. */
 vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_t, size_t),
                       void *(*resize)(void *, size_t), void (*release)(void *));
 void vk_mm_destroy(vk_mm_t *mm);
