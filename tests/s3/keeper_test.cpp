@@ -105,8 +105,9 @@ TEST_F(Keeper, WhatTheQueueLostIsQueuedAgainAndWhatWasDeletedIsNot) {
   deleted(deleted_before, -10);
   look();
   for (const std::string &key : {gone, known}) EXPECT_FALSE(node.has_file(key)) << key;
-  for (const std::string &key : {lost, newer, deleted_before, replaced})
+  for (const std::string &key : {lost, newer, deleted_before, replaced}) {
     EXPECT_TRUE(queued(key)) << key;
+  }
   EXPECT_FALSE(queued(young));
   EXPECT_EQ(node.state.counters.queued_again, 4);
   node.start();
