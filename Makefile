@@ -81,12 +81,15 @@ faults-s3: $(BUILD)/build.ninja
 	  ctest --preset s3 --verbose -R '^Kills'
 
 sanitize: deps
+	@dev/install-deps $(OBJECT_STORE) haproxy
 	cmake --preset sanitize
 	cmake --build --preset sanitize
 	build/sanitize/bin/testbed ctest --preset sanitize -j $(JOBS)
+	build/sanitize/bin/testbed --object-store ctest --preset sanitize-s3 -j $(JOBS)
 	cmake --preset sanitize-threads
 	cmake --build --preset sanitize-threads
 	build/sanitize-threads/bin/testbed ctest --preset sanitize-threads -j $(JOBS)
+	build/sanitize-threads/bin/testbed --object-store ctest --preset sanitize-threads-s3 -j $(JOBS)
 
 fuzz:
 	@dev/install-deps clang libclang-rt-dev llvm

@@ -101,7 +101,7 @@ void *transfer_host::download(const char *key, const char *location, const char 
     QX_LOG(FR_LOG_WARNING, "Cannot open [%s]: %s.\n", path, std::strerror(errno));
     return nullptr;
   }
-  auto request = std::make_unique<download_request>(download_request{done, cookie, path});
+  auto request = std::make_unique<ordered_download>(ordered_download{done, cookie, path});
   const std::lock_guard guard(lock_);
   const std::uint64_t id = ++last_id_;
   const std::string datagram =
@@ -117,7 +117,7 @@ void transfer_host::queued() {
 }
 
 bool transfer_host::send(const std::string &datagram, int target, std::uint64_t id,
-                         download_request *request) {
+                         ordered_download *request) {
   // The daemon may have been started anew since it was last spoken to.
   for (int attempt = 0; attempt < 2 && connect(); ++attempt) {
     connection &to = *line_->current;

@@ -17,7 +17,7 @@
 #include "main/transfer/wire.h"
 
 // What storage holds of a download. It is storage's from the moment on in which `done` is called.
-struct download_request {
+struct ordered_download {
   qx_storage_done_fn done;
   void *cookie;
   std::string path;
@@ -51,7 +51,7 @@ class transfer_host {
   };
   struct connection {
     unique_fd socket;
-    std::map<std::uint64_t, download_request *> pending;
+    std::map<std::uint64_t, ordered_download *> pending;
     clock::time_point heard;  // when the daemon said something, or had nothing to say, last
     clock::time_point asked;  // when it was last asked for a sign of life
     std::shared_ptr<connection> next_lost;
@@ -67,11 +67,11 @@ class transfer_host {
 
   static void wake(const line &what);
   static void lose_current(line &what);
-  static void finish(download_request *request, bool has_file);
+  static void finish(ordered_download *request, bool has_file);
 
   bool connect();
   void start_thread();
-  bool send(const std::string &datagram, int target, std::uint64_t id, download_request *request);
+  bool send(const std::string &datagram, int target, std::uint64_t id, ordered_download *request);
 
   void run(const std::shared_ptr<line> &own);
   int watch(line &own);

@@ -82,7 +82,7 @@ void transfer_host::read_answers(line &own, const std::shared_ptr<connection> &f
 }
 
 void transfer_host::take_answer(connection &from, const transfer_message &answer) {
-  download_request *request = nullptr;
+  ordered_download *request = nullptr;
   {
     const std::lock_guard guard(lock_);
     from.heard = clock::now();
@@ -97,7 +97,7 @@ void transfer_host::take_answer(connection &from, const transfer_message &answer
 // Of a connection that nobody uses any more; what came over it before its end counts.
 void transfer_host::end_downloads(connection &of) {
   take_answers(of);
-  std::map<std::uint64_t, download_request *> rest;
+  std::map<std::uint64_t, ordered_download *> rest;
   {
     const std::lock_guard guard(lock_);
     rest.swap(of.pending);
@@ -105,7 +105,7 @@ void transfer_host::end_downloads(connection &of) {
   for (const auto &[id, request] : rest) finish(request, false);
 }
 
-void transfer_host::finish(download_request *request, bool has_file) {
+void transfer_host::finish(ordered_download *request, bool has_file) {
   // The request may be released before this returns.
   request->done(request->cookie, has_file ? QX_STORAGE_READY : QX_STORAGE_FAILED,
                 request->path.c_str());

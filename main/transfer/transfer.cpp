@@ -29,7 +29,7 @@ void *download(void * /*context*/, const char *stored_name, const char * /*shard
 }
 
 void release(void * /*context*/, void *request) {
-  delete static_cast<download_request *>(request);
+  delete static_cast<ordered_download *>(request);
 }
 
 void queued(void * /*context*/) {

@@ -131,6 +131,8 @@ void s3_client::connection::prepare() {
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(handle, CURLOPT_USERAGENT, "spoolcap");
+  // No proxy that the environment names: a check by hand and the service would differ.
+  curl_easy_setopt(handle, CURLOPT_PROXY, "");
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
