@@ -66,6 +66,10 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   bool Int(int value) { return number(value); }
   bool Uint(unsigned value) { return number(value); }
   bool Int64(std::int64_t value) { return number(value); }
+  // What is above the numbers of 32 bits and not negative comes here.
+  bool Uint64(std::uint64_t value) {
+    return std::in_range<std::int64_t>(value) && number(static_cast<std::int64_t>(value));
+  }
   bool String(const char *text, rapidjson::SizeType size, bool) {
     const std::string_view value(text, size);
     if (arrays_ == 0 && depth_ == 1) return head_text(value);

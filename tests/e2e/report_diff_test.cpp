@@ -16,6 +16,12 @@ class Diff : public Report {
     return box.path(name);
   }
 
+  // A snapshot of midnight of this day, with these objects as its accounts.
+  std::string snapshot_of(const std::string &day, const std::string &accounts) {
+    return packed(day, R"({"format":"spoolcap-report","version":1,"taken":")" + day +
+                           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}");
+  }
+
   // A snapshot of the platform as it is, said to be of midnight of this day.
   std::string snapshot_of(const std::string &day) {
     std::string document = report({"list", "--format", "json"});
@@ -126,6 +132,24 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
             "shrank,2,bob,50,1,1,-200,-200,500,300,measured,measured,0,0,does not grow,,\r\n");
   arguments[2] = "json";
   EXPECT_TRUE(follows(json(arguments), "diff.schema.json"));
+}
+
+// JSON readers hand out numbers by their size: beyond 32 bits, and beyond what a double holds.
+TEST_F(Diff, KeepsLargeFiguresToTheByte) {
+  std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax,sound"};
+  for (std::int64_t day = 1; day <= 3; ++day) {
+    const std::string fax = std::to_string(day * 4294967296);
+    const std::string sound = std::to_string(9007199254740992 + day);
+    arguments.push_back(snapshot_of(
+        "2026-01-0" + std::to_string(day),
+        R"({"id":1,"level":10,"name":"ann","limit":{"fax":1101659111424},"used":{"fax":)" + fax +
+            R"(,"sound":)" + sound +
+            R"(},"states":{"fax":"measured","sound":"measured"},"age":0})"));
+  }
+  const std::string changes = report(arguments);
+  EXPECT_EQ(changes.substr(changes.find('\n') + 1),
+            "grew,1,ann,10,,,8589934594,8589934592,2,9007203549708289,9007212139642883,"
+            "measured,measured,0,0,day,2026-09-13,fax\r\n");
 }
 
 TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
