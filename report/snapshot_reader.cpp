@@ -15,7 +15,8 @@ constexpr std::int64_t known_version = 1;
 
 std::int64_t time_of(std::string_view iso) {
   tm parts = {};
-  const char *end = ::strptime(std::string(iso).c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  const std::string text(iso);
+  const char *end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   return end != nullptr && *end == '\0' ? ::timegm(&parts) : -1;
 }
 
