@@ -152,6 +152,19 @@ TEST_F(Diff, KeepsLargeFiguresToTheByte) {
             "measured,measured,0,0,day,2026-09-13,fax\r\n");
 }
 
+TEST_F(Diff, ShowsLoginsOfASnapshotThatDisturb) {
+  const std::string none = snapshot_of("2026-01-01", "");
+  const std::string one =
+      snapshot_of("2026-01-02", R"({"id":1,"level":10,"name":"=\u0000\u202e\n","used":{"fax":7}})");
+  EXPECT_EQ(
+      report({"diff", "--kind", "fax", none, one}),
+      "change  growth  before  after  login               id  level     parent  age  state\n"
+      "came        +7       -      7  =\ufffd\\xe2\\x80\\xae\\x0a   1  reseller  -         -  "
+      "missing\n");
+  const std::string lines = report({"diff", "--format", "csv", none, one});
+  EXPECT_NE(lines.find(",\"'=\ufffd\u202e\n\","), lines.npos);
+}
+
 TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   const std::string whole = box.path("whole");
   report({"snapshot", whole});
