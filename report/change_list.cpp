@@ -14,6 +14,16 @@ std::int64_t use_of(const report_account *account, kind_set kinds) {
   return account == nullptr ? -1 : total_of(*account, kinds);
 }
 
+// A null view where the account is not there.
+std::string_view state_name_of(const report_account *account, kind_set kinds) {
+  return account == nullptr ? std::string_view() : name_of(state_of(*account, kinds));
+}
+
+// At the time of the state that it is in.
+std::int64_t age_in(const report_platform &state, const report_account *account, kind_set kinds) {
+  return account == nullptr ? -1 : age_of(*account, state.taken, kinds);
+}
+
 std::string day_of(const account_outlook &outlook) {
   return outlook.outlook == outlook_kind::day ? iso_time(outlook.when).substr(0, 10) : "";
 }
@@ -59,6 +69,10 @@ void write_change(json_writer &json, const account_change &change, const change_
   json.EndObject();
   write_member(json, "total_before", use_of(change.before, list.kinds));
   write_member(json, "total_after", use_of(change.after, list.kinds));
+  write_member(json, "state_before", state_name_of(change.before, list.kinds));
+  write_member(json, "state_after", state_name_of(change.after, list.kinds));
+  write_member(json, "age_before", age_in(list.before(), change.before, list.kinds));
+  write_member(json, "age_after", age_in(list.after(), change.after, list.kinds));
   if (list.has_outlook()) write_outlook(json, outlook_of(account.id, list.states, list.kinds));
   json.EndObject();
 }
@@ -84,6 +98,21 @@ std::string parents_text(const account_change &change) {
   return id_text(parent_of(change.before)) + " -> " + now;
 }
 
+std::string states_text(const account_change &change, kind_set kinds) {
+  const std::string before(state_name_of(change.before, kinds));
+  const std::string after(state_name_of(change.after, kinds));
+  if (before == after || before.empty()) return after;
+  return after.empty() ? before : before + " -> " + after;
+}
+
+std::string age_text(const account_change &change, const change_list &list, bool human) {
+  const std::int64_t age = change.after != nullptr
+                               ? age_in(list.after(), change.after, list.kinds)
+                               : age_in(list.before(), change.before, list.kinds);
+  if (age < 0) return "-";
+  return human ? human_time(age) : std::to_string(age);
+}
+
 std::string outlook_text(const account_outlook &outlook) {
   if (outlook.outlook == outlook_kind::unknown) return "-";
   const std::string kind(kind_name_of(outlook));
@@ -102,7 +131,9 @@ std::vector<std::string> cells_of(const account_change &change, const change_lis
                                     shown_login(account.login),
                                     std::to_string(account.id),
                                     name_of_level(account.level),
-                                    parents_text(change)};
+                                    parents_text(change),
+                                    age_text(change, list, human),
+                                    states_text(change, list.kinds)};
   if (list.has_outlook()) {
     cells.push_back(outlook_text(outlook_of(account.id, list.states, list.kinds)));
   }
@@ -112,25 +143,33 @@ std::vector<std::string> cells_of(const account_change &change, const change_lis
 }  // namespace
 
 void write_changes_json(FILE *stream, const change_list &list) {
-  char buffer[65536];
-  rapidjson::FileWriteStream out(stream, buffer, sizeof buffer);
-  json_writer json(out);
-  json.StartObject();
-  write_member(json, "format", std::string_view("spoolcap-diff"));
-  write_member(json, "version", std::int64_t{1});
-  write_member(json, "host", std::string_view(list.states.back().host));
-  write_member(json, "from", std::string_view(iso_time(list.states.front().taken)));
-  write_member(json, "to", std::string_view(iso_time(list.states.back().taken)));
-  json.Key("changes");
-  json.StartArray();
+  json_stream to(stream);
+  to.json.StartObject();
+  write_member(to.json, "format", std::string_view("spoolcap-diff"));
+  write_member(to.json, "version", std::int64_t{1});
+  write_member(to.json, "host", std::string_view(list.after().host));
+  write_member(to.json, "from", std::string_view(iso_time(list.before().taken)));
+  write_member(to.json, "to", std::string_view(iso_time(list.after().taken)));
+  to.json.Key("changes");
+  to.json.StartArray();
   for (const account_change &change : list.changes) {
-    out.Put('\n');
-    write_change(json, change, list);
+    to.out.Put('\n');
+    write_change(to.json, change, list);
   }
-  json.EndArray();
-  json.EndObject();
-  out.Put('\n');
-  out.Flush();
+  to.json.EndArray();
+  to.json.EndObject();
+  to.out.Put('\n');
+  to.out.Flush();
+}
+
+void write_changes_lines(FILE *stream, const change_list &list) {
+  json_stream to(stream);
+  for (const account_change &change : list.changes) {
+    to.json.Reset(to.out);
+    write_change(to.json, change, list);
+    to.out.Put('\n');
+  }
+  to.out.Flush();
 }
 
 void write_changes_separated(FILE *stream, separated_format format, const change_list &list) {
@@ -141,7 +180,10 @@ void write_changes_separated(FILE *stream, separated_format format, const change
   }
   for_each_of(list.kinds,
               [&](unsigned kind) { line.add(std::string("growth_") + media_kinds[kind].name); });
-  for (const char *name : {"total_before", "total_after"}) line.add(name);
+  for (const char *name :
+       {"total_before", "total_after", "state_before", "state_after", "age_before", "age_after"}) {
+    line.add(name);
+  }
   if (list.has_outlook()) {
     for (const char *name : {"outlook", "limit_day", "limit_kind"}) line.add(name);
   }
@@ -161,6 +203,10 @@ void write_changes_separated(FILE *stream, separated_format format, const change
     });
     line.add_number(use_of(change.before, list.kinds));
     line.add_number(use_of(change.after, list.kinds));
+    line.add(state_name_of(change.before, list.kinds));
+    line.add(state_name_of(change.after, list.kinds));
+    line.add_number(age_in(list.before(), change.before, list.kinds));
+    line.add_number(age_in(list.after(), change.after, list.kinds));
     if (list.has_outlook()) {
       const account_outlook outlook = outlook_of(account.id, list.states, list.kinds);
       line.add(name_of(outlook.outlook));
@@ -173,8 +219,8 @@ void write_changes_separated(FILE *stream, separated_format format, const change
 
 void write_changes_table(FILE *stream, const change_list &list, bool human) {
   std::vector<std::pair<std::string, bool>> heads = {
-      {"change", true}, {"growth", false}, {"before", false}, {"after", false},
-      {"login", true},  {"id", false},     {"level", true},   {"parent", true}};
+      {"change", true}, {"growth", false}, {"before", false}, {"after", false}, {"login", true},
+      {"id", false},    {"level", true},   {"parent", true},  {"age", false},   {"state", true}};
   if (list.has_outlook()) heads.emplace_back("limit reached", true);
   table_columns columns(heads);
   for (const account_change &change : list.changes) columns.measure(cells_of(change, list, human));

@@ -55,12 +55,13 @@ account_outlook outlook_of_kind(std::span<const report_account *const> accounts,
   }
   if (line.count() < fewest_points) return {};
   if (line.slope() <= 0) return {.outlook = outlook_kind::no_growth};
-  const double meets = line.meets(static_cast<double>(limit));
   const std::int64_t now = states.back().taken;
+  // The line may say that it was yesterday, or long ago; the figure says that it was not.
+  const double meets =
+      std::max(line.meets(static_cast<double>(limit)), static_cast<double>(now - start));
   if (meets > static_cast<double>(now - start + far_away)) return {.outlook = outlook_kind::far};
-  // The line may say that it was yesterday; the figure says that it was not.
-  const std::int64_t when = start + static_cast<std::int64_t>(meets);
-  return {.outlook = outlook_kind::day, .when = std::max(when, now), .kind = kind};
+  return {
+      .outlook = outlook_kind::day, .when = start + static_cast<std::int64_t>(meets), .kind = kind};
 }
 
 // Whether one is the worse news.
@@ -94,8 +95,9 @@ std::vector<account_change> compare(const report_platform &before, const report_
   std::vector<account_change> changes;
   const auto add = [&](const report_account *old_one, const report_account *new_one) {
     account_change change = {.before = old_one, .after = new_one};
-    for_each_of(kinds,
-                [&](unsigned kind) { change.growth += growth_of(change, kind).value_or(0); });
+    for_each_of(kinds, [&](unsigned kind) {
+      change.growth = sum_of(change.growth, growth_of(change, kind).value_or(0));
+    });
     change.change = kind_of(change);
     if (change.change != change_kind::shrank || change.growth < 0) changes.push_back(change);
   };

@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "main/quota/settings.h"
+#include "platform/base/utf8.h"
 #include "report/checks.h"
 #include "report/options.h"
 
@@ -44,7 +45,7 @@ class folder_check {
     if (is_here) {
       look_into(folder, account);
     } else {
-      out_.add({.name = "file_without_account", .where = folder.string()});
+      out_.add({.name = "file_without_account", .where = valid_utf8(folder.string())});
     }
   }
 

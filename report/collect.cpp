@@ -30,17 +30,6 @@ std::string select_limits() {
          ") ORDER BY client_id";
 }
 
-std::string_view keep_text(report_platform &platform, std::string_view text) {
-  const std::string valid = valid_utf8(text);
-  auto *const kept = static_cast<char *>(platform.texts->allocate(valid.size() + 1, 1));
-  std::copy(valid.begin(), valid.end(), kept);
-  return {kept, valid.size()};
-}
-
-bool is_reported(std::int64_t level) {
-  return level == LEVEL_RESELLER || level == LEVEL_CLIENT || level == LEVEL_OWNER;
-}
-
 void take_account(report_platform &platform, const sql_fields &row) {
   const auto id = static_cast<std::uint32_t>(number_of(row[0]));
   const std::int64_t level = number_of(row[2]);

@@ -1,6 +1,5 @@
 // The command `diff`: what changed between snapshots, or between a snapshot and now.
 #include <algorithm>
-#include <limits>
 
 #include "report/change_list.h"
 #include "report/command.h"
@@ -10,39 +9,13 @@
 
 namespace {
 
-// As typed; null for what was not given.
-struct {
-  char *format = nullptr;
-  char *kind = nullptr;
-  char *level = nullptr;
-  char *top = nullptr;
-  char *output = nullptr;
-  int human = 0;
-} typed;
-
-const poptOption options[] = {
-    {"format", 'f', POPT_ARG_STRING, &typed.format, 0, "table (the default), json, csv or tsv",
-     "FORMAT"},
-    {"kind", 'k', POPT_ARG_STRING, &typed.kind, 0,
-     "Only these kinds: fax, sound, recording, voicemail, music", "KIND,..."},
-    {"level", 'l', POPT_ARG_STRING, &typed.level, 0,
-     "Only these levels: reseller, client, user, or 10, 50, 100", "LEVEL,..."},
-    {"top", 'n', POPT_ARG_STRING, &typed.top, 0, "Only the first N changes", "N"},
-    {"human", 'h', POPT_ARG_NONE, &typed.human, 0, "Sizes with units, in a table", nullptr},
-    {"output", 'o', POPT_ARG_STRING, &typed.output, 0, "Write to a file, whole or not at all",
-     "FILE"},
-    POPT_TABLEEND};
-
-enum class diff_format { table, json, csv, tsv };
-
-diff_format typed_format() {
-  const auto format = static_cast<diff_format>(
-      choice_option("--format", typed.format, {"table", "json", "csv", "tsv"}, 0));
-  if (typed.human != 0 && format != diff_format::table) {
-    throw report_trouble("--human is for tables only");
-  }
-  return format;
-}
+const poptOption options[] = {list_format_row,
+                              kind_row,
+                              level_row,
+                              top_row("Only the first N changes"),
+                              human_row("Sizes with units, in a table"),
+                              output_row,
+                              POPT_TABLEEND};
 
 std::vector<report_platform> states_of(std::vector<std::string> names) {
   if (names.empty()) throw report_trouble("diff needs the name of a snapshot");
@@ -66,29 +39,31 @@ void choose_changes(std::vector<account_change> &changes, const std::vector<int>
   if (top != 0 && changes.size() > top) changes.resize(top);
 }
 
-void write(FILE *stream, diff_format format, const change_list &list) {
+void write(FILE *stream, report_format format, const change_list &list) {
   switch (format) {
-    case diff_format::table:
+    case report_format::table:
       write_changes_table(stream, list, typed.human != 0);
       break;
-    case diff_format::json:
+    case report_format::json:
       write_changes_json(stream, list);
       break;
-    case diff_format::csv:
+    case report_format::jsonl:
+      write_changes_lines(stream, list);
+      break;
+    case report_format::csv:
       write_changes_separated(stream, separated_format::csv, list);
       break;
-    case diff_format::tsv:
+    case report_format::tsv:
       write_changes_separated(stream, separated_format::tsv, list);
       break;
   }
 }
 
 report_status run(const std::vector<std::string> &words) {
-  const diff_format format = typed_format();
-  const kind_set kinds = kinds_option("--kind", typed.kind);
-  const std::vector<int> levels = levels_option("--level", typed.level);
-  constexpr std::int64_t most = std::numeric_limits<std::uint32_t>::max();
-  const auto top = static_cast<size_t>(number_option("--top", typed.top, 1, most).value_or(0));
+  const report_format format = typed_format();
+  const kind_set kinds = typed_kinds();
+  const std::vector<int> levels = typed_levels();
+  const size_t top = typed_top().value_or(0);
   const std::vector<report_platform> states = states_of(words);
   std::vector<account_change> changes = compare(states.front(), states.back(), kinds);
   choose_changes(changes, levels, top);

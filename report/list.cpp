@@ -11,89 +11,68 @@
 
 namespace {
 
-// As typed; null for what was not given.
+// The options that only this command has, as typed; null for what was not given.
 struct {
-  char *format = nullptr;
   char *sort = nullptr;
-  char *top = nullptr;
-  char *level = nullptr;
   char *under = nullptr;
   char *over = nullptr;
-  char *kind = nullptr;
-  char *output = nullptr;
   int tree = 0;
-  int human = 0;
-} typed;
+} only_here;
 
 const poptOption options[] = {
-    {"format", 'f', POPT_ARG_STRING, &typed.format, 0,
-     "table (the default), json, jsonl, csv or tsv", "FORMAT"},
-    {"sort", 's', POPT_ARG_STRING, &typed.sort, 0,
+    list_format_row,
+    {"sort", 's', POPT_ARG_STRING, &only_here.sort, 0,
      "By used, percent, login, id or age; by default id, or used with --top", "KEY"},
-    {"top", 'n', POPT_ARG_STRING, &typed.top, 0, "Only the first N accounts", "N"},
-    {"level", 'l', POPT_ARG_STRING, &typed.level, 0,
-     "Only these levels: reseller, client, user, or 10, 50, 100", "LEVEL,..."},
-    {"under", 'u', POPT_ARG_STRING, &typed.under, 0, "Only this account and those below it", "ID"},
-    {"over", '\0', POPT_ARG_STRING, &typed.over, 0, "Only accounts above this part of a limit",
+    top_row("Only the first N accounts"),
+    level_row,
+    {"under", 'u', POPT_ARG_STRING, &only_here.under, 0, "Only this account and those below it",
+     "ID"},
+    {"over", '\0', POPT_ARG_STRING, &only_here.over, 0, "Only accounts above this part of a limit",
      "PERCENT"},
-    {"kind", 'k', POPT_ARG_STRING, &typed.kind, 0,
-     "Only these kinds: fax, sound, recording, voicemail, music", "KIND,..."},
-    {"tree", 't', POPT_ARG_NONE, &typed.tree, 0, "Children below their parents", nullptr},
-    {"human", 'h', POPT_ARG_NONE, &typed.human, 0, "Sizes and ages with units, in a table",
-     nullptr},
-    {"output", 'o', POPT_ARG_STRING, &typed.output, 0, "Write to a file, whole or not at all",
-     "FILE"},
+    kind_row,
+    {"tree", 't', POPT_ARG_NONE, &only_here.tree, 0, "Children below their parents", nullptr},
+    human_row("Sizes and ages with units, in a table"),
+    output_row,
     POPT_TABLEEND};
-
-enum class list_format { table, json, jsonl, csv, tsv };
 
 list_choice typed_choice() {
   list_choice choice;
-  choice.kinds = kinds_option("--kind", typed.kind);
-  choice.levels = levels_option("--level", typed.level);
+  choice.kinds = typed_kinds();
+  choice.levels = typed_levels();
   constexpr std::int64_t most = std::numeric_limits<std::uint32_t>::max();
   choice.under =
-      static_cast<std::uint32_t>(number_option("--under", typed.under, 1, most).value_or(0));
-  choice.over = decimal_option("--over", typed.over);
-  choice.top = static_cast<size_t>(number_option("--top", typed.top, 1, most).value_or(0));
-  choice.tree = typed.tree != 0;
+      static_cast<std::uint32_t>(number_option("--under", only_here.under, 1, most).value_or(0));
+  choice.over = decimal_option("--over", only_here.over);
+  choice.top = typed_top().value_or(0);
+  choice.tree = only_here.tree != 0;
   if (choice.tree && choice.top != 0) throw report_trouble("--top and --tree exclude each other");
   const sort_key otherwise = choice.top != 0 ? sort_key::used : sort_key::id;
-  choice.sort = static_cast<sort_key>(choice_option("--sort", typed.sort,
+  choice.sort = static_cast<sort_key>(choice_option("--sort", only_here.sort,
                                                     {"id", "login", "used", "percent", "age"},
                                                     static_cast<size_t>(otherwise)));
   return choice;
 }
 
-list_format typed_format() {
-  const auto format = static_cast<list_format>(
-      choice_option("--format", typed.format, {"table", "json", "jsonl", "csv", "tsv"}, 0));
-  if (typed.human != 0 && format != list_format::table) {
-    throw report_trouble("--human is for tables only");
-  }
-  return format;
-}
-
-void write(FILE *stream, list_format format, const report_platform &platform,
+void write(FILE *stream, report_format format, const report_platform &platform,
            const list_choice &choice) {
   const std::vector<chosen_account> chosen = choose(platform, choice);
   const account_source accounts = [&](const auto &visit) {
     for (const chosen_account &one : chosen) visit(platform.accounts[one.place]);
   };
   switch (format) {
-    case list_format::table:
+    case report_format::table:
       write_table(stream, platform, chosen, {choice.kinds, typed.human != 0, choice.tree});
       break;
-    case list_format::json:
+    case report_format::json:
       write_document(stream, platform, accounts, choice.kinds);
       break;
-    case list_format::jsonl:
+    case report_format::jsonl:
       write_lines(stream, platform, accounts, choice.kinds);
       break;
-    case list_format::csv:
+    case report_format::csv:
       write_separated(stream, separated_format::csv, platform, accounts, choice.kinds);
       break;
-    case list_format::tsv:
+    case report_format::tsv:
       write_separated(stream, separated_format::tsv, platform, accounts, choice.kinds);
       break;
   }
@@ -102,7 +81,7 @@ void write(FILE *stream, list_format format, const report_platform &platform,
 report_status run(const std::vector<std::string> &words) {
   take_no_words(words);
   const list_choice choice = typed_choice();
-  const list_format format = typed_format();
+  const report_format format = typed_format();
   const report_platform platform = collect();
   report_output out(typed.output);
   write(out.stream(), format, platform, choice);

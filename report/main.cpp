@@ -7,6 +7,7 @@
 
 #include <spoolcap/sqlsession.h>
 #include "platform/base/owner.h"
+#include "platform/base/utf8.h"
 #include "report/command.h"
 #include "report/output.h"
 
@@ -105,10 +106,12 @@ int main(int argc, char **argv) {
   try {
     const std::span all(const_cast<const char **>(argv), static_cast<size_t>(argc));
     return run(all.subspan(argc > 0 ? 1 : 0));
-  } catch (const report_trouble &trouble) {
-    std::fprintf(stderr, "spoolcap-report: %s\n", trouble.what());
   } catch (const std::bad_alloc &) {
     std::fputs("spoolcap-report: Out of memory\n", stderr);
+  } catch (const std::exception &trouble) {
+    // It may hold words as they were typed.
+    std::fprintf(stderr, "spoolcap-report: %s\n",
+                 without_controls(valid_utf8(trouble.what())).c_str());
   }
   return REPORT_TROUBLE;
 }

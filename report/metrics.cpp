@@ -10,22 +10,16 @@
 
 namespace {
 
-constexpr std::int64_t default_users = 20;
+constexpr size_t default_users = 20;
 // Files that were written further apart are taken for the work of two refreshes.
 constexpr std::int64_t longest_pause = 60;
 
-struct {
-  char *top = nullptr;
-  int all = 0;
-  char *output = nullptr;
-} typed;
+int all_users = 0;
 
-const poptOption options[] = {
-    {"top", 'n', POPT_ARG_STRING, &typed.top, 0, "So many users, those that use the most; 20", "N"},
-    {"all", 'a', POPT_ARG_NONE, &typed.all, 0, "All users", nullptr},
-    {"output", 'o', POPT_ARG_STRING, &typed.output, 0, "Write to a file, whole or not at all",
-     "FILE"},
-    POPT_TABLEEND};
+const poptOption options[] = {top_row("So many users, those that use the most; 20"),
+                              {"all", 'a', POPT_ARG_NONE, &all_users, 0, "All users", nullptr},
+                              output_row,
+                              POPT_TABLEEND};
 
 // A label with its value: name="value".
 std::string label(const char *name, std::string_view value) {
@@ -147,12 +141,12 @@ void write_refresh(metrics_writer &out, const report_platform &platform) {
 
 report_status run(const std::vector<std::string> &words) {
   take_no_words(words);
-  constexpr std::int64_t most = std::numeric_limits<std::uint32_t>::max();
-  const auto top = number_option("--top", typed.top, 0, most);
-  if (top && typed.all != 0) throw report_trouble("--top and --all exclude each other");
+  const std::optional<size_t> top = typed_top(0);
+  if (top && all_users != 0) throw report_trouble("--top and --all exclude each other");
   const report_platform platform = collect();
-  const std::int64_t users = typed.all != 0 ? most : top.value_or(default_users);
-  const shown_accounts accounts = accounts_to_show(platform, static_cast<size_t>(users));
+  const size_t users =
+      all_users != 0 ? std::numeric_limits<size_t>::max() : top.value_or(default_users);
+  const shown_accounts accounts = accounts_to_show(platform, users);
   report_output file(typed.output);
   metrics_writer out(file.stream());
   out.begin("spoolcap_account_used_bytes", "Storage that an account and all below it use.");

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <functional>
+#include <limits>
 
 #include "report/command.h"
 
@@ -40,6 +41,19 @@ void take_words(const char *name, std::string_view list,
 
 }  // namespace
 
+report_format typed_format() {
+  const auto format = static_cast<report_format>(
+      choice_option("--format", typed.format, {"table", "json", "jsonl", "csv", "tsv"}, 0));
+  if (typed.human != 0 && format != report_format::table) {
+    throw report_trouble("--human is for tables only");
+  }
+  return format;
+}
+
+std::optional<size_t> typed_top(std::int64_t least) {
+  return number_option("--top", typed.top, least, std::numeric_limits<std::uint32_t>::max());
+}
+
 std::optional<std::int64_t> number_option(const char *name, const char *text, std::int64_t least,
                                           std::int64_t most) {
   if (text == nullptr) return std::nullopt;
@@ -63,10 +77,10 @@ size_t choice_option(const char *name, const char *text, std::initializer_list<c
   return static_cast<size_t>(found - words.begin());
 }
 
-kind_set kinds_option(const char *name, const char *text) {
-  if (text == nullptr) return set_of(QUOTA_ALL_KINDS);
+kind_set typed_kinds() {
+  if (typed.kind == nullptr) return set_of(QUOTA_ALL_KINDS);
   kind_set kinds = 0;
-  take_words(name, text, [&](std::string_view word) {
+  take_words("--kind", typed.kind, [&](std::string_view word) {
     for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
       if (word == media_kinds[kind].name) return kinds |= set_of(kind), true;
     }
@@ -75,10 +89,10 @@ kind_set kinds_option(const char *name, const char *text) {
   return kinds;
 }
 
-std::vector<int> levels_option(const char *name, const char *text) {
+std::vector<int> typed_levels() {
   std::vector<int> levels;
-  if (text == nullptr) return levels;
-  take_words(name, text, [&](std::string_view word) {
+  if (typed.level == nullptr) return levels;
+  take_words("--level", typed.level, [&](std::string_view word) {
     for (const auto &known : level_names) {
       if (word != known.name && word != std::to_string(known.level)) continue;
       levels.push_back(known.level);

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/base/view.h"
 #include "report/command.h"
 
 namespace {
@@ -31,7 +30,7 @@ bool is_kept_in_place(const std::string &path) {
 }
 
 bool is_standard_output(const char *path) {
-  return is_empty(path) || std::strcmp(path, "-") == 0 || std::strcmp(path, "/dev/stdout") == 0;
+  return path == nullptr || std::strcmp(path, "-") == 0 || std::strcmp(path, "/dev/stdout") == 0;
 }
 
 // The mode that a new file gets from this process.
@@ -55,6 +54,7 @@ void prepare_standard_streams() {
 
 report_output::report_output(const char *path) {
   if (is_standard_output(path)) return;
+  if (*path == '\0') throw report_trouble("The name of the file to write is empty");
   path_ = resolved(path);
   if (is_kept_in_place(path_)) {
     file_.reset(std::fopen(path_.c_str(), "we"));

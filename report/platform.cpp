@@ -6,15 +6,29 @@
 #include <cstdio>
 #include <limits>
 
+#include "platform/base/utf8.h"
+
 const char *name_of(figure_state state) {
   static constexpr const char *names[figure_states] = {"measured", "updated", "dirty",
                                                        "redo",     "missing", "unreadable"};
   return names[static_cast<size_t>(state)];
 }
 
+bool is_reported(std::int64_t level) {
+  return level == LEVEL_RESELLER || level == LEVEL_CLIENT || level == LEVEL_OWNER;
+}
+
+std::string_view keep_text(report_platform &platform, std::string_view text) {
+  const std::string valid = valid_utf8(text);
+  auto *const kept = static_cast<char *>(platform.texts->allocate(valid.size() + 1, 1));
+  std::copy(valid.begin(), valid.end(), kept);
+  return {kept, valid.size()};
+}
+
 std::int64_t sum_of(std::int64_t left, std::int64_t right) {
+  constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
   std::int64_t sum = 0;
-  return __builtin_add_overflow(left, right, &sum) ? std::numeric_limits<std::int64_t>::max() : sum;
+  return __builtin_add_overflow(left, right, &sum) ? (left < 0 ? -most : most) : sum;
 }
 
 std::int64_t total_of(const report_account &account, kind_set kinds) {

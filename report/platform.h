@@ -31,6 +31,9 @@ inline constexpr size_t figure_states = 6;
 
 const char *name_of(figure_state state);
 
+// Whether the report is about accounts of this level.
+bool is_reported(std::int64_t level);
+
 struct report_account {
   std::uint32_t id = 0;
   std::uint32_t parent = 0;  // as the database has it; 0 for none
@@ -54,7 +57,8 @@ void for_each_of(kind_set kinds, Visit visit) {
   }
 }
 
-// A sum of two figures that are known. Ends at the highest number there is.
+// A sum of two figures that are known, or of two growths. Ends at the highest number there is, and
+// at the lowest.
 std::int64_t sum_of(std::int64_t left, std::int64_t right);
 
 // What follows is about the kinds of a set.
@@ -101,6 +105,9 @@ struct report_platform {
   // levels at most.
   std::span<const std::uint32_t> children_of(std::uint32_t id) const;
 };
+
+// Keeps a login in the platform, as it has to be: U+FFFD stands for NUL and for what is no UTF-8.
+std::string_view keep_text(report_platform &platform, std::string_view text);
 
 // Reads accounts, limits and quota files. Throws report_trouble when the platform cannot be read.
 report_platform collect();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <utility>
 
 #include "report/command.h"
 #include "report/compressed.h"
@@ -14,7 +15,8 @@ constexpr std::int64_t known_version = 1;
 
 std::int64_t time_of(std::string_view iso) {
   tm parts = {};
-  const char *end = ::strptime(std::string(iso).c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  const std::string text(iso);
+  const char *end = ::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
   return end != nullptr && *end == '\0' ? ::timegm(&parts) : -1;
 }
 
@@ -30,7 +32,7 @@ report_account unknown_account() {
 }
 
 // The events of the parser. Members that it does not know are passed over, whatever they hold. A
-// false ends the parse.
+// false ends the parse: the document is no snapshot.
 class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, document_reader> {
  public:
   explicit document_reader(report_platform &platform) : platform_(platform) {
@@ -43,8 +45,9 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     return true;
   }
   bool EndObject(rapidjson::SizeType) {
+    const bool is_sound = !is_account() || (account().id != 0 && is_reported(account().level));
     --depth_;
-    return true;
+    return is_sound;
   }
   bool StartArray() {
     in_list_ = in_list_ || (arrays_ == 0 && depth_ == 1 && keys_[0] == "accounts");
@@ -64,10 +67,15 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   bool Int(int value) { return number(value); }
   bool Uint(unsigned value) { return number(value); }
   bool Int64(std::int64_t value) { return number(value); }
+  // What is above the numbers of 32 bits and not negative comes here.
+  bool Uint64(std::uint64_t value) {
+    return std::in_range<std::int64_t>(value) && number(static_cast<std::int64_t>(value));
+  }
   bool String(const char *text, rapidjson::SizeType size, bool) {
     const std::string_view value(text, size);
     if (arrays_ == 0 && depth_ == 1) return head_text(value);
-    if (in_accounts() && depth_ == 2 && keys_[1] == "name") account().login = kept(value);
+    if (in_accounts() && depth_ == 2 && keys_[1] == "name")
+      account().login = keep_text(platform_, value);
     if (in_accounts() && depth_ == 3 && keys_[1] == "states") set_state(value);
     return true;
   }
@@ -95,17 +103,27 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
       version_ = value;
       return value <= known_version;
     }
-    if (in_accounts() && depth_ == 2) set_member(value);
-    if (in_accounts() && depth_ == 3) set_figure(value);
+    if (in_accounts() && depth_ == 2) return set_member(value);
+    if (in_accounts() && depth_ == 3) return set_figure(value);
     return true;
   }
 
-  void set_member(std::int64_t value) {
-    if (keys_[1] == "id") account().id = static_cast<std::uint32_t>(value);
-    if (keys_[1] == "parent") account().parent = static_cast<std::uint32_t>(value);
-    if (keys_[1] == "level") account().level = static_cast<int>(value);
-    if (keys_[1] != "age") return;
-    std::fill_n(account().modified, QUOTA_ALL_KINDS, platform_.taken - value);
+  // Whether the number is one that the member can have.
+  template <class Number>
+  static bool set(Number &member, std::int64_t value) {
+    if (value < 0 || !std::in_range<Number>(value)) return false;
+    member = static_cast<Number>(value);
+    return true;
+  }
+
+  bool set_member(std::int64_t value) {
+    if (keys_[1] == "id") return set(account().id, value);
+    if (keys_[1] == "parent") return set(account().parent, value);
+    if (keys_[1] == "level") return set(account().level, value);
+    if (keys_[1] != "age") return true;
+    std::fill_n(account().modified, QUOTA_ALL_KINDS,
+                platform_.taken - std::max(value, std::int64_t{0}));
+    return value >= 0 && value <= platform_.taken;
   }
 
   // The place of the member's kind; QUOTA_ALL_KINDS for none that this version has.
@@ -116,12 +134,12 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     return static_cast<size_t>(found - std::begin(media_kinds));
   }
 
-  void set_figure(std::int64_t value) {
+  bool set_figure(std::int64_t value) {
     const size_t place = kind();
-    if (place == QUOTA_ALL_KINDS) return;
-    if (keys_[1] == "used") account().used[place] = value;
-    if (keys_[1] == "limit") account().limit[place] = value;
-    if (keys_[1] == "updates") account().updates[place] = static_cast<std::int32_t>(value);
+    if (place == QUOTA_ALL_KINDS) return true;
+    if (keys_[1] == "used") return set(account().used[place], value);
+    if (keys_[1] == "limit") return set(account().limit[place], value);
+    return keys_[1] != "updates" || set(account().updates[place], value);
   }
 
   void set_state(std::string_view name) {
@@ -132,11 +150,6 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
         account().states[place] = static_cast<figure_state>(state);
       }
     }
-  }
-
-  std::string_view kept(std::string_view text) {
-    char *copy = static_cast<char *>(platform_.texts->allocate(text.size() + 1, 1));
-    return {copy, text.copy(copy, text.size())};
   }
 
   report_platform &platform_;
@@ -163,5 +176,9 @@ report_platform read_snapshot(const std::string &path) {
   if (!read || !document.is_complete()) throw report_trouble(path + ": is no snapshot");
   std::sort(platform.accounts.begin(), platform.accounts.end(),
             [](const report_account &a, const report_account &b) { return a.id < b.id; });
+  const auto twice = std::adjacent_find(
+      platform.accounts.begin(), platform.accounts.end(),
+      [](const report_account &a, const report_account &b) { return a.id == b.id; });
+  if (twice != platform.accounts.end()) throw report_trouble(path + ": is no snapshot");
   return platform;
 }

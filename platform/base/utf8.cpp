@@ -1,6 +1,8 @@
 // Decodes UTF-8 strictly: no overlong forms, no surrogates, nothing above U+10FFFF.
 #include "platform/base/utf8.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr std::string_view replacement = "\xef\xbf\xbd";
@@ -39,9 +41,10 @@ std::string valid_utf8(std::string_view text) {
 }
 
 char32_t first_character(std::string_view text, size_t &length) {
-  length = character_length(text);
+  const size_t valid = character_length(text);
+  length = std::max<size_t>(valid, 1);
   static constexpr unsigned lead_bits[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
-  char32_t character = static_cast<unsigned char>(text[0]) & lead_bits[length];
+  char32_t character = static_cast<unsigned char>(text[0]) & lead_bits[valid];
   for (size_t i = 1; i < length; ++i) {
     character = (character << 6U) | (static_cast<unsigned char>(text[i]) & 0x3fU);
   }

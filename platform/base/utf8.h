@@ -11,7 +11,8 @@ std::string valid_utf8(std::string_view text);
 // Valid UTF-8 with "?" for each control character.
 std::string without_controls(std::string text);
 
-// The character that the text, which is valid, begins with; `length` takes its bytes.
+// The character that the text, which is not empty, begins with; `length` takes its bytes. NUL and a
+// byte that is not part of valid UTF-8 are each the character 0.
 char32_t first_character(std::string_view text, size_t &length);
 
 #endif

@@ -16,6 +16,12 @@ class Diff : public Report {
     return box.path(name);
   }
 
+  // A snapshot of midnight of this day, with these objects as its accounts.
+  std::string snapshot_of(const std::string &day, const std::string &accounts) {
+    return packed(day, R"({"format":"spoolcap-report","version":1,"taken":")" + day +
+                           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}");
+  }
+
   // A snapshot of the platform as it is, said to be of midnight of this day.
   std::string snapshot_of(const std::string &day) {
     std::string document = report({"list", "--format", "json"});
@@ -36,7 +42,8 @@ class Diff : public Report {
 TEST_F(Diff, SnapshotsHoldTheListAndAreReadBack) {
   const std::string path = box.path("snapshot");
   report({"snapshot", path});
-  EXPECT_EQ(report({"diff", path}), "change  growth  before  after  login  id  level  parent\n");
+  EXPECT_EQ(report({"diff", path}),
+            "change  growth  before  after  login  id  level  parent  age  state\n");
   const std::string content = box.read_file("snapshot").value();
   std::string document(1 << 20, '\0');
   document.resize(
@@ -54,6 +61,7 @@ TEST_F(Diff, SnapshotsHoldTheListAndAreReadBack) {
 TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
   box.add_owner(14, 2, "gil");
   write_quota("1/2/14/fax", "400.0");
+  stop_ages();
   const std::string old = snapshot_of("2026-01-01");
   box.sql("DELETE FROM client WHERE id = 14");
   box.add_owner(15, 2, "=hal");
@@ -65,24 +73,27 @@ TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
   write_quota("1/music", "1010.3");
   // A figure that is not known on one side is no growth.
   write_quota("1/2/fax", "broken");
-  EXPECT_EQ(report({"diff", old}),
-            "change  growth   before    after  login  id  level     parent\n"
-            "grew     +1000  1051745  1052745  ann     1  reseller  -\n"
-            "came       +70        -       70  =hal   15  user      2\n"
-            "moved      +30        0       30  dan    13  user      2 -> 4\n"
-            "came         0        -        -  ivy     4  client    3\n"
-            "shrank     -76  1051735  1051659  cid    12  user      2\n"
-            "went      -400      400        -  gil    14  user      2\n");
+  stop_ages();
+  EXPECT_EQ(
+      report({"diff", old}),
+      "change  growth   before    after  login  id  level     parent  age  state\n"
+      "grew     +1000  1051745  1052745  ann     1  reseller  -         0  measured -> updated\n"
+      "came       +70        -       70  =hal   15  user      2         0  missing\n"
+      "moved      +30        0       30  dan    13  user      2 -> 4    0  measured -> missing\n"
+      "came         0        -        -  ivy     4  client    3         -  missing\n"
+      "shrank     -76  1051735  1051659  cid    12  user      2         0  measured\n"
+      "went      -400      400        -  gil    14  user      2         0  missing\n");
   EXPECT_EQ(report({"diff", "--format", "csv", "--level", "user", "--kind", "fax,sound", old}),
             "change,id,name,level,parent_before,parent_after,growth,growth_fax,growth_sound,"
-            "total_before,total_after\r\n"
-            "came,15,'=hal,100,,2,70,,70,,70\r\n"
-            "moved,13,dan,100,2,4,30,30,,0,30\r\n"
-            "shrank,12,cid,100,2,2,-76,-76,0,1048676,1048600\r\n"
-            "went,14,gil,100,2,,-400,-400,,400,\r\n");
+            "total_before,total_after,state_before,state_after,age_before,age_after\r\n"
+            "came,15,'=hal,100,,2,70,,70,,70,,missing,,0\r\n"
+            "moved,13,dan,100,2,4,30,30,,0,30,measured,missing,0,0\r\n"
+            "shrank,12,cid,100,2,2,-76,-76,0,1048676,1048600,measured,measured,0,0\r\n"
+            "went,14,gil,100,2,,-400,-400,,400,,missing,,0,\r\n");
   EXPECT_EQ(report({"diff", "--top", "1", "--human", old, "now"}),
-            "change   growth   before    after  login  id  level     parent\n"
-            "grew    +1000 B  1.00 MB  1.00 MB  ann     1  reseller  -\n");
+            "change   growth   before    after  login  id  level     parent  age  state\n"
+            "grew    +1000 B  1.00 MB  1.00 MB  ann     1  reseller  -       0 s  measured -> "
+            "updated\n");
   const rapidjson::Document document = json({"diff", "--format", "json", "--top", "3", old});
   EXPECT_TRUE(follows(document, "diff.schema.json"));
   EXPECT_STREQ(document["from"].GetString(), "2026-01-01T00:00:00Z");
@@ -101,6 +112,7 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
     write_quota("1/2/fax", std::to_string(bob) + ".0");
     write_quota("1/2/12/fax", std::to_string(cid) + ".0");
     write_quota("1/2/13/fax", std::to_string(dan) + ".0");
+    stop_ages();
   };
   std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax"};
   set(100, 500, 500, 10);
@@ -112,13 +124,45 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
   // Of ann, the line is 200 + 95 a day around the second day, and 1,024 is its height on the tenth.
   EXPECT_EQ(report(arguments),
             "change,id,name,level,parent_before,parent_after,growth,growth_fax,total_before,"
-            "total_after,outlook,limit_day,limit_kind\r\n"
-            "grew,12,cid,100,2,2,600,600,500,1100,reached,,fax\r\n"
-            "grew,1,ann,10,,,190,190,100,290,day,2026-01-10,fax\r\n"
-            "grew,13,dan,100,2,2,1,1,10,11,day,2031-07-22,fax\r\n"
-            "shrank,2,bob,50,1,1,-200,-200,500,300,does not grow,,\r\n");
+            "total_after,state_before,state_after,age_before,age_after,outlook,limit_day,limit_kind"
+            "\r\n"
+            "grew,12,cid,100,2,2,600,600,500,1100,measured,measured,0,0,reached,,fax\r\n"
+            "grew,1,ann,10,,,190,190,100,290,measured,measured,0,0,day,2026-01-10,fax\r\n"
+            "grew,13,dan,100,2,2,1,1,10,11,measured,measured,0,0,day,2031-07-22,fax\r\n"
+            "shrank,2,bob,50,1,1,-200,-200,500,300,measured,measured,0,0,does not grow,,\r\n");
   arguments[2] = "json";
   EXPECT_TRUE(follows(json(arguments), "diff.schema.json"));
+}
+
+// JSON readers hand out numbers by their size: beyond 32 bits, and beyond what a double holds.
+TEST_F(Diff, KeepsLargeFiguresToTheByte) {
+  std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax,sound"};
+  for (std::int64_t day = 1; day <= 3; ++day) {
+    const std::string fax = std::to_string(day * 4294967296);
+    const std::string sound = std::to_string(9007199254740992 + day);
+    arguments.push_back(snapshot_of(
+        "2026-01-0" + std::to_string(day),
+        R"({"id":1,"level":10,"name":"ann","limit":{"fax":1101659111424},"used":{"fax":)" + fax +
+            R"(,"sound":)" + sound +
+            R"(},"states":{"fax":"measured","sound":"measured"},"age":0})"));
+  }
+  const std::string changes = report(arguments);
+  EXPECT_EQ(changes.substr(changes.find('\n') + 1),
+            "grew,1,ann,10,,,8589934594,8589934592,2,9007203549708289,9007212139642883,"
+            "measured,measured,0,0,day,2026-09-13,fax\r\n");
+}
+
+TEST_F(Diff, ShowsLoginsOfASnapshotThatDisturb) {
+  const std::string none = snapshot_of("2026-01-01", "");
+  const std::string one =
+      snapshot_of("2026-01-02", R"({"id":1,"level":10,"name":"=\u0000\u202e\n","used":{"fax":7}})");
+  EXPECT_EQ(
+      report({"diff", "--kind", "fax", none, one}),
+      "change  growth  before  after  login               id  level     parent  age  state\n"
+      "came        +7       -      7  =\ufffd\\xe2\\x80\\xae\\x0a   1  reseller  -         -  "
+      "missing\n");
+  const std::string lines = report({"diff", "--format", "csv", none, one});
+  EXPECT_NE(lines.find(",\"'=\ufffd\u202e\n\","), lines.npos);
 }
 
 TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
