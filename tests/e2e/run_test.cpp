@@ -33,7 +33,7 @@ class Run : public testing::Test {
     return box.read_file(box.quota_path(place_and_kind)).value_or("missing");
   }
 
-  support::sandbox box;
+  support::sandbox box{{.guides = {"administrator.md"}}};
 };
 
 TEST_F(Run, SetWritesTheWholeTree) {
