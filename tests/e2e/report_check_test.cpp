@@ -34,7 +34,8 @@ class Check : public Report {
 TEST_F(Check, ACleanPlatformHasNoFindings) {
   EXPECT_EQ(findings({"--deep"}), texts{});
   EXPECT_EQ(report({"check", "--deep"}), "0 findings\n");
-  box.write_file("etc/quorvex/pbx.conf", "DB_CREDENTIALS main:nobody:wrong:" + box.database() + "\n");
+  box.write_file("etc/quorvex/pbx.conf",
+                 "DB_CREDENTIALS main:nobody:wrong:" + box.database() + "\n");
   EXPECT_EQ(box.run_report({"check"}).status, 2) << "no database, no verdict";
 }
 
