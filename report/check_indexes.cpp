@@ -68,8 +68,15 @@ void check_indexes(findings_writer &out) {
   const indexes found = indexes_of_database();
   for (const auto &[table, wanted] : needed) {
     if (is_served(found, table, wanted)) continue;
-    std::string text = std::string(table) + " (";
-    for (const std::string &column : wanted) text += (column == wanted[0] ? "" : ", ") + column;
-    out.add({.name = "index_missing", .where = text + ")"});
+    std::string name = "by";
+    std::string place = std::string(table) + " (";
+    for (const std::string &column : wanted) {
+      name += "_" + column;
+      place += (column == wanted[0] ? "" : ", ") + column;
+    }
+    place += ")";
+    out.add({.name = "index_missing",
+             .where = place,
+             .statement = "CREATE INDEX " + name + " ON " + place + ";"});
   }
 }

@@ -47,6 +47,7 @@ void findings_writer::add_text(const finding &one) {
   add_number("expected", one.expected);
   add_number("age", one.age);
   if (!one.where.empty()) line += " in " + shown_login(one.where);
+  if (!one.statement.empty()) line += ": " + one.statement;
   line += '\n';
   std::fwrite(line.data(), 1, line.size(), stream_);
 }
@@ -62,7 +63,11 @@ void findings_writer::add_json(const finding &one) {
   write_member(json, "found", one.found.value_or(-1));
   write_member(json, "expected", one.expected.value_or(-1));
   write_member(json, "age", one.age.value_or(-1));
-  write_member(json, "where", one.where.empty() ? std::string_view() : std::string_view(one.where));
+  const auto write_text = [&](const char *name, const std::string &text) {
+    write_member(json, name, text.empty() ? std::string_view() : std::string_view(text));
+  };
+  write_text("where", one.where);
+  write_text("statement", one.statement);
   json.EndObject();
   json_->out.Put('\n');
 }

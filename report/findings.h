@@ -16,7 +16,8 @@ struct finding {
   std::optional<std::int64_t> found = {};
   std::optional<std::int64_t> expected = {};
   std::optional<std::int64_t> age = {};  // seconds
-  std::string where = {};                // a path, a row or a table
+  std::string where = {};                // a path, a row or an index
+  std::string statement = {};            // SQL that mends it
 };
 
 class findings_writer {

@@ -22,7 +22,7 @@ class Library : public testing::Test {
                                                  {"FLAGS", SPOOLCAP_C_FLAGS}}});
   }
 
-  support::sandbox box;
+  support::sandbox box{{.guides = {"administrator.md", "report.md"}}};
 };
 
 TEST_F(Library, ExportsWhatItsHeadersDeclare) {

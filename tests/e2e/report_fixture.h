@@ -70,7 +70,7 @@ class Report : public testing::Test {
     box.write_file(box.quota_path(place_and_kind), text);
   }
 
-  support::sandbox box;
+  support::sandbox box{{.guides = {"administrator.md", "report.md"}}};
 };
 
 #endif

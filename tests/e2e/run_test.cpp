@@ -1,6 +1,9 @@
 // Whole runs on a real platform: which accounts a run is about, what it writes and what it prints.
 #include <gtest/gtest.h>
 
+#include <map>
+#include <regex>
+
 #include "tests/support/paths_sandbox.h"
 #include "tests/support/sandbox.h"
 
@@ -32,8 +35,31 @@ class Run : public testing::Test {
   std::string quota(const std::string &place_and_kind) const {
     return box.read_file(box.quota_path(place_and_kind)).value_or("missing");
   }
+  // What a run logs at notice priority, with a word for its seconds.
+  std::string noticed(const std::string &arguments) {
+    const std::string log = box.path("log");
+    std::filesystem::remove(log);
+    shell(std::string("export ") + support::log_variable + "=" + log + "; $spoolcap " + arguments);
+    const std::string notices = shell("grep '^5 ' " + log).out;
+    return std::regex_replace(notices, std::regex("[0-9]+\\.[0-9] s\n"), "SECONDS\n");
+  }
+  // Runs at the same time, and then all that is in the quota root.
+  std::map<std::string, std::string> tree_after(const std::vector<std::string> &targets) const {
+    std::vector<std::unique_ptr<support::background_process>> runs;
+    for (const std::string &target : targets) {
+      runs.push_back(box.start_spoolcap({"-A", "set", "-q", "-f", target}));
+    }
+    for (const auto &run : runs) EXPECT_EQ(run->wait(std::chrono::seconds(60)).value().status, 0);
+    std::map<std::string, std::string> files;
+    const std::filesystem::path root = box.path("var/lib/quorvexquota");
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
+      const std::string name = std::filesystem::relative(entry.path(), box.root());
+      if (entry.is_regular_file()) files[name] = box.read_file(name).value();
+    }
+    return files;
+  }
 
-  support::sandbox box;
+  support::sandbox box{{.guides = {"administrator.md"}}};
 };
 
 TEST_F(Run, SetWritesTheWholeTree) {
@@ -175,6 +201,45 @@ TEST_F(Run, OnlyForceRewritesCleanFiles) {
   EXPECT_EQ(quota("1/2/12/fax"), "5.7");
   box.run_spoolcap({"-A", "set", "-a", "-q", "--force"});
   EXPECT_EQ(quota("1/2/12/fax"), "1048576.0");
+}
+
+TEST_F(Run, RunsSideBySideWriteWhatOneRunWrites) {
+  for (const int reseller : {20, 30}) {
+    box.add_reseller(reseller, "reseller" + std::to_string(reseller));
+    box.add_client(reseller + 1, reseller, "client" + std::to_string(reseller));
+    for (int id = 100 * reseller; id < 100 * reseller + 40; ++id) {
+      box.add_owner(id, reseller + 1, "owner" + std::to_string(id));
+      box.add_extension(id, id, std::to_string(id));
+      box.add_fax(id, id);
+      box.write_file(box.music_folder(std::to_string(id)) + "/song.mp3", id % 50);
+    }
+  }
+  const auto one_run = tree_after({"--all"});
+  EXPECT_EQ(one_run.size(), 88U * 5);
+  EXPECT_EQ(quota("20/fax"), "80780.0");
+  // Figures that no run may keep, below and at the top.
+  for (const char *place : {"20/21/2003/fax", "20/fax", "30/31/music", "1/2/sound"}) {
+    box.write_file(box.quota_path(place), "5.7");
+  }
+  EXPECT_EQ(tree_after({"--all", "--all"}), one_run) << "they overlap";
+  std::filesystem::remove_all(box.path("var/lib/quorvexquota"));
+  EXPECT_EQ(tree_after({"--uid=1", "--uid=20", "--uid=30"}), one_run) << "one per reseller";
+}
+
+TEST_F(Run, EndsWithOneNotice) {
+  const std::string most = "fax 1048576, sound 100, recording 2036, voicemail 1023, music ";
+  const std::string bytes = most + "10 bytes; SECONDS\n";
+  EXPECT_EQ(noticed("-A set -a -q"), "5 set: 4 accounts refreshed, 0 failed, 0 skipped; " + bytes);
+  EXPECT_EQ(noticed("-A show -a"), "5 show: 0 accounts refreshed, 0 failed, 0 skipped; " + bytes);
+  box.add_owner(13, 99, "eve");  // whose parent is in no table
+  std::filesystem::rename(box.path("var/lib/quorvexquota/1/2/12345"), box.path("12345"));
+  std::filesystem::create_symlink(box.path("12345"), box.path("var/lib/quorvexquota/1/2/12345"));
+  std::filesystem::permissions(box.path("var/lib/quorvexquota/1/2"), std::filesystem::perms(0770));
+  EXPECT_EQ(noticed("-A set -q -u 12,13,12345"),
+            "5 set: 1 accounts refreshed, 1 failed, 1 skipped; " + most + "0 bytes; SECONDS\n");
+  EXPECT_EQ(noticed("-A show -u 99"),
+            "5 show: 0 accounts refreshed, 0 failed, 0 skipped; "
+            "fax 0, sound 0, recording 0, voicemail 0, music 0 bytes; SECONDS\n");
 }
 
 TEST_F(Run, FailedRefreshesShowInTheStatus) {

@@ -13,6 +13,7 @@ using support::seconds_of;
 using line = std::vector<std::string>;
 
 const line set_all = {"-A", "set", "-a", "--force"};
+const line guides = {"administrator.md"};
 
 void fill(support::sandbox &box, int owners) {
   box.add_reseller(1, "ann");
@@ -30,7 +31,7 @@ std::string total(const support::sandbox &box) {
 
 TEST(CacheTrouble, CostsTimeAtMost) {
   support::redis_server cache;
-  support::sandbox box({.cache = &cache});
+  support::sandbox box({.cache = &cache, .guides = guides});
   fill(box, 20);
   const support::process_result healthy = box.run_spoolcap(set_all);
   ASSERT_EQ(healthy.status, 0);
@@ -55,7 +56,7 @@ TEST(CacheTrouble, CostsTimeAtMost) {
 
 TEST(DatabaseTrouble, AServerKilledInTheMiddleIsHealedByTheNextRun) {
   support::mariadb_server server;
-  support::sandbox box({.database = &server});
+  support::sandbox box({.database = &server, .guides = guides});
   box.sql("SET GLOBAL innodb_flush_log_at_trx_commit = 2");  // what was committed survives the kill
   fill(box, 300);
   ASSERT_EQ(box.run_spoolcap(set_all).status, 0);
@@ -77,16 +78,17 @@ TEST(DatabaseTrouble, AServerKilledInTheMiddleIsHealedByTheNextRun) {
 
 TEST(DatabaseTrouble, AHangingServerCostsTheConnectTimeout) {
   support::mariadb_server server;
-  support::sandbox box({.database = &server});
+  support::sandbox box({.database = &server, .guides = guides});
   server.pause();
   support::process_result result;
   EXPECT_LT(seconds_of([&] { result = box.run_spoolcap({"-A", "show", "-a"}); }), 6);
   EXPECT_EQ(result.out + result.err, "None of the requested users found in database.\n");
   EXPECT_EQ(result.status, 10) << "as without any target";
+  server.resume();  // the sandbox takes its database away
 }
 
 TEST(DiskTrouble, OneAccountInTheWayLeavesTheOthers) {
-  support::sandbox box;
+  support::sandbox box({.guides = guides});
   fill(box, 2);
   box.write_file("var/lib/quorvexquota/1/2/100", "a file where a directory should be");
   std::filesystem::create_directories(box.quota_path("1/2/101/sound"));

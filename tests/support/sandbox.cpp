@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 
 #include "tests/support/paths_sandbox.h"
@@ -32,6 +34,7 @@ sandbox::~sandbox() {
   // A server that a test broke for good takes its content along.
   try {
     if (sql_) sql("DROP DATABASE " + database_);
+    if (user_ != database_user) sql("DROP USER " + user_ + "@localhost");
     if (redis_) redis({"FLUSHDB"});
   } catch (const std::exception &) {
   }
@@ -56,6 +59,21 @@ void sandbox::make_database(const sandbox_options &options) {
   sql("CREATE DATABASE " + database_ + " DEFAULT CHARACTER SET utf8mb4");
   sql("USE " + database_);
   sql(text_of(SPOOLCAP_SUPPORT_SOURCE "/schema.sql"));
+  if (!options.guides.empty()) make_user(options.guides);
+}
+
+// The statements as an administrator copies them, but for the names of the user and the database.
+void sandbox::make_user(const std::vector<std::string> &guides) {
+  user_ = database_;
+  const std::regex user("'spoolcap'@'localhost'"), database(" demo\\.");
+  for (const std::string &guide : guides) {
+    std::istringstream lines(text_of(SPOOLCAP_SUPPORT_SOURCE "/../../docs/" + guide));
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.starts_with("    CREATE USER ") && !line.starts_with("    GRANT ")) continue;
+      line = std::regex_replace(line, user, "'" + user_ + "'@'localhost'");
+      sql(std::regex_replace(line, database, " " + database_ + "."));
+    }
+  }
 }
 
 void sandbox::make_cache_database(const sandbox_options &options) {
@@ -87,8 +105,8 @@ void sandbox::write_configuration(const sandbox_options &options) {
                                          "\nastlibdir => " + path("var/lib/asterisk") +
                                          "\nastvarlibdir => " + path("var/lib/asterisk") + "\n"}};
   if (options.use_database) {
-    files["etc/quorvex/pbx.conf"] += std::string("DB_CREDENTIALS main:") + database_user + ":" +
-                                     database_password + ":" + database_ + "\n";
+    files["etc/quorvex/pbx.conf"] +=
+        "DB_CREDENTIALS main:" + user_ + ":" + database_password + ":" + database_ + "\n";
     files["etc/quorvex/sqldbase.conf"] += "DB_MASTER main:" + mariadb_socket_ + ":3306\n";
   }
   if (options.use_cache) {

@@ -24,6 +24,8 @@ struct sandbox_options {
   bool use_cache = true;
   mariadb_server *database = nullptr;  // a server of the test's own instead of the shared one
   redis_server *cache = nullptr;
+  // Guides in docs/: the code under test connects as the user that they make, with no other rights.
+  std::vector<std::string> guides = {};  // none: a user with all rights
 };
 
 using sql_row = std::vector<std::optional<std::string>>;  // nullopt is NULL
@@ -93,6 +95,7 @@ class sandbox {
 
  private:
   void make_database(const sandbox_options &options);
+  void make_user(const std::vector<std::string> &guides);
   void make_cache_database(const sandbox_options &options);
   void write_configuration(const sandbox_options &options);
   void add_stored_file(const std::string &table, int extension, std::int64_t size);
@@ -103,6 +106,7 @@ class sandbox {
   private_folder folder_;
   std::string mariadb_socket_, redis_socket_, redis_password_;
   std::string database_;
+  std::string user_ = database_user;  // of the code under test
   int cache_database_ = 0;
   mysql_handle sql_;
   vk_context redis_;
