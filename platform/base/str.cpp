@@ -15,6 +15,7 @@
 char *fr_str_trim(char *text, int mode) {
   if (text == nullptr) return nullptr;
   size_t length = std::strlen(text);
+  // The end goes first, so that the move below has fewer bytes to carry.
   if ((mode & FR_TRIM_END) != 0) {
     while (length > 0 && is_space(text[length - 1])) --length;
     text[length] = '\0';
@@ -44,6 +45,7 @@ char **fr_explode(const char *text, char separator, size_t *count) {
 }
 
 void fr_explode_free(char **fields) {
+  // The list was made by fr_explode, or has the same shape: strings, then NULL.
   const text_array freed = text_array::of_list(fields);
 }
 
@@ -61,6 +63,7 @@ char *fr_implode(char *const *fields, size_t first, size_t last, char separator)
     end = ::stpcpy(end, fields[i]);
     *end++ = separator;
   }
+  // The separator behind the last field becomes the end; `first <= last` makes sure of one field.
   end[-1] = '\0';
   return joined;
 }
