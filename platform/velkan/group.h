@@ -18,12 +18,14 @@
 #include "platform/velkan/connection.h"
 #include "platform/velkan/velkan.h"
 
+// The allocator of what callers free; the client's own memory comes from new.
 struct vk_mm {
   void *(*allocate)(size_t);
   void *(*allocate_cleared)(size_t, size_t);
   void (*release)(void *);
 };
 
+// A server of the group in the order of the configuration; the first master found is used.
 struct vk_server {
   std::string host;
   int port;
@@ -44,11 +46,14 @@ struct vk_state {
   unsigned log_mask = 0;
   std::vector<vk_server> servers;
   std::map<int, std::string> keys;  // by database
+  // Taken at the next connect; an open connection keeps the one it has.
   int database = 0;
   bool is_patient = false;
 
+  // At most one, to the master. Empty before the first command and after a failure.
   std::optional<vk_connection> connection;
   long connected_by = 0;  // process generation
+  // Commands before this moment fail at once and ask nobody.
   vk_clock::time_point paused_until;
 };
 
