@@ -132,9 +132,13 @@ std::vector<parked_member> backoff_table::parked(size_t most) const {
   return members;
 }
 
-size_t backoff_table::waiting() const {
+size_t backoff_table::parked_count() const {
   return static_cast<size_t>(std::ranges::count_if(
-      entries_, [](const auto &one) { return one.second.end != job_end::parked; }));
+      entries_, [](const auto &one) { return one.second.end == job_end::parked; }));
+}
+
+size_t backoff_table::waiting() const {
+  return entries_.size() - parked_count();
 }
 
 void backoff_table::hurry_all(double now) {

@@ -35,6 +35,7 @@ class backoff_table {
   double next_due(queue_kind kind) const;  // seconds since the epoch; 0 for none
   // Those that a person must mend, oldest first.
   std::vector<parked_member> parked(size_t most) const;
+  size_t parked_count() const;
   size_t waiting() const;  // how many others there are
   // All that may be mended by now are due.
   void hurry_all(double now);

@@ -4,15 +4,20 @@
 
 #include <rapidjson/document.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
+#include <thread>
 
 #include "platform/base/deadline.h"
 #include "transfer/status.h"
 
 namespace {
 
-constexpr timespec between_looks{.tv_sec = 0, .tv_nsec = 500'000'000};
+// To count a long queue takes the DisDB a while: so many times as long passes between two looks.
+constexpr int share_of_looks = 10;
+constexpr std::chrono::nanoseconds shortest_between_looks = std::chrono::milliseconds(500);
+constexpr std::chrono::nanoseconds longest_between_looks = std::chrono::seconds(5);
 
 int tell(const std::string &error) {
   std::fprintf(stderr, "spoolcap-transfer: %s\n", error.c_str());
@@ -43,11 +48,14 @@ int drain(const std::string &socket_path, std::optional<int> seconds) {
   const deadline limit(static_cast<float>(seconds.value_or(0)));
   std::string told;
   for (;;) {
+    const auto start = std::chrono::steady_clock::now();
     const status_answer answer = ask_status(socket_path);
+    const std::chrono::nanoseconds asked = std::chrono::steady_clock::now() - start;
     if (answer.json && is_idle(*answer.json)) return 0;
     if (answer.error != told && !answer.error.empty()) tell(answer.error + "; waiting for it");
     told = answer.error;
     if (seconds && limit.passed()) return tell("the time is over, and not all is done");
-    ::nanosleep(&between_looks, nullptr);
+    std::this_thread::sleep_for(
+        std::clamp(asked * share_of_looks, shortest_between_looks, longest_between_looks));
   }
 }

@@ -29,10 +29,11 @@ std::chrono::steady_clock::time_point moment_of(double time) {
 
 }  // namespace
 
-void work_feeder::configure(int look_interval, int unclear_window) {
+void work_feeder::configure(const worker_settings &settings) {
   const std::lock_guard guard(lock_);
-  interval_ = std::chrono::seconds(std::max(look_interval, 1));
-  window_ = unclear_window;
+  interval_ = std::chrono::seconds(std::max(settings.look_interval, 1));
+  window_ = settings.unclear_window;
+  deletions_kept_ = settings.deletions_kept;
   aside_.hurry_all(qx_get_tstamp());
   look_again(uploads_, 0s);
   look_again(deletes_, 0s);
@@ -104,6 +105,11 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
 std::vector<parked_member> work_feeder::parked(size_t most) const {
   const std::lock_guard guard(lock_);
   return aside_.parked(most);
+}
+
+size_t work_feeder::parked_count() const {
+  const std::lock_guard guard(lock_);
+  return aside_.parked_count();
 }
 
 size_t work_feeder::waiting() const {
@@ -233,10 +239,10 @@ void work_feeder::keep_house(std::unique_lock<std::mutex> &guard) {
   const auto now = clock::now();
   const bool renew = renew_at_ <= now, trim = trim_at_ <= now;
   if (!renew && !trim) return;
-  const int window = window_;
+  const int window = window_, deletions_kept = deletions_kept_;
   guard.unlock();
   if (renew) context_.queue.renew_claims();
-  if (trim) context_.queue.trim(window);
+  if (trim) context_.queue.trim(window, deletions_kept);
   guard.lock();
   if (renew) renew_at_ = now + renew_every;
   if (trim) trim_at_ = now + trim_every;

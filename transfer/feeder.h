@@ -25,7 +25,7 @@ class work_feeder {
   work_feeder &operator=(const work_feeder &) = delete;
 
   // Also makes all members due that were put aside.
-  void configure(int look_interval, int unclear_window);
+  void configure(const worker_settings &settings);
   void wake();
   void stop();
   void run();  // the body of the feeder's thread
@@ -35,6 +35,7 @@ class work_feeder {
   void ended(const work_item &item, const job_result &result);
 
   std::vector<parked_member> parked(size_t most) const;
+  size_t parked_count() const;
   size_t waiting() const;   // members that failed, and are tried again soon
   bool is_working() const;  // members are ready, or are worked on
 
@@ -79,6 +80,7 @@ class work_feeder {
   bool has_event_ = false;
   std::chrono::seconds interval_{120};
   int window_ = 3600;
+  int deletions_kept_ = 0;
   lane uploads_{.kind = queue_kind::uploads}, deletes_{.kind = queue_kind::deletes};
   backoff_table aside_;
   bool is_blocked_ = false;  // a member waits for a location that rests

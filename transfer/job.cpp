@@ -12,7 +12,8 @@ namespace {
 
 // Within it two nodes cannot tell which came first.
 constexpr double clock_error = 1;
-// A host removes its file only after the deletion was queued; so long afterwards it has.
+// A host removes its file after the deletion was queued. Another host may wake the service, or
+// another node be faster, before it has; so long afterwards it has, or was killed.
 constexpr double host_takes = 2;
 
 }  // namespace
@@ -82,10 +83,8 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
   if (failure && is_younger(context, settings, failure, key, deleted_at)) {
     const bool is_later = queue_entry{"", failure.metadata["queued"]}.queued_at() > deleted_at;
-    if (is_later || qx_get_tstamp() - deleted_at > host_takes) return object_end::kept;
-    failure.outcome = s3_outcome::busy;
-    failure.text = "the host that deletes it may not have removed its file yet";
-    return object_end::failed;
+    const bool is_decided = is_later || qx_get_tstamp() - deleted_at > host_takes;
+    return is_decided ? object_end::kept : object_end::early;
   }
   // Also for what is not there: only this answer tells a missing object from a missing bucket.
   failure = call_store(context, location, uncertain, [&] { return client.remove(key); });

@@ -21,7 +21,7 @@ enum class job_end {
   renewed,  // the member is there with another score
   held,     // not begun, as the location rests
   down,     // the DisDB does not answer
-  claimed,  // another job works on the key; soon again
+  claimed,  // another job, or the host that deletes, works on the key; soon again
   retry,    // failed; soon again
   parked,   // failed in a way that trying again cannot mend soon
   waiting   // done, and to be done again when the time of unclear ends is over
@@ -88,8 +88,11 @@ bool is_younger(const job_context &context, const worker_settings &settings, con
 enum class object_end {
   removed,  // or it was not there
   kept,     // an upload that is no older brought it
+  early,    // the host that deletes may not have removed its file yet: to be asked again soon
   failed
 };
+
+inline constexpr const char *early_text = "the host that deletes it may not have removed its file";
 
 // Removes an object unless it is younger than its deletion. `failure` is set after `failed`.
 object_end remove_older(const job_context &context, const worker_settings &settings,

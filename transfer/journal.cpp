@@ -21,7 +21,7 @@ void state_journal::tell(const service_report &report) {
            "The cache server may throw queues away (maxmemory-policy %s): set it to noeviction.",
            policy_.c_str());
   }
-  const std::size_t parked = report.parked.size();
+  const std::size_t parked = report.parked_count;
   // A number that goes up and down is no news, one that doubles is.
   if (parked == 0 && std::exchange(parked_, 0) != 0) {
     QX_LOG(FR_LOG_NOTICE, "No queue member is parked any more.");

@@ -96,7 +96,7 @@ std::string metrics_text(const service_report &report) {
   std::string text;
   gauge(text, "start_time_seconds", "When the service started.", report.started);
   gauge(text, "parked", "Queue members that cannot be worked off for now.",
-        static_cast<double>(report.parked.size()));
+        static_cast<double>(report.parked_count));
   gauge(text, "waiting", "Queue members that failed, and are tried again soon.",
         static_cast<double>(report.waiting));
   put_queue(text, report);

@@ -17,7 +17,6 @@ constexpr long most_in_page = 1000;
 constexpr std::string_view claim_milliseconds = "60000";
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
-constexpr double deletions_kept = 7 * 86'400.0;  // seconds
 
 const queue_script page_script(std::string(is_of_text) + page_text);
 const queue_script begin_upload_script(begin_upload_text);
@@ -270,7 +269,7 @@ void transfer_queue::renew_claims() {
   }
 }
 
-void transfer_queue::trim(int window) {
+void transfer_queue::trim(int window, int deletions_kept) {
   run_state(trim_script, {upload_queue, deletions, unclear_ends},
             {queue_number(now() - deletions_kept), queue_number(now() - window)});
 }

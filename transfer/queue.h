@@ -121,9 +121,9 @@ class transfer_queue {
 
   // Keeps the claims of all running jobs for another minute. To be called every 15 seconds.
   void renew_claims();
-  // Forgets deletions that no upload can meet any more, and unclear ends older than `window`
-  // seconds. To be called now and then.
-  void trim(int window);
+  // Forgets deletions older than `deletions_kept` seconds that no upload can meet any more, and
+  // unclear ends older than `window` seconds. To be called now and then.
+  void trim(int window, int deletions_kept);
 
   std::optional<queue_summary> summary();
   // Whether an upload of this key waits, by the text that its row has: "<location>@<node>".

@@ -36,6 +36,8 @@ class delete_job {
         return end(context_.queue.end_delete(entry_, member_, settings_.unclear_window));
       case object_end::kept:
         return end(context_.queue.drop_delete(entry_, member_));
+      case object_end::early:
+        return leave({job_end::claimed, early_text});
       default:
         return leave(std::move(failure_));
     }

@@ -1,6 +1,8 @@
 // Builds the parts of the service, and starts and stops them in their order.
 #include "transfer/service.h"
 
+#include <algorithm>
+
 #include <spoolcap/zarn_str.h>
 #include <spoolcap/zarn_velkan.h>
 #include "platform/base/diagnostics.h"
@@ -11,11 +13,19 @@
 
 namespace {
 
+// A cached file that nobody used expires before its deletion is forgotten, also on a node that was
+// off for as long.
+int keeping_of_deletions(int cache_expire) {
+  constexpr int least_days = 7, days_more = 2;
+  return std::max(least_days * 24, cache_expire + days_more * 24) * 3600;
+}
+
 worker_settings for_workers(const service_settings &settings) {
   return {.config = settings.config,
           .cache = settings.cache,
           .look_interval = settings.upload_interval,
-          .unclear_window = settings.trash_expire * 3600};
+          .unclear_window = settings.trash_expire * 3600,
+          .deletions_kept = keeping_of_deletions(settings.cache_expire)};
 }
 
 keeper_settings for_keeper(const service_settings &settings) {
@@ -67,10 +77,11 @@ service_report transfer_service::parts::report() {
   report.started = started;
   report.now = qx_get_tstamp();
   report.queue = queue.summary();
-  report.idle = report.queue && report.queue->uploads == 0 && workers.idle();
+  report.idle = report.queue && workers.idle(*report.queue);
   if (report.queue) report.dangerous_policy = queue.dangerous_policy().value_or("");
   report.running = state.running();
   report.parked = workers.parked();
+  report.parked_count = workers.parked_count();
   report.waiting = workers.waiting();
   report.locations = locations.report();
   report.cache = keeper.report();

@@ -131,6 +131,7 @@ std::string status_json(const service_report &report) {
   put(json, "idle", report.idle);
   put_queue(json, report);
   put_lists(json, report);
+  put(json, "parked_count", static_cast<std::int64_t>(report.parked_count));
   put(json, "waiting", static_cast<std::int64_t>(report.waiting));
   put_cache(json, report.cache);
   put_counters(json, report);
@@ -147,7 +148,7 @@ std::string status_line(const service_report &report) {
     line = "the cache server does not answer";
   }
   line += ", " + std::to_string(report.running.size()) + " running, " +
-          std::to_string(report.parked.size()) + " parked";
+          std::to_string(report.parked_count) + " parked";
   for (const location_report &location : report.locations) {
     if (location.state != "up") line += "; " + location.name + " " + location.state;
   }

@@ -22,8 +22,9 @@ struct service_report {
   std::optional<queue_summary> queue;  // nothing when the DisDB does not answer
   std::string dangerous_policy;        // of the DisDB; empty when it is none
   std::vector<running_job> running;
-  std::vector<parked_member> parked;
-  std::size_t waiting = 0;  // members that failed, and are tried again soon
+  std::vector<parked_member> parked;  // the oldest of them
+  std::size_t parked_count = 0;       // of all
+  std::size_t waiting = 0;            // members that failed, and are tried again soon
   std::vector<location_report> locations;
   keeper_report cache;
   const transfer_counters *counters = nullptr;  // of the running service

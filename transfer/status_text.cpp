@@ -113,7 +113,8 @@ std::string running(const Value &list, double now) {
   return shown;
 }
 
-std::string parked(const Value &list, double now) {
+std::string parked(const Value &state, double now) {
+  const Value &list = member(state, "parked");
   if (!list.IsArray() || list.Empty()) return "Parked\n  nothing\n";
   std::string shown = "Parked\n";
   for (const Value &entry : list.GetArray()) {
@@ -121,6 +122,8 @@ std::string parked(const Value &list, double now) {
              duration(now - number(entry, "since")) + ", tries: " + count(entry, "tries") +
              ", next in " + duration(number(entry, "retry_at") - now) + ")\n";
   }
+  const std::int64_t others = whole(state, "parked_count") - std::int64_t{list.Size()};
+  if (others > 0) shown += "  and " + std::to_string(others) + " more, parked later\n";
   return shown;
 }
 
@@ -174,6 +177,6 @@ std::optional<std::string> status_for_people(std::string json) {
   return "spoolcap-transfer " + text(state, "version") + ", node " + text(state, "node") +
          ", running for " + duration(now - number(state, "started")) + "\n\n" +
          queues(member(state, "queue")) + locations(member(state, "locations"), now) +
-         running(member(state, "running"), now) + parked(member(state, "parked"), now) +
-         waiting(state) + cache(member(state, "cache"), now) + counters(member(state, "counters"));
+         running(member(state, "running"), now) + parked(state, now) + waiting(state) +
+         cache(member(state, "cache"), now) + counters(member(state, "counters"));
 }

@@ -12,9 +12,6 @@
 
 namespace {
 
-// Scores and the times of files are of one clock here; a file is in the cache before it is queued.
-constexpr double clock_error = 1;
-
 class upload_job {
  public:
   upload_job(const job_context &context, const worker_settings &settings, const queue_entry &entry,
@@ -132,19 +129,20 @@ class upload_job {
     if (!deleted_at) return leave({job_end::down});
     forget_parts(context_, client_, member_, path_);
     s3_answer failure;
-    if (remove_older(context_, settings_, *client_, member_.location, member_.key, *deleted_at,
-                     failure) == object_end::failed) {
-      return leave(failure_of(failure));
-    }
-    remove_file();
+    const object_end result = remove_older(context_, settings_, *client_, member_.location,
+                                           member_.key, *deleted_at, failure);
+    if (result == object_end::failed) return leave(failure_of(failure));
+    if (result == object_end::early) return leave({job_end::claimed, early_text});
     const queue_state state = context_.queue.drop_upload(entry_, member_, settings_.unclear_window);
     is_claimed_ = false;
+    if (state == queue_state::unchanged || state == queue_state::unclear) remove_file();
     return result_of(state);
   }
 
-  // Not a file that was made after the member was queued: that one is to be queued itself.
+  // The member has not been queued again, and no commit has the file open that is still to queue
+  // it. One that was made since the member was queued is of another commit all the same.
   void remove_file() {
-    if (file_ && file_->made_at() <= entry_.queued_at() + clock_error) file_->remove();
+    if (file_ && file_->made_at() <= entry_.queued_at()) file_->remove();
   }
 
   const job_context &context_;

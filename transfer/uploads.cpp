@@ -43,7 +43,7 @@ class transfer_workers::engine {
       const std::lock_guard guard(lock_);
       settings_ = now;
     }
-    feeder_.configure(now->look_interval, now->unclear_window);
+    feeder_.configure(*now);
   }
 
   void wake() { feeder_.wake(); }
@@ -59,14 +59,12 @@ class transfer_workers::engine {
   }
 
   std::vector<parked_member> parked() const { return feeder_.parked(most_told); }
+  std::size_t parked_count() const { return feeder_.parked_count(); }
   std::size_t waiting() const { return feeder_.waiting(); }
 
-  bool idle() const {
-    if (feeder_.is_working()) return false;
-    for (long cursor = 0; cursor >= 0;) {
-      const auto page = context_.queue.uploads(cursor);
-      if (!page || !page->empty()) return false;
-    }
+  bool idle(const queue_summary &queued) const {
+    if (queued.uploads > 0 || feeder_.is_working()) return false;
+    if (queued.deletes == 0) return true;
     for (long cursor = 0; cursor >= 0;) {
       const auto page = context_.queue.deletes(cursor);
       if (!page) return false;
@@ -175,10 +173,14 @@ std::vector<parked_member> transfer_workers::parked() const {
   return engine_->parked();
 }
 
+std::size_t transfer_workers::parked_count() const {
+  return engine_->parked_count();
+}
+
 std::size_t transfer_workers::waiting() const {
   return engine_->waiting();
 }
 
-bool transfer_workers::idle() const {
-  return engine_->idle();
+bool transfer_workers::idle(const queue_summary &queued) const {
+  return engine_->idle(queued);
 }

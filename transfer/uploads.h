@@ -16,6 +16,7 @@ struct worker_settings {
   std::string cache;          // directory; the files lie in "<cache>/main/<key>"
   int look_interval = 120;    // seconds between looks at an idle queue
   int unclear_window = 3600;  // seconds in which a transfer of unclear end may still take effect
+  int deletions_kept = 7 * 86'400;  // seconds for which uploads and caches meet a deletion
 };
 
 class transfer_workers {
@@ -36,9 +37,11 @@ class transfer_workers {
   void stop();
 
   std::vector<parked_member> parked() const;  // at most a thousand, oldest first
+  std::size_t parked_count() const;           // all of them
   std::size_t waiting() const;                // members that failed, and are tried again soon
-  // Whether nothing of this node is queued or running; false also when the DisDB does not answer.
-  bool idle() const;
+  // Whether nothing of this node was queued, as just read, or is running; false also when the DisDB
+  // does not answer.
+  bool idle(const queue_summary &queued) const;
 
  private:
   class engine;

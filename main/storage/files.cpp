@@ -2,6 +2,7 @@
 #include "main/storage/files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
@@ -82,8 +83,15 @@ void copy_receipt(int from, int to) {
   if (length > 0) ::fsetxattr(to, receipt_attribute, bytes, static_cast<size_t>(length), 0);
 }
 
-// The copy of a file whose folder is there.
-int copy_to(const std::string &from, const std::string &to, at_target what) {
+// Whether a committed_file holds it.
+bool is_held_by_commit(const unique_fd &file) {
+  const std::string name = "/proc/self/fd/" + std::to_string(file.get());
+  const unique_fd own(::open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  return own && ::flock(own.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+// The copy of a file whose folder is there. With `held`, it is held from before it has its name.
+int copy_to(const std::string &from, const std::string &to, at_target what, committed_file *held) {
   const unique_fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source) return errno;
   growing_file copy = make_growing_file(folder_of(to));
@@ -93,6 +101,7 @@ int copy_to(const std::string &from, const std::string &to, at_target what) {
   // What replaces a file is a commit, which the store cannot have yet.
   if (what == at_target::keep) copy_receipt(source.get(), copy.fd.get());
   if (::fchmod(copy.fd.get(), storage_mode) != 0) return errno;
+  if (held != nullptr) *held = committed_file(copy.fd.get());
   // Some file systems report a full disk only here. There is no fsync against a power cut: it would
   // cost every file the time of a disk write.
   if (::close(copy.fd.release()) != 0) return errno;
@@ -118,7 +127,7 @@ int move_into_folder(const std::string &from, const std::string &to, at_target w
   ::chmod(from.c_str(), storage_mode);
   int error = rename_to(from, to, what);
   if (error != EXDEV) return error;
-  error = copy_to(from, to, what);
+  error = copy_to(from, to, what, nullptr);
   if (error == 0) ::unlink(from.c_str());
   return error;
 }
@@ -164,8 +173,18 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
   return std::nullopt;
 }
 
-int copy_file(const std::string &from, const std::string &to) {
-  return in_folder_of(to, [&] { return copy_to(from, to, at_target::replace); });
+// A deletion tells it by the lock, the transfer service by the open file. A child of fork shares
+// the lock, so it is taken off rather than left to the last descriptor.
+committed_file::committed_file(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
+  if (fd_) ::flock(fd_.get(), LOCK_EX | LOCK_NB);
+}
+
+committed_file::~committed_file() {
+  if (fd_) ::flock(fd_.get(), LOCK_UN);
+}
+
+int copy_file(const std::string &from, const std::string &to, committed_file &copy) {
+  return in_folder_of(to, [&] { return copy_to(from, to, at_target::replace, &copy); });
 }
 
 int move_file(const std::string &from, const std::string &to) {
@@ -183,6 +202,8 @@ held_file::held_file(std::string path)
     error_ = errno;
   } else if (S_ISDIR(status.st_mode)) {
     error_ = EISDIR;
+  } else {
+    is_being_committed_ = S_ISREG(status.st_mode) && is_held_by_commit(fd_);
   }
 }
 

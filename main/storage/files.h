@@ -60,9 +60,24 @@ int make_folder(const std::string &folder);
 std::optional<temporary_file> make_temporary_file(const std::string &folder,
                                                   const std::string &extension);
 
+// A file of the cache, from before it gets its name until its commit is queued. While this lives,
+// neither a deletion nor the transfer service removes the file; it ends with the process.
+class committed_file {
+ public:
+  committed_file() = default;
+  // Another descriptor of an open file. Without one, nothing protects the file.
+  explicit committed_file(int fd);
+  committed_file(committed_file &&) = default;
+  committed_file &operator=(committed_file &&) = default;
+  ~committed_file();
+
+ private:
+  unique_fd fd_;
+};
+
 // Brings a file to a place whose folder is made when it is not there. What is at that place is
 // replaced, and is never half a file. On an error the place and the source are as they were.
-int copy_file(const std::string &from, const std::string &to);
+int copy_file(const std::string &from, const std::string &to, committed_file &copy);
 int move_file(const std::string &from, const std::string &to);
 // EEXIST, in place of replacing what is there. The receipt of a download stays with it.
 int move_new_file(const std::string &from, const std::string &to);
@@ -72,6 +87,8 @@ class held_file {
  public:
   // A file that is not there, or a folder, gives the error number of a removal. Follows no link.
   explicit held_file(std::string path);
+  // Whether its commit was not queued yet when this was made.
+  bool is_being_committed() const { return is_being_committed_; }
   // Removes the file unless another one has its name by now. A file that is not there is success.
   int remove() const;
 
@@ -81,6 +98,7 @@ class held_file {
   std::string path_;
   unique_fd fd_;
   int error_ = 0;
+  bool is_being_committed_ = false;
 };
 
 // 0 when the path names a file that is no folder, else an error number.

@@ -18,9 +18,9 @@ constexpr char delete_queue[] = "storage:delqueue:%s:%s";
 int add_to_queue(const call_site &site, const char *queue, const char *member) {
   const c_string key = format_text(queue, s3_engine.word, storage_shard);
   if (!key) return ENOMEM;
-  if (!cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL)) return EIO;
-  take_snapshot().tell_queued();
-  return 0;
+  const bool is_queued =
+      static_cast<bool>(cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL));
+  return is_queued ? 0 : EIO;
 }
 
 }  // namespace

@@ -108,7 +108,8 @@ std::optional<stored_file> store(const call_site &site, qx_storage_session &sess
   file.name = std::string(media_of_type(session.resource_type).key_word) + "/" +
               owned_file(session.first_id, session.second_id, file_id, session.extension);
   file.path = cache_path(session.config(), file.name);
-  const int error = copy_file(session.temporary.path(), file.path);
+  committed_file copy;
+  const int error = copy_file(session.temporary.path(), file.path, copy);
   if (error != 0) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to copy file [%s] to [%s]: %s.\n\n",
               session.temporary.path().c_str(), file.path.c_str(), std::strerror(error));
@@ -120,6 +121,7 @@ std::optional<stored_file> store(const call_site &site, qx_storage_session &sess
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to queue file [%s].\n\n", file.name.c_str());
     return std::nullopt;
   }
+  take_snapshot().tell_queued();
   return file;
 }
 
@@ -150,12 +152,15 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
     return EINVAL;
   }
   const std::string cached = cache_path(config, name);
-  // A commit after this brings another file, which stays.
+  // A commit that is queued after this brings another file, or holds this one: it stays.
   const held_file deleted(cached);
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
-  // A copy left in the cache would keep serving a deleted file.
-  const int cause = deleted.remove();
+  // A copy left in the cache would keep serving a deleted file. The service removes it where this
+  // process is killed first; it is told only now, as it takes a file that is still there for a
+  // commit of the same moment.
+  const int cause = deleted.is_being_committed() ? 0 : deleted.remove();
+  take_snapshot().tell_queued();
   if (cause != 0) {
     QX_LOG_AT(site, FR_LOG_WARNING, "Failed to remove file from storage cache [%s]: %d %s.\n\n",
               cached.c_str(), cause, std::strerror(cause));

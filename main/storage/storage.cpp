@@ -102,6 +102,7 @@ int delete_owner(const call_site &site, const qx_storage_location_query_t &query
         queue_owner_deletion(site, location.get(), type, query.first_id, query.second_id);
     if (error != 0) return error;
   }
+  take_snapshot().tell_queued();
   return 0;
 }
 

@@ -106,6 +106,10 @@ class transfer_node {
     world_.queue(delete_queue, "eu@" + name_ + ":" + what, at);
     workers.wake();
   }
+  bool is_idle() {
+    const auto queued = queue.summary();
+    return queued && workers.idle(*queued);
+  }
   bool has_file(const std::string &key) const { return std::filesystem::exists(path(key)); }
 
  private:

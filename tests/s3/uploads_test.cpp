@@ -16,7 +16,7 @@ std::string bytes(size_t count) {
 
 class Uploads : public testing::Test {
  protected:
-  bool is_idle() { return world.queued() == "0 0" && here.workers.idle(); }
+  bool is_idle() { return world.queued() == "0 0" && here.is_idle(); }
   // For the text of a failure.
   std::string trouble() {
     std::string text = world.queued();
@@ -93,7 +93,7 @@ TEST_F(Uploads, ADeleteDuringAnUploadWinsWhenItIsLaterAndLosesWhenItIsEarlier) {
       node.commit(key, bytes(300'000), at);
       ASSERT_TRUE(eventually([&] { return node.control.sent > 50'000; }));
       node.remove(what, at + row.later);
-      ASSERT_TRUE(eventually([&] { return world.queued() == "0 0" && node.workers.idle(); }));
+      ASSERT_TRUE(eventually([&] { return world.queued() == "0 0" && node.is_idle(); }));
       EXPECT_EQ(world.object(key).has_value(), row.stays);
       EXPECT_EQ(node.has_file(key), row.stays);
       world.redis({"FLUSHALL"});
@@ -112,7 +112,7 @@ TEST_F(Uploads, AFileThatIsMissingIsNamedAndKeptUnlessItsDeletionIsKnown) {
   EXPECT_TRUE(world.is_queued(up_queue, here.member(key)));
   ASSERT_EQ(here.workers.parked().size(), 1U);
   EXPECT_EQ(here.workers.parked()[0].member, here.member(key));
-  EXPECT_FALSE(here.workers.idle());
+  EXPECT_FALSE(here.is_idle());
   here.commit(key, "back");
   EXPECT_TRUE(eventually([&] { return is_idle(); })) << "a new commit is not held back";
   EXPECT_TRUE(here.workers.parked().empty());

@@ -1,4 +1,5 @@
 // File storage in an object store: cache, queues, downloads and their troubles.
+#include <fcntl.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -6,6 +7,7 @@
 
 #include <spoolcap/zarn_str.h>
 #include "main/storage/engine.h"
+#include "main/storage/files.h"
 #include "tests/unit/storage_fixture.h"
 
 namespace {
@@ -61,15 +63,33 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
   EXPECT_EQ(members("del"), "");
 }
 
-TEST_F(StorageS3, ACommitDuringADeletionKeepsItsFile) {
+TEST_F(StorageS3, ADeletionTakesWhatWasQueuedBeforeItAndTellsTheServiceAfterwards) {
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "old"), 0);
-  service->when_told = [this] {
-    box.write_file("new", "new");
-    fs::rename(box.path("new"), box.path(scache + key));
+  const auto remove = [] {
+    return qx_storage_delete(QX_STORAGE_RECORDING, key.c_str(), "s3", "eu");
   };
-  EXPECT_EQ(qx_storage_delete(QX_STORAGE_RECORDING, key.c_str(), "s3", "eu"), 0);
-  EXPECT_EQ(box.read_file(scache + key), "new");
-  EXPECT_EQ(files(scache), texts{key});
+  {
+    const unique_fd file(::open(box.path(scache + key).c_str(), O_RDONLY | O_CLOEXEC));
+    const committed_file to_be_queued(file.get());
+    EXPECT_EQ(remove(), 0);
+    EXPECT_EQ(files(scache), texts{key});
+  }
+  service->when_told = [this] { EXPECT_EQ(files(scache), texts{}); };
+  EXPECT_EQ(remove(), 0);
+  EXPECT_EQ(service->told, 3);
+  service->when_told = [] {};
+
+  const auto score = [this](const std::string &queue, const std::string &member) {
+    return std::stod(box.redis({"ZSCORE", "storage:" + queue + "queue:s3:main", member}).value());
+  };
+  for (int round = 0; round < 200; ++round) {
+    std::thread deleting(remove);
+    EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "new"), 0);
+    deleting.join();
+    if (score("up", "eu:bucket:" + key) > score("del", "eu:o:" + key)) {
+      ASSERT_EQ(files(scache), texts{key}) << "queued after its deletion, in round " << round;
+    }
+  }
 }
 
 TEST_F(StorageS3, WithoutTheDisDBNothingIsStoredOrDeleted) {

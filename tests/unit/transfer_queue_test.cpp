@@ -215,18 +215,18 @@ TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
   }
 }
 
-TEST_F(TransferQueue, DeletionsAreKeptForSevenDaysAndForAllOlderUploads) {
-  constexpr double day = 86'400;
+TEST_F(TransferQueue, DeletionsAreKeptForTheirTimeAndForAllOlderUploads) {
+  constexpr int day = 86'400;
   for (const int age : {6, 8, 10}) {
     queue(deleted, "eu:o:" + std::to_string(age), now() - age * day);
   }
   queue(unclear, "eu:old", now() - 61);
   queue(ups, member, now() - 9 * day);
-  here.trim(60);
+  here.trim(60, 7 * day);
   EXPECT_EQ(run({"ZRANGE", deleted, "0", "-1"}), "eu:o:8");
   EXPECT_EQ(run({"ZCARD", unclear}), "0");
   run({"DEL", ups});
-  here.trim(60);
+  here.trim(60, 7 * day);
   EXPECT_EQ(run({"ZRANGE", deleted, "0", "-1"}), "eu:o:6");
 }
 
