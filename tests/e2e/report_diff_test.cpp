@@ -16,10 +16,14 @@ class Diff : public Report {
     return box.path(name);
   }
 
-  // A snapshot of midnight of this day, with these objects as its accounts.
+  // The document of a snapshot of midnight of this day, with these objects as its accounts.
+  static std::string document(const std::string &day, const std::string &accounts) {
+    return R"({"format":"spoolcap-report","version":1,"taken":")" + day +
+           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}";
+  }
+
   std::string snapshot_of(const std::string &day, const std::string &accounts) {
-    return packed(day, R"({"format":"spoolcap-report","version":1,"taken":")" + day +
-                           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}");
+    return packed(day, document(day, accounts));
   }
 
   // A snapshot of the platform as it is, said to be of midnight of this day.
@@ -180,14 +184,17 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   packed("newer", newer);
   packed("foreign", R"({"format":"something","version":1})");
   packed("scalar", "12");
-  packed("odd", R"({"accounts":{"x":[5,"y",{"z":[{"used":{"fax":1}}]}]}})");
   packed("deep", std::string(300000, '['));
+  const std::string empty = document("2026-01-01", "");
+  packed("unlisted", empty.substr(0, empty.find(",\"accounts\"")) + "}");
+  packed("rubbish", empty + std::string("\0[", 2));
   for (const auto &[name, reason] : {std::pair("text", "is no snapshot"),
                                      {"empty", "is no snapshot"},
                                      {"foreign", "is no snapshot"},
                                      {"scalar", "is no snapshot"},
-                                     {"odd", "is no snapshot"},
                                      {"deep", "is no snapshot"},
+                                     {"unlisted", "is no snapshot"},
+                                     {"rubbish", "is no snapshot"},
                                      {"cut", "is cut off"},
                                      {"damaged", "is damaged"},
                                      {"newer", "was written by a newer version"},
@@ -204,6 +211,27 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   EXPECT_EQ(refusal({"page", box.path("no/such/page")}),
             "spoolcap-report: " + box.path("no/such/page") +
                 " could not be written: No such file or directory\n");
+}
+
+// Small files can stand for any number of bytes, and numbers for what no account has.
+TEST_F(Diff, RefusesSnapshotsOfNoPlatform) {
+  const std::string account = R"({"id":5,"level":10,"more":)";
+  const std::string nested = std::string(20, '[') + std::string(20, ']');
+  for (const std::string &accounts :
+       {std::string("{}"), std::string("7"), std::string("[]"), std::string(R"({"id":5})"),
+        std::string(R"({"id":0,"level":10})"), std::string(R"({"id":4294967297,"level":10})"),
+        std::string(R"({"id":5,"level":11})"), account + "1}," + account + "1}",
+        account + nested + "}", account + '"' + std::string(10000, 'x') + "\"}",
+        account + R"(1,"used":{"fax":1.5}})", account + R"(1,"used":{"fax":"1"}})",
+        account + R"(1,"limit":{"fax":-1}})", account + R"(1,"limit":{"fax":9223372036854775808}})",
+        account + R"(1,"used":[1]})", account + R"(1,"states":{"fax":"fresh"}})"}) {
+    const std::string path = snapshot_of("2026-01-01", accounts);
+    EXPECT_EQ(refusal({"diff", path, path}), "spoolcap-report: " + path + ": is no snapshot\n")
+        << accounts.substr(0, 99);
+  }
+  const std::string path =
+      snapshot_of("2026-01-01", account + R"([{"id":9}],"used":{"tape":"x"}})");
+  EXPECT_NE(report({"diff", path, path}), "");
 }
 
 }  // namespace
