@@ -71,9 +71,9 @@ void write_change(json_writer &json, const account_change &change, const change_
   write_member(json, "total_after", use_of(change.after, list.kinds));
   write_member(json, "state_before", state_name_of(change.before, list.kinds));
   write_member(json, "state_after", state_name_of(change.after, list.kinds));
-  write_member(json, "age_before", age_in(list.before(), change.before, list.kinds));
-  write_member(json, "age_after", age_in(list.after(), change.after, list.kinds));
-  if (list.has_outlook()) write_outlook(json, outlook_of(account.id, list.states, list.kinds));
+  write_member(json, "age_before", age_in(list.before, change.before, list.kinds));
+  write_member(json, "age_after", age_in(list.after, change.after, list.kinds));
+  if (list.has_outlook) write_outlook(json, change.outlook);
   json.EndObject();
 }
 
@@ -106,9 +106,8 @@ std::string states_text(const account_change &change, kind_set kinds) {
 }
 
 std::string age_text(const account_change &change, const change_list &list, bool human) {
-  const std::int64_t age = change.after != nullptr
-                               ? age_in(list.after(), change.after, list.kinds)
-                               : age_in(list.before(), change.before, list.kinds);
+  const std::int64_t age = change.after != nullptr ? age_in(list.after, change.after, list.kinds)
+                                                   : age_in(list.before, change.before, list.kinds);
   if (age < 0) return "-";
   return human ? human_time(age) : std::to_string(age);
 }
@@ -134,9 +133,7 @@ std::vector<std::string> cells_of(const account_change &change, const change_lis
                                     parents_text(change),
                                     age_text(change, list, human),
                                     states_text(change, list.kinds)};
-  if (list.has_outlook()) {
-    cells.push_back(outlook_text(outlook_of(account.id, list.states, list.kinds)));
-  }
+  if (list.has_outlook) cells.push_back(outlook_text(change.outlook));
   return cells;
 }
 
@@ -147,9 +144,9 @@ void write_changes_json(FILE *stream, const change_list &list) {
   to.json.StartObject();
   write_member(to.json, "format", std::string_view("spoolcap-diff"));
   write_member(to.json, "version", std::int64_t{1});
-  write_member(to.json, "host", std::string_view(list.after().host));
-  write_member(to.json, "from", std::string_view(iso_time(list.before().taken)));
-  write_member(to.json, "to", std::string_view(iso_time(list.after().taken)));
+  write_member(to.json, "host", std::string_view(list.after.host));
+  write_member(to.json, "from", std::string_view(iso_time(list.before.taken)));
+  write_member(to.json, "to", std::string_view(iso_time(list.after.taken)));
   to.json.Key("changes");
   to.json.StartArray();
   for (const account_change &change : list.changes) {
@@ -184,7 +181,7 @@ void write_changes_separated(FILE *stream, separated_format format, const change
        {"total_before", "total_after", "state_before", "state_after", "age_before", "age_after"}) {
     line.add(name);
   }
-  if (list.has_outlook()) {
+  if (list.has_outlook) {
     for (const char *name : {"outlook", "limit_day", "limit_kind"}) line.add(name);
   }
   line.end();
@@ -205,13 +202,12 @@ void write_changes_separated(FILE *stream, separated_format format, const change
     line.add_number(use_of(change.after, list.kinds));
     line.add(state_name_of(change.before, list.kinds));
     line.add(state_name_of(change.after, list.kinds));
-    line.add_number(age_in(list.before(), change.before, list.kinds));
-    line.add_number(age_in(list.after(), change.after, list.kinds));
-    if (list.has_outlook()) {
-      const account_outlook outlook = outlook_of(account.id, list.states, list.kinds);
-      line.add(name_of(outlook.outlook));
-      line.add(day_of(outlook));
-      line.add(kind_name_of(outlook));
+    line.add_number(age_in(list.before, change.before, list.kinds));
+    line.add_number(age_in(list.after, change.after, list.kinds));
+    if (list.has_outlook) {
+      line.add(name_of(change.outlook.outlook));
+      line.add(day_of(change.outlook));
+      line.add(kind_name_of(change.outlook));
     }
     line.end();
   }
@@ -221,7 +217,7 @@ void write_changes_table(FILE *stream, const change_list &list, bool human) {
   std::vector<std::pair<std::string, bool>> heads = {
       {"change", true}, {"growth", false}, {"before", false}, {"after", false}, {"login", true},
       {"id", false},    {"level", true},   {"parent", true},  {"age", false},   {"state", true}};
-  if (list.has_outlook()) heads.emplace_back("limit reached", true);
+  if (list.has_outlook) heads.emplace_back("limit reached", true);
   table_columns columns(heads);
   for (const account_change &change : list.changes) columns.measure(cells_of(change, list, human));
   columns.print_head(stream);

@@ -9,15 +9,13 @@
 #include "report/separated.h"
 
 struct change_list {
-  std::span<const report_platform> states;  // two or more, the oldest first
-  std::span<const account_change> changes;  // between the first and the last of them
+  const report_platform &before, &after;
+  std::span<const account_change> changes;  // between the two
   kind_set kinds = all_kinds;
-  const report_platform &before() const { return states.front(); }
-  const report_platform &after() const { return states.back(); }
-  bool has_outlook() const { return states.size() > 2; }
+  bool has_outlook = false;
 };
 
-// docs/report.md has the members and columns; the outlook is among them with three states or more.
+// docs/report.md has the members and columns; the outlook is among them if there is one.
 void write_changes_json(FILE *stream, const change_list &list);
 void write_changes_lines(FILE *stream, const change_list &list);  // one change object a line
 void write_changes_separated(FILE *stream, separated_format format, const change_list &list);

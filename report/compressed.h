@@ -18,7 +18,7 @@ c_file compress_into(FILE *file);
 
 // The content of a compressed file, in the shape of an input stream of RapidJSON. All functions
 // throw report_trouble, with the path: the file cannot be read, is no compressed file, or is
-// damaged or cut off. The content ends with a NUL.
+// damaged or cut off. Behind the content, which may hold NUL itself, stands a NUL.
 class decompressed_file {
  public:
   using Ch = char;
@@ -34,6 +34,8 @@ class decompressed_file {
     return byte;
   }
   size_t Tell() const { return before_ + next_; }
+  // Whether all of the content was taken, and its end looked at.
+  bool has_ended() const { return ended_; }
   // Only for streams that are written to.
   char *PutBegin() { return nullptr; }
   void Put(char) {}

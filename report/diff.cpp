@@ -17,15 +17,29 @@ const poptOption options[] = {list_format_row,
                               output_row,
                               POPT_TABLEEND};
 
-std::vector<report_platform> states_of(std::vector<std::string> names) {
+// Only the first and the last state are held, and what the forecast keeps of all.
+struct compared_states {
+  report_platform before, after;
+  std::optional<forecast> outlooks;  // of three states or more
+};
+
+compared_states read_states(std::vector<std::string> names) {
   if (names.empty()) throw report_trouble("diff needs the name of a snapshot");
   if (names.size() == 1) names.emplace_back("now");
-  std::vector<report_platform> states;
-  for (const std::string &name : names) {
-    states.push_back(name == "now" ? collect() : read_snapshot(name));
-    if (states.size() > 1 && states.back().taken < states[states.size() - 2].taken) {
-      throw report_trouble(name + ": is older than the one before it");
+  compared_states states;
+  if (names.size() > 2) states.outlooks.emplace();
+  std::int64_t last_taken = 0;
+  for (size_t i = 0; i < names.size(); ++i) {
+    report_platform state = names[i] == "now" ? collect() : read_snapshot(names[i]);
+    if (state.taken < last_taken) {
+      throw report_trouble(names[i] + ": is older than the one before it");
     }
+    last_taken = state.taken;
+    if (states.outlooks) states.outlooks->add(state);
+    if (i == 0)
+      states.before = std::move(state);
+    else if (i + 1 == names.size())
+      states.after = std::move(state);
   }
   return states;
 }
@@ -64,11 +78,12 @@ report_status run(const std::vector<std::string> &words) {
   const kind_set kinds = typed_kinds();
   const std::vector<int> levels = typed_levels();
   const size_t top = typed_top().value_or(0);
-  const std::vector<report_platform> states = states_of(words);
-  std::vector<account_change> changes = compare(states.front(), states.back(), kinds);
+  const compared_states states = read_states(words);
+  const forecast *const outlooks = states.outlooks ? &*states.outlooks : nullptr;
+  std::vector<account_change> changes = compare(states.before, states.after, kinds, outlooks);
   choose_changes(changes, levels, top);
   report_output out(typed.output);
-  write(out.stream(), format, {states, changes, kinds});
+  write(out.stream(), format, {states.before, states.after, changes, kinds, outlooks != nullptr});
   out.commit();
   return REPORT_OK;
 }
@@ -87,7 +102,9 @@ const report_command diff_command = {
         "\n"
         "With three snapshots or more, the changes are those between the first and the last, and\n"
         "each account has the day on which it reaches the first of its limits, if its use goes on\n"
-        "as the straight line through its figures does.\n",
+        "as the straight line through its trusted figures does. Accounts that reach one are "
+        "listed\n"
+        "even if their use is the same.\n",
     .options = options,
     .run = run,
 };

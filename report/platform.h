@@ -58,7 +58,7 @@ void for_each_of(kind_set kinds, Visit visit) {
 }
 
 // A sum of two figures that are known, or of two growths. Ends at the highest number there is, and
-// at the lowest.
+// at the lowest that has a positive one beside it.
 std::int64_t sum_of(std::int64_t left, std::int64_t right);
 
 // What follows is about the kinds of a set.

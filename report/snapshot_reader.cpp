@@ -2,9 +2,12 @@
 #include <rapidjson/reader.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
+#include <new>
 #include <utility>
 
+#include "platform/base/utf8.h"
 #include "report/command.h"
 #include "report/compressed.h"
 #include "report/snapshot.h"
@@ -31,8 +34,51 @@ report_account unknown_account() {
   return account;
 }
 
-// The events of the parser. Members that it does not know are passed over, whatever they hold. A
-// false ends the parse: the document is no snapshot.
+class too_long {};
+
+// The memory of the parser, which holds the text at hand. No login is as long.
+class bounded_memory : public rapidjson::CrtAllocator {
+ public:
+  static void *Realloc(void *old, size_t, size_t size) {
+    constexpr size_t most = 4096;
+    if (size > most) throw too_long();
+    void *const memory = std::realloc(old, size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+  }
+};
+
+using json_reader = rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, bounded_memory>;
+
+enum class json_type { boolean, number, fraction, text, object, array };
+
+struct member {
+  std::string_view name;
+  json_type type;
+};
+
+constexpr member head_members[] = {{"format", json_type::text},
+                                   {"version", json_type::number},
+                                   {"taken", json_type::text},
+                                   {"host", json_type::text},
+                                   {"accounts", json_type::array}};
+constexpr member account_members[] = {
+    {"id", json_type::number},     {"parent", json_type::number},  {"level", json_type::number},
+    {"name", json_type::text},     {"used", json_type::object},    {"limit", json_type::object},
+    {"states", json_type::object}, {"updates", json_type::object}, {"age", json_type::number}};
+constexpr member figure_members[] = {{"used", json_type::number},
+                                     {"limit", json_type::number},
+                                     {"states", json_type::text},
+                                     {"updates", json_type::number}};
+
+std::optional<json_type> type_of(std::span<const member> members, std::string_view name) {
+  const auto found = std::find_if(members.begin(), members.end(),
+                                  [&](const member &one) { return one.name == name; });
+  return found == members.end() ? std::nullopt : std::optional(found->type);
+}
+
+// The events of the parser. Members that it does not know are passed over, whatever they hold, and
+// so is null. A false ends the parse: the document is no snapshot.
 class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, document_reader> {
  public:
   explicit document_reader(report_platform &platform) : platform_(platform) {
@@ -40,17 +86,20 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   }
 
   bool StartObject() {
+    if (!takes(json_type::object)) return false;
     ++depth_;
     if (is_account()) platform_.accounts.push_back(unknown_account());
     return true;
   }
   bool EndObject(rapidjson::SizeType) {
-    const bool is_sound = !is_account() || (account().id != 0 && is_reported(account().level));
+    const bool is_sound = !is_account() || is_sound_account();
     --depth_;
     return is_sound;
   }
   bool StartArray() {
-    in_list_ = in_list_ || (arrays_ == 0 && depth_ == 1 && keys_[0] == "accounts");
+    if (!takes(json_type::array)) return false;
+    in_list_ = in_list_ || (is_in_head() && keys_[0] == "accounts");
+    has_list_ = has_list_ || in_list_;
     ++arrays_;
     return true;
   }
@@ -64,42 +113,74 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     keys_.back().assign(text, size);
     return true;
   }
+  bool Bool(bool) { return takes(json_type::boolean); }
+  bool Double(double) { return takes(json_type::fraction); }
   bool Int(int value) { return number(value); }
   bool Uint(unsigned value) { return number(value); }
   bool Int64(std::int64_t value) { return number(value); }
   // What is above the numbers of 32 bits and not negative comes here.
   bool Uint64(std::uint64_t value) {
-    return std::in_range<std::int64_t>(value) && number(static_cast<std::int64_t>(value));
+    return std::in_range<std::int64_t>(value) ? number(static_cast<std::int64_t>(value))
+                                              : takes(json_type::fraction);
   }
   bool String(const char *text, rapidjson::SizeType size, bool) {
     const std::string_view value(text, size);
-    if (arrays_ == 0 && depth_ == 1) return head_text(value);
-    if (in_accounts() && depth_ == 2 && keys_[1] == "name")
+    if (!takes(json_type::text)) return false;
+    if (is_in_head()) return head_text(value);
+    if (in_accounts() && depth_ == 2 && keys_[1] == "name") {
       account().login = keep_text(platform_, value);
-    if (in_accounts() && depth_ == 3 && keys_[1] == "states") set_state(value);
-    return true;
+    }
+    return !in_accounts() || depth_ != 3 || keys_[1] != "states" || set_state(value);
   }
 
   bool is_complete() const {
-    return is_report_ && version_ == known_version && platform_.taken >= 0;
+    return is_report_ && version_ == known_version && platform_.taken >= 0 && has_list_;
   }
   bool is_newer() const { return is_report_ && version_ > known_version; }
 
  private:
+  bool is_in_head() const { return arrays_ == 0 && depth_ == 1; }
   // Whether this is an account or a part of one, but not in an array of its own.
   bool in_accounts() const { return in_list_ && arrays_ == 1 && depth_ >= 2; }
   bool is_account() const { return in_accounts() && depth_ == 2; }
   report_account &account() { return platform_.accounts.back(); }
 
+  // Whether a value of this type may stand here. More around it than any version has would only
+  // take memory.
+  bool takes(json_type type) const {
+    constexpr size_t deepest = 8;
+    const std::optional<json_type> wanted = wanted_type();
+    return depth_ + arrays_ < deepest && (!wanted || *wanted == type);
+  }
+
+  // The type of the value that comes next; nothing where it is not read.
+  std::optional<json_type> wanted_type() const {
+    if (arrays_ == 0 && depth_ == 0) return json_type::object;
+    if (is_in_head()) return type_of(head_members, keys_[0]);
+    if (!in_list_ || arrays_ != 1) return std::nullopt;
+    if (depth_ == 1) return json_type::object;
+    if (depth_ == 2) return type_of(account_members, keys_[1]);
+    const bool is_figure = depth_ == 3 && kind() != QUOTA_ALL_KINDS;
+    return is_figure ? type_of(figure_members, keys_[1]) : std::nullopt;
+  }
+
+  // Ids rise, so that no account is there twice.
+  bool is_sound_account() const {
+    const std::deque<report_account> &all = platform_.accounts;
+    const std::uint32_t last = all.size() < 2 ? 0 : all[all.size() - 2].id;
+    return all.back().id > last && is_reported(all.back().level);
+  }
+
   bool head_text(std::string_view value) {
     if (keys_[0] == "format") is_report_ = value == "spoolcap-report";
     if (keys_[0] == "taken") platform_.taken = time_of(value);
-    if (keys_[0] == "host") platform_.host = value;
+    if (keys_[0] == "host") platform_.host = valid_utf8(value);
     return keys_[0] != "format" || is_report_;
   }
 
   bool number(std::int64_t value) {
-    if (arrays_ == 0 && depth_ == 1 && keys_[0] == "version") {
+    if (!takes(json_type::number)) return false;
+    if (is_in_head() && keys_[0] == "version") {
       version_ = value;
       return value <= known_version;
     }
@@ -142,14 +223,15 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     return keys_[1] != "updates" || set(account().updates[place], value);
   }
 
-  void set_state(std::string_view name) {
+  bool set_state(std::string_view name) {
     const size_t place = kind();
-    if (place == QUOTA_ALL_KINDS) return;
+    if (place == QUOTA_ALL_KINDS) return true;
     for (size_t state = 0; state < figure_states; ++state) {
-      if (name == name_of(static_cast<figure_state>(state))) {
-        account().states[place] = static_cast<figure_state>(state);
-      }
+      if (name != name_of(static_cast<figure_state>(state))) continue;
+      account().states[place] = static_cast<figure_state>(state);
+      return true;
     }
+    return false;
   }
 
   report_platform &platform_;
@@ -157,9 +239,21 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
   size_t depth_ = 0;               // of objects
   size_t arrays_ = 0;              // around the value
   bool in_list_ = false;           // of the accounts
+  bool has_list_ = false;
   bool is_report_ = false;
   std::int64_t version_ = 0;
 };
+
+bool read_document(decompressed_file &content, document_reader &document) {
+  json_reader reader;
+  constexpr unsigned careful =
+      rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
+  try {
+    return !reader.Parse<careful>(content, document).IsError() && content.has_ended();
+  } catch (const too_long &) {
+    return false;
+  }
+}
 
 }  // namespace
 
@@ -168,17 +262,8 @@ report_platform read_snapshot(const std::string &path) {
   report_platform platform;
   platform.taken = -1;
   document_reader document(platform);
-  rapidjson::Reader reader;
-  constexpr unsigned careful =
-      rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
-  const bool read = !reader.Parse<careful>(content, document).IsError();
+  const bool read = read_document(content, document);
   if (document.is_newer()) throw report_trouble(path + ": was written by a newer version");
   if (!read || !document.is_complete()) throw report_trouble(path + ": is no snapshot");
-  std::sort(platform.accounts.begin(), platform.accounts.end(),
-            [](const report_account &a, const report_account &b) { return a.id < b.id; });
-  const auto twice = std::adjacent_find(
-      platform.accounts.begin(), platform.accounts.end(),
-      [](const report_account &a, const report_account &b) { return a.id == b.id; });
-  if (twice != platform.accounts.end()) throw report_trouble(path + ": is no snapshot");
   return platform;
 }

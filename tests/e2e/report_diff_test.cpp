@@ -16,10 +16,14 @@ class Diff : public Report {
     return box.path(name);
   }
 
-  // A snapshot of midnight of this day, with these objects as its accounts.
+  // The document of a snapshot of midnight of this day, with these objects as its accounts.
+  static std::string document(const std::string &day, const std::string &accounts) {
+    return R"({"format":"spoolcap-report","version":1,"taken":")" + day +
+           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}";
+  }
+
   std::string snapshot_of(const std::string &day, const std::string &accounts) {
-    return packed(day, R"({"format":"spoolcap-report","version":1,"taken":")" + day +
-                           R"(T00:00:00Z","host":"node1","accounts":[)" + accounts + "]}");
+    return packed(day, document(day, accounts));
   }
 
   // A snapshot of the platform as it is, said to be of midnight of this day.
@@ -180,14 +184,17 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   packed("newer", newer);
   packed("foreign", R"({"format":"something","version":1})");
   packed("scalar", "12");
-  packed("odd", R"({"accounts":{"x":[5,"y",{"z":[{"used":{"fax":1}}]}]}})");
   packed("deep", std::string(300000, '['));
+  const std::string empty = document("2026-01-01", "");
+  packed("unlisted", empty.substr(0, empty.find(",\"accounts\"")) + "}");
+  packed("rubbish", empty + std::string("\0[", 2));
   for (const auto &[name, reason] : {std::pair("text", "is no snapshot"),
                                      {"empty", "is no snapshot"},
                                      {"foreign", "is no snapshot"},
                                      {"scalar", "is no snapshot"},
-                                     {"odd", "is no snapshot"},
                                      {"deep", "is no snapshot"},
+                                     {"unlisted", "is no snapshot"},
+                                     {"rubbish", "is no snapshot"},
                                      {"cut", "is cut off"},
                                      {"damaged", "is damaged"},
                                      {"newer", "was written by a newer version"},
@@ -204,6 +211,69 @@ TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
   EXPECT_EQ(refusal({"page", box.path("no/such/page")}),
             "spoolcap-report: " + box.path("no/such/page") +
                 " could not be written: No such file or directory\n");
+}
+
+TEST_F(Diff, ListsLimitsByFiguresThatCount) {
+  struct figures {
+    std::int64_t fax, sound;
+    const char *state;
+  };
+  const auto account = [](int id, const figures &has) {
+    const std::string number = std::to_string(id);
+    return R"({"id":)" + number + R"(,"level":100,"name":"a)" + number +
+           R"(","limit":{"fax":8000000000000000},"used":{"fax":)" + std::to_string(has.fax) +
+           R"(,"sound":)" + std::to_string(has.sound) +
+           R"(},"states":{"sound":"measured","fax":")" + has.state + "\"}}";
+  };
+  constexpr std::int64_t limit = 8000000000000000;
+  constexpr std::int64_t a_step = 200000000000000;
+  std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax,sound"};
+  for (int day = 1; day <= 9; ++day) {
+    const auto rising = figures{a_step / 2 + day * a_step, 0, "measured"};
+    arguments.push_back(
+        snapshot_of("2026-01-0" + std::to_string(day),
+                    // Its kinds change against each other.
+                    account(1, {100 - day, 100 + day, "updated"}) + "," +
+                        // Nothing changes, with and without reason to tell.
+                        account(2, {limit, 0, "measured"}) + "," +
+                        account(3, {limit - 1, 0, "measured"}) + "," +
+                        // A sum of rounded products would let this line rise.
+                        account(4, {7000000000000001, day, "measured"}) + "," +
+                        // A figure that is not to be trusted, among others and in the end.
+                        account(5, day == 5 ? figures{limit, 0, "dirty"} : rising) + "," +
+                        account(6, {limit, day, day == 9 ? "redo" : "measured"})));
+  }
+  const std::string changes = report(arguments);
+  EXPECT_EQ(changes.substr(changes.find('\n') + 1),
+            "grew,5,a5,100,,,1600000000000000,1600000000000000,0,300000000000000,1900000000000000,"
+            "measured,measured,,,day,2026-02-08,fax\r\n"
+            "grew,4,a4,100,,,8,0,8,7000000000000002,7000000000000010,measured,measured,,,"
+            "does not grow,,\r\n"
+            "grew,6,a6,100,,,8,0,8,8000000000000001,8000000000000009,measured,redo,,,unknown,,\r\n"
+            "same,1,a1,100,,,0,-8,8,200,200,updated,updated,,,does not grow,,\r\n"
+            "same,2,a2,100,,,0,0,0,8000000000000000,8000000000000000,measured,measured,,,reached,,"
+            "fax\r\n");
+}
+
+// Small files can stand for any number of bytes, and numbers for what no account has.
+TEST_F(Diff, RefusesSnapshotsOfNoPlatform) {
+  const std::string account = R"({"id":5,"level":10,"more":)";
+  const std::string nested = std::string(20, '[') + std::string(20, ']');
+  for (const std::string &accounts :
+       {std::string("{}"), std::string("7"), std::string("[]"), std::string(R"({"id":5})"),
+        std::string(R"({"id":0,"level":10})"), std::string(R"({"id":4294967297,"level":10})"),
+        std::string(R"({"id":5,"level":11})"), account + "1}," + account + "1}",
+        account + nested + "}", account + '"' + std::string(10000, 'x') + "\"}",
+        account + R"(1,"used":{"fax":1.5}})", account + R"(1,"used":{"fax":"1"}})",
+        account + R"(1,"limit":{"fax":-1}})", account + R"(1,"limit":{"fax":9223372036854775808}})",
+        account + R"(1,"used":[1]})", account + R"(1,"states":{"fax":"fresh"}})"}) {
+    const std::string path = snapshot_of("2026-01-01", accounts);
+    EXPECT_EQ(refusal({"diff", path, path}), "spoolcap-report: " + path + ": is no snapshot\n")
+        << accounts.substr(0, 99);
+  }
+  const std::string path =
+      snapshot_of("2026-01-01", account + R"([{"id":9}],"used":{"tape":"x"}})");
+  EXPECT_NE(report({"diff", path, path}), "");
 }
 
 }  // namespace
