@@ -65,6 +65,13 @@ void add_whole_platform(support::sandbox &box) {
   run_silently(box, set);
   ratio::at_most(1.15, "set --all --force --quiet, 5,550 accounts", "a bare program doing the same",
                  running(box, set), running(box, bare(SPOOLCAP_BARE_SET, box)));
+  // Two processors, and a database on them as well.
+  const command per_reseller = {"/usr/bin/env", "LD_PRELOAD=libnss_wrapper.so", "sh", "-c",
+                                "seq " + std::to_string(resellers) +
+                                    " | xargs -P 2 -n 1 " SPOOLCAP_SANDBOX_BINARY
+                                    " --action set --force --quiet --uid"};
+  ratio::at_least(1.0, "a run per reseller, 50, two at a time", "set --all --force --quiet",
+                  running(box, per_reseller), running(box, set));
 }
 
 void add_show(support::sandbox &box) {
