@@ -19,9 +19,9 @@ typedef struct fr_sql_conn *SessionHandle;
 void qx_sql_pool_init(void);
 
 /* The same from other files: `credentials_file` with the DB_CREDENTIALS lines, `servers_file` with
- * SLAVE_DOWN_TIME, DB_MASTER and DB_SLAVE. 0 ready; -1 when a file cannot be opened, a credentials
- * line is malformed, or no master is named. Logs a warning about a credentials file that everybody
- * may read. */
+ * SLAVE_DOWN_TIME, SLAVE_MAX_LAG, DB_MASTER and DB_SLAVE. 0 ready; -1 when a file cannot be opened,
+ * a credentials line is malformed, or no master is named. Logs a warning about a credentials file
+ * that everybody may read. */
 int qx_sql_pool_init_from_config_files(const char *credentials_file, const char *servers_file);
 
 /* Closes the pool; 0. */

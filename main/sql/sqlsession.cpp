@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
@@ -58,6 +59,18 @@ bool set_down_time(const char *value) noexcept {
   return true;
 }
 
+bool set_largest_lag(const char *value) noexcept {
+  const char *const end = value + std::strlen(value);
+  int seconds = -1;
+  const auto [stopped, error] = std::from_chars(value, end, seconds);
+  if (error == std::errc() && stopped == end && seconds >= 0) {
+    fr_sqlpool_largest_lag_set(seconds);
+  } else {
+    QX_LOG(FR_LOG_ERROR, "Invalid SLAVE_MAX_LAG [%s]: a number of seconds is expected.\n\n", value);
+  }
+  return true;
+}
+
 }  // namespace
 
 void qx_sql_pool_init(void) {
@@ -80,6 +93,8 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
   file.reset(servers_file == nullptr ? nullptr : std::fopen(servers_file, "re"));
   if (!file) return -1;
   for_each_value<set_down_time>(file.get(), "SLAVE_DOWN_TIME");
+  std::rewind(file.get());
+  for_each_value<set_largest_lag>(file.get(), "SLAVE_MAX_LAG");
   file.reset();
 
   if (fr_sql_shard_parse_connection_info(servers_file, nullptr, 1) != 0) {

@@ -115,6 +115,23 @@ bool answers_ping(MYSQL *mysql) {
   return failed == 0;
 }
 
+bool ask_in_time(MYSQL *mysql, std::string_view statement, sql_result &result) {
+  const deadline end(connect_timeout);
+  int failed = 1;
+  int events = mysql_real_query_start(&failed, mysql, statement.data(), statement.size());
+  while (events != 0) {
+    events = mysql_real_query_cont(&failed, mysql, wait_for(mysql, events, end));
+  }
+  if (failed != 0) return false;
+  MYSQL_RES *rows = nullptr;
+  events = mysql_store_result_start(&rows, mysql);
+  while (events != 0) {
+    events = mysql_store_result_cont(&rows, mysql, wait_for(mysql, events, end));
+  }
+  result.reset(rows);
+  return mysql_errno(mysql) == 0;
+}
+
 bool is_lost(MYSQL *mysql) {
   // Errors of the client itself leave the conversation at an unknown place, whatever their cause.
   const unsigned code = mysql_errno(mysql);

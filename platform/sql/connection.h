@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
 
 #include "platform/sql/handles.h"
 
@@ -38,6 +39,10 @@ bool is_closed_by_server(MYSQL *mysql);
 
 // Asks the server for a sign of life, within the time that connecting may take.
 bool answers_ping(MYSQL *mysql);
+
+// Runs a statement whose answer is short, within the time that connecting may take. False on a
+// failure, which mysql_error tells.
+bool ask_in_time(MYSQL *mysql, std::string_view statement, sql_result &result);
 
 // Lets go of a connection that another process goes on using, without a word to the server.
 void abandon(mysql_handle handle);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/base/process.h"
+#include "platform/sql/lag.h"
 
 namespace {
 
@@ -131,7 +132,14 @@ sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
       tried.push_back(next->server);
       continue;
     }
-    return {std::move(handle), next->server};
+    const lag_verdict verdict = judge_lag(shard, *next->server, handle.get());
+    if (verdict == lag_verdict::serves) return {std::move(handle), next->server};
+    tried.push_back(next->server);
+    if (verdict == lag_verdict::exceeds) {
+      return_connection(shard, {std::move(handle), next->server});
+    } else {
+      failed = std::move(handle);
+    }
   }
   return {std::move(failed), nullptr};
 }

@@ -19,13 +19,25 @@ struct idle_connection {
   sql_clock::time_point since;
 };
 
+enum class lag_state {
+  unknown,
+  fits,
+  exceeds,
+  untold  // the server does not say
+};
+
 // One line DB_MASTER or DB_SLAVE, with its state. Guarded by the lock of its shard.
 struct sql_server {
   sql_address address;
   bool is_master = false;
   // Until then nobody tries it; in the past for a server that is up.
-  sql_clock::time_point down_until;
-  std::vector<idle_connection> idle;  // the one used last is at the end
+  sql_clock::time_point down_until = {};
+  std::vector<idle_connection> idle = {};  // the one used last is at the end
+
+  // Of a slave, and only when a largest lag is set.
+  lag_state lag = lag_state::unknown;
+  sql_clock::time_point next_look = {};  // until then the verdict stays
+  sql_clock::time_point data_from = {};  // what was written before is there
 };
 
 // What the C face calls a shard. Servers are only ever added, so that a session may keep the
@@ -69,6 +81,7 @@ struct sql_pool {
 
   std::atomic<double> idle_limit = 60.0;  // seconds
   std::atomic<int> down_time = 30;        // seconds
+  std::atomic<int> largest_lag = -1;      // seconds; negative: slaves serve whatever their lag
   std::atomic<int> verbosity = 0;
 };
 

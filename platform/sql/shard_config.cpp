@@ -61,7 +61,7 @@ void add_server(const server_line &line, bool is_master) {
   for (const auto &shard : pool.shards) {
     if (shard->id != line.id) continue;
     const std::lock_guard shard_guard(shard->lock);
-    shard->servers.push_back({line.address, is_master, {}, {}});
+    shard->servers.push_back({.address = line.address, .is_master = is_master});
     return;
   }
   SQL_LOG(FR_LOG_WARNING, "No credentials for shard %s of SQL server %s.\n", line.id.c_str(),

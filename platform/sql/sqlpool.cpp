@@ -115,6 +115,7 @@ int fr_sqlpool_init_api(const void *reserved1, const void *reserved2, double idl
     sql_pool &pool = the_sql_pool();
     pool.idle_limit = idle_limit;
     pool.down_time = 30;
+    pool.largest_lag = -1;
     return 0;
   });
 }
@@ -125,6 +126,10 @@ void fr_sqlpool_verbosity_set(int level) {
 
 void fr_sqlpool_down_time_set(int seconds) {
   the_sql_pool().down_time = std::max(seconds, 0);
+}
+
+void fr_sqlpool_largest_lag_set(int seconds) {
+  the_sql_pool().largest_lag = seconds;
 }
 
 int fr_sqlpool_shard_add(fr_sql_shard_t *shard) {

@@ -37,6 +37,11 @@ void fr_sqlpool_verbosity_set(int level);
 /* Seconds for which an unreachable server is passed over; a negative number counts as 0. */
 void fr_sqlpool_down_time_set(int seconds);
 
+/* How many seconds a slave may be behind its master; one that is further behind is passed over, as
+ * is one whose replication stopped longer ago. A slave is asked every two seconds at most. A
+ * negative number, as at the start, takes slaves whatever their lag, and asks none. */
+void fr_sqlpool_largest_lag_set(int seconds);
+
 /* Parses "id:user:password:database" (the password may hold colons). The shard is the caller's
  * until fr_sqlpool_shard_add takes it; NULL, logged, when a field is missing. */
 fr_sql_shard_t *fr_sql_shard_parse_info(const char *value);

@@ -18,7 +18,8 @@ using std::chrono::milliseconds;
 constexpr milliseconds connect_timeout{500};  // for all servers together
 // After a failure.
 constexpr milliseconds pause{5000};
-constexpr milliseconds short_pause{500};  // of a patient client
+constexpr milliseconds fail_over_pause{1000};  // when all that was found is a replica
+constexpr milliseconds short_pause{500};       // of a patient client
 
 // The client's own levels are bits of a mask; syslog's are numbers.
 struct log_level {
@@ -81,6 +82,8 @@ void find_addresses(vk_server &server) {
   server.look_up = false;
 }
 
+constexpr std::string_view not_a_master = "not a master";
+
 // Logs in, asks for the role and takes the database, all in one exchange. Empty when the server
 // is ready for commands, else why it is not.
 std::string shake_hands(const vk_state &state, vk_connection &connection,
@@ -101,14 +104,21 @@ std::string shake_hands(const vk_state &state, vk_connection &connection,
     if (received != vk_io::ok) return describe(received);
     if (reply->type == REDIS_REPLY_ERROR) return "refused: " + std::string(reply->str, reply->len);
     // The last but one is the answer to ROLE. A replica would take no writes.
-    if (number == replies - 2 && !is_master(*reply)) return "not a master";
+    if (number == replies - 2 && !is_master(*reply)) return std::string(not_a_master);
   }
   return {};
 }
 
+enum class search {
+  found,
+  replica,  // one that answers: it may be the master soon
+  nobody
+};
+
 // Finds the master. Each server gets an even share of the time left, so that one that hangs cannot
 // hide the one after it.
-bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
+search connect_to_master(vk_state &state, vk_clock::time_point deadline) {
+  search result = search::nobody;
   size_t left = state.servers.size();
   for (vk_server &server : state.servers) {
     find_addresses(server);
@@ -121,19 +131,20 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
                 server.host.c_str());
       state.connection = std::move(connection);
       state.connected_by = process_generation();
-      return true;
+      return search::found;
     }
+    if (fault == not_a_master) result = search::replica;
     server.look_up = true;
     write_log(state, as_warning, "velkan: server %s (%s) is passed over: %s", server.name.c_str(),
               server.host.c_str(), fault.c_str());
   }
-  return false;
+  return result;
 }
 
 // The connection goes too: what it may still deliver answers a command nobody waits for.
-int give_up(vk_state &state, int code) {
+int give_up(vk_state &state, int code, milliseconds length = pause) {
   state.connection.reset();
-  const milliseconds length = state.is_patient ? short_pause : pause;
+  if (state.is_patient) length = short_pause;
   state.paused_until = vk_clock::now() + length;
   write_log(state, as_error, "velkan: %s; not asking for %g s", vk_strerror(code),
             static_cast<double>(length.count()) / 1000);
@@ -185,9 +196,11 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
   // A kept connection may have been closed while it idled; a second try on a new one tells.
   for (int attempt = 0; attempt < 2; attempt++) {
     const bool is_fresh = !state.connection;
-    if (is_fresh &&
-        !connect_to_master(state, std::min(deadline, vk_clock::now() + connect_timeout))) {
-      return give_up(state, VK_ERR_DOWN);
+    if (is_fresh) {
+      const search met =
+          connect_to_master(state, std::min(deadline, vk_clock::now() + connect_timeout));
+      if (met == search::replica) return give_up(state, VK_ERR_DOWN, fail_over_pause);
+      if (met == search::nobody) return give_up(state, VK_ERR_DOWN);
     }
     const vk_io result =
         state.connection->ask(command.bytes(), deadline, !is_fresh && may_be_patient, reply);

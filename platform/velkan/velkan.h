@@ -3,7 +3,8 @@
  * The servers of a client are one replicated group: it uses the first one that answers and is a
  * master, and moves on when that one is lost or turns read-only, so a fail-over needs no new
  * configuration. It connects at the first command (500 ms), and then gives each command 2 s. A
- * failure is followed by a pause of 5 s in which commands fail at once.
+ * failure is followed by a pause of 5 s in which commands fail at once; of 1 s when a replica
+ * answers and no master does, as during a fail-over.
  *
  * All waiting of a process, whatever its clients, has one budget: in any ten minutes commands take
  * no more than 5 s, and half a millisecond for each command, however slow the cache is or in what

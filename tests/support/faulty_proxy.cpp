@@ -27,7 +27,7 @@ bool proxy_answers(const server &proxy) {
 }  // namespace
 
 faulty_proxy::faulty_proxy(const std::string &endpoint, const fault_shares &shares)
-    : server({"proxy", proxy_argv, proxy_answers}, true, "") {
+    : server({"proxy", proxy_argv, proxy_answers}, {.tcp = true}) {
   std::ofstream(configuration_of(*this))
       << "defaults\n  mode http\n  timeout connect 5s\n  timeout client 60s\n"
       << "  timeout server 60s\nfrontend front\n  bind 127.0.0.1:" << port()

@@ -66,7 +66,7 @@ bool gateway_answers(const server &store) {
 
 }  // namespace
 
-object_store::object_store() : server({"store", gateway_argv, gateway_answers}, true, "") {
+object_store::object_store() : server({"store", gateway_argv, gateway_answers}, {.tcp = true}) {
   int attempts = 3;
   while (attempts > 0 && !set_up()) --attempts;
   if (attempts == 0) {

@@ -78,18 +78,22 @@ private_folder::~private_folder() {
   if (failure) run_process({"rm", "-rf", "--", path_.string()});
 }
 
-server::server(const kind &what, bool tcp, std::string password)
-    : kind_(what), folder_(what.name), password_(std::move(password)) {
+server::server(const kind &what, const server_options &options)
+    : kind_(what),
+      folder_(what.name),
+      password_(options.password),
+      arguments_(options.arguments) {
   if (socket().size() >= sizeof sockaddr_un{}.sun_path) {
     throw std::runtime_error("too long for a socket, set TMPDIR to a shorter folder: " + socket());
   }
-  if (tcp) bound_to_loopback(port_);
+  if (options.tcp) bound_to_loopback(port_);
 }
 
 void server::start() {
   process_options options = for_servers;
   options.log = folder() / "log";
-  const std::vector<std::string> argv = kind_.argv(*this);
+  std::vector<std::string> argv = kind_.argv(*this);
+  argv.insert(argv.end(), arguments_.begin(), arguments_.end());
   child_ = std::make_unique<background_process>(argv, options);
   for (const auto deadline = clock_type::now() + 60s; !kind_.answers(*this);) {
     if (child_->running() && clock_type::now() < deadline) {
@@ -174,7 +178,7 @@ static bool mariadb_answers(const server &asked) {
 }
 
 mariadb_server::mariadb_server(const server_options &options)
-    : server({"mariadb", mariadb_argv, mariadb_answers}, options.tcp, "") {
+    : server({"mariadb", mariadb_argv, mariadb_answers}, options) {
   std::filesystem::copy(from_testbed(template_variable), folder() / "data",
                         std::filesystem::copy_options::recursive);
   std::filesystem::create_directory(folder() / "tmp");
@@ -200,7 +204,7 @@ static bool redis_answers(const server &asked) {
 }
 
 redis_server::redis_server(const server_options &options)
-    : server({"redis", redis_argv, redis_answers}, options.tcp, options.password) {
+    : server({"redis", redis_argv, redis_answers}, options) {
   start();
 }
 

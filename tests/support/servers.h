@@ -35,6 +35,12 @@ class private_folder {
 // A TCP socket on a free port of 127.0.0.1, which it tells; it does not listen yet.
 unique_fd bound_to_loopback(int &port);
 
+struct server_options {
+  bool tcp = false;           // also listen on a free port of 127.0.0.1
+  std::string password = {};  // requirepass of a Redis
+  std::vector<std::string> arguments = {};  // behind the usual ones
+};
+
 // A server: how it is started, and a real ping. The socket is in its folder.
 class server {
  public:
@@ -64,19 +70,15 @@ class server {
     std::vector<std::string> (*argv)(const server &);
     bool (*answers)(const server &);
   };
-  server(const kind &what, bool tcp, std::string password);
+  server(const kind &what, const server_options &options);
 
  private:
   kind kind_;
   private_folder folder_;
   std::string password_;
+  std::vector<std::string> arguments_;
   int port_ = 0;
   std::unique_ptr<background_process> child_;
-};
-
-struct server_options {
-  bool tcp = false;           // also listen on a free port of 127.0.0.1
-  std::string password = {};  // requirepass of a Redis
 };
 
 struct mariadb_server : server {

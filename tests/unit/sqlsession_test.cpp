@@ -68,6 +68,25 @@ TEST_F(SqlSession, EverySlaveDownTimeIsAppliedAndTheLastOneStays) {
   }
 }
 
+TEST_F(SqlSession, ALargestLagIsANumberOfSecondsAndAsksSlavesOnlyWhenItIsSet) {
+  const std::tuple<const char *, size_t, size_t> rows[] = {{"", 0, 0},
+                                                           {"SLAVE_MAX_LAG 0\n", 0, 1},
+                                                           {"#SLAVE_MAX_LAG x\n", 0, 0},
+                                                           {"SLAVE_MAX_LAG", 1, 0},
+                                                           {"SLAVE_MAX_LAG -1\n", 1, 0},
+                                                           {"SLAVE_MAX_LAG 5s # or 6\n", 1, 0}};
+  log.expect(FR_LOG_ERROR, "Invalid SLAVE_MAX_LAG [5s]: a number of seconds is expected.");
+  log.expect(FR_LOG_ERROR, "Invalid SLAVE_MAX_LAG [");
+  const std::string slave = "DB_SLAVE" + master.substr(master.find(' '));
+  for (const auto &[text, invalid, asked] : rows) {
+    log.clear();
+    EXPECT_EQ(read_files("DB_CREDENTIALS " + credentials, master + slave + text), 0);
+    for (int i = 0; i < 2; i++) EXPECT_TRUE(sql_session()) << text;
+    EXPECT_EQ(log.count("Invalid SLAVE_MAX_LAG"), invalid) << text;
+    EXPECT_EQ(log.count("tells no lag and serves all the same: it is no replica"), asked) << text;
+  }
+}
+
 TEST_F(SqlSession, WhatIsMissingIsAFailureToldInItsOwnWay) {
   const std::string missing = box.path("missing");
   EXPECT_EQ(qx_sql_pool_init_from_config_files(pbx.c_str(), missing.c_str()), -1);
