@@ -32,7 +32,7 @@ class object_fetch {
  private:
   fetch_step get(int target);
   fetch_step after_absence();
-  fetch_step after_trouble(const s3_answer &answer, int target);
+  fetch_step after_trouble(const s3_answer &answer);
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
   bool is_whole(const s3_answer &answer, int target) const;
 
