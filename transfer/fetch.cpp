@@ -13,7 +13,8 @@ namespace {
 using namespace std::chrono_literals;
 using kind = fetch_step::kind;
 
-constexpr fetch_clock::duration patience = 30s;  // with a store in trouble, from the first try on
+constexpr fetch_clock::duration patience = 30s;      // with a store in trouble, without progress
+constexpr std::int64_t least_progress = 30 * 4096L;  // bytes
 constexpr fetch_clock::duration look_again = 500ms;  // at a location that rests
 constexpr fetch_clock::duration next_look = 200ms;   // at an object that is still to be uploaded
 constexpr double first_delay = 0.5, longest_delay = 5;
@@ -66,6 +67,10 @@ fetch_step object_fetch::get(int target) {
     return {kind::failed, {}, "the location is not configured"};
   }
   s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
+  if (const std::int64_t come = size_of(target); come >= furthest_ + least_progress) {
+    furthest_ = come;
+    begun_ = fetch_clock::now();
+  }
   if (from > 0 && answer.etag.empty()) answer.etag = etag_;
   const bool has_content = answer || answer.outcome == s3_outcome::unclear;
   if (from > 0 && has_content && answer.etag != etag_) {
