@@ -13,7 +13,8 @@ namespace {
 using namespace std::chrono_literals;
 using kind = fetch_step::kind;
 
-constexpr fetch_clock::duration patience = 30s;  // with a store in trouble, from the first try on
+constexpr fetch_clock::duration patience = 30s;      // with a store in trouble, without progress
+constexpr std::int64_t least_progress = 30 * 4096L;  // bytes
 constexpr fetch_clock::duration look_again = 500ms;  // at a location that rests
 constexpr fetch_clock::duration next_look = 200ms;   // at an object that is still to be uploaded
 constexpr double first_delay = 0.5, longest_delay = 5;
@@ -66,6 +67,16 @@ fetch_step object_fetch::get(int target) {
     return {kind::failed, {}, "the location is not configured"};
   }
   s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
+  if (const std::int64_t come = size_of(target); come >= furthest_ + least_progress) {
+    furthest_ = come;
+    begun_ = fetch_clock::now();
+  }
+  if (from > 0 && answer.etag.empty()) answer.etag = etag_;
+  const bool has_content = answer || answer.outcome == s3_outcome::unclear;
+  if (from > 0 && has_content && answer.etag != etag_) {
+    answer.outcome = s3_outcome::changed;
+    answer.text = "the store went on with another object";
+  }
   if (answer && !is_whole(answer, target)) {
     answer.outcome = s3_outcome::damaged;
     answer.text = "what came is not what is stored";
@@ -78,7 +89,7 @@ fetch_step object_fetch::get(int target) {
   if (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket") {
     return after_absence();
   }
-  return after_trouble(answer, target);
+  return after_trouble(answer);
 }
 
 // Its upload may still be queued, on any node, or may have ended between the two questions.
@@ -91,12 +102,12 @@ fetch_step object_fetch::after_absence() {
   return {kind::again, next_look};
 }
 
-fetch_step object_fetch::after_trouble(const s3_answer &answer, int target) {
+fetch_step object_fetch::after_trouble(const s3_answer &answer) {
   ++failures_;
   switch (answer.outcome) {
     case s3_outcome::unclear:
-      // It broke off: what came is the beginning, unless another object was asked for.
-      if (size_of(target) > 0 && !answer.etag.empty()) etag_ = answer.etag;
+      // It broke off: what came is the beginning.
+      etag_ = answer.etag;
       break;
     case s3_outcome::busy:
     case s3_outcome::unreachable:

@@ -32,7 +32,7 @@ class object_fetch {
  private:
   fetch_step get(int target);
   fetch_step after_absence();
-  fetch_step after_trouble(const s3_answer &answer, int target);
+  fetch_step after_trouble(const s3_answer &answer);
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
   bool is_whole(const s3_answer &answer, int target) const;
 
@@ -41,7 +41,8 @@ class object_fetch {
   s3_control &control_;
   const std::string location_text_, location_, key_;
   const std::chrono::seconds wait_;
-  fetch_clock::time_point begun_{};  // of the first try
+  fetch_clock::time_point begun_{};  // the first try, or the first after the last progress
+  std::int64_t furthest_ = 0;        // bytes that the target had then
   std::string etag_;                 // of what the target has the beginning of
   bool is_absent_ = false;           // and nothing is queued: asked once more before that counts
   int failures_ = 0;

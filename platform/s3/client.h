@@ -167,9 +167,10 @@ class s3_client {
   s3_answer head(std::string_view key);
   // Appends the object from byte `from` on to `fd`, which is positioned there by pwrite; `length`
   // of the answer is that of the whole object. With `if_match`, only the object with this ETag. The
-  // caller compares digests. An answer that breaks off is `unclear`: go on from what is there. A
-  // store that answers with the whole object has it written from byte 0 on. When nothing is left
-  // behind `from`, the outcome is done or `changed`, as the store tells the length or not.
+  // caller compares digests. An answer that breaks off is `unclear`: go on from what is there, with
+  // the ETag of that answer. A store that answers with the whole object has it written from byte 0
+  // on. When nothing is left behind `from`, the outcome is done or `changed`, as the store tells
+  // the length or not.
   s3_answer get(std::string_view key, int fd, std::int64_t from = 0,
                 const std::string &if_match = "");
   s3_answer remove(std::string_view key);                   // an absent object is done

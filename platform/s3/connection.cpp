@@ -241,9 +241,10 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
 
 void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
                                   s3_answer &answer) const {
+  // Also of an object that broke off: it tells of which one the beginning came.
+  if (running.status() / 100 == 2) answer.etag = s3_unquoted(running.header("ETag"));
   if (code != CURLE_OK) return judge_broken(running, code, answer);
   answer.status = running.status();
-  answer.etag = s3_unquoted(running.header("ETag"));
   answer.length = running.object_length();
   if (!running.header("Retry-After").empty()) {
     curl_off_t seconds = 0;

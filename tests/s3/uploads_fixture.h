@@ -85,6 +85,10 @@ class transfer_node {
   }
   ~transfer_node() { stop(); }
 
+  void move_to(const std::string &endpoint) {
+    settings.config.locations[0].endpoint = endpoint;
+    EXPECT_EQ(locations.configure(settings.config), "");
+  }
   void start() { workers.start(settings); }
   void stop() {
     control.stop = true;

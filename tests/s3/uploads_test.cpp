@@ -193,8 +193,7 @@ TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
   const support::scripted_server liar(
       support::http_answer("200 OK", "ETag: \"5d41402abc4b2a76b9719d911017c592\"\r\n"));
   transfer_node node(world, "n1");
-  node.settings.config.locations[0].endpoint = liar.endpoint();
-  ASSERT_EQ(node.locations.configure(node.settings.config), "");
+  node.move_to(liar.endpoint());
   node.start();
   node.commit(key, "not hello");
   ASSERT_TRUE(eventually([&] { return node.state.counters.upload_failures > 0; }));
