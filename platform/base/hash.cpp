@@ -13,6 +13,7 @@
 
 #include "platform/base/owner.h"
 
+// Only pointers into the table: freeing the array leaves the keys where they are.
 struct fr_array {
   std::vector<const void *> elements;
 };
@@ -25,6 +26,7 @@ struct fr_hash {
     std::unique_ptr<std::byte[]> value;
   };
 
+  // Runs under the lock when a value is replaced: it must not wait for another user of the table.
   fr_hash_destructor destroy_value = nullptr;
   std::deque<entry> entries;
   std::unordered_map<std::string_view, entry *> by_key;
@@ -35,6 +37,8 @@ struct fr_hash {
     return found == by_key.end() ? nullptr : found->second;
   }
 
+  // Strong guarantee: when memory is short, neither the deque nor the map has changed. An entry
+  // keeps its place in the order when its value is replaced.
   void put(std::string_view key, std::unique_ptr<std::byte[]> value) {
     if (entry *known = find(key)) {
       if (destroy_value != nullptr) destroy_value(known->value.get());
@@ -50,6 +54,7 @@ struct fr_hash {
     }
   }
 
+  // Runs without the lock: whoever destroys the table must be the last one to use it.
   ~fr_hash() {
     for (const entry &last : entries) {
       if (destroy_value != nullptr) destroy_value(last.value.get());
@@ -66,6 +71,7 @@ std::string_view key_view(const void *key, size_t length) {
 }  // namespace
 
 fr_hash_t *fr_hash_init_api(int key_kinds, fr_hash_destructor destroy_value) {
+  // Callers pass the number of kinds of key; no other number was ever given a meaning.
   if (key_kinds != 1) return nullptr;
   return no_throw<fr_hash_t *>(nullptr, [&] {
     auto table = std::make_unique<fr_hash>();
@@ -97,6 +103,7 @@ void *fr_hash_find(fr_hash_t *table, const void *key, size_t key_length) {
 
 int fr_hash_empty(fr_hash_t *table) {
   if (table == nullptr) return 1;
+  // A lock that fails counts as an empty table, which makes callers do nothing.
   return no_throw(1, [&] {
     const std::lock_guard lock(table->lock);
     return table->entries.empty() ? 1 : 0;
@@ -109,6 +116,7 @@ fr_array_t *fr_hash_getkeys(fr_hash_t *table) {
     const std::lock_guard lock(table->lock);
     auto keys = std::make_unique<fr_array>();
     keys->elements.reserve(table->entries.size());
+    // Keys are never removed, so these pointers hold until the table is destroyed.
     for (const fr_hash::entry &entry : table->entries) keys->elements.push_back(entry.key.data());
     return keys.release();
   });

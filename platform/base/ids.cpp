@@ -13,6 +13,7 @@ namespace {
 // False when there is no entry (errno is 0 then) or none can be had.
 template <class Entry, class Lookup>
 bool look_up(Lookup lookup, const char *name, Entry &entry, std::unique_ptr<char[]> &text) {
+  // ERANGE is the only error that more room can cure; it starts the loop and keeps it going.
   errno = ERANGE;
   for (size_t size = 1024; errno == ERANGE; size *= 2) {
     text = std::make_unique<char[]>(size);
@@ -25,6 +26,7 @@ bool look_up(Lookup lookup, const char *name, Entry &entry, std::unique_ptr<char
 
 }  // namespace
 
+// The user goes first: when the group is unknown, *uid has been written already.
 int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gid) {
   std::unique_ptr<char[]> text;
   if (user_name != nullptr && uid != nullptr) {

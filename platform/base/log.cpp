@@ -20,6 +20,7 @@
 
 namespace {
 
+// Null means syslog. Function and context are replaced together, under sink_lock.
 struct sink_setting {
   fr_log_sink sink = nullptr;
   void *context = nullptr;
@@ -29,6 +30,8 @@ sink_setting current_sink;
 // Held shared while a sink runs, so that a sink is never called after it was replaced.
 std::shared_mutex sink_lock;
 
+// Asks as the C library's syslog does: first by datagrams, then by a stream. Never blocks, so that
+// a daemon that hangs cannot hold up the thread that logs.
 bool connects(int socket_type) {
   const unique_fd probe(::socket(AF_UNIX, socket_type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!probe) return false;
@@ -38,6 +41,7 @@ bool connects(int socket_type) {
   return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
+// The coarse clock needs no system call, and this runs for each message.
 int64_t coarse_seconds() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -46,6 +50,8 @@ int64_t coarse_seconds() {
 
 // Whether a syslog daemon listens, looked up at most once a second.
 bool syslog_reachable() {
+  // One thread probes while others wait for its answer. Release and acquire of `probed_at` make the
+  // answer visible together with its time.
   static std::mutex probing;
   static std::atomic<int64_t> probed_at{-1};
   static std::atomic<bool> reachable{false};
@@ -61,11 +67,13 @@ bool syslog_reachable() {
   return reachable.load(std::memory_order_relaxed);
 }
 
+// The name is not copied by openlog; this one lives as long as the process.
 void open_syslog() {
   static std::once_flag opened;
   std::call_once(opened, [] { ::openlog(program_invocation_short_name, LOG_PID, LOG_USER); });
 }
 
+// Messages end with a newline by custom, and syslog sets its own line ends.
 __attribute__((format(printf, 1, 0))) c_string format_message(const char *format, va_list args) {
   c_string text = vformat_text(format, args);
   if (!text) return nullptr;
@@ -76,6 +84,7 @@ __attribute__((format(printf, 1, 0))) c_string format_message(const char *format
 
 void log_message(fr_log_record record, const char *format, va_list args) {
   const std::shared_lock lock(sink_lock);
+  // Where nobody listens, as in a container, a message is not even formatted.
   if (current_sink.sink == nullptr && !syslog_reachable()) return;
   const c_string text = format_message(format, args);
   if (!text) return;
@@ -92,6 +101,7 @@ void log_message(fr_log_record record, const char *format, va_list args) {
 
 void fr_log_impl(const char *file, int line, const char *function, int channel, int priority,
                  const char *format, ...) {
+  // Callers log in the middle of handling a failure and look at errno afterwards.
   const int saved_errno = errno;
   va_list args;
   va_start(args, format);

@@ -8,6 +8,7 @@
 
 namespace {
 
+// Follows links: an administrator may have put a folder elsewhere. errno tells why not.
 bool is_directory(const char *path) {
   struct stat status {};
   if (::stat(path, &status) != 0) return false;
@@ -38,9 +39,11 @@ int make_directories(const char *path, mode_t mode,
   for (size_t slash = missing.find('/', 1); slash != missing.npos;
        slash = missing.find('/', slash + 1)) {
     missing[slash] = '\0';
+    // From the top down: a directory can only be made in one that is there.
     const int error = make_directory(missing.c_str(), mode, finish);
     if (error != 0) return error;
     missing[slash] = '/';
   }
+  // A path with a slash at its end had its last component made by the loop.
   return missing.ends_with('/') ? 0 : make_directory(missing.c_str(), mode, finish);
 }

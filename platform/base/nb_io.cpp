@@ -64,6 +64,8 @@ class no_sigpipe {
   bool was_pending_;
 };
 
+// A socket takes the flag for this one call, so its mode stays untouched for all who share it.
+// ENOTSOCK tells a pipe or a file, which has no such flag.
 ssize_t read_now(int fd, void *buffer, size_t length) noexcept {
   const ssize_t received = ::recv(fd, buffer, length, MSG_DONTWAIT);
   if (received >= 0 || errno != ENOTSOCK) return received;
@@ -103,10 +105,12 @@ int fr_connect_nb_unix(const char *path, float timeout) {
   // A Unix socket in non-blocking mode is refused by a full queue and never tells when there is
   // room; the send timeout bounds the blocking wait for it instead.
   do {
+    // Each try is given what is left of the time; at least 1 ms, as 0 would mean no limit.
     const int left = std::max(end.milliseconds_left(), 1);
     const timeval limit{left / 1000, left % 1000 * 1000};
     if (::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) return -1;
     if (::connect(socket.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) {
+      // The caller gets a socket that waits without a limit, as the contract says.
       const timeval none{};
       if (::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none) != 0) return -1;
       return socket.release();
@@ -137,6 +141,7 @@ int fr_write_nb_full(int fd, const void *buffer, size_t length, float timeout) {
     }
     rest += written;
     length -= static_cast<size_t>(written);
+    // A peer that takes a byte at a time would pass every single wait.
     if (length > 0 && end.passed()) {
       errno = ETIMEDOUT;
       return -1;

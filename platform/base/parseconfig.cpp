@@ -13,6 +13,7 @@ std::string_view next_word(std::string_view &rest) {
   return word;
 }
 
+// Every line is compared with every entry: a later line overwrites what an earlier one set.
 int read_entries(line_reader &lines, const parseconfig_entry *entries, size_t count) {
   while (const auto line = lines.next()) {
     const parseconfig_line found = split_config_line(*line);
@@ -31,6 +32,7 @@ parseconfig_line split_config_line(std::string_view line) {
   std::string_view rest = trimmed(line);
   if (rest.starts_with('#')) return {};
   const std::string_view keyword = next_word(rest);
+  // The "=" counts only as a word of its own: "=a" is a value that begins with it.
   std::string_view value = rest;
   if (next_word(rest) == "=") value = rest;
   if (value.size() >= 2 && value.starts_with('"') && value.ends_with('"')) {

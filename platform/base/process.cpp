@@ -8,6 +8,8 @@
 
 namespace {
 
+// Grows in each child from its parent's value, so parent and child never have the same one.
+// Siblings may; they share nothing that their parent did not have.
 std::atomic<long> forks{0};
 
 }  // namespace

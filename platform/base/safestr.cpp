@@ -9,6 +9,7 @@ safestr_t safestr_create(const char *text, size_t length) {
   if (text == nullptr) return nullptr;
   auto *block = static_cast<char *>(std::malloc(sizeof length + length + 1));
   if (block == nullptr) return nullptr;
+  // Copied, not assigned: the same bytes are read back from a char pointer, without a cast.
   std::memcpy(block, &length, sizeof length);
   safestr_t safestr = block + sizeof length;
   std::memcpy(safestr, text, length);

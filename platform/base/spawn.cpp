@@ -55,6 +55,8 @@ class launch_plan {
     return 0;
   }
 
+  // posix_spawn and not fork: a host may have much memory, whose tables fork would copy. argv[0]
+  // must be a path; PATH is not searched.
   int run(char *const argv[], pid_t *pid) noexcept {
     return ::posix_spawn(pid, argv[0], &actions_, &attributes_, argv, environ);
   }
@@ -72,8 +74,11 @@ struct running_children {
   std::vector<pid_t> children;
 };
 
+// Threads of the host may still start programs while the process exits.
 constinit never_destroyed<running_children> left_behind;
 
+// Only pids of this list are waited for: the host's own children are none of our business. waitpid
+// gives 0 for one that runs on, and -1 for one that is gone already.
 void reap_left_behind() noexcept {
   const std::lock_guard guard(left_behind->lock);
   std::erase_if(left_behind->children,
@@ -85,6 +90,7 @@ enum class child_state { reaped, running, lost };
 child_state reap_within(pid_t pid, float seconds) noexcept {
   using std::chrono::milliseconds;
   const deadline end(seconds);
+  // From 1 ms up to 20 ms: most programs end at once, and a slow one costs no busy loop.
   milliseconds nap(1);
   for (;;) {
     const pid_t ended = ::waitpid(pid, nullptr, WNOHANG);
@@ -104,10 +110,12 @@ pid_t fr_spawn_async_piped(char *const argv[], int *output) {
     errno = EINVAL;
     return -1;
   }
+  // The only moment at which late children are collected; no thread and no signal does it.
   reap_left_behind();
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0) return -1;
   unique_fd reading(ends[0]);
+  // Closed here on return: the reader finds the end of the output when the child ends.
   const unique_fd writing(ends[1]);
   launch_plan plan;
   pid_t pid = -1;

@@ -14,6 +14,7 @@
 char *fr_str_trim(char *text, int mode) noexcept {
   if (text == nullptr) return nullptr;
   size_t length = std::strlen(text);
+  // The end goes first, so that the move below has fewer bytes to carry.
   if ((mode & FR_TRIM_END) != 0) {
     while (length > 0 && is_space(text[length - 1])) --length;
     text[length] = '\0';

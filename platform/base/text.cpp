@@ -23,6 +23,7 @@ c_string format_text(const char *format, ...) noexcept {
 
 c_string vformat_text(const char *format, va_list arguments) noexcept {
   char *text = nullptr;
+  // vasprintf leaves its pointer undefined on failure, so nothing is freed then.
   if (format == nullptr || ::vasprintf(&text, format, arguments) < 0) return nullptr;
   return c_string(text);
 }

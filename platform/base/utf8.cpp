@@ -16,13 +16,16 @@ size_t character_length(std::string_view text) {
   const unsigned lead = byte(0);
   if (lead == 0) return 0;
   if (lead < 0x80) return 1;
+  // 0xc0 and 0xc1 could only begin overlong forms.
   if (lead >= 0xc2 && lead <= 0xdf) return continues(1) ? 2 : 0;
   if (lead >= 0xe0 && lead <= 0xef) {
     if (!continues(1) || !continues(2)) return 0;
+    // Below 0xe0 0xa0 is overlong; above 0xed 0x9f are the surrogates.
     return (lead == 0xe0 && byte(1) < 0xa0) || (lead == 0xed && byte(1) > 0x9f) ? 0 : 3;
   }
   if (lead >= 0xf0 && lead <= 0xf4) {
     if (!continues(1) || !continues(2) || !continues(3)) return 0;
+    // Below 0xf0 0x90 is overlong; 0xf4 0x8f begins the last characters, up to U+10FFFF.
     return (lead == 0xf0 && byte(1) < 0x90) || (lead == 0xf4 && byte(1) > 0x8f) ? 0 : 4;
   }
   return 0;
@@ -43,6 +46,7 @@ std::string valid_utf8(std::string_view text) {
 char32_t first_character(std::string_view text, size_t &length) {
   const size_t valid = character_length(text);
   length = std::max<size_t>(valid, 1);
+  // By length: the bits of the first byte that belong to the character.
   static constexpr unsigned lead_bits[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
   char32_t character = static_cast<unsigned char>(text[0]) & lead_bits[valid];
   for (size_t i = 1; i < length; ++i) {

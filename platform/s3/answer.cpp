@@ -15,6 +15,8 @@ struct meaning {
   const char *advice;  // null where the store's own message is all there is to say
 };
 
+// The store's code says more than the HTTP status: a 403 may be a right or a clock. Sorted by name.
+// Codes that are not here are judged by their status alone.
 constexpr std::array meanings{
     meaning{"AccessDenied", s3_outcome::refused, "the access key has not the right to do this"},
     meaning{"BadDigest", s3_outcome::damaged, nullptr},
@@ -40,6 +42,8 @@ constexpr std::array meanings{
     meaning{"XAmzContentSHA256Mismatch", s3_outcome::damaged, nullptr},
 };
 
+// 412 and 304 are failed conditions, 416 a range behind the end: the object has changed. 409 tells
+// of another request that is under way.
 s3_outcome outcome_of(long status) {
   if (status / 100 == 2) return s3_outcome::done;
   if (status == 404) return s3_outcome::not_found;
@@ -49,6 +53,7 @@ s3_outcome outcome_of(long status) {
 }
 
 std::string clock_advice(const s3_circumstances &known) {
+  // The store's time is that of its header Date; a proxy may have taken it away.
   if (known.store_time < 0) return "the clocks here and of the store differ: set the time here";
   const long long ahead = static_cast<long long>(known.now) - known.store_time;
   return "the clock here is " + std::to_string(std::abs(ahead)) + " s " +
@@ -56,6 +61,7 @@ std::string clock_advice(const s3_circumstances &known) {
 }
 
 std::string region_advice(const s3_error_document &error, const s3_circumstances &known) {
+  // The error document names the region in some stores, a header in others.
   const std::string region =
       error.region.empty() ? std::string(known.region_of_bucket) : error.region;
   if (!region.empty() && region != known.region) {
@@ -66,6 +72,7 @@ std::string region_advice(const s3_error_document &error, const s3_circumstances
   return "the bucket is in another region or at another endpoint: correct them";
 }
 
+// Redirects are not followed: the signature covers the host, and would not hold there.
 std::string advice_for(const s3_answer &answer, const s3_error_document &error,
                        const s3_circumstances &known, const meaning *meant) {
   if (answer.code == "RequestTimeTooSkewed") return clock_advice(known);
@@ -82,6 +89,7 @@ std::string advice_for(const s3_answer &answer, const s3_error_document &error,
 }  // namespace
 
 std::string s3_one_line(std::string_view text) {
+  // Cut before it is looked at: the text is the store's and may be megabytes long.
   std::string line(text.substr(0, 300));
   std::replace_if(
       line.begin(), line.end(),
@@ -95,6 +103,7 @@ void s3_damage(s3_answer &answer, const char *text) {
 }
 
 void s3_compare_etag(s3_answer &answer, std::string_view expected) {
+  // The store hashed what it has, so this finds any byte that changed on the way.
   if (answer && answer.etag != expected) {
     s3_damage(answer,
               "answers with another checksum than was sent; "
@@ -113,6 +122,7 @@ void s3_judge(s3_answer &answer, std::string_view document, const s3_circumstanc
   s3_error_document error;
   const bool told = s3_read_error(document, error);
   answer.outcome = outcome_of(answer.status);
+  // Some requests are answered with 200 before the work is done, and fail in the body.
   if (answer.outcome == s3_outcome::done && !told) return;
 
   answer.code = s3_one_line(error.code);

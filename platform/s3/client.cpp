@@ -23,6 +23,7 @@ s3_answer s3_client::put(std::string_view key, const s3_body &body, const s3_met
                                      .headers = s3_metadata_headers(metadata),
                                      .file = &body})
                          .answer;
+  // Without that comparison an upload would count as stored on the word of a status line.
   s3_compare_etag(answer, s3_hex(body.md5));
   if (answer) answer.length = body.length;
   return answer;
@@ -38,6 +39,7 @@ s3_answer s3_client::get(std::string_view key, int fd, std::int64_t from,
                          const std::string &if_match) {
   s3_request request{.key = std::string(key), .to = fd, .from = from};
   if (from > 0) request.headers.emplace_back("range", "bytes=" + std::to_string(from) + "-");
+  // A download that goes on must not join the halves of two different objects.
   if (!if_match.empty()) request.headers.emplace_back("if-match", "\"" + if_match + "\"");
   s3_answer answer = connection_->exchange(request).answer;
   // All of it was there already.

@@ -14,6 +14,7 @@ using url_owner = std::unique_ptr<CURLU, call_to_release<curl_url_cleanup>>;
 using curl_text = std::unique_ptr<char, call_to_release<curl_free>>;
 
 constexpr int look_every_ms = 200;  // for the stop flag and a stall
+// Bytes. Above it the request asks with "Expect: 100-continue" before it sends its body.
 constexpr std::int64_t send_unasked = 1 << 20;
 
 std::string part_of(CURLU *url, CURLUPart part) {
@@ -46,6 +47,8 @@ s3_pairs s3_metadata_headers(const s3_metadata &metadata) {
   return headers;
 }
 
+// libcurl's list is built over the lines themselves, so that nothing has to be freed. It holds
+// until the next change of the lines.
 curl_slist *s3_header_lines::list() {
   nodes_.resize(lines_.size());
   for (size_t i = 0; i < lines_.size(); ++i) {
@@ -56,11 +59,13 @@ curl_slist *s3_header_lines::list() {
 
 s3_client::connection::connection(s3_place place, s3_control &control)
     : place_(std::move(place)), control_(control), signer_(place_.credentials, place_.region) {
+  // A place that cannot be used leaves both handles empty; `exchange` then says so.
   static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (ready != CURLE_OK || !read_endpoint()) return;
   multi_.reset(curl_multi_init());
   easy_.reset(curl_easy_init());
   if (!multi_ || !easy_) return;
+  // One place, one connection: with more, idle ones would only pile up at the store.
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 1L);
   prepare();
 }
@@ -75,6 +80,7 @@ bool s3_client::connection::read_endpoint() {
   host_ = part_of(url.get(), CURLUPART_HOST);
   base_ = part_of(url.get(), CURLUPART_PATH);
   while (base_.ends_with('/')) base_.pop_back();
+  // A user or a query in the endpoint would be signed wrongly or dropped in silence.
   const bool plain = part_of(url.get(), CURLUPART_USER).empty() &&
                      part_of(url.get(), CURLUPART_QUERY).empty() && !host_.empty();
   if (!plain || (scheme != "http" && scheme != "https") || place_.bucket.empty()) return false;
@@ -83,6 +89,7 @@ bool s3_client::connection::read_endpoint() {
   } else {
     base_ += "/" + s3_path_text(place_.bucket);
   }
+  // libcurl leaves a default port out of the header Host, and the signature covers that header.
   if (!port.empty() && port != (scheme == "https" ? "443" : "80")) host_ += ":" + port;
   origin_.append(scheme).append("://").append(host_);
   return true;
@@ -102,6 +109,7 @@ s3_header_lines s3_client::connection::signed_headers(const s3_request &request,
     to_sign.headers.emplace_back("content-md5", s3_base64(s3_md5(request.text)));
   }
   if (!digest.empty()) to_sign.payload = digest;
+  // The store demands that these are signed. Here each header is, but Expect.
   to_sign.headers.emplace_back("host", host_);
   to_sign.headers.emplace_back("x-amz-content-sha256", to_sign.payload);
   to_sign.headers.emplace_back("x-amz-date", timestamp);
@@ -133,6 +141,7 @@ void s3_client::connection::prepare() {
   curl_easy_setopt(handle, CURLOPT_USERAGENT, "spoolcap");
   // No proxy that the environment names: a check by hand and the service would differ.
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
+  // The process has many threads, and a signal for a timeout would hit any of them.
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
@@ -163,6 +172,8 @@ void s3_client::connection::set_options(s3_exchange &running, const s3_request &
   message_[0] = '\0';
 }
 
+// The multi interface runs a single request here. It returns control every 200 ms, which the plain
+// call does not, so that the stop flag and the limits are looked at.
 CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
   CURLM *multi = multi_.get();
   if (curl_multi_add_handle(multi, easy_.get()) != CURLM_OK) return CURLE_FAILED_INIT;
@@ -187,6 +198,7 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
       break;
     }
   }
+  // The callbacks also abort on the flag; libcurl then reports an error of its own.
   stopped = stopped || (result != CURLE_OK && control_.stop);
   curl_multi_remove_handle(multi, easy_.get());
   return result;
@@ -201,6 +213,7 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
                   s3_one_line(place_.bucket) + "\" are no place in an object store";
     return reply;
   }
+  // The same path and query are signed and sent: encoding them twice could differ.
   std::string path = base_;
   if (!request.of_bucket) path += s3_path_text("/" + place_.prefix + request.key);
   if (path.empty()) path = "/";
@@ -238,6 +251,7 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
     answer.retry_after = std::chrono::seconds(std::clamp<curl_off_t>(seconds, 0, 3600));
   }
   read_metadata(answer.metadata);
+  // Success with a body goes to the judge too: the body may be a document of an error.
   if (answer.status / 100 == 2 && running.body.empty()) {
     answer.outcome = s3_outcome::done;
     return;
@@ -252,6 +266,7 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
 }
 
 void s3_client::connection::read_metadata(std::map<std::string, std::string> &metadata) const {
+  // Header names come in any case, as HTTP/1.1 allows; callers get lower case.
   constexpr std::string_view marker = "x-amz-meta-";
   for (curl_header *header = nullptr;
        (header = curl_easy_nextheader(easy_.get(), CURLH_HEADER, -1, header)) != nullptr;) {
@@ -273,9 +288,11 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
     answer.text = std::string("the file here: ") + ::strerrordesc_np(answer.error);
     return;
   }
+  // Not a byte of the request went out: so nothing can have happened in the store.
   long sent = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent);
   answer.outcome = sent == 0 ? s3_outcome::unreachable : s3_outcome::unclear;
+  // Our own callback refused the answer, so there was one, and it was wrong.
   if (code == CURLE_WRITE_ERROR && running.fault != nullptr) {
     answer.outcome = s3_outcome::damaged;
     answer.status = running.status();

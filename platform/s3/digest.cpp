@@ -34,6 +34,7 @@ const EVP_MD *sha256() {
   return kind;
 }
 
+// Short memory throws, as everywhere inside; errno is kept for trouble with the file.
 digest_owner new_digest() {
   digest_owner digest(EVP_MD_CTX_new());
   if (!digest) throw std::bad_alloc();
@@ -53,6 +54,7 @@ std::string end_digest(const digest_owner &digest) {
 }
 
 std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
+  // A signature takes several digests; one context for each thread spares making them anew.
   thread_local const digest_owner digest = new_digest();
   begin_digest(digest, kind);
   EVP_DigestUpdate(digest.get(), bytes.data(), bytes.size());
@@ -62,6 +64,7 @@ std::string digest_of(std::string_view bytes, const EVP_MD *kind) {
 }  // namespace
 
 bool s3_digest(s3_body &body, const std::atomic<bool> *stop, s3_digests wanted) {
+  // 128 KiB: large enough to make few calls, small enough to stay in the processor's cache.
   constexpr std::int64_t at_once = 128 << 10;
   const bool with_md5 = wanted != s3_digests::sha256, with_sha256 = wanted != s3_digests::md5;
   const digest_owner md5_of = new_digest(), sha256_of = new_digest();
@@ -70,6 +73,7 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop, s3_digests wanted) 
   std::vector<char> buffer(static_cast<size_t>(std::min(body.length, at_once)));
   for (std::int64_t done = 0; done < body.length;) {
     if (stop != nullptr && *stop) {
+      // The caller tells a stop from a bad disk by this.
       errno = ECANCELED;
       return false;
     }
@@ -77,6 +81,7 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop, s3_digests wanted) 
     const ssize_t read = ::pread(body.fd, buffer.data(), most, body.offset + done);
     if (read < 0) return false;
     if (read == 0) {
+      // The file is shorter than it was when its length was taken.
       errno = EIO;
       return false;
     }

@@ -42,6 +42,8 @@ double seconds_of(const char *text) {
   return static_cast<double>(::timegm(&parts)) + fraction;
 }
 
+// Listings are asked for with encoding-type=url, as XML cannot carry every byte of a key. A "%"
+// without two digits stays as it is, and "+" is a blank.
 std::string decoded(std::string_view text) {
   std::string result;
   for (size_t i = 0; i < text.size(); ++i) {
@@ -62,11 +64,13 @@ bool read_key(const pugi::xml_node &listing, const pugi::xml_node &entry,
               const s3_prefixes &prefixes, std::string &key) {
   key = entry.child_value("Key");
   if (std::strcmp(listing.child_value("EncodingType"), "url") == 0) key = decoded(key);
+  // A store that lists other keys must not make the caller delete or count them.
   if (!key.starts_with(prefixes.of_place)) return false;
   key.erase(0, prefixes.of_place.size());
   return key.starts_with(prefixes.of_keys);
 }
 
+// Line ends and tabs go as numbers, because a parser would turn them into blanks.
 void append_element(std::string &to, const char *name, std::string_view text) {
   to.append("<").append(name).append(">");
   for (const char byte : text) {
@@ -126,6 +130,7 @@ bool s3_read_objects(std::string_view text, const s3_prefixes &prefix,
   }
   const bool more = document->child("IsTruncated").text().as_bool();
   next = more ? document->child_value("NextContinuationToken") : "";
+  // A listing that goes on, but names no next page, is not whole.
   return !more || !next.empty();
 }
 
@@ -163,6 +168,7 @@ bool s3_read_failed(std::string_view text, std::string_view prefix,
   for (const pugi::xml_node &entry : document->children("Error")) {
     s3_failed_key one{.key = {}, .code = entry.child_value("Code")};
     if (!read_key(*document, entry, {prefix, ""}, one.key)) return false;
+    // An object that is not there is what was wanted.
     if (one.code != "NoSuchKey") failed.push_back(std::move(one));
   }
   return true;
@@ -180,6 +186,7 @@ std::string s3_complete_document(const std::vector<s3_part> &parts) {
 }
 
 std::string s3_remove_document(std::string_view prefix, const std::vector<std::string> &keys) {
+  // Quiet: the answer names failures only, so 1,000 removals make a short document.
   std::string text = "<Delete><Quiet>true</Quiet>";
   for (const std::string &key : keys) {
     text += "<Object>";

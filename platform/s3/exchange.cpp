@@ -18,6 +18,7 @@ namespace {
 // A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
 constexpr std::size_t longest_document = std::size_t{8} << 20;
 
+// All of the text must be a number: half a length would be worse than none.
 std::int64_t number(std::string_view text) {
   std::int64_t value = -1;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -39,6 +40,7 @@ struct content_range {
 
 }  // namespace
 
+// libcurl calls both on the thread that runs the request. No exception may pass through it.
 std::size_t s3_exchange::give(char *to, std::size_t size, std::size_t count, void *self) {
   return static_cast<s3_exchange *>(self)->give_bytes(to, size * count);
 }
@@ -63,6 +65,7 @@ std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
   } else {
     const ssize_t read = ::pread(request_.file->fd, to, room, request_.file->offset + given_);
     if (read <= 0) {
+      // The file ended early; the length was announced, so the request cannot be finished.
       error = read < 0 ? errno : EIO;
       return CURL_READFUNC_ABORT;
     }
@@ -75,6 +78,7 @@ std::size_t s3_exchange::give_bytes(char *to, std::size_t room) {
 
 std::size_t s3_exchange::take_bytes(std::string_view bytes) {
   if (!pace(bytes.size())) return 0;
+  // Error documents go to memory even when a file was wanted: the file takes the object only.
   control_.received += bytes.size();
   const bool to_file = request_.to >= 0 && status() / 100 == 2;
   if (to_file) return find_start() && write_all(bytes) ? bytes.size() : 0;

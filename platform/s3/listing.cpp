@@ -16,6 +16,7 @@ s3_listing s3_client::list(std::string_view prefix, const std::string &token, in
   if (!listing.answer) return listing;
   const bool whole =
       s3_read_objects(reply.body, {place_prefix, prefix}, listing.objects, listing.next);
+  // The same token again would make the caller ask for this page for ever.
   if (!whole || (!token.empty() && listing.next == token)) {
     s3_damage(listing.answer, "the answer is no listing of what was asked for");
     listing.objects.clear();
@@ -41,6 +42,7 @@ s3_removal s3_client::remove(const std::vector<std::string> &keys) {
 }
 
 s3_upload_listing s3_client::uploads(std::string_view prefix) {
+  // 20 pages of 1,000. The sweep runs again, so the rest is found the next day.
   constexpr int most_pages = 20;
   const std::string &place_prefix = connection_->place().prefix;
   s3_upload_listing listing;
@@ -65,6 +67,7 @@ s3_upload_listing s3_client::uploads(std::string_view prefix) {
       listing.uploads.clear();
       break;
     }
+    // An empty page that claims to go on would be asked for again without end.
     more &= listing.uploads.size() > before;
   }
   return listing;

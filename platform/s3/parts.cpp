@@ -6,6 +6,7 @@
 
 namespace {
 
+// The protocol's own limit of parts in an object.
 constexpr int most_parts = 10'000;
 
 // The ETag of the whole object: the MD5 of the parts' MD5s, and their number. Empty when an ETag of
@@ -58,6 +59,7 @@ s3_part_listing s3_client::parts(std::string_view key, const std::string &upload
     if (!listing.answer) return listing;
     const bool whole = s3_read_parts(reply.body, listing.parts, next);
     if (whole && next == 0) return listing;
+    // Markers must rise: otherwise a faulty store keeps this loop running.
     if (!whole || next <= marker || next > most_parts) {
       s3_damage(listing.answer, "the answer is no listing of parts");
       return listing;

@@ -26,6 +26,7 @@ bool stays(char byte) {
          (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == '_' || byte == '~';
 }
 
+// Digits in upper case, and "%20" for a blank: the store encodes by the same rules.
 std::string encoded(std::string_view text, bool slash_stays) {
   constexpr char digits[] = "0123456789ABCDEF";
   std::string result;
@@ -77,6 +78,7 @@ std::string s3_query(s3_pairs parameters) {
     name = s3_query_text(name);
     value = s3_query_text(value);
   }
+  // Sorted after encoding: the order is that of the encoded bytes.
   std::sort(parameters.begin(), parameters.end());
   std::string query;
   for (const auto &[name, value] : parameters) {
@@ -98,6 +100,7 @@ s3_signer::s3_signer(s3_credentials credentials, std::string region, std::string
       region_(std::move(region)),
       service_(std::move(service)) {}
 
+// Four HMACs make the key of a day; it is kept, since each request needs it.
 const std::string &s3_signer::key_of(std::string_view day) {
   if (day_ != day) {
     day_ = day;
@@ -110,6 +113,8 @@ const std::string &s3_signer::key_of(std::string_view day) {
 std::string s3_signer::authorization(s3_unsigned &request, std::string_view timestamp) {
   std::sort(request.headers.begin(), request.headers.end());
   std::string names;
+  // The canonical request: method, path, query, headers, their names, digest of the body. One line
+  // each, with an empty line behind the headers.
   std::string canonical(request.method);
   canonical.reserve(1024);
   canonical.append("\n").append(request.path).append("\n").append(request.query).append("\n");
@@ -123,6 +128,7 @@ std::string s3_signer::authorization(s3_unsigned &request, std::string_view time
   canonical.append("\n").append(names).append("\n").append(request.payload);
 
   const std::string_view day = timestamp.substr(0, 8);
+  // The scope ties the signature to day, region and service, so it holds nowhere else.
   std::string scope(day);
   scope.append("/").append(region_).append("/").append(service_).append("/aws4_request");
   std::string to_sign(algorithm);

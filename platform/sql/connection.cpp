@@ -27,6 +27,7 @@ void set_options(MYSQL *mysql, const sql_address &address) {
   mysql_options(mysql, MYSQL_OPT_READ_TIMEOUT, &statement_timeout);
   mysql_options(mysql, MYSQL_OPT_WRITE_TIMEOUT, &statement_timeout);
   mysql_options(mysql, MYSQL_OPT_PROTOCOL, &protocol);
+  // A server could otherwise ask this process for any file that it may read.
   mysql_options(mysql, MYSQL_OPT_LOCAL_INFILE, &off);
   mysql_options(mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
 }
@@ -61,6 +62,7 @@ bool connect_in_time(MYSQL *mysql, const sql_credentials &credentials, const sql
   const deadline end(connect_timeout);
   const bool local = address.is_socket();
   MYSQL *connected = nullptr;
+  // CLIENT_MULTI_RESULTS lets stored procedures answer; several statements in one stay forbidden.
   int events = mysql_real_connect_start(
       &connected, mysql, local ? nullptr : address.host.c_str(), credentials.user.c_str(),
       credentials.password.c_str(), credentials.database.c_str(), address.port,
@@ -87,6 +89,7 @@ bool open_connection(mysql_handle &handle, const sql_credentials &credentials,
   return true;
 }
 
+// An idle server says nothing, so any input on the socket means the end.
 bool is_closed_by_server(MYSQL *mysql) {
   pollfd socket = {static_cast<int>(mysql_get_socket(mysql)), POLLIN, 0};
   return ::poll(&socket, 1, 0) != 0;
@@ -133,5 +136,6 @@ bool is_lost(MYSQL *mysql) {
 void set_error(MYSQL *mysql, unsigned code, const char *text) noexcept {
   mysql->net.last_errno = code;
   std::snprintf(mysql->net.last_error, sizeof mysql->net.last_error, "%s", text);
+  // HY000 is the general error of SQL; callers look at the number and the text.
   std::snprintf(mysql->net.sqlstate, sizeof mysql->net.sqlstate, "%s", "HY000");
 }

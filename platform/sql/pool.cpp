@@ -15,6 +15,7 @@ using std::chrono::seconds;
 // that costs nothing, and one that let its caller wait is passed over for no longer than this.
 constexpr seconds longest_master_pause{5};
 constexpr seconds slow_failure{1};
+// So short a time that a look at the socket would tell nothing new.
 constexpr std::chrono::milliseconds just_used{2};
 
 // What the search below decided to try next.
@@ -26,6 +27,7 @@ struct attempt {
 // Servers that were tried in vain in one search.
 using tried_list = std::vector<const sql_server *>;
 
+// Called with the lock of the shard held: `down_until` is written by other threads.
 bool may_try(const sql_server &server, const tried_list &tried, sql_clock::time_point now) {
   return server.down_until <= now && std::find(tried.begin(), tried.end(), &server) == tried.end();
 }
@@ -44,6 +46,7 @@ sql_server *choose(fr_sql_shard &shard, bool is_master, const tried_list &tried)
   return candidates[is_master ? 0 : shard.next_slave++ % candidates.size()];
 }
 
+// A read prefers a slave. The master is asked when no slave may be tried.
 std::optional<attempt> next_attempt(fr_sql_shard &shard, sql_purpose purpose,
                                     const tried_list &tried) {
   const std::lock_guard guard(shard.lock);
@@ -53,12 +56,15 @@ std::optional<attempt> next_attempt(fr_sql_shard &shard, sql_purpose purpose,
   if (server == nullptr) return std::nullopt;
   attempt result = {server, std::nullopt};
   if (!server->idle.empty()) {
+    // The one used last is the least likely to have been closed meanwhile.
     result.kept = std::move(server->idle.back());
     server->idle.pop_back();
   }
   return result;
 }
 
+// From cheap to dear: the clock, one system call, a question to the server. A connection that fails
+// is closed with its owner, and the search goes on.
 bool still_serves(fr_sql_shard &shard, sql_server &server, const idle_connection &kept) {
   const std::chrono::duration<double> idled = sql_clock::now() - kept.since;
   // One that was in use a moment ago is as good as one that is in use: a walk takes and gives it
@@ -88,6 +94,7 @@ bool connect(fr_sql_shard &shard, sql_server &server, mysql_handle &handle) {
             server.address.text().c_str(), shard.id.c_str(),
             handle ? mysql_error(handle.get()) : "out of memory");
   }
+  // A success ends the pause that another thread may have set in the meantime.
   seconds pause{connected ? 0 : the_sql_pool().down_time.load()};
   if (server.is_master) {
     pause = end - start < slow_failure ? seconds{0} : std::min(pause, longest_master_pause);
@@ -110,6 +117,8 @@ void keep_to_own_connections(fr_sql_shard &shard) {
 }
 
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
+  // The loop ends: each round uses up a kept connection or adds to the servers tried. Nothing is
+  // opened under the lock, so one slow server does not stop other threads.
   tried_list tried;
   mysql_handle failed;
   while (auto next = next_attempt(shard, purpose, tried)) {
@@ -131,6 +140,7 @@ void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept {
   if (lease.server == nullptr) return;
   // Without memory to keep it, it is closed.
   no_throw([&] {
+    // The next taker would commit or lose the work of somebody else.
     const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
     const std::lock_guard guard(shard.lock);
     if (in_transaction || shard.retired) return;

@@ -33,6 +33,7 @@ struct server_line {
   sql_address address;
 };
 
+// The id comes first and the port last; all between them is the host, colons included.
 std::optional<server_line> parse_server(std::string_view value) {
   const auto id = take_field(value);
   const auto port = take_last_field(value);
@@ -55,6 +56,7 @@ std::optional<std::string_view> value_of(std::string_view line, std::string_view
 // Gives the server to its shard; a line of a shard that nobody has credentials for is passed over.
 void add_server(const server_line &line, bool is_master) {
   sql_pool &pool = the_sql_pool();
+  // Always the pool's lock before a shard's: no function takes them the other way round.
   const std::lock_guard pool_guard(pool.lock);
   for (const auto &shard : pool.shards) {
     if (shard->id != line.id) continue;
@@ -68,12 +70,14 @@ void add_server(const server_line &line, bool is_master) {
 
 // Takes one line of the servers file; whether it names a master.
 bool take_line(std::string_view line, const char *path, int number) {
+  // A "#" begins a comment anywhere in the line; no host or id may hold one.
   line = trimmed(line.substr(0, line.find('#')));
   const auto master = value_of(line, "DB_MASTER");
   const auto value = master ? master : value_of(line, "DB_SLAVE");
   if (!value) return false;
   const auto server = parse_server(*value);
   if (!server) {
+    // A bad line does not spoil the file: the servers of the other lines still serve.
     SQL_LOG(FR_LOG_ERROR, "Invalid SQL server line [%d] in <%s>.\n", number, path);
     return false;
   }

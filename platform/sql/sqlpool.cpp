@@ -36,6 +36,7 @@ int add_shard(std::shared_ptr<fr_sql_shard> shard) {
   sql_pool &pool = the_sql_pool();
   const std::lock_guard guard(pool.lock);
   for (const auto &other : pool.shards) {
+    // Ids must be unique, as lines of servers find their shard by it.
     if (other->id != shard->id) continue;
     SQL_LOG(FR_LOG_ERROR, "The SQL shard %s is there twice.\n", shard->id.c_str());
     return -1;
@@ -48,6 +49,7 @@ MYSQL *handle_of(const fr_sql_conn &session) noexcept {
   return session.connection.handle.get();
 }
 
+// Leaves the text where callers look for it, as if the library had failed itself.
 int fail(const fr_sql_conn &session, unsigned code, const char *text) noexcept {
   set_error(handle_of(session), code, text);
   return -1;
@@ -60,10 +62,12 @@ int attach(fr_sql_conn &session, sql_purpose purpose) {
   if (server == nullptr) return fail(session, CR_SERVER_GONE_ERROR, "The SQL connection was lost");
   if (purpose == sql_purpose::read || server->is_master) return 0;
   sql_lease lease = take_connection(*session.shard, purpose);
+  // The session keeps its slave: it can still read, and the error explains the write.
   if (lease.server == nullptr) {
     if (!lease.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL server can be reached");
     return fail(session, mysql_errno(lease.handle.get()), mysql_error(lease.handle.get()));
   }
+  // The slave's connection goes back to the pool for somebody else's reads.
   std::swap(session.connection, lease);
   return_connection(*session.shard, std::move(lease));
   return 0;
@@ -94,6 +98,7 @@ int run_statement(fr_sql_conn &session, MYSQL_RES **result, const char *format, 
   if (mysql_real_query(mysql, statement.get(), size) != 0 || !read_results(mysql, first)) {
     // Where the library names no reason, it was short of memory in the middle of an answer.
     if (mysql_errno(mysql) == 0) set_error(mysql, CR_OUT_OF_MEMORY, out_of_memory);
+    // Never a new connection in silence: a statement of a transaction would run without the others.
     if (is_lost(mysql)) session.connection.server = nullptr;
     return -1;
   }
@@ -135,6 +140,7 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard) {
       if (shard < 0 || static_cast<size_t>(shard) >= pool.shards.size()) return nullptr;
       session->shard = pool.shards[static_cast<size_t>(shard)];
     }
+    // For reading: most sessions only read, and one that writes moves to the master by itself.
     session->connection = take_connection(*session->shard, sql_purpose::read);
     return session->connection.server == nullptr ? nullptr : session.release();
   });
@@ -148,6 +154,7 @@ void fr_sqlpool_conn_free(fr_sql_conn_t *session) {
 
 int fr_sqlpool_destroy(void) {
   return no_throw(-1, [] {
+    // Sessions that are out share their shard and keep it alive; `retired` tells them to close.
     std::vector<std::shared_ptr<fr_sql_shard>> shards;
     {
       sql_pool &pool = the_sql_pool();
@@ -157,6 +164,7 @@ int fr_sqlpool_destroy(void) {
     for (const auto &shard : shards) {
       const std::lock_guard guard(shard->lock);
       shard->retired = true;
+      // Before they are closed: a child must not say goodbye on its parent's connections.
       keep_to_own_connections(*shard);
       for (sql_server &server : shard->servers) server.idle.clear();
     }

@@ -1,4 +1,4 @@
-// Formats statements, runs them, and escapes what goes into them.
+// Tells by the text of a statement whether a slave may answer it.
 #include "platform/sql/statement.h"
 
 #include <strings.h>

@@ -36,6 +36,7 @@ vk_client_t *vk_client_create(int, int, const vk_mm_t *mm, const void *reserved)
   if (mm == nullptr || reserved != nullptr) return nullptr;
   return no_throw<vk_client_t *>(nullptr, [] {
     auto *state = new vk_state;
+    // The secondary handle points at itself, so that callers need not know which one they hold.
     state->main = {&state->secondary, state};
     state->secondary = {&state->secondary, state};
     return &state->main;
@@ -57,6 +58,7 @@ int vk_server_add(vk_client_t *client, const char *host, int port, const char *n
   if (host == nullptr || *host == '\0') return VK_ERR_ARGUMENT;
   if (*host != '/' && (port < 1 || port > 65535)) return VK_ERR_ARGUMENT;
   return change(client, [=](vk_state &state) {
+    // Addresses are looked up at the first command, not here: a name may take long.
     state.servers.push_back({host, port, name == nullptr ? "" : name, {}, true});
     return VK_OK;
   });
@@ -80,6 +82,7 @@ int vk_set_patient(vk_client_t *client) {
 int vk_select(vk_client_t *client, int database, int flags) {
   if (database < 0 || flags != 0) return VK_ERR_ARGUMENT;
   return change(client, [database](vk_state &state) {
+    // An open connection keeps the database that it selected when it was made.
     state.database = database;
     return VK_OK;
   });

@@ -13,6 +13,7 @@ namespace {
 
 // A command on hashes always has a verb and a key before its fields.
 constexpr size_t words_before_fields = 2;
+// hiredis counts words in int.
 constexpr size_t most_words = INT_MAX;
 
 // A copy of a text in the slot; what is absent leaves it NULL.
@@ -30,6 +31,7 @@ struct window {
   size_t size() const { return end - begin; }
 };
 
+// An offset behind the end gives an empty window, no error.
 window window_of(size_t size, int offset, int limit) {
   const size_t begin = std::min(size, static_cast<size_t>(offset));
   const size_t wanted = limit == 0 ? size : static_cast<size_t>(limit);
@@ -76,6 +78,7 @@ int vk_hget_whole(vk_client_t *client, const char *key, size_t key_length, const
     vk_reply reply;
     const int status =
         run_words(client, 3, words, lengths, REDIS_REPLY_STRING, REDIS_REPLY_NIL, reply);
+    // An absent field is a success with a null value: callers tell it from a failure by that.
     if (status != VK_OK || reply->type == REDIS_REPLY_NIL) return status;
     *value = copy_text({reply->str, reply->len}).release();
     if (value_length != nullptr) *value_length = reply->len;
@@ -101,6 +104,7 @@ int vk_hmget_whole(vk_client_t *client, const char *key, size_t key_length,
     int status = run_words(client, static_cast<int>(words.size()), words.data(), lengths.data(),
                            REDIS_REPLY_ARRAY, REDIS_REPLY_ARRAY, reply);
     if (status != VK_OK) return status;
+    // One slot for each field asked for, or positions would no longer match fields.
     if (reply->elements != field_count) return VK_ERR_REPLY;
     text_array copies(field_count);
     for (size_t slot = 0; slot < field_count; slot++) {
@@ -147,6 +151,7 @@ int vk_hgetall(vk_client_t *client, const char *key, size_t key_length, size_t *
     vk_reply reply;
     int status = read_whole(client, "HGETALL", key, key_length, reply);
     if (status != VK_OK) return status;
+    // Names and values alternate.
     if (reply->elements % 2 != 0) return VK_ERR_REPLY;
     const window part = window_of(reply->elements / 2, offset, limit);
     text_array names(part.size());
@@ -167,6 +172,7 @@ int vk_hgetall(vk_client_t *client, const char *key, size_t key_length, size_t *
 int vk_hset(vk_client_t *client, const char *key, size_t key_length, const char *field,
             size_t field_length, const char *value, size_t value_length, int persistent) {
   if (field == nullptr || value == nullptr) return VK_ERR_ARGUMENT;
+  // HSET takes one pair or many, so one field is the case of one.
   return vk_hmset(client, key, key_length, &field, 1, &field_length, &value, &value_length,
                   persistent);
 }

@@ -31,6 +31,8 @@ bool wait_for(int socket, short events, vk_clock::time_point time) {
   return !end.passed() && wait_ready(socket, events, &end);
 }
 
+// Non-blocking from the start: a host that drops packets must not hold the command up. errno has
+// the reason when it is empty.
 unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadline) {
   const int family = address.bytes.ss_family;
   unique_fd socket(::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -47,6 +49,7 @@ unique_fd connect_socket(const vk_address &address, vk_clock::time_point deadlin
     }
   }
   if (family != AF_UNIX) {
+    // A command is one small packet; it must not wait to be joined with another.
     const int on = 1;
     ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   }
@@ -76,10 +79,12 @@ bool make_patient(int socket) {
          ::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) == 0;
 }
 
+// hiredis's own, set once by make_reader and called by the function below.
 decltype(redisReplyObjectFunctions::createArray) create_any_array = nullptr;
 
 // Called by the one thread that reads the reply, from its outermost list inwards.
 void *create_sane_array(const redisReadTask *task, int elements) {
+  // Counts across nested lists: many small ones cost as much as a large one.
   static thread_local size_t in_reply = 0;
   if (task->parent == nullptr) in_reply = 0;
   in_reply += static_cast<size_t>(elements);
@@ -96,6 +101,7 @@ bool has_endless_line(const redisReader &reader) {
 vk_reader make_reader() {
   vk_reader reader(redisReaderCreate());
   if (!reader) return nullptr;
+  // One table for all readers, made from that of the first; it outlives each of them.
   static redisReplyObjectFunctions functions = [&reader] {
     redisReplyObjectFunctions own = *reader->fn;
     create_any_array = own.createArray;
@@ -136,6 +142,7 @@ std::optional<vk_connection> vk_connection::open(const std::vector<vk_address> &
   unique_fd socket;
   size_t left = addresses.size();
   for (const vk_address &address : addresses) {
+    // A first address that hangs leaves time for those after it.
     socket = connect_socket(address, share_of(deadline, left--));
     if (socket) break;
   }

@@ -20,6 +20,7 @@ constexpr milliseconds connect_timeout{500};  // for all servers together
 constexpr milliseconds pause{5000};
 constexpr milliseconds short_pause{500};  // of a patient client
 
+// The client's own levels are bits of a mask; syslog's are numbers.
 struct log_level {
   unsigned bit;
   int priority;
@@ -51,6 +52,7 @@ const char *describe(vk_io result) {
   }
 }
 
+// The answer to ROLE is a list whose first element is the role's name.
 bool is_master(const redisReply &role) {
   if (role.type != REDIS_REPLY_ARRAY || role.elements == 0) return false;
   const redisReply &kind = *role.element[0];
@@ -73,7 +75,9 @@ std::string command_text(std::initializer_list<std::string_view> words) {
 void find_addresses(vk_server &server) {
   if (!server.look_up) return;
   auto addresses = addresses_of(server.host, server.port);
+  // A resolver that fails leaves the old addresses, which may still serve.
   if (!addresses.empty()) server.addresses = std::move(addresses);
+  // Set again when connecting fails, so a host that moved is found the next time.
   server.look_up = false;
 }
 
@@ -89,12 +93,14 @@ std::string shake_hands(const vk_state &state, vk_connection &connection,
   bool waited = false;
   const vk_io sent = connection.send_all(greeting, deadline, waited);
   if (sent != vk_io::ok) return describe(sent);
+  // One exchange costs one turn instead of three; the replies come in the order of the commands.
   const int replies = has_key ? 3 : 2;
   for (int number = 0; number < replies; number++) {
     vk_reply reply;
     const vk_io received = connection.receive(deadline, false, reply);
     if (received != vk_io::ok) return describe(received);
     if (reply->type == REDIS_REPLY_ERROR) return "refused: " + std::string(reply->str, reply->len);
+    // The last but one is the answer to ROLE. A replica would take no writes.
     if (number == replies - 2 && !is_master(*reply)) return "not a master";
   }
   return {};
@@ -124,6 +130,7 @@ bool connect_to_master(vk_state &state, vk_clock::time_point deadline) {
   return false;
 }
 
+// The connection goes too: what it may still deliver answers a command nobody waits for.
 int give_up(vk_state &state, int code) {
   state.connection.reset();
   const milliseconds length = state.is_patient ? short_pause : pause;
@@ -149,6 +156,7 @@ class charged_time {
   vk_clock::time_point start_;
 };
 
+// What a master answers to a write after a fail-over made it a replica.
 bool is_read_only(const redisReply &reply) {
   return reply.type == REDIS_REPLY_ERROR &&
          std::string_view(reply.str, reply.len).starts_with("READONLY");
@@ -158,6 +166,7 @@ bool is_read_only(const redisReply &reply) {
 
 int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
   if (command.empty()) return VK_ERR_MEMORY;
+  // Held to the end: commands of one client take turns on its one connection.
   const std::lock_guard guard(state.lock);
   if (state.servers.empty()) return VK_ERR_CLIENT;
   // A child of fork leaves the connection to its parent: two that share one read each other's
@@ -173,6 +182,7 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
       start + std::min<vk_clock::duration>(budget, vk_connection::command_timeout);
 
   int failure = VK_ERR_IO;
+  // A kept connection may have been closed while it idled; a second try on a new one tells.
   for (int attempt = 0; attempt < 2; attempt++) {
     const bool is_fresh = !state.connection;
     if (is_fresh &&
@@ -181,6 +191,7 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
     }
     const vk_io result =
         state.connection->ask(command.bytes(), deadline, !is_fresh && may_be_patient, reply);
+    // No second try here: it would wait as long again.
     if (result == vk_io::timed_out || result == vk_io::garbage) return give_up(state, VK_ERR_IO);
     if (result == vk_io::ok && !is_read_only(*reply)) {
       if (reply->type == REDIS_REPLY_ERROR) {
