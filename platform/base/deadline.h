@@ -9,10 +9,13 @@
 #include <chrono>
 #include <climits>
 
+// Monotonic time: setting the system's clock neither ends nor prolongs a wait. Copies are cheap,
+// and several threads may look at one.
 class deadline {
  public:
   using clock = std::chrono::steady_clock;
 
+  // A moment that is over already is allowed: `passed` is true then at once.
   explicit deadline(clock::time_point end) noexcept : end_(end) {}
 
   // In so many seconds. What is no positive number has passed at once; a year stands for all that

@@ -14,12 +14,14 @@ struct call_site {
   int line;
 };
 
+// Where it stands: a macro, because a function would tell of itself.
 #define QX_HERE (call_site{QX_LOG_SOURCE, __func__, __LINE__})
 
 // Logs at a priority of FR_LOG_*, in the name of `site`.
 #define QX_LOG_AT(site, priority, ...) \
   fr_log_impl((site).source, (site).line, (site).function, FR_LOG_MESSAGE, (priority), __VA_ARGS__)
 
+// The same in the name of the place where it stands. Format and arguments are those of printf.
 #define QX_LOG(priority, ...) QX_LOG_AT(QX_HERE, priority, __VA_ARGS__)
 
 // A failed precondition: something that must be there is not.

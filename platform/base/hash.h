@@ -39,12 +39,15 @@ int fr_hash_empty(fr_hash_t *table);
  * is the caller's: release with fr_array_free. */
 fr_array_t *fr_hash_getkeys(fr_hash_t *table);
 
+/* Holds off all other threads between several calls. Each lock needs one unlock by the same
+ * thread; NULL is ignored by both. */
 void fr_hash_lock(fr_hash_t *table);
 void fr_hash_unlock(fr_hash_t *table);
 
 /* NULL is ignored. */
 void fr__hash_destroy(fr_hash_t *table);
 
+/* 0 for NULL. */
 size_t fr_array_length(const fr_array_t *array);
 
 /* Element `index`, or NULL beyond the end. */
@@ -56,12 +59,14 @@ void fr_array_free(fr_array_t *array);
 #ifdef __cplusplus
 }
 
-/* Typed access for C++ callers whose keys and values are plain values. */
+/* Typed access for C++ callers whose keys and values are plain values, copied byte by byte. Types
+ * with padding are no keys: equal ones may differ there. */
 template <class Key, class Value>
 int fr_hash_force_add(fr_hash_t *table, const Key &key, const Value &value) {
   return fr_hash_force_add(table, &key, sizeof key, &value, sizeof value);
 }
 
+/* Value is the caller's word for it: nothing checks that it is the type which was added. */
 template <class Value, class Key>
 Value *fr_hash_find(fr_hash_t *table, const Key &key) {
   return static_cast<Value *>(fr_hash_find(table, &key, sizeof key));

@@ -10,6 +10,8 @@
 
 #include "platform/base/owner.h"
 
+// Used by one thread. The file is closed with the reader. Lines may have any length and hold NUL
+// bytes.
 class line_reader {
  public:
   // Opens the file; errno tells why when the reader is false after that.

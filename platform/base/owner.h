@@ -15,6 +15,7 @@
 
 #include <spoolcap/safestr.h>
 
+// A deleter without state: the owner is no larger than the pointer, and null is never released.
 template <auto Function>
 struct call_to_release {
   template <class T>
@@ -28,8 +29,10 @@ template <class T>
 using c_memory = std::unique_ptr<T, call_to_release<std::free>>;
 using c_string = c_memory<char>;
 
+// Counted strings (safestr.h), which free() must not be given.
 using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
 
+// The error of fclose is lost here. Who writes a file closes it by hand before that.
 using c_file = std::unique_ptr<FILE, call_to_release<std::fclose>>;
 
 // A file descriptor; -1 holds nothing.
@@ -37,6 +40,7 @@ class unique_fd {
  public:
   unique_fd() noexcept = default;
   explicit unique_fd(int fd) noexcept : fd_(fd) {}
+  // Moving leaves the other one empty.
   unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   unique_fd &operator=(unique_fd &&other) noexcept {
     if (this != &other) reset(std::exchange(other.fd_, -1));
@@ -46,6 +50,7 @@ class unique_fd {
 
   int get() const noexcept { return fd_; }
   explicit operator bool() const noexcept { return fd_ >= 0; }
+  // The descriptor is the caller's to close from then on.
   int release() noexcept { return std::exchange(fd_, -1); }
   // errno survives, so that a failure's cause can be told after its descriptor went.
   void reset(int fd = -1) noexcept {

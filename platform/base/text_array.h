@@ -44,9 +44,12 @@ class text_array {
 
   explicit operator bool() const noexcept { return slots_ != nullptr; }
   size_t count() const noexcept { return count_; }
+  // Borrowed; the owner still frees array and strings.
   char **data() const noexcept { return slots_; }
   char *operator[](size_t slot) const noexcept { return slots_[slot]; }
+  // Hands one string over and leaves NULL in its slot.
   c_string take(size_t slot) noexcept { return c_string(std::exchange(slots_[slot], nullptr)); }
+  // Frees what the slot held before.
   void set(size_t slot, c_string value) noexcept {
     std::free(std::exchange(slots_[slot], value.release()));
   }

@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+// C callers hand in NULL for "no text"; both count as none.
 inline bool is_empty(const char *text) noexcept {
   return text == nullptr || *text == '\0';
 }

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+// Secrets: never logged, and never part of an answer's text.
 struct s3_credentials {
   std::string access_key;
   std::string secret_key;
@@ -33,6 +34,8 @@ struct s3_place {
   s3_credentials credentials;
 };
 
+// What a caller may conclude from a request. Try again: `busy`, `unreachable`, `unclear`,
+// `damaged`. Give it to a person: `refused`, `local_error`.
 enum class s3_outcome {
   done,
   not_found,    // the object, upload or bucket is not there (`code` tells which)
@@ -46,12 +49,14 @@ enum class s3_outcome {
   stopped       // the caller's flag went up
 };
 
+// Filled in by every request. Members that the answer did not tell keep their defaults.
 struct s3_answer {
   s3_outcome outcome = s3_outcome::unreachable;
   long status = 0;   // of HTTP; 0 without an answer
   std::string code;  // of the store's error document: "NoSuchBucket", "SlowDown"; may be empty
   std::string text;  // one line for people: what went wrong, and what to do where that is known
   int error = 0;     // errno of a local error
+  // What the store asked for, 0 to 3600 s; empty when it asked for nothing.
   std::optional<std::chrono::seconds> retry_after;
 
   std::string etag;                             // without quotes
@@ -62,6 +67,7 @@ struct s3_answer {
 };
 
 // A part of a file, by its offset and length, and its digests.
+// The descriptor is borrowed and read by pread, so several threads may send parts of one file.
 struct s3_body {
   int fd = -1;
   std::int64_t offset = 0;
@@ -79,6 +85,7 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop = nullptr,
 // Lower-case hexadecimal text of bytes.
 std::string s3_hex(std::string_view bytes);
 
+// One object of a listing.
 struct s3_listed {
   std::string key;  // without the place's prefix
   std::int64_t length = 0;
@@ -87,22 +94,26 @@ struct s3_listed {
   // nobody takes the object for an old one.
   double modified = 0;
 };
+// One page. After a failure there are no objects and no next page.
 struct s3_listing {
   s3_answer answer;
   std::vector<s3_listed> objects;
   std::string next;  // token of the next page; empty at the end
 };
 
+// A part as the store has it, or as it is named to complete the object.
 struct s3_part {
   int number = 0;  // from 1
   std::string etag;
   std::int64_t length = 0;
 };
+// All pages at once. After a failure, parts of earlier pages may be in it: look at the answer.
 struct s3_part_listing {
   s3_answer answer;
   std::vector<s3_part> parts;
 };
 
+// An upload in parts that was begun and neither completed nor aborted.
 struct s3_upload {
   std::string key;  // without the place's prefix
   std::string id;
@@ -113,6 +124,7 @@ struct s3_upload_listing {
   std::vector<s3_upload> uploads;  // at most 20,000: done again after a sweep
 };
 
+// A key that could not be removed, with the store's code: "AccessDenied".
 struct s3_failed_key {
   std::string key;
   std::string code;
@@ -124,8 +136,10 @@ struct s3_removal {
 
 // What all clients of a process share: a limit of the rate, and a flag that ends running calls.
 struct s3_control {
+  // Ends all running calls within some 200 ms; they answer `stopped`, as all later ones do.
   std::atomic<bool> stop{false};
   std::atomic<std::int64_t> bytes_per_second{0};  // both ways together; 0 for no limit
+  // Times are read when a call begins to need them: change them only while none runs.
   std::chrono::milliseconds connect_timeout{5000};
   std::chrono::seconds stall_timeout{30};  // without a byte moving
   // A download that brings less than 4 KiB for each second of such a time ends, `unclear`.
@@ -135,8 +149,10 @@ struct s3_control {
   std::atomic<std::int64_t> booked_until{0};  // of the rate, by the clients themselves
 };
 
+// Names without "x-amz-meta-", and their values: text without control characters.
 using s3_metadata = std::vector<std::pair<std::string, std::string>>;
 
+// A place that is none (a bad URL, no bucket) makes every call `refused`, with the reason.
 class s3_client {
  public:
   // `control` must live longer than the client.
@@ -147,6 +163,7 @@ class s3_client {
 
   // Objects. `put` is done only when the ETag of the answer is the MD5 of the body.
   s3_answer put(std::string_view key, const s3_body &body, const s3_metadata &metadata = {});
+  // Length, ETag and metadata without the object; `damaged` when no length is told.
   s3_answer head(std::string_view key);
   // Appends the object from byte `from` on to `fd`, which is positioned there by pwrite; `length`
   // of the answer is that of the whole object. With `if_match`, only the object with this ETag. The
@@ -161,13 +178,18 @@ class s3_client {
 
   // Objects in parts, numbered from 1; all but the last have at least 5 MiB. In a whole object of N
   // parts the ETag is "<md5 of the parts' md5s>-N".
+  // `upload_id` is set when the answer is done. Parts that are never completed cost the bucket's
+  // owner money until they are aborted.
   s3_answer begin_parts(std::string_view key, const s3_metadata &metadata, std::string &upload_id);
   s3_answer put_part(std::string_view key, const std::string &upload_id, int number,
                      const s3_body &body);
   s3_part_listing parts(std::string_view key, const std::string &upload_id);
+  // Parts in rising order of their numbers. Done only when the ETag is that of these parts.
   s3_answer complete(std::string_view key, const std::string &upload_id,
                      const std::vector<s3_part> &parts);
+  // Removes the parts that arrived; `not_found` when the upload has ended already.
   s3_answer abort(std::string_view key, const std::string &upload_id);
+  // Of all objects below the prefix; at most 20 requests.
   s3_upload_listing uploads(std::string_view prefix);
 
  private:

@@ -5,6 +5,7 @@
 #include "platform/base/owner.h"
 #include "platform/s3/exchange.h"
 
+// The answer with the document that came with it, for calls that read one.
 struct s3_reply {
   s3_answer answer;
   std::string body;  // of an answer that did not go to a file
@@ -18,6 +19,7 @@ class s3_header_lines {
  public:
   void add(std::string line) { lines_.push_back(std::move(line)); }
   bool empty() const { return lines_.empty(); }
+  // Borrowed; holds until the next `add`. Not to be called when empty.
   curl_slist *list();
 
  private:
@@ -25,23 +27,30 @@ class s3_header_lines {
   std::vector<curl_slist> nodes_;
 };
 
+// Belongs to the thread of its client. libcurl keeps the socket open between requests.
 class s3_client::connection {
  public:
   connection(s3_place place, s3_control &control);
 
+  // Runs the request to its end. A request that cannot be signed is `refused` and not sent.
   s3_reply exchange(const s3_request &request);
   const s3_place &place() const { return place_; }
 
  private:
+  // Fills origin_, host_ and base_; false when the place is none.
   bool read_endpoint();
+  // All header lines of the request, the signature among them; none when a text cannot be one.
   s3_header_lines signed_headers(const s3_request &request, const std::string &path,
                                  const std::string &query);
   void prepare();
   void set_options(s3_exchange &running, const s3_request &request, const std::string &url,
                    curl_slist *headers);
+  // `stopped` tells whether the stop flag ended it, whatever libcurl says of that.
   CURLcode run(s3_exchange &running, bool &stopped);
+  // Fills in the answer from status, headers and body.
   void judge(const s3_exchange &running, CURLcode code, s3_answer &answer) const;
   void read_metadata(std::map<std::string, std::string> &metadata) const;
+  // The same when no whole answer came. `unreachable` only if no byte was sent.
   void judge_broken(const s3_exchange &running, CURLcode code, s3_answer &answer) const;
 
   s3_place place_;

@@ -10,6 +10,7 @@
 std::string s3_md5(std::string_view bytes);     // 16 bytes
 std::string s3_sha256(std::string_view bytes);  // 32 bytes
 
+// Standard alphabet, with padding, without line ends.
 std::string s3_base64(std::string_view bytes);
 
 // The value of a hexadecimal digit, -1 for anything else.

@@ -23,8 +23,11 @@ bool s3_read_field(std::string_view document, const char *root, const char *name
 struct s3_prefixes {
   std::string_view of_place, of_keys;
 };
+// One page of objects, appended. `next` is its token, empty at the end. False also for a page that
+// goes on without a token.
 bool s3_read_objects(std::string_view document, const s3_prefixes &prefix,
                      std::vector<s3_listed> &objects, std::string &next);
+// One page of uploads, appended; `more` tells whether others follow.
 bool s3_read_uploads(std::string_view document, const s3_prefixes &prefix,
                      std::vector<s3_upload> &uploads, bool &more);
 // `next` is the number to go on behind; 0 at the end.
@@ -33,6 +36,7 @@ bool s3_read_parts(std::string_view document, std::vector<s3_part> &parts, int &
 bool s3_read_failed(std::string_view document, std::string_view prefix,
                     std::vector<s3_failed_key> &failed);
 
+// The list that joins parts to an object; ETags get their quotes back.
 std::string s3_complete_document(const std::vector<s3_part> &parts);
 // The answer to it names the keys that failed, and no others.
 std::string s3_remove_document(std::string_view prefix, const std::vector<std::string> &keys);

@@ -13,6 +13,7 @@
 #include "platform/s3/client.h"
 #include "platform/s3/signature.h"
 
+// What is to be asked. Borrows the file; all else is its own.
 struct s3_request {
   const char *method = "GET";
   std::string key = {};    // without the place's prefix
@@ -24,6 +25,7 @@ struct s3_request {
   int to = -1;            // where the body of a successful answer goes, by pwrite
   std::int64_t from = 0;  // the byte of the object that goes there first
 
+  // PUT and POST have one even when it is empty, which libcurl must be told.
   bool has_body() const {
     return file != nullptr || std::string_view(method) == "PUT" ||
            std::string_view(method) == "POST";
@@ -33,6 +35,8 @@ struct s3_request {
   }
 };
 
+// Lives on the stack of the call that runs it, on the client's thread. Counts into the control,
+// which other threads read.
 class s3_exchange {
  public:
   s3_exchange(const s3_request &request, s3_control &control, CURL *handle)
@@ -64,19 +68,25 @@ class s3_exchange {
  private:
   using clock = std::chrono::steady_clock;
 
+  // The two callbacks without libcurl's types. 0 from `take_bytes` ends the transfer.
   std::size_t give_bytes(char *to, std::size_t room);
   std::size_t take_bytes(std::string_view bytes);
   bool write_all(std::string_view bytes);
+  // Where the object's first byte goes; false when the store sent another range than was asked for.
   bool find_start();
+  // Waits until the rate lets these bytes through; false when the stop flag went up meanwhile.
   bool pace(std::size_t bytes);
 
   const s3_request &request_;
   s3_control &control_;
   CURL *handle_;
+  // Bytes of the body that libcurl has taken so far.
   std::int64_t given_ = 0;
   std::int64_t at_ = -1;  // where the next byte goes in the file; -1 before the first came
+  // For `stalled`: bytes moved at the last look, and when that number last changed.
   std::int64_t seen_ = -1;
   clock::time_point moved_ = clock::now();
+  // For `trickles`: when the present window began.
   clock::time_point window_begin_ = clock::now();
   curl_off_t window_bytes_ = 0;  // that had come at its begin
 };

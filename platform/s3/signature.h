@@ -25,6 +25,7 @@ std::string s3_query(s3_pairs parameters);
 // "20130524T000000Z".
 std::string s3_timestamp(std::time_t when);
 
+// The parts of a request that the signature covers. Views must outlive the call.
 struct s3_unsigned {
   std::string_view method;
   std::string_view path;     // encoded, from "/" on
@@ -43,6 +44,7 @@ class s3_signer {
   std::string authorization(s3_unsigned &request, std::string_view timestamp);
 
  private:
+  // The signing key of a day ("20130524"), made anew when the day changes.
   const std::string &key_of(std::string_view day);
 
   s3_credentials credentials_;

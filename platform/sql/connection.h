@@ -10,12 +10,14 @@
 
 using sql_clock = std::chrono::steady_clock;
 
+// Of all servers of a shard. The password is never logged.
 struct sql_credentials {
   std::string user;
   std::string password;
   std::string database;
 };
 
+// A server as its line names it: host and port, or the path of a Unix socket.
 struct sql_address {
   std::string host;  // a path when it begins with "/"
   unsigned port = 0;

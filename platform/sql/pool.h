@@ -13,14 +13,17 @@
 #include "platform/base/diagnostics.h"
 #include "platform/sql/connection.h"
 
+// A kept connection, and since when nobody has used it.
 struct idle_connection {
   mysql_handle handle;
   sql_clock::time_point since;
 };
 
+// One line DB_MASTER or DB_SLAVE, with its state. Guarded by the lock of its shard.
 struct sql_server {
   sql_address address;
   bool is_master = false;
+  // Until then nobody tries it; in the past for a server that is up.
   sql_clock::time_point down_until;
   std::vector<idle_connection> idle;  // the one used last is at the end
 };
@@ -33,6 +36,7 @@ struct fr_sql_shard {
 
   std::mutex lock;  // guards all that follows
   std::deque<sql_server> servers;
+  // Counts the turns of slaves; which one it is follows from those that may be tried then.
   size_t next_slave = 0;
   long process = 0;      // whose these connections are, as its generation
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
@@ -45,6 +49,7 @@ struct sql_lease {
   sql_server *server = nullptr;
 };
 
+// Only a SELECT is a read. What must see the newest data asks for a write, and gets the master.
 enum class sql_purpose { read, write };
 
 // Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
@@ -57,6 +62,7 @@ void keep_to_own_connections(fr_sql_shard &shard);
 // Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
 void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept;
 
+// Settings are read on every use, without the lock. Shards are shared with their sessions.
 struct sql_pool {
   std::mutex lock;  // guards the list
   std::vector<std::shared_ptr<fr_sql_shard>> shards;

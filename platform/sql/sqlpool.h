@@ -23,6 +23,7 @@
 extern "C" {
 #endif
 
+/* A session; and a set of servers with the same data, of which one or more are masters. */
 typedef struct fr_sql_conn fr_sql_conn_t;
 typedef struct fr_sql_shard fr_sql_shard_t;
 
@@ -39,6 +40,7 @@ void fr_sqlpool_down_time_set(int seconds);
 /* Parses "id:user:password:database" (the password may hold colons). The shard is the caller's
  * until fr_sqlpool_shard_add takes it; NULL, logged, when a field is missing. */
 fr_sql_shard_t *fr_sql_shard_parse_info(const char *value);
+/* For a shard that was never added. NULL is ignored. */
 void fr_sql_shard_free(fr_sql_shard_t *shard);
 
 /* Registers a shard and owns it from then on, on failure too. 0, or -1 when its id is there. */
@@ -68,6 +70,7 @@ int fr_sqlpool_destroy(void);
 int fr_sql_conn_query(fr_sql_conn_t *session, int store, MYSQL_RES **result, const char *format,
                       ...) __attribute__((format(printf, 4, 5)));
 
+/* The same with a va_list, which is used up. */
 int fr_sql_conn_vquery(fr_sql_conn_t *session, int store, MYSQL_RES **result, const char *format,
                        va_list arguments) __attribute__((format(printf, 4, 0)));
 

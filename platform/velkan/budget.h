@@ -30,6 +30,8 @@ class vk_budget {
     return left < least ? duration::zero() : left;
   }
 
+  // Books what a command took, from `start` to `end`. Threads may charge at the same time: each
+  // adds to what the others booked.
   void charge(time_point start, time_point end) noexcept {
     time_point before = full_at_.load();
     time_point after;
@@ -41,16 +43,19 @@ class vk_budget {
   }
 
  private:
+  // How the numbers hang together: 2.5 s to spend, and 4 ms a second is one part in 250.
   static constexpr duration most = std::chrono::milliseconds(2500);
   static constexpr duration least = std::chrono::milliseconds(10);
   static constexpr duration allowance = std::chrono::microseconds(500);
   static constexpr int regained_after = 250;  // times as long as it was waited
   static constexpr duration longest_debt = most * regained_after + std::chrono::minutes(10);
 
+  // How long it takes from `now` until the budget is whole again.
   duration owed(time_point now) const noexcept {
     return std::max(full_at_.load() - now, duration::zero());
   }
 
+  // The whole state in one number: when the budget will be full. In the past, it is full.
   std::atomic<time_point> full_at_{time_point{}};
 };
 

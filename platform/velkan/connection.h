@@ -23,6 +23,7 @@ inline vk_clock::time_point share_of(vk_clock::time_point deadline, size_t count
 }
 
 // A command as it goes over the wire.
+// Empty when memory was short. Made outside the lock, as a large one takes a while.
 class vk_command {
  public:
   vk_command(int count, const char **arguments, const size_t *lengths);
@@ -41,6 +42,7 @@ enum class vk_io {
   garbage     // the peer does not speak the protocol
 };
 
+// An address as connect takes it, of any family.
 struct vk_address {
   sockaddr_storage bytes;
   socklen_t length;
@@ -50,6 +52,7 @@ struct vk_address {
 // nowhere. Looking up a name takes as long as the resolver does; anything else takes no time.
 std::vector<vk_address> addresses_of(const std::string &host, int port);
 
+// Used under the lock of its client. Closed with its owner; nothing is said to the server.
 class vk_connection {
  public:
   // How long a plain wait may take; other waits are told their deadline.
@@ -67,6 +70,7 @@ class vk_connection {
 
   // `waited` becomes true when the peer did not take the bytes at once.
   vk_io send_all(std::string_view bytes, vk_clock::time_point deadline, bool &waited);
+  // One whole reply, an error of the server included. Left-over bytes stay for the next call.
   vk_io receive(vk_clock::time_point deadline, bool patient, vk_reply &reply);
 
  private:

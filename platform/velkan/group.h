@@ -18,6 +18,7 @@
 #include "platform/velkan/connection.h"
 #include "platform/velkan/velkan.h"
 
+// A server of the group in the order of the configuration; the first master found is used.
 struct vk_server {
   std::string host;
   int port;
@@ -37,11 +38,14 @@ struct vk_state {
   unsigned log_mask = 0;
   std::vector<vk_server> servers;
   std::map<int, std::string> keys;  // by database
+  // Taken at the next connect; an open connection keeps the one it has.
   int database = 0;
   bool is_patient = false;
 
+  // At most one, to the master. Empty before the first command and after a failure.
   std::optional<vk_connection> connection;
   long connected_by = 0;  // process generation
+  // Commands before this moment fail at once and ask nobody.
   vk_clock::time_point paused_until;
 };
 

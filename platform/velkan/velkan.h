@@ -44,6 +44,7 @@ enum {
   VK_LOG_WARNING = 0x10
 };
 
+/* Made once by the host and handed to each client that it creates. */
 typedef struct vk_mm vk_mm_t;
 
 /* A client carries the handle for data that need not persist inside it; both name the same
@@ -58,11 +59,13 @@ typedef struct vk_client {
  * four is missing. */
 vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_t, size_t),
                       void *(*resize)(void *, size_t), void (*release)(void *));
+/* NULL is ignored. Clients keep a copy, so it may go before they do. */
 void vk_mm_destroy(vk_mm_t *mm);
 
 /* A client without servers, or NULL. The two options are the platform's (1 and 2) and are not
  * used; `mm` may be destroyed right after; `reserved` must be NULL. */
 vk_client_t *vk_client_create(int option1, int option2, const vk_mm_t *mm, const void *reserved);
+/* Closes the connection. No other thread may use either handle from now on. NULL is ignored. */
 void vk_client_destroy(vk_client_t *client);
 
 /* Turns on syslog for the levels in `mask` (VK_LOG_*). */
