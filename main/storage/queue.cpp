@@ -12,6 +12,7 @@
 
 namespace {
 
+// The engine's word and the shard make the names: "storage:upqueue:s3:main".
 constexpr char upload_queue[] = "storage:upqueue:%s:%s";
 constexpr char delete_queue[] = "storage:delqueue:%s:%s";
 
@@ -19,6 +20,7 @@ int add_to_queue(const call_site &site, const char *queue, const char *member) {
   const c_string key = format_text(queue, s3_engine.word, storage_shard);
   if (!key) return ENOMEM;
   if (!cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL)) return EIO;
+  // Only a hint: the service reads the queues from time to time without it.
   take_snapshot().tell_queued();
   return 0;
 }
