@@ -44,7 +44,7 @@ enum {
   VK_LOG_WARNING = 0x10
 };
 
-/* Made once by the host and handed to each client that it creates. */
+/* Stands for an allocator in the calls below; nothing is allocated with it. */
 typedef struct vk_mm vk_mm_t;
 
 /* A client carries the handle for data that need not persist inside it; both name the same
@@ -59,7 +59,7 @@ typedef struct vk_client {
  * four is missing. */
 vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_t, size_t),
                       void *(*resize)(void *, size_t), void (*release)(void *));
-/* NULL is ignored. Clients keep a copy, so it may go before they do. */
+/* NULL is ignored. No client keeps it, so it may go before they do. */
 void vk_mm_destroy(vk_mm_t *mm);
 
 /* A client without servers, or NULL. The two options are the platform's (1 and 2) and are not
