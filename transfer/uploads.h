@@ -11,6 +11,7 @@
 #include "transfer/queue.h"
 #include "transfer/state.h"
 
+// A job keeps the settings that it began with.
 struct worker_settings {
   transfer_config config;
   std::string cache;          // directory; the files lie in "<cache>/main/<key>"
@@ -18,6 +19,7 @@ struct worker_settings {
   int unclear_window = 3600;  // seconds in which a transfer of unclear end may still take effect
 };
 
+// Safe from several threads. Owns the feeder and the threads that it feeds.
 class transfer_workers {
  public:
   // All must live longer.
