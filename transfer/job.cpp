@@ -27,6 +27,7 @@ job_result result_of(queue_state state) {
       return {job_end::waiting, "an upload whose end was not seen may still take effect"};
     case queue_state::down:
       return {job_end::down};
+    // Gone from the queue, or removed from it by this job.
     default:
       return {job_end::settled};
   }
@@ -35,6 +36,7 @@ job_result result_of(queue_state state) {
 job_result failure_of(const s3_answer &answer) {
   std::string reason = answer.text.empty() ? answer.code : answer.text;
   if (reason.empty()) reason = "status " + std::to_string(answer.status);
+  // Parked is what a person must mend. All else may come right by itself.
   switch (answer.outcome) {
     case s3_outcome::refused:
     case s3_outcome::not_found:
@@ -48,6 +50,7 @@ job_result failure_of(const s3_answer &answer) {
 }
 
 bool may_follow(const s3_answer &answer) {
+  // After these the store may still work on the request, for as long as it likes.
   return answer.outcome == s3_outcome::unclear || answer.outcome == s3_outcome::stopped ||
          answer.outcome == s3_outcome::damaged || answer.status >= 500;
 }
@@ -62,6 +65,7 @@ std::string path_in_cache(const worker_settings &settings, const std::string &ke
 bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
                 const std::string &key, double deleted_at) {
   const auto queued = head.metadata.find("queued");
+  // An object that no node of ours stored is as old as can be.
   if (queued == head.metadata.end()) return false;
   const double queued_at = queue_entry{"", queued->second}.queued_at();
   if (queued_at > deleted_at) return true;
@@ -82,6 +86,7 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
   if (failure && is_younger(context, settings, failure, key, deleted_at)) {
     const bool is_later = queue_entry{"", failure.metadata["queued"]}.queued_at() > deleted_at;
+    // Too early to say, otherwise: the host queues the deletion, then removes its file.
     if (is_later || qx_get_tstamp() - deleted_at > host_takes) return object_end::kept;
     failure.outcome = s3_outcome::busy;
     failure.text = "the host that deletes it may not have removed its file yet";
