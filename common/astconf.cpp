@@ -13,6 +13,7 @@
 
 namespace {
 
+// Borrowed from the line that it was split from.
 struct setting {
   std::string_view key;
   std::string_view value;
@@ -47,6 +48,7 @@ bool is_header(std::string_view line) {
 
 void read_section(line_reader &lines, const char *section, const char *const *keys,
                   safestr_t *values) {
+  // Without a section the whole file counts, headers and all.
   const std::string header = section == nullptr ? "" : "[" + std::string(section) + "]";
   bool inside = section == nullptr;
   while (const auto line = lines.next()) {
@@ -66,6 +68,8 @@ void read_section(line_reader &lines, const char *section, const char *const *ke
   }
 }
 
+// Lines longer than a piece are split as if they were several, and only "=>" separates. Both are
+// how callers know this reader.
 void read_pieces(FILE *file, const char *const *keys, safestr_t *values, int count) {
   char piece[1024];
   while (std::fgets(piece, sizeof piece, file) != nullptr) {
@@ -96,6 +100,7 @@ int get_astconf_values(const char *path, const char *const *keys, safestr_t *val
   if (path == nullptr || keys == nullptr || values == nullptr) return -1;
   const c_file file(std::fopen(path, "re"));
   if (!file) return -1;
+  // Unlike the reader by section, this one clears what the caller has in the slots.
   for (int i = 0; i < count; ++i) values[i] = nullptr;
   return no_throw(-1, [&] {
     read_pieces(file.get(), keys, values, count);

@@ -10,12 +10,15 @@
 
 namespace {
 
+// Seconds: for one read or write; until silence counts as the end of the output; for the end of a
+// child; between two lines of the console; for all of its output.
 constexpr float io_timeout = 10;
 constexpr float output_pause = 5;
 constexpr float end_of_child = 1;
 constexpr float next_output = 0.1F;
 constexpr float all_output = 5;
 
+// What a terminal's editor takes for the end of input.
 constexpr char end_of_transmission = 4;
 
 }  // namespace
@@ -30,6 +33,7 @@ int rasterisk(const char *asterisk_binary, const char *command) {
   const pid_t child = fr_spawn_async_piped(argv, &output);
   if (child < 0) return -1;
   unique_fd reading(output);
+  // The output is read to its end, as a full pipe would stop the child.
   char dropped[1024];
   while (fr_read_nb(reading.get(), dropped, sizeof dropped, output_pause) > 0) {
   }
@@ -45,6 +49,7 @@ int ast_connect(const char *path) {
 
 int ast_runcmd(int fd, const char *command, int wait) {
   if (fd <= 0 || command == nullptr) return -1;
+  // The console names itself first; what says nothing is no console.
   char greeting[80];
   if (fr_read_nb(fd, greeting, sizeof greeting, io_timeout) < 1) return -1;
   // The console takes the NUL for the end of the command.

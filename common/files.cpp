@@ -17,6 +17,7 @@
 
 namespace {
 
+// Counted, so that a NUL byte inside a name does not end it.
 std::string_view view_of(const char *safestr) noexcept {
   return safestr == nullptr ? std::string_view()
                             : std::string_view(safestr, safestr_length(safestr));
@@ -36,6 +37,7 @@ bool same_ignoring_case(std::string_view left, std::string_view right) noexcept 
 
 }  // namespace
 
+// Fewer bytes than asked for only when the system takes none at all.
 int write_safe(int fd, const void *buffer, int length) {
   const auto *bytes = static_cast<const char *>(buffer);
   int total = 0;
@@ -122,6 +124,7 @@ void free_gr_nam(struct group *entry) {
   std::free(entry);
 }
 
+// The caller frees it.
 char *get_version_string(void) {
   return ::strdup("spoolcap " SPOOLCAP_VERSION);
 }

@@ -8,6 +8,8 @@
 
 SPOOLCAP_BEGIN_DECLARATIONS
 
+/* Directories and files of the system that this software was made for. Ids are used inside the
+ * tree only, so they may be renumbered. */
 enum qx_path_id {
   QX_PATH_PATHS_CONF,      /* directories of the platform */
   QX_PATH_PBX_CONF,        /* database credentials; cache servers */

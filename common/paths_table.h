@@ -4,6 +4,7 @@
 
 #include "common/paths.h"
 
+// A new id needs its path at the same place here; a missing one would be NULL.
 inline constexpr const char *qx_fixed_paths[QX_PATH_COUNT] = {
     "/etc/quorvex/paths.conf",     "/etc/quorvex/pbx.conf",       "/etc/quorvex/sqldbase.conf",
     "/etc/quorvex/disdbase.conf",  "/etc/quorvex/local.conf",     "/etc/asterisk/asterisk.conf",

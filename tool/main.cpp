@@ -15,6 +15,7 @@
 
 namespace {
 
+// Scripts go by these numbers. 1, a bad command line, is given by options.cpp.
 enum exit_status {
   STATUS_OK = 0,
   STATUS_CONFIG = 2,
@@ -28,8 +29,10 @@ exit_status run_once() {
     std::fputs("Error getting all the data from config files\n", stderr);
     return STATUS_CONFIG;
   }
+  // Its result is nothing: without a database no target is found, which says the same.
   qx_sql_pool_init();
 
+  // One pass: targets that appear later are for the next run.
   const target_table targets = get_sql_data();
   if (targets == nullptr) {
     std::fputs("None of the requested users found in database.\n", stderr);
@@ -50,6 +53,7 @@ exit_status run_once() {
         break;
     }
   }
+  // Also after a refresh that failed in part: the report shows what is stored now.
   if (run.quiet_flag == 0) show_quotas(targets.get());
   return status;
 }
@@ -63,6 +67,8 @@ exit_status end_without_memory() {
 }  // namespace
 
 int main(int argc, char **argv) {
+  // The order matters: output is watched before anything opens a file, and before a bad command
+  // line is told.
   start_clock();
   watch_output();
   parse_args(argc, const_cast<const char **>(argv));

@@ -20,6 +20,7 @@ clock_type::time_point started;
 void count_shown(fr_hash_t *targets, int32_t id, const int64_t *quotas) {
   const auto *target = fr_hash_find<target_record>(targets, id);
   if (run.action != ACTION_SHOW || target == nullptr) return;
+  // The parent's figures hold these already.
   if (fr_hash_find<target_record>(targets, target->parent_id) != nullptr) return;
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
     if (quotas[kind] > 0) the_tally.add(kind, quotas[kind]);

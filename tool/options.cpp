@@ -38,6 +38,7 @@ constexpr char banner[] =
     "\t--children|-c: Do the action on all the child objects too\n"
     "\t--human|-h: Print sizes in human readble form (KB, MB, GB etc)\n"
     "\t--quiet|-q: Print nothing on stdout. Invalid if -A show was requested\n";
+// The text is fixed byte by byte; its length catches a slip of the hand.
 static_assert(sizeof banner - 1 == 934);
 
 [[noreturn]] void reject(const char *what) {
@@ -46,6 +47,7 @@ static_assert(sizeof banner - 1 == 934);
   std::exit(1);
 }
 
+// The word must be whole and in lower case.
 int action_of(const char *word) {
   if (word == nullptr) return ACTION_NONE;
   if (std::strcmp(word, "set") == 0) return ACTION_SET;
@@ -122,5 +124,6 @@ void parse_args(int argc, const char **argv) {
   if (run.action == ACTION_SHOW && run.quiet_flag != 0) {
     reject("--action show   and  --quiet  cannot be used together");
   }
+  // popt has set 1 for the flag.
   if (run.force_depth != 0) run.force_depth = forced_depth;
 }

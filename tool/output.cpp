@@ -12,6 +12,7 @@
 
 namespace {
 
+// The first failure has the cause; later ones may only follow from it.
 int first_error = 0;
 
 void tell_lost_output() {
@@ -51,6 +52,7 @@ bool has_lost_output() {
 }
 
 void print_login(const char *login) {
+  // Files and pipes get the login byte by byte: programs compare it with the database.
   static const bool on_terminal = ::isatty(STDOUT_FILENO) == 1;
   if (!on_terminal) {
     std::fputs(login, stdout);

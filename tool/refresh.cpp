@@ -10,6 +10,7 @@ int refresh_user_quotas(fr_hash_t *targets) {
   bool succeeded = false;
   bool failed = false;
   for_each_target(targets, [&](int32_t id, const target_record &target) {
+    // Its parent's refresh has covered it.
     if (target.selected == 0) return;
     if (quota_update_slow(id, QUOTA_ALL_KINDS, nullptr, run.force_depth) == 0) {
       succeeded = true;

@@ -17,6 +17,7 @@
 
 namespace {
 
+// Without an order: the listing has always come as the database gives it.
 constexpr char select_accounts[] =
     "SELECT client.id, acc.username FROM client, hs_account acc WHERE client.id = acc.userID";
 
@@ -97,6 +98,7 @@ int show_all_accounts(SessionHandle session, fr_hash_t *targets) {
     if (is_empty(row[0]) || is_empty(row[1])) continue;
     print_start(row[1]);
     std::printf(" (with id: %s)\t", row[0]);
+    // Before the figures are read: a full disk or a closed pipe ends the run soon.
     if (has_lost_output()) break;
     int64_t quotas[QUOTA_ALL_KINDS];
     if (quota_read_sql(std::atoi(row[0]), QUOTA_ALL_KINDS, quotas, nullptr) < 0) {

@@ -9,6 +9,7 @@
 #include "platform/base/parseconfig.h"
 #include "platform/base/view.h"
 
+// Written by one thread at the start; nothing has to guard it.
 run_settings run = {};
 
 namespace {

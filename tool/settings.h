@@ -25,6 +25,7 @@ struct run_settings {
   safestr_owner ast_lib_dir;
 };
 
+// The one instance; only options.cpp and settings.cpp write it.
 extern run_settings run;
 
 // Reads the directories from the platform's and Asterisk's configuration files; a missing file or

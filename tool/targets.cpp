@@ -38,6 +38,7 @@ bool is_target_level(int level) {
 }
 
 // Index of a level's slot; 0 for a level that has none.
+// Slots of target_record::level_ids.
 int lvl2idx(int level) {
   switch (level) {
     case LEVEL_CLIENT:
@@ -89,6 +90,7 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
   record.parent_id = std::atoi(row[1]);
   if (fr_hash_find<target_record>(table, id) != nullptr) return;
 
+  // The statements give parents first, so a parent among the targets is in the table by now.
   const bool refreshing = run.action != ACTION_SHOW;
   if (fr_hash_find<target_record>(table, record.parent_id) == nullptr) {
     record.selected = refreshing ? 1 : 0;
@@ -101,6 +103,7 @@ void add_target(fr_hash_t *table, MYSQL_ROW row) {
   c_string login(::strdup(row[3]));
   record.login = login.get();
   if (!login || fr_hash_force_add(table, id, record) != 0) throw std::bad_alloc();
+  // The table's copy of the record owns the text now.
   static_cast<void>(login.release());
 }
 

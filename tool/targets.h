@@ -21,6 +21,7 @@ struct target_record {
   char *login;       // owned by the table
 };
 
+// Freed with its records and their logins. Keeps the order of the statement.
 using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
 
 // The accounts that the command line names, each once and parents first; empty when nothing was

@@ -9,6 +9,7 @@
 namespace {
 
 // The service asks the DisDB before it answers.
+// Seconds, for the whole answer.
 constexpr float patience = 20;
 
 status_answer failed(const std::string &socket_path, const char *what, int error) {
@@ -39,6 +40,7 @@ std::optional<std::string> receive_piece(int socket, const deadline &limit) {
 
 }  // namespace
 
+// Each command makes a connection of its own; the service sees it as one more host.
 status_answer ask_status(const std::string &socket_path) {
   const unique_fd socket = connect_to_service(socket_path);
   if (!socket) return failed(socket_path, "cannot be reached", errno);
@@ -50,6 +52,7 @@ status_answer ask_status(const std::string &socket_path) {
   for (;;) {
     const auto piece = receive_piece(socket.get(), limit);
     if (!piece) return failed(socket_path, "does not answer", errno);
+    // An empty piece is the end; without it a service that died would leave half a text.
     if (piece->empty()) return {.json = std::move(json), .error = {}};
     json += *piece;
   }

@@ -8,22 +8,27 @@
 
 namespace {
 
+// Bounds the memory, however long the queues are.
 constexpr size_t most_members = 10'000;
 constexpr size_t most_named = 20;  // in the log; the status names more
 // All in seconds.
 constexpr double first_pause = 1;
 constexpr double longest_pause = 300;
 constexpr double longest_claimed_pause = 15;
+// A person has to mend these, so a try costs more than it brings.
 constexpr double first_parked_pause = 300;
 constexpr double longest_parked_pause = 3600;
 
 double pause_after(const job_result &result, int tries, double window) {
   switch (result.end) {
+    // The other job is done soon; its end is not told to us.
     case job_end::claimed:
       return jittered(tries, first_pause, longest_claimed_pause);
     case job_end::parked:
+      // Never at once, even where the jitter gives next to nothing.
       return first_parked_pause / 2 +
              jittered(tries, first_parked_pause, longest_parked_pause - first_parked_pause / 2);
+    // Exactly the window: until then the unclear transfer may still take effect.
     case job_end::waiting:
       return window;
     default:
@@ -34,6 +39,7 @@ double pause_after(const job_result &result, int tries, double window) {
 }  // namespace
 
 void backoff_table::schedule(const name &which, entry &what, double when) {
+  // The old time must go first: it is part of the key in `due_`.
   if (!what.is_due) due_[which.first].erase({what.told.next, which.second});
   what.told.next = when;
   what.is_due = false;
@@ -43,6 +49,7 @@ void backoff_table::schedule(const name &which, entry &what, double when) {
 bool backoff_table::holds(const work_item &item) {
   const auto found = entries_.find({item.kind, item.entry.member});
   if (found == entries_.end()) return false;
+  // Another score is another commit, which has not failed yet.
   if (found->second.score == item.entry.score) return true;
   forget(item);
   return false;
@@ -57,9 +64,11 @@ bool backoff_table::put_aside(const work_item &item, const job_result &result, d
     found = entries_.emplace(which, entry{}).first;
     found->second.told.member = item.entry.member;
     found->second.told.since = now;
+    // It is not in `due_`; `schedule` below puts it there.
     found->second.is_due = true;
   }
   entry &what = found->second;
+  // Each new reason once, and only while there are few: the log is for persons.
   if (result.end == job_end::parked && what.told.reason != result.reason &&
       entries_.size() <= most_named) {
     QX_LOG(FR_LOG_WARNING, "queue member [%s] is put aside: %s\n", item.entry.member.c_str(),
@@ -93,6 +102,7 @@ void backoff_table::hurry(const delete_member &deletion, const std::string &node
   const auto covers = [&](const std::string &member) {
     return deletion.whole_prefix ? member.starts_with(text) : member == text;
   };
+  // Names are sorted, so the members below a prefix follow one another.
   for (auto found = entries_.lower_bound({queue_kind::uploads, text});
        found != entries_.end() && found->first.first == queue_kind::uploads &&
        covers(found->first.second);
@@ -108,6 +118,7 @@ std::vector<work_item> backoff_table::take_due(queue_kind kind, double now, size
     const name which{kind, due.begin()->second};
     due.erase(due.begin());
     entry &what = entries_.at(which);
+    // It stays in the table, so that a look passes over it while a worker has it.
     what.is_due = true;
     items.push_back({kind, {which.second, what.score}});
   }
@@ -124,6 +135,7 @@ std::vector<parked_member> backoff_table::parked(size_t most) const {
   for (const auto &[which, what] : entries_) {
     if (what.end == job_end::parked) found.push_back(&what.told);
   }
+  // By pointer: members hold texts, and only the first ones are copied.
   std::ranges::stable_sort(found, {}, &parked_member::since);
   if (found.size() > most) found.resize(most);
   std::vector<parked_member> members;
@@ -143,6 +155,7 @@ size_t backoff_table::waiting() const {
 
 void backoff_table::hurry_all(double now) {
   for (auto &[which, what] : entries_) {
+    // Waiting is for time to pass, which no reload makes faster.
     if (!what.is_due && what.end != job_end::waiting) schedule(which, what, now);
   }
 }

@@ -10,11 +10,14 @@
 
 #include "transfer/job.h"
 
+// A member of a queue on its way to a worker and back. It carries the score that was read with it.
 struct work_item {
   queue_kind kind = queue_kind::uploads;
   queue_entry entry;
 };
 
+// Owned by the feeder and used under its lock. What is in here stays in the queue, too: a restart
+// loses nothing but the times.
 class backoff_table {
  public:
   // Whether this member is put aside with this score. One that was queued again is forgotten, and
@@ -25,6 +28,8 @@ class backoff_table {
   bool put_aside(const work_item &item, const job_result &result, double now, double window);
   // Lets a member wait that was due and could not be tried.
   void postpone(const work_item &item, double until);
+  // For a member that is done, or is in the queue no more. One that is not in the table is no
+  // error.
   void forget(const work_item &item);
   // A deletion became known: the uploads of `node` that it may cover are due now.
   void hurry(const delete_member &deletion, const std::string &node, double now);
@@ -41,15 +46,19 @@ class backoff_table {
   void hurry_all(double now);
 
  private:
+  // Both queues may hold the same text, so the kind is part of the name.
   using name = std::pair<queue_kind, std::string>;
+  // A member that waits. `told.next` is the time under which `due_` has it.
   struct entry {
     std::string score;
     parked_member told;
     job_end end = job_end::retry;
     bool is_due = false;  // taken, and not in `due_`
   };
+  // Keeps `entries_` and `due_` in step; nothing else writes to `due_` but taking and forgetting.
   void schedule(const name &which, entry &what, double when);
 
+  // By name, so that the uploads below a prefix stand side by side; and by time, for each queue.
   std::map<name, entry> entries_;
   std::map<queue_kind, std::set<std::pair<double, std::string>>> due_;
 };

@@ -20,6 +20,7 @@ bool same_time(const timespec &one, const timespec &other) {
   return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
+// Never over another file: a host may have put one there a moment ago.
 int rename_new(int folder, const std::string &from, const std::string &to) {
   return ::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE);
 }
@@ -34,6 +35,7 @@ std::optional<cache_file> cache_file::open(int folder, std::string name) {
   return cache_file(folder, std::move(name), std::move(fd), status);
 }
 
+// The time of birth: that of the last write changes with each use.
 double cache_file::made_at() const {
   struct statx status {};
   if (::statx(fd_.get(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
@@ -55,6 +57,7 @@ removal cache_file::remove() {
     return errno == EAGAIN ? removal::in_use : removal::failed;
   }
   const removal result = remove_leased();
+  // Giving the lease back must not hide why the removal failed.
   const int error = errno;
   ::fcntl(fd_.get(), F_SETLEASE, F_UNLCK);
   errno = error;
@@ -64,6 +67,7 @@ removal cache_file::remove() {
 removal cache_file::remove_leased() {
   struct stat now {};
   if (::fstat(fd_.get(), &now) != 0) return removal::failed;
+  // A host notes its use in the time of last write, before it opens the file.
   if (!same_time(now.st_mtim, status_.st_mtim)) return removal::in_use;
 
   // A host may have given the name to a new file, which is not to be moved without need.
@@ -79,6 +83,7 @@ removal cache_file::remove_leased() {
   if (::fstatat(folder_, away.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return removal::failed;
   // A host that was told of the file in between has noted its use, and is about to open it.
   const bool is_same = same_file(now, status_);
+  // Before it is removed for good, its name goes back if anything is doubtful.
   if (!is_same || !same_time(now.st_mtim, status_.st_mtim)) {
     put_back(folder_, away);
     return is_same ? removal::in_use : removal::changed;
@@ -91,6 +96,7 @@ void put_back(int folder, const std::string &removing_name) {
   if (rename_new(folder, removing_name, name) == 0 || errno != EEXIST) return;
   // Which of the two is the newer one cannot be told: a download may have taken the name.
   const auto file = cache_file::open(folder, removing_name);
+  // With a receipt nothing is lost: the store has what is removed here.
   if (file && read_receipt(file->fd())) {
     ::unlinkat(folder, removing_name.c_str(), 0);
   } else {

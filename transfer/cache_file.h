@@ -27,6 +27,7 @@ class cache_file {
   // when there is none, or it cannot be read.
   static std::optional<cache_file> open(int folder, std::string name);
 
+  // Open for reading only; borrowed.
   int fd() const { return fd_.get(); }
   const struct stat &status() const { return status_; }  // as it was when opened
   double last_use() const;                               // seconds since the epoch
@@ -34,14 +35,17 @@ class cache_file {
   // When it was made, which nothing changes. Its last use where that is not known.
   double made_at() const;
 
+  // Takes a write lease for the length of the call. Who opens the file meanwhile waits for it.
   removal remove();
 
  private:
+  // The part of `remove` that runs under the lease.
   removal remove_leased();
 
   cache_file(int folder, std::string name, unique_fd fd, const struct stat &status)
       : folder_(folder), name_(std::move(name)), fd_(std::move(fd)), status_(status) {}
 
+  // Borrowed; the walk that found the file keeps it open.
   int folder_;
   std::string name_;
   unique_fd fd_;

@@ -24,6 +24,7 @@ int tell(const std::string &error) {
   return 1;
 }
 
+// The service alone knows, as it sees what runs as well as what is queued.
 bool is_idle(const std::string &json) {
   rapidjson::Document state;
   state.Parse(json.data(), json.size());
@@ -52,6 +53,7 @@ int drain(const std::string &socket_path, std::optional<int> seconds) {
     const status_answer answer = ask_status(socket_path);
     const std::chrono::nanoseconds asked = std::chrono::steady_clock::now() - start;
     if (answer.json && is_idle(*answer.json)) return 0;
+    // Each error once: a service that is away for long is not told of twice a second.
     if (answer.error != told && !answer.error.empty()) tell(answer.error + "; waiting for it");
     told = answer.error;
     if (seconds && limit.passed()) return tell("the time is over, and not all is done");

@@ -4,6 +4,7 @@
 
 #include "transfer/state.h"
 
+// One row for each counter: JSON takes the name as it is, Prometheus with a prefix and "_total".
 struct counter_name {
   const char *name;
   const char *help;

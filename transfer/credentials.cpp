@@ -12,6 +12,7 @@
 
 namespace {
 
+// A file of keys has some hundred bytes; this keeps out what was named by mistake.
 constexpr off_t largest_file = 1 << 20;
 
 std::string read_whole(int fd, size_t size) {
@@ -45,6 +46,7 @@ void parse(std::string_view text, credentials_reading &reading) {
     const std::string_view line = trimmed(text.substr(0, end));
     text.remove_prefix(std::min(end + 1, text.size()));
     if (line.empty() || line[0] == '#' || line[0] == ';') continue;
+    // A section that comes twice goes on where it was.
     if (line.front() == '[' && line.back() == ']') {
       section = &reading.keys[std::string(trimmed(line.substr(1, line.size() - 2)))];
     } else if (section != nullptr) {
@@ -65,6 +67,7 @@ credentials_reading read_credentials(const std::string &path) {
   } else if (!S_ISREG(facts.st_mode) || facts.st_size > largest_file) {
     reading.error = path + ": is not a file of keys";
   } else if ((facts.st_mode & S_IRWXO) != 0) {
+    // The group may read it: hosts and service share a group on many nodes.
     reading.error = path + ": others may open it; take their rights away (chmod o=)";
   } else {
     parse(read_whole(file.get(), static_cast<size_t>(facts.st_size)), reading);

@@ -14,6 +14,7 @@
 
 #include "platform/s3/client.h"
 
+// Keys may lack a part here; whoever uses them looks.
 struct credentials_reading {
   std::map<std::string, s3_credentials, std::less<>> keys;  // by location
   std::string error;                                        // empty, or one line

@@ -61,6 +61,7 @@ class transfer_downloads::engine {
   std::multimap<fetch_clock::time_point, transfer_pointer> due_;  // those that no thread runs
 };
 
+// Threads are started under the lock: the first one waits until the rest is set up.
 void transfer_downloads::engine::start(int at_once, int wait) {
   const std::lock_guard guard(lock_);
   wait_ = std::chrono::seconds(wait);
@@ -74,6 +75,7 @@ void transfer_downloads::engine::order(download_order what) {
     if (is_open_ && is_object_key(what.key)) {
       const std::string name = what.location_text + ":" + what.key;
       const auto found = transfers_.find(name);
+      // The same object is on its way: one more target for it.
       if (found != transfers_.end()) {
         found->second->orders.push_back(std::move(what));
         return;
@@ -91,6 +93,7 @@ void transfer_downloads::engine::order(download_order what) {
       return;
     }
   }
+  // Without the lock, as `done` writes to the host's socket.
   what.done(false);
 }
 
@@ -104,6 +107,7 @@ void transfer_downloads::engine::stop() {
   for (std::thread &one : threads_) one.join();
   threads_.clear();
   due_.clear();
+  // No thread is left, and `order` lets nothing in any more. Each host is told exactly once.
   for (const auto &[name, one] : std::exchange(transfers_, {})) {
     for (const download_order &order : one->orders) order.done(false);
   }
@@ -132,6 +136,7 @@ transfer_downloads::engine::transfer_pointer transfer_downloads::engine::next() 
     if (due_.empty()) {
       changed_.wait(guard);
     } else if (const auto time = due_.begin()->first; time > fetch_clock::now()) {
+      // An order that comes meanwhile is due now, and wakes a thread.
       changed_.wait_until(guard, time);
     } else {
       return std::move(due_.extract(due_.begin()).mapped());
@@ -148,6 +153,7 @@ void transfer_downloads::engine::run(const transfer_pointer &what) {
   }
   if (step.what == fetch_step::kind::again) {
     const std::lock_guard guard(lock_);
+    // The thread is free for others while the transfer waits.
     due_.emplace(fetch_clock::now() + step.delay, what);
     changed_.notify_one();
     return;
@@ -175,6 +181,7 @@ void transfer_downloads::engine::deliver(transfer &what, const std::list<downloa
     ++(error == 0 ? state_.counters.downloads : state_.counters.download_failures);
     one.done(error == 0);
   }
+  // Once for the object: copies on this disk were not fetched.
   state_.counters.download_bytes += static_cast<std::uint64_t>(object.length);
 }
 

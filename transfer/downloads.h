@@ -11,6 +11,7 @@
 #include "transfer/queue.h"
 #include "transfer/state.h"
 
+// What one host wants. The target is the host's file, and only its descriptor is here.
 struct download_order {
   std::string location_text;  // "<location>@<node>" of the row
   std::string key;
@@ -19,6 +20,7 @@ struct download_order {
   std::function<void(bool)> done;
 };
 
+// Safe from several threads. Orders of one object share one transfer; each has its own target.
 class transfer_downloads {
  public:
   transfer_downloads(transfer_queue &queue, transfer_locations &locations, transfer_state &state,
@@ -29,6 +31,7 @@ class transfer_downloads {
 
   // `at_once` transfers; `wait` seconds for an object whose upload is still queued.
   void start(int at_once, int wait);
+  // Never waits. What cannot be done is told through `done`, perhaps before this returns.
   void order(download_order what);
   // Ends all that wait or run as failed; `control.stop` is up by then.
   void stop();

@@ -20,6 +20,7 @@ constexpr int share_of_looks = 10;   // so many times what a look costs the DisD
 constexpr double end_of_queue = 60;  // seconds: a member is told of within it
 
 // When a time of the wall clock comes.
+// At most an hour ahead, so that a clock that jumps cannot stop the feeder.
 std::chrono::steady_clock::time_point moment_of(double time) {
   const double left = std::clamp(time - qx_get_tstamp(), 0.0, 3600.0);
   return std::chrono::steady_clock::now() +
@@ -41,6 +42,7 @@ void work_feeder::configure(const worker_settings &settings) {
 
 void work_feeder::wake() {
   const std::lock_guard guard(lock_);
+  // Which queue grew is not told; a look at an end costs little.
   uploads_.woken = deletes_.woken = has_event_ = true;
   events_.notify_one();
 }
@@ -60,6 +62,7 @@ std::optional<work_item> work_feeder::next(queue_kind kind) {
   if (is_ended_) return std::nullopt;
   work_item item{kind, std::move(queue.ready.front())};
   queue.ready.pop_front();
+  // Only when the mark is crossed, or each member would wake the feeder.
   if (queue.ready.size() == low_water - 1) {
     has_event_ = true;
     events_.notify_one();
@@ -70,23 +73,28 @@ std::optional<work_item> work_feeder::next(queue_kind kind) {
 void work_feeder::ended(const work_item &item, const job_result &result) {
   const std::lock_guard guard(lock_);
   lane &queue = lane_of(item.kind);
+  // First of all: from now on a look may hand the member out again.
   queue.taken.erase(item.entry.member);
   switch (result.end) {
     case job_end::settled:
       aside_.forget(item);
+      // The look's place in the set moves to the front by as much.
       ++queue.removed;
       if (item.kind == queue_kind::deletes) {
         const auto deletion = delete_member::parse(item.entry.member);
+        // Uploads that were cancelled wait in vain; now they can find that out.
         if (deletion) aside_.hurry(*deletion, context_.queue.node(), qx_get_tstamp());
       } else if (!is_blocked_) {
         return;
       }
       if (is_blocked_) look_for_blocked();  // the location answers again
       break;
+    // The member is at the end of the queue now, with its new time.
     case job_end::renewed:
       aside_.forget(item);
       queue.woken = true;
       break;
+    // Not the member's fault: it is not put aside, and found again when the location is up.
     case job_end::held:
       aside_.postpone(item, qx_get_tstamp() + 1);
       is_blocked_ = true;
@@ -130,6 +138,7 @@ void work_feeder::look_again(lane &queue, clock::duration after) {
 void work_feeder::pause(lane &queue) {
   queue.paused_until = clock::now() + pause_when_full;
   queue.has_found = true;
+  // Members of the table stay: they count as handed out there, and nobody would do it again.
   std::erase_if(queue.ready, [&](const queue_entry &entry) {
     if (aside_.holds({queue.kind, entry})) return false;
     queue.taken.erase(entry.member);
@@ -152,6 +161,7 @@ void work_feeder::add(lane &queue, queue_entry entry) {
 
 void work_feeder::hand_out_due() {
   for (lane *queue : {&deletes_, &uploads_}) {
+    // The workers have enough; what is due stays due.
     if (queue->ready.size() >= low_water) continue;
     for (work_item &item : aside_.take_due(queue->kind, qx_get_tstamp(), most_due)) {
       add(*queue, std::move(item.entry));
@@ -167,6 +177,7 @@ static std::string location_of(const queue_entry &entry) {
 void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries) {
   for (const queue_entry &entry : entries) {
     work_item item{queue.kind, entry};
+    // Work for a worker already, or put aside until its time.
     if (queue.taken.contains(entry.member) || aside_.holds(item)) continue;
     const std::string location = location_of(entry);
     // What names no location is handed out to be told of.
@@ -183,9 +194,11 @@ bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
   const auto now = clock::now();
   if (queue.look_at <= now && queue.may_look_at <= now) {
     queue.cursor = 0;
+    // From the front: the oldest members first.
     queue.is_at_end_only = false;
     queue.look_at = now + interval_;
   } else if (queue.woken) {
+    // The DisDB may take seconds; workers must get and report members meanwhile.
     guard.unlock();
     const auto place = context_.queue.place_of(queue.kind, qx_get_tstamp() - end_of_queue);
     guard.lock();
@@ -198,6 +211,7 @@ bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
   } else {
     return false;
   }
+  // What is queued from now on sets it again, and is seen by the next look at the end.
   queue.woken = queue.has_found = false;
   queue.removed = 0;
   queue.asked = {};
@@ -206,6 +220,7 @@ bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
 
 void work_feeder::end_look(lane &queue) {
   if (queue.is_at_end_only) return;
+  // With a million members a look costs the DisDB much; it gets ten times as long a rest.
   queue.may_look_at = clock::now() + std::max<clock::duration>(shortest_between_looks,
                                                                queue.asked * share_of_looks);
   // Members may have moved past the look as other nodes removed theirs.
@@ -214,6 +229,7 @@ void work_feeder::end_look(lane &queue) {
 
 // Reads a page when the workers are about to run out. True when there may be more to read at once.
 bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
+  // Bounds what is held in memory, however long the queue is.
   if (queue.ready.size() >= low_water || clock::now() < may_ask(queue)) return false;
   if (queue.cursor < 0 && !begin_look(queue, guard)) return false;
   // Those that workers have may be removed while the page is read, and move the rest to the front.
@@ -226,6 +242,7 @@ bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
   guard.lock();
   queue.asked += clock::now() - start;
   if (!page) {
+    // For both queues, as they lie in the same server. The place is kept.
     ask_at_ = clock::now() + pause_when_down;
     return false;
   }
@@ -244,6 +261,7 @@ void work_feeder::keep_house(std::unique_lock<std::mutex> &guard) {
   if (renew) context_.queue.renew_claims();
   if (trim) context_.queue.trim(window, deletions_kept);
   guard.lock();
+  // Counted from before the calls: claims live 60 s, and a slow DisDB must not eat that up.
   if (renew) renew_at_ = now + renew_every;
   if (trim) trim_at_ = now + trim_every;
 }
@@ -252,6 +270,7 @@ work_feeder::clock::time_point work_feeder::next_event() const {
   auto when = std::min(renew_at_, trim_at_);
   for (const lane *queue : {&uploads_, &deletes_}) {
     if (queue->ready.size() >= low_water) continue;
+    // A look that is under way goes on as soon as there is room for a page.
     const bool looks = queue->cursor >= 0 || queue->woken;
     when = std::min(when, looks ? may_ask(*queue)
                                 : std::max({queue->look_at, queue->may_look_at, may_ask(*queue)}));
@@ -265,9 +284,11 @@ work_feeder::clock::time_point work_feeder::next_event() const {
 void work_feeder::run() {
   std::unique_lock guard(lock_);
   while (!is_ended_) {
+    // Claims come first: without renewal other nodes would take the keys over.
     keep_house(guard);
     hand_out_due();
     if (is_blocked_ && context_.locations.next_retry() <= qx_get_tstamp()) look_for_blocked();
+    // Deletions first, so that uploads which they cancel are not sent in vain.
     const bool more_deletes = feed(deletes_, guard);
     const bool more_uploads = feed(uploads_, guard);
     if (more_deletes || more_uploads || is_ended_) continue;

@@ -18,6 +18,7 @@
 
 #include "transfer/backoff.h"
 
+// The threads: `run` on one of its own, `next` and `ended` on each worker, all others on any.
 class work_feeder {
  public:
   explicit work_feeder(const job_context &context) : context_(context) {}
@@ -27,6 +28,7 @@ class work_feeder {
   // Also makes all members due that were put aside.
   void configure(const worker_settings &settings);
   void wake();
+  // Ends `run` and each `next`. What was handed out is still to be reported.
   void stop();
   void run();  // the body of the feeder's thread
 
@@ -46,31 +48,41 @@ class work_feeder {
   struct lane {
     queue_kind kind;
     std::deque<queue_entry> ready{};
+    // Members in here are passed over by looks, so no two workers get one.
     std::set<std::string> taken{};  // ready or worked on
     std::condition_variable filled{};
     long cursor = -1;  // -1 between looks
     long removed = 0;  // of what the look has passed; the rest moved to the front by as much
+    // The look has handed out or dropped something, so another one is worth it soon.
     bool has_found = false;
+    // The look was begun in the last minute's members, as something was just queued.
     bool is_at_end_only = false;
     clock::duration asked{};  // how long the DisDB took for this look
+    // When the next look is due; before when none may begin; until when no page is read.
     clock::time_point look_at{}, may_look_at{}, paused_until{};
     bool woken = false;
   };
 
   lane &lane_of(queue_kind kind) { return kind == queue_kind::uploads ? uploads_ : deletes_; }
+  // Runs without the lock while it talks to the DisDB, as do the two that take the guard below.
   void keep_house(std::unique_lock<std::mutex> &guard);
+  // Members whose time has come go to the workers before anything that a look finds.
   void hand_out_due();
   bool feed(lane &queue, std::unique_lock<std::mutex> &guard);
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
+  // Sets when the next look may begin: a long queue must not keep the DisDB busy with looks.
   void end_look(lane &queue);
   void pause(lane &queue);
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
+  // Makes a member ready and wakes a worker.
   void add(lane &queue, queue_entry entry);
   void look_for_blocked();
   void look_again(lane &queue, clock::duration after);
+  // The DisDB is given a pause when it did not answer, a queue when too many of its members fail.
   clock::time_point may_ask(const lane &queue) const {
     return std::max(ask_at_, queue.paused_until);
   }
+  // Until when `run` may sleep if nothing wakes it.
   clock::time_point next_event() const;
 
   const job_context &context_;
@@ -84,6 +96,7 @@ class work_feeder {
   lane uploads_{.kind = queue_kind::uploads}, deletes_{.kind = queue_kind::deletes};
   backoff_table aside_;
   bool is_blocked_ = false;  // a member waits for a location that rests
+  // When claims are renewed, old deletions are forgotten, and the DisDB may be asked again.
   clock::time_point renew_at_{}, trim_at_{}, ask_at_{};
 };
 

@@ -19,11 +19,13 @@ constexpr fetch_clock::duration look_again = 500ms;  // at a location that rests
 constexpr fetch_clock::duration next_look = 200ms;   // at an object that is still to be uploaded
 constexpr double first_delay = 0.5, longest_delay = 5;
 
+// -1 when it cannot be told, which equals no length of an object.
 std::int64_t size_of(int fd) {
   struct stat status {};
   return ::fstat(fd, &status) == 0 ? status.st_size : -1;
 }
 
+// Objects that were stored in parts have another form; their digest is in the metadata.
 bool is_md5(const std::string &etag) {
   return etag.size() == 32 && etag.find_first_not_of("0123456789abcdef") == etag.npos;
 }
@@ -47,6 +49,7 @@ object_fetch::object_fetch(transfer_queue &queue, transfer_locations &locations,
       wait_(wait) {}
 
 fetch_step object_fetch::attempt(int target) {
+  // The time to wait counts from the first try, not from the order.
   if (begun_ == fetch_clock::time_point()) begun_ = fetch_clock::now();
   if (!locations_.is_known(location_)) return {kind::failed, {}, "the location is not configured"};
   if (!locations_.may_start(location_)) return later(look_again, "the location is in trouble");
@@ -57,6 +60,7 @@ fetch_step object_fetch::get(int target) {
   // What is there is the beginning of an object, if it is known which one.
   const std::int64_t size = size_of(target);
   const std::int64_t from = etag_.empty() ? 0 : size;
+  // Bytes of an object that is not known are no beginning of anything.
   if (from == 0 && size != 0 && ::ftruncate(target, 0) != 0) {
     locations_.skip(location_);
     return {kind::failed, {}, std::strerror(errno)};
@@ -66,6 +70,7 @@ fetch_step object_fetch::get(int target) {
     locations_.skip(location_);
     return {kind::failed, {}, "the location is not configured"};
   }
+  // With the ETag as a condition: another object there is `changed`, and begun anew.
   s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
   if (const std::int64_t come = size_of(target); come >= furthest_ + least_progress) {
     furthest_ = come;
@@ -81,11 +86,13 @@ fetch_step object_fetch::get(int target) {
     answer.outcome = s3_outcome::damaged;
     answer.text = "what came is not what is stored";
   }
+  // After the comparison, so that a store which damages objects is noticed.
   locations_.tell(location_, answer);
   if (answer) {
     got_ = {answer.etag, answer.length};
     return {kind::done};
   }
+  // A bucket that is missing says nothing about the object.
   if (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket") {
     return after_absence();
   }
@@ -96,6 +103,7 @@ fetch_step object_fetch::get(int target) {
 fetch_step object_fetch::after_absence() {
   const std::optional<bool> is_queued = queue_.is_queued(location_text_, key_);
   if (is_queued == false && is_absent_) return {kind::failed, {}, "the store does not have it"};
+  // A DisDB that does not answer leaves it open, which is like being queued.
   is_absent_ = is_queued == false;
   if (is_absent_) return {kind::again};
   if (fetch_clock::now() - begun_ >= wait_) return {kind::failed, {}, "its upload is still queued"};
@@ -109,13 +117,16 @@ fetch_step object_fetch::after_trouble(const s3_answer &answer) {
       // It broke off: what came is the beginning.
       etag_ = answer.etag;
       break;
+    // Nothing came, so what is there stays the beginning.
     case s3_outcome::busy:
     case s3_outcome::unreachable:
       break;
+    // Not to be gone on with: the next try begins at byte 0.
     case s3_outcome::damaged:
     case s3_outcome::changed:
       etag_.clear();
       break;
+    // Refused, or an error of the file: trying again would change nothing.
     default:
       return {kind::failed, {}, reason_of(answer)};
   }
@@ -127,6 +138,7 @@ fetch_step object_fetch::after_trouble(const s3_answer &answer) {
 }
 
 fetch_step object_fetch::later(fetch_clock::duration delay, const std::string &reason) const {
+  // A store that asks for more patience than the host has is a failure now.
   if (fetch_clock::now() + delay - begun_ > patience) return {kind::failed, {}, reason};
   return {kind::again, delay};
 }
@@ -137,6 +149,7 @@ bool object_fetch::is_whole(const s3_answer &answer, int target) const {
   const bool by_md5 = is_md5(answer.etag);
   if (!by_md5 && noted == answer.metadata.end()) return true;
   s3_body body{.fd = target, .length = answer.length};
+  // One digest is enough, and computing both costs twice the time.
   const s3_digests wanted = by_md5 ? s3_digests::md5 : s3_digests::sha256;
   if (!s3_digest(body, &control_.stop, wanted)) return false;
   return by_md5 ? s3_hex(body.md5) == answer.etag : s3_hex(body.sha256) == noted->second;

@@ -12,12 +12,14 @@
 using fetch_clock = std::chrono::steady_clock;
 
 // What a try came to.
+// `again` means: call `attempt` once more, after the delay.
 struct fetch_step {
   enum class kind { done, failed, again } what;
   fetch_clock::duration delay{};  // before the next try
   std::string reason = {};        // of a failure
 };
 
+// Used by one thread at a time; it remembers between tries what is in the target so far.
 class object_fetch {
  public:
   // `wait` seconds for an object whose upload is still queued.
@@ -30,10 +32,13 @@ class object_fetch {
   const receipt &got() const { return got_; }
 
  private:
+  // One request, from the end of what is there.
   fetch_step get(int target);
+  // What to do when the store has no such object.
   fetch_step after_absence();
   fetch_step after_trouble(const s3_answer &answer);
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
+  // Compares length and content. Without a digest to compare with, the length decides.
   bool is_whole(const s3_answer &answer, int target) const;
 
   transfer_queue &queue_;

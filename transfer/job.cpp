@@ -28,6 +28,7 @@ job_result result_of(queue_state state) {
       return {job_end::waiting, "an upload whose end was not seen may still take effect"};
     case queue_state::down:
       return {job_end::down};
+    // Gone from the queue, or removed from it by this job.
     default:
       return {job_end::settled};
   }
@@ -36,6 +37,7 @@ job_result result_of(queue_state state) {
 job_result failure_of(const s3_answer &answer) {
   std::string reason = answer.text.empty() ? answer.code : answer.text;
   if (reason.empty()) reason = "status " + std::to_string(answer.status);
+  // Parked is what a person must mend. All else may come right by itself.
   switch (answer.outcome) {
     case s3_outcome::refused:
     case s3_outcome::not_found:
@@ -49,6 +51,7 @@ job_result failure_of(const s3_answer &answer) {
 }
 
 bool may_follow(const s3_answer &answer) {
+  // After these the store may still work on the request, for as long as it likes.
   return answer.outcome == s3_outcome::unclear || answer.outcome == s3_outcome::stopped ||
          answer.outcome == s3_outcome::damaged || answer.status >= 500;
 }
@@ -63,6 +66,7 @@ std::string path_in_cache(const worker_settings &settings, const std::string &ke
 bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
                 const std::string &key, double deleted_at) {
   const auto queued = head.metadata.find("queued");
+  // An object that no node of ours stored is as old as can be.
   if (queued == head.metadata.end()) return false;
   const double queued_at = queue_entry{"", queued->second}.queued_at();
   if (queued_at > deleted_at) return true;

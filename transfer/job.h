@@ -9,6 +9,7 @@
 #include "transfer/state.h"
 #include "transfer/uploads.h"
 
+// The parts of the service that a job works with. Each is safe from several threads.
 struct job_context {
   transfer_queue &queue;
   transfer_locations &locations;
@@ -16,6 +17,7 @@ struct job_context {
   s3_control &control;
 };
 
+// What the feeder makes of each end is in `work_feeder::ended`.
 enum class job_end {
   settled,  // nothing is left to be done for the member as it was read
   renewed,  // the member is there with another score

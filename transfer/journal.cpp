@@ -6,6 +6,7 @@
 #include "platform/base/diagnostics.h"
 
 void state_journal::tell(const service_report &report) {
+  // The report has no queue only when the DisDB did not answer.
   const bool answers = report.queue.has_value();
   if (std::exchange(answers_, answers) != answers) {
     if (answers) {
@@ -31,6 +32,7 @@ void state_journal::tell(const service_report &report) {
            parked);
   }
   const std::int64_t missing = report.cache.not_in_store;
+  // Only when it grows: each look counts all of them anew.
   if (std::exchange(not_in_store_, missing) < missing) {
     QX_LOG(FR_LOG_ERROR,
            "Stored files that are not in the store any more: %lld; kept in the cache.",

@@ -8,6 +8,7 @@
 
 #include "transfer/status.h"
 
+// Used by the main thread only. It remembers the last report, so that nothing is said twice.
 class state_journal {
  public:
   // Logs what is different from the last report.

@@ -20,8 +20,10 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
+// A restart is a bad moment to read the whole cache.
 constexpr std::chrono::minutes first_look_after{1};
 constexpr std::chrono::hours look_interval{1};
+// Once a day the store is asked about files without a receipt, too.
 constexpr std::chrono::hours ask_interval{24};
 constexpr std::chrono::seconds limit_interval{5};
 constexpr std::chrono::seconds between_limits{1};  // where hosts commit file after file
@@ -33,6 +35,7 @@ constexpr std::chrono::minutes between_vain_rooms{5};
 void lower_priority() {
   constexpr int whose_thread = 1;      // IOPRIO_WHO_PROCESS
   constexpr int idle_class = 3 << 13;  // IOPRIO_CLASS_IDLE
+  // Both hold for this thread alone. A system that refuses them has a slower node, no fault.
   ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), 10);
   ::syscall(SYS_ioprio_set, whose_thread, 0, idle_class);
 }
@@ -43,6 +46,7 @@ std::int64_t wanted_free(const keeper_settings &settings) {
   struct statvfs disk {};
   if (settings.cache_free <= 0 || ::statvfs(settings.cache.c_str(), &disk) != 0) return 0;
   const auto total = static_cast<double>(disk.f_blocks) * static_cast<double>(disk.f_frsize);
+  // What ordinary users may have: the rest is root's.
   const auto free = static_cast<double>(disk.f_bavail) * static_cast<double>(disk.f_frsize);
   if (free * 100 >= total * settings.cache_free) return 0;
   return static_cast<std::int64_t>(total * (settings.cache_free + 1) / 100 - free);
@@ -70,6 +74,7 @@ class cache_keeper::engine {
   void reconfigure(keeper_settings settings) {
     const std::lock_guard guard(lock_);
     settings_ = std::move(settings);
+    // Other limits, or another expiry: what stayed so far may go now.
     look_due_ = ask_due_ = room_due_ = clock::now();
     woken_ = true;
     wake_.notify_one();
@@ -77,12 +82,14 @@ class cache_keeper::engine {
 
   void inserted() {
     const std::lock_guard guard(lock_);
+    // The thread has just looked, and looks again within seconds.
     if (clock::now() < limits_due_) return;
     woken_ = true;
     wake_.notify_one();
   }
 
   void stop() {
+    // Outside the lock too: walks look at it between two files.
     stop_ = true;
     {
       const std::lock_guard guard(lock_);
@@ -118,6 +125,7 @@ class cache_keeper::engine {
       wake_.wait_until(guard, due, [this] { return woken_; });
       woken_ = false;
       limits_due_ = clock::now() + between_limits;
+      // A copy: the round runs without the lock, and a reload may come meanwhile.
       const keeper_settings settings = settings_;
       const bool look_is_due = clock::now() >= look_due_;
       const bool ask_is_due = clock::now() >= ask_due_;
@@ -130,11 +138,13 @@ class cache_keeper::engine {
   }
 
   void look(const keeper_settings &settings, bool ask_all) {
+    // Taken before the look: what comes during it may be counted twice, but never missed.
     const std::uint64_t moved = moved_bytes();
     const auto result = look_through(parts_, settings, ask_all);
     const std::lock_guard guard(lock_);
     look_due_ = clock::now() + look_interval;
     if (ask_all) ask_due_ = clock::now() + ask_interval;
+    // Broken off by a stop: the numbers would be too small.
     if (!result) return;
     report_ = *result;
     moved_at_look_ = moved;
@@ -160,6 +170,7 @@ class cache_keeper::engine {
     const std::uint64_t moved = moved_bytes();
     const room_report room = make_room(parts_, settings, missing);
     if (stop_) return;
+    // Then the next try comes later: it would walk through the cache for nothing.
     const bool vain = room.freed < room.wanted;
     const std::lock_guard guard(lock_);
     report_.cached_bytes = room.left;

@@ -12,6 +12,7 @@
 #include "transfer/queue.h"
 #include "transfer/state.h"
 
+// From storage.conf and transfer.conf. The keeper takes a copy at the begin of each round.
 struct keeper_settings {
   std::string cache;  // directory; the files lie in "<cache>/main/<key>"
   std::string transfer_in;
@@ -24,6 +25,7 @@ struct keeper_settings {
   transfer_config config;       // which location a file without a receipt belongs to
 };
 
+// For status and metrics. A look that was broken off leaves the one before it.
 struct keeper_report {
   std::int64_t cached_files = -1;  // of the last look; -1 before it
   std::int64_t cached_bytes = -1;
@@ -32,6 +34,7 @@ struct keeper_report {
   double last_look = 0;
 };
 
+// Safe from several threads; the work is done on the keeper's own.
 class cache_keeper {
  public:
   // All must live longer.

@@ -11,6 +11,7 @@ namespace {
 constexpr double clock_error = 1;
 
 // Whether an upload waits or any job works on the key; nothing when that cannot be told.
+// All locations are asked: the owner's may have changed since the file was queued.
 std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &config,
                             const std::string &key) {
   for (const transfer_location &location : config.locations) {
@@ -46,7 +47,9 @@ judgement judge_absent(const keeper_parts &parts, const transfer_config &config,
   const double made = file.made_at();
   const auto deleted = deleted_at(parts, config, key);
   if (!deleted) return judgement::left;
+  // Deleted on another node, perhaps: the file here is what is left of it.
   if (*deleted > made + clock_error) return remove(parts, file);
+  // The store had it and lost it: perhaps the last copy is here, and a person must know.
   if (had_receipt) return judgement::lost;
   switch (parts.queue.queue_again(member, made)) {
     case queue_state::unchanged:
@@ -64,7 +67,9 @@ judgement judge_absent(const keeper_parts &parts, const transfer_config &config,
 judgement judge_deletion(const keeper_parts &parts, const keeper_settings &settings,
                          cache_file &file, const std::string &key) {
   const transfer_config &config = settings.config;
+  // Not a name that hosts make; who put it there may remove it.
   if (!first_id_of(key)) return judgement::left;
+  // Not known counts as not deleted: the file stays.
   const double deleted = deleted_at(parts, config, key).value_or(0);
   if (deleted <= file.made_at() + clock_error) return judgement::left;
   return is_busy(parts, config, key).value_or(true) ? judgement::left : remove(parts, file);
@@ -78,8 +83,10 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
   const store_answer answer = ask_store(parts.locations, config, key, file, known, parts.stop);
   switch (answer.result) {
     case proof::stored:
+      // From now on the store is not asked about this file any more.
       if (!known) write_receipt(file.fd(), answer.found);
       return what == wanted::removal ? remove(parts, file) : judgement::kept;
+    // A young file may be on its way into the queue: its host commits first and queues then.
     case proof::absent:
       return young ? judgement::left : judge_absent(parts, config, file, key, known.has_value());
     case proof::different:

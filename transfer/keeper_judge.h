@@ -10,6 +10,7 @@
 #include "transfer/keeper.h"
 
 // What the parts of the keeper share.
+// Borrowed from the service, which outlives the keeper.
 struct keeper_parts {
   transfer_queue &queue;
   transfer_locations &locations;
@@ -22,6 +23,7 @@ enum class wanted {
   removal   // beside that, its removal when the store has it
 };
 
+// Only `removed` changes the cache. What is not known for sure is `left`.
 enum class judgement {
   left,  // as it was: queued, in use, or not everything is known
   kept,  // the store has it

@@ -21,6 +21,7 @@ constexpr double hour = 3600;
 constexpr double removing_takes = 600;
 constexpr int named_at_most = 5;
 
+// One look, on the keeper's thread. Nothing of it is kept but the report.
 class look {
  public:
   look(const keeper_parts &parts, const keeper_settings &settings, bool ask_all)
@@ -28,6 +29,7 @@ class look {
 
   std::optional<keeper_report> run() {
     report_.cached_files = report_.cached_bytes = 0;
+    // Empty folders go when they are as old as leftovers: a host may be about to use a new one.
     const bool whole = walk_tree(settings_.cache + "/main",
                                  {.visit = [this](const walked_file &file) { return cached(file); },
                                   .remove_empty_before = now_ - trash_age()});
@@ -47,12 +49,14 @@ class look {
  private:
   double trash_age() const { return settings_.trash_expire * hour; }
 
+  // False ends the walk, which a stop wants at once.
   bool cached(const walked_file &found) {
     if (found.name.starts_with(removing_prefix)) {
       restore(found);
     } else if (found.name.starts_with(storing_prefix) || is_orphan_record(found)) {
       sweep(found);
     } else if (!found.name.starts_with('.')) {
+      // Other names with a dot are this service's own, such as records of uploads in parts.
       stored(found);
     }
     return !parts_.stop;
@@ -73,6 +77,7 @@ class look {
   void restore(const walked_file &found) {
     struct stat status {};
     if (::fstatat(found.folder, found.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    // The rename set this time; a younger one may be under way in another process.
     if (now_ - static_cast<double>(status.st_ctim.tv_sec) > removing_takes) {
       put_back(found.folder, found.name);
     }
@@ -91,7 +96,9 @@ class look {
     report_.cached_bytes += file->status().st_size;
     const double unused = now_ - file->last_use();
     const bool expired = unused > settings_.cache_expire * hour;
+    // Two intervals: a file is committed to the cache first, and queued after that.
     const bool young = unused <= settings_.upload_interval * 2;
+    // Once a day: the file may have been deleted on another node, or lost its place in the queue.
     const bool is_due = ask_all_ && !young;
     const bool is_known = read_receipt(file->fd()).has_value();
     judgement result = judgement::left;
@@ -116,6 +123,7 @@ class look {
     }
   }
 
+  // The first few by name; the rest would fill the log.
   static void name(std::int64_t count, const char *what, const std::string &key) {
     if (count <= named_at_most) {
       QX_LOG(FR_LOG_WARNING, "Cached file [%s] %s.", key.c_str(), what);

@@ -9,6 +9,7 @@
 std::optional<keeper_report> look_through(const keeper_parts &parts,
                                           const keeper_settings &settings, bool ask_all);
 
+// Less freed than wanted means that nothing more could go.
 struct room_report {
   std::int64_t wanted = 0;  // bytes above the limits
   std::int64_t freed = 0;

@@ -16,6 +16,7 @@ constexpr double announced = 60;
 // Ages grow by one part in 128 from step to step, up to 130 years.
 constexpr std::size_t steps = std::size_t{32} * 128;
 
+// By the logarithm, so that young files are told apart finely and old ones coarsely.
 std::size_t step_of(double age) {
   const double step = age < 1 ? 0 : std::log2(age) * 128;
   return std::min(static_cast<std::size_t>(step), steps - 1);
@@ -31,6 +32,7 @@ class room {
       : parts_(parts), settings_(settings) {}
 
   // Each round takes the longest unused of what no round has tried.
+  // Several rounds, as some files of a round turn out to be in use or not stored.
   room_report make(std::int64_t wanted_free) {
     measure();
     result_.wanted = std::max(wanted_free, above_size());
@@ -45,6 +47,7 @@ class room {
   }
 
  private:
+  // Walks anew for each round: names of a large cache are not kept in memory.
   template <class Body>
   void each(Body body) {
     const auto visit = [&](const walked_file &found) {
@@ -59,6 +62,7 @@ class room {
   void measure() {
     each([this](const cache_file &file, const std::string & /*key*/) {
       const double age = now_ - file.last_use();
+      // Files that were just used count for the size, but not as room that can be made.
       if (age > announced) bytes_[step_of(age)] += file.status().st_size;
       result_.left += file.status().st_size;
     });
@@ -84,6 +88,7 @@ class room {
       const bool young = age <= settings_.upload_interval * 2;
       if (judge_file(parts_, settings_, file, key, wanted::removal, young) == judgement::removed) {
         result_.freed += file.status().st_size;
+        // Ends the walk: what is left of this age may stay.
         done_ = result_.freed >= result_.wanted;
       }
     });

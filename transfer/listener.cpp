@@ -12,6 +12,7 @@
 
 namespace {
 
+// Hosts that connect at once while the server is busy; more of them get EAGAIN.
 constexpr int waiting_hosts = 128;
 
 std::string told(const std::string &path, const char *text) {
@@ -24,6 +25,7 @@ std::string clear(const std::string &path) {
   if (::lstat(path.c_str(), &status) != 0) return "";
   if (!S_ISSOCK(status.st_mode)) return told(path, "there is a file that is no socket");
   // EAGAIN: its service is there, and has much to do.
+  // Asked by connecting: a file alone does not tell whether somebody listens.
   if (connect_to_service(path) || errno == EAGAIN) return told(path, "another service runs here");
   if (errno != ECONNREFUSED && errno != ENOENT) return told(path, std::strerror(errno));
   return ::unlink(path.c_str()) == 0 || errno == ENOENT ? "" : told(path, std::strerror(errno));
@@ -34,6 +36,7 @@ std::string clear(const std::string &path) {
 listening_socket::~listening_socket() {
   struct stat status {};
   if (!socket_ || ::lstat(path_.c_str(), &status) != 0) return;
+  // Another service may have the name by now.
   if (status.st_dev == device_ && status.st_ino == inode_) ::unlink(path_.c_str());
 }
 
@@ -43,6 +46,7 @@ std::string listening_socket::open(const std::string &path) {
   const std::string folder = path.substr(0, path.rfind('/') + 1);
   make_directories(folder.c_str(), 0755, [](const char * /*made*/) { return 0; });
   const std::string lock = path + ".lock";
+  // The lock comes before the socket: two services that start together must not both clear it.
   lock_.reset(::open(lock.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!lock_) return told(lock, std::strerror(errno));
   if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) return told(path, "another service runs here");

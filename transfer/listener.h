@@ -8,6 +8,7 @@
 
 #include "platform/base/owner.h"
 
+// Made and closed by the server. The lock is held for as long as this lives.
 class listening_socket {
  public:
   listening_socket() = default;
@@ -22,6 +23,7 @@ class listening_socket {
   int get() const { return socket_.get(); }
 
  private:
+  // Device and inode tell our socket's file from one that was made later under its name.
   std::string path_;
   unique_fd lock_, socket_;
   dev_t device_ = 0;

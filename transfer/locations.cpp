@@ -13,6 +13,7 @@ constexpr int failures_before_rest = 8;  // in a row
 constexpr double first_rest = 1;         // seconds, as all below
 constexpr double first_refused_rest = 30;
 constexpr double longest_rest = 300;
+// What a store may ask for; more would be a mistake of its own.
 constexpr double longest_asked_rest = 3600;
 constexpr size_t most_idle_clients = 64;
 
@@ -52,6 +53,7 @@ enum class meaning { works, nothing, failure, refusal };
 meaning meaning_of(const s3_answer &answer) {
   switch (answer.outcome) {
     case s3_outcome::done:
+    // The store answered as it should, whatever it said of the object.
     case s3_outcome::changed:
       return meaning::works;
     case s3_outcome::not_found:
@@ -66,6 +68,7 @@ meaning meaning_of(const s3_answer &answer) {
     // One object may be damaged; a store that answers so for each will not come right by itself.
     case s3_outcome::damaged:
       return meaning::failure;
+    // Stopped, or an error of a file here.
     default:
       return meaning::nothing;
   }
@@ -78,6 +81,7 @@ std::string describe(const s3_answer &answer) {
 
 }  // namespace
 
+// Guarded by the lock of the locations, as are the clients in it.
 struct transfer_locations::place {
   s3_place settings;
   health state = health::up;
@@ -94,6 +98,7 @@ transfer_locations::transfer_locations(s3_control &control) : control_(control) 
 transfer_locations::~transfer_locations() = default;
 
 std::string transfer_locations::configure(const transfer_config &config) {
+  // Read without the lock, and all is checked before anything is replaced.
   const credentials_reading reading = read_credentials(config.credentials_file);
   if (!reading.error.empty()) return reading.error;
   std::map<std::string, std::unique_ptr<place>, std::less<>> places;
@@ -115,6 +120,8 @@ std::string transfer_locations::configure(const transfer_config &config) {
   }
   const std::lock_guard guard(lock_);
   places_.swap(places);
+  // Clients that are out were made with the old keys, and are not taken back. Rests are forgotten:
+  // the new keys may be right.
   ++generation_;
   return "";
 }
@@ -137,6 +144,7 @@ bool transfer_locations::may_start(const std::string &location) {
   if (where == nullptr) return false;
   if (where->state == health::up) return true;
   if (where->is_probed || qx_get_tstamp() < where->retry_at) return false;
+  // From here until `tell` or `skip` nobody else gets in.
   where->is_probed = true;
   return true;
 }
@@ -167,6 +175,7 @@ transfer_locations::lease transfer_locations::client(const std::string &location
   const std::lock_guard guard(lock_);
   place *where = find(location);
   if (where == nullptr) return made;
+  // Making a client opens no connection; the first request does.
   if (where->idle.empty()) {
     made.client_ = std::make_unique<s3_client>(where->settings, control_);
   } else {
@@ -188,6 +197,7 @@ void transfer_locations::give_back(lease &what) noexcept {
     }
     return 0;
   });
+  // A client that is not kept closes its connection, outside of the lock.
   what.client_.reset();
 }
 
@@ -210,6 +220,7 @@ bool transfer_locations::fail(place &where, const std::string &name, const s3_an
   const bool is_refusal = meaning_of(answer) == meaning::refusal;
   ++where.failures;
   if (where.state != health::up && !where.is_probed) return true;  // began before the rest
+  // Refusals and orders to wait count at once; they are no accident.
   const bool is_patient = where.state == health::up && !is_refusal && !answer.retry_after;
   if (is_patient && where.failures < failures_before_rest) return false;
 
@@ -220,12 +231,14 @@ bool transfer_locations::fail(place &where, const std::string &name, const s3_an
   where.reason = describe(answer);
   ++where.rests;
   double rest = jittered(where.rests, is_refused ? first_refused_rest : first_rest, longest_rest);
+  // Wrong keys do not come right within a second.
   if (is_refused) rest = std::max(rest, first_refused_rest);
   if (answer.retry_after) {
     const auto asked = static_cast<double>(answer.retry_after->count());
     rest = std::max(rest, std::min(asked, longest_asked_rest));
   }
   where.retry_at = qx_get_tstamp() + rest;
+  // Once for each change of state; the status has the reason of now.
   if (before != where.state) {
     QX_LOG(FR_LOG_WARNING, "location %s is %s: %s\n", name.c_str(), word_of(where.state),
            where.reason.c_str());
@@ -239,6 +252,7 @@ bool transfer_locations::tell(const std::string &location, const s3_answer &answ
   place *where = find(location);
   if (where == nullptr) return true;
   if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);
+  // Also for an outcome that says nothing: the probe is over.
   where->is_probed = false;
   if (what == meaning::nothing) return false;
   where->failures = where->rests = 0;

@@ -16,6 +16,7 @@
 #include "main/transfer/config.h"
 #include "platform/s3/client.h"
 
+// For the status. `retry_at` is in seconds since the epoch, 0 when up.
 struct location_report {
   std::string name;
   std::string state;   // "up", "resting", "refusing"
@@ -24,6 +25,7 @@ struct location_report {
   int failures = 0;  // in a row
 };
 
+// Safe from several threads. No call waits for a store; requests are made by the lease's holder.
 class transfer_locations {
  public:
   // `control` must live longer.
@@ -78,7 +80,9 @@ class transfer_locations {
   std::vector<location_report> report() const;
 
  private:
+  // A location with its keys, its health and its idle clients.
   struct place;
+  // These run under the lock, but for `give_back`, which takes it.
   place *find(const std::string &location) const;
   void give_back(lease &what) noexcept;
   bool fail(place &where, const std::string &name, const s3_answer &answer);

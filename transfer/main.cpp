@@ -23,16 +23,20 @@ int refuse(exit_status status, const std::string &why) {
 }
 
 int serve(service_settings settings) {
+  // The order matters. Limits and masks hold for threads that start later. The log goes to standard
+  // error before anybody writes to it. Signals are blocked before the first thread.
   set_up_process();
   log_to_standard_error();
   signal_watch signals;
   transfer_service service;
+  // Copied, as the service takes the settings.
   const std::string metrics_file = settings.config.metrics_file;
   const std::string wrong = service.configure(std::move(settings));
   if (!wrong.empty()) return refuse(status_wrong, wrong);
   const std::string refused = service.start();
   if (!refused.empty()) return refuse(status_failed, refused);
   service_routine routine(service, metrics_file);
+  // Only now: whatever depends on the service may connect.
   notify_ready("ready");
   QX_LOG(FR_LOG_NOTICE, "spoolcap-transfer " SPOOLCAP_VERSION " is ready.");
   for (;;) {
@@ -61,6 +65,7 @@ int run(const transfer_options &options) {
     std::puts("spoolcap-transfer " SPOOLCAP_VERSION);
     return status_ok;
   }
+  // Checks and questions are harmless as root; files of root's in the cache are not.
   if (options.task == transfer_task::serve && ::geteuid() == 0 && !root_may_serve()) {
     return refuse(status_wrong, "root must not run the service: run it as the user of the hosts");
   }

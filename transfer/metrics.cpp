@@ -17,6 +17,7 @@ void head(std::string &text, const std::string &name, const char *type, const ch
   text += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
 }
 
+// 15 digits: seconds since the epoch and bytes keep all of theirs.
 std::string shown(double value) {
   char digits[40];
   std::snprintf(digits, sizeof digits, "%.15g", value);
@@ -35,6 +36,7 @@ void counter(std::string &text, const char *name, const char *help, std::uint64_
   text += full + " " + std::to_string(value) + "\n";
 }
 
+// 0 for nothing queued; a clock that was set back gives no negative age.
 double age(double since, double now) {
   return since > 0 && now > since ? now - since : 0;
 }
@@ -43,6 +45,7 @@ void put_queue(std::string &text, const service_report &report) {
   gauge(text, "disdb_up", "Whether the cache server answers.", report.queue ? 1 : 0);
   gauge(text, "disdb_may_evict", "Whether the cache server may throw queues away.",
         report.dangerous_policy.empty() ? 0 : 1);
+  // No figures while they are not known: a gap in a graph is true, a zero is not.
   if (!report.queue) return;
   const queue_summary &queue = *report.queue;
   gauge(text, "queued_uploads", "Files of this node that wait for their upload.",
@@ -65,6 +68,7 @@ void put_locations(std::string &text, const service_report &report) {
 
 void put_running(std::string &text, const service_report &report) {
   head(text, "spoolcap_transfer_running", "gauge", "Jobs that run.");
+  // Every kind each time, or a series would end when nothing of its kind runs.
   for (const char *kind : {"upload", "delete", "download"}) {
     long running = 0;
     for (const running_job &job : report.running) running += job.kind == kind ? 1 : 0;
@@ -74,6 +78,7 @@ void put_running(std::string &text, const service_report &report) {
 }
 
 void put_cache(std::string &text, const keeper_report &cache) {
+  // Before the first look nothing is known.
   if (cache.cached_files < 0) return;
   gauge(text, "cache_files", "Files in the cache at the last look.",
         static_cast<double>(cache.cached_files));
@@ -119,6 +124,7 @@ int write_metrics(const std::string &path, const std::string &text) {
   const unique_fd file(
       ::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
   if (!file) return errno;
+  // The umask of the service keeps others out; the collector is another user.
   ::fchmod(file.get(), 0644);
   if (!write_whole(file.get(), text) || std::rename(beside.c_str(), path.c_str()) != 0) {
     const int error = errno;

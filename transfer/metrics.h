@@ -6,6 +6,7 @@
 
 #include "transfer/status.h"
 
+// What is not known now, as queues while the DisDB is away, is left out.
 std::string metrics_text(const service_report &report);
 
 // Puts the text at the path in one step, readable by all. 0, or the error number.

@@ -13,10 +13,14 @@
 
 namespace {
 
+// Both are limits of the protocol; the last part may be smaller.
 constexpr std::int64_t most_parts = 10'000;
 constexpr std::int64_t smallest_part = 5 << 20;
+// A single stream rarely fills a line; more than four gain little.
 constexpr int parts_at_once = 4;
 
+// As wished, but large enough that 10,000 parts hold the file. Whole MiB, so that a resume finds
+// the same parts.
 std::int64_t part_size_for(std::int64_t length, std::int64_t wanted) {
   constexpr std::int64_t step = 1 << 20;
   const std::int64_t needed = (length + most_parts - 1) / most_parts;
@@ -29,6 +33,7 @@ struct upload_record {
 };
 
 upload_record read_record(const std::string &path) {
+  // A record that cannot be read is none.
   upload_record found;
   line_reader lines(path.c_str());
   if (!lines) return found;
@@ -69,6 +74,7 @@ void forget_parts(const job_context &context, transfer_locations::lease &client,
   if (id.empty()) return;
   const s3_answer answer = client->abort(member.key, id);
   context.locations.tell(member.location, answer);
+  // Otherwise the record stays, and the next try ends the upload.
   if (answer || answer.outcome == s3_outcome::not_found) ::unlink(record.c_str());
 }
 
@@ -80,12 +86,16 @@ multipart_upload::multipart_upload(const job_context &context, const worker_sett
       count_(static_cast<int>((file.length + part_size_ - 1) / part_size_)) {}
 
 std::string multipart_upload::record() const {
+  // Score, length, size of parts, digest: if one differs, the parts in the store are of another
+  // file.
   return file_.score + "\n" + std::to_string(file_.length) + "\n" + std::to_string(part_size_) +
          "\n" + sha256_ + "\n";
 }
 
 s3_answer multipart_upload::send(transfer_locations::lease &client, s3_metadata metadata) {
   s3_body whole{.fd = file_.fd, .length = file_.length};
+  // Reads the file once more than needed for the parts: the digest goes into the metadata, which is
+  // sent first.
   if (!s3_digest(whole, &context_.control.stop)) return local_failure(context_.control.stop);
   sha256_ = s3_hex(whole.sha256);
   metadata.emplace_back("sha256", sha256_);
@@ -97,6 +107,7 @@ s3_answer multipart_upload::send(transfer_locations::lease &client, s3_metadata 
   if (!answer) return answer;
   answer = call_store(context_, file_.member.location, uncertain_,
                       [&] { return client->complete(file_.member.key, id_, parts_); });
+  // After the completion: a kill in between is found by `resume`.
   if (answer) ::unlink(parts_record_path(file_.path).c_str());
   return answer;
 }
@@ -122,6 +133,7 @@ bool multipart_upload::resume(transfer_locations::lease &client, s3_answer &answ
     stored_ = std::move(listing.parts);
     return true;
   }
+  // The store cannot say now what it has; a later try asks again.
   if (answer.outcome != s3_outcome::not_found || answer.code == "NoSuchBucket") return true;
   // The upload is over: the answer of its completion may not have come.
   answer = call_store(context_, file_.member.location, changes_nothing,
@@ -132,6 +144,7 @@ bool multipart_upload::resume(transfer_locations::lease &client, s3_answer &answ
     ::unlink(path.c_str());
     return true;
   }
+  // The upload is over, and the object is not this file: the record is of no use.
   ::unlink(path.c_str());
   return false;
 }
@@ -148,6 +161,7 @@ s3_answer multipart_upload::begin(transfer_locations::lease &client, const s3_me
 s3_answer multipart_upload::send_parts() {
   parts_.resize(static_cast<size_t>(count_));
   {
+    // Joined at the end of the block, before their results are read.
     std::vector<std::jthread> helpers;
     for (int i = 1; i < std::min(parts_at_once, count_); ++i) {
       helpers.emplace_back([this] { no_throw(0, [this] { return send_some(), 0; }); });
@@ -155,6 +169,7 @@ s3_answer multipart_upload::send_parts() {
     send_some();
   }
   if (has_failed_) return failure_;
+  // A helper that found no client or no memory left its part behind.
   if (next_ <= count_ || std::any_of(parts_.begin(), parts_.end(),
                                      [](const s3_part &part) { return part.number == 0; })) {
     s3_answer answer;
@@ -170,6 +185,7 @@ s3_answer multipart_upload::send_parts() {
 bool multipart_upload::take_part(int &number) {
   const std::lock_guard guard(lock_);
   if (has_failed_ || next_ > count_) return false;
+  // In order, so that a broken upload has a beginning without gaps.
   number = next_++;
   return true;
 }
@@ -182,11 +198,13 @@ void multipart_upload::fail(const s3_answer &answer) {
 }
 
 void multipart_upload::send_some() {
+  // A client for each thread: one connection carries one part at a time.
   transfer_locations::lease client = context_.locations.client(file_.member.location);
   for (int number = 0; client && take_part(number);) {
     s3_part part;
     const s3_answer answer = send_part(client, number, part);
     if (!answer) return fail(answer);
+    // Without the lock: each part has its own slot, and the vector does not grow.
     parts_[static_cast<size_t>(number - 1)] = part;
   }
 }
@@ -200,6 +218,7 @@ s3_answer multipart_upload::send_part(transfer_locations::lease &client, int num
   part = {.number = number, .etag = s3_hex(body.md5), .length = body.length};
   s3_answer answer;
   answer.outcome = s3_outcome::done;
+  // Compared by content: the number alone says nothing about an earlier try's bytes.
   const bool is_there = std::any_of(stored_.begin(), stored_.end(), [&part](const s3_part &stored) {
     return stored.number == part.number && stored.etag == part.etag && stored.length == part.length;
   });

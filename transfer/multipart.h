@@ -18,6 +18,7 @@ inline constexpr const char *parts_prefix = ".parts-";
 // "<folder>/.parts-<name>"
 std::string parts_record_path(const std::string &path);
 
+// Borrowed for the length of the upload. `score` is that of the member as it was read.
 struct multipart_file {
   const upload_member &member;
   const std::string &score;
@@ -30,6 +31,7 @@ struct multipart_file {
 void forget_parts(const job_context &context, transfer_locations::lease &client,
                   const upload_member &member, const std::string &path);
 
+// One try. Made on the worker's stack; up to three more threads help while parts are sent.
 class multipart_upload {
  public:
   multipart_upload(const job_context &context, const worker_settings &settings,
@@ -41,18 +43,23 @@ class multipart_upload {
   bool is_uncertain() const { return uncertain_; }
 
  private:
+  // False when nothing was begun that can go on. True leaves the decision to `answer`.
   bool resume(transfer_locations::lease &client, s3_answer &answer);
+  // Begins anew and notes the id beside the file, before the first part is sent.
   s3_answer begin(transfer_locations::lease &client, const s3_metadata &metadata);
   s3_answer send_parts();
+  // What each helper does: takes parts until none is left or one failed.
   void send_some();
   s3_answer send_part(transfer_locations::lease &client, int number, s3_part &part);
   bool take_part(int &number);
   void fail(const s3_answer &answer);
+  // The lines that say what is uploaded. An old record that differs is of another try.
   std::string record() const;
 
   const job_context &context_;
   multipart_file file_;
   std::int64_t part_size_;
+  // Parts of `part_size_` bytes; the last one may be shorter.
   int count_;
   std::string sha256_;  // of the whole file, hexadecimal
   std::string id_;

@@ -21,6 +21,7 @@ void notify_alive() {
 
 void notify_reloading() {
   timespec now{};
+  // The manager tells by this time which reload the next "ready" belongs to.
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   const long long microseconds = now.tv_sec * 1'000'000LL + now.tv_nsec / 1000;
   ::sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds)).c_str());
@@ -33,6 +34,7 @@ void notify_stopping() {
 std::chrono::milliseconds alive_interval(std::chrono::milliseconds otherwise) {
   std::uint64_t microseconds = 0;
   if (::sd_watchdog_enabled(0, &microseconds) <= 0) return otherwise;
+  // Half of what the manager allows, as it recommends.
   const auto half = std::chrono::milliseconds(microseconds / 2000);
   return std::clamp(half, std::chrono::milliseconds(1), otherwise);
 }

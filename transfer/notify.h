@@ -5,9 +5,11 @@
 #include <chrono>
 #include <string>
 
+// Texts are one line, shown by the manager beside the service's state.
 void notify_ready(const std::string &status);
 void notify_status(const std::string &status);
 void notify_alive();
+// To be followed by `notify_ready` in any case, or the manager waits for the end of it.
 void notify_reloading();
 void notify_stopping();
 

@@ -36,6 +36,7 @@ std::optional<transfer_options> refuse(const std::string &why) {
 }
 
 std::optional<int> whole_seconds(const char *text) {
+  // The whole text must be the number.
   int seconds = 0;
   const char *const end = text + std::strlen(text);
   const auto [stop, error] = std::from_chars(text, end, seconds);
@@ -88,11 +89,13 @@ std::optional<transfer_options> parse_options(int argc, const char **argv) {
     if (chosen) return refuse("only one of the tasks can be done at a time");
     chosen = true;
     found.task = task_of(option);
+    // Only --drain takes one; popt hands it over to be freed.
     const c_string argument(poptGetOptArg(context.get()));
     if (!argument) continue;
     found.seconds = whole_seconds(argument.get());
     if (!found.seconds) return refuse(std::string("not a number of seconds: ") + argument.get());
   }
+  // -1 is the end of the options, all below it errors.
   if (option != -1) {
     return refuse(std::string(poptBadOption(context.get(), 0)) + ": " + poptStrerror(option));
   }

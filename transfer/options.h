@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <optional>
 
+// One option each; without one the service serves.
 enum class transfer_task { serve, status, check, drain, help, version };
 
 struct transfer_options {

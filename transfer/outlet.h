@@ -27,6 +27,7 @@ struct wake_event {
   const unique_fd fd;
 };
 
+// Lives until the server and all downloads of the host have let go of it.
 class outlet {
  public:
   outlet(unique_fd socket, std::shared_ptr<const wake_event> wake)
@@ -67,6 +68,7 @@ class outlet {
   std::atomic<bool> is_asking{false};     // for the state
 
  private:
+  // Under the lock. False when the connection is lost; true also when there is no room now.
   bool send() {
     while (!unsent_.empty()) {
       const int error = send_datagram(socket_.get(), unsent_.front());

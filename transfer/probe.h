@@ -9,6 +9,7 @@
 // Prints one line for each thing.
 class check_report {
  public:
+  // A note is no fault: it asks for a look and leaves the status at 0.
   void good(const std::string &what, const std::string &detail);
   void note(const std::string &what, const std::string &detail);
   // `detail` says what is wrong and what to do.

@@ -15,6 +15,7 @@
 namespace {
 
 // The folder, or the nearest one above it that is there.
+// Folders are made at first use; the one above decides whether they can be.
 std::string nearest(std::string folder) {
   while (folder.size() > 1 && ::access(folder.c_str(), F_OK) != 0 && errno == ENOENT) {
     folder.resize(std::max<std::size_t>(folder.rfind('/'), 1));
@@ -24,6 +25,7 @@ std::string nearest(std::string folder) {
 
 // A file that is gone with this.
 struct probe_file {
+  // A name that begins with a dot is no key, so the keeper passes over a leftover.
   explicit probe_file(const std::string &folder) : path(folder + "/.checking-XXXXXX") {
     fd.reset(::mkostemp(path.data(), O_CLOEXEC));
     made = static_cast<bool>(fd);
@@ -63,6 +65,7 @@ bool gives_leases(probe_file &file) {
 void check_features(const std::string &cache, check_report &report) {
   probe_file file(nearest(cache));
   if (!file.fd) return;
+  // The same call that stores a real receipt: it finds whatever that would meet.
   const int error = write_receipt(file.fd.get(), {.etag = "probe", .length = 0});
   if (error == 0) {
     report.good("extended attributes", "kept, so that stored files are known without asking");
@@ -86,6 +89,7 @@ void check_folders(const service_settings &settings, check_report &report) {
   const auto cache = check_folder("cache", settings.cache, report);
   const auto in = check_folder("transfer in", settings.transfer_in, report);
   check_folder("transfer out", settings.transfer_out, report);
+  // Out does not matter: what leaves it is copied in any case.
   if (cache && in && *cache != *in) {
     report.wrong("one file system",
                  "cache and transfer in are on two: each download is copied once more; put them "

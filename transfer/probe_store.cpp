@@ -29,6 +29,7 @@ std::string seconds(double difference) {
 void check_server_clock(vk_client_t *client, check_report &report) {
   constexpr std::string_view words[] = {"TIME"};
   vk_reply reply;
+  // A server that does not tell its time leaves this unknown, which is no fault.
   if (vk_run(client, words, reply) != VK_OK || reply->elements != 2) return;
   const double difference = qx_get_tstamp() - std::strtod(reply->element[0]->str, nullptr) -
                             std::strtod(reply->element[1]->str, nullptr) / 1e6;
@@ -56,6 +57,7 @@ std::string probe(s3_client &client, const std::string &key, double &difference)
   const auto failed = [](const char *what, const s3_answer &answer) {
     return std::string(what) + ": " + (answer.text.empty() ? answer.code : answer.text);
   };
+  // No disk is needed, so a full one does not look like a store in trouble.
   const memory_file sent, got;
   if (!sent.fd || !got.fd ||
       ::pwrite(sent.fd.get(), probe_content.data(), probe_content.size(), 0) < 0) {
@@ -73,6 +75,7 @@ std::string probe(s3_client &client, const std::string &key, double &difference)
   if (!got.holds(probe_content)) return "reading: what came back is not what was written";
   const s3_listing listing = client.list(key);
   if (!listing.answer) return failed("listing", listing.answer);
+  // The listing has the store's own time of the object, taken at the moment of writing.
   for (const s3_listed &object : listing.objects) {
     if (object.key == key) difference = now - object.modified;
   }
@@ -123,6 +126,7 @@ void check_cache_server(const transfer_config &config, check_report &report) {
 }
 
 void check_locations(const transfer_config &config, check_report &report) {
+  // Its own: the check runs in a process without a service.
   s3_control control;
   transfer_locations locations(control);
   const std::string refused = locations.configure(config);

@@ -21,6 +21,7 @@
 
 namespace {
 
+// For sockets, cached files, and the targets of hosts' downloads.
 constexpr rlim_t wanted_descriptors = 8192;
 
 // Whether standard error is the stream that systemd says it is.
@@ -31,6 +32,8 @@ bool is_journal_stream() {
   return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
+// The number in front is the priority, which the journal takes off. Debug messages of the library
+// are dropped in both.
 void write_for_journal(const fr_log_record *record, void * /*context*/) {
   if (record->priority > FR_LOG_NOTICE) return;
   std::fprintf(stderr, "<%d>%s\n", record->priority, record->text);
@@ -71,20 +74,24 @@ void log_to_standard_error() {
 }
 
 void set_up_process() {
+  // The group shares files with the hosts; others get nothing.
   ::umask(0007);
   const rlimit none{0, 0};
   ::setrlimit(RLIMIT_CORE, &none);
   raise_descriptor_limit();
+  // Some forty threads with an arena each would keep much more memory than they use.
   ::mallopt(M_ARENA_MAX, 2);
   bound_stacks();
 }
 
 signal_watch::signal_watch() {
   std::signal(SIGPIPE, SIG_IGN);
+  // Sent when somebody opens a file that is leased; the lease is given back anyhow.
   std::signal(SIGIO, SIG_IGN);
   sigset_t watched;
   ::sigemptyset(&watched);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&watched, signal);
+  // Threads inherit the mask, so this comes before the first of them.
   ::pthread_sigmask(SIG_BLOCK, &watched, nullptr);
   signals_.reset(::signalfd(-1, &watched, SFD_CLOEXEC | SFD_NONBLOCK));
 }

@@ -23,6 +23,7 @@ enum class process_event { time_passed, stop, reload };
 class signal_watch {
  public:
   signal_watch();
+  // Waits at most `limit`. Several signals at once come one by one.
   process_event wait(std::chrono::milliseconds limit);
 
  private:

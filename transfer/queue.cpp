@@ -12,8 +12,10 @@
 
 namespace {
 
+// What one script goes through; the server does nothing else meanwhile.
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
+// Four times as long as between two renewals, so one that fails costs nothing.
 constexpr std::string_view claim_milliseconds = "60000";
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
@@ -29,6 +31,7 @@ const queue_script renew_script(renew_text);
 const queue_script trim_script(trim_text);
 const queue_script queue_again_script(queue_again_text);
 
+// The wall clock: scores are compared between nodes.
 double now() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -48,9 +51,11 @@ queue_state state_of(std::string_view word) {
   for (const auto &row : words) {
     if (row.word == word) return row.state;
   }
+  // No script gives another word; nothing may be concluded from one.
   return queue_state::down;
 }
 
+// After the scripts that begin a job; those that end one have rules of their own.
 bool is_held(queue_state state) {
   return state == queue_state::unchanged || state == queue_state::contested ||
          state == queue_state::deleted;
@@ -87,6 +92,7 @@ bool transfer_queue::run(const queue_script &script, texts keys, texts arguments
   words.insert(words.end(), keys);
   words.insert(words.end(), arguments);
   int status = vk_run(client_.get(), words, reply);
+  // The server was restarted or flushed its scripts: it gets the text again.
   if (status == VK_ERR_REPLY && reply && text_of(*reply).starts_with("NOSCRIPT")) {
     words[0] = "EVAL";
     words[1] = script.text;
@@ -102,6 +108,7 @@ queue_state transfer_queue::run_state(const queue_script &script, texts keys, te
 
 std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
   const std::lock_guard guard(lock_);
+  // Another thread of this process has the key: no need to ask the DisDB.
   if (claims_.contains(name)) return std::nullopt;
   const std::string value = claim_prefix_ + std::to_string(++claim_count_);
   claims_.emplace(name, own_claim{value, std::chrono::steady_clock::now()});
@@ -118,6 +125,7 @@ std::string transfer_queue::age_of_claim(const std::string &name) const {
   const std::lock_guard guard(lock_);
   const auto claim = claims_.find(name);
   if (claim == claims_.end()) return "0";
+  // Compared with the life of a mark, which the server counts down by itself.
   const auto age = std::chrono::steady_clock::now() - claim->second.since;
   return std::to_string(std::chrono::ceil<std::chrono::milliseconds>(age).count());
 }
@@ -130,6 +138,7 @@ void transfer_queue::forget_claim(const std::string &name) {
 transfer_queue::page transfer_queue::read_page(std::string_view queue, std::string_view node,
                                                long &cursor) {
   vk_reply reply;
+  // The last place is included, as ZRANGE has it.
   const bool answered = run(page_script, {queue},
                             {std::to_string(cursor), std::to_string(cursor + places_in_page - 1),
                              node, std::to_string(most_in_page)},
@@ -155,6 +164,7 @@ transfer_queue::page transfer_queue::deletes(long &cursor) {
 
 std::optional<long> transfer_queue::place_of(queue_kind kind, double time) {
   vk_reply reply;
+  // "(" excludes the time itself.
   const std::string before = "(" + queue_number(time);
   const std::string_view words[] = {
       "ZCOUNT", kind == queue_kind::uploads ? upload_queue : delete_queue, "-inf", before};
@@ -166,6 +176,7 @@ queue_state transfer_queue::begin_upload(const queue_entry &entry, const upload_
   const upload_names names(member);
   const auto value = take_claim(names.claim);
   if (!value) return queue_state::claimed;
+  // Forgets the claim unless the script has taken it; also when an exception comes.
   forgetting claim{*this, names.claim};
   const queue_state state = run_state(
       begin_upload_script, {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends},
@@ -185,6 +196,7 @@ queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_me
       {entry.member, entry.score, names.deletion, names.prefix_deletion, held_claim(names.claim),
        names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear",
        mark_milliseconds, age_of_claim(names.claim)});
+  // The object is still to be removed under the claim, so it is renewed until then.
   claim.is_wanted = state != queue_state::deleted;
   return state;
 }
@@ -193,6 +205,7 @@ queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_m
                                         int window) {
   const upload_names names(member);
   const forgetting claim{*this, names.claim};
+  // The script for deletions fits: it removes the member unless an unclear end is too young.
   return run_state(end_delete_script, {upload_queue, unclear_ends, names.claim, names.prefix_mark},
                    {entry.member, entry.score, held_claim(names.claim), names.unclear, "key",
                     queue_number(now() - window), mark_milliseconds});
@@ -263,8 +276,10 @@ void transfer_queue::renew_claims() {
     const std::lock_guard guard(lock_);
     claims = claims_;
   }
+  // One by one, without the lock: workers take and forget claims meanwhile.
   for (const auto &[name, held] : claims) {
     const queue_state state = run_state(renew_script, {name}, {claim_milliseconds, held.value});
+    // The others would wait for the same server in vain; 15 s later is early enough.
     if (state == queue_state::down) return;
   }
 }

@@ -48,8 +48,10 @@ struct delete_member {
   static std::optional<delete_member> parse(std::string_view member);
 };
 
+// Uploads are worked off by their own node, deletes by any.
 enum class queue_kind { uploads, deletes };
 
+// How a script found the member. Each function says which of them leave the claim held.
 enum class queue_state {
   unchanged,  // the member has the score that was read
   renewed,    // it was queued again meanwhile
@@ -145,8 +147,11 @@ class transfer_queue {
   bool ask(texts words, vk_reply &reply);
   // 0 for what is not in the set.
   std::optional<double> score_of(std::string_view set, const std::string &member);
+  // An empty `node` stands for all nodes.
   page read_page(std::string_view queue, std::string_view node, long &cursor);
+  // By the script's digest; its text is sent only to a server that does not know it yet.
   bool run(const queue_script &script, texts keys, texts arguments, vk_reply &reply);
+  // For scripts that answer with a word of `queue_state`. Anything else is `down`.
   queue_state run_state(const queue_script &script, texts keys, texts arguments);
   queue_state leave(const std::string &claim, const std::string &unclear_member);
   queue_state finish_delete(const queue_entry &entry, const delete_member &member, double oldest);
@@ -163,8 +168,10 @@ class transfer_queue {
 
   // The value of a new claim; nullopt when a job of this process has it.
   std::optional<std::string> take_claim(const std::string &name);
+  // Empty when this process does not hold it; no claim in the DisDB has an empty value.
   std::string held_claim(const std::string &name) const;
   std::string age_of_claim(const std::string &name) const;  // in milliseconds
+  // Ends its renewal. The key in the DisDB is a script's to remove, or its time's.
   void forget_claim(const std::string &name);
 
   std::unique_ptr<vk_client, void (*)(vk_client *)> client_;

@@ -11,6 +11,7 @@ constexpr std::string_view claims = "storage:claim:s3:main:";
 constexpr std::string_view marks = "storage:swept:s3:main:";
 
 // The first three components of a key.
+// A key with fewer components is its own prefix, and meets no deletion of a prefix.
 std::string prefix_of(const std::string &key) {
   size_t end = 0;
   for (int component = 0; component < 3; ++component) {
@@ -22,6 +23,7 @@ std::string prefix_of(const std::string &key) {
 
 double number_of(std::string_view text) {
   double value = 0;
+  // A score is printed by the DisDB, so it always is a number; anything else reads as 0.
   std::from_chars(text.data(), text.data() + text.size(), value);
   return value;
 }
@@ -40,6 +42,7 @@ double queue_entry::queued_at() const {
 }
 
 std::optional<upload_member> upload_member::parse(std::string_view member) {
+  // No accepted location, node or key has a colon, so the last one separates.
   const size_t colon = member.rfind(':');
   if (colon == std::string_view::npos || colon + 1 == member.size()) return std::nullopt;
   const location_parts parts = parts_of_location(member.substr(0, colon));
@@ -48,6 +51,7 @@ std::optional<upload_member> upload_member::parse(std::string_view member) {
 }
 
 std::optional<delete_member> delete_member::parse(std::string_view member) {
+  // The same form with ":o" or ":r" before the last colon.
   const auto outer = upload_member::parse(member);
   if (!outer) return std::nullopt;
   std::string_view text = member.substr(0, member.rfind(':'));

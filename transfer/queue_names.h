@@ -22,6 +22,8 @@ struct upload_names {
   std::string unclear;
 };
 
+// Built to match `upload_names`: an upload finds the deletion, the claim and the mark by the same
+// texts.
 struct delete_names {
   explicit delete_names(const delete_member &member);
   std::string claim, mark;

@@ -22,6 +22,7 @@ bool transfer_queue::ask(std::initializer_list<std::string_view> words, vk_reply
 
 std::optional<queue_summary> transfer_queue::summary() {
   queue_summary result;
+  // In pieces, as one long script would stop the server for everybody.
   for (long cursor = 0; cursor >= 0;) {
     vk_reply part;
     const std::string last = std::to_string(cursor + places_counted - 1);
@@ -30,6 +31,7 @@ std::optional<queue_summary> transfer_queue::summary() {
     if (!answered || part->type != REDIS_REPLY_ARRAY || part->elements != 3) return std::nullopt;
     cursor = static_cast<long>(part->element[0]->integer);
     const redisReply &oldest = *part->element[2];
+    // The set is sorted by time: the first piece with a member has the oldest.
     if (result.uploads == 0) {
       result.oldest_upload = queue_entry{"", std::string(oldest.str, oldest.len)}.queued_at();
     }
@@ -49,6 +51,7 @@ std::optional<queue_summary> transfer_queue::summary() {
 std::optional<double> transfer_queue::score_of(std::string_view set, const std::string &member) {
   vk_reply reply;
   if (!ask({"ZSCORE", set, member}, reply)) return std::nullopt;
+  // No score is 0: they are times of today.
   if (reply->type == REDIS_REPLY_NIL) return 0;
   return queue_entry{"", std::string(reply->str, reply->len)}.queued_at();
 }
@@ -84,6 +87,7 @@ std::optional<std::string> transfer_queue::dangerous_policy() {
   }
   const std::string_view bytes(limit->element[1]->str, limit->element[1]->len);
   const std::string name(policy->element[1]->str, policy->element[1]->len);
-  // Claims are all that has a time to live, and one that is lost costs a transfer made again.
+  // Of the protocol, only claims and marks of prefixes have a time to live. A claim that is lost
+  // costs a transfer made again.
   return bytes != "0" && name.starts_with("allkeys-") ? name : std::string();
 }

@@ -12,6 +12,7 @@
 
 namespace {
 
+// "1 <length> <etag>". Another version is no receipt, so the store is asked.
 constexpr std::string_view version = "1 ";
 constexpr size_t longest = 256;
 
@@ -29,6 +30,7 @@ std::optional<receipt> read_receipt(int fd) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), found.length);
   if (error != std::errc() || end == text.data() + text.size() || *end != ' ') return std::nullopt;
   found.etag = text.substr(static_cast<size_t>(end + 1 - text.data()));
+  // A file that grew or shrank since is not the one that was stored.
   if (found.etag.empty() || found.length != facts.st_size) return std::nullopt;
   return found;
 }

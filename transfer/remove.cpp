@@ -18,11 +18,13 @@ class delete_job {
         deleted_at_(entry.queued_at()) {}
   delete_job(const delete_job &) = delete;
   delete_job &operator=(const delete_job &) = delete;
+  // An exception gives the claim back, too; the member stays in the queue.
   ~delete_job() {
     if (is_claimed_) no_throw([this] { context_.queue.leave_delete(member_); });
   }
 
   job_result run() {
+    // Before the claim: a location that rests must not keep keys claimed.
     if (!context_.locations.may_start(member_.location)) return {job_end::held};
     probe_guard probe(context_.locations, member_.location);
     const queue_state state = context_.queue.begin_delete(entry_, member_);
@@ -52,6 +54,7 @@ class delete_job {
 
   job_result end(queue_state state) {
     is_claimed_ = false;
+    // Other states mean that the deletion is to be done again, or was done by somebody.
     if (state == queue_state::unchanged) ++context_.state.counters.deletes;
     return result_of(state);
   }
@@ -75,6 +78,7 @@ class delete_job {
     return end;
   }
 
+  // Page by page: the token goes on even while the objects before it are removed.
   object_end remove_all() {
     std::string token;
     do {
@@ -93,6 +97,7 @@ class delete_job {
   bool remove_listed(const std::vector<s3_listed> &objects) {
     std::vector<std::string> keys;
     for (const s3_listed &object : objects) {
+      // Recent objects are asked for one by one; old ones go a thousand at a time.
       if (object.modified > deleted_at_ - store_clock_error) {
         const s3_answer head = ask([&] { return client_->head(object.key); });
         if (head.outcome == s3_outcome::not_found) continue;
@@ -109,6 +114,7 @@ class delete_job {
     });
     if (!answer) return fail(answer);
     if (removal.failed.empty()) return true;
+    // The listing is made again by the next try, so one reason is enough.
     const s3_failed_key &first = removal.failed.front();
     failure_ = {job_end::retry, std::to_string(removal.failed.size()) +
                                     " objects are refused, the first is " + first.key + ": " +

@@ -4,6 +4,7 @@
 
 #include "transfer/job.h"
 
+// On a worker of deletions. Takes and gives back the claim itself. The references are borrowed.
 job_result run_delete(const job_context &context, const worker_settings &settings,
                       const queue_entry &entry);
 

@@ -44,8 +44,10 @@ void reporter::run() {
     if (is_ending_) return;
     const auto askers = std::exchange(askers_, {});
     guard.unlock();
+    // Without the lock: asking the DisDB takes up to some seconds.
     const std::vector<std::string> pieces = pieces_of(status_());
     for (const auto &one : askers) {
+      // Before the answer goes out: who asks after it gets a new one.
       one->is_asking = false;
       one->say(pieces);
     }

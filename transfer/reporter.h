@@ -10,14 +10,17 @@
 
 #include "transfer/outlet.h"
 
+// All who ask while one answer is made share the next one.
 class reporter {
  public:
   // `status` must live longer.
   explicit reporter(const std::function<std::string()> &status);
   reporter(const reporter &) = delete;
   reporter &operator=(const reporter &) = delete;
+  // Waits for an answer that is being made.
   ~reporter();
 
+  // Never waits. The answer goes to the outlet in pieces.
   void ask(std::shared_ptr<outlet> who);
 
  private:

@@ -34,6 +34,7 @@ void service_routine::run() {
   if (begin >= report_due_) {
     report();
     const clock::time_point end = clock::now();
+    // From its end: a slow report must not follow on itself.
     report_due_ = end + std::max<clock::duration>(report_interval, (end - begin) * report_share);
   }
   // Last: a part that hangs with a lock keeps the report from ending, and this from being told.
@@ -44,6 +45,7 @@ void service_routine::run() {
 }
 
 void service_routine::report() {
+  // One report for log, manager and metrics, so that they agree.
   const service_report now = service_.report();
   journal_.tell(now);
   notify_status(status_line(now));
@@ -59,6 +61,7 @@ void service_routine::reload() {
   notify_reloading();
   settings_reading reading = read_settings();
   if (reading.settings) metrics_file_ = reading.settings->config.metrics_file;
+  // A mistake is logged, and the service goes on with what it has.
   for (const std::string &line : service_.reload(std::move(reading))) {
     QX_LOG(FR_LOG_WARNING, "Reloading: %s.", line.c_str());
   }

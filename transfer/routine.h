@@ -9,6 +9,7 @@
 #include "transfer/journal.h"
 #include "transfer/service.h"
 
+// Used by the main thread only.
 class service_routine {
  public:
   // `service` runs and lives longer.
@@ -29,6 +30,7 @@ class service_routine {
   const std::chrono::milliseconds alive_interval_;
   clock::time_point alive_due_;
   clock::time_point report_due_;
+  // Of the last try to write the metrics, so that each error is logged once.
   int metrics_error_ = 0;
 };
 

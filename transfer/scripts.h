@@ -6,6 +6,7 @@
 
 #include <string>
 
+// Built once at the start of the process. The server keeps scripts by their digest.
 struct queue_script {
   explicit queue_script(std::string source);
   std::string text;
@@ -24,6 +25,9 @@ end
 
 // KEYS: queue. ARGV: first and last place, node or "" for all, most entries.
 // {next place or -1, {member, score, ...}}
+// The first place is counted from the front of the set. Filtering happens in the server, so that
+// other nodes' members do not cross the network. At most `most` members come back, however many
+// places were read.
 inline constexpr char page_text[] = R"lua(
 local first, last, node, most = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3], tonumber(ARGV[4])
 local read = redis.call('ZRANGE', KEYS[1], first, last, 'WITHSCORES')
@@ -41,6 +45,7 @@ return {last + 1, found}
 
 // KEYS: queue. ARGV: first and last place, node.
 // {next place or -1, count, oldest score or ""}
+// Counts members of the node in a range of places; the caller goes on until -1.
 inline constexpr char count_text[] = R"lua(
 local first, last, node = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3]
 local read = redis.call('ZRANGE', KEYS[1], first, last)
@@ -56,6 +61,9 @@ return {#read < last - first + 1 and -1 or last + 1, count, oldest}
 
 // KEYS: uploads, deletions, claim, claim of the prefix, unclear. ARGV: member, score, deletion of
 // the key, deletion of the prefix, claim value, claim owner, milliseconds, unclear member, now.
+// Nothing is changed unless the member is as it was read. A claim of another owner, or of the whole
+// prefix, ends it with "claimed". An old claim of this node is taken over, and its transfer counts
+// as unclear. The two scores of deletions decide between "unchanged", "contested" and "deleted".
 inline constexpr char begin_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 if not score then return 'gone' end
@@ -75,6 +83,9 @@ return 'unchanged'
 // KEYS: as above, mark of the prefix. ARGV: member, score, deletion of the key, deletion of the
 // prefix, claim value, unclear member, now, "unclear" or "clear", milliseconds for which a mark is
 // kept, milliseconds since the job began.
+// The order matters: a lost claim is noted as unclear before anything else. A renewed member stays
+// and is sent again. "deleted" keeps the claim, as the object is still to be removed. The member
+// goes last, when nothing can have removed the object meanwhile.
 inline constexpr char end_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[5]
@@ -98,6 +109,7 @@ return 'unchanged'
 )lua";
 
 // KEYS: queue, claim. ARGV: member, score, claim value.
+// Removes an unchanged member; the claim goes in any case.
 inline constexpr char drop_text[] = R"lua(
 if redis.call('GET', KEYS[2]) == ARGV[3] then redis.call('DEL', KEYS[2]) end
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
@@ -108,6 +120,7 @@ return 'unchanged'
 )lua";
 
 // KEYS: claim, unclear. ARGV: claim value, unclear member or "", now.
+// Leaves the queue alone. A transfer that may still take effect is noted as unclear.
 inline constexpr char leave_text[] = R"lua(
 if redis.call('GET', KEYS[1]) == ARGV[1] then redis.call('DEL', KEYS[1]) end
 if ARGV[2] ~= '' then redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2]) end
@@ -116,6 +129,8 @@ return 'unchanged'
 
 // KEYS: deletes, deletions, claim, unclear. ARGV: member, score, deletion, claim value or "" for
 // none, claim owner, milliseconds, unclear member or "" for a prefix, now.
+// The deletion is written down before the claim is looked at: an upload that holds the key meets it
+// at its end. A deletion that is known already keeps the later time.
 inline constexpr char begin_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 if not score then return 'gone' end
@@ -136,6 +151,8 @@ return 'unchanged'
 // KEYS: queue, unclear, claim, mark of the prefix. ARGV: member, score, claim value, unclear member
 // or what it begins with, "key" or "prefix", the oldest unclear end that counts, milliseconds for
 // which a mark is kept.
+// The mark of a prefix is set in any case, as uploads that ran meanwhile must be sent again. An
+// unclear end that is young enough keeps the member in the queue.
 inline constexpr char end_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[3]
@@ -157,6 +174,7 @@ return 'unchanged'
 )lua";
 
 // KEYS: claims. ARGV: milliseconds, and the value of each claim.
+// Only claims that still have our value: one that was taken over is not ours to prolong.
 inline constexpr char renew_text[] = R"lua(
 for i, key in ipairs(KEYS) do
   if redis.call('GET', key) == ARGV[i + 1] then redis.call('PEXPIRE', key, ARGV[1]) end
@@ -165,6 +183,7 @@ return 'unchanged'
 )lua";
 
 // KEYS: uploads, deletions, unclear. ARGV: the oldest deletion to keep, the oldest unclear end.
+// A deletion is kept for as long as an older upload is queued, whatever its age.
 inline constexpr char trim_text[] = R"lua(
 local oldest = redis.call('ZRANGE', KEYS[1], 0, 0, 'WITHSCORES')[2]
 local keep = ARGV[1]
@@ -175,6 +194,7 @@ return 'unchanged'
 )lua";
 
 // KEYS: uploads, deletions. ARGV: member, score, deletion of the key, deletion of the prefix.
+// NX: a member that is there keeps its score, which may belong to a newer file.
 inline constexpr char queue_again_text[] = R"lua(
 local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
                          tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))

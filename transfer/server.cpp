@@ -55,6 +55,7 @@ class transfer_server::engine {
     wake_->set();
     thread_.join();
     // Those who still have a download running keep their end.
+    // Answers of downloads that end later are dropped: their hosts see the connection end.
     for (const host &one : hosts_) one->close();
   }
 
@@ -100,6 +101,7 @@ void transfer_server::engine::run() {
 
 // Waits until there is something to do, and does it.
 void transfer_server::engine::turn() {
+  // Made anew each time: with at most 128 connections that costs nothing.
   std::vector<pollfd> entries = {{wake_->fd.get(), POLLIN, 0},
                                  {may_accept_ ? listener_.get() : -1, POLLIN, 0}};
   for (const host &one : hosts_) {
@@ -122,6 +124,7 @@ void transfer_server::engine::serve(std::vector<pollfd> &entries) {
   auto entry = entries.begin() + 2;
   for (auto at = hosts_.begin(); at != hosts_.end(); ++entry) {
     const bool has_input = (entry->revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+    // An exception ends this connection only.
     const bool stays = no_throw(false, [&] { return (!has_input || read(*at)) && (*at)->flush(); });
     if (!stays) (*at)->close();
     at = stays ? std::next(at) : hosts_.erase(at);
@@ -136,6 +139,7 @@ void transfer_server::engine::accept_hosts() {
       may_accept_ = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
       return;
     }
+    // Whoever connects may order any object, so the kernel is asked who it is.
     if (!peers_.trust(socket.get())) {
       QX_LOG(FR_LOG_WARNING, "refused a connection of a user that is not trusted");
     } else if (hosts_.size() >= most_connections) {
@@ -185,6 +189,7 @@ bool transfer_server::engine::take(const host &from, transfer_message &message) 
 }
 
 void transfer_server::engine::order(const host &from, transfer_message &message) {
+  // Refused orders are answered like failed ones: the host has nobody else to ask.
   if (from->downloads >= most_downloads || !message.descriptor ||
       !is_target(message.descriptor.get())) {
     from->say({answer(message.id, false)});

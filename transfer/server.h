@@ -20,6 +20,7 @@ struct server_hooks {
   std::function<std::string()> status;  // JSON, of any length
 };
 
+// Started and stopped by the main thread. `start` is called once.
 class transfer_server {
  public:
   explicit transfer_server(server_hooks hooks);

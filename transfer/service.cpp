@@ -107,6 +107,7 @@ transfer_service::~transfer_service() {
 }
 
 std::string transfer_service::configure(service_settings settings) {
+  // The service has a client of its own, past the library's one for lookups and its budget.
   vk_client_t *client = nullptr;
   const bool has_servers = ast_vk_init(&client) == 0;
   if (client == nullptr) return "out of memory";
@@ -144,6 +145,7 @@ std::vector<std::string> transfer_service::reload(settings_reading reading) {
   service_settings now = std::move(*reading.settings);
   const service_settings &old = parts_->settings;
   std::vector<std::string> lines;
+  // Queues, socket, threads and folders were set up with these.
   keep("the id of the node", old.config.node, now.config.node, lines);
   keep("TRANSFER_SOCKET", old.config.socket, now.config.socket, lines);
   keep("TRANSFER_UPLOADS", old.config.uploads, now.config.uploads, lines);
@@ -153,6 +155,7 @@ std::vector<std::string> transfer_service::reload(settings_reading reading) {
   keep("STORAGE_TRANSFERIN_D", old.transfer_in, now.transfer_in, lines);
   keep("STORAGE_TRANSFEROUT_D", old.transfer_out, now.transfer_out, lines);
 
+  // The only step that can fail, so it comes before anything changes.
   const std::string refused = parts_->locations.configure(now.config);
   if (!refused.empty()) return {refused + "; the configuration stays as it was"};
   parts_->settings = std::move(now);
@@ -167,6 +170,7 @@ void transfer_service::stop() {
   if (!parts_) return;
   // Ends running transfers, so that no part waits for a store.
   parts_->control.stop = true;
+  // The server goes last: through it hosts are told of the downloads that end here.
   parts_->keeper.stop();
   parts_->workers.stop();
   parts_->downloads.stop();

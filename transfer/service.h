@@ -9,6 +9,7 @@
 #include "transfer/settings.h"
 #include "transfer/status.h"
 
+// Used by the main thread, which calls `configure`, `start`, then the others, and `stop` last.
 class transfer_service {
  public:
   transfer_service();

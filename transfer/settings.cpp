@@ -35,6 +35,7 @@ settings_reading read_settings() {
             .error = std::string(qx_path(QX_PATH_STORAGE_CONF)) +
                      ": cannot be read, or has a directory that is too long"};
   }
+  // The library's own reader: hosts and service must see the same folders.
   const auto storage = take_snapshot().config;
   std::string wrong = find_wrong_number(*storage);
   if (!wrong.empty()) return {.settings = std::nullopt, .error = std::move(wrong)};

@@ -7,6 +7,7 @@
 
 #include "main/transfer/config.h"
 
+// Both files in one, checked. `config.node` comes from the file of the node's id.
 struct service_settings {
   transfer_config config;
   std::string cache;
@@ -17,6 +18,7 @@ struct service_settings {
   int upload_interval = 120;  // seconds between looks at an idle queue
 };
 
+// Either settings or an error, never both.
 struct settings_reading {
   std::optional<service_settings> settings;
   std::string error;  // one line

@@ -7,6 +7,7 @@ transfer_state::ticket::ticket(transfer_state &state, std::string kind, std::str
     : state_(state) {
   running_job job{.kind = std::move(kind), .name = std::move(name), .since = qx_get_tstamp()};
   const std::lock_guard guard(state_.lock_);
+  // A list: the place stays valid while others come and go.
   job_ = state_.running_.insert(state_.running_.end(), std::move(job));
 }
 

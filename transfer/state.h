@@ -29,12 +29,14 @@ struct parked_member {
   int tries = 0;
 };
 
+// For the status; `name` is the member, or what a download is named by.
 struct running_job {
   std::string kind;  // "upload", "delete", "download"
   std::string name;
   double since = 0;
 };
 
+// Outlives all tickets, as the service's parts are destroyed before it.
 class transfer_state {
  public:
   transfer_counters counters;

@@ -12,6 +12,7 @@ namespace {
 using json_writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 void put(json_writer &json, const char *name, const std::string &text) {
+  // Keys come from queues that anybody on the node may write.
   const std::string valid = valid_utf8(text);
   json.Key(name);
   json.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
@@ -32,6 +33,7 @@ void put(json_writer &json, const char *name, bool truth) {
   json.Bool(truth);
 }
 
+// null for nothing queued, as 0 would be a member that has just come.
 void put_age(json_writer &json, const char *name, double since, double now) {
   json.Key(name);
   if (since > 0) {
@@ -46,6 +48,7 @@ void put_queue(json_writer &json, const service_report &report) {
   json.StartObject();
   put(json, "reachable", report.queue.has_value());
   put(json, "dangerous_policy", report.dangerous_policy);
+  // Readers go by "reachable": the figures are missing without it.
   if (report.queue) {
     put(json, "uploads", std::int64_t{report.queue->uploads});
     put(json, "all_uploads", std::int64_t{report.queue->all_uploads});
@@ -123,6 +126,7 @@ std::string status_json(const service_report &report) {
   json.SetMaxDecimalPlaces(3);
   json.StartObject();
   put(json, "format", std::string(status_format));
+  // Raised when a member changes its meaning; new members may come without.
   put(json, "format_version", std::int64_t{1});
   put(json, "version", std::string(SPOOLCAP_VERSION));
   put(json, "node", report.node);

@@ -24,6 +24,7 @@ double number(const Value &object, const char *name) {
   return value.IsNumber() ? value.GetDouble() : 0;
 }
 
+// An older or newer service may leave a member out; 0 is shown then.
 std::int64_t whole(const Value &object, const char *name) {
   const Value &value = member(object, name);
   return value.IsInt64() ? value.GetInt64() : 0;
@@ -39,6 +40,7 @@ std::string count(const Value &object, const char *name) {
   return std::to_string(whole(object, name));
 }
 
+// In the largest unit that still has two of it, so that no figure is far off.
 std::string duration(double seconds) {
   const auto all = static_cast<std::int64_t>(seconds > 0 ? seconds + 0.5 : 0);
   if (all < 120) return std::to_string(all) + " s";
@@ -57,6 +59,7 @@ std::string size(std::int64_t bytes) {
   return shown;
 }
 
+// Widths of the columns are for ASCII words; names of locations have nothing else.
 std::string padded(std::string word, std::size_t width) {
   if (word.size() < width) word.resize(width, ' ');
   return word;
@@ -72,6 +75,7 @@ std::string oldest(const Value &queue, const char *name) {
 
 std::string queues(const Value &queue) {
   std::string shown = "Queues\n";
+  // Zeros would look like empty queues.
   if (!member(queue, "reachable").IsTrue()) {
     shown += "  not known: the cache server does not answer\n";
   } else {
@@ -171,6 +175,7 @@ std::string counters(const Value &all) {
 
 std::optional<std::string> status_for_people(std::string json) {
   rapidjson::Document state;
+  // In place: the text is our own copy, and a status may be long.
   state.ParseInsitu(json.data());
   if (state.HasParseError() || text(state, "format") != status_format) return std::nullopt;
   const double now = number(state, "now");

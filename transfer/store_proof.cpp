@@ -10,6 +10,7 @@
 
 namespace {
 
+// One file, asked about at several locations. Borrows all.
 struct question {
   const cache_file &file;
   const std::optional<receipt> &known;
@@ -36,6 +37,8 @@ int parts_of(const std::string &etag) {
 }
 
 // The ETag that the file has when it is stored in so many parts; 0 for one request.
+// Nothing when the file cannot be read, or was not stored in such parts. The size of parts is that
+// of today's configuration: after a change old objects cannot be proved, and their files stay.
 std::optional<std::string> etag_of(const question &asked, int parts) {
   const std::int64_t length = asked.file.status().st_size;
   const std::int64_t step = parts == 0 ? length : asked.part_size;
@@ -67,6 +70,7 @@ double seconds_of(const std::string &text) {
 bool has_content(const question &asked, const s3_answer &object) {
   if (object.length != asked.file.status().st_size) return false;
   if (asked.known) return asked.known->etag == object.etag;
+  // Last, as it reads the whole file.
   return etag_of(asked, parts_of(object.etag)) == object.etag;
 }
 
@@ -81,6 +85,7 @@ std::optional<s3_answer> head(transfer_locations &locations, const std::string &
   }
   s3_answer answer = client->head(key);
   locations.tell(name, answer);
+  // Only these two say whether the object is there.
   const bool told =
       answer || (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket");
   return told ? std::optional(std::move(answer)) : std::nullopt;
@@ -120,6 +125,7 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
   for (const std::string &name : in_order(config, first_id_of(key).value_or(0))) {
     const auto object = head(locations, name, key);
     if (!object) {
+      // Does not take back `different`: another object was seen, whatever this location has.
       if (result.result == proof::absent) result.result = proof::unknown;
     } else if (*object && has_content(asked, *object)) {
       return {.result = proof::stored,

@@ -24,6 +24,7 @@ enum class proof {
   unknown     // not all could be asked
 };
 
+// `node` and `queued` come from the metadata of the object that is different.
 struct store_answer {
   proof result = proof::unknown;
   receipt found;      // when stored

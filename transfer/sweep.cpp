@@ -15,9 +15,11 @@ constexpr double forgotten_after = 7 * 86'400.0;  // seconds
 
 bool is_forgotten(const job_context &context, const worker_settings &settings,
                   const std::string &location, const s3_upload &upload) {
+  // By the store's clock and ours; within seven days they may differ by hours.
   const bool is_old = qx_get_tstamp() - upload.initiated > forgotten_after;
   if (!is_old || !first_id_of(upload.key)) return false;
   const std::string path = path_in_cache(settings, upload.key);
+  // The record says that this node goes on with it.
   if (path.empty() || ::access(parts_record_path(path).c_str(), F_OK) == 0) return false;
   // Another node may be sending it.
   return !context.queue.is_claimed(location, upload.key).value_or(true);
@@ -48,8 +50,10 @@ bool sweep_page(const job_context &context, const worker_settings &settings,
 }  // namespace
 
 void sweep_forgotten_parts(const job_context &context, const worker_settings &settings) {
+  // One location after the other; what is missed today is found tomorrow.
   for (const std::string &location : context.locations.names()) {
     if (!context.locations.may_start(location)) continue;
+    // A listing holds 20,000 at most; when some of them ended, the rest comes into sight.
     while (sweep_page(context, settings, location)) {
     }
     context.locations.skip(location);

@@ -19,6 +19,7 @@ using open_folder = std::unique_ptr<DIR, call_to_release<::closedir>>;
 // Keys have four levels; what lies deeper is nobody's.
 constexpr int deepest = 16;
 
+// A link in place of a folder is not followed: it may lead anywhere.
 open_folder open_below(int parent, const char *name) {
   unique_fd fd(::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   open_folder folder(fd ? ::fdopendir(fd.get()) : nullptr);
@@ -36,6 +37,7 @@ class walk {
 
   // False when it was ended.
   bool folder(DIR *open, std::string &key, int depth) {
+    // Names are relative to it, so a folder that is renamed meanwhile does no harm.
     const int fd = ::dirfd(open);
     const std::size_t length = key.size();
     while (const dirent *entry = ::readdir(open)) {
@@ -44,6 +46,7 @@ class walk {
       key += name;
       const bool go_on =
           is_folder(fd, *entry) ? subfolder(fd, name, key, depth) : file(fd, name, key);
+      // One text for the whole walk; each level takes its part away again.
       key.resize(length);
       if (!go_on) return false;
     }
@@ -66,6 +69,7 @@ class walk {
     if (depth >= deepest) return true;
     {
       const open_folder open = open_below(parent, name.c_str());
+      // A folder that vanished or is closed to us does not end the walk.
       if (!open) return true;
       key += '/';
       if (!folder(open.get(), key, depth + 1)) return false;

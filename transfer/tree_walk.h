@@ -6,12 +6,14 @@
 #include <functional>
 #include <string>
 
+// Borrowed for the length of the visit. It need not be a regular file: whoever opens it looks.
 struct walked_file {
   int folder;  // that it is in
   const std::string &name;
   const std::string &key;  // its path from the root of the walk
 };
 
+// The visit may remove or rename the file that it was given.
 struct walk_options {
   // Called for each file; false ends the walk.
   std::function<bool(const walked_file &)> visit;

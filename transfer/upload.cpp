@@ -30,6 +30,7 @@ class upload_job {
   }
 
   job_result run() {
+    // Before the claim: a location that rests must not keep keys claimed.
     if (!context_.locations.may_start(member_.location)) return {job_end::held};
     probe_guard probe(context_.locations, member_.location);
     const queue_state state = context_.queue.begin_upload(entry_, member_);
@@ -38,9 +39,11 @@ class upload_job {
       return result_of(state);
     }
     is_claimed_ = true;
+    // After the claim, so that no other job removes the file between the two.
     if (!open()) return leave({job_end::parked, "its folder in the cache: " + error_text()});
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
+    // Deleted later, or in the same second, and then the missing file decides.
     if (state == queue_state::deleted ||
         (!file_ && error_ == ENOENT && state == queue_state::contested)) {
       probe.use();
@@ -60,9 +63,11 @@ class upload_job {
   // False when not even the folder can be opened; one that is missing has no file in it.
   bool open() {
     const size_t slash = path_.rfind('/');
+    // The folder stays open: the file is removed by its name in it, wherever it was moved.
     folder_.reset(::open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     error_ = errno;
     if (!folder_) return error_ == ENOENT || error_ == ENOTDIR;
+    // What is there but is no regular file leaves errno alone.
     errno = EINVAL;
     file_ = cache_file::open(folder_.get(), path_.substr(slash + 1));
     error_ = errno;
@@ -77,6 +82,7 @@ class upload_job {
 
   job_result store(probe_guard &probe) {
     const std::int64_t length = file_->status().st_size;
+    // Deletions compare this time with theirs, on any node.
     const s3_metadata metadata = {{"queued", entry_.score}, {"node", context_.queue.node()}};
     s3_answer answer;
     if (length > settings_.config.multipart_from) {
@@ -87,6 +93,7 @@ class upload_job {
       uncertain_ |= parts.is_uncertain();
     } else {
       s3_body body{.fd = file_->fd(), .length = length};
+      // The file is read once for the digests and once to be sent; both go into the request.
       if (!s3_digest(body, &context_.control.stop)) {
         return leave(
             {job_end::retry, "its file cannot be read: " + std::string(std::strerror(errno))});
@@ -98,6 +105,7 @@ class upload_job {
       if (answer) forget_parts(context_, client_, member_, path_);
     }
     if (!answer) return leave(failure_of(answer));
+    // Before the member goes: a kill in between sends the file again, and never loses it.
     note_receipt({.etag = answer.etag, .length = length});
     return end(length);
   }
@@ -113,6 +121,7 @@ class upload_job {
   job_result end(std::int64_t length) {
     const queue_state state = context_.queue.end_upload(
         entry_, member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    // The claim is still held: nobody else may store the key before the object is gone.
     if (state == queue_state::deleted) return cancel();
     is_claimed_ = false;
     if (state == queue_state::unchanged || state == queue_state::gone) {

@@ -14,6 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// Deletions are small requests, and a prefix goes a thousand keys at a time.
 constexpr int deletes_at_once = 4;
 constexpr size_t most_told = 1000;
 constexpr auto first_sweep = 10min;
@@ -31,6 +32,7 @@ class transfer_workers::engine {
   void start(worker_settings settings) {
     const int uploads = settings.config.uploads;
     reconfigure(std::move(settings));
+    // The number is that of the start: a reload does not change it.
     for (int i = 0; i < uploads; ++i) run([this] { work(queue_kind::uploads); });
     for (int i = 0; i < deletes_at_once; ++i) run([this] { work(queue_kind::deletes); });
     run([this] { feeder_.run(); });
@@ -55,6 +57,7 @@ class transfer_workers::engine {
     }
     ended_.notify_all();
     feeder_.stop();
+    // Joins them. Running calls end by the stop flag of the control, which is up by now.
     threads_.clear();
   }
 
@@ -69,6 +72,7 @@ class transfer_workers::engine {
       const auto page = context_.queue.deletes(cursor);
       if (!page) return false;
       for (const queue_entry &entry : *page) {
+        // Deletions of other nodes are theirs to wait for.
         const auto member = delete_member::parse(entry.member);
         if (member && member->node == context_.queue.node()) return false;
       }
@@ -112,6 +116,7 @@ class transfer_workers::engine {
   }
 
   job_result work_on(const work_item &item) const {
+    // For the whole job, whatever a reload brings meanwhile.
     const auto current = settings();
     const bool is_upload = item.kind == queue_kind::uploads;
     const transfer_state::ticket running(context_.state, is_upload ? "upload" : "delete",
@@ -133,6 +138,7 @@ class transfer_workers::engine {
         std::unique_lock guard(lock_);
         if (ended_.wait_for(guard, when, [this] { return is_ended_; })) return;
       }
+      // On a thread of its own, as listings of large buckets take long.
       sweep_forgotten_parts(context_, *settings());
       when = sweep_every;
     }

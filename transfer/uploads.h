@@ -11,6 +11,7 @@
 #include "transfer/queue.h"
 #include "transfer/state.h"
 
+// A job keeps the settings that it began with.
 struct worker_settings {
   transfer_config config;
   std::string cache;          // directory; the files lie in "<cache>/main/<key>"
@@ -19,6 +20,7 @@ struct worker_settings {
   int deletions_kept = 7 * 86'400;  // seconds for which uploads and caches meet a deletion
 };
 
+// Safe from several threads. Owns the feeder and the threads that it feeds.
 class transfer_workers {
  public:
   // All must live longer.

@@ -5,6 +5,7 @@
 
 namespace {
 
+// What an unknown type gets: its object keys begin with "misc", and it has no folder.
 constexpr media_kind misc_kind = {
     .name = "misc", .quota_file = nullptr, .limit = nullptr, .label = nullptr, .folder = nullptr};
 

@@ -12,6 +12,7 @@ struct media_rows {
   const char *filename = nullptr;   // the column of the file's name
 };
 
+// All texts are static. Other modules index the table with the kind as a number.
 struct media_kind {
   const char *name;
   const char *quota_file;         // of an account's usage, in the account's quota directory

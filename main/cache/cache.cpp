@@ -18,6 +18,7 @@ bool has_null(const char *const *texts, int count) noexcept {
   return std::find(texts, texts + count, nullptr) != texts + count;
 }
 
+// A hash without values gives NULL, like a failure: callers tell neither from the other.
 char *joined_values(const call_site &site, int persistent, const char *key) {
   text_array values;
   const cache_outcome outcome = cache_hgetall_values(site, persistent, key, values);
@@ -51,6 +52,7 @@ char *rgetall_hash_comma(int persistent, const char *key_format, ...) {
   va_start(arguments, key_format);
   const c_string key = vformat_text(key_format, arguments);
   va_end(arguments);
+  // Taken before the lambda, where __func__ would be the lambda's own.
   const call_site here = QX_HERE;
   if (!key) return nullptr;
   return no_throw<char *>(nullptr, [&] { return joined_values(here, persistent, key.get()); });
@@ -70,6 +72,7 @@ char **rmget_hash(int persistent, int count, const char *const *fields, const ch
   });
 }
 
+// A negative count frees the array and none of its strings.
 void rget_free_vals(int count, char **values) {
   const text_array freed(values, static_cast<size_t>(std::max(count, 0)));
 }
@@ -85,6 +88,7 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
       has_null(values, count)) {
     return -1;
   }
+  // The server refuses a command without fields; nothing to write is a success here.
   if (count == 0) return 0;
   return no_throw(-1, [&] {
     const cache_outcome outcome =
@@ -98,6 +102,7 @@ int rmset_hash(int persistent, int count, const char *const *fields, const char 
   });
 }
 
+// For callers that sort or search their own tables with the C library.
 int compare_entries(const void *left, const void *right) {
   return ::strcasecmp(static_cast<const cache_binding *>(left)->name,
                       static_cast<const cache_binding *>(right)->name);
@@ -138,6 +143,7 @@ char **drmget_hash(int binding_count, const cache_binding *bindings, int count,
       has_null(names, count)) {
     return nullptr;
   }
+  // The statement always takes the argument as text; only the keys of the cache need a number.
   const bool is_number = argument != nullptr && numeric_arg != 0;
   const parameter_query query = {
       .bindings = {bindings, static_cast<size_t>(binding_count)},

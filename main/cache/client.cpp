@@ -24,6 +24,7 @@ struct client_of_process {
 
 constinit never_destroyed<client_of_process> process_client;
 
+// A copy keeps the client alive: a replacement does not end calls that are under way.
 client_handle current_client() noexcept {
   const std::lock_guard guard(process_client->lock);
   return process_client->handle;
@@ -84,6 +85,7 @@ cache_outcome with_client(int persistent, Call &&call) noexcept {
   return {status == VK_OK ? nullptr : vk_strerror(status)};
 }
 
+// The client library takes counted strings, this layer C strings.
 std::vector<size_t> lengths_of(const char *const *texts, size_t count) {
   std::vector<size_t> lengths(count);
   for (size_t i = 0; i < count; ++i) lengths[i] = std::strlen(texts[i]);
@@ -115,6 +117,7 @@ int cache_exists(const call_site &site, const char *key) noexcept {
 
 }  // namespace
 
+// Kept because the library exports them: callers bracket their own use of the client.
 void ast_cache_rdlock(void) {}
 void ast_cache_wrlock(void) {}
 void ast_cache_unlock(void) {}
@@ -139,6 +142,7 @@ c_string rget_hash_str(const call_site &site, int persistent, const char *key,
 
 bool norows_forbidden(const call_site &site, const char *key, int persistent,
                       const char *value) noexcept {
+  // A marker alone must not make a hash: it would look as if the whole account were cached.
   if (persistent != 0 || value == nullptr || std::strcmp(value, QX_CACHE_NO_ROW) != 0) return false;
   return cache_exists(site, key) == 0;
 }
@@ -193,6 +197,7 @@ cache_outcome cache_hgetall_values(const call_site &site, int persistent, const 
     return vk_hgetall_whole(client, key, std::strlen(key), &count, &slots, &buffer, 0, 0, "", 1);
   });
   const c_string owned_buffer(buffer);
+  // After a failure there is no array, whatever the library left in the pointers.
   values = text_array(slots, outcome ? count : 0);
   log_hgetall(site, key, outcome, values.count());
   return outcome;

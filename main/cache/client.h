@@ -34,6 +34,7 @@ cache_outcome cache_hmget(const call_site &site, int persistent, const char *key
 text_array rmget_hash_key(const call_site &site, int persistent, const char *key,
                           const char *const *fields, size_t count);
 
+// Two arrays of the same length: a value stands at the place of its field.
 struct hash_entries {
   text_array fields;
   text_array values;

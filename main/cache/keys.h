@@ -11,6 +11,7 @@ inline constexpr char extension_index_key[] = "res:ind:%d:ext";
 // By full number of an extension.
 inline constexpr char extension_info_key[] = "res:inf:ext:%s";
 inline constexpr char extension_prefs_key[] = "res:po:ext:%s";
+// Parts of an extension's data that lie in hashes of their own.
 inline constexpr char callreturn_key[] = "res:cb:ext:%s";
 inline constexpr char credit_key[] = "res:cc:ext:%s";
 inline constexpr char owner_name_key[] = "res:cid:ext:%s";

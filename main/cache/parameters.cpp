@@ -39,6 +39,7 @@ void parameter_lookup::read_cache() {
       ++first;
       continue;
     }
+    // One HMGET for each run: parameters of one account usually share one hash.
     fields.clear();
     for (size_t i = first; i < bindings.size() && bindings[i] != nullptr &&
                            std::strcmp(bindings[i]->key_format, binding->key_format) == 0;
@@ -57,6 +58,8 @@ void parameter_lookup::read_cache() {
   }
 }
 
+// In column mode the names are columns and stand bare. Else they are values of `param`. They are
+// constants of the caller's code and not escaped.
 std::string parameter_lookup::missing_list() const {
   const char *const quote = query.column_mode ? "" : "'";
   std::string list;
@@ -103,6 +106,7 @@ bool parameter_lookup::read_database() {
     log_condition_failed({site.source, site.function, __LINE__});
     return false;
   }
+  // In column mode the columns stand before the argument, else behind it.
   const char *const first =
       query.column_mode || argument == nullptr ? list.c_str() : escaped.c_str();
   const char *const second = query.column_mode ? escaped.c_str() : list.c_str();
@@ -120,6 +124,7 @@ bool parameter_lookup::read_database() {
   } else {
     take_rows(rows.get());
   }
+  // A parameter without a row is remembered too, or each lookup would ask the database.
   for (const size_t slot : missing) {
     if (values[slot] == nullptr) values.set(slot, copy_text(QX_CACHE_NO_ROW));
   }
@@ -138,6 +143,7 @@ void parameter_lookup::write_back() const {
 
 }  // namespace
 
+// Binary search: the order is asserted where each table is defined.
 const cache_binding *find_binding(binding_table table, const char *name) noexcept {
   const auto found = std::lower_bound(table.begin(), table.end(), name,
                                       [](const cache_binding &row, const char *wanted) {
@@ -160,6 +166,7 @@ text_array read_parameters(const call_site &site, const parameter_query &query) 
     if (!lookup.read_database()) return {};
     lookup.write_back();
   }
+  // Last, because markers have to reach the cache before they are hidden.
   for (size_t slot = 0; slot < lookup.values.count(); ++slot) {
     c_string value = lookup.values.take(slot);
     hide_marker(value, query.keep_markers);

@@ -27,12 +27,14 @@ constexpr bool is_sorted_by_name(binding_table table) {
 const cache_binding *find_binding(binding_table table, const char *name) noexcept;
 
 // One call of drmget_hash.
+// Borrows everything; lives no longer than the call that it describes.
 struct parameter_query {
   binding_table bindings;
   std::span<const char *const> names;
   const char *statement;
   const char *argument;          // for the statement, escaped there; NULL: it takes none
   lookup_argument key_argument;  // for the keys
+  // True: one row whose columns are the names. False: rows of name and value.
   bool column_mode;
   int keep_markers;
 };

@@ -5,6 +5,7 @@
 
 #include "platform/base/text.h"
 
+// The pattern has one conversion, which fits the argument: whoever made the lookup sees to that.
 c_string lookup_argument::format(const char *pattern) const noexcept {
   switch (kind_) {
     case kind::number:
@@ -26,6 +27,7 @@ c_string ask_database(const call_site &site, const field_lookup &lookup,
   if (lookup.announcement != nullptr) {
     QX_LOG_AT(site, FR_LOG_DEBUG, "%s:%d:%s\n", site.source, site.line, lookup.announcement);
   }
+  // A text goes in unescaped, as zarn_cache.h says: it is the platform's own.
   const c_string statement = argument.format(lookup.statement);
   MYSQL_RES *result = nullptr;
   const bool failed =
@@ -43,8 +45,10 @@ c_string ask_database(const call_site &site, const field_lookup &lookup,
       QX_LOG_AT(site, FR_LOG_WARNING, "%s\n", complaint.get());
     }
   }
+  // Also after a failure: column_or_marker then gives the marker of a missing row.
   c_string value = lookup.value_of(rows.get());
   if (also && has_row) {
+    // `value_of` has moved the result beyond its first row.
     mysql_data_seek(rows.get(), 0);
     also(rows.get(), mysql_fetch_row(rows.get()));
   }

@@ -27,9 +27,11 @@ class lookup_argument {
 
 // What one lookup is made of; lookups are constants of this type.
 struct field_lookup {
+  // The key takes the lookup's argument; `field` is a field of the hash under it.
   const char *key_format;
   const char *field;
   int persistent = 0;
+  // Text with one conversion for the argument, or none.
   const char *statement;
 
   // Accepts or rejects a cached value; a rejected one is looked up in the database. NULL accepts
@@ -44,6 +46,7 @@ struct field_lookup {
   // The value is never a marker: it is written without the check of markers.
   bool unguarded = false;
 
+  // Bits QX_KEEP_...: which markers reach the caller as they are; others become null.
   int keep_markers = 0;
 
   // When not NULL, logged before the database is asked.
@@ -54,6 +57,7 @@ struct field_lookup {
   const char *complaint = nullptr;
 };
 
+// Callers need it where the cache holds another form than the database gives.
 enum class answer_source { cache, database, nowhere };
 
 // When the answer came from nowhere, the value is the rejected cached text, or null.

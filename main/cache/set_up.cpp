@@ -16,6 +16,7 @@
 
 namespace {
 
+// Lines of other partitions are for other programs of the platform.
 constexpr const char *own_partition = "main";
 
 struct level_word {
@@ -23,6 +24,7 @@ struct level_word {
   unsigned bit;
 };
 
+// As VELKAN_DEBUG_PBX names them, with "|" between. Other words are passed over.
 constexpr level_word level_words[] = {
     {"ERROR", VK_LOG_ERROR},   {"DEBUG", VK_LOG_DEBUG},     {"EVENT", VK_LOG_EVENT},
     {"NOTICE", VK_LOG_NOTICE}, {"WARNING", VK_LOG_WARNING},
@@ -103,6 +105,7 @@ bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) 
              number);
       continue;
     }
+    // Fields: partition, any text, password, number of the database. Database 0 is refused.
     const int database = fields.number(3);
     if (database <= 0) {
       QX_LOG(FR_LOG_ERROR,
@@ -123,6 +126,7 @@ bool use_credentials(vk_client_t *client, const qx_conf_directive &credentials) 
 
 }  // namespace
 
+// The client is handed out on failures too: its commands then fail one by one and are logged.
 int ast_vk_init(vk_client **client) {
   *client = create_client();
   if (*client == nullptr) return -1;
@@ -154,6 +158,7 @@ int add_vk_srv_(vk_client *client, const char *value) {
     ::syslog(LOG_NOTICE, "Skiping velkan server %s from partition %s", "(null)", fields[0]);
     return 1;
   }
+  // Fields: partition, two parts of a name, host, port. Only an IPv6 host has colons of its own.
   const c_string name = fields.joined(1, 2);
   const c_string host = fields.joined(3, count - 2);
   return vk_server_add(client, host.get(), fields.number(count - 1), name.get());

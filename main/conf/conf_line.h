@@ -25,6 +25,7 @@ class value_fields {
       : fields_(fr_explode(value, separator)) {}
 
   size_t count() const noexcept { return fields_.count(); }
+  // Borrowed from this object. The index must be below `count`.
   const char *operator[](size_t index) const noexcept { return fields_[index]; }
   int number(size_t index) const noexcept { return std::atoi(fields_[index]); }
   // Fields `first` to `last`, joined with colons.

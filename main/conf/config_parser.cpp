@@ -14,6 +14,7 @@
 
 namespace {
 
+// Lines that are longer are read in pieces, as if each were a line.
 constexpr int directive_line_size = 8192;
 
 // Logs the early return when the file cannot be read.
@@ -58,6 +59,7 @@ struct record_form {
   const char *complaint;
 };
 
+// A password with a colon makes a record too long; the pool's own reader allows it.
 constexpr record_form credentials_form{4, 4, "Invalid DB credentials line [%d] in <%s>.\n\n"};
 constexpr record_form host_form{3, SIZE_MAX, "Invalid DB host line [%d] in <%s>.\n\n"};
 
@@ -104,6 +106,7 @@ int qx_conf_parse_string_value(const char *keyword, const char *path, char **val
     log_conditional_return(QX_HERE);
     return -1;
   }
+  // The caller's old text is freed on every path, as each call replaces it.
   const c_string previous(std::exchange(*value, nullptr));
   const c_file file = open_config(QX_HERE, path);
   if (!file) return -1;
@@ -125,6 +128,7 @@ int qx_conf_parse_db_cred(const char *keyword, const char *path, const char *id,
   c_string fields[] = {c_string(::strdup(record[1])), c_string(::strdup(record[2])),
                        c_string(::strdup(record[3]))};
   if (!fields[0] || !fields[1] || !fields[2]) return -1;
+  // All three are there before the first output is written.
   give(field1, std::move(fields[0]));
   give(field2, std::move(fields[1]));
   give(field3, std::move(fields[2]));
@@ -150,6 +154,7 @@ int qx_conf_parse_db_host_custom(const char *path, const char *id, const char *k
                                  int32_t *port) {
   const value_fields record = find_record(QX_HERE, host_form, path, keyword, id);
   if (record.count() == 0) return -1;
+  // Between id and port all belongs to the host, colons of IPv6 included.
   if (!give(host, record.joined(1, record.count() - 2))) return -1;
   if (port != nullptr) *port = record.number(record.count() - 1);
   return 0;
@@ -176,6 +181,7 @@ int qx_conf_parse_multi_directives_multi_files(struct qx_conf_directive *table,
   for (; *paths != nullptr; ++paths) {
     const c_file file(std::fopen(*paths, "re"));
     if (!file) {
+      // A missing file is no failure: directives may all stand in the others.
       QX_LOG(FR_LOG_ERROR, "Error opening configuration file <%s>: %s.\n\n", *paths,
              std::strerror(errno));
       continue;
@@ -205,6 +211,7 @@ void qx_conf_parse_multi_directives_free_data(struct qx_conf_directive *table) {
   if (table == nullptr) return;
   for (; table->name != nullptr; ++table) {
     for (int32_t i = 0; i < table->count; ++i) std::free(table->values[i]);
+    // The table can be filled again: names stay, counts and values are back to nothing.
     std::free(std::exchange(table->values, nullptr));
     table->count = 0;
   }

@@ -51,6 +51,7 @@ constexpr char recording_statement[] =
     "extension.id and callid = '%s' and flow = '%s' and extension.extended_number='%s' order by "
     "rid desc limit 1";
 
+// Texts go into statements unescaped, as zarn_db_files.h warns its callers.
 bool all_given(std::initializer_list<const char *> texts) noexcept {
   return std::find(texts.begin(), texts.end(), nullptr) == texts.end();
 }
@@ -92,10 +93,12 @@ int64_t qx_get_db_files_quota(const char *table, int level, const char *account_
   const char *format = statement_for(level);
   if (format == nullptr) return 0;
   const answer sum = ask(QX_HERE, format, table, account_id);
+  // A sum over no files is one row with NULL, so no row at all means a failure.
   if (sum.row == nullptr) return -1;
   return sum.column() == nullptr ? 0 : std::strtoll(sum.column(), nullptr, 10);
 }
 
+// -1 for a failure, and for a table that is not given.
 int64_t qx_count_db_files(const char *table, int extension_id, const char *folder) {
   if (table == nullptr) return -1;
   const answer count = folder == nullptr
@@ -104,6 +107,7 @@ int64_t qx_count_db_files(const char *table, int extension_id, const char *folde
   return count.column() == nullptr ? -1 : std::strtoll(count.column(), nullptr, 10);
 }
 
+// Deletes the row only; the file behind it is the affair of file storage.
 int qx_delete_db_file(const char *table, uint64_t id) {
   if (table == nullptr) return -1;
   return ask(QX_HERE, delete_statement, table, long_id(id)).has_run ? 0 : -1;

@@ -30,6 +30,7 @@ char *copy_or_null(const char *column) {
   return column == nullptr ? nullptr : copy_text(column).release();
 }
 
+// A file without a size counts as empty.
 int64_t size_of(const char *column) {
   return column == nullptr ? 0 : std::strtoll(column, nullptr, 10);
 }
@@ -70,6 +71,7 @@ bool is_result(const call_site &site, const sql_result &result) {
 
 // Ids and extensions of a text; returns the ids as the statement takes them. Each file uses up a
 // dot at least, so there is a record for it.
+// The text is like "17.wav 18.mp3"; a part without a dot ends it.
 std::string read_names(std::string_view text, qx_db_file_list_t &list) {
   std::string ids;
   for (uint64_t next = 0; next < list.count; ++next) {
@@ -109,6 +111,7 @@ int64_t qx_list_db_files(const char *table, int extension_id, const char *folder
       qx_db_file_t &file = files.records[i];
       file.id = row[0] == nullptr ? 0 : std::strtoul(row[0], nullptr, 10);
       file.filesize = size_of(row[1]);
+      // Never NULL, unlike the three below.
       file.ext = copy_text(row[2] == nullptr ? "" : row[2]).release();
       file.filename = copy_or_null(row[3]);
       file.se = copy_or_null(row[4]);

@@ -15,6 +15,7 @@ namespace {
 
 enum id_kind : size_t { extension, user, organisation, id_kinds };
 
+// Fields of the hash extension_info_key, one for each kind.
 constexpr const char *id_fields[id_kinds] = {"extid", "usrid", "orgid"};
 
 constexpr char two_ids_statement[] =
@@ -77,6 +78,7 @@ int read_ids(const call_site &site, SessionHandle session, const char *full_numb
       return -1;
     }
     for (size_t kind = 0; kind < id_kinds; ++kind) {
+      // Also those that were not asked for: they came with the same row.
       if (ids[kind]) rset_hash_str(site, 0, key.get(), id_fields[kind], ids[kind].get());
     }
   }
@@ -125,6 +127,7 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
     log_condition_failed(site);
     return nullptr;
   }
+  // Levels between the four known ones count as the next lower one.
   const int level = sql_number(site, session.get(), level_statement, account_id);
   if (level < 0) return nullptr;
 
@@ -141,6 +144,7 @@ int *accounts_below(const call_site &site, int account_id, bool with_between) {
   }
   if (!known) return nullptr;
 
+  // The end of the list for C callers; no account has this id. They free the array.
   ids.push_back(-1);
   auto *const array = static_cast<int *>(std::malloc(ids.size() * sizeof(int)));
   if (array != nullptr) std::memcpy(array, ids.data(), ids.size() * sizeof(int));
@@ -153,6 +157,7 @@ int qx_get_extension_ids_sess_internal(SessionHandle session, const char *full_n
                                        int *extension_id, int *user_id, int *organisation_id) {
   const call_site here = QX_HERE;
   const id_outs outs = {extension_id, user_id, organisation_id};
+  // Before anything can fail: unlike elsewhere, outputs are -1 after a failure.
   for (int *const out : outs) {
     if (out != nullptr) *out = -1;
   }

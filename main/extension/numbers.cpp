@@ -15,6 +15,7 @@ constexpr char full_number_statement[] =
 constexpr char from_alias_statement[] = "SELECT extended_number FROM extension WHERE alias='%s'";
 constexpr char alias_statement[] = "SELECT alias FROM extension WHERE extended_number='%s'";
 
+// The name of the account that owns the extension.
 constexpr field_lookup user_name_lookup = {
     .key_format = owner_name_key,
     .field = "ownona",
@@ -50,6 +51,7 @@ int qx_split_full_number(const char *full_number, char **owner, char **number) {
   const size_t number_length = static_cast<size_t>(configured);
   const size_t length = std::strlen(full_number);
   if (length <= number_length + 1) return -1;
+  // A full number is the owner, one separator byte, and a short number of fixed length.
   const size_t owner_length = length - number_length - 1;
   if (static_cast<unsigned char>(full_number[owner_length]) != separator) return -1;
 
@@ -66,6 +68,7 @@ char *qx_get_extension_owner_str(const char *full_number) {
   return qx_split_full_number(full_number, &owner, nullptr) == 0 ? owner : nullptr;
 }
 
+// Four digits at least; a longer id keeps all its digits, unlike with ast_pad_id.
 char *qx_get_padded_account_id(int account_id) {
   return format_text("%04d", account_id).release();
 }
@@ -82,11 +85,13 @@ char *qx_get_alias_from_full_number(SessionHandle session, const char *full_numb
 
 char *qx_get_extension_virtphone(const char *number) {
   if (!is_given(QX_HERE, number)) return nullptr;
+  // From the cache only: another service writes this hash, and no table has it.
   c_string behind = rget_hash_str(QX_HERE, 0, virtual_phones_key, number);
   hide_marker(behind, 0);
   return behind.release();
 }
 
+// By the index in the cache: an extension that is not in there yet does not exist here.
 int qx_extension_exists(const char *full_number) {
   char *owner = nullptr;
   char *number = nullptr;

@@ -13,6 +13,7 @@ constexpr char prefs_statement[] =
 constexpr char pref_statement[] =
     "SELECT value FROM extension_prefs WHERE extension_id='%d'AND param='%s'";
 
+// A preference in the hash that most of them share; the others name their own.
 constexpr cache_binding pref(const char *name, const char *field) {
   return {name, extension_prefs_key, 0, field};
 }
@@ -59,6 +60,7 @@ char *qx_extension_get_pref(const char *full_number, const char *name) {
   return only_text(qx_extension_get_prefs(full_number, 1, &name)).release();
 }
 
+// Past the cache, whose keys go by number; the database is asked each time.
 char *qx_extension_get_pref_by_id(int extension_id, const char *name) {
   if (!is_given(QX_HERE, name)) return nullptr;
   return sql_text(QX_HERE, nullptr, pref_statement, extension_id, name).release();

@@ -9,6 +9,7 @@
 
 namespace {
 
+// The procedure's row: behaviour, allowed numbers, denied numbers.
 constexpr field_lookup behaviour_lookup = {
     .key_format = extension_prefs_key,
     .field = "scrb",
@@ -33,6 +34,7 @@ c_string list_of(const char *column, const char *key_format, const char *full_nu
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied) {
   const call_site here = QX_HERE;
+  // Outputs are cleared first; on a failure the caller finds nothing to free.
   for (char **const out : {behaviour, allowed, denied}) {
     if (out != nullptr) *out = nullptr;
   }
@@ -47,6 +49,7 @@ int qx_screening_get_behaviour(const char *full_number, char **behaviour, char *
     };
     field_answer answer = read_extension(here, behaviour_lookup, full_number, nullptr, read_lists);
     if (!answer.value) return -1;
+    // From the database the lists have come with the row already.
     if (answer.source == answer_source::cache) {
       if (allowed != nullptr) allow_list.reset(rgetall_hash_comma(0, allowed_key, full_number));
       if (denied != nullptr) deny_list.reset(rgetall_hash_comma(0, denied_key, full_number));

@@ -20,6 +20,7 @@ constexpr char timezone_statement[] =
     "extension.client_id=client.id AND client.timezone_id=timezone.id";
 
 // All names, a comma after each, the last one too.
+// Throws away a list that memory cut short: a part of the codecs must not be cached.
 c_string joined_names(MYSQL_RES *rows) {
   char *names = nullptr;
   bool any = false, complete = true;
@@ -72,6 +73,7 @@ bool has_live_session(const call_site &site, const char *number) {
   if (!key) return false;
   const char *const fields[] = {"expires", "rch"};
   text_array found;
+  // From the cache only: another service keeps the sessions there.
   if (!cache_hmget(site, 0, key.get(), fields, 2, found) || found.count() != 2) return false;
   const char *const expires = found[0];
   const char *const reachable = found[1];
@@ -122,6 +124,7 @@ int qx_extension_expired(const char *full_number) {
   const call_site here = QX_HERE;
   if (!is_given(here, full_number)) return 1;
   return no_throw(1, [&] {
+    // A virtual phone has no session of its own; the phone behind it counts.
     const c_string behind(qx_get_extension_virtphone(full_number));
     return has_live_session(here, behind ? behind.get() : full_number) ? 0 : 1;
   });
@@ -129,10 +132,12 @@ int qx_extension_expired(const char *full_number) {
 
 int redis_str2time(const char *text, time_t *time) {
   if (text == nullptr || time == nullptr) return -1;
+  // Some writers put the time between quotes.
   const char *const format = *text == '\'' ? "'%Y-%m-%d %H:%M:%S'" : "%Y-%m-%d %H:%M:%S";
   struct tm broken_down = {};
   if (::strptime(text, format, &broken_down) == nullptr) return -1;
   broken_down.tm_isdst = -1;
+  // The text is in UTC, whatever zone this process has.
   *time = ::timegm(&broken_down);
   return 0;
 }

@@ -34,8 +34,10 @@ unique_fd follow_link(int folder, const char *name, int flags, int links_left) {
 }
 
 unique_fd open_entry_within(int folder, const char *name, int flags, int links_left) {
+  // First without following, so that no link is taken before its maker was looked at.
   unique_fd opened(::openat(folder, name, flags | O_NOFOLLOW));
   if (opened || (errno != ELOOP && errno != ENOTDIR)) return opened;
+  // ENOTDIR is what O_DIRECTORY makes of a link; the look below tells it from a file.
   const int error = errno;
   struct stat status {};
   const bool linked = is_link(folder, name, status);
@@ -72,6 +74,7 @@ unique_fd walk(int at, const std::string &path, int flags, int links_left) {
 unique_fd open_without_links(int at, const char *path, int flags) {
   open_how how{};
   how.flags = static_cast<__u64>(flags);
+  // One call in place of one for each component: most trees have no link at all.
   how.resolve = RESOLVE_NO_SYMLINKS;
   unique_fd opened(static_cast<int>(::syscall(SYS_openat2, at, path, &how, sizeof how)));
   if (!opened && (errno == ENOSYS || errno == EPERM)) errno = ELOOP;

@@ -10,6 +10,7 @@
 
 #include "platform/base/owner.h"
 
+// Of a folder that is only passed through: O_PATH needs no right to read it.
 inline constexpr int folder_flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
 
 // Opens a path on which no component is a link, in one call. ELOOP where one is, of whomever, and

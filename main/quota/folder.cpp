@@ -17,6 +17,7 @@ constexpr off_t longest_record = 31;
 // Never blocks, whatever was put in the place of a file.
 constexpr int file_flags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
+// Only root can give files away, and only root is worth tricking.
 bool running_as_root() {
   return ::getuid() == 0;
 }
@@ -122,6 +123,7 @@ unique_fd make_folder(int at, const char *name, const owner &whose) {
   // Another process may have been faster; the folder is then there as wanted.
   const bool made = ::mkdirat(at, name, whose.mode) == 0;
   if (!made && errno != EEXIST) return {};
+  // Opened by the careful way, as somebody may have put a link in its place meanwhile.
   unique_fd folder = open_entry(at, name, folder_flags);
   struct stat status {};
   if (!made || !folder || !running_as_root() || ::fstat(folder.get(), &status) != 0) return folder;
@@ -136,6 +138,7 @@ size_t followed_length(const std::string &path) {
   const quota_settings *settings = loaded_settings();
   if (settings == nullptr) return 0;
   const std::string &root = settings->quota_root;
+  // The root itself and what is above it are the administrator's.
   const bool below = path.starts_with(root) && path.size() > root.size() &&
                      (root.ends_with('/') || path[root.size()] == '/');
   return below ? root.size() : path.size();
@@ -151,6 +154,7 @@ unique_fd descend(std::string path, const owner *whose) {
     if (end == start) continue;
     path[end] = '\0';  // at the end of the text this is what stands there
     const char *name = path.data() + start;
+    // From descriptor to descriptor: what was checked cannot be exchanged behind our back.
     unique_fd next = end <= followed ? unique_fd(::openat(folder.get(), name, folder_flags))
                                      : open_entry(folder.get(), name, folder_flags);
     if (!next && errno == ENOENT && whose != nullptr) {
@@ -235,6 +239,7 @@ int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
 
 quota_file open_quota_file(const char *path) {
   quota_file file{open_without_links(AT_FDCWD, path, O_RDWR | file_flags)};
+  // Before the size is read, so that the size is that under the lock.
   if (file) take_lock(file, LOCK_EX | LOCK_NB);
   return accept(std::move(file), {AT_FDCWD, path, nullptr}, true);
 }
@@ -242,6 +247,7 @@ quota_file open_quota_file(const char *path) {
 bool quota_folder::open() {
   if (fd_) return true;
   fd_ = open_without_links(AT_FDCWD, path_.c_str(), folder_flags);
+  // The short way refuses every link; the long one tells root's from others'.
   if (!fd_ && errno == ELOOP) fd_ = descend(path_, nullptr);
   return static_cast<bool>(fd_);
 }
@@ -266,6 +272,7 @@ quota_file quota_folder::open_to_read(const char *name, bool hand_over) const {
 }
 
 unique_fd quota_folder::create_new(const char *name) const {
+  // O_EXCL also refuses a link in place of the name.
   const int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | file_flags;
   return unique_fd(::openat(fd_.get(), name, flags, quota_file_mode));
 }

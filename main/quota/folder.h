@@ -21,10 +21,12 @@
 
 #include "platform/base/owner.h"
 
+// Owner and group "asterisk" read and write; nobody else looks in.
 inline constexpr mode_t quota_file_mode = 0660;
 inline constexpr mode_t quota_directory_mode = 0770;
 
 // The process umask of 007 for the length of a scope; scopes of several threads may overlap.
+// The umask is the process's, so files that other threads make meanwhile get it too.
 class quota_umask {
  public:
   quota_umask();
@@ -63,6 +65,7 @@ class quota_folder {
  public:
   explicit quota_folder(std::string path) : path_(std::move(path)) {}
 
+  // As it was given; nothing follows it again once the folder is open.
   const std::string &path() const { return path_; }
   bool is_open() const { return static_cast<bool>(fd_); }
 

@@ -9,6 +9,7 @@
 // A set of kinds, one bit each.
 using kind_set = unsigned;
 
+// `kind` is one of the kinds, or QUOTA_ALL_KINDS for all of them.
 constexpr kind_set set_of(unsigned kind) {
   return kind == QUOTA_ALL_KINDS ? (1U << QUOTA_ALL_KINDS) - 1 : 1U << kind;
 }

@@ -52,6 +52,7 @@ bool redo_mark::set() {
     state_ = state::there;
     ::futimens(mark_.fd.get(), nullptr);  // whoever set it before is not to take it away
   }
+  // Shared: several refreshes may be at work under one mark. The lock goes with the descriptor.
   ::flock(mark_.fd.get(), LOCK_SH | LOCK_NB);
   struct stat status {};
   if (::fstat(mark_.fd.get(), &status) == 0) set_at_ = status.st_mtim;
@@ -68,6 +69,7 @@ bool redo_mark::is_settled_by_others(const quota_file &mark) const {
 
 void redo_mark::settle(bool all_kinds) {
   if (state_ == state::absent || !folder_.is_open()) return;
+  // One kind alone cannot make good what an earlier refresh left open in the others.
   if (!all_kinds && state_ != state::set_here) return;
   if (mark_) {
     if (!is_settled_by_others(mark_)) folder_.remove(redo_name);

@@ -46,8 +46,10 @@ class redo_mark {
   void settle(bool all_kinds);
 
  private:
+  // unclear: whether one is there could not be found out. set_here: made by this refresh.
   enum class state { unknown, unclear, absent, there, set_here };
 
+  // Whether `mark` is for another refresh to take away. Locks it, if it can be locked.
   bool is_settled_by_others(const quota_file &mark) const;
 
   quota_folder &folder_;

@@ -21,6 +21,7 @@ constexpr size_t open_levels = 32;           // of the current path, counted fro
 constexpr int most_linked = 100'000;         // directories of one walk with a link on the way
 constexpr size_t most_levels = 20'000;       // renames may make a path longer while it is walked
 
+// A directory by what it is, as one directory can have many names.
 struct identity {
   dev_t device;
   ino_t inode;
@@ -77,6 +78,7 @@ class tree_walk {
     if (!means_nothing_there(errno)) found_.is_all = false;
   }
 
+  // Names by their offset: the arena moves in memory when it grows.
   const char *name_at(size_t entry) const { return arena_.data() + entry; }
   size_t names_end(size_t index) const {
     return index + 1 < levels_.size() ? levels_[index + 1].first : arena_.size();
@@ -96,6 +98,7 @@ class tree_walk {
     if (levels_.size() > open_levels) close_level(levels_[levels_.size() - 1 - open_levels]);
   }
 
+  // By the system call: readdir would need a buffer and a descriptor for each level.
   void read_entries(int directory) {
     ssize_t length = 0;
     while ((length = retry_interrupted(
@@ -113,6 +116,7 @@ class tree_walk {
     switch (type) {
       case DT_REG:
       case DT_LNK:
+      // Some file systems tell no type.
       case DT_UNKNOWN:
         take_by_status(directory, name);
         break;
@@ -151,6 +155,7 @@ class tree_walk {
     const char *name = name_at(top.current);
     top.next = top.current + std::strlen(name) + 1;
 
+    // First without following: most are plain folders, and a link has to be known as one.
     unique_fd directory = open_directory(top.directory.get(), name, false);
     const bool by_link = !directory && (errno == ENOTDIR || errno == ELOOP);
     const bool is_linked = by_link || links_ > 0;
@@ -171,9 +176,11 @@ class tree_walk {
         note_failure();
         return;
       }
+      // A circle: it was counted when it was entered the first time.
       if (is_on_path(*id)) return;
       ++entered_by_link_;
     }
+    // Nothing more is opened from it, so its descriptor is free for deeper levels.
     if (top.next == arena_.size()) top.directory.reset();
     enter(std::move(directory), by_link, id);
   }
@@ -201,6 +208,7 @@ class tree_walk {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY | (follow ? 0 : O_NOFOLLOW);
     for (;;) {
       unique_fd directory(retry_interrupted([&] { return ::openat(at, name, flags); }));
+      // Out of descriptors: gives up one of its own and tries again.
       if (directory || (errno != EMFILE && errno != ENFILE) || !close_shallowest(at)) {
         return directory;
       }
@@ -289,6 +297,7 @@ int compute_quota(const char *path, int64_t *total, int recurse) {
   if (path == nullptr) return -1;
   const disk_usage found = measure_directory(path, recurse != 0);
   if (!found.is_opened) return -1;
+  // Added without a sign: a sum beyond the range wraps instead of being undefined.
   *total = static_cast<int64_t>(static_cast<uint64_t>(*total) + found.bytes);
   return 0;
 }

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 
+// What a walk found. All false or 0 when there was nothing to walk.
 struct disk_usage {
   uint64_t bytes = 0;      // unsigned: the sum of sparse files may pass any limit
   bool is_opened = false;  // whether there is a directory that can be opened

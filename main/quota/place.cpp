@@ -22,6 +22,7 @@ void give_parent(const c_string &text, int *parent_id, std::string *parent_text)
 int get_parid_level(SessionHandle session, int account_id, int *parent_id, std::string *parent_text,
                     int *level, std::string *level_text) {
   const account_place place = get_account_place(session, account_id);
+  // Half an answer is none: a wrong place would put figures into another account.
   if (place.level < 0 || !place.parent_id) return -2;
   if (level != nullptr) *level = place.level;
   if (level_text != nullptr) *level_text = std::to_string(place.level);
@@ -40,6 +41,7 @@ int locate(SessionHandle session, int account_id, located_account &found) {
   const int error = get_parid_level(session, account_id, &found.parent, &found.parent_text,
                                     &found.level, nullptr);
   if (error != 0 || found.level != LEVEL_OWNER) return error;
+  // Only an owner has two accounts above it that count.
   return get_parentid(session, found.parent, &found.grandparent, &found.grandparent_text);
 }
 
@@ -71,6 +73,7 @@ int climb_tree(SessionHandle session, int account_id,
     const int error = get_parid_level(session, account_id, &parent_id, nullptr, &level, nullptr);
     if (error != 0) return error;
     visit(account_id, level);
+    // What is above a reseller has no quota files.
     if (level <= LEVEL_RESELLER) return 0;
     account_id = parent_id;
   }

@@ -31,6 +31,7 @@ struct located_account {
 int locate(SessionHandle session, int account_id, located_account &found);
 
 // The ids on the way from the reseller down to an account; 0 where there is none.
+// What a path below the quota root is made of, from left to right.
 struct tree_place {
   int reseller = 0;
   int client = 0;

@@ -8,6 +8,7 @@
 namespace {
 
 // The account's quota directory; empty when there is none.
+// How many ids above are given tells the level.
 std::string directory_of(int account_id, int parent_id, int grandparent_id) {
   std::string path;
   if (grandparent_id != 0) {
@@ -53,8 +54,10 @@ int quota_read(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
   return no_throw(-1, [&] {
     quota_folder folder(directory_of(static_cast<int>(account_id), static_cast<int>(parent_id),
                                      static_cast<int>(grandparent_id)));
+    // Not looked at: without a folder every file below is missing and reads as -1.
     folder.open();
     size_t slot = 0;
+    // `values` has a slot for each kind asked for: one, or all five.
     for_each_kind(kind, [&](unsigned one) {
       const quota_file file = folder.open_to_read(media_kinds[one].quota_file);
       const std::optional<quota_record> record = file ? record_of(file) : std::nullopt;

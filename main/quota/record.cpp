@@ -49,6 +49,7 @@ std::optional<size_t> read_bytes(int fd, char *bytes, size_t wanted) {
   return length;
 }
 
+// Lenient as it always was: text that is no number counts as 0, but a dot must be there.
 std::optional<quota_record> parse(char *text) {
   char *dot = std::strchr(text, '.');
   if (dot == nullptr) return std::nullopt;
@@ -79,6 +80,7 @@ bool replace_record(int fd, const char *record, size_t length, size_t old_length
     if (!extended) return false;
   }
   std::memcpy(bytes, record, length);
+  // One write of the longer of both lengths: what the new record does not fill gets filler.
   if (!write_at(fd, bytes, std::clamp(old_length, length, longest_record), 0)) return false;
   return old_length <= length || cut(fd, length);
 }
@@ -140,6 +142,7 @@ int quota_real_update(const quota_folder &folder, const char *file, int64_t valu
 
 void expire_quota_file(const quota_folder &folder, const char *file) {
   int64_t value = 0;
+  // A file that is missing, or due anyway, needs neither lock nor write.
   if (is_rev_inrange(folder, file, &value) == 0) return;
   quota_file opened = folder.open_to_write(file);
   if (!opened || !wait_for_lock(opened)) return;

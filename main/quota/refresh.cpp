@@ -29,6 +29,7 @@ outcome stopped(unsigned kind) {
   return {-1, set_of(kind)};
 }
 
+// The way up has three levels in a sound tree, so a walk along it costs little.
 bool is_on_path(const tree_account *deepest, int id) {
   for (const tree_account *one = deepest; one != nullptr; one = one->above) {
     if (std::atoi(one->id) == id) return true;
@@ -119,6 +120,7 @@ outcome account_refresh::refresh(int64_t &value) {
     const bool certain = (children.uncertain & set_of(kind)) == 0;
     const outcome step = refresh_kind(kind, certain, value);
     uncertain |= step.uncertain;
+    // Only the account that was asked for: its figure has all below it.
     if (self_.above == nullptr) the_tally.add(kind, value);
     return step.result == 0;
   });

@@ -29,6 +29,7 @@ struct process_settings {
 
 constinit never_destroyed<process_settings> kept;
 
+// An empty value counts as none: an empty path would be the root of the file system.
 std::string value_or_default(safestr_t found, qx_path_id fallback) {
   const safestr_owner value(found);
   return is_empty(value.get()) ? qx_path(fallback) : value.get();
@@ -69,6 +70,7 @@ void log_missing_owner(int error) {
 
 int get_conf() {
   const std::lock_guard guard(kept->lock);
+  // Read once: with another root half way, figures of one platform would lie in two trees.
   if (!kept->settings) kept->settings = read_settings();
   return 0;
 }
@@ -82,6 +84,7 @@ const quota_settings *loaded_settings() {
 int owner_ids(uid_t *uid, gid_t *gid) {
   process_settings &own = kept.value;
   const std::lock_guard guard(own.lock);
+  // Under the lock, so that a slow directory service is asked by one thread only.
   if ((own.user == 0 || own.group == 0) &&
       get_ids("asterisk", "asterisk", &own.user, &own.group) != 0) {
     if (!own.failure_logged) log_missing_owner(errno);

@@ -7,6 +7,7 @@
 
 #include <string>
 
+// Absolute paths: of the quota tree, and of Asterisk's media as asterisk.conf names them.
 struct quota_settings {
   std::string quota_root;
   std::string ast_spool_dir;

@@ -1,5 +1,4 @@
-// What a run came to, for the line that ends a run. One thread at a time
-// refreshes.
+// What a run came to, for the line that ends it. Not guarded: one thread at a time refreshes.
 #ifndef MAIN_QUOTA_TALLY_H
 #define MAIN_QUOTA_TALLY_H
 
@@ -8,6 +7,7 @@
 
 #include <spoolcap/quota.h>
 
+// Counted by the walk, read by the command at its end. Hosts of the library may ignore it.
 struct refresh_tally {
   long refreshed = 0;  // accounts whose files are all right now
   long failed = 0;     // accounts with a figure that is not certain, or not written

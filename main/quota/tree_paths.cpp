@@ -26,6 +26,7 @@ std::string quota_path(std::initializer_list<int> ids, unsigned kind) {
 std::vector<c_string> extensions_of(const char *client_id, const char *owner_id,
                                     bool numbers_only) {
   size_t count = 0;
+  // The array is the caller's, and so is each string in it.
   const c_memory<char *> numbers(qx_user_get_extensions_sess(
       nullptr, client_id, std::atoi(owner_id), numbers_only ? 1 : 0, &count));
   std::vector<c_string> extensions;
@@ -58,6 +59,7 @@ bool add_extension_paths(std::vector<std::string> &paths, unsigned kind, const c
 int make_qpaths(unsigned kind, int reseller_id, int client_id, int owner_id,
                 std::string *reseller_path, std::string *client_path, std::string *owner_path) {
   if (kind > QUOTA_ALL_KINDS || reseller_id < 1 || loaded_settings() == nullptr) return -1;
+  // Outputs without ids stay untouched, as the contract says.
   if (owner_path != nullptr && client_id != 0 && owner_id != 0) {
     *owner_path = quota_path({reseller_id, client_id, owner_id}, kind);
   }
@@ -78,6 +80,7 @@ int make_dpath(unsigned kind, int level, const char *reseller_id, const char *cl
   if (settings == nullptr) return -1;
 
   switch (kind) {
+    // The dot is the platform's: folders of sounds are hidden ones.
     case QUOTA_SOUND:
       paths.push_back(settings->ast_var_lib_dir + "/" + media_kinds[kind].folder + "/." + account);
       return 0;
@@ -100,6 +103,7 @@ bool quota_str_append(std::string &path, int number, const char *text, bool keep
     return true;
   }
   if (text == nullptr) return false;
+  // An id of zeros only leaves nothing behind the slash.
   if (!keep_zeros) text += std::strspn(text, "0");
   path += text;
   return true;

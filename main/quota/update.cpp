@@ -38,6 +38,8 @@ bool lock_within(quota_file &file, int wait) {
   return true;
 }
 
+// Never below 0: a file that is deleted twice must not make room that is not there. An overflow
+// ends at the limit of the type.
 int64_t sum_of(int64_t value, int64_t delta) {
   int64_t sum = 0;
   if (__builtin_add_overflow(value, delta, &sum)) {
@@ -49,6 +51,7 @@ int64_t sum_of(int64_t value, int64_t delta) {
 // Reads, adds and writes while the caller holds the lock; the value as it then is, -1 for none.
 int64_t apply_delta(quota_folder &folder, const char *name, const quota_file &file, int64_t delta) {
   std::optional<quota_record> record = record_of(file);
+  // -1 is what a reader gives for no value, so a record must not hold it.
   if (record ? record->value == -1 || record->revision == -1 : !file.created) {
     set_dirty(folder, name);
     return record ? record->value : -1;
@@ -58,6 +61,7 @@ int64_t apply_delta(quota_folder &folder, const char *name, const quota_file &fi
   if (is_new) record = {0, 0, true};
   if (delta == 0 && !is_new) return record->value;
   const int64_t value = sum_of(record->value, delta);
+  // Counts up and stays at the highest: from 1000 on a refresh measures again.
   const int revision = record->revision < INT_MAX ? record->revision + 1 : INT_MAX;
   if (quota_write_internal(file.fd.get(), value, revision, file.size) != 0) set_dirty(folder, name);
   return value;
@@ -71,6 +75,7 @@ int64_t update_file(const char *path, int64_t delta, int wait) {
   if (owner_ids(&uid, &gid) != 0) return -1;
   quota_folder folder(std::string(path, slash));
   const char *name = slash + 1;
+  // Nothing is added to a value that is wrong already; a refresh will measure it anew.
   if (is_dirty(folder, name) == 1) return -1;
   quota_file file = open_quota_file(path);
   if (!file && folder.make(uid, gid)) {
@@ -95,6 +100,7 @@ int update_ancestry(int account_id, unsigned kind, int64_t delta, int wait) {
     return -1;
   }
   tree_place place;
+  // Ids of levels between the known ones belong to no file and are left out.
   const int error = climb_tree(session.get(), account_id, [&](int id, int level) {
     if (int *const known = place.at(level)) *known = id;
   });

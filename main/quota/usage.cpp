@@ -18,6 +18,8 @@ namespace {
 // Only owners have stored files; what is above them has their sums.
 usage database_usage(const tree_account &self, const char *table) {
   if (self.level != LEVEL_OWNER) return {};
+  // -1 means that the statement failed. Other negative sums are of rows with wrong sizes: certain,
+  // and taken for nothing.
   const int64_t bytes = qx_get_db_files_quota(table, LEVEL_OWNER, self.id);
   if (bytes >= 0) return {bytes, true};
   return {0, bytes != -1};
@@ -38,6 +40,7 @@ usage media_usage(const tree_account &self, unsigned kind) {
   }
   std::vector<std::string> paths;
   usage total;
+  // An account of another level has no media of its own, which is certain.
   if (make_dpath(kind, self.level, reseller, client, owner, paths) != 0) return total;
   for (const std::string &path : paths) {
     const disk_usage found = measure_directory(path.c_str(), true);
@@ -51,6 +54,7 @@ usage media_usage(const tree_account &self, unsigned kind) {
 usage value_of_child(const quota_folder &folder, const char *name) {
   if (!folder.is_open()) return {0, false};
   const quota_file file = folder.open_to_read(name);
+  // No file is an answer; a file that cannot be opened is none.
   if (!file) return {0, errno == ENOENT || errno == ENOTDIR};
   const std::optional<quota_record> record = record_of(file);
   if (!record) return {0, false};
@@ -88,6 +92,7 @@ int grab_child_quotas(const char *id, const char * /*parent_id*/, const char * /
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
     if (row[0] == nullptr) return -1;
     char name[64];
+    // By number, as directories are named without leading zeros.
     std::snprintf(name, sizeof name, "%d/%s", std::atoi(row[0]), media_kinds[kind].quota_file);
     const usage child = value_of_child(folder, name);
     if (!child.certain) *certain = false;

@@ -12,6 +12,7 @@
 
 namespace {
 
+// The result has account and level in one number: the id, and the level times this.
 constexpr int level_factor = 10'000'000;
 
 // Limits in bytes along an ancestry; negative: none.
@@ -51,6 +52,7 @@ int verify_disk(unsigned kind, const tree_place &place, const tree_limits &limit
       0) {
     return -1;
   }
+  // Deepest first: the nearest limit is the one that the caller can explain.
   if (is_full(owner, limits.owner)) return place.owner + LEVEL_OWNER * level_factor;
   if (is_full(client, limits.client)) return place.client + LEVEL_CLIENT * level_factor;
   if (is_full(reseller, limits.reseller)) return place.reseller + LEVEL_RESELLER * level_factor;
@@ -74,6 +76,7 @@ int verify(int account_id, unsigned kind, tree_place &place) {
     }
   });
   if (error != 0) return error;
+  // An account that hangs below the root directly has no reseller, and so no file.
   return root_met ? 0 : verify_disk(kind, place, limits);
 }
 

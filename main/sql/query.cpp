@@ -20,6 +20,7 @@ __attribute__((format(printf, 3, 0))) c_string text_of(const call_site &site, Se
   sql_result rows;
   sql_vquery(site, own.get(), rows, format, arguments);
   const MYSQL_ROW row = next_row(rows.get());
+  // A failed statement has no rows either, and was logged by sql_vquery.
   if (row == nullptr) return nullptr;
   if (row[0] == nullptr) log_condition_failed(site);
   return c_string(row[0] == nullptr ? nullptr : ::strdup(row[0]));

@@ -13,6 +13,7 @@
 
 // A session for the length of a scope: the caller's when it gave one, else one of its own that is
 // released at the end. Empty when none could be had.
+// Belongs to one thread at a time, as the session in it does.
 class sql_session {
  public:
   explicit sql_session(SessionHandle borrowed = nullptr) noexcept
@@ -23,6 +24,7 @@ class sql_session {
   ~sql_session() { release(); }
 
   SessionHandle get() const noexcept { return handle_; }
+  // Borrowed from this object; null when none could be had.
   explicit operator bool() const noexcept { return handle_ != nullptr; }
 
   // Gives an own session back early; a result set that was read stays valid.

@@ -21,6 +21,7 @@ constexpr int verbosity = 100;       // everything
 
 // The trimmed text after the keyword at the start of `line` and one separator byte of any kind.
 c_string value_after(const char *line, size_t keyword_length) noexcept {
+  // At the end of the line there is no separator to skip.
   const bool separated = std::strlen(line) > keyword_length;
   c_string value(::strdup(separated ? line + keyword_length + 1 : ""));
   fr_str_trim(value.get(), FR_TRIM_BOTH);
@@ -40,6 +41,7 @@ bool for_each_value(FILE *file, const char *keyword) noexcept {
   return true;
 }
 
+// A warning only: refusing would stop platforms that have always run like this.
 void warn_if_public(FILE *credentials, const char *path) noexcept {
   struct stat status {};
   if (::fstat(::fileno(credentials), &status) == 0 && (status.st_mode & S_IROTH) != 0) {
@@ -87,11 +89,13 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
     return -1;
   }
   warn_if_public(file.get(), credentials_file);
+  // Shards come first: a server without the credentials of its shard is passed over.
   if (!for_each_value<add_shard>(file.get(), "DB_CREDENTIALS")) return -1;
 
   file.reset();
   file.reset(servers_file == nullptr ? nullptr : std::fopen(servers_file, "re"));
   if (!file) return -1;
+  // May stand anywhere in the file; the last line wins.
   for_each_value<set_down_time>(file.get(), "SLAVE_DOWN_TIME");
   std::rewind(file.get());
   for_each_value<set_largest_lag>(file.get(), "SLAVE_MAX_LAG");
@@ -112,6 +116,7 @@ int qx_sql_pool_destroy(void) {
 }
 
 SessionHandle sess_init(void) {
+  // Shard 0 is that of the first credentials; no module asks for another one.
   return fr_sqlpool_conn_get(0);
 }
 

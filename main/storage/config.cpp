@@ -16,6 +16,7 @@
 
 namespace {
 
+// The limit of the kernel less the NUL byte; longer paths would fail one by one later.
 constexpr size_t longest_directory = 4095;
 
 struct process_state {
@@ -94,6 +95,7 @@ bool has_long_directory(const storage_config &config) {
 }  // namespace
 
 storage_snapshot take_snapshot() noexcept {
+  // Many sessions start at once; only a reload or a new service needs the lock alone.
   const std::shared_lock guard(process->lock);
   return process->current;
 }
@@ -118,6 +120,7 @@ int load_config(const call_site &site, const char *base_dir, const char *monitor
 
 void set_service(std::shared_ptr<const qx_storage_api_t> service) noexcept {
   const std::unique_lock guard(process->lock);
+  // The old table goes after the lock, unless a session still keeps it.
   process->current.service.swap(service);
 }
 

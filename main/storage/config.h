@@ -12,6 +12,7 @@
 
 struct storage_engine;
 
+// What storage.conf says, with defaults filled in. Never changed once it is in use.
 struct storage_config {
   const storage_engine *engine = nullptr;
   std::string transfer_in;
@@ -43,6 +44,7 @@ struct storage_snapshot {
   }
 };
 
+// A copy of both pointers; what they point at stays for as long as the copy.
 storage_snapshot take_snapshot() noexcept;
 
 // Reads the file of configuration and takes it from now on. -1, logged in the name of `site`, with
@@ -52,6 +54,7 @@ int load_config(const call_site &site, const char *base_dir, const char *monitor
 // Takes a service, or none, from now on.
 void set_service(std::shared_ptr<const qx_storage_api_t> service) noexcept;
 
+// Keeps the node's id, or forgets it. No module reads it from here today.
 void set_node_id(c_string node_id) noexcept;
 
 #endif

@@ -51,6 +51,7 @@ int copy_content(int from, int to) {
   struct stat status {};
   if (::fstat(from, &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EINVAL;
+  // The size at the start is the end: a source that grows would otherwise never be done.
   auto left = static_cast<size_t>(status.st_size);
   for (const way_to_copy copy : {within_file_system, between_file_systems, by_hand}) {
     ssize_t moved = 0;

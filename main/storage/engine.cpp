@@ -9,6 +9,7 @@ namespace {
 
 constexpr const storage_engine *engines[] = {&posix_engine, &s3_engine};
 
+// Rows and callers write the word in any case, the configuration only in lower case.
 const storage_engine *find_engine(const char *word, int (*compare)(const char *, const char *)) {
   for (const storage_engine *engine : engines) {
     if (compare(word, engine->word) == 0) return engine;

@@ -43,6 +43,7 @@ struct storage_engine {
                 const char *location);
 };
 
+// The rows of the table, each defined in the source file of its engine.
 extern const storage_engine posix_engine;
 extern const storage_engine s3_engine;
 

@@ -26,6 +26,7 @@ namespace {
 constexpr std::string_view name_alphabet =
     "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
 constexpr int name_length = 16;
+// Two equal names of 16 letters are next to impossible; the tries are for a broken rand.
 constexpr int name_attempts = 5;
 
 // The process whose names were seeded last.
@@ -62,6 +63,7 @@ growing_file make_growing_file(const std::string &folder) {
   return {std::move(fd), temporary_file(std::move(name))};
 }
 
+// A commit replaces what is there. A download does not: what is there is no older.
 enum class at_target { replace, keep };
 
 // Gives a whole file its name. EEXIST when what is there is kept.
@@ -71,6 +73,7 @@ int rename_to(const std::string &from, const std::string &to, at_target what) {
   // Not every file system, kernel and sandbox knows the call or its flag.
   if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return errno;
   if (what == at_target::replace) return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  // A link fails where a name is taken, which a plain rename does not.
   if (::link(from.c_str(), to.c_str()) != 0) return errno;
   ::unlink(from.c_str());
   return 0;
@@ -94,6 +97,7 @@ bool is_held_by_commit(const unique_fd &file) {
 int copy_to(const std::string &from, const std::string &to, at_target what, committed_file *held) {
   const unique_fd source(::open(from.c_str(), O_RDONLY | O_CLOEXEC));
   if (!source) return errno;
+  // Readers must never see half a file under its name, so it grows under another.
   growing_file copy = make_growing_file(folder_of(to));
   if (!copy.fd) return errno;
   const int error = copy_content(source.get(), copy.fd.get());
@@ -125,6 +129,7 @@ int in_folder_of(const std::string &path, Step step) {
 int move_into_folder(const std::string &from, const std::string &to, at_target what) {
   // While the name is still ours; a file system without modes keeps files all the same.
   ::chmod(from.c_str(), storage_mode);
+  // EXDEV tells that the folders lie on two file systems; only then bytes are copied.
   int error = rename_to(from, to, what);
   if (error != EXDEV) return error;
   error = copy_to(from, to, what, nullptr);
@@ -216,6 +221,7 @@ bool held_file::is_at(const std::string &path) const {
 
 int held_file::remove() const {
   if (error_ != 0) return error_ == ENOENT ? 0 : error_;
+  // A commit has put another file there since; that one was not to be deleted.
   if (!is_at(path_)) return 0;
   // Only what was renamed away can be told for sure.
   const std::string folder = folder_of(path_);

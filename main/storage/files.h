@@ -37,6 +37,7 @@ class temporary_file {
   }
   ~temporary_file() { remove(); }
 
+  // Whole, as it was made.
   const std::string &path() const noexcept { return path_; }
   // Forgets the file without removing it: the name is not ours any more.
   void give_up() noexcept { owned_ = false; }
@@ -93,6 +94,7 @@ class held_file {
   int remove() const;
 
  private:
+  // Whether the path names the file that is held, by device and inode.
   bool is_at(const std::string &path) const;
 
   std::string path_;

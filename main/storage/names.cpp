@@ -4,6 +4,7 @@
 #include <algorithm>
 
 bool has_parent_component(std::string_view name) {
+  // By component: a name may well have two dots in it.
   for (size_t start = 0; start <= name.size();) {
     const size_t end = std::min(name.find('/', start), name.size());
     if (name.substr(start, end - start) == "..") return true;

@@ -19,6 +19,7 @@ inline std::string owned_file(int first_id, int second_id, int file_id,
 }
 
 // Key of an owner's files in the object store.
+// "vm/7/112", without a slash at the end.
 inline std::string prefix_key(int type, int first_id, int second_id) {
   return std::string(media_of_type(type).key_word) + "/" + owner_path(first_id, second_id);
 }

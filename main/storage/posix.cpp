@@ -23,6 +23,7 @@ std::string name_below(const std::string &folder, const std::string &path) {
 
 std::string final_path(const qx_storage_session &session, int file_id) {
   const std::string &name = session.posix.requested_name;
+  // A caller that names a whole path chooses its place outside of the folders as well.
   if (name.starts_with('/')) return name;
   return session.posix.folder + "/" +
          (name.empty() ? owned_file(session.first_id, session.second_id, file_id, session.extension)
@@ -36,6 +37,7 @@ std::string folder_of_type(const storage_config &config, int type) {
   return folder == nullptr ? "" : config.base_dir + "/" + folder;
 }
 
+// Folders are made when the first file comes.
 int initialize() {
   return 0;
 }

@@ -5,6 +5,7 @@
 
 #include <string>
 
+// Belongs to the thread that uses the session.
 struct posix_part {
   std::string folder;          // of the kind
   std::string requested_name;  // empty when none was

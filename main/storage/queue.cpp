@@ -12,6 +12,7 @@
 
 namespace {
 
+// The engine's word and the shard make the names: "storage:upqueue:s3:main".
 constexpr char upload_queue[] = "storage:upqueue:%s:%s";
 constexpr char delete_queue[] = "storage:delqueue:%s:%s";
 

@@ -8,6 +8,7 @@
 
 #include "platform/base/diagnostics.h"
 
+// Member "<location>:<key>". A second call renews its time and adds no second one.
 int queue_upload(const call_site &site, const char *location, const std::string &object_key);
 
 // One file.

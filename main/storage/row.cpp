@@ -10,6 +10,7 @@
 
 namespace {
 
+// Texts are escaped by the caller; table and column are constants of media.h.
 constexpr char location_statement[] =
     "UPDATE `%s` SET %s = '%s', se = '%s', az = '%s' WHERE id = '%d' LIMIT 1";
 

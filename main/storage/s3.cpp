@@ -64,14 +64,17 @@ void finish_download(void *cookie, int status, const char *path) {
 }
 
 bool start_download(qx_storage_session &session, const char *name, const char *extra) {
+  // Made here: it belongs to the host's user, and the service is only handed it open.
   auto target = make_temporary_file(session.config().transfer_in, "");
   if (!target) return false;
   session.temporary = std::move(*target);
 
   const qx_storage_api_t &service = *session.made_with.service;
+  // The download may end before the next line, on another thread, and drop this reference.
   session.reference();
   void *request = service.download(service.context, name, storage_shard, s3_engine.word, extra,
                                    session.temporary.path().c_str(), finish_download, &session);
+  // Refused at once: the session is finished, and `done` will not be called.
   if (request == nullptr) {
     session.temporary.remove();
     session.finish(QX_STORAGE_FAILED, "");
@@ -154,6 +157,7 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
   const std::string cached = cache_path(config, name);
   // A commit that is queued after this brings another file, or holds this one: it stays.
   const held_file deleted(cached);
+  // Queued before the cached file goes: otherwise a kill between both would forget it.
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
   // A copy left in the cache would keep serving a deleted file. The service removes it where this

@@ -11,6 +11,7 @@
 // ends it.
 class download_request {
  public:
+  // The request to release now, when its download has ended already; else null, and it is kept.
   void *started(void *request) {
     const std::lock_guard guard(lock_);
     if (done_) return request;
@@ -18,6 +19,7 @@ class download_request {
     return nullptr;
   }
 
+  // The request to release now; null when `started` has yet to come with it.
   void *done() {
     const std::lock_guard guard(lock_);
     done_ = true;
@@ -30,6 +32,7 @@ class download_request {
   bool done_ = false;
 };
 
+// Shared by the caller's thread and the service's; see `download_request` for the meeting.
 struct s3_fetch {
   std::string cache_path;  // where a download goes in the end
   download_request request;

@@ -18,6 +18,7 @@ int qx_storage_session::status() noexcept {
 
 void qx_storage_session::finish(int result, std::string path) noexcept {
   const std::lock_guard guard(lock_);
+  // Path and status change together: who sees the session ready finds its file.
   status_ = result;
   path_ = std::move(path);
   changed_.notify_all();
@@ -31,6 +32,7 @@ int qx_storage_session::wait() noexcept {
 
 const char *qx_storage_session::file_path() noexcept {
   const std::lock_guard guard(lock_);
+  // Borrowed; it does not change any more once the session is ready.
   return path_.empty() ? nullptr : path_.c_str();
 }
 

@@ -23,11 +23,13 @@ struct qx_storage_session {
   // Logged in the name of `site`.
   qx_storage_session(const call_site &site, storage_snapshot start, purpose wanted, int type);
 
+  // A reload or a new service does not change a session that has begun.
   const storage_snapshot made_with;
   const purpose use;
   // The configured engine at first; the caller may choose another one before it uses the session.
   const storage_engine *engine;
   const int resource_type;
+  // Set before the session is handed out, and only read after that.
   int first_id = 0;
   int second_id = 0;
   std::string extension;
@@ -39,13 +41,16 @@ struct qx_storage_session {
 
   const storage_config &config() const { return *made_with.config; }
 
+  // QX_STORAGE_...; safe from any thread, as are the three below.
   int status() noexcept;
   // Ends waiting. The path is where the file is, empty when there is none.
   void finish(int result, std::string path) noexcept;
+  // Without a limit: a service ends each download that it took.
   int wait() noexcept;
   // NULL while there is no file.
   const char *file_path() noexcept;
 
+  // Of the C face. The last release deletes the session and its temporary file.
   void reference() noexcept { references_.fetch_add(1, std::memory_order_relaxed); }
   void release() noexcept {
     if (references_.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;

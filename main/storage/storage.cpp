@@ -14,6 +14,7 @@ namespace {
 
 using purpose = qx_storage_session::purpose;
 
+// Bytes; the rest of a longer one is cut off in silence.
 constexpr size_t longest_extension = 15;
 
 // -1 with this error, or 0.
@@ -36,6 +37,7 @@ bool take_location(const call_site &site, qx_storage_session &session) {
 
 session_owner create_session(const call_site &site, int type, int first_id, int second_id,
                              const char *extension) {
+  // A slash would lead elsewhere; a colon would break the member of the queue.
   if (extension != nullptr &&
       (std::strchr(extension, '/') != nullptr || has_reserved_byte(extension))) {
     log_condition_failed(site);
@@ -48,6 +50,7 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
   if (extension != nullptr) {
     session->extension.assign(extension, ::strnlen(extension, longest_extension));
   }
+  // Before `prepare`: the temporary file lies where the engine wants it.
   session->engine = &session->engine->choose(site, session->made_with);
   if (!session->engine->prepare(site, *session) || !take_location(site, *session)) return nullptr;
   return session;
@@ -56,6 +59,7 @@ session_owner create_session(const call_site &site, int type, int first_id, int 
 bool commit(const call_site &site, qx_storage_session &session, int file_id) {
   std::optional<stored_file> file = session.engine->store(site, session, file_id);
   if (!file) return false;
+  // After the file is in place: a row must not name a file that is not there.
   record_location(session, file_id, file->name);
   session.finish(QX_STORAGE_READY, std::move(file->path));
   return true;
@@ -71,6 +75,7 @@ session_owner retrieve_session(const call_site &site, int type, const char *name
   }
   session_owner session = start_session(site, purpose::fetching, type);
   if (!session) return nullptr;
+  // Fetching goes by the word of the row: the configuration may have changed since.
   session->engine = engine;
   return engine->fetch(site, *session, name, extra) ? std::move(session) : nullptr;
 }
@@ -179,6 +184,7 @@ int qx_storage_commit_file(qx_storage_session_t *session, int file_id) {
     return -1;
   }
   if (no_throw(false, [&] { return commit(here, *session, file_id); })) return 0;
+  // Wakes the waiters. The session can be committed again.
   session->finish(QX_STORAGE_FAILED, {});
   return -1;
 }

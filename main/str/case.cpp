@@ -33,6 +33,7 @@ void convert_name(char *str) noexcept {
       str[i] = upper(str[i]);
       i += 1;
     } else if (i + 1 < length && !is_letter(str[i])) {
+      // What follows anything but a letter begins a word.
       str[i + 1] = upper(str[i + 1]);
       i += 2;
     } else {

@@ -43,6 +43,7 @@ size_t fitting(std::string_view text, size_t budget) {
 void append_word(std::string &line, bool continuation, const char *charset,
                  std::string_view &text) {
   line.append("=?").append(charset).append("?B?");
+  // Base64 makes four columns out of three bytes, so whole groups are counted.
   const int groups = (word_columns - columns_of(line)) / 4;
   size_t taken = groups > 0 ? fitting(text, static_cast<size_t>(groups) * 3) : 0;
   if (taken == 0 && continuation) taken = first_character(text);
@@ -71,6 +72,7 @@ std::string encode_header(const std::string &name, const char *charset, std::str
       address = nullptr;
     }
     result += line;
+    // Continuation lines begin with one blank, as folded headers must.
     line.assign(1, ' ');
   }
   return result;

@@ -15,6 +15,7 @@ char *get_nodeid(void) {
   char line[1024];
   if (!file || std::fgets(line, sizeof line, file.get()) == nullptr) return nullptr;
   size_t length = std::strlen(line);
+  // The line's end, and blanks that an editor left behind the id.
   while (length > 0 && static_cast<unsigned char>(line[length - 1]) <= 32) --length;
   return ::strndup(line, length);
 }
@@ -28,6 +29,7 @@ int zarn_sleep(float seconds) {
   timespec left{};
   left.tv_sec = static_cast<time_t>(seconds);
   left.tv_nsec = static_cast<long>((seconds - static_cast<float>(left.tv_sec)) * 1000000000);
+  // A signal leaves the rest in `left`, so the whole time is slept.
   while (::nanosleep(&left, &left) != 0) {
     if (errno != EINTR) return -1;
   }

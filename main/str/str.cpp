@@ -14,6 +14,7 @@
 
 namespace {
 
+// The same bits as FR_TRIM_START and FR_TRIM_END of the base library.
 enum { trim_start = 1, trim_end = 2 };
 
 // Puts a copy of the text in place of the caller's string, which is freed.
@@ -21,6 +22,7 @@ void replace_with(char **str, const std::string &text) {
   std::free(std::exchange(*str, copy_text(text).release()));
 }
 
+// Without overlaps, as splitting and replacing go through a text.
 size_t occurrences(std::string_view text, std::string_view part) {
   size_t count = 0;
   for (size_t at = text.find(part); at != text.npos; at = text.find(part, at + part.size())) {
@@ -29,6 +31,7 @@ size_t occurrences(std::string_view text, std::string_view part) {
   return count;
 }
 
+// More than isspace: all low control characters count.
 bool is_blank(char byte) noexcept {
   return byte >= 1 && byte <= 32;
 }
@@ -50,6 +53,7 @@ char **zarn_str_split(const char *str, const char *sep) {
   return no_throw<char **>(nullptr, [=] {
     std::string_view rest(str);
     const std::string_view separator(sep);
+    // One more than the list gets when the text ends with a separator: no empty last field.
     const size_t most_fields = occurrences(rest, separator) + 1;
     text_array list(most_fields + 1);
     for (size_t field = 0; !rest.empty(); ++field) {
@@ -72,6 +76,7 @@ int zarn_str_freelist(char **list) {
   return 0;
 }
 
+// On failure *dst is as it was and still the caller's.
 char *zarn_str_append(char **dst, const char *format, ...) {
   if (dst == nullptr || format == nullptr) return nullptr;
   va_list args;
@@ -167,6 +172,7 @@ char *ast_pad_id(int id, unsigned width) {
   return padded.release();
 }
 
+// A byte that begins no character counts as one of its own.
 int zarn_utf8_get_char_length(unsigned char byte) {
   if ((byte & 0xe0) == 0xc0) return 2;
   if ((byte & 0xf0) == 0xe0) return 3;

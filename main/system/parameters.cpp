@@ -8,6 +8,7 @@
 
 namespace {
 
+// The list of names is put together by the cache layer, quoted.
 constexpr char statement[] = "SELECT param, value FROM misc WHERE param IN (%s)";
 
 constexpr cache_binding parameter(const char *name, const char *field) {
@@ -44,6 +45,7 @@ int qx_get_extlen(void) {
   return number_or(-1, value_of("ext_length"));
 }
 
+// The separator as a byte value; of a longer text only the first byte counts.
 int qx_get_extsep(void) {
   const c_string separator = value_of("ext_separator");
   return separator ? static_cast<unsigned char>(*separator) : -1;

@@ -25,6 +25,7 @@ std::string read_path(std::string_view value, std::string &path) {
   return "";
 }
 
+// A path that no address can hold would fail only when a host connects.
 std::string read_socket(std::string_view value, transfer_config &config) {
   if (value.size() >= sizeof sockaddr_un{}.sun_path) return "the path is too long for a socket";
   return read_path(value, config.socket);
@@ -75,6 +76,7 @@ class config_reader {
       ++line_;
       const parseconfig_line found = split_config_line(*line);
       if (found.keyword.empty()) continue;
+      // The first mistake ends it: later lines may be wrong only because of it.
       const std::string wrong = take(found.keyword, found.value);
       if (!wrong.empty()) {
         return {std::nullopt, at(line_, std::string(found.keyword) + ": " + wrong)};
@@ -139,6 +141,7 @@ class config_reader {
         return at(line, keyword + ": there is no location " + quoted(name));
       }
     }
+    // One location is the default without being named.
     if (config_.default_location.empty()) config_.default_location = config_.locations[0].name;
     return "";
   }

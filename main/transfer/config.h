@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+// One line TRANSFER_LOCATION. Keys to the store are not here: hosts need none.
 struct transfer_location {
   std::string name;
   std::string endpoint;
@@ -18,6 +19,7 @@ struct transfer_location {
   std::string prefix;
 };
 
+// All values were checked by the reader. Paths are absolute.
 struct transfer_config {
   std::vector<transfer_location> locations;
   std::string default_location;
@@ -36,6 +38,7 @@ struct transfer_config {
   std::string metrics_file;     // empty for none
   std::string node;             // id of this node
 
+  // Null for an unknown name; borrowed.
   const transfer_location *find(std::string_view name) const;
   // Where new files of a first id go.
   const std::string &location_of(int first_id) const;
@@ -48,6 +51,7 @@ struct transfer_reading {
   std::optional<transfer_config> config;
   std::string error;
 };
+// Reads transfer.conf and the id of the node. Without a location there is no configuration.
 transfer_reading read_transfer_config();
 
 // The parts of a location text. The location is what precedes the first "@".

@@ -47,6 +47,7 @@ void transfer_host::start(transfer_config config) {
   const std::lock_guard guard(lock_);
   const bool has_moved = settings_ && settings_->config.socket != made->config.socket;
   settings_ = std::move(made);
+  // A new configuration keeps the connection, unless the socket lies elsewhere now.
   if (has_moved && line_) lose_current(*line_);
 }
 
@@ -61,12 +62,14 @@ void transfer_host::stop() {
     lose_current(*ended);
     wake(*ended);
   }
+  // Without the lock, which the thread needs to end the downloads.
   ended->thread->join();
 }
 
 void transfer_host::after_fork_in_child() {
   if (line_) {
     // The thread is not here; its downloads are the parent's.
+    // Leaked: destroying a joinable thread would end the process.
     static_cast<void>(line_->thread.release());
     line_->wake.reset();
     if (line_->current) line_->current->socket.reset();
@@ -96,6 +99,7 @@ void *transfer_host::download(const char *key, const char *location, const char 
     QX_LOG(FR_LOG_WARNING, "Cannot fetch [%s]: its row does not say where it is.\n", key);
     return nullptr;
   }
+  // The service writes through this descriptor, so it needs no right to the folder.
   const unique_fd target(::open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
   if (!target) {
     QX_LOG(FR_LOG_WARNING, "Cannot open [%s]: %s.\n", path, std::strerror(errno));

@@ -23,6 +23,7 @@ struct ordered_download {
   std::string path;
 };
 
+// One for each process, used from any thread. It holds no file and no queue: it only asks.
 class transfer_host {
  public:
   void start(transfer_config config);
@@ -31,10 +32,12 @@ class transfer_host {
 
   // The operations of the table.
   bool is_usable() const;
+  // Malloc'ed; null while stopped.
   c_string location(int first_id) const;
   // Null when it is refused.
   void *download(const char *key, const char *location, const char *path, qx_storage_done_fn done,
                  void *cookie);
+  // Tells the daemon that a queue has grown. Lost without harm.
   void queued();
 
   // Around fork(), so that the child finds everything whole.
@@ -45,6 +48,7 @@ class transfer_host {
  private:
   using clock = std::chrono::steady_clock;
 
+  // Replaced as a whole by `start`, so that a reader may keep the one that it has.
   struct settings {
     transfer_config config;
     trusted_peers peers;
@@ -65,14 +69,20 @@ class transfer_host {
     std::unique_ptr<std::thread> thread;
   };
 
+  // Makes the thread look at its line again. Needs no lock.
   static void wake(const line &what);
+  // Puts the connection on the list of lost ones. The lock is held.
   static void lose_current(line &what);
+  // Calls `done`, without the lock. The request is not to be touched afterwards.
   static void finish(ordered_download *request, bool has_file);
 
+  // These three run under the lock. `connect` and `send` give false when the daemon cannot be
+  // reached, or is not trusted.
   bool connect();
   void start_thread();
   bool send(const std::string &datagram, int target, std::uint64_t id, ordered_download *request);
 
+  // On the thread of the line, from here on.
   void run(const std::shared_ptr<line> &own);
   int watch(line &own);
   void read_answers(line &own, const std::shared_ptr<connection> &from);

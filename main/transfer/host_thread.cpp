@@ -24,6 +24,7 @@ void transfer_host::run(const std::shared_ptr<line> &own) {
     {
       const std::lock_guard guard(lock_);
       patience = watch(*own);
+      // Taken out under the lock and ended without it, as `done` calls into the host.
       lost.swap(own->lost);
       current = own->current;
       is_ending = own->is_ending;
@@ -51,6 +52,7 @@ int transfer_host::watch(line &own) {
     lose_current(own);
     return -1;
   }
+  // At most one question a minute; any answer counts as a sign of life.
   if (now - std::max(to.heard, to.asked) >= ask_after) {
     to.asked = now;
     no_throw(

@@ -25,6 +25,7 @@ std::vector<gid_t> groups_of_peer(int socket) {
 
 }  // namespace
 
+// Each by itself: a platform may have the user without the group.
 trusted_peers::trusted_peers() {
   get_ids("asterisk", nullptr, &user_, nullptr);
   get_ids(nullptr, "asterisk", nullptr, &group_);
@@ -34,6 +35,7 @@ bool trusted_peers::trust(int socket) const {
   ucred peer{};
   socklen_t size = sizeof peer;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return false;
+  // The kernel noted these at connect or listen; a peer cannot change them afterwards.
   if (peer.uid == ::geteuid() || peer.uid == 0) return true;
   if (user_ != no_id && peer.uid == user_) return true;
   if (group_ == no_id) return false;

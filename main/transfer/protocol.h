@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+// Numbers are part of the protocol: an old host may meet a new service.
 enum class transfer_word : std::uint32_t {
   // Host to service.
   download = 1,  // `id` is the host's own; texts location and key; one descriptor, open for writing
@@ -25,6 +26,7 @@ struct transfer_head {
   std::uint32_t second_length;
 };
 
+// "SPLT" as a number. A datagram of another magic or version ends the connection.
 inline constexpr std::uint32_t transfer_magic = 0x53504c54;
 inline constexpr std::uint32_t transfer_version = 1;
 inline constexpr std::uint32_t longest_datagram = 32'768;

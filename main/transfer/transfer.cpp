@@ -46,6 +46,7 @@ constexpr qx_storage_api_t table = {.context = nullptr,
                                     .release = release,
                                     .queued = queued};
 
+// Handlers stay for the life of the process, so they are set once.
 bool is_fork_safe() {
   return ::pthread_atfork([] { host.value.before_fork(); },
                           [] { host.value.after_fork_in_parent(); },
@@ -60,6 +61,7 @@ int start() {
     QX_LOG(FR_LOG_ERROR, "%s\n", reading.error.c_str());
     return -1;
   }
+  // Before storage learns of the table: it may be called at once.
   host.value.start(std::move(*reading.config));
   return qx_storage_register_api(&table);
 }
@@ -72,6 +74,7 @@ int qx_transfer_start(void) {
 
 void qx_transfer_stop(void) {
   no_throw([] {
+    // Never started, or stopped before: storage may have another service by now.
     if (!host.value.is_usable()) return;
     qx_storage_unregister_api();
     host.value.stop();

@@ -10,6 +10,7 @@
 
 namespace {
 
+// Bytes. A key has at most 1,024 of them in a store; the prefix leaves half.
 constexpr std::size_t longest_name = 64, longest_bucket = 255, longest_prefix = 512;
 
 bool is_alphanumeric(char byte) {
@@ -40,6 +41,7 @@ std::string read_bucket(std::string_view text, bool virtual_host, std::string &b
   if (!is_word(text, "-._") || text.size() > longest_bucket || text.starts_with('.')) {
     return "the bucket is no bucket's name";
   }
+  // 63 is the length of one label of a host name.
   if (virtual_host && (!std::all_of(text.begin(), text.end(), fits_host) || text.size() > 63)) {
     return "this bucket cannot be part of a host name: use \"path\"";
   }

@@ -16,6 +16,7 @@ bool read_number(std::string_view text, std::int64_t least, std::int64_t most,
 // The fields of a value between white space.
 std::vector<std::string_view> fields_of(std::string_view value);
 
+// Between double quotes, for a message.
 std::string quoted(std::string_view text);
 
 // Adds the location "name endpoint region bucket [path|host [prefix]]". Empty, or what is wrong.

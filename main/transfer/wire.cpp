@@ -20,12 +20,14 @@ bool take_descriptor(msghdr &header, unique_fd &descriptor) {
     for (std::size_t i = 0; i < sent; ++i, ++count) {
       int fd = -1;
       std::memcpy(&fd, CMSG_DATA(part) + i * sizeof fd, sizeof fd);
+      // Each new one closes the one before, so nothing is leaked by a peer that sends many.
       descriptor.reset(fd);
     }
   }
   return count <= 1;
 }
 
+// Lengths come from another process: both are checked against what arrived.
 bool decode(const char *bytes, std::size_t length, transfer_message &message) {
   transfer_head head{};
   if (length < sizeof head) return false;
@@ -55,6 +57,7 @@ std::string encode_message(const transfer_message &message) {
                            .id = message.id,
                            .first_length = static_cast<std::uint32_t>(message.first.size()),
                            .second_length = static_cast<std::uint32_t>(message.second.size())};
+  // In the byte order of the machine: both ends run on it.
   std::string datagram(reinterpret_cast<const char *>(&head), sizeof head);
   return datagram.append(message.first).append(message.second);
 }
@@ -116,6 +119,7 @@ unique_fd connect_to_service(const std::string &path) {
   const auto address = socket_address(path);
   errno = ENAMETOOLONG;
   if (!address) return {};
+  // SEQPACKET keeps the bounds of datagrams and tells when the other end goes.
   unique_fd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const auto *const bytes = reinterpret_cast<const sockaddr *>(&*address);
   if (socket && ::connect(socket.get(), bytes, sizeof *address) != 0) socket.reset();

@@ -11,6 +11,7 @@
 #include "main/transfer/protocol.h"
 #include "platform/base/owner.h"
 
+// One datagram with its texts. `first` and `second` are what the word says they are.
 struct transfer_message {
   transfer_word word{};
   std::int32_t status = 0;
@@ -24,6 +25,7 @@ struct transfer_message {
 std::string encode_message(const transfer_message &message);
 
 // 0, or the error number; EAGAIN when there is no room now.
+// `descriptor` is lent: the other end gets a copy of its own.
 int send_datagram(int socket, const std::string &datagram, int descriptor = -1);
 
 enum class receiving {
@@ -32,6 +34,8 @@ enum class receiving {
   ended,     // the other end is gone
   malformed  // what came is no message
 };
+// Fills `message` when it gives receiving::message; else parts of it may be set. A descriptor that
+// came along is closed with it.
 receiving receive_message(int socket, transfer_message &message);
 
 // Nothing for a path that no address holds.

@@ -70,6 +70,7 @@ constexpr field_lookup parent_lookup = account_field(
 constexpr field_lookup level_lookup =
     account_field("lvl", "SELECT level FROM client WHERE id=%d", not_negative, filled_column);
 
+// A cached -1 stands for "not known" and is no answer: the database is asked.
 constexpr field_lookup status_lookup = account_field(
     "st", "SELECT status FROM client WHERE id='%d'", not_minus_one, column_or_nothing);
 
@@ -99,6 +100,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
   if (row_count == 0) return nullptr;
 
   text_array numbers(row_count);
+  // Counts the slots, of which some may be NULL: rows without a number.
   *count = row_count;
   for (size_t i = 0; i < row_count; ++i) {
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
@@ -108,6 +110,7 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
     if (number == nullptr) continue;
     numbers.set(i, numbers_only ? copy_text(number)
                                 : c_string(qx_get_full_number_sess(own.get(), parent_id, number)));
+    // Without the check of markers: this writer fills the index as a whole.
     if (id != nullptr) cache_hset(site, 0, key, number, id);
   }
   return numbers.release();
@@ -119,6 +122,7 @@ char **read_extensions(const call_site &site, SessionHandle session, const char 
   if (!key) return nullptr;
   *count = 0;
   std::optional<hash_entries> index = cache_hgetall(site, 0, key.get());
+  // An index that is there counts as complete: whoever adds an extension adds it there.
   if (!index) {
     return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only,
                                     count);
@@ -140,6 +144,7 @@ char *qx_account_get_parent_str_sess(SessionHandle session, int account_id) {
 int qx_account_get_parent_sess(SessionHandle session, int account_id) {
   const c_string parent(qx_account_get_parent_str_sess(session, account_id));
   if (!parent) return -2;
+  // -2 for an account that is not known, -1 for one without a parent.
   return *parent == '\0' ? -1 : std::atoi(parent.get());
 }
 
@@ -157,6 +162,7 @@ account_place get_account_place(SessionHandle session, int account_id) {
   const char *const fields[] = {level_lookup.field, parent_lookup.field};
   text_array cached;
   if (key) cached = rmget_hash_key(QX_HERE, 0, key.get(), fields, std::size(fields));
+  // One read instead of two: the engine asks this for every account on the way up.
   if (cached && cached[0] != nullptr && cached[1] != nullptr && not_negative(cached[0])) {
     return {std::atoi(cached[0]), cached.take(1)};
   }
@@ -202,6 +208,7 @@ char **qx_account_get_prefs(int account_id, int count, const char *const *names)
 }
 
 char *qx_account_get_pref(int account_id, const char *name) {
+  // Unlike the call for several names, this one asks nobody about an unknown name.
   if (get_binding(pref_count, pref_bindings, name) == nullptr) return nullptr;
   return only_text(qx_account_get_prefs(account_id, 1, &name)).release();
 }
