@@ -4,8 +4,8 @@
 // One budget of the process (budget.h) pays for everything that commands wait for: the resolver,
 // connecting, sending and receiving. A command takes 2 s at most and no longer than the budget
 // lasts; when it is spent, commands fail at once. A failure is followed by a pause of 5 s without
-// any attempt, so that a cache that refuses, or talks garbage, costs next to nothing as well. Where a
-// replica answers and no master does, a fail-over is under way, and the pause is 1 s.
+// any attempt, so that a cache that refuses, or talks garbage, costs next to nothing as well. Where
+// a replica answers and no master does, a fail-over is under way, and the pause is 1 s.
 #ifndef PLATFORM_VELKAN_GROUP_H
 #define PLATFORM_VELKAN_GROUP_H
 
