@@ -8,6 +8,7 @@
 #include "report/changes.h"
 #include "report/separated.h"
 
+// Borrows everything; the states must outlive it, as changes point into them.
 struct change_list {
   const report_platform &before, &after;
   std::span<const account_change> changes;  // between the two

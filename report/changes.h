@@ -8,6 +8,7 @@
 #include "report/forecast.h"
 #include "report/platform.h"
 
+// Each account counts once: `moved` goes before growth.
 enum class change_kind { came, went, moved, grew, shrank, same };
 const char *name_of(change_kind change);
 

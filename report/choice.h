@@ -4,6 +4,7 @@
 
 #include "report/platform.h"
 
+// In the order of the words of --sort; equal ones are sorted by their ids.
 enum class sort_key { id, login, used, percent, age };
 
 struct list_choice {

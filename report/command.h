@@ -21,6 +21,7 @@ class report_trouble : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The texts are static. popt keeps what it parses in variables of the command's file.
 struct report_command {
   const char *name;
   const char *arguments;  // in the help, after the options: "FILE"; empty for a command with none

@@ -21,9 +21,11 @@ c_file compress_into(FILE *file);
 // damaged or cut off. Behind the content, which may hold NUL itself, stands a NUL.
 class decompressed_file {
  public:
+  // Names that RapidJSON prescribes.
   using Ch = char;
   explicit decompressed_file(const std::string &path);
 
+  // The next byte without taking it; NUL at the end, as the parser expects.
   char Peek() {
     if (next_ < content_.size()) return content_[next_];
     return ended_ ? '\0' : fill();
@@ -42,7 +44,9 @@ class decompressed_file {
   size_t PutEnd(char *) { return 0; }
 
  private:
+  // Unpacks the next piece and gives its first byte.
   char fill();
+  // Bytes read from the file; 0 at its end.
   size_t read_more();
   [[noreturn]] void fail(const char *reason) const;
 

@@ -20,9 +20,11 @@ struct finding {
   std::string statement = {};            // SQL that mends it
 };
 
+// One report on one stream, which it borrows. Errors of the stream are for `report_output` to tell.
 class findings_writer {
  public:
   findings_writer(FILE *stream, bool as_json, const report_platform &platform);
+  // Writes the finding at once; nothing of it is kept.
   void add(const finding &one);
   // Ends the report; call once.
   void end();

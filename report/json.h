@@ -16,6 +16,7 @@ using json_writer = rapidjson::Writer<rapidjson::FileWriteStream>;
 struct json_stream {
   explicit json_stream(FILE *stream) : out(stream, buffer, sizeof buffer), json(out) {}
 
+  // Large, so that a platform of many accounts takes few system calls.
   char buffer[65536];
   rapidjson::FileWriteStream out;
   json_writer json;

@@ -23,6 +23,7 @@ struct shared_options {
   char *output = nullptr;
   int human = 0;
 };
+// Filled by popt before the command runs, and only read after that.
 inline shared_options typed;
 
 // Rows of their tables.
@@ -49,6 +50,7 @@ inline constexpr poptOption output_row = {
     "output", 'o', POPT_ARG_STRING, &typed.output, 0, "Write to a file, whole or not at all",
     "FILE"};
 
+// In the order of the words of --format.
 enum class report_format { table, json, jsonl, csv, tsv };
 
 // By default the table, which alone may be for people.

@@ -29,7 +29,9 @@ class report_output {
   void commit();
 
  private:
+  // Throws with the path and the error's text.
   [[noreturn]] void fail(int error) const;
+  // In the same folder, as a rename works within one file system only.
   void open_beside();
 
   std::string path_;       // where the content is to be in the end; empty for standard output

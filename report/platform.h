@@ -27,6 +27,7 @@ enum class figure_state : std::uint8_t {
   missing,    // there is no quota file
   unreadable  // there is one, but it holds no record or cannot be read
 };
+// For arrays with a slot for each state.
 inline constexpr size_t figure_states = 6;
 
 const char *name_of(figure_state state);
@@ -34,6 +35,7 @@ const char *name_of(figure_state state);
 // Whether the report is about accounts of this level.
 bool is_reported(std::int64_t level);
 
+// With its login and its place in `by_above`, some 200 bytes.
 struct report_account {
   std::uint32_t id = 0;
   std::uint32_t parent = 0;  // as the database has it; 0 for none
@@ -86,6 +88,7 @@ figure_state state_of(const report_account &account, kind_set kinds = all_kinds)
 // below 0, whatever the clocks say.
 std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set kinds = all_kinds);
 
+// Collected once and then only read. It can be moved, not copied: logins point into `texts`.
 struct report_platform {
   std::string host;
   std::int64_t taken = 0;

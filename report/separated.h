@@ -17,11 +17,13 @@
 enum class separated_format { csv, tsv };
 
 // One line, whose values are told one by one; the first is not empty.
+// Separators and quoting are its affair; callers tell bare values in the order of the head.
 class separated_line {
  public:
   separated_line(FILE *stream, separated_format format) : stream_(stream), format_(format) {}
   void add(std::string_view text);
   void add_number(std::int64_t number);  // empty for a negative one
+  // Guarded against spreadsheets; a null view is an empty value.
   void add_login(std::string_view login);
   void end();  // writes the line; the next value begins another
 
@@ -31,6 +33,7 @@ class separated_line {
   std::string line_;
 };
 
+// The head, then a line for each account that the source gives.
 void write_separated(FILE *stream, separated_format format, const report_platform &platform,
                      const account_source &source, kind_set kinds);
 

@@ -15,6 +15,7 @@ using sql_field = std::optional<std::string_view>;
 using sql_fields = std::vector<sql_field>;
 
 // A session of its own; throws report_trouble when none can be had.
+// Gives its connection back at the end of its scope.
 class report_session : public sql_session {
  public:
   report_session();

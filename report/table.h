@@ -10,6 +10,7 @@
 
 #include "report/choice.h"
 
+// How the cells of the table are written; which lines there are is for `choice.h`.
 struct table_style {
   kind_set kinds = all_kinds;
   bool human = false;   // sizes and ages in units that people read
@@ -23,9 +24,11 @@ void write_table(FILE *stream, const report_platform &platform,
                  std::span<const chosen_account> accounts, const table_style &style);
 
 // Lines of cells in columns: all lines are measured first, and then printed.
+// Every line that is printed must have been measured before.
 class table_columns {
  public:
   // The heads, each with whether its column is one of text, which begins at the left.
+  // Sets the locale of the process for characters, which tells how wide they are.
   explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
   void measure(const std::vector<std::string> &line);
   void print_head(FILE *stream) const;
