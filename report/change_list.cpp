@@ -6,6 +6,7 @@
 
 namespace {
 
+// -1 is what the writers show as null or leave empty.
 std::int64_t parent_of(const report_account *account) {
   return account == nullptr || account->parent == 0 ? -1 : std::int64_t{account->parent};
 }
@@ -35,6 +36,7 @@ std::string_view kind_name_of(const account_outlook &outlook) {
   return has_kind ? std::string_view(media_kinds[outlook.kind].name) : std::string_view();
 }
 
+// Not write_member: a growth below zero is a number like any other.
 void write_growth(json_writer &json, const char *name, std::optional<std::int64_t> growth) {
   json.Key(name);
   if (growth) {
@@ -79,6 +81,7 @@ void write_change(json_writer &json, const account_change &change, const change_
 
 std::string signed_text(std::int64_t growth, bool human) {
   const char *sign = growth > 0 ? "+" : growth < 0 ? "-" : "";
+  // std::to_string writes the minus by itself.
   if (!human) return (growth > 0 ? sign : "") + std::to_string(growth);
   return sign + human_size(growth < 0 ? -growth : growth);
 }
@@ -150,6 +153,7 @@ void write_changes_json(FILE *stream, const change_list &list) {
   to.json.Key("changes");
   to.json.StartArray();
   for (const account_change &change : list.changes) {
+    // One change a line, so that texts of two reports can be compared.
     to.out.Put('\n');
     write_change(to.json, change, list);
   }
@@ -162,6 +166,7 @@ void write_changes_json(FILE *stream, const change_list &list) {
 void write_changes_lines(FILE *stream, const change_list &list) {
   json_stream to(stream);
   for (const account_change &change : list.changes) {
+    // The writer takes only one document; each line is one of its own.
     to.json.Reset(to.out);
     write_change(to.json, change, list);
     to.out.Put('\n');
@@ -193,6 +198,7 @@ void write_changes_separated(FILE *stream, separated_format format, const change
     line.add_number(account.level);
     line.add_number(parent_of(change.before));
     line.add_number(parent_of(change.after));
+    // Not add_number, which leaves what is below zero empty.
     line.add(std::to_string(change.growth));
     for_each_of(list.kinds, [&](unsigned kind) {
       const std::optional<std::int64_t> growth = growth_of(change, kind);
@@ -219,6 +225,7 @@ void write_changes_table(FILE *stream, const change_list &list, bool human) {
       {"id", false},    {"level", true},   {"parent", true},  {"age", false},   {"state", true}};
   if (list.has_outlook) heads.emplace_back("limit reached", true);
   table_columns columns(heads);
+  // Made twice: holding all cells would take several times the accounts' memory.
   for (const account_change &change : list.changes) columns.measure(cells_of(change, list, human));
   columns.print_head(stream);
   for (const account_change &change : list.changes) {

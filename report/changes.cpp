@@ -8,6 +8,7 @@ namespace {
 change_kind kind_of(const account_change &change) {
   if (change.before == nullptr) return change_kind::came;
   if (change.after == nullptr) return change_kind::went;
+  // Its figure counts elsewhere now, which matters more than what it grew.
   if (change.before->parent != change.after->parent) return change_kind::moved;
   if (change.growth == 0) return change_kind::same;
   return change.growth > 0 ? change_kind::grew : change_kind::shrank;
@@ -42,12 +43,14 @@ std::vector<account_change> compare(const report_platform &before, const report_
   const auto add = [&](const report_account *old_one, const report_account *new_one) {
     account_change change = {.before = old_one, .after = new_one};
     for_each_of(kinds, [&](unsigned kind) {
+      // A kind that is unknown on one side is left out, or it would look like growth.
       change.growth = sum_of(change.growth, growth_of(change, kind).value_or(0));
     });
     change.change = kind_of(change);
     if (outlooks != nullptr && new_one != nullptr) change.outlook = outlooks->of(*new_one, kinds);
     if (is_listed(change, kinds)) changes.push_back(change);
   };
+  // Both lists are sorted by id, so one pass over both finds the pairs.
   auto old_one = before.accounts.begin();
   for (const report_account &account : after.accounts) {
     for (; old_one != before.accounts.end() && old_one->id < account.id; ++old_one) {
@@ -57,6 +60,7 @@ std::vector<account_change> compare(const report_platform &before, const report_
     add(was ? &*old_one++ : nullptr, &account);
   }
   for (; old_one != before.accounts.end(); ++old_one) add(&*old_one, nullptr);
+  // Stable: what grew alike stays in the order of the ids.
   std::stable_sort(
       changes.begin(), changes.end(),
       [](const account_change &a, const account_change &b) { return a.growth > b.growth; });

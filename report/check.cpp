@@ -24,6 +24,7 @@ const poptOption options[] = {
 report_status run(const std::vector<std::string> &words) {
   take_no_words(words);
   const bool as_json = choice_option("--format", typed.format, {"text", "json"}, 0) == 1;
+  // A folder that was misspelt would make each row look as if its file were gone.
   if (storage != nullptr && !std::filesystem::is_directory(storage)) {
     throw report_trouble(std::string("--storage: no folder: ") + storage);
   }

@@ -3,6 +3,7 @@
 
 namespace {
 
+// A refresh takes the last four digits of a reseller's id, and finds another account.
 constexpr std::uint32_t highest_of_four_digits = 9999;
 
 void check_kind(const report_account &account, unsigned kind, findings_writer &out) {
@@ -10,6 +11,7 @@ void check_kind(const report_account &account, unsigned kind, findings_writer &o
   if (account.states[kind] == figure_state::missing) one.name = "account_without_file";
   if (account.states[kind] == figure_state::unreadable) one.name = "no_record";
   if (*one.name != '\0') out.add(one);
+  // An unknown figure is -1 and above no limit.
   if (account.limit[kind] < 0 || account.used[kind] <= account.limit[kind]) return;
   one.name = "over_limit";
   one.found = account.used[kind];

@@ -9,6 +9,7 @@
 namespace {
 
 // What an account uses by itself, or nothing when that is not known.
+// For each account at the same place as in the platform. All zero at first: nothing is known.
 struct own_figures {
   std::int64_t bytes[QUOTA_ALL_KINDS];
   bool is_known[QUOTA_ALL_KINDS];
@@ -27,6 +28,7 @@ class figure_check {
     }
   }
 
+  // Kind by kind, from each reseller down.
   void run() {
     for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
       for (const std::uint32_t place : platform_.children_of(0)) {
@@ -44,6 +46,7 @@ class figure_check {
 
   // Users have stored files; what is above them has none of its own.
   void sum_rows(unsigned kind) {
+    // An account without rows uses nothing, which is known.
     for (own_figures &own : own_) own.is_known[kind] = true;
     const report_session session;
     for_each_row(session.get(),
@@ -58,6 +61,7 @@ class figure_check {
                  });
   }
 
+  // By the engine's own measure, so that both count the same files.
   void measure(unsigned kind) {
     for (std::uint32_t place = 0; place < own_.size(); ++place) {
       const report_account &account = platform_.accounts[place];
@@ -84,12 +88,15 @@ class figure_check {
     for (const std::uint32_t child : below) {
       const subtree found = compare(child, kind);
       truth = {sum_of(truth.bytes, found.bytes), truth.is_known && found.is_known};
+      // As a refresh adds them: a child without a figure adds nothing.
       children = sum_of(children, std::max<std::int64_t>(platform_.accounts[child].used[kind], 0));
     }
     const std::int64_t figure = account.used[kind];
+    // A missing file is a finding of its own.
     if (figure < 0) return truth;
     if (truth.is_known && figure != truth.bytes) tell("figure_differs", account, kind, truth.bytes);
     const std::int64_t sum = sum_of(children, own.bytes[kind]);
+    // Without --deep the account's own media are not known, so it may only have more.
     if (!below.empty() && (own.is_known[kind] ? figure != sum : figure < sum)) {
       tell("parent_differs", account, kind, sum);
     }

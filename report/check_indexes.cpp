@@ -11,6 +11,7 @@ namespace {
 
 using columns = std::vector<std::string>;
 
+// By the conditions of the statements; `filesize` makes an index that answers sums alone.
 struct {
   const char *table;
   columns wanted;
@@ -68,6 +69,7 @@ void check_indexes(findings_writer &out) {
   const indexes found = indexes_of_database();
   for (const auto &[table, wanted] : needed) {
     if (is_served(found, table, wanted)) continue;
+    // A name that says what it is by; the server refuses one that is there.
     std::string name = "by";
     std::string place = std::string(table) + " (";
     for (const std::string &column : wanted) {

@@ -22,9 +22,11 @@ class folder_check {
 
   // Looks at the folders of the accounts below one, or of the resellers for null.
   void look_into(const fs::path &folder, const report_account *above) {
+    // Not looked at: a folder that cannot be read shows in the states of its files.
     std::error_code error;
     for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
       const std::string name = entry.path().filename().string();
+      // Folders are named by their ids alone; marks and files never are.
       const std::optional<std::uint64_t> id = whole_number(name);
       if (id && entry.is_directory(error)) {
         look_at_account(entry.path(), *id, above);
@@ -36,6 +38,7 @@ class folder_check {
 
  private:
   void look_at_account(const fs::path &folder, std::uint64_t id, const report_account *above) {
+    // A number beyond 32 bits must not be cut to the id of an account.
     const auto *const account = id <= std::numeric_limits<std::uint32_t>::max()
                                     ? platform_.find(static_cast<std::uint32_t>(id))
                                     : nullptr;
@@ -65,6 +68,7 @@ class folder_check {
             std::optional<unsigned> kind) {
     struct stat status {};
     std::optional<std::int64_t> age;
+    // A refresh may have removed it since; then the finding has no age.
     if (::lstat(path.c_str(), &status) == 0) {
       age = std::max<std::int64_t>(platform_.taken - status.st_mtim.tv_sec, 0);
     }

@@ -16,11 +16,13 @@ namespace {
 namespace fs = std::filesystem;
 
 using file_id = std::uint64_t;
+// Eight bytes a file: a node may have millions of them.
 using file_ids = std::vector<file_id>;  // sorted, each once
 
 // Visits the folders or files in a folder whose names begin with a number up to a dot or the end.
 void for_each_numbered(const fs::path &folder,
                        const std::function<void(file_id id, const fs::path &path)> &visit) {
+  // A folder that is missing has no files; that is what the rows are compared with.
   std::error_code error;
   for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
     const std::string name = entry.path().filename().string();
@@ -62,6 +64,7 @@ class kind_check {
         out_(out) {}
 
   void run() {
+    // Files first, then rows: what is stored in between has a row and is looked for again.
     const file_ids local = ids_below(local_);
     file_ids rows;
     for_each_row([&](file_id id, bool is_local) {
@@ -79,6 +82,7 @@ class kind_check {
     const report_session session;
     ::for_each_row(session.get(), std::string("SELECT id, se FROM ") + table(),
                    [&](const sql_fields &row) {
+                     // Another engine's rows need no local file: theirs may be in the store only.
                      visit(whole_number(row[0].value_or("")).value_or(0), row[1] == "posix");
                    });
   }
@@ -115,6 +119,7 @@ class kind_check {
 }  // namespace
 
 void check_stored_files(const char *storage, findings_writer &out) {
+  // Only the folders are of interest; `storage` stands for the hosts' base directory.
   if (load_config(QX_HERE, storage, nullptr) != 0) {
     throw report_trouble("The configuration of the storage cannot be read");
   }

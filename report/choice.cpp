@@ -17,6 +17,7 @@ less_account order_of(const list_choice &choice) {
     return [value](const report_account &left, const report_account &right) {
       const auto left_value = value(left);
       const auto right_value = value(right);
+      // The id decides between equals, so that two runs give one order.
       return left_value != right_value ? left_value > right_value : left.id < right.id;
     };
   };
@@ -45,6 +46,7 @@ bool passes(const report_account &account, const list_choice &choice) {
   if (!levels.empty() && std::find(levels.begin(), levels.end(), account.level) == levels.end()) {
     return false;
   }
+  // No percentage is less than any.
   return !choice.over || percent_of(account, choice.kinds) > choice.over;
 }
 
@@ -57,6 +59,7 @@ void add_tree(const report_platform &platform, const less_account &less,
     return less(platform.accounts[left], platform.accounts[right]);
   });
   for (const std::uint32_t place : siblings) {
+    // Three levels at most, so the recursion is not deep.
     found.push_back({place, depth});
     add_tree(platform, less, platform.children_of(platform.accounts[place].id), depth + 1, found);
   }
@@ -77,6 +80,7 @@ std::vector<chosen_account> choose(const report_platform &platform, const list_c
   } else {
     for (std::uint32_t place = 0; place < accounts.size(); ++place) found.push_back({place, 0});
   }
+  // After the tree was made: a parent that is filtered out does not take its children along.
   std::erase_if(found,
                 [&](const chosen_account &one) { return !passes(accounts[one.place], choice); });
   if (choice.tree) return found;

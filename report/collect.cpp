@@ -20,6 +20,7 @@ constexpr char select_accounts[] =
     "SELECT client.id, client.parent_client_id, client.level, acc.username FROM client LEFT JOIN "
     "hs_account acc ON acc.userID = client.id ORDER BY client.id";
 
+// Sorted by account, so that each is looked up once.
 std::string select_limits() {
   std::string names;
   for (const media_kind &kind : media_kinds) {
@@ -33,6 +34,7 @@ std::string select_limits() {
 void take_account(report_platform &platform, const sql_fields &row) {
   const auto id = static_cast<std::uint32_t>(number_of(row[0]));
   const std::int64_t level = number_of(row[2]);
+  // Accounts of other levels have no quota files.
   if (id == 0 || !row[2] || !is_reported(level)) return;
   // The first of several logins counts.
   if (!platform.accounts.empty() && platform.accounts.back().id == id) return;
@@ -41,6 +43,7 @@ void take_account(report_platform &platform, const sql_fields &row) {
   account.parent = static_cast<std::uint32_t>(number_of(row[1]));
   account.level = static_cast<int>(level);
   if (row[3]) account.login = keep_text(platform, *row[3]);
+  // What no quota file says stays so: missing, and nothing known.
   std::fill(std::begin(account.states), std::end(account.states), figure_state::missing);
   for (auto *figures : {account.used, account.limit, account.modified}) {
     std::fill_n(figures, QUOTA_ALL_KINDS, -1);
@@ -55,6 +58,7 @@ void take_limit(report_account &account, const sql_fields &row) {
                    [&](const media_kind &one) { return *row[1] == one.limit; });
   if (kind == std::end(media_kinds)) return;
   account.limit[kind - std::begin(media_kinds)] =
+      // The client library puts a NUL behind each column. Any negative limit is none.
       std::max<std::int64_t>(limit_in_bytes(row[2]->data()), -1);
 }
 
@@ -62,6 +66,7 @@ void read_limits(report_platform &platform, SessionHandle session) {
   report_account *account = nullptr;
   for_each_row(session, select_limits(), [&](const sql_fields &row) {
     const auto id = static_cast<std::uint32_t>(number_of(row[0]));
+    // Preferences of accounts that are not reported are passed over.
     if (account == nullptr || account->id != id) account = platform.find(id);
     if (account != nullptr) take_limit(*account, row);
   });
@@ -76,6 +81,7 @@ void arrange(report_platform &platform) {
   }
   platform.by_above.resize(accounts.size());
   std::iota(platform.by_above.begin(), platform.by_above.end(), 0);
+  // Stable: children of one account stay sorted by their ids.
   std::stable_sort(platform.by_above.begin(), platform.by_above.end(),
                    [&](std::uint32_t left, std::uint32_t right) {
                      return accounts[left].above < accounts[right].above;
@@ -99,6 +105,7 @@ report_platform collect() {
   read_limits(platform, session.get());
   arrange(platform);
   read_quota_files(platform);
+  // After the files, so that none of them is younger than the report.
   platform.taken = std::time(nullptr);
   return platform;
 }

@@ -11,6 +11,7 @@
 
 namespace {
 
+// What the stream carries around; freed when it is closed.
 struct compression {
   explicit compression(FILE *to) : file(to) {}
   FILE *file;
@@ -24,6 +25,7 @@ bool compress(compression &to, ZSTD_inBuffer input, ZSTD_EndDirective how) {
     ZSTD_outBuffer output = {to.out.data(), to.out.size(), 0};
     const size_t left = ZSTD_compressStream2(to.context.get(), &output, &input, how);
     if (ZSTD_isError(left) != 0) {
+      // The library fails at nothing else here: its input cannot be wrong.
       errno = ENOMEM;
       return false;
     }
@@ -35,6 +37,7 @@ bool compress(compression &to, ZSTD_inBuffer input, ZSTD_EndDirective how) {
 ssize_t write_part(void *cookie, const char *bytes, size_t size) {
   const bool done =
       compress(*static_cast<compression *>(cookie), {bytes, size, 0}, ZSTD_e_continue);
+  // 0 is how a cookie stream tells an error of writing.
   return done ? static_cast<ssize_t>(size) : 0;
 }
 
@@ -66,6 +69,7 @@ decompressed_file::decompressed_file(const std::string &path)
       compressed_(ZSTD_DStreamInSize()) {
   if (!file_) fail(std::strerror(errno));
   if (!context_) throw std::bad_alloc();
+  // Looked at first, so that a wrong file is called by its name, not "damaged".
   std::uint32_t magic = 0;
   if (read_more() >= sizeof magic) std::memcpy(&magic, compressed_.data(), sizeof magic);
   if (le32toh(magic) != ZSTD_MAGICNUMBER) fail("is no snapshot");
@@ -79,11 +83,13 @@ size_t decompressed_file::read_more() {
 }
 
 char decompressed_file::fill() {
+  // For the position that the parser tells in its errors.
   before_ += std::exchange(next_, 0);
   content_.resize(ZSTD_DStreamOutSize());
   ZSTD_outBuffer output = {content_.data(), content_.size(), 0};
   while (output.pos == 0) {
     if (input_.pos == input_.size && read_more() == 0) {
+      // In the middle of a frame; a file that ends between two is whole.
       if (wanted_ != 0) fail("is cut off");
       ended_ = true;
       break;

@@ -11,6 +11,7 @@ findings_writer::findings_writer(FILE *stream, bool as_json, const report_platfo
   write_document_head(json_->json, "spoolcap-check", platform);
   json_->json.Key("findings");
   json_->json.StartArray();
+  // A line for each finding makes the document readable without tools.
   json_->out.Put('\n');
 }
 
@@ -25,6 +26,7 @@ void findings_writer::add(const finding &one) {
 
 void findings_writer::end() {
   if (!json_) {
+    // The last line shows that the report is whole.
     std::fprintf(stream_, "%lld findings\n", static_cast<long long>(count_));
     return;
   }
@@ -46,6 +48,7 @@ void findings_writer::add_text(const finding &one) {
   add_number("found", one.found);
   add_number("expected", one.expected);
   add_number("age", one.age);
+  // A path may hold what disturbs a terminal, as a login may.
   if (!one.where.empty()) line += " in " + shown_login(one.where);
   if (!one.statement.empty()) line += ": " + one.statement;
   line += '\n';

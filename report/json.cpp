@@ -6,6 +6,7 @@
 namespace {
 
 template <class Value>
+// An object with a member for each kind, whatever it holds.
 void write_kinds(json_writer &json, const char *name, kind_set kinds, Value write_value) {
   json.Key(name);
   json.StartObject();
@@ -19,6 +20,7 @@ void write_kinds(json_writer &json, const char *name, kind_set kinds, Value writ
 
 void write_member(json_writer &json, const char *name, std::int64_t number) {
   json.Key(name);
+  // Nothing that is written here can be negative when it is known.
   if (number < 0) {
     json.Null();
   } else {
@@ -28,6 +30,7 @@ void write_member(json_writer &json, const char *name, std::int64_t number) {
 
 void write_member(json_writer &json, const char *name, std::string_view text) {
   json.Key(name);
+  // An empty text is a value; a view without data is none.
   if (text.data() == nullptr) {
     json.Null();
   } else {
@@ -47,6 +50,7 @@ void write_member(json_writer &json, const char *name, std::optional<double> num
 std::string iso_time(std::int64_t seconds) {
   tm parts = {};
   char text[32];
+  // In UTC, so that reports of several nodes compare.
   ::gmtime_r(&seconds, &parts);
   return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
@@ -55,6 +59,7 @@ void write_account(json_writer &json, const report_account &account, std::int64_
                    kind_set kinds) {
   json.StartObject();
   write_member(json, "id", std::int64_t{account.id});
+  // The parent as the database has it, also where it is out of place.
   write_member(json, "parent", account.parent == 0 ? -1 : std::int64_t{account.parent});
   write_member(json, "level", std::int64_t{account.level});
   write_member(json, "name", account.login);
@@ -105,6 +110,7 @@ void write_lines(FILE *stream, const report_platform &platform, const account_so
                  kind_set kinds) {
   json_stream to(stream);
   source([&](const report_account &account) {
+    // The writer takes only one document; each line is one of its own.
     to.json.Reset(to.out);
     write_account(to.json, account, platform.taken, kinds);
     to.out.Put('\n');

@@ -45,7 +45,9 @@ list_choice typed_choice() {
   choice.over = decimal_option("--over", only_here.over);
   choice.top = typed_top().value_or(0);
   choice.tree = only_here.tree != 0;
+  // The first N of a tree would be parts of it without their parents.
   if (choice.tree && choice.top != 0) throw report_trouble("--top and --tree exclude each other");
+  // Who asks for the first ones means the largest.
   const sort_key otherwise = choice.top != 0 ? sort_key::used : sort_key::id;
   choice.sort = static_cast<sort_key>(choice_option("--sort", only_here.sort,
                                                     {"id", "login", "used", "percent", "age"},
@@ -80,6 +82,7 @@ void write(FILE *stream, report_format format, const report_platform &platform,
 
 report_status run(const std::vector<std::string> &words) {
   take_no_words(words);
+  // Options are read before the platform: a slip of the hand must not cost a minute.
   const list_choice choice = typed_choice();
   const report_format format = typed_format();
   const report_platform platform = collect();

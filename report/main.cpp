@@ -15,6 +15,7 @@ namespace {
 
 using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
+// In the order of the help.
 const report_command *const commands[] = {&list_command,  &metrics_command,  &page_command,
                                           &check_command, &snapshot_command, &diff_command};
 
@@ -28,6 +29,7 @@ const report_command *find_command(const char *name) {
   for (const report_command *command : commands) {
     if (std::strcmp(command->name, name) == 0) return command;
   }
+  // Never taken for a word of `list`: a misspelt command must not print all accounts.
   throw report_trouble(std::string("No such command: ") + name + " (see --help)");
 }
 
@@ -61,6 +63,7 @@ void print_help_of(const report_command &command, poptContext context) {
 
 // Parses the words behind the command's name, which fills what the command reads, and runs it.
 report_status run_command(const report_command &command, std::span<const char *> arguments) {
+  // popt shows it in the help as the name of the program.
   const std::string name = std::string("spoolcap-report ") + command.name;
   std::vector<const char *> argv = {name.c_str()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
@@ -73,6 +76,7 @@ report_status run_command(const report_command &command, std::span<const char *>
   const popt_context context(
       poptGetContext(nullptr, static_cast<int>(argv.size()) - 1, argv.data(), options, 0));
   if (!context) throw std::bad_alloc();
+  // All options but --help store their values by themselves, so one call takes them all.
   const int answer = poptGetNextOpt(context.get());
   if (answer == help_option) {
     print_help_of(command, context.get());
@@ -84,11 +88,13 @@ report_status run_command(const report_command &command, std::span<const char *>
   }
   std::vector<std::string> words;
   while (const char *word = poptGetArg(context.get())) words.emplace_back(word);
+  // It opens no connection yet; the help needs no database.
   qx_sql_pool_init();
   return command.run(words);
 }
 
 report_status run(std::span<const char *> arguments) {
+  // Without a command it is `list`, but for a lone --help.
   if (arguments.empty() || arguments[0][0] == '-') {
     if (arguments.empty() || std::strcmp(arguments[0], "--help") != 0) {
       return run_command(list_command, arguments);

@@ -10,6 +10,7 @@
 
 namespace {
 
+// Each account makes some eleven series, which the monitoring keeps for long.
 constexpr size_t default_users = 20;
 // Files that were written further apart are taken for the work of two refreshes.
 constexpr std::int64_t longest_pause = 60;
@@ -22,6 +23,7 @@ const poptOption options[] = {top_row("So many users, those that use the most; 2
                               POPT_TABLEEND};
 
 // A label with its value: name="value".
+// The format escapes these three and nothing else.
 std::string label(const char *name, std::string_view value) {
   std::string text = std::string(name) + "=\"";
   for (const char byte : value) {
@@ -59,6 +61,7 @@ shown_accounts accounts_to_show(const report_platform &platform, size_t users) {
       shown.push_back(&platform.accounts[one.place]);
     }
   };
+  // Always all of these: alarms go by them.
   add({.levels = {LEVEL_RESELLER, LEVEL_CLIENT}});
   if (users != 0) add({.levels = {LEVEL_OWNER}, .sort = sort_key::used, .top = users});
   return shown;
@@ -76,6 +79,7 @@ void write_figures(metrics_writer &out, const shown_accounts &accounts,
     const std::string labels = labels_of(*account);
     for_each_of(all_kinds, [&](unsigned kind) {
       const std::int64_t figure = (account->*figures)[kind];
+      // No sample is how the format tells an unknown value.
       if (figure >= 0) out.add(labels + "," + label("kind", media_kinds[kind].name), figure);
     });
   }
@@ -91,6 +95,7 @@ void write_states(metrics_writer &out, const report_platform &platform) {
   out.begin("spoolcap_account_state",
             "1 for the worst state of the figures of a reseller, else 0.");
   for (const report_account &account : platform.accounts) {
+    // A series for each state: too many for all accounts, which are counted below.
     if (account.level != LEVEL_RESELLER) continue;
     for_each_state([&](figure_state state) {
       out.add(label("account", std::to_string(account.id)) + "," + label("state", name_of(state)),
@@ -117,6 +122,7 @@ std::vector<std::int64_t> times_of_refreshes(const report_platform &platform) {
   for (const report_account &account : platform.accounts) {
     std::int64_t latest = -1;
     for_each_of(all_kinds, [&](unsigned kind) {
+      // An update renews the time of a file, which then tells nothing of the refresh.
       if (account.updates[kind] == 0) latest = std::max(latest, account.modified[kind]);
     });
     if (latest >= 0) times.push_back(latest);
@@ -128,6 +134,7 @@ std::vector<std::int64_t> times_of_refreshes(const report_platform &platform) {
 void write_refresh(metrics_writer &out, const report_platform &platform) {
   const std::vector<std::int64_t> times = times_of_refreshes(platform);
   if (times.empty()) return;
+  // Newest first: the first long gap is where the last refresh began.
   const auto pause = std::adjacent_find(
       times.begin(), times.end(),
       [](std::int64_t later, std::int64_t earlier) { return later - earlier > longest_pause; });

@@ -25,6 +25,7 @@ std::optional<Number> number_in(std::string_view text) {
   Number number = 0;
   const auto end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
+  // The whole text must be the number; from_chars takes no sign "+" and no blanks.
   return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
 
@@ -34,6 +35,7 @@ void take_words(const char *name, std::string_view list,
   for (;;) {
     const size_t comma = std::min(list.find(','), list.size());
     if (!take(list.substr(0, comma))) refuse(name, list.substr(0, comma));
+    // An empty word, as behind a comma at the end, is refused like any unknown one.
     if (comma == list.size()) return;
     list.remove_prefix(comma + 1);
   }
@@ -44,6 +46,7 @@ void take_words(const char *name, std::string_view list,
 report_format typed_format() {
   const auto format = static_cast<report_format>(
       choice_option("--format", typed.format, {"table", "json", "jsonl", "csv", "tsv"}, 0));
+  // Refused, not ignored: a script would read "1.5 GB" as a number.
   if (typed.human != 0 && format != report_format::table) {
     throw report_trouble("--human is for tables only");
   }
@@ -65,6 +68,7 @@ std::optional<std::int64_t> number_option(const char *name, const char *text, st
 std::optional<double> decimal_option(const char *name, const char *text) {
   if (text == nullptr) return std::nullopt;
   const auto number = number_in<double>(text);
+  // "inf" and "nan" are numbers to from_chars.
   if (!number || !std::isfinite(*number)) refuse(name, text);
   return number;
 }

@@ -35,6 +35,7 @@ bool is_standard_output(const char *path) {
 
 // The mode that a new file gets from this process.
 mode_t mode_of_new_files() {
+  // No call only asks for it. No other thread runs at this time.
   const mode_t mask = ::umask(0);
   ::umask(mask);
   return 0666 & ~mask;
@@ -55,6 +56,7 @@ void prepare_standard_streams() {
 report_output::report_output(const char *path) {
   if (is_standard_output(path)) return;
   if (*path == '\0') throw report_trouble("The name of the file to write is empty");
+  // A link stays a link: the file that it leads to is replaced.
   path_ = resolved(path);
   if (is_kept_in_place(path_)) {
     file_.reset(std::fopen(path_.c_str(), "we"));
@@ -66,12 +68,14 @@ report_output::report_output(const char *path) {
 
 void report_output::open_beside() {
   const size_t name = path_.rfind('/') + 1;
+  // A hidden name beside the file, which a rename can complete.
   temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
   unique_fd opened(::mkostemp(temporary_.data(), O_CLOEXEC));
   if (!opened) {
     temporary_.clear();
     return;
   }
+  // mkostemp makes it for its owner alone; readers of the report may be others.
   ::fchmod(opened.get(), mode_of_new_files());
   file_.reset(::fdopen(opened.get(), "w"));
   if (file_) opened.release();
@@ -89,6 +93,7 @@ void report_output::fail(int error) const {
 void report_output::commit() {
   // After an error in the middle, the stream does not say any more which one it was.
   errno = 0;
+  // The flush below may succeed after an earlier write was lost.
   bool failed = std::ferror(stream()) != 0;
   const int earlier = failed ? ENOSPC : 0;
   failed = std::fflush(stream()) != 0 || failed;
@@ -98,8 +103,10 @@ void report_output::commit() {
     if (std::fclose(stdout) != 0) fail(errno);
     return;
   }
+  // Before the rename: after a power cut the name must not lead to an empty file.
   if (!temporary_.empty() && ::fsync(::fileno(file_.get())) != 0) fail(errno);
   if (std::fclose(file_.release()) != 0) fail(errno);
+  // Written in place, so there is nothing to rename.
   if (temporary_.empty()) return;
   if (std::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
   temporary_.clear();

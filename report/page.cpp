@@ -29,6 +29,7 @@ class escaping_stream {
 
 using page_json = rapidjson::Writer<escaping_stream>;
 
+// The page makes no difference between an empty text and none.
 void write_text(page_json &json, std::string_view text) {
   json.String(text.data() == nullptr ? "" : text.data(),
               static_cast<rapidjson::SizeType>(text.size()));
@@ -57,6 +58,7 @@ void write_numbers(page_json &json, const Number (&numbers)[QUOTA_ALL_KINDS]) {
   json.EndArray();
 }
 
+// Without any they are left out of the row, which makes the page smaller.
 bool has_updates(const report_account &account) {
   return std::any_of(std::begin(account.updates), std::end(account.updates),
                      [](std::int32_t updates) { return updates > 0; });
@@ -64,6 +66,7 @@ bool has_updates(const report_account &account) {
 
 // One account as an array, in the order that the page's model.js reads.
 void write_row(page_json &json, const report_account &account, std::int64_t taken) {
+  // One digit for each kind; `states` of the page has their names.
   std::string states;
   for (const figure_state state : account.states) {
     states += static_cast<char>('0' + static_cast<int>(state));
@@ -106,6 +109,7 @@ void write_data(rapidjson::FileWriteStream &out, const report_platform &platform
 void write_page(FILE *stream, const report_platform &platform) {
   char buffer[65536];
   rapidjson::FileWriteStream out(stream, buffer, sizeof buffer);
+  // Parts of the page itself hold "<", so they go past the escaping stream.
   for (const char byte : page_before_data) out.Put(byte);
   write_data(out, platform);
   for (const char byte : page_after_data) out.Put(byte);

@@ -20,6 +20,7 @@ bool is_reported(std::int64_t level) {
 
 std::string_view keep_text(report_platform &platform, std::string_view text) {
   const std::string valid = valid_utf8(text);
+  // One byte more, so that an empty login has an address and is no null view.
   auto *const kept = static_cast<char *>(platform.texts->allocate(valid.size() + 1, 1));
   std::copy(valid.begin(), valid.end(), kept);
   return {kept, valid.size()};
@@ -45,6 +46,7 @@ std::int64_t total_of(const report_account &account, kind_set kinds) {
 std::optional<double> percent_of_kind(const report_account &account, unsigned kind) {
   if (account.used[kind] < 0 || account.limit[kind] < 0) return std::nullopt;
   const auto limit = static_cast<double>(std::max<std::int64_t>(account.limit[kind], 1));
+  // To one decimal here, so that all formats and sortings see the same number.
   return std::round(static_cast<double>(account.used[kind]) / limit * 1000) / 10;
 }
 
@@ -60,6 +62,7 @@ std::optional<unsigned> fullest_kind(const report_account &account, kind_set kin
   std::optional<unsigned> fullest;
   for_each_of(kinds, [&](unsigned kind) {
     const std::optional<double> percent = percent_of_kind(account, kind);
+    // The first of equal ones, in the order of the kinds.
     if (percent && (!fullest || *percent > *percent_of_kind(account, *fullest))) fullest = kind;
   });
   return fullest;
@@ -80,12 +83,14 @@ std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set 
   std::int64_t oldest = -1;
   for_each_of(kinds, [&](unsigned kind) {
     const std::int64_t time = account.modified[kind];
+    // A missing file has no age; its state tells of it.
     if (time >= 0 && (oldest < 0 || time < oldest)) oldest = time;
   });
   return oldest < 0 ? -1 : std::max<std::int64_t>(taken - oldest, 0);
 }
 
 std::optional<std::uint32_t> report_platform::place_of(std::uint32_t id) const {
+  // By the order of the ids, which the statement or the reader of snapshots saw to.
   const auto found = std::lower_bound(
       accounts.begin(), accounts.end(), id,
       [](const report_account &account, std::uint32_t wanted) { return account.id < wanted; });

@@ -19,6 +19,7 @@
 
 namespace {
 
+// They wait for the disk more than for the processor.
 constexpr size_t most_threads = 4;
 
 // What lies in the quota directory of one account.
@@ -37,15 +38,18 @@ void take_name(folder_content &content, std::string_view name) {
     const std::string_view file = media_kinds[kind].quota_file;
     if (!name.starts_with(file)) continue;
     if (name.size() == file.size()) content.files |= set_of(kind);
+    // A mark without its file counts nothing: there is no figure to distrust.
     if (name.substr(file.size()) == ".dirty") content.dirty |= set_of(kind);
   }
 }
 
+// By the system call: one buffer for the whole folder, and no allocation.
 folder_content list(int folder) {
   folder_content content;
   alignas(dirent64) char entries[32768];
   for (;;) {
     const ssize_t length = ::getdents64(folder, entries, sizeof entries);
+    // An error ends the list: what it did not name counts as missing.
     if (length <= 0) return content;
     for (ssize_t at = 0; at < length;) {
       const auto *entry = reinterpret_cast<const dirent64 *>(entries + at);
@@ -68,6 +72,7 @@ figure_state read_record(int folder, unsigned kind, report_account &account) {
   struct stat status {};
   if (::fstat(file.fd.get(), &status) != 0) return figure_state::unreadable;
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1) return figure_state::unreadable;
+  // Also for a file that holds no record: it has an age.
   account.modified[kind] = status.st_mtim.tv_sec;
   file.size = status.st_size;
   const std::optional<quota_record> record = record_of(file);
@@ -78,6 +83,7 @@ figure_state read_record(int folder, unsigned kind, report_account &account) {
 }
 
 figure_state state_with_marks(figure_state state, unsigned kind, const folder_content &content) {
+  // Worse than any mark.
   if (state >= figure_state::missing) return state;
   if (content.redo) return figure_state::redo;
   return (content.dirty & set_of(kind)) != 0 ? figure_state::dirty : state;
@@ -96,6 +102,7 @@ void read_subtree(report_platform &platform, int above, report_account &account)
   const std::string name = std::to_string(account.id);
   const unique_fd folder(open_entry(above, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder) {
+    // Then nothing below it can have files either.
     if (errno == ENOENT) return;
     set_all(account, figure_state::unreadable);
   } else {
@@ -123,6 +130,7 @@ void read_quota_files(report_platform &platform) {
     if (account.level == LEVEL_RESELLER) resellers.push_back(&account);
   }
   // No two resellers have an account in common.
+  // Resellers differ in size, so threads take one after the other.
   std::atomic<size_t> next = 0;
   const auto read = [&] {
     for (size_t i = next++; i < resellers.size(); i = next++) {

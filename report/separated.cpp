@@ -3,6 +3,7 @@
 
 namespace {
 
+// A spreadsheet runs a cell that begins so, and shows the apostrophe to nobody.
 std::string guarded(std::string_view text) {
   const bool risky = !text.empty() && std::string_view("=+-@'\t\r").find(text[0]) != text.npos;
   return (risky ? "'" : "") + std::string(text);
@@ -34,6 +35,7 @@ void write_head(separated_line &line, kind_set kinds) {
   const auto add_kinds = [&](const std::string &name) {
     for_each_of(kinds, [&](unsigned kind) { line.add(name + "_" + media_kinds[kind].name); });
   };
+  // docs/report.md has these names in this order.
   for (const char *name : {"id", "parent", "level", "name"}) line.add(name);
   add_kinds("used");
   add_kinds("limit");
@@ -65,6 +67,7 @@ void write_values(separated_line &line, const report_account &account, std::int6
 
 void separated_line::add(std::string_view text) {
   const bool is_csv = format_ == separated_format::csv;
+  // The first value is never empty, so an empty line is the beginning of one.
   if (!line_.empty()) line_ += is_csv ? ',' : '\t';
   line_ += is_csv ? csv_text(text) : tsv_text(text);
 }

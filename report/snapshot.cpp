@@ -17,6 +17,7 @@ report_status run(const std::vector<std::string> &words) {
   const report_platform platform = collect();
   report_output out(words[0].c_str());
   c_file compressed = compress_into(out.stream());
+  // All accounts and kinds, whatever later questions are about.
   write_document(compressed.get(), platform, [&](const auto &visit) {
     for (const report_account &account : platform.accounts) visit(account);
   });

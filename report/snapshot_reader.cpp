@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::int64_t known_version = 1;
 
+// -1 for what is no such time, which makes the document incomplete.
 std::int64_t time_of(std::string_view iso) {
   tm parts = {};
   const std::string text(iso);
@@ -85,6 +86,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     platform_.texts = std::make_unique<std::pmr::monotonic_buffer_resource>();
   }
 
+  // Depth and lists say where a member stands; its key alone does not.
   bool StartObject() {
     if (!takes(json_type::object)) return false;
     ++depth_;
@@ -109,6 +111,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     return true;
   }
   bool Key(const char *text, rapidjson::SizeType size, bool) {
+    // Keys of objects that ended go away here.
     keys_.resize(depth_);
     keys_.back().assign(text, size);
     return true;
@@ -175,6 +178,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     if (keys_[0] == "format") is_report_ = value == "spoolcap-report";
     if (keys_[0] == "taken") platform_.taken = time_of(value);
     if (keys_[0] == "host") platform_.host = valid_utf8(value);
+    // Another format ends the parse at once, however long the file is.
     return keys_[0] != "format" || is_report_;
   }
 
@@ -182,6 +186,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     if (!takes(json_type::number)) return false;
     if (is_in_head() && keys_[0] == "version") {
       version_ = value;
+      // A newer document is not read on: its members may mean something else.
       return value <= known_version;
     }
     if (in_accounts() && depth_ == 2) return set_member(value);
@@ -202,6 +207,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     if (keys_[1] == "parent") return set(account().parent, value);
     if (keys_[1] == "level") return set(account().level, value);
     if (keys_[1] != "age") return true;
+    // The age is that of the oldest file, so all kinds get its time.
     std::fill_n(account().modified, QUOTA_ALL_KINDS,
                 platform_.taken - std::max(value, std::int64_t{0}));
     return value >= 0 && value <= platform_.taken;
@@ -246,6 +252,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
 
 bool read_document(decompressed_file &content, document_reader &document) {
   json_reader reader;
+  // Iterative: a file with a million brackets must not use up the stack.
   constexpr unsigned careful =
       rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
   try {

@@ -20,7 +20,9 @@ report_session::report_session() {
 void for_each_row(SessionHandle session, const std::string &statement,
                   const std::function<void(const sql_fields &)> &visit) {
   MYSQL *const mysql = fr_sql_conn_get_mysql(session);
+  // Past the pool's own call, which would store the whole result first.
   if (mysql_real_query(mysql, statement.data(), statement.size()) != 0) fail(mysql);
+  // Freeing it early reads what the server still sends.
   const sql_result rows(mysql_use_result(mysql));
   if (!rows) fail(mysql);
   sql_fields fields(mysql_num_fields(rows.get()));
@@ -31,6 +33,7 @@ void for_each_row(SessionHandle session, const std::string &statement,
     }
     visit(fields);
   }
+  // A lost connection ends the rows like their last one does.
   if (mysql_errno(mysql) != 0) fail(mysql);
 }
 

@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::string_view unknown = "-";
 
+// Controls, soft hyphen, marks of direction, invisible characters, tags.
 bool disturbs_terminal(char32_t character) {
   constexpr struct {
     char32_t first, last;
@@ -28,6 +29,7 @@ size_t width_of(std::string_view text) {
   size_t width = 0;
   for (size_t length = 0; !text.empty(); text.remove_prefix(length)) {
     const int columns = ::wcwidth(static_cast<wchar_t>(first_character(text, length)));
+    // A character whose width is not known is counted as one column.
     width += columns < 0 ? 1 : static_cast<size_t>(columns);
   }
   return width;
@@ -44,6 +46,7 @@ class table {
   table(const report_platform &platform, const table_style &style)
       : platform_(platform), style_(style) {}
 
+  // In the order of `line_of`.
   std::vector<std::pair<std::string, bool>> heads() const {
     std::vector<std::pair<std::string, bool>> heads = {
         {"login", true}, {"id", false}, {"level", true}};
@@ -119,6 +122,7 @@ void table_columns::print(FILE *stream, const std::vector<std::string> &line) co
     if (i != 0) text += "  ";
     text += columns_[i].is_text ? line[i] + padding : padding + line[i];
   }
+  // No blanks at the end: they would wrap a line that just fits.
   text.erase(text.find_last_not_of(' ') + 1);
   text += '\n';
   std::fwrite(text.data(), 1, text.size(), stream);
@@ -137,6 +141,7 @@ std::string human_size(std::int64_t bytes) {
   static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "PB", "EB"};
   auto scaled = static_cast<double>(bytes);
   size_t unit = 0;
+  // 64 bits end within EB, so the list of units is long enough.
   for (; scaled >= 1024; ++unit) scaled /= 1024;
   char text[32];
   const int length =
@@ -162,6 +167,7 @@ std::string shown_login(std::string_view login) {
   for (size_t length = 0; !login.empty(); login.remove_prefix(length)) {
     const bool escaped = disturbs_terminal(first_character(login, length));
     for (const char byte : login.substr(0, length)) {
+      // Byte by byte, as the login is in the database.
       char text[8] = {byte};
       if (escaped) std::snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned char>(byte));
       shown += text;
