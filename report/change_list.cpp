@@ -101,6 +101,7 @@ std::string parents_text(const account_change &change) {
   return id_text(parent_of(change.before)) + " -> " + now;
 }
 
+// One word where both states are alike, as most are.
 std::string states_text(const account_change &change, kind_set kinds) {
   const std::string before(state_name_of(change.before, kinds));
   const std::string after(state_name_of(change.after, kinds));
@@ -108,6 +109,7 @@ std::string states_text(const account_change &change, kind_set kinds) {
   return after.empty() ? before : before + " -> " + after;
 }
 
+// Of the last state in which the account is there.
 std::string age_text(const account_change &change, const change_list &list, bool human) {
   const std::int64_t age = change.after != nullptr ? age_in(list.after, change.after, list.kinds)
                                                    : age_in(list.before, change.before, list.kinds);

@@ -20,6 +20,7 @@ struct change_list {
 void write_changes_json(FILE *stream, const change_list &list);
 void write_changes_lines(FILE *stream, const change_list &list);  // one change object a line
 void write_changes_separated(FILE *stream, separated_format format, const change_list &list);
+// With `human`, sizes and ages in units.
 void write_changes_table(FILE *stream, const change_list &list, bool human);
 
 #endif

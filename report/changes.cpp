@@ -14,6 +14,7 @@ change_kind kind_of(const account_change &change) {
   return change.growth > 0 ? change_kind::grew : change_kind::shrank;
 }
 
+// Also what stayed the same in sum, if its kinds changed or it reaches a limit.
 bool is_listed(const account_change &change, kind_set kinds) {
   if (change.change != change_kind::same) return true;
   bool listed = change.outlook.outlook >= outlook_kind::day;

@@ -7,6 +7,7 @@
 // In the order of the words of --sort; equal ones are sorted by their ids.
 enum class sort_key { id, login, used, percent, age };
 
+// What the options of `list` say; the default is all accounts by id.
 struct list_choice {
   kind_set kinds = all_kinds;  // used, percentage and age are about these
   std::vector<int> levels;     // empty for all

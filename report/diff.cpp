@@ -34,6 +34,7 @@ compared_states read_states(std::vector<std::string> names) {
     if (state.taken < last_taken) {
       throw report_trouble(names[i] + ": is older than the one before it");
     }
+    // The order is part of the question; sorting would answer another one.
     last_taken = state.taken;
     if (states.outlooks) states.outlooks->add(state);
     if (i == 0)

@@ -23,6 +23,7 @@ struct finding {
 // One report on one stream, which it borrows. Errors of the stream are for `report_output` to tell.
 class findings_writer {
  public:
+  // JSON begins at once, so nothing else may be written to the stream until `end`.
   findings_writer(FILE *stream, bool as_json, const report_platform &platform);
   // Writes the finding at once; nothing of it is kept.
   void add(const finding &one);

@@ -7,14 +7,17 @@ namespace {
 
 constexpr std::int64_t a_day = 86400;
 constexpr std::int64_t far_away = 36525 * a_day;  // a hundred years
+// A line through two points fits them whatever they are.
 constexpr std::uint32_t fewest_points = 3;
 
+// States go from the best to the worst; what is behind `updated` is not to be trusted.
 bool is_trusted(const report_account &account, unsigned kind) {
   return account.used[kind] >= 0 && account.states[kind] <= figure_state::updated;
 }
 
 // Whether one is the worse news.
 bool is_sooner(const account_outlook &one, const account_outlook &other) {
+  // The enum goes from the best to the worst news.
   if (one.outlook != other.outlook) return one.outlook > other.outlook;
   return one.outlook == outlook_kind::day && one.when < other.when;
 }
@@ -28,6 +31,7 @@ const char *name_of(outlook_kind outlook) {
 }
 
 void line_fit::add(double x, double y) {
+  // Means and sums are carried on point by point: large sums of squares would lose digits.
   ++count_;
   const double from_mean_x = x - mean_x_;
   mean_x_ += from_mean_x / count_;
@@ -55,6 +59,7 @@ account_outlook forecast::of_kind(const report_account &account, const line_fit 
   if (limit < 0 || !is_trusted(account, kind)) return {};
   if (account.used[kind] >= limit) return {.outlook = outlook_kind::reached, .kind = kind};
   if (line.count() < fewest_points) return {};
+  // Also keeps `meets` from dividing by zero.
   if (line.slope() <= 0) return {.outlook = outlook_kind::no_growth};
   // The line may say that it was yesterday, or long ago; the figure says that it was not.
   const double meets =

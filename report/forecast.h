@@ -11,8 +11,10 @@
 // line of equal heights is level to the last digit.
 class line_fit {
  public:
+  // One point. The order of points does not matter.
   void add(double x, double y);
   std::uint32_t count() const { return count_; }
+  // 0 where all points are of one time.
   double slope() const { return spread_ > 0 ? common_ / spread_ : 0; }
   // Where the line, which rises, is at this height.
   double meets(double y) const { return mean_x_ + (y - mean_y_) / slope(); }
@@ -24,6 +26,7 @@ class line_fit {
   std::uint32_t count_ = 0;
 };
 
+// From the best news to the worst; changes.cpp and forecast.cpp compare by this order.
 enum class outlook_kind {
   unknown,    // no limit, or too few figures
   no_growth,  // the line through the figures does not rise
@@ -33,6 +36,7 @@ enum class outlook_kind {
 };
 const char *name_of(outlook_kind outlook);
 
+// Of the kind that is the worst news: reached, then the earliest day, then the rest.
 struct account_outlook {
   outlook_kind outlook = outlook_kind::unknown;
   std::int64_t when = -1;  // seconds since the epoch, for `day`
@@ -52,6 +56,7 @@ class forecast {
   account_outlook of(const report_account &account, kind_set kinds) const;
 
  private:
+  // Some 200 bytes for each account, however many states are added.
   struct account_lines {
     line_fit of_kind[QUOTA_ALL_KINDS];
   };

@@ -27,6 +27,7 @@ struct shared_options {
 inline shared_options typed;
 
 // Rows of their tables.
+// `words` is the help, which names the formats of the command.
 constexpr poptOption format_row(const char *words) {
   return {"format", 'f', POPT_ARG_STRING, &typed.format, 0, words, "FORMAT"};
 }

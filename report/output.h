@@ -24,6 +24,7 @@ class report_output {
   report_output &operator=(const report_output &) = delete;
   ~report_output();
 
+  // Borrowed, until `commit`.
   FILE *stream() const { return file_ ? file_.get() : stdout; }
   // Sees to it that everything was written.
   void commit();

@@ -29,6 +29,7 @@ std::string_view keep_text(report_platform &platform, std::string_view text) {
 std::int64_t sum_of(std::int64_t left, std::int64_t right) {
   constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
   std::int64_t sum = 0;
+  // The lowest is the negated highest, so that a sign can always be turned.
   if (__builtin_add_overflow(left, right, &sum)) return left < 0 ? -most : most;
   return std::max(sum, -most);
 }

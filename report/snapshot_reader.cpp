@@ -35,6 +35,7 @@ report_account unknown_account() {
   return account;
 }
 
+// Thrown through the parser, which has no other way to be told of it.
 class too_long {};
 
 // The memory of the parser, which holds the text at hand. No login is as long.
@@ -58,6 +59,7 @@ struct member {
   json_type type;
 };
 
+// What may stand where. A member with another type than this makes the file no snapshot.
 constexpr member head_members[] = {{"format", json_type::text},
                                    {"version", json_type::number},
                                    {"taken", json_type::text},
@@ -223,6 +225,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
 
   bool set_figure(std::int64_t value) {
     const size_t place = kind();
+    // A kind that a newer build knows.
     if (place == QUOTA_ALL_KINDS) return true;
     if (keys_[1] == "used") return set(account().used[place], value);
     if (keys_[1] == "limit") return set(account().limit[place], value);
@@ -252,7 +255,7 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
 
 bool read_document(decompressed_file &content, document_reader &document) {
   json_reader reader;
-  // Iterative: a file with a million brackets must not use up the stack.
+  // Iterative: brackets within brackets take no stack.
   constexpr unsigned careful =
       rapidjson::kParseValidateEncodingFlag | rapidjson::kParseIterativeFlag;
   try {

@@ -30,6 +30,7 @@ class table_columns {
   // The heads, each with whether its column is one of text, which begins at the left.
   // Sets the locale of the process for characters, which tells how wide they are.
   explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
+  // Widens the columns to the cells; a line has a cell for each column.
   void measure(const std::vector<std::string> &line);
   void print_head(FILE *stream) const;
   void print(FILE *stream, const std::vector<std::string> &line) const;

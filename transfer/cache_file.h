@@ -14,6 +14,7 @@
 // What a host left half copied.
 inline constexpr const char *storing_prefix = ".storing-";
 
+// What became of one try; only `removed` changed anything.
 enum class removal {
   removed,
   in_use,   // open in a process, or used since it was looked at

@@ -11,6 +11,7 @@ struct counter_name {
   std::atomic<std::uint64_t> transfer_counters::*counter;
 };
 
+// A new counter is a member of `transfer_counters` and a row here; no other code names it.
 inline constexpr counter_name counter_names[] = {
     {"uploads", "Files stored in the object store.", &transfer_counters::uploads},
     {"upload_bytes", "Bytes of the files stored.", &transfer_counters::upload_bytes},

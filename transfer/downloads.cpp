@@ -18,6 +18,7 @@
 namespace {
 
 // One object for all who ordered it; it grows in the first one's file.
+// A thread has it while it tries; between tries it is in `due_`. The orders are under the lock.
 struct transfer {
   std::string name;  // "<location text>:<key>"
   object_fetch fetch;
@@ -97,6 +98,7 @@ void transfer_downloads::engine::order(download_order what) {
   what.done(false);
 }
 
+// `control.stop` is up, so running tries end within moments.
 void transfer_downloads::engine::stop() {
   std::map<std::string, transfer_pointer> rest;
   {

@@ -69,14 +69,19 @@ class work_feeder {
   // Members whose time has come go to the workers before anything that a look finds.
   void hand_out_due();
   bool feed(lane &queue, std::unique_lock<std::mutex> &guard);
+  // False when no look is due, or the DisDB did not say where the end of the queue begins.
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
   // Sets when the next look may begin: a long queue must not keep the DisDB busy with looks.
   void end_look(lane &queue);
+  // The table of failures is full: takes back what is ready, and reads nothing for a while.
   void pause(lane &queue);
+  // Makes members ready that no worker has, that are not put aside, and whose location is up.
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
   // Makes a member ready and wakes a worker.
   void add(lane &queue, queue_entry entry);
+  // A location that rested may be tried again: its members lie anywhere in the queues.
   void look_for_blocked();
+  // Brings the next look forward; never puts it off.
   void look_again(lane &queue, clock::duration after);
   // The DisDB is given a pause when it did not answer, a queue when too many of its members fail.
   clock::time_point may_ask(const lane &queue) const {
@@ -87,6 +92,7 @@ class work_feeder {
 
   const job_context &context_;
   mutable std::mutex lock_;  // guards all that follows
+  // Wakes `run`; the lanes' own condition variables wake workers.
   std::condition_variable events_;
   bool is_ended_ = false;
   bool has_event_ = false;

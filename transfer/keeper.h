@@ -43,6 +43,7 @@ class cache_keeper {
   cache_keeper &operator=(const cache_keeper &) = delete;
   ~cache_keeper();
 
+  // Begins with a look after a minute. Call once.
   void start(keeper_settings settings);
   // New settings; everything is looked through at once.
   void reconfigure(keeper_settings settings);

@@ -18,6 +18,7 @@ struct keeper_parts {
   const std::atomic<bool> &stop;
 };
 
+// What the look is after; the file must pass the same tests for both.
 enum class wanted {
   receipt,  // that the store has it, or that it is queued again
   removal   // beside that, its removal when the store has it

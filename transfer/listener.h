@@ -20,6 +20,7 @@ class listening_socket {
   // Empty, or one line that says why it cannot be had. A file "<path>.lock" beside it, which is
   // locked from then on, keeps a second service away.
   std::string open(const std::string &path);
+  // Non-blocking and close-on-exec; borrowed.
   int get() const { return socket_.get(); }
 
  private:

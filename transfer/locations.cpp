@@ -165,6 +165,7 @@ double transfer_locations::next_retry() const {
   for (const auto &[name, where] : places_) {
     if (where->state == health::up) continue;
     const double when = where->is_probed ? qx_get_tstamp() + 1 : where->retry_at;
+    // 0 stands for none yet.
     if (first == 0 || when < first) first = when;
   }
   return first;
@@ -250,10 +251,12 @@ bool transfer_locations::tell(const std::string &location, const s3_answer &answ
   const meaning what = meaning_of(answer);
   const std::lock_guard guard(lock_);
   place *where = find(location);
+  // A location that a reload took away: nobody is to go on with it.
   if (where == nullptr) return true;
   if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);
   // Also for an outcome that says nothing: the probe is over.
   where->is_probed = false;
+  // A stop says nothing about the store.
   if (what == meaning::nothing) return false;
   where->failures = where->rests = 0;
   if (where->state != health::up) {

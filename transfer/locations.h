@@ -85,6 +85,7 @@ class transfer_locations {
   // These run under the lock, but for `give_back`, which takes it.
   place *find(const std::string &location) const;
   void give_back(lease &what) noexcept;
+  // The part of `tell` for failures. True when the location rests from now on.
   bool fail(place &where, const std::string &name, const s3_answer &answer);
 
   s3_control &control_;

@@ -47,11 +47,15 @@ class multipart_upload {
   bool resume(transfer_locations::lease &client, s3_answer &answer);
   // Begins anew and notes the id beside the file, before the first part is sent.
   s3_answer begin(transfer_locations::lease &client, const s3_metadata &metadata);
+  // All parts that the store lacks. The answer is done, or the first failure.
   s3_answer send_parts();
   // What each helper does: takes parts until none is left or one failed.
   void send_some();
+  // One part, unless the store has it by number, digest and length.
   s3_answer send_part(transfer_locations::lease &client, int number, s3_part &part);
+  // The next number; false when all are taken, or one has failed.
   bool take_part(int &number);
+  // Keeps the first failure, and ends the handing out of parts.
   void fail(const s3_answer &answer);
   // The lines that say what is uploaded. An old record that differs is of another try.
   std::string record() const;

@@ -45,6 +45,7 @@ std::optional<int> whole_seconds(const char *text) {
 }
 
 // The values that poptGetNextOpt gives for each option.
+// From 1 on, as popt takes 0 for an option that gives no value.
 enum option_value { status_option = 1, check_option, drain_option, help_option, version_option };
 
 transfer_task task_of(int option) {
@@ -85,6 +86,7 @@ std::optional<transfer_options> parse_options(int argc, const char **argv) {
 
   bool chosen = false;
   int option = 0;
+  // Options that only set a variable, as --json does, are passed over here.
   while ((option = poptGetNextOpt(context.get())) > 0) {
     if (chosen) return refuse("only one of the tasks can be done at a time");
     chosen = true;

@@ -64,6 +64,7 @@ class outlet {
     socket_.reset();
   }
 
+  // Written by the server's thread and by those of the downloads.
   std::atomic<std::size_t> downloads{0};  // that run
   std::atomic<bool> is_asking{false};     // for the state
 

@@ -20,6 +20,7 @@ class check_report {
   bool all_good_ = true;
 };
 
+// Each prints what it finds, and leaves nothing behind that it made.
 void check_folders(const service_settings &settings, check_report &report);
 void check_cache_server(const transfer_config &config, check_report &report);
 // Keys, each location, and the clock as the stores see it.

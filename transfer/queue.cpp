@@ -20,6 +20,7 @@ constexpr std::string_view claim_milliseconds = "60000";
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
 
+// Built before main, so that no thread has to.
 const queue_script page_script(std::string(is_of_text) + page_text);
 const queue_script begin_upload_script(begin_upload_text);
 const queue_script end_upload_script(end_upload_text);
@@ -211,6 +212,7 @@ queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_m
                     queue_number(now() - window), mark_milliseconds});
 }
 
+// Also when the DisDB does not answer the claim is forgotten here, and runs out there.
 queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member) {
   const forgetting job{*this, claim};
   return run_state(leave_script, {claim, unclear_ends},

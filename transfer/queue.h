@@ -36,6 +36,7 @@ struct upload_member {
   std::string location;
   std::string node;
   std::string key;
+  // Nothing for what has no key. A member without a node is taken, with an empty one.
   static std::optional<upload_member> parse(std::string_view member);
 };
 
@@ -45,6 +46,7 @@ struct delete_member {
   std::string node;
   bool whole_prefix = false;
   std::string key;  // or the prefix, without a slash at its end
+  // Nothing for what is no deletion, and for one without a key.
   static std::optional<delete_member> parse(std::string_view member);
 };
 
@@ -127,6 +129,7 @@ class transfer_queue {
   // unclear ends older than `window` seconds. To be called now and then.
   void trim(int window, int deletions_kept);
 
+  // Counts the node's uploads one by one in the server, which takes a while for long queues.
   std::optional<queue_summary> summary();
   // Whether an upload of this key waits, by the text that its row has: "<location>@<node>".
   std::optional<bool> is_queued(std::string_view location_text, std::string_view key);
@@ -144,6 +147,7 @@ class transfer_queue {
  private:
   using texts = std::initializer_list<std::string_view>;
 
+  // One plain command; false when it failed. The reply is the caller's.
   bool ask(texts words, vk_reply &reply);
   // 0 for what is not in the set.
   std::optional<double> score_of(std::string_view set, const std::string &member);
@@ -153,7 +157,9 @@ class transfer_queue {
   bool run(const queue_script &script, texts keys, texts arguments, vk_reply &reply);
   // For scripts that answer with a word of `queue_state`. Anything else is `down`.
   queue_state run_state(const queue_script &script, texts keys, texts arguments);
+  // Gives a claim back. An empty `unclear_member` notes nothing.
   queue_state leave(const std::string &claim, const std::string &unclear_member);
+  // `oldest` is the wall-clock time before which an unclear end counts no more.
   queue_state finish_delete(const queue_entry &entry, const delete_member &member, double oldest);
 
   // Forgets a claim when it goes, also by an exception: what is remembered is renewed.
@@ -179,6 +185,7 @@ class transfer_queue {
   const std::string claim_owner_;   // what the values of all claims of this node begin with
   const std::string claim_prefix_;  // of this process
   mutable std::mutex lock_;         // guards all that follows
+  // The text in the DisDB, and when this job took it.
   struct own_claim {
     std::string value;
     std::chrono::steady_clock::time_point since;

@@ -4,6 +4,7 @@
 
 #include "transfer/queue.h"
 
+// The four sets of the protocol. Hosts write the first two under the same names.
 inline constexpr std::string_view upload_queue = "storage:upqueue:s3:main";
 inline constexpr std::string_view delete_queue = "storage:delqueue:s3:main";
 inline constexpr std::string_view deletions = "storage:deleted:s3:main";

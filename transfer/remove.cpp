@@ -30,6 +30,7 @@ class delete_job {
     const queue_state state = context_.queue.begin_delete(entry_, member_);
     if (state != queue_state::unchanged) return result_of(state);
     is_claimed_ = true;
+    // One connection for the whole job; it goes back to the pool with the job.
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
     probe.use();
@@ -106,6 +107,7 @@ class delete_job {
       }
       keys.push_back(object.key);
     }
+    // A request without keys would be refused.
     if (keys.empty()) return true;
     s3_removal removal;
     const s3_answer answer = ask([&] {

@@ -22,6 +22,7 @@ class service_routine {
 
  private:
   using clock = std::chrono::steady_clock;
+  // Log, manager and metrics; asks the DisDB, so it may take seconds.
   void report();
 
   transfer_service &service_;

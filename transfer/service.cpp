@@ -123,6 +123,7 @@ std::string transfer_service::configure(service_settings settings) {
 std::string transfer_service::start() {
   parts &all = *parts_;
   const transfer_config &config = all.settings.config;
+  // The hooks run on the server's thread, and hold for as long as the parts live.
   all.server = std::make_unique<transfer_server>(
       server_hooks{.download = [&all](download_order what) { all.order(std::move(what)); },
                    .queued =

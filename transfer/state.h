@@ -54,6 +54,7 @@ class transfer_state {
     std::list<running_job>::iterator job_;
   };
 
+  // A copy of the moment, the longest running first.
   std::vector<running_job> running() const;
 
  private:

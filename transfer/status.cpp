@@ -18,6 +18,7 @@ void put(json_writer &json, const char *name, const std::string &text) {
   json.String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
+// One overload for each type; callers name the type where a number could be either.
 void put(json_writer &json, const char *name, std::int64_t number) {
   json.Key(name);
   json.Int64(number);
@@ -77,6 +78,7 @@ void put_lists(json_writer &json, const service_report &report) {
     put(json, "state", location.state);
     put(json, "reason", location.reason);
     put(json, "failures", std::int64_t{location.failures});
+    // Moments, not spans: a status that is read later still holds.
     put(json, "retry_at", location.retry_at);
   });
   put_list(json, "running", report.running, [&](const running_job &job) {
@@ -123,8 +125,10 @@ void put_counters(json_writer &json, const service_report &report) {
 std::string status_json(const service_report &report) {
   rapidjson::StringBuffer buffer;
   json_writer json(buffer);
+  // Milliseconds; more digits of a time would only be noise.
   json.SetMaxDecimalPlaces(3);
   json.StartObject();
+  // First, so that readers know what they have before they go on.
   put(json, "format", std::string(status_format));
   // Raised when a member changes its meaning; new members may come without.
   put(json, "format_version", std::int64_t{1});

@@ -49,6 +49,7 @@ std::string duration(double seconds) {
   return std::to_string(all / 86'400) + " d";
 }
 
+// Binary units, as the directives of sizes have them.
 std::string size(std::int64_t bytes) {
   constexpr const char *units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
   auto scaled = static_cast<double>(bytes);
@@ -98,6 +99,7 @@ std::string locations(const Value &list, double now) {
   for (const Value &location : list.GetArray()) {
     const std::string state = text(location, "state");
     std::string rest = state;
+    // Why, and until when: the two questions that a person has.
     if (state != "up") {
       rest += " after " + count(location, "failures") + " failures, next try in " +
               duration(number(location, "retry_at") - now) + ": " + text(location, "reason");
@@ -137,6 +139,7 @@ std::string waiting(const Value &state) {
 }
 
 std::string cache(const Value &cached, double now) {
+  // -1 stands for a look that is still to come.
   if (whole(cached, "files") < 0) return "Cache\n  not looked through yet\n";
   std::string shown = "Cache\n";
   shown +=

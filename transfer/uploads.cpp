@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 // Deletions are small requests, and a prefix goes a thousand keys at a time.
 constexpr int deletes_at_once = 4;
 constexpr size_t most_told = 1000;
+// Not at once: after a restart uploads in parts go on first.
 constexpr auto first_sweep = 10min;
 constexpr auto sweep_every = 24h;
 
@@ -103,6 +104,7 @@ class transfer_workers::engine {
     return settings_;
   }
 
+  // The body of a worker's thread. Whatever happens to a job, its end is reported.
   void work(queue_kind kind) {
     while (const auto item = feeder_.next(kind)) {
       job_result result{job_end::retry, "memory is short"};
@@ -125,6 +127,7 @@ class transfer_workers::engine {
                      : run_delete(context_, *current, item.entry);
   }
 
+  // What waits for others, or for the DisDB, has not failed.
   void count_failure(queue_kind kind, const job_result &result) const {
     if (result.end != job_end::retry && result.end != job_end::parked) return;
     transfer_counters &counters = context_.state.counters;

@@ -30,6 +30,7 @@ class transfer_workers {
   transfer_workers &operator=(const transfer_workers &) = delete;
   ~transfer_workers();  // as stop()
 
+  // One thread for each upload at once, four for deletions, one each for feeder and sweep.
   void start(worker_settings settings);
   // New settings, without ending what runs. What was put aside is tried again at once.
   void reconfigure(worker_settings settings);

@@ -95,6 +95,7 @@ class quota_folder {
   int remove(const char *name) const;
 
  private:
+  // Empty, with errno EEXIST, where anything has the name.
   unique_fd create_new(const char *name) const;
 
   std::string path_;

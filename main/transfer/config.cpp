@@ -17,6 +17,7 @@
 
 namespace {
 
+// Directives count in these; the configuration holds bytes.
 constexpr std::int64_t kib = 1 << 10, mib = 1 << 20, gib = 1 << 30;
 
 std::string read_path(std::string_view value, std::string &path) {
@@ -31,6 +32,7 @@ std::string read_socket(std::string_view value, transfer_config &config) {
   return read_path(value, config.socket);
 }
 
+// The bounds are those of the value as it is typed.
 struct number_directive {
   std::string_view keyword;
   std::int64_t least, most;
@@ -96,6 +98,7 @@ class config_reader {
   }
 
   std::string take(std::string_view keyword, std::string_view value) {
+    // Numbers, then paths, then those with a form of their own.
     for (const number_directive &one : numbers) {
       if (one.keyword != keyword) continue;
       std::int64_t number = 0;

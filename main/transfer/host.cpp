@@ -105,6 +105,7 @@ void *transfer_host::download(const char *key, const char *location, const char 
     QX_LOG(FR_LOG_WARNING, "Cannot open [%s]: %s.\n", path, std::strerror(errno));
     return nullptr;
   }
+  // Storage's from the moment on in which `done` is called; until then it is ours.
   auto request = std::make_unique<ordered_download>(ordered_download{done, cookie, path});
   const std::lock_guard guard(lock_);
   const std::uint64_t id = ++last_id_;

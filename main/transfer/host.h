@@ -53,6 +53,7 @@ class transfer_host {
     transfer_config config;
     trusted_peers peers;
   };
+  // One connection to the daemon, with the downloads that it owes an answer for.
   struct connection {
     unique_fd socket;
     std::map<std::uint64_t, ordered_download *> pending;
@@ -79,15 +80,20 @@ class transfer_host {
   // These three run under the lock. `connect` and `send` give false when the daemon cannot be
   // reached, or is not trusted.
   bool connect();
+  // Leaves `line_` null when there are no descriptors left.
   void start_thread();
+  // Sends over the connection there is, or over a new one when the daemon is gone. A request is
+  // entered before it is sent.
   bool send(const std::string &datagram, int target, std::uint64_t id, ordered_download *request);
 
   // On the thread of the line, from here on.
   void run(const std::shared_ptr<line> &own);
+  // Under the lock.
   int watch(line &own);
   void read_answers(line &own, const std::shared_ptr<connection> &from);
   receiving take_answers(connection &from);
   void take_answer(connection &from, const transfer_message &answer);
+  // Without the lock, as `done` is called for each.
   void end_downloads(connection &of);
 
   // Guards all that follows, and what a line and its connections have. Never held across a wait or

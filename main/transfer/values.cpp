@@ -87,6 +87,7 @@ std::string quoted(std::string_view text) {
 
 std::string read_location(std::string_view value, transfer_config &config) {
   const std::vector<std::string_view> fields = fields_of(value);
+  // Checked in the order in which a person reads the line.
   if (fields.size() < 4 || fields.size() > 6) {
     return "expected: name endpoint region bucket [path|host [prefix]]";
   }
@@ -105,6 +106,7 @@ std::string read_location(std::string_view value, transfer_config &config) {
   std::string wrong = read_endpoint(fields[1], made.endpoint);
   if (wrong.empty()) wrong = read_bucket(fields[3], made.virtual_host, made.bucket);
   if (wrong.empty() && fields.size() > 5) wrong = read_prefix(fields[5], made.prefix);
+  // Only a location without a mistake counts.
   if (wrong.empty()) config.locations.push_back(std::move(made));
   return wrong;
 }

@@ -97,6 +97,7 @@ receiving receive_message(int socket, transfer_message &message) {
     if (length < 0 && errno == EAGAIN) return receiving::nothing;
     // A reset is told once; what came before it is still to be had.
     if (length < 0 && (errno == EINTR || errno == ECONNRESET)) continue;
+    // No datagram of the protocol is empty, so 0 is the end of the connection.
     if (length <= 0) return receiving::ended;
     const bool is_one = take_descriptor(header, message.descriptor);
     if (!is_one || (header.msg_flags & MSG_TRUNC) != 0 ||
