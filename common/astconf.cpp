@@ -1,4 +1,5 @@
 // Reads values of Asterisk's configuration files.
+// Only opens the file that it is told; other lines and sections are passed over.
 #include <cstdio>
 #include <cstring>
 #include <new>

@@ -1,4 +1,5 @@
 // Commands for a running Asterisk, by its binary or over its console's socket.
+// Talks to Asterisk only; what it prints goes to standard output or is dropped.
 #include <cstdio>
 #include <cstring>
 

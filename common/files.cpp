@@ -1,4 +1,5 @@
 // Writes that survive signals, and checks of paths and names.
+// The C face of `utils.h`: most of it is for programs outside of this tree.
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>

@@ -1,4 +1,5 @@
 // The installed program's provider: the paths as they are.
+// No environment is read; tests link another provider in its place.
 #include "common/paths.h"
 
 #include "common/paths_table.h"
