@@ -1,4 +1,5 @@
 // Looks kinds of media up by what the callers know of them.
+// The table itself is in the header; nothing is read and nothing is kept.
 #include "main/account/media.h"
 
 #include <strings.h>

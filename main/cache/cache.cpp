@@ -1,4 +1,5 @@
 // The C face of the cache layer: each function checks its arguments and formats its key.
+// The work is done in client.cpp, read_through.cpp and parameters.cpp.
 #include <spoolcap/zarn_cache.h>
 
 #include <strings.h>

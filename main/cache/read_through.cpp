@@ -1,4 +1,5 @@
 // One field through the cache, with the diagnostics that all lookups share.
+// Reads cache and database, writes the cache only; its callers own the results.
 #include "main/cache/read_through.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
 // Set-up of a cache client from the platform's files: servers, database, syslog levels.
+// Reads local.conf, disdbase.conf and pbx.conf; asks no server.
 #include <spoolcap/zarn_velkan.h>
 
 #include <syslog.h>

@@ -1,4 +1,5 @@
 // Lines of a configuration file that hold a keyword.
+// For the files of database and cache, whose keywords may stand anywhere in a line.
 #include "main/conf/conf_line.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
 // Stored files: their sums, and the calls of one statement. The lists have a file of their own.
+// Asks and changes the rows of the database; touches no file.
 #include <spoolcap/zarn_db_files.h>
 
 #include <algorithm>

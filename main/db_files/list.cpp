@@ -1,4 +1,5 @@
 // Lists of stored files: read from the database for an extension, or for the names in a text.
+// Results are the caller's, from malloc. Touches no file.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>

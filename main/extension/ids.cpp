@@ -1,4 +1,5 @@
 // The ids of extensions, their users and organisations, and of the accounts that own extensions.
+// From the cache where it has them, else from `extension` and `client`.
 #include <array>
 #include <cstdlib>
 #include <cstring>

@@ -1,4 +1,5 @@
 // Extensions by number: full numbers, their parts, aliases, names and virtual phones.
+// Parts of a number by the platform's parameters; the rest from the database.
 #include <spoolcap/zarn_extension.h>
 
 #include <cstdlib>

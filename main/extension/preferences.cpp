@@ -1,4 +1,5 @@
 // Preferences of extensions, each in its place in the cache.
+// From the cache where it has them, else from `extension_prefs`.
 #include <iterator>
 
 #include <spoolcap/zarn_extension.h>

@@ -1,4 +1,5 @@
 // Caller screening: a behaviour and two lists of numbers, from one call of a stored procedure.
+// Both lists are kept in the cache, in hashes of their own.
 #include <new>
 
 #include <spoolcap/zarn_extension.h>

@@ -1,4 +1,5 @@
 // What an extension is and can do now: type, codecs, time zone, registration.
+// From cache and database; registrations from the cache alone.
 #include <strings.h>
 
 #include <cstring>

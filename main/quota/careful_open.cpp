@@ -1,4 +1,5 @@
 // Opens by descriptor and component; knows nothing of quota files or of who is to own them.
+// Called as root in folders that others may write; see the header for the rule.
 #include "main/quota/careful_open.h"
 
 #include <linux/openat2.h>

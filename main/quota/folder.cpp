@@ -1,4 +1,5 @@
 // Opens, makes and hands over; knows nothing of what the files hold.
+// The only code of the engine that makes, removes or gives away a file.
 #include "main/quota/folder.h"
 
 #include <dirent.h>

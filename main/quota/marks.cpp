@@ -1,4 +1,5 @@
 // Marks are files in the quota folder; how they are opened safely is the folder's affair.
+// All that is known of a mark is its name, its lock and its time.
 #include "main/quota/marks.h"
 
 namespace {

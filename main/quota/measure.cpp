@@ -1,4 +1,5 @@
 // The walk over media directories, whose names and links are their owners' affair.
+// Reads the disk and changes nothing; keeps nothing of what it has passed.
 #include "main/quota/measure.h"
 
 #include <dirent.h>

@@ -1,4 +1,5 @@
 // Looks accounts up through the account lookups, which ask the cache before the database.
+// Nothing is kept here: each call asks again.
 #include "main/quota/place.h"
 
 #include <cstdlib>

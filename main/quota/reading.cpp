@@ -1,4 +1,5 @@
 // Reads stored values; never locks, creates or repairs anything.
+// The public readers of quota files, for hosts and for the commands.
 #include "main/quota/kinds.h"
 #include "main/quota/place.h"
 #include "main/quota/record.h"

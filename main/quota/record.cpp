@@ -1,4 +1,5 @@
 // Reads and writes records; knows nothing of accounts.
+// The form of a record and how it is replaced; opening is the folder's affair.
 #include "main/quota/record.h"
 
 #include <algorithm>

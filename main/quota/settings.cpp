@@ -1,4 +1,5 @@
 // Reads the settings of the quota engine from the configuration files, and keeps them.
+// From paths.conf and asterisk.conf; the ids of the owner from the system.
 
 #include <cerrno>
 #include <cstring>

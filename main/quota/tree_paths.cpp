@@ -1,4 +1,5 @@
 // Builds paths; touches no file. Extensions of an owner come from the account lookups.
+// Ids and settings go in, texts come out.
 #include "main/quota/tree_paths.h"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // The fast update: deltas added to quota files under short locks, without measuring anything.
+// Called by hosts after each file that they store or delete.
 #include <climits>
 #include <cstring>
 #include <limits>

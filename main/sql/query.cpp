@@ -1,4 +1,5 @@
 // Statements and the values they give.
+// Every module's way to the pool of platform/sql; nothing is kept here.
 #include "main/sql/query.h"
 
 #include <errmsg.h>

@@ -1,4 +1,5 @@
 // Set-up of the process-wide SQL pool from the platform's files, and its sessions.
+// From pbx.conf and sqldbase.conf; opens no connection before the first session.
 #include <spoolcap/sqlsession.h>
 
 #include <sys/stat.h>

@@ -1,4 +1,5 @@
 // Reads storage.conf, and keeps what file storage has for the process.
+// Directories are named here; other files make them and write into them.
 #include "main/storage/config.h"
 
 #include <cerrno>

@@ -1,4 +1,5 @@
 // The table of engines, one row each.
+// Engines are found by their word, which rows and configuration have.
 #include "main/storage/engine.h"
 
 #include <strings.h>

@@ -1,4 +1,5 @@
 // Temporary files, folders, and files that are moved or copied to their place.
+// Files are made, moved and copied here; engines only say which and where.
 #include "main/storage/files.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // Checks the names of stored files.
+// By their text alone; nothing is looked up.
 #include "main/storage/names.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Adds members to the queues of the transfer service.
+// Writes to the DisDB through the cache client; reads nothing from it.
 #include "main/storage/queue.h"
 
 #include <cerrno>

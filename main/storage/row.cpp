@@ -1,4 +1,5 @@
 // Updates the row of a stored file.
+// One statement for each commit, on a session of its own.
 #include "main/storage/row.h"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // A session: its status, and the threads that wait for it.
+// Shared by the caller's thread and that of a download; the last one frees it.
 #include "main/storage/session.h"
 
 qx_storage_session::qx_storage_session(const call_site &site, storage_snapshot start,

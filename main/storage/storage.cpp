@@ -1,4 +1,5 @@
 // The public operations: each checks what it was given and hands it to the session or its engine.
+// Nothing here touches a file, a row or a queue by itself.
 #include <cerrno>
 #include <cstring>
 

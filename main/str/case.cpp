@@ -1,4 +1,5 @@
 // Case conversion of ASCII letters; every other byte stays as it is, whatever the locale.
+// Exported to C; results of the first two are malloc'ed.
 #include <cstring>
 
 #include <spoolcap/zarn_str.h>

@@ -1,4 +1,5 @@
 // Mail headers with RFC 2047 "B" encoded words.
+// Text goes in, a whole header with its line ends comes out, malloc'ed.
 #include <algorithm>
 #include <cstring>
 #include <new>

@@ -1,4 +1,5 @@
 // The node's id and its clock.
+// The id is read anew on each call; nothing is kept.
 #include <sys/time.h>
 
 #include <cerrno>

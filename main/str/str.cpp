@@ -1,4 +1,5 @@
 // Splitting, joining, trimming and changing strings, and padded ids.
+// Exported to C: strings are malloc'ed, and the caller's.
 #include <spoolcap/zarn_str.h>
 
 #include <algorithm>

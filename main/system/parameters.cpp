@@ -1,4 +1,5 @@
 // Parameters of the whole platform, from the table `misc`.
+// Through the cache; the few that modules need by themselves have functions here.
 #include <iterator>
 
 #include <spoolcap/zarn_extension.h>

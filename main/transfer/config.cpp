@@ -1,4 +1,5 @@
 // Reads transfer.conf.
+// Read by hosts and by the service; nothing is changed, and nothing is kept.
 #include "main/transfer/config.h"
 
 #include <sys/un.h>

@@ -1,4 +1,5 @@
 // The host's end of the transfer service: one connection, and the downloads that wait on it.
+// Called by the host's threads; what the host's own thread does is in host_thread.cpp.
 #include "main/transfer/host.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // The thread of a host: takes the daemon's answers, and ends downloads.
+// Started with the first connection; the only place that calls `done`.
 #include <poll.h>
 #include <sys/eventfd.h>
 

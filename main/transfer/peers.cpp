@@ -1,4 +1,5 @@
 // Tells by the kernel's word who is at the other end of a socket, and whether to trust them.
+// Used by both ends before the first byte is believed.
 #include "main/transfer/peers.h"
 
 #include <sys/socket.h>

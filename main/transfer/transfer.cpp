@@ -1,4 +1,5 @@
 // The public operations, and the table that storage calls.
+// One host for the process, which is never destroyed.
 #include <spoolcap/transfer.h>
 
 #include <pthread.h>

@@ -1,4 +1,5 @@
 // Checks the values of transfer.conf, and says what is wrong with one.
+// Text goes in, a value or a sentence comes out; no file is opened.
 #include "main/transfer/values.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Packs and unpacks the datagrams between hosts and the transfer service.
+// Used by both ends, on sockets that never block.
 #include "main/transfer/wire.h"
 
 #include <sys/socket.h>

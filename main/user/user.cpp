@@ -1,4 +1,5 @@
 // Lookups of one account: parent, level, status, name, extensions and preferences.
+// Through the cache, from `client`, `client_prefs` and `extension`.
 #include <spoolcap/zarn_user.h>
 
 #include <cstdlib>
