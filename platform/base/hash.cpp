@@ -1,4 +1,5 @@
 // The hash table of the platform: keeps the order in which entries came.
+// In memory only; one lock for each table.
 #include "platform/base/hash.h"
 
 #include <cstddef>

@@ -1,4 +1,5 @@
 // Looks up the ids of users and groups.
+// May ask a directory service, and so may wait.
 #include "platform/base/ids.h"
 
 #include <grp.h>

@@ -1,4 +1,5 @@
 // Hands log messages to syslog, or to the sink of the host.
+// Called from any thread, also in the middle of a failure: it changes no errno.
 #include <spoolcap/log.h>
 
 #include <sys/socket.h>

@@ -1,4 +1,5 @@
 // Makes a directory and all above it.
+// Follows links; the quota engine, which must not, has a way of its own.
 #include "platform/base/make_directories.h"
 
 #include <sys/stat.h>

@@ -1,4 +1,5 @@
 // Reads and writes within a time limit, whatever the mode of the descriptor.
+// For sockets, pipes and files of hosts, whose mode must not change.
 #include "platform/base/nb_io.h"
 
 #include <fcntl.h>

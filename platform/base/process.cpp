@@ -1,4 +1,5 @@
 // Tells a process from its children after fork.
+// For whoever keeps connections, which a child must not share.
 #include "platform/base/process.h"
 
 #include <pthread.h>

@@ -1,4 +1,5 @@
 // Counted strings whose handle is a C string.
+// Exported to C; one block of malloc for each string.
 #include <spoolcap/safestr.h>
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
 // Starts programs without a shell, with pipes to them.
+// For the host's Asterisk console; touches no other child of the process.
 #include "platform/base/spawn.h"
 
 #include <fcntl.h>

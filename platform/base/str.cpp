@@ -1,4 +1,5 @@
 // Text helpers of the base library: trim, split, join, base64.
+// In memory only; what it hands out comes with its owner.
 #include "platform/base/str.h"
 
 #include <openssl/evp.h>

@@ -1,4 +1,5 @@
 // Heap text for C callers.
+// In memory only; results are malloc'ed.
 #include "platform/base/text.h"
 
 #include <cstdio>

@@ -1,4 +1,5 @@
 // Decodes UTF-8 strictly: no overlong forms, no surrogates, nothing above U+10FFFF.
+// In memory only, and the same in every locale.
 #include "platform/base/utf8.h"
 
 #include <algorithm>

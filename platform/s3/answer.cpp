@@ -1,4 +1,5 @@
 // Turns answers of the store into outcomes, with a line of advice where one is known.
+// Judges by status, headers and document alone; sends nothing.
 #include "platform/s3/answer.h"
 
 #include <algorithm>

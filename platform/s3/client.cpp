@@ -1,4 +1,5 @@
 // Objects of a store, one at a time.
+// Each call is one request over the client's connection.
 #include "platform/s3/client.h"
 
 #include "platform/s3/answer.h"

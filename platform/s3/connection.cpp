@@ -1,4 +1,5 @@
 // One kept-alive connection over libcurl, and the limits of time and rate.
+// The only place that sends: signs, runs, and hands the answer to answer.cpp.
 #include "platform/s3/connection.h"
 
 #include <algorithm>

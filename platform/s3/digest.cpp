@@ -1,4 +1,5 @@
 // Digests of parts of files.
+// Reads files by position, so that several threads may share a descriptor.
 #include "platform/s3/digest.h"
 
 #include <openssl/evp.h>

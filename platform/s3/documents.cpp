@@ -1,4 +1,5 @@
 // Reads the store's XML documents, and writes those that it is sent.
+// In memory only. What comes from a store is taken for hostile.
 #include "platform/s3/documents.h"
 
 #include <cstdlib>

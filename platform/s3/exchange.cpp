@@ -1,4 +1,5 @@
 // One signed request and its answer.
+// Called back by libcurl while connection.cpp runs it; reads or writes one file.
 #include "platform/s3/exchange.h"
 
 #include <linux/sockios.h>

@@ -1,4 +1,5 @@
 // Objects of a store, many at a time.
+// One request a page; the order is the store's.
 #include "platform/s3/answer.h"
 #include "platform/s3/connection.h"
 #include "platform/s3/documents.h"

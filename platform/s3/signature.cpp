@@ -1,4 +1,5 @@
 // Signs requests with AWS Signature Version 4.
+// In memory only; the time comes from the caller.
 #include "platform/s3/signature.h"
 
 #include <algorithm>

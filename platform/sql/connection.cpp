@@ -1,4 +1,5 @@
 // One connection to one database server, held to its time limits.
+// Knows neither pool nor shards; keeps nothing.
 #include "platform/sql/connection.h"
 
 #include <errmsg.h>

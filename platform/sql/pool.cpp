@@ -1,4 +1,5 @@
 // Keeps connections for reuse, and chooses between master and replicas.
+// Called from any thread; each shard has a lock, and none is held while connecting.
 #include "platform/sql/pool.h"
 
 #include <algorithm>

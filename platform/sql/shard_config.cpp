@@ -1,4 +1,5 @@
 // Shards and servers from the lines of the platform's files.
+// Reads files into the pool; opens no connection.
 #include <cstring>
 #include <optional>
 #include <string_view>

@@ -1,4 +1,5 @@
 // The C face of the pool: its settings, sessions, and statements on them.
+// What every module's statements go through; choosing a server is for pool.cpp.
 #include "platform/sql/sqlpool.h"
 
 #include <errmsg.h>

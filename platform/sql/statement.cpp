@@ -1,4 +1,5 @@
 // Tells by the text of a statement whether a slave may answer it.
+// In memory only; the text is not understood any further.
 #include "platform/sql/statement.h"
 
 #include <strings.h>

@@ -1,4 +1,5 @@
 // Clients: creating them and telling them of servers, keys and databases.
+// Settings only; nothing is sent before the first command.
 #include "platform/velkan/group.h"
 
 namespace {

@@ -1,4 +1,5 @@
 // Moves bytes to and from one cache server, within a deadline.
+// Sockets only: what the bytes mean is for group.cpp and commands.cpp.
 #include "platform/velkan/connection.h"
 
 #include <netdb.h>

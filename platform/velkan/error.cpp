@@ -1,4 +1,5 @@
 // Texts of the error codes.
+// Static, in English, and part of fixed log lines.
 #include "platform/velkan/velkan.h"
 
 const char *vk_strerror(int code) {

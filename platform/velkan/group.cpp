@@ -1,4 +1,5 @@
 // Finds the master of a group, and bounds what a cache in trouble can cost.
+// Every command of every thread passes here, one at a time for each client.
 #include "platform/velkan/group.h"
 
 #include <syslog.h>
