@@ -1,4 +1,5 @@
 // Prints the list of changes in each format.
+// Takes what changes.cpp found, and writes to the stream that it is given.
 #include "report/change_list.h"
 
 #include "report/options.h"

@@ -1,4 +1,5 @@
 // Compares two states of the platform account by account.
+// In memory only; both states are borrowed.
 #include "report/changes.h"
 
 #include <algorithm>

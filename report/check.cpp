@@ -1,4 +1,5 @@
 // The command `check`: where figures, database and disk disagree.
+// Reads all three and changes none of them; the parts are in check_*.cpp.
 #include <filesystem>
 
 #include "main/quota/settings.h"

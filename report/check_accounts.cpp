@@ -1,4 +1,5 @@
 // Findings that need nothing but the collected accounts.
+// Reads nothing by itself.
 #include "report/checks.h"
 
 namespace {

@@ -1,4 +1,5 @@
 // Compares figures with the sizes of rows and files.
+// Rows come from the database, sizes of media from the disk.
 #include <cstdio>
 #include <vector>
 

@@ -1,4 +1,5 @@
 // Asks the server which indexes its tables have.
+// Reads information_schema only.
 #include <algorithm>
 #include <iterator>
 #include <map>

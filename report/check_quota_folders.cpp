@@ -1,4 +1,5 @@
 // Walks down the quota root by itself, as it looks for what the accounts do not lead to.
+// Reads names and times below the quota root; opens no quota file.
 #include <sys/stat.h>
 
 #include <filesystem>

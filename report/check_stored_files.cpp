@@ -1,4 +1,5 @@
 // Compares rows of stored files with the files, by the ids of rows that the names of files have.
+// Reads names below storage and cache; opens no stored file.
 #include <algorithm>
 #include <filesystem>
 #include <functional>

@@ -1,4 +1,5 @@
 // Filters and sorts places, not accounts.
+// In memory only: places are four bytes each, accounts much more.
 #include "report/choice.h"
 
 #include <algorithm>

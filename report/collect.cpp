@@ -1,4 +1,5 @@
 // Collects accounts and limits by one statement each, and then their quota files.
+// The only code of the report that knows the tables of accounts.
 #include <unistd.h>
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Compresses and unpacks files of snapshots.
+// A stream of the C library to write, one of RapidJSON to read.
 #include "report/compressed.h"
 
 #include <endian.h>

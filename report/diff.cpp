@@ -1,4 +1,5 @@
 // The command `diff`: what changed between snapshots, or between a snapshot and now.
+// Reads snapshots or the platform; writes the list of changes.
 #include <algorithm>
 
 #include "report/change_list.h"

@@ -1,4 +1,5 @@
 // Writes findings as lines of text or as a document.
+// Called by the parts of `check`; keeps nothing but a count.
 #include "report/findings.h"
 
 #include "report/table.h"

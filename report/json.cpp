@@ -1,4 +1,5 @@
 // Streams JSON: nothing of it is held but a buffer.
+// Used by every command that writes JSON; the schemas are in this folder.
 #include "report/json.h"
 
 #include <ctime>

@@ -1,4 +1,5 @@
 // The command `list`: the accounts, chosen and ordered as the options say.
+// Reads the platform; writes in the format that was asked for.
 #include <limits>
 
 #include "report/choice.h"

@@ -1,4 +1,5 @@
 // spoolcap-report: the figures for people and for monitoring. One command, one exit status.
+// Finds the command and its options; whatever fails ends here, in one line.
 #include <cstdio>
 #include <cstring>
 #include <memory>

@@ -1,4 +1,5 @@
 // Reads numbers and words as they were typed.
+// In memory only; popt has taken the command line apart before.
 #include "report/options.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Opens, completes and renames files.
+// The only code of the report that writes or replaces a file.
 #include "report/output.h"
 
 #include <fcntl.h>

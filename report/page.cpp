@@ -1,4 +1,5 @@
 // The command `page`: all accounts as one HTML file, with a map and a table.
+// Reads the platform; the page without its data comes from report/page.
 #include <algorithm>
 
 #include "report/command.h"

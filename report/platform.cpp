@@ -1,4 +1,5 @@
 // What follows from the figures of an account, and lookups in the collected accounts.
+// In memory only; nothing here asks the database or the disk.
 #include "report/platform.h"
 
 #include <algorithm>

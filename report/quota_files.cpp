@@ -1,4 +1,5 @@
 // Walks down the quota tree with the accounts, from folder to folder, each listed once.
+// Reads only, and by the engine's rule for links; up to four threads.
 #include "report/quota_files.h"
 
 #include <dirent.h>

@@ -1,4 +1,5 @@
 // Writes values with their separators; numbers need no quoting.
+// Writes to the stream that it is given, a line at a time.
 #include "report/separated.h"
 
 namespace {

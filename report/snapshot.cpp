@@ -1,4 +1,5 @@
 // The command `snapshot`: the state at a moment, kept for comparisons.
+// Reads the platform; writes one file. The reader has a file of its own.
 #include "report/snapshot.h"
 
 #include <new>

@@ -1,4 +1,5 @@
 // Reads the document of a snapshot as it streams by; only the accounts are held.
+// The file may come from anywhere: nothing in it is believed.
 #include <rapidjson/reader.h>
 
 #include <algorithm>

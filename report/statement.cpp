@@ -1,4 +1,5 @@
 // Reads rows from the connection of a session, without storing them.
+// On a connection of the pool, which takes no other statement meanwhile.
 #include "report/statement.h"
 
 #include <charconv>

@@ -1,4 +1,5 @@
 // Makes all cells of a line, first to find the widths and then to print.
+// Writes to the stream that it is given.
 #include "report/table.h"
 
 #include <algorithm>
