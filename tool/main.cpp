@@ -1,4 +1,5 @@
 // spoolcap: refreshes and prints the storage quotas of accounts. One pass, one exit status.
+// Reads configuration and database, writes quota files by way of the engine.
 #include <cstdio>
 #include <cstdlib>
 #include <optional>

@@ -1,4 +1,5 @@
 // Tells the log what a run came to.
+// Reads the engine's tally; writes one line of the log.
 #include "tool/notice.h"
 
 #include <chrono>

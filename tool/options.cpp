@@ -1,4 +1,5 @@
 // Parses the command line with popt, and checks that its options fit together.
+// Fills `run`; ends the process when something is wrong with the command line.
 #include "tool/options.h"
 
 #include <popt.h>

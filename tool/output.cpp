@@ -1,4 +1,5 @@
 // Watches standard output, and escapes logins for terminals.
+// Touches no descriptor but the three standard ones.
 #include "tool/output.h"
 
 #include <fcntl.h>

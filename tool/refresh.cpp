@@ -1,4 +1,5 @@
 // Refreshes the selected accounts, and sums up how that went.
+// One call of the engine for each account, one after the other.
 #include "tool/refresh.h"
 
 #include <spoolcap/quota.h>

@@ -1,4 +1,5 @@
 // Reads the stored usage of the accounts and prints it.
+// Reads by way of the engine; the texts are fixed, as programs read them.
 #include "tool/report.h"
 
 #include <cerrno>

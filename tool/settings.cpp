@@ -1,4 +1,5 @@
 // Reads the directories of a run from the configuration files.
+// Fills `run`, before any thread or connection is made.
 #include "tool/settings.h"
 
 #include <array>

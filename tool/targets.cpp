@@ -1,4 +1,5 @@
 // Selects the targets of a run from the database, and walks over them.
+// One statement; its rows become the table of the run.
 #include "tool/targets.h"
 
 #include <algorithm>
