@@ -1,4 +1,5 @@
 // Asks the running service for its state.
+// Runs in the process of the command, over the service's socket.
 #include <cerrno>
 #include <cstring>
 

@@ -1,4 +1,5 @@
 // Which failed members wait, and for how long.
+// In memory only, under the feeder's lock; the queue itself is not touched.
 #include "transfer/backoff.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Opens cached files, and removes one only if it is still the same file.
+// The only code of the service that removes a file of a host.
 #include "transfer/cache_file.h"
 
 #include <fcntl.h>

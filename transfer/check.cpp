@@ -1,4 +1,5 @@
 // Tries all that the service needs, and says what is wrong.
+// Runs in a process of its own, beside the service; prints to standard output.
 #include "transfer/check.h"
 
 #include <sys/timex.h>

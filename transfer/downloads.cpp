@@ -1,4 +1,5 @@
 // Keeps the orders of hosts, one transfer for all orders of an object.
+// Threads of its own; writes into the files that hosts have opened.
 #include "transfer/downloads.h"
 
 #include <unistd.h>

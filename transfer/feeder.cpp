@@ -1,4 +1,5 @@
 // Looks at the queues and hands their members to the workers.
+// One thread of its own; reads the DisDB and keeps hundreds of members at most.
 #include "transfer/feeder.h"
 
 #include <algorithm>

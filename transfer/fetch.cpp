@@ -1,4 +1,5 @@
 // Brings one object into a file, however often the connection breaks.
+// On a thread of the downloads; reads the store and the upload queue.
 #include "transfer/fetch.h"
 
 #include <sys/stat.h>

@@ -1,4 +1,5 @@
 // What jobs share: calls to the store that are tried again, and what an outcome means for a member.
+// On the workers' threads; keeps nothing from one job to the next.
 #include "transfer/job.h"
 
 #include <unistd.h>

@@ -1,4 +1,5 @@
 // Tells the log what changed.
+// On the main thread, with each report; reads what others put into it.
 #include "transfer/journal.h"
 
 #include <utility>

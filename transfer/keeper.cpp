@@ -1,4 +1,5 @@
 // The keeper's thread: when it looks at the cache and the transfer folders.
+// Removes nothing by itself: see keeper_look.cpp, keeper_room.cpp, keeper_judge.cpp.
 #include "transfer/keeper.h"
 
 #include <sys/resource.h>

@@ -1,4 +1,5 @@
 // Decides what becomes of one cached file.
+// Asks queue and store; a file goes only by way of cache_file.cpp.
 #include "transfer/keeper_judge.h"
 
 #include "platform/base/diagnostics.h"

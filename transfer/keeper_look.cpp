@@ -1,4 +1,5 @@
 // One look at all files of the cache.
+// On the keeper's thread; reads cache and transfer folders, and counts.
 #include "transfer/keeper_look.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // The listening socket, and the lock that keeps a second service away.
+// Makes the socket's file, its lock file and, if need be, their folder.
 #include "transfer/listener.h"
 
 #include <sys/socket.h>

@@ -1,4 +1,5 @@
 // Lets locations that fail rest, and keeps open connections to all.
+// Called from every thread that talks to a store; sends nothing by itself.
 #include "transfer/locations.h"
 
 #include <spoolcap/zarn_str.h>

@@ -1,4 +1,5 @@
 // spoolcap-transfer: carries stored files between this node and the object store.
+// Parses the command line, and serves or runs one of the other commands.
 #include <unistd.h>
 
 #include <cstdio>

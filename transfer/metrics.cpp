@@ -1,4 +1,5 @@
 // Writes the state as Prometheus text.
+// On the main thread; writes one file, which is always whole.
 #include "transfer/metrics.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // Uploads a large file in parts, and resumes one that was begun.
+// On a worker's thread with up to three helpers; keeps a record beside the file.
 #include "transfer/multipart.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // Tells the service manager of the service's state.
+// Sends datagrams to the socket that the manager named, if there is one.
 #include "transfer/notify.h"
 
 #include <systemd/sd-daemon.h>

@@ -1,4 +1,5 @@
 // Parses the command line.
+// In memory only; mistakes go to standard error.
 #include "transfer/options.h"
 
 #include <popt.h>

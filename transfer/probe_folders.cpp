@@ -1,4 +1,5 @@
 // Whether the folders can be written, lie on one disk, and keep what the service needs.
+// Makes a file in each folder, and removes it.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>

@@ -1,4 +1,5 @@
 // Whether the cache server and the locations answer as they must.
+// Stores one object in each location, and removes it; reads the DisDB.
 #include <spoolcap/zarn_str.h>
 #include <spoolcap/zarn_velkan.h>
 

@@ -1,4 +1,5 @@
 // Sets the process up: limits, signals, memory.
+// On the main thread, before any other one is started.
 #include "transfer/process.h"
 
 #include <fcntl.h>

@@ -1,4 +1,5 @@
 // Runs the steps of the queue protocol, and keeps the claims of this process.
+// Called from every thread; all changes of the DisDB are the scripts of scripts.h.
 #include "transfer/queue.h"
 
 #include <openssl/sha.h>

@@ -1,4 +1,5 @@
 // Members of the queues as texts, and the names that belong to them.
+// In memory only. docs/transfer.md has the forms.
 #include "transfer/queue_names.h"
 
 #include <charconv>

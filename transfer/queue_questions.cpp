@@ -1,4 +1,5 @@
 // What is asked about the queues beside working them off.
+// Reads the DisDB and changes nothing.
 #include "transfer/queue_names.h"
 #include "transfer/scripts.h"
 

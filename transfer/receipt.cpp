@@ -1,4 +1,5 @@
 // Reads and writes receipts.
+// An attribute of the file that the caller has open.
 #include "transfer/receipt.h"
 
 #include <sys/stat.h>

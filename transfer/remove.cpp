@@ -1,4 +1,5 @@
 // Works off one deletion, of an object or of all below a prefix.
+// On a worker's thread; changes the store and, by scripts, the queue.
 #include "transfer/remove.h"
 
 namespace {

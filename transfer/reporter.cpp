@@ -1,4 +1,5 @@
 // Makes the state's text on a thread of its own, so that nobody waits for a slow cache server.
+// Its text goes out in pieces, over the connections that asked.
 #include "transfer/reporter.h"
 
 #include "main/transfer/wire.h"

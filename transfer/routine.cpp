@@ -1,4 +1,5 @@
 // What the service does every few seconds: watchdog, metrics, log lines.
+// On the main thread; asks the other parts and changes none of them.
 #include "transfer/routine.h"
 
 #include <algorithm>

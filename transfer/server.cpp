@@ -1,4 +1,5 @@
 // Serves hosts and people on the socket.
+// One thread; hands orders on and never waits for the DisDB or a store.
 #include "transfer/server.h"
 
 #include <poll.h>

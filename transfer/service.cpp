@@ -1,4 +1,5 @@
 // Builds the parts of the service, and starts and stops them in their order.
+// On the main thread. What each part does is in its own files.
 #include "transfer/service.h"
 
 #include <algorithm>

@@ -1,4 +1,5 @@
 // Reads what the service takes from storage.conf.
+// Beside that it takes transfer.conf and the node's id from main/transfer.
 #include "transfer/settings.h"
 
 #include "common/paths.h"

@@ -1,4 +1,5 @@
 // The jobs that run.
+// Written by workers, read for the status; in memory only.
 #include "transfer/state.h"
 
 #include <spoolcap/zarn_str.h>

@@ -1,4 +1,5 @@
 // The state as JSON, and as one line.
+// In memory only, on the reporter's thread or the main one.
 #include "transfer/status.h"
 
 #include <rapidjson/stringbuffer.h>

@@ -1,4 +1,5 @@
 // The state for people, made from its JSON.
+// In the process of the command: an older or newer service may have sent it.
 #include <rapidjson/document.h>
 
 #include <cinttypes>

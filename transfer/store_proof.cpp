@@ -1,4 +1,5 @@
 // Asks the store whether it has a cached file, and the same one.
+// On the keeper's thread; reads store and file, and changes nothing.
 #include "transfer/store_proof.h"
 
 #include <openssl/evp.h>

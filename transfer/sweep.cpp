@@ -1,4 +1,5 @@
 // Ends uploads in parts that nobody finished.
+// On a thread of the workers, once a day; changes the store only.
 #include "transfer/sweep.h"
 
 #include <unistd.h>

@@ -1,4 +1,5 @@
 // Walks the files of a folder in bounded memory.
+// On the keeper's thread; removes empty folders, and nothing else by itself.
 #include "transfer/tree_walk.h"
 
 #include <dirent.h>

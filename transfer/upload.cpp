@@ -1,4 +1,5 @@
 // Works off one upload.
+// On a worker's thread: cached file to store, then receipt, then queue.
 #include "transfer/upload.h"
 
 #include <fcntl.h>

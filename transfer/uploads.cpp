@@ -1,4 +1,5 @@
 // The threads that upload and delete.
+// Starts and ends them; what a job does is in upload.cpp and remove.cpp.
 #include "transfer/uploads.h"
 
 #include <thread>
