@@ -66,7 +66,6 @@ s3_client::connection::connection(s3_place place, s3_control &control)
   multi_.reset(curl_multi_init());
   easy_.reset(curl_easy_init());
   if (!multi_ || !easy_) return;
-  // One place, one connection: with more, idle ones would only pile up at the store.
   curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 1L);
   prepare();
 }
@@ -142,7 +141,6 @@ void s3_client::connection::prepare() {
   curl_easy_setopt(handle, CURLOPT_USERAGENT, "spoolcap");
   // No proxy that the environment names: a check by hand and the service would differ.
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
-  // The process has many threads, and a signal for a timeout would hit any of them.
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
@@ -199,7 +197,6 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
       break;
     }
   }
-  // The callbacks also abort on the flag; libcurl then reports an error of its own.
   stopped = stopped || (result != CURLE_OK && control_.stop);
   curl_multi_remove_handle(multi, easy_.get());
   return result;
@@ -214,7 +211,6 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
                   s3_one_line(place_.bucket) + "\" are no place in an object store";
     return reply;
   }
-  // The same path and query are signed and sent: encoding them twice could differ.
   std::string path = base_;
   if (!request.of_bucket) path += s3_path_text("/" + place_.prefix + request.key);
   if (path.empty()) path = "/";
@@ -268,7 +264,6 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
 }
 
 void s3_client::connection::read_metadata(std::map<std::string, std::string> &metadata) const {
-  // Header names come in any case, as HTTP/1.1 allows; callers get lower case.
   constexpr std::string_view marker = "x-amz-meta-";
   for (curl_header *header = nullptr;
        (header = curl_easy_nextheader(easy_.get(), CURLH_HEADER, -1, header)) != nullptr;) {
@@ -294,7 +289,6 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
   long sent = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent);
   answer.outcome = sent == 0 ? s3_outcome::unreachable : s3_outcome::unclear;
-  // Our own callback refused the answer, so there was one, and it was wrong.
   if (code == CURLE_WRITE_ERROR && running.fault != nullptr) {
     answer.outcome = s3_outcome::damaged;
     answer.status = running.status();
