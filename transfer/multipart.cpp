@@ -17,7 +17,7 @@ namespace {
 // Both are limits of the protocol; the last part may be smaller.
 constexpr std::int64_t most_parts = 10'000;
 constexpr std::int64_t smallest_part = 5 << 20;
-// A single stream rarely fills a line; more than four gain little.
+// The worker's own thread and three helpers.
 constexpr int parts_at_once = 4;
 
 // As wished, but large enough that 10,000 parts hold the file. Whole MiB, so that a resume finds

@@ -68,7 +68,7 @@ class upload_job {
     folder_.reset(::open(path_.substr(0, slash).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     error_ = errno;
     if (!folder_) return error_ == ENOENT || error_ == ENOTDIR;
-    // What is there but is no regular file leaves errno alone.
+    // What is there and is no regular file sets no errno.
     errno = EINVAL;
     file_ = cache_file::open(folder_.get(), path_.substr(slash + 1));
     error_ = errno;
