@@ -60,6 +60,7 @@ class forecast {
   struct account_lines {
     line_fit of_kind[QUOTA_ALL_KINDS];
   };
+  // The outlook of one kind alone.
   account_outlook of_kind(const report_account &account, const line_fit &line, unsigned kind) const;
 
   std::unordered_map<std::uint32_t, account_lines> lines_;  // by the account's id

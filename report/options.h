@@ -69,6 +69,7 @@ std::vector<int> typed_levels();
 // Nothing for an option that was not given, whose text is null.
 std::optional<std::int64_t> number_option(const char *name, const char *text, std::int64_t least,
                                           std::int64_t most);
+// A decimal number, which is neither infinite nor no number.
 std::optional<double> decimal_option(const char *name, const char *text);
 
 // The place of the word in the list; `otherwise` for an option that was not given.

@@ -30,6 +30,7 @@ enum class figure_state : std::uint8_t {
 // For arrays with a slot for each state.
 inline constexpr size_t figure_states = 6;
 
+// As all formats write it; static.
 const char *name_of(figure_state state);
 
 // Whether the report is about accounts of this level.

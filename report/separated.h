@@ -21,6 +21,7 @@ enum class separated_format { csv, tsv };
 class separated_line {
  public:
   separated_line(FILE *stream, separated_format format) : stream_(stream), format_(format) {}
+  // Any text; quoted or escaped where the format needs it.
   void add(std::string_view text);
   void add_number(std::int64_t number);  // empty for a negative one
   // Guarded against spreadsheets; a null view is an empty value.

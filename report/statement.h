@@ -18,6 +18,7 @@ using sql_fields = std::vector<sql_field>;
 // Gives its connection back at the end of its scope.
 class report_session : public sql_session {
  public:
+  // From the pool that `main` has set up.
   report_session();
 };
 

@@ -32,6 +32,7 @@ class table_columns {
   explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
   // Widens the columns to the cells; a line has a cell for each column.
   void measure(const std::vector<std::string> &line);
+  // The heads as a line, as wide as the columns have become.
   void print_head(FILE *stream) const;
   void print(FILE *stream, const std::vector<std::string> &line) const;
 

@@ -27,6 +27,7 @@ class work_feeder {
 
   // Also makes all members due that were put aside.
   void configure(const worker_settings &settings);
+  // Something was queued, or may have been: the end of both queues is looked at.
   void wake();
   // Ends `run` and each `next`. What was handed out is still to be reported.
   void stop();
@@ -34,6 +35,7 @@ class work_feeder {
 
   // The next member of a queue for a worker, which must report its result. Nothing at the end.
   std::optional<work_item> next(queue_kind kind);
+  // Settles, puts aside or frees the member, by the job's end.
   void ended(const work_item &item, const job_result &result);
 
   std::vector<parked_member> parked(size_t most) const;
@@ -68,6 +70,8 @@ class work_feeder {
   void keep_house(std::unique_lock<std::mutex> &guard);
   // Members whose time has come go to the workers before anything that a look finds.
   void hand_out_due();
+  // Reads a page of the queue when the workers are about to run out. True when there is more to
+  // read at once.
   bool feed(lane &queue, std::unique_lock<std::mutex> &guard);
   // False when no look is due, or the DisDB did not say where the end of the queue begins.
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);

@@ -36,7 +36,9 @@ class object_fetch {
   fetch_step get(int target);
   // What to do when the store has no such object.
   fetch_step after_absence();
+  // What to do when the store or the way to it failed.
   fetch_step after_trouble(const s3_answer &answer);
+  // Another try after the delay, or a failure when the patience is over by then.
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
   // Compares length and content. Without a digest to compare with, the length decides.
   bool is_whole(const s3_answer &answer, int target) const;

@@ -84,6 +84,7 @@ class transfer_locations {
   struct place;
   // These run under the lock, but for `give_back`, which takes it.
   place *find(const std::string &location) const;
+  // Keeps the client for the next lease, unless the configuration changed or there are enough.
   void give_back(lease &what) noexcept;
   // The part of `tell` for failures. True when the location rests from now on.
   bool fail(place &where, const std::string &name, const s3_answer &answer);

@@ -20,6 +20,7 @@
 struct wake_event {
   wake_event() : fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
   void set() const { ::eventfd_write(fd.get(), 1); }
+  // Takes the event back before the work is looked at, so that none is missed.
   void clear() const {
     eventfd_t count = 0;
     ::eventfd_read(fd.get(), &count);

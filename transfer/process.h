@@ -22,6 +22,7 @@ enum class process_event { time_passed, stop, reload };
 // or lease ends nothing.
 class signal_watch {
  public:
+  // To be made before the first thread, which inherits what is blocked.
   signal_watch();
   // Waits at most `limit`. Several signals at once come one by one.
   process_event wait(std::chrono::milliseconds limit);

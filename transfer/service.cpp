@@ -25,6 +25,7 @@ worker_settings for_workers(const service_settings &settings) {
   return {.config = settings.config,
           .cache = settings.cache,
           .look_interval = settings.upload_interval,
+          // The time after which leftovers count as dead, for transfers as for files.
           .unclear_window = settings.trash_expire * 3600,
           .deletions_kept = keeping_of_deletions(settings.cache_expire)};
 }

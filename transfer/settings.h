@@ -23,6 +23,7 @@ struct settings_reading {
   std::optional<service_settings> settings;
   std::string error;  // one line
 };
+// Reads transfer.conf, storage.conf and the id of the node anew each time.
 settings_reading read_settings();
 
 #endif

@@ -44,6 +44,7 @@ class transfer_state {
   // A job that runs, for as long as the ticket lives.
   class ticket {
    public:
+    // `kind` as in `running_job`. The job is shown until the ticket goes.
     ticket(transfer_state &state, std::string kind, std::string name);
     ticket(const ticket &) = delete;
     ticket &operator=(const ticket &) = delete;

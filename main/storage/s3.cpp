@@ -111,6 +111,7 @@ std::optional<stored_file> store(const call_site &site, qx_storage_session &sess
   file.name = std::string(media_of_type(session.resource_type).key_word) + "/" +
               owned_file(session.first_id, session.second_id, file_id, session.extension);
   file.path = cache_path(session.config(), file.name);
+  // A copy, not a move: a commit that fails leaves the temporary file for another try.
   committed_file copy;
   const int error = copy_file(session.temporary.path(), file.path, copy);
   if (error != 0) {

@@ -59,6 +59,7 @@ struct location_parts {
   std::string_view location;
   std::string_view node;
 };
+// A text without "@" is all location. Views into the text.
 location_parts parts_of_location(std::string_view text);
 
 #endif

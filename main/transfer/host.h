@@ -26,6 +26,7 @@ struct ordered_download {
 // One for each process, used from any thread. It holds no file and no queue: it only asks.
 class transfer_host {
  public:
+  // Also with a new configuration while it runs; the connection stays if the socket does.
   void start(transfer_config config);
   // Ends all downloads.
   void stop();
@@ -43,6 +44,7 @@ class transfer_host {
   // Around fork(), so that the child finds everything whole.
   void before_fork() { lock_.lock(); }
   void after_fork_in_parent() { lock_.unlock(); }
+  // Leaves thread, connection and downloads to the parent; the child begins with none.
   void after_fork_in_child();
 
  private:
@@ -90,8 +92,11 @@ class transfer_host {
   void run(const std::shared_ptr<line> &own);
   // Under the lock.
   int watch(line &own);
+  // On the host's thread: takes what came over a connection, and gives the connection up when it
+  // ended.
   void read_answers(line &own, const std::shared_ptr<connection> &from);
   receiving take_answers(connection &from);
+  // One answer; a download that is `done` is ended, all else only counts as a sign of life.
   void take_answer(connection &from, const transfer_message &answer);
   // Without the lock, as `done` is called for each.
   void end_downloads(connection &of);

@@ -175,6 +175,7 @@ class s3_client {
                 const std::string &if_match = "");
   s3_answer remove(std::string_view key);                   // an absent object is done
   s3_removal remove(const std::vector<std::string> &keys);  // at most 1,000
+  // One page of keys below `prefix`, from `token` on, which is the `next` of the page before.
   s3_listing list(std::string_view prefix, const std::string &token = "", int most = 1000);
 
   // Objects in parts, numbered from 1; all but the last have at least 5 MiB. In a whole object of N
@@ -184,6 +185,7 @@ class s3_client {
   s3_answer begin_parts(std::string_view key, const s3_metadata &metadata, std::string &upload_id);
   s3_answer put_part(std::string_view key, const std::string &upload_id, int number,
                      const s3_body &body);
+  // All parts that the store has of an upload, however many requests that takes.
   s3_part_listing parts(std::string_view key, const std::string &upload_id);
   // Parts in rising order of their numbers. Done only when the ETag is that of these parts.
   s3_answer complete(std::string_view key, const std::string &upload_id,

@@ -49,6 +49,7 @@ class s3_client::connection {
   CURLcode run(s3_exchange &running, bool &stopped);
   // Fills in the answer from status, headers and body.
   void judge(const s3_exchange &running, CURLcode code, s3_answer &answer) const;
+  // Adds the headers of the answer that are metadata of the object.
   void read_metadata(std::map<std::string, std::string> &metadata) const;
   // The same when no whole answer came. `unreachable` only if no byte was sent.
   void judge_broken(const s3_exchange &running, CURLcode code, s3_answer &answer) const;

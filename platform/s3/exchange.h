@@ -30,6 +30,7 @@ struct s3_request {
     return file != nullptr || std::string_view(method) == "PUT" ||
            std::string_view(method) == "POST";
   }
+  // Bytes of the body, known before it is sent.
   std::int64_t length() const {
     return file != nullptr ? file->length : static_cast<std::int64_t>(text.size());
   }
@@ -54,9 +55,11 @@ class s3_exchange {
   // count.
   bool trickles();
 
+  // The HTTP status so far; 0 before there is one.
   long status() const;
   // The header of the final answer; empty without it.
   std::string_view header(const char *name) const;
+  // Without the blanks and the line's end that libcurl leaves; borrowed.
   static std::string_view value_of(const curl_header &header);
   // Length of the whole object by the answer to a GET; -1 when it does not tell.
   std::int64_t object_length() const;
@@ -71,6 +74,7 @@ class s3_exchange {
   // The two callbacks without libcurl's types. 0 from `take_bytes` ends the transfer.
   std::size_t give_bytes(char *to, std::size_t room);
   std::size_t take_bytes(std::string_view bytes);
+  // Writes at the place in the file that comes next; `error` is set when that fails.
   bool write_all(std::string_view bytes);
   // Where the object's first byte goes; false when the store sent another range than was asked for.
   bool find_start();

@@ -38,6 +38,7 @@ struct s3_unsigned {
 // day.
 class s3_signer {
  public:
+  // Another service than "s3" is for the test vectors of the signature.
   s3_signer(s3_credentials credentials, std::string region, std::string service = "s3");
 
   // The value of the header Authorization. Sorts the headers.

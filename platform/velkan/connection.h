@@ -26,6 +26,7 @@ inline vk_clock::time_point share_of(vk_clock::time_point deadline, size_t count
 // Empty when memory was short. Made outside the lock, as a large one takes a while.
 class vk_command {
  public:
+  // Copies the words, which are counted byte strings.
   vk_command(int count, const char **arguments, const size_t *lengths);
   bool empty() const { return length_ < 0; }
   std::string_view bytes() const { return {text_.get(), static_cast<size_t>(length_)}; }
