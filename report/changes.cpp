@@ -19,9 +19,8 @@ change_kind kind_of(const account_change &change) {
 bool is_listed(const account_change &change, kind_set kinds) {
   if (change.change != change_kind::same) return true;
   bool listed = change.outlook.outlook >= outlook_kind::day;
-  for_each_of(kinds, [&](unsigned kind) {
-    listed = listed || growth_of(change, kind).value_or(0) != 0;
-  });
+  for_each_of(kinds,
+              [&](unsigned kind) { listed = listed || growth_of(change, kind).value_or(0) != 0; });
   return listed;
 }
 

@@ -79,10 +79,7 @@ private_folder::~private_folder() {
 }
 
 server::server(const kind &what, const server_options &options)
-    : kind_(what),
-      folder_(what.name),
-      password_(options.password),
-      arguments_(options.arguments) {
+    : kind_(what), folder_(what.name), password_(options.password), arguments_(options.arguments) {
   if (socket().size() >= sizeof sockaddr_un{}.sun_path) {
     throw std::runtime_error("too long for a socket, set TMPDIR to a shorter folder: " + socket());
   }

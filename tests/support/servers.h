@@ -36,8 +36,8 @@ class private_folder {
 unique_fd bound_to_loopback(int &port);
 
 struct server_options {
-  bool tcp = false;           // also listen on a free port of 127.0.0.1
-  std::string password = {};  // requirepass of a Redis
+  bool tcp = false;                         // also listen on a free port of 127.0.0.1
+  std::string password = {};                // requirepass of a Redis
   std::vector<std::string> arguments = {};  // behind the usual ones
 };
 
