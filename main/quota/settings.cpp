@@ -69,17 +69,16 @@ void log_missing_owner(int error) {
 
 }  // namespace
 
-int get_conf() {
+const quota_settings *loaded_settings() {
   const std::lock_guard guard(kept->lock);
   // Read once: with another root half way, figures of one platform would lie in two trees.
   if (!kept->settings) kept->settings = read_settings();
-  return 0;
+  return kept->settings ? &*kept->settings : nullptr;
 }
 
-const quota_settings *loaded_settings() {
-  get_conf();
-  const std::optional<quota_settings> &settings = kept->settings;
-  return settings ? &*settings : nullptr;
+int get_conf() {
+  loaded_settings();
+  return 0;
 }
 
 int owner_ids(uid_t *uid, gid_t *gid) {
