@@ -56,6 +56,29 @@ int action_of(const char *word) {
   return ACTION_NONE;
 }
 
+// Takes the one way of naming targets that was used, or ends the process.
+void choose_targets(bool all) {
+  // No target option at all is no error here: the run then finds no targets and says so.
+  const struct {
+    bool given;
+    int mode;
+  } choices[] = {{all, TARGET_ALL},
+                 {run.uid_list != nullptr, TARGET_UID},
+                 {run.ulogin_list != nullptr, TARGET_ULOGIN}};
+  bool conflict = false;
+  for (const auto &choice : choices) {
+    if (!choice.given) continue;
+    if (run.target_mode != TARGET_NONE) {
+      conflict = true;
+    } else {
+      run.target_mode = choice.mode;
+    }
+  }
+  if (conflict) {
+    reject("Target users must be specified using one and only one of --all|--uid|--ulogin");
+  }
+}
+
 }  // namespace
 
 void usage(FILE *stream) {
@@ -103,25 +126,7 @@ void parse_args(int argc, const char **argv) {
   run.action = action_of(word.get());
   if (run.action == ACTION_NONE) reject("Action invalid or missing");
 
-  // No target option at all is no error here: the run then finds no targets and says so.
-  const struct {
-    bool given;
-    int mode;
-  } choices[] = {{all != 0, TARGET_ALL},
-                 {run.uid_list != nullptr, TARGET_UID},
-                 {run.ulogin_list != nullptr, TARGET_ULOGIN}};
-  bool conflict = false;
-  for (const auto &choice : choices) {
-    if (!choice.given) continue;
-    if (run.target_mode != TARGET_NONE) {
-      conflict = true;
-    } else {
-      run.target_mode = choice.mode;
-    }
-  }
-  if (conflict) {
-    reject("Target users must be specified using one and only one of --all|--uid|--ulogin");
-  }
+  choose_targets(all != 0);
   if (run.action == ACTION_SHOW && run.quiet_flag != 0) {
     reject("--action show   and  --quiet  cannot be used together");
   }

@@ -1,27 +1,19 @@
-// Opens, makes and hands over; knows nothing of what the files hold.
-// The only code of the engine that makes, removes or gives away a file.
+// Opens, makes, locks and removes; knows nothing of what the files hold.
+// The only code of the engine that makes or removes a file.
 #include "main/quota/folder.h"
-
-#include <dirent.h>
 
 #include <algorithm>
 #include <mutex>
-#include <string_view>
 
 #include "main/quota/careful_open.h"
+#include "main/quota/hand_over.h"
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
 
 namespace {
 
-constexpr off_t longest_record = 31;
 // Never blocks, whatever was put in the place of a file.
 constexpr int file_flags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-
-// Only root can give files away, and only root is worth tricking.
-bool running_as_root() {
-  return ::getuid() == 0;
-}
 
 // Who is inside a quota_umask. The first sets the mask, the last restores it: with a memory of its
 // own for each, overlapping threads would leave the process with the wrong one.
@@ -38,60 +30,6 @@ void refuse(const std::string &path) {
          "a folder of its own\n",
          QX_LOG_SOURCE, __LINE__, path.c_str());
   errno = ELOOP;
-}
-
-// Gives to its owner what root made and still owns. False, with errno, when the system refuses.
-bool give(int fd, uid_t uid, gid_t gid) {
-  return ::fchownat(fd, "", uid, gid, AT_EMPTY_PATH) == 0;
-}
-
-void give_to_owner(int fd) {
-  uid_t uid = 0;
-  gid_t gid = 0;
-  // A file that stays root's is still a good file.
-  if (owner_ids(&uid, &gid) == 0) give(fd, uid, gid);
-}
-
-// A folder of root's that only lacks its owner. One with another mode is an administrator's; a
-// folder may have the mark for its group from the one above it.
-bool is_left_behind_folder(const struct stat &status) {
-  constexpr mode_t compared = 05777;
-  return status.st_uid == 0 && (status.st_mode & compared) == quota_directory_mode;
-}
-
-// Whether a folder that was just made is still in its place: somebody who may write the folder
-// around it may have put another one of root's there.
-bool is_just_made(int fd, const struct stat &status) {
-  constexpr mode_t most = S_ISGID | quota_directory_mode;
-  if (status.st_uid != 0 || (status.st_mode & 07777U & ~most) != 0) return false;
-  if ((status.st_mode & S_IXGRP) == 0) return false;
-  const unique_fd folder(::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  char entries[1024];
-  const ssize_t length = ::getdents64(folder.get(), entries, sizeof entries);
-  int count = 0;
-  for (ssize_t at = 0; at < length; ++count) {
-    at += reinterpret_cast<const dirent64 *>(entries + at)->d_reclen;
-  }
-  return length >= 0 && count <= 2;  // itself and the one above
-}
-
-// A quota file or mark of root's that only lacks its owner. Its text is looked at, too: where the
-// system lets users link the files of others, one of root's may have come here by a second name.
-bool is_left_behind_file(int fd, const struct stat &status) {
-  if (status.st_uid != 0 || !running_as_root()) return false;
-  if ((status.st_mode & 07777U & ~quota_file_mode) != 0) return false;
-  char text[longest_record + 1];
-  const ssize_t length = ::pread(fd, text, sizeof text, 0);
-  if (length < 0 || length > longest_record) return false;
-  const std::string_view content(text, static_cast<size_t>(length));
-  return content.find_first_not_of(".-0123456789") == content.npos;
-}
-
-void hand_over_folder(int fd) {
-  struct stat status {};
-  if (::fstat(fd, &status) == 0 && is_left_behind_folder(status) && running_as_root()) {
-    give_to_owner(fd);
-  }
 }
 
 // Signals do not end the wait for a lock.
@@ -197,7 +135,7 @@ quota_file accept(quota_file file, const place &where, bool hand_over) {
   // A link of root's has another file behind it than its name tells.
   if (is_file &&
       (status.st_nlink <= 1 && (!hand_over || has_one_name(where.folder, where.name, status)))) {
-    if (hand_over && is_left_behind_file(file.fd.get(), status)) give_to_owner(file.fd.get());
+    if (hand_over) hand_over_file(file.fd.get(), status);
     file.size = status.st_size;
     return file;
   }
