@@ -87,19 +87,10 @@ std::string signed_text(std::int64_t growth, bool human) {
   return sign + human_size(growth < 0 ? -growth : growth);
 }
 
-std::string size_text(std::int64_t bytes, bool human) {
-  if (bytes < 0) return "-";
-  return human ? human_size(bytes) : std::to_string(bytes);
-}
-
-std::string id_text(std::int64_t id) {
-  return id < 0 ? "-" : std::to_string(id);
-}
-
 std::string parents_text(const account_change &change) {
-  std::string now = id_text(parent_of(&change.account()));
+  std::string now = number_text(parent_of(&change.account()));
   if (change.change != change_kind::moved) return now;
-  return id_text(parent_of(change.before)) + " -> " + now;
+  return number_text(parent_of(change.before)) + " -> " + now;
 }
 
 // One word where both states are alike, as most are.
@@ -111,11 +102,9 @@ std::string states_text(const account_change &change, kind_set kinds) {
 }
 
 // Of the last state in which the account is there.
-std::string age_text(const account_change &change, const change_list &list, bool human) {
-  const std::int64_t age = change.after != nullptr ? age_in(list.after, change.after, list.kinds)
-                                                   : age_in(list.before, change.before, list.kinds);
-  if (age < 0) return "-";
-  return human ? human_time(age) : std::to_string(age);
+std::int64_t last_age_of(const account_change &change, const change_list &list) {
+  return change.after != nullptr ? age_in(list.after, change.after, list.kinds)
+                                 : age_in(list.before, change.before, list.kinds);
 }
 
 std::string outlook_text(const account_outlook &outlook) {
@@ -137,7 +126,7 @@ std::vector<std::string> cells_of(const account_change &change, const change_lis
                                     std::to_string(account.id),
                                     name_of_level(account.level),
                                     parents_text(change),
-                                    age_text(change, list, human),
+                                    age_text(last_age_of(change, list), human),
                                     states_text(change, list.kinds)};
   if (list.has_outlook) cells.push_back(outlook_text(change.outlook));
   return cells;

@@ -36,10 +36,6 @@ size_t width_of(std::string_view text) {
   return width;
 }
 
-std::string number_text(std::int64_t number) {
-  return number < 0 ? std::string(unknown) : std::to_string(number);
-}
-
 using cells = std::vector<std::string>;
 
 class table {
@@ -72,16 +68,13 @@ class table {
     line.emplace_back(fullest ? media_kinds[*fullest].name : unknown);
     line.push_back(fullest ? percent_text(percent_of_kind(account, *fullest)) + "%"
                            : std::string(unknown));
-    const std::int64_t age = age_of(account, platform_.taken, style_.kinds);
-    line.push_back(style_.human && age >= 0 ? human_time(age) : number_text(age));
+    line.push_back(age_text(age_of(account, platform_.taken, style_.kinds), style_.human));
     line.push_back(state(account));
     return line;
   }
 
  private:
-  std::string size(std::int64_t bytes) const {
-    return style_.human && bytes >= 0 ? human_size(bytes) : number_text(bytes);
-  }
+  std::string size(std::int64_t bytes) const { return size_text(bytes, style_.human); }
 
   // With the most updates that a file had.
   std::string state(const report_account &account) const {
@@ -160,6 +153,18 @@ std::string human_time(std::int64_t seconds) {
       std::find_if(std::begin(units), std::end(units) - 1,
                    [&](const auto &one) { return seconds >= 2 * one.seconds; });
   return std::to_string(seconds / unit->seconds) + unit->name;
+}
+
+std::string number_text(std::int64_t number) {
+  return number < 0 ? std::string(unknown) : std::to_string(number);
+}
+
+std::string size_text(std::int64_t bytes, bool human) {
+  return human && bytes >= 0 ? human_size(bytes) : number_text(bytes);
+}
+
+std::string age_text(std::int64_t seconds, bool human) {
+  return human && seconds >= 0 ? human_time(seconds) : number_text(seconds);
 }
 
 std::string shown_login(std::string_view login) {

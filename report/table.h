@@ -51,6 +51,11 @@ std::string human_size(std::int64_t bytes);
 // A time in the unit that suits it: "59 s", "3 h".
 std::string human_time(std::int64_t seconds);
 
+// The cell of a number, a size and an age; "-" for a negative one. For people, in units.
+std::string number_text(std::int64_t number);
+std::string size_text(std::int64_t bytes, bool human);
+std::string age_text(std::int64_t seconds, bool human);
+
 // A login, fit for a terminal; "-" for an account without one.
 std::string shown_login(std::string_view login);
 
