@@ -140,6 +140,7 @@ void write_changes_json(FILE *stream, const change_list &list) {
   write_member(to.json, "format", std::string_view("spoolcap-diff"));
   write_member(to.json, "version", std::int64_t{1});
   write_member(to.json, "host", std::string_view(list.after.host));
+  write_member(to.json, "from_host", std::string_view(list.before.host));
   write_member(to.json, "from", std::string_view(iso_time(list.before.taken)));
   write_member(to.json, "to", std::string_view(iso_time(list.after.taken)));
   to.json.Key("changes");

@@ -60,6 +60,10 @@ TEST_F(Diff, SnapshotsHoldTheListAndAreReadBack) {
     EXPECT_EQ(read["accounts"][i]["used"], listed["accounts"][i]["used"]);
     EXPECT_EQ(read["accounts"][i]["name"], listed["accounts"][i]["name"]);
   }
+  const std::string other = snapshot_of("2026-01-01", "");
+  const rapidjson::Document changes = json({"diff", "--format", "json", other, path});
+  EXPECT_STREQ(changes["from_host"].GetString(), "node1");
+  EXPECT_EQ(changes["host"], listed["host"]);
 }
 
 TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
