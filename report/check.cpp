@@ -44,6 +44,19 @@ report_status run(const std::vector<std::string> &words) {
 
 }  // namespace
 
+void for_each_entry(const std::filesystem::path &folder,
+                    const std::function<void(const std::filesystem::path &path)> &visit) {
+  std::error_code error;
+  std::filesystem::directory_iterator entry(folder, error);
+  for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    visit(entry->path());
+  }
+  if (error && error != std::errc::no_such_file_or_directory &&
+      error != std::errc::not_a_directory) {
+    throw report_trouble(folder.string() + ": " + error.message());
+  }
+}
+
 const report_command check_command = {
     .name = "check",
     .arguments = "",

@@ -20,18 +20,31 @@ void check_kind(const report_account &account, unsigned kind, findings_writer &o
   out.add(one);
 }
 
+// Users are to be below clients, these below resellers, and these below nobody.
+bool is_in_place(const report_platform &platform, const report_account &account) {
+  const report_account *const parent = platform.find(account.parent);
+  switch (account.level) {
+    case LEVEL_RESELLER:
+      return parent == nullptr;
+    case LEVEL_CLIENT:
+      return parent != nullptr && parent->level == LEVEL_RESELLER;
+    default:
+      return parent != nullptr && parent->level == LEVEL_CLIENT;
+  }
+}
+
 }  // namespace
 
 void check_accounts(const report_platform &platform, findings_writer &out) {
   for (const report_account &account : platform.accounts) {
-    const bool is_reseller = account.level == LEVEL_RESELLER;
-    if (is_reseller && account.id > highest_of_four_digits) {
+    if (account.level == LEVEL_RESELLER && account.id > highest_of_four_digits) {
       out.add({.name = "id_is_cut", .account = &account});
     }
-    if (!is_reseller && account.above == 0) {
+    if (!is_in_place(platform, account)) {
       out.add({.name = "account_out_of_place", .account = &account});
-      continue;  // it can have no files
     }
+    // Without anything above it, it can have no files.
+    if (account.level != LEVEL_RESELLER && account.above == 0) continue;
     for_each_of(all_kinds, [&](unsigned kind) { check_kind(account, kind, out); });
   }
 }

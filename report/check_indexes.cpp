@@ -1,5 +1,6 @@
 // Asks the server which indexes its tables have.
-// Reads information_schema only.
+#include <strings.h>
+
 #include <algorithm>
 #include <iterator>
 #include <map>
@@ -12,15 +13,17 @@ namespace {
 
 using columns = std::vector<std::string>;
 
-// By the conditions of the statements; `filesize` makes an index that answers sums alone.
+// An index serves when it begins with the columns; where a statement asks for equality in all of
+// them, in any order.
 struct {
   const char *table;
   columns wanted;
+  bool in_any_order = false;
 } const needed[] = {
     {"client", {"id"}},
     {"client", {"parent_client_id"}},
     {"client", {"level"}},
-    {"client_prefs", {"client_id", "param"}},
+    {"client_prefs", {"client_id", "param"}, true},
     {"hs_account", {"userID"}},
     {"hs_account", {"username"}},
     {"extension", {"id"}},
@@ -38,16 +41,19 @@ indexes indexes_of_database() {
   const report_session session;
   for_each_row(
       session.get(),
-      "SELECT TABLE_NAME, INDEX_NAME, COLUMN_NAME FROM information_schema.STATISTICS "
-      "WHERE TABLE_SCHEMA = DATABASE() ORDER BY TABLE_NAME, INDEX_NAME, SEQ_IN_INDEX",
+      "SELECT TABLE_NAME, INDEX_NAME, COLUMN_NAME FROM information_schema.STATISTICS WHERE "
+      "TABLE_SCHEMA = DATABASE() AND INDEX_TYPE NOT IN ('FULLTEXT', 'SPATIAL') "
+      "ORDER BY TABLE_NAME, INDEX_NAME, SEQ_IN_INDEX",
       [&](const sql_fields &row) {
         found[{std::string(row[0].value_or("")), std::string(row[1].value_or(""))}].emplace_back(
             row[2].value_or(""));
       });
   // An index with a column that this user may not read is not shown, but its first column is.
   for_each_row(session.get(),
-               "SELECT TABLE_NAME, COLUMN_NAME FROM information_schema.COLUMNS "
-               "WHERE TABLE_SCHEMA = DATABASE() AND COLUMN_KEY <> ''",
+               "SELECT TABLE_NAME, COLUMN_NAME FROM information_schema.COLUMNS c "
+               "WHERE TABLE_SCHEMA = DATABASE() AND COLUMN_KEY <> '' AND NOT EXISTS "
+               "(SELECT 1 FROM information_schema.STATISTICS s WHERE s.TABLE_SCHEMA = DATABASE() "
+               "AND s.TABLE_NAME = c.TABLE_NAME AND s.COLUMN_NAME = c.COLUMN_NAME)",
                [&](const sql_fields &row) {
                  const std::string column(row[1].value_or(""));
                  found[{std::string(row[0].value_or("")), "column " + column}] = {column};
@@ -55,12 +61,18 @@ indexes indexes_of_database() {
   return found;
 }
 
-// An index serves when it begins with the columns.
-bool is_served(const indexes &found, const std::string &table, const columns &wanted) {
+bool is_same_column(const std::string &one, const std::string &other) {
+  return ::strcasecmp(one.c_str(), other.c_str()) == 0;
+}
+
+bool is_served(const indexes &found, const std::string &table, const columns &wanted,
+               bool in_any_order) {
   return std::any_of(found.begin(), found.end(), [&](const auto &index) {
     const columns &has = index.second;
-    return index.first.first == table && has.size() >= wanted.size() &&
-           std::equal(wanted.begin(), wanted.end(), has.begin());
+    if (index.first.first != table || has.size() < wanted.size()) return false;
+    const auto begin = has.begin();
+    return in_any_order ? std::is_permutation(wanted.begin(), wanted.end(), begin, is_same_column)
+                        : std::equal(wanted.begin(), wanted.end(), begin, is_same_column);
   });
 }
 
@@ -68,9 +80,8 @@ bool is_served(const indexes &found, const std::string &table, const columns &wa
 
 void check_indexes(findings_writer &out) {
   const indexes found = indexes_of_database();
-  for (const auto &[table, wanted] : needed) {
-    if (is_served(found, table, wanted)) continue;
-    // A name that says what it is by; the server refuses one that is there.
+  for (const auto &[table, wanted, in_any_order] : needed) {
+    if (is_served(found, table, wanted, in_any_order)) continue;
     std::string name = "by";
     std::string place = std::string(table) + " (";
     for (const std::string &column : wanted) {

@@ -16,6 +16,16 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view dirty_ending = ".quota.dirty";
 
+// Of others than root, no link is followed.
+bool is_folder(const fs::path &path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return false;
+  if (S_ISLNK(status.st_mode) && (status.st_uid != 0 || ::stat(path.c_str(), &status) != 0)) {
+    return false;
+  }
+  return S_ISDIR(status.st_mode);
+}
+
 class folder_check {
  public:
   folder_check(const report_platform &platform, findings_writer &out)
@@ -23,18 +33,15 @@ class folder_check {
 
   // Looks at the folders of the accounts below one, or of the resellers for null.
   void look_into(const fs::path &folder, const report_account *above) {
-    // Not looked at: a folder that cannot be read shows in the states of its files.
-    std::error_code error;
-    for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
-      const std::string name = entry.path().filename().string();
-      // Folders are named by their ids alone; marks and files never are.
+    for_each_entry(folder, [&](const fs::path &path) {
+      const std::string name = path.filename().string();
       const std::optional<std::uint64_t> id = whole_number(name);
-      if (id && entry.is_directory(error)) {
-        look_at_account(entry.path(), *id, above);
+      if (id && is_folder(path)) {
+        look_at_account(path, *id, above);
       } else if (above != nullptr) {
-        look_at_mark(entry.path(), name, *above);
+        look_at_mark(path, name, *above);
       }
-    }
+    });
   }
 
  private:
@@ -43,7 +50,8 @@ class folder_check {
     const auto *const account = id <= std::numeric_limits<std::uint32_t>::max()
                                     ? platform_.find(static_cast<std::uint32_t>(id))
                                     : nullptr;
-    const bool is_here = account != nullptr &&
+    // No other spelling of the id is the account's.
+    const bool is_here = account != nullptr && folder.filename() == std::to_string(id) &&
                          account->above == (above == nullptr ? 0 : above->id) &&
                          (above != nullptr || account->level == LEVEL_RESELLER);
     if (is_here) {
@@ -73,7 +81,11 @@ class folder_check {
     if (::lstat(path.c_str(), &status) == 0) {
       age = std::max<std::int64_t>(platform_.taken - status.st_mtim.tv_sec, 0);
     }
-    out_.add({.name = mark, .account = &account, .kind = kind, .age = age});
+    out_.add({.name = mark,
+              .account = &account,
+              .kind = kind,
+              .age = age,
+              .where = valid_utf8(path.string())});
   }
 
   const report_platform &platform_;

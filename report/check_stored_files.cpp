@@ -23,14 +23,12 @@ using file_ids = std::vector<file_id>;  // sorted, each once
 // Visits the folders or files in a folder whose names begin with a number up to a dot or the end.
 void for_each_numbered(const fs::path &folder,
                        const std::function<void(file_id id, const fs::path &path)> &visit) {
-  // A folder that is missing has no files; that is what the rows are compared with.
-  std::error_code error;
-  for (const fs::directory_entry &entry : fs::directory_iterator(folder, error)) {
-    const std::string name = entry.path().filename().string();
+  for_each_entry(folder, [&](const fs::path &path) {
+    const std::string name = path.filename().string();
     if (const auto id = whole_number(std::string_view(name).substr(0, name.find('.')))) {
-      visit(*id, entry.path());
+      visit(*id, path);
     }
-  }
+  });
 }
 
 // Visits the files <first id>/<second id>/<file id>.<extension>, as both engines name them.
@@ -65,16 +63,17 @@ class kind_check {
         out_(out) {}
 
   void run() {
-    // Files first, then rows: what is stored in between has a row and is looked for again.
+    // Before the rows: a file that is stored meanwhile is not looked for among them.
     const file_ids local = ids_below(local_);
+    const file_ids cached = ids_below(cache_);
     file_ids rows;
     for_each_row([&](file_id id, bool is_local) {
       rows.push_back(id);
       if (is_local && !has(local, id)) rows_without_files_.push_back(id);
     });
     std::sort(rows.begin(), rows.end());
-    find_files_without(rows, local_);
-    find_files_without(rows, cache_);
+    tell_files(local, rows, local_);
+    tell_files(cached, rows, cache_);
     tell_rows();
   }
 
@@ -90,9 +89,11 @@ class kind_check {
 
   const char *table() const { return media_kinds[kind_].rows.table; }
 
-  void find_files_without(const file_ids &rows, const fs::path &folder) {
+  // Those of these files that have no row, with their paths.
+  void tell_files(const file_ids &files, const file_ids &rows, const fs::path &folder) {
+    if (std::includes(rows.begin(), rows.end(), files.begin(), files.end())) return;
     for_each_file(folder, [&](file_id id, const fs::path &path) {
-      if (!has(rows, id)) {
+      if (has(files, id) && !has(rows, id)) {
         out_.add({.name = "file_without_row", .kind = kind_, .where = valid_utf8(path.string())});
       }
     });

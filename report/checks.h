@@ -3,6 +3,9 @@
 #ifndef REPORT_CHECKS_H
 #define REPORT_CHECKS_H
 
+#include <filesystem>
+#include <functional>
+
 #include "report/findings.h"
 
 // What the collected accounts say by themselves: accounts out of place, without files, with files
@@ -22,5 +25,9 @@ void check_stored_files(const char *storage, findings_writer &out);
 
 // The indexes that the statements of the command need.
 void check_indexes(findings_writer &out);
+
+// Visits what lies in a folder; nothing when there is no such folder.
+void for_each_entry(const std::filesystem::path &folder,
+                    const std::function<void(const std::filesystem::path &path)> &visit);
 
 #endif

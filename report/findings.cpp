@@ -27,8 +27,8 @@ void findings_writer::add(const finding &one) {
 
 void findings_writer::end() {
   if (!json_) {
-    // The last line shows that the report is whole.
-    std::fprintf(stream_, "%lld findings\n", static_cast<long long>(count_));
+    std::fprintf(stream_, "%lld finding%s\n", static_cast<long long>(count_),
+                 count_ == 1 ? "" : "s");
     return;
   }
   json_->json.EndArray();

@@ -11,10 +11,17 @@ template <class Value>
 void write_kinds(json_writer &json, const char *name, kind_set kinds, Value write_value) {
   json.Key(name);
   json.StartObject();
-  for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    if ((kinds & set_of(kind)) != 0) write_value(media_kinds[kind].name, kind);
-  }
+  for_each_of(kinds, [&](unsigned kind) { write_value(media_kinds[kind].name, kind); });
   json.EndObject();
+}
+
+void write_percent(json_writer &json, std::optional<double> percent) {
+  json.Key("percent");
+  if (percent) {
+    json.Double(shown_percent(*percent));
+  } else {
+    json.Null();
+  }
 }
 
 }  // namespace
@@ -36,15 +43,6 @@ void write_member(json_writer &json, const char *name, std::string_view text) {
     json.Null();
   } else {
     json.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-  }
-}
-
-void write_member(json_writer &json, const char *name, std::optional<double> number) {
-  json.Key(name);
-  if (number) {
-    json.Double(*number);
-  } else {
-    json.Null();
   }
 }
 
@@ -72,7 +70,7 @@ void write_account(json_writer &json, const report_account &account, std::int64_
   figures("used", account.used);
   figures("limit", account.limit);
   write_member(json, "total", total_of(account, kinds));
-  write_member(json, "percent", percent_of(account, kinds));
+  write_percent(json, percent_of(account, kinds));
   write_member(json, "state", std::string_view(name_of(state_of(account, kinds))));
   write_kinds(json, "states", kinds, [&](const char *kind_name, unsigned kind) {
     write_member(json, kind_name, std::string_view(name_of(account.states[kind])));

@@ -29,7 +29,6 @@ using account_source =
 // A name and a value in an object. A negative number and a text without data are null.
 void write_member(json_writer &json, const char *name, std::int64_t number);
 void write_member(json_writer &json, const char *name, std::string_view text);
-void write_member(json_writer &json, const char *name, std::optional<double> number);
 
 // The members that begin a document, whose version is 1.
 void write_document_head(json_writer &json, const char *format, const report_platform &platform);

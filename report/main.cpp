@@ -69,11 +69,13 @@ report_status run_command(const report_command &command, std::span<const char *>
   std::vector<const char *> argv = {name.c_str()};
   argv.insert(argv.end(), arguments.begin(), arguments.end());
   argv.push_back(nullptr);
-  const poptOption options[] = {{nullptr, '\0', POPT_ARG_INCLUDE_TABLE,
-                                 const_cast<poptOption *>(command.options), 0, "Options:", nullptr},
-                                {nullptr, '\0', POPT_ARG_INCLUDE_TABLE,
-                                 const_cast<poptOption *>(common_options), 0, "Help:", nullptr},
-                                POPT_TABLEEND};
+  const bool has_options = command.options[0].longName != nullptr;
+  const poptOption options[] = {
+      {nullptr, '\0', POPT_ARG_INCLUDE_TABLE, const_cast<poptOption *>(command.options), 0,
+       has_options ? "Options:" : nullptr, nullptr},
+      {nullptr, '\0', POPT_ARG_INCLUDE_TABLE, const_cast<poptOption *>(common_options), 0,
+       "Help:", nullptr},
+      POPT_TABLEEND};
   const popt_context context(
       poptGetContext(nullptr, static_cast<int>(argv.size()) - 1, argv.data(), options, 0));
   if (!context) throw std::bad_alloc();

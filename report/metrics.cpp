@@ -139,7 +139,8 @@ void write_refresh(metrics_writer &out, const report_platform &platform) {
       times.begin(), times.end(),
       [](std::int64_t later, std::int64_t earlier) { return later - earlier > longest_pause; });
   const std::int64_t first = pause == times.end() ? times.back() : *pause;
-  out.begin("spoolcap_refresh_timestamp_seconds", "When the last refresh wrote its last file.");
+  out.begin("spoolcap_refresh_timestamp_seconds",
+            "When a figure was measured last. A refresh measures fresh figures only by force.");
   out.add("", times.front());
   out.begin("spoolcap_refresh_duration_seconds",
             "From the first to the last file that the last refresh wrote.");

@@ -69,8 +69,7 @@ std::optional<std::int64_t> number_option(const char *name, const char *text, st
 std::optional<double> decimal_option(const char *name, const char *text) {
   if (text == nullptr) return std::nullopt;
   const auto number = number_in<double>(text);
-  // "inf" and "nan" are numbers to from_chars.
-  if (!number || !std::isfinite(*number)) refuse(name, text);
+  if (!number || !std::isfinite(*number) || *number < 0) refuse(name, text);
   return number;
 }
 

@@ -11,23 +11,57 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <utility>
 
 #include "report/command.h"
 
 namespace {
 
-// The file that a path leads to through links; the path itself when that has no name, or is not
-// there.
-std::string resolved(const char *path) {
-  const c_string found(::realpath(path, nullptr));
-  return found ? found.get() : path;
+// What an ended process would leave behind; empty for nothing.
+char temporary_file[PATH_MAX];
+
+void remove_and_end(int signal) {
+  if (*temporary_file != '\0') ::unlink(temporary_file);
+  ::raise(signal);
 }
 
-// A file takes the place of a regular file or of nothing. What is still a link after it was
-// resolved leads to nothing, or to a file without a name, as a descriptor may be.
-bool is_kept_in_place(const std::string &path) {
+// Whoever ignores a signal goes on to do so.
+void end_cleanly_at(int signal) {
+  struct sigaction now = {};
+  if (::sigaction(signal, nullptr, &now) != 0 || now.sa_handler == SIG_IGN) return;
+  now = {};
+  now.sa_handler = remove_and_end;
+  now.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+  ::sigaction(signal, &now, nullptr);
+}
+
+std::string path_of(int fd) {
+  const c_string found(::realpath(("/proc/self/fd/" + std::to_string(fd)).c_str(), nullptr));
+  return found ? found.get() : "";
+}
+
+bool is_same(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Whether the caller has the file open for this process: "/dev/fd/3" leads to the file itself.
+bool is_handed_over(const struct stat &file) {
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+    const int fd = std::atoi(entry.path().filename().c_str());
+    struct stat status {};
+    const int mode = ::fcntl(fd, F_GETFL);
+    if (mode >= 0 && (mode & O_PATH) == 0 && ::fstat(fd, &status) == 0 && is_same(status, file)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool is_link(const std::string &path) {
   struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode);
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool is_standard_output(const char *path) {
@@ -52,38 +86,62 @@ void prepare_standard_streams() {
         ::open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
   std::signal(SIGPIPE, SIG_IGN);
+  for (const int signal : {SIGHUP, SIGINT, SIGTERM}) end_cleanly_at(signal);
 }
 
 report_output::report_output(const char *path) {
   if (is_standard_output(path)) return;
   if (*path == '\0') throw report_trouble("The name of the file to write is empty");
-  // A link stays a link: the file that it leads to is replaced.
-  path_ = resolved(path);
-  if (is_kept_in_place(path_)) {
-    file_.reset(std::fopen(path_.c_str(), "we"));
+  path_ = path;
+  // Links are followed by the kernel, and so by its rules for links in folders like /tmp.
+  const unique_fd there(::open(path, O_PATH | O_CLOEXEC));
+  if (!there && errno != ENOENT) fail(errno);
+  struct stat old {};
+  const bool is_there = there && ::fstat(there.get(), &old) == 0;
+  if (is_there && S_ISREG(old.st_mode) && !is_handed_over(old)) {
+    if (std::string real = path_of(there.get()); !real.empty()) path_ = std::move(real);
+    open_beside(&old);
+  } else if (is_there || is_link(path_)) {
+    file_.reset(std::fopen(path, "ae"));
   } else {
-    open_beside();
+    open_beside(nullptr);
   }
   if (!file_) fail(errno);
 }
 
-void report_output::open_beside() {
-  const size_t name = path_.rfind('/') + 1;
-  // A hidden name beside the file, which a rename can complete.
-  temporary_ = path_.substr(0, name) + "." + path_.substr(name) + ".XXXXXX";
+void report_output::open_beside(const struct stat *old) {
+  temporary_ = path_.substr(0, path_.rfind('/') + 1) + ".spoolcap-report.XXXXXX";
   unique_fd opened(::mkostemp(temporary_.data(), O_CLOEXEC));
   if (!opened) {
     temporary_.clear();
     return;
   }
-  // mkostemp makes it for its owner alone; readers of the report may be others.
-  ::fchmod(opened.get(), mode_of_new_files());
-  file_.reset(::fdopen(opened.get(), "w"));
-  if (file_) opened.release();
+  if (temporary_.size() < sizeof temporary_file) std::strcpy(temporary_file, temporary_.c_str());
+  mode_t mode = old == nullptr ? mode_of_new_files() : old->st_mode & 0777;
+  // Without its group, the file must not be for another one.
+  if (old != nullptr && ::fchown(opened.get(), old->st_uid, old->st_gid) != 0) mode &= ~0070U;
+  if (::fchmod(opened.get(), mode) == 0) file_.reset(::fdopen(opened.get(), "w"));
+  if (file_) {
+    opened.release();
+    return;
+  }
+  const int error = errno;
+  remove_temporary();
+  errno = error;
+}
+
+void report_output::remove_temporary() {
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+  forget_temporary();
+}
+
+void report_output::forget_temporary() {
+  *temporary_file = '\0';
+  temporary_.clear();
 }
 
 report_output::~report_output() {
-  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+  remove_temporary();
 }
 
 void report_output::fail(int error) const {
@@ -110,5 +168,5 @@ void report_output::commit() {
   // Written in place, so there is nothing to rename.
   if (temporary_.empty()) return;
   if (std::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
-  temporary_.clear();
+  forget_temporary();
 }

@@ -2,6 +2,8 @@
 #ifndef REPORT_OUTPUT_H
 #define REPORT_OUTPUT_H
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <string>
 
@@ -9,13 +11,15 @@
 
 // Call first of all. Takes the place of standard descriptors that are closed, as the first file or
 // connection that is opened would get their number and the report with it. A reader that goes away
-// becomes an error of writing.
+// becomes an error of writing, and a signal that ends the process removes what is not complete.
 void prepare_standard_streams();
 
 // Write to stream(), then commit(). A file is written beside its place under another name, and
-// renamed when it is complete; without a commit nothing is left of it. What is there and no regular
-// file, like a device, a fifo or a link to nothing, is written to as it is and never replaced. All
-// functions throw report_trouble.
+// renamed when it is complete; without a commit nothing is left of it. A file that is replaced
+// hands on its mode and, where this process may give it away, its owner. What is there and no
+// regular file, like a device, a fifo or a link to nothing, is never replaced, and neither is a
+// file that the caller has open for this process: these are written to at their end. All functions
+// throw report_trouble.
 class report_output {
  public:
   // Without a path, with "-" or "/dev/stdout", standard output.
@@ -32,8 +36,9 @@ class report_output {
  private:
   // Throws with the path and the error's text.
   [[noreturn]] void fail(int error) const;
-  // In the same folder, as a rename works within one file system only.
-  void open_beside();
+  void open_beside(const struct stat *old);
+  void remove_temporary();
+  void forget_temporary();
 
   std::string path_;       // where the content is to be in the end; empty for standard output
   std::string temporary_;  // where it is as yet; empty when it is in its place

@@ -6,6 +6,7 @@
 #include "report/json.h"
 #include "report/output.h"
 #include "report/page_text.h"
+#include "report/table.h"
 
 namespace {
 
@@ -97,6 +98,15 @@ void write_data(rapidjson::FileWriteStream &out, const report_platform &platform
   write_texts(json, "labels", QUOTA_ALL_KINDS, [](unsigned i) { return media_kinds[i].label; });
   write_texts(json, "states", figure_states,
               [](unsigned i) { return name_of(static_cast<figure_state>(i)); });
+  json.Key("disturbing");
+  json.StartArray();
+  for (const character_range &range : disturbing) {
+    json.StartArray();
+    json.Uint(range.first);
+    json.Uint(range.last);
+    json.EndArray();
+  }
+  json.EndArray();
   json.Key("accounts");
   json.StartArray();
   for (const report_account &account : platform.accounts) {
@@ -135,6 +145,7 @@ const report_command page_command = {
     .arguments = "FILE",
     .summary = "Writes one HTML file with a map and a table of all accounts",
     .details =
+        "\n"
         "The file needs nothing beside it and asks no network for anything. \"-\" is standard\n"
         "output.\n",
     .options = no_options,

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <limits>
+#include <utility>
 
 #include "platform/base/utf8.h"
 
@@ -48,16 +49,18 @@ std::int64_t total_of(const report_account &account, kind_set kinds) {
 std::optional<double> percent_of_kind(const report_account &account, unsigned kind) {
   if (account.used[kind] < 0 || account.limit[kind] < 0) return std::nullopt;
   const auto limit = static_cast<double>(std::max<std::int64_t>(account.limit[kind], 1));
-  // To one decimal here, so that all formats and sortings see the same number.
-  return std::round(static_cast<double>(account.used[kind]) / limit * 1000) / 10;
+  return static_cast<double>(account.used[kind]) / limit * 100;
+}
+
+double shown_percent(double percent) {
+  return std::round(percent * 10) / 10;
 }
 
 std::string percent_text(std::optional<double> percent) {
   char text[400];  // the highest double has 309 digits
-  return percent
-             ? std::string(text,
-                           static_cast<size_t>(std::snprintf(text, sizeof text, "%.1f", *percent)))
-             : "";
+  return percent ? std::string(text, static_cast<size_t>(std::snprintf(text, sizeof text, "%.1f",
+                                                                       shown_percent(*percent))))
+                 : "";
 }
 
 std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds) {
@@ -106,8 +109,7 @@ const report_account *report_platform::find(std::uint32_t id) const {
 }
 
 report_account *report_platform::find(std::uint32_t id) {
-  const std::optional<std::uint32_t> place = place_of(id);
-  return place ? &accounts[*place] : nullptr;
+  return const_cast<report_account *>(std::as_const(*this).find(id));
 }
 
 std::span<const std::uint32_t> report_platform::children_of(std::uint32_t id) const {

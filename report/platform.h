@@ -69,9 +69,12 @@ std::int64_t sum_of(std::int64_t left, std::int64_t right);
 // The sum of what is known; -1 when nothing is.
 std::int64_t total_of(const report_account &account, kind_set kinds = all_kinds);
 
-// What is used of a limit, in percent with one decimal. A limit of 0 counts as one byte. Nothing
-// without a figure or a limit.
+// What is used of a limit, in percent. A limit of 0 counts as one byte. Nothing without a figure or
+// a limit.
 std::optional<double> percent_of_kind(const report_account &account, unsigned kind);
+
+// Rounded to the one decimal that is shown: 100.04 is above a limit, and appears as 100.0.
+double shown_percent(double percent);
 
 // With one decimal; empty for nothing.
 std::string percent_text(std::optional<double> percent);

@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <functional>
+#include <new>
 #include <system_error>
 #include <thread>
 
 #include "main/quota/careful_open.h"
-#include "main/quota/record.h"
 #include "main/quota/settings.h"
 #include "report/command.h"
 
@@ -22,6 +24,7 @@ namespace {
 
 // They wait for the disk more than for the processor.
 constexpr size_t most_threads = 4;
+constexpr size_t longest_record = 31;
 
 // What lies in the quota directory of one account.
 struct folder_content {
@@ -44,14 +47,14 @@ void take_name(folder_content &content, std::string_view name) {
   }
 }
 
-// By the system call: one buffer for the whole folder, and no allocation.
-folder_content list(int folder) {
+// Nothing when the folder cannot be read.
+std::optional<folder_content> list(int folder) {
   folder_content content;
   alignas(dirent64) char entries[32768];
   for (;;) {
     const ssize_t length = ::getdents64(folder, entries, sizeof entries);
-    // An error ends the list: what it did not name counts as missing.
-    if (length <= 0) return content;
+    if (length < 0) return std::nullopt;
+    if (length == 0) return content;
     for (ssize_t at = 0; at < length;) {
       const auto *entry = reinterpret_cast<const dirent64 *>(entries + at);
       // Most names in the folder of a client are those of its users.
@@ -65,22 +68,45 @@ void set_all(report_account &account, figure_state state) {
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) account.states[kind] = state;
 }
 
+struct record_text {
+  std::int64_t value;
+  std::int32_t updates;
+  bool is_whole;  // false when a writer was killed before it had cut the file
+};
+
+// Stricter than the engine, which takes "12 apes." for twelve bytes: what is no number deserves no
+// trust. Behind the record may stand dots where a writer was killed.
+std::optional<record_text> record_in(std::string_view text) {
+  record_text record = {};
+  const char *const end = text.data() + text.size();
+  const auto value = std::from_chars(text.data(), end, record.value);
+  if (value.ec != std::errc() || value.ptr == end || *value.ptr != '.') return std::nullopt;
+  const auto updates = std::from_chars(value.ptr + 1, end, record.updates);
+  if (updates.ec != std::errc() || record.value < 0 || record.updates < 0) return std::nullopt;
+  record.is_whole = updates.ptr == end;
+  if (std::string_view(updates.ptr, end).find_first_not_of('.') != text.npos) return std::nullopt;
+  return record;
+}
+
 // A file is a record only as the engine takes it: no link, no device, no second name.
 figure_state read_record(int folder, unsigned kind, report_account &account) {
-  quota_file file{open_entry(folder, media_kinds[kind].quota_file,
-                             O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+  const unique_fd file(open_entry(folder, media_kinds[kind].quota_file,
+                                  O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file) return errno == ENOENT ? figure_state::missing : figure_state::unreadable;
   struct stat status {};
-  if (::fstat(file.fd.get(), &status) != 0) return figure_state::unreadable;
+  if (::fstat(file.get(), &status) != 0) return figure_state::unreadable;
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1) return figure_state::unreadable;
   // Also for a file that holds no record: it has an age.
   account.modified[kind] = status.st_mtim.tv_sec;
-  file.size = status.st_size;
-  const std::optional<quota_record> record = record_of(file);
-  if (!record || record->value < 0 || record->revision < 0) return figure_state::unreadable;
+  char text[longest_record + 1];
+  const ssize_t length = ::read(file.get(), text, sizeof text);
+  if (length < 0 || static_cast<size_t>(length) > longest_record) return figure_state::unreadable;
+  const auto record = record_in({text, static_cast<size_t>(length)});
+  if (!record) return figure_state::unreadable;
   account.used[kind] = record->value;
-  account.updates[kind] = record->revision;
-  return record->revision > 0 ? figure_state::updated : figure_state::measured;
+  account.updates[kind] = record->updates;
+  if (!record->is_whole) return figure_state::redo;
+  return record->updates > 0 ? figure_state::updated : figure_state::measured;
 }
 
 figure_state state_with_marks(figure_state state, unsigned kind, const folder_content &content) {
@@ -91,10 +117,11 @@ figure_state state_with_marks(figure_state state, unsigned kind, const folder_co
 }
 
 void read_folder(int folder, report_account &account) {
-  const folder_content content = list(folder);
+  const std::optional<folder_content> content = list(folder);
+  if (!content) return set_all(account, figure_state::unreadable);
   for (unsigned kind = 0; kind < QUOTA_ALL_KINDS; ++kind) {
-    if ((content.files & set_of(kind)) == 0) continue;
-    account.states[kind] = state_with_marks(read_record(folder, kind, account), kind, content);
+    if ((content->files & set_of(kind)) == 0) continue;
+    account.states[kind] = state_with_marks(read_record(folder, kind, account), kind, *content);
   }
 }
 
@@ -112,6 +139,19 @@ void read_subtree(report_platform &platform, int above, report_account &account)
   for (const std::uint32_t place : platform.children_of(account.id)) {
     read_subtree(platform, folder.get(), platform.accounts[place]);
   }
+}
+
+// Runs it in so many threads at most, and not in more than there are processors.
+void run_side_by_side(const std::function<void()> &work, size_t most) {
+  std::vector<std::jthread> helpers;
+  try {
+    while (helpers.size() + 1 < std::min<size_t>(most, std::thread::hardware_concurrency())) {
+      helpers.emplace_back(work);
+    }
+  } catch (const std::system_error &) {
+    // Then with those that there are.
+  }
+  work();
 }
 
 }  // namespace
@@ -133,17 +173,16 @@ void read_quota_files(report_platform &platform) {
   // No two resellers have an account in common.
   // Resellers differ in size, so threads take one after the other.
   std::atomic<size_t> next = 0;
+  std::atomic<bool> is_short_of_memory = false;
   const auto read = [&] {
-    for (size_t i = next++; i < resellers.size(); i = next++) {
-      read_subtree(platform, root.get(), *resellers[i]);
+    try {
+      for (size_t i = next++; i < resellers.size(); i = next++) {
+        read_subtree(platform, root.get(), *resellers[i]);
+      }
+    } catch (const std::bad_alloc &) {
+      is_short_of_memory = true;
     }
   };
-  std::vector<std::jthread> helpers;
-  const size_t most = std::min<size_t>(most_threads, std::thread::hardware_concurrency());
-  try {
-    while (helpers.size() + 1 < std::min(most, resellers.size())) helpers.emplace_back(read);
-  } catch (const std::system_error &) {
-    // Then with those that there are.
-  }
-  read();
+  run_side_by_side(read, std::min(most_threads, resellers.size()));
+  if (is_short_of_memory) throw std::bad_alloc();
 }

@@ -2,12 +2,19 @@
 // Writes to the stream that it is given, a line at a time.
 #include "report/separated.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
 
 // A spreadsheet runs a cell that begins so, and shows the apostrophe to nobody.
 std::string guarded(std::string_view text) {
-  const bool risky = !text.empty() && std::string_view("=+-@'\t\r").find(text[0]) != text.npos;
-  return (risky ? "'" : "") + std::string(text);
+  // The last four are the wide forms of the first.
+  static constexpr std::string_view risky[] = {"=",  "+",  "-",      "@",      "'",      "\t",
+                                               "\r", "\n", "\uff1d", "\uff0b", "\uff0d", "\uff20"};
+  const bool is_risky = std::any_of(std::begin(risky), std::end(risky),
+                                    [&](std::string_view one) { return text.starts_with(one); });
+  return (is_risky ? "'" : "") + std::string(text);
 }
 
 std::string csv_text(std::string_view text) {

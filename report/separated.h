@@ -3,8 +3,8 @@
 // CSV is as RFC 4180 has it, lines ending with CR LF. In TSV lines end with LF, and a backslash
 // stands before "\", "t", "n" and "r" for a backslash, tab, line feed and carriage return. What is
 // unknown, and no limit, is an empty value. A login that a spreadsheet could take for a formula (it
-// begins with one of = + - @, a tab or a carriage return), and one that begins with an apostrophe,
-// has one more apostrophe in front.
+// begins with one of = + - @, their wide forms, a tab or the end of a line), and one that begins
+// with an apostrophe, has one more apostrophe in front.
 #ifndef REPORT_SEPARATED_H
 #define REPORT_SEPARATED_H
 

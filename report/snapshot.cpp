@@ -35,7 +35,9 @@ const report_command snapshot_command = {
     .name = "snapshot",
     .arguments = "FILE",
     .summary = "Keeps the state of all accounts in a compressed file",
-    .details = "`diff` compares such files. They hold the JSON of `list`; zstd unpacks them.\n",
+    .details =
+        "\n"
+        "`diff` compares such files. They hold the JSON of `list`; zstd unpacks them.\n",
     .options = no_options,
     .run = run,
 };

@@ -15,14 +15,10 @@ constexpr std::string_view unknown = "-";
 
 // Controls, soft hyphen, marks of direction, invisible characters, tags.
 bool disturbs_terminal(char32_t character) {
-  constexpr struct {
-    char32_t first, last;
-  } ranges[] = {{0, 0x1f},        {0x7f, 0x9f},      {0xad, 0xad},     {0x61c, 0x61c},
-                {0x200b, 0x200f}, {0x2028, 0x202e},  {0x2060, 0x206f}, {0xfeff, 0xfeff},
-                {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
-  return std::any_of(std::begin(ranges), std::end(ranges), [&](const auto &range) {
-    return character >= range.first && character <= range.last;
-  });
+  return std::any_of(std::begin(disturbing), std::end(disturbing),
+                     [&](const character_range &range) {
+                       return character >= range.first && character <= range.last;
+                     });
 }
 
 // Columns of a terminal that a text takes.

@@ -17,9 +17,18 @@ struct table_style {
   bool indent = false;  // logins by their depth
 };
 
+struct character_range {
+  char32_t first, last;
+};
+
+// Characters that could disturb what stands around them: controls, marks of direction, what has no
+// width, ends of lines, tags.
+inline constexpr character_range disturbing[] = {
+    {0, 0x1f},        {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},   {0x200b, 0x200f},
+    {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
+
 // The limit is that of the kind that is used the most of it, which stands beside it. In a login
-// each byte of a character that could disturb the terminal (controls, direction marks, line
-// separators) is written as "\xNN".
+// each byte of a disturbing character is written as "\xNN".
 void write_table(FILE *stream, const report_platform &platform,
                  std::span<const chosen_account> accounts, const table_style &style);
 

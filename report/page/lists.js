@@ -7,7 +7,7 @@ const FILTERS = [
   { key: 'all', label: 'all accounts', keeps: () => true },
   { key: 'over', label: 'over the limit', keeps: (a) => a.percent > 100 },
   { key: 'near', label: '90 to 100 % of the limit', keeps: (a) => a.percent >= NEAR_LIMIT && a.percent <= 100 },
-  { key: 'doubtful', label: 'dirty, missing, unreadable', keeps: (a) => a.state >= FIRST_DOUBTFUL },
+  { key: 'doubtful', label: 'in doubt: dirty or worse', keeps: (a) => a.state >= FIRST_DOUBTFUL },
   { key: 'old', label: 'older than a day', keeps: (a) => a.age > A_DAY },
 ];
 
@@ -22,10 +22,10 @@ function drawCards(place, scope, view, showFilter) {
   const count = (key) => countText(scope.filter(filterOf(key).keeps).length);
   const oldest = scope.reduce((age, account) => Math.max(age, account.age || 0), 0);
   place.replaceChildren(
-    card('all', 'stored in ' + countText(scope.length) + ' accounts', bytesText(view.root.total), ''),
+    card('all', 'stored in ' + countText(scope.length) + ' accounts', bytesText(valueOf(view.root, ALL_KINDS)), ''),
     card('over', '\u25b2 over the limit', count('over'), 'over'),
     card('near', '\u25d5 at 90 to 100 %', count('near'), 'high'),
-    card('doubtful', '\u2731 dirty, missing, unreadable', count('doubtful'), 'doubt'),
+    card('doubtful', '\u2731 in doubt', count('doubtful'), 'doubt'),
     card('old', 'older than a day', count('old'), ''),
     card('all', 'the oldest figure', scope.length === 0 ? '\u2013' : ageText(oldest), ''));
 }

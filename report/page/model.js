@@ -35,13 +35,14 @@ function higher(a, b) {
   return a === null || (b !== null && b > a) ? b : a;
 }
 
-// What steers a terminal or the direction of writing is shown by its number, so that no login can
-// look like another, or like a part of this page.
-const STEERING = /[\u0000-\u001f\u007f-\u009f\u00ad\u061c\u200b-\u200f\u2028-\u202e\u2060-\u2069\ufeff]/g;
+// What disturbs the text around it is shown by its number, so that no login can look like another, or
+// like a part of this page.
+const hex = (code) => code.toString(16).toUpperCase().padStart(4, '0');
+const DISTURBING = new RegExp('[' + report.disturbing.map(([first, last]) =>
+  '\\u{' + hex(first) + '}-\\u{' + hex(last) + '}').join('') + ']', 'gu');
 
 function showText(text) {
-  return text.replace(STEERING, (character) =>
-    '\u2039' + character.charCodeAt(0).toString(16).toUpperCase().padStart(4, '0') + '\u203a');
+  return text.replace(DISTURBING, (character) => '\u2039' + hex(character.codePointAt(0)) + '\u203a');
 }
 
 function percentOf(account, kind) {
@@ -52,8 +53,26 @@ function percentOf(account, kind) {
   return (100 * used) / Math.max(limit, 1);
 }
 
+// What the map shows: the figure, or what those below have together where that is more, as it is
+// when the figure is not known.
 function valueOf(account, kind) {
-  return kind === ALL_KINDS ? account.total : account.used[kind] || 0;
+  return kind === ALL_KINDS ? sumOf(account.weights) : account.weights[kind];
+}
+
+function addWeights(account) {
+  account.children.forEach(addWeights);
+  account.weights = account.used.map((used, kind) =>
+    Math.max(used || 0, account.children.reduce((sum, child) => sum + child.weights[kind], 0)));
+}
+
+// Whether those below tell what the account's own figures do not.
+function isAtLeast(account, kind) {
+  return account.used.some((used, one) =>
+    used === null && account.weights[one] > 0 && (kind === ALL_KINDS || kind === one));
+}
+
+function sumOf(numbers) {
+  return numbers === undefined ? 0 : numbers.reduce((sum, number) => sum + number, 0);
 }
 
 function largestKind(account) {
@@ -74,10 +93,11 @@ function buildTree(all) {
     account.parent = parent && parent.level < account.level ? parent : top;
     account.parent.children.push(account);
   }
-  top.used = report.kinds.map((_, kind) =>
-    top.children.reduce((sum, child) => sum + (child.used[kind] || 0), 0));
   top.limit = report.kinds.map(() => null);
-  top.total = top.used.reduce((sum, bytes) => sum + bytes, 0);
+  top.used = top.limit;
+  addWeights(top);
+  top.used = top.weights;
+  top.total = sumOf(top.used);
   top.percent = null;
   return top;
 }

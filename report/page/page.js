@@ -34,11 +34,9 @@ function select(account) {
 }
 
 function drawAll() {
-  const hadFocus = byId('map').contains(document.activeElement);
   drawPath();
   drawLegend();
   map.draw();
-  if (hadFocus) map.svg.focus({ preventScroll: true });
   drawDetails(byId('details'), view.selected);
   drawCards(byId('cards'), scope, view, showFilter);
   drawLists(byId('lists'), scope, view.kind, select);
@@ -113,7 +111,7 @@ function addKeys() {
     if (event.key === 'ArrowDown' || event.key === 'Enter') byId('table').focus();
   });
   document.addEventListener('keydown', (event) => {
-    if (event.key !== '/' || event.target.closest('input, select')) return;
+    if (event.key !== '/' || event.target.closest('[type=search], select')) return;
     event.preventDefault();
     byId('search').focus();
   });

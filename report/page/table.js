@@ -4,10 +4,6 @@ const ROW_HEIGHT = 30;
 const ROWS_AROUND = 12;
 const PRINTED_ROWS = 200;
 
-function sumOf(numbers) {
-  return numbers === undefined ? 0 : numbers.reduce((sum, number) => sum + number, 0);
-}
-
 function kindContent(account, kind) {
   const used = bytesText(account.used[kind]);
   if (account.limit[kind] === null) return [used];

@@ -25,10 +25,16 @@ function tileMark(node, view) {
   return percent === null ? '' : percentLabel(percent);
 }
 
+function tileFigure(node, view) {
+  const { account, own, folded } = node.data;
+  const atLeast = !own && !folded && isAtLeast(account, view.kind);
+  return (atLeast ? '\u2265\u00a0' : '') + bytesText(node.value);
+}
+
 // Lines of a tile, as far as there is room.
 function tileLines(node, view, width, height) {
   const name = tileName(node.data);
-  const figure = bytesText(node.value);
+  const figure = tileFigure(node, view);
   const mark = tileMark(node.data, view);
   if (node.children) return height < 16 ? [] : [name + '   ' + figure + (mark ? '   ' + mark : '')];
   if (width < 34 || height < 16) return [];
@@ -61,6 +67,7 @@ class Treemap {
   }
 
   draw() {
+    const hadFocus = this.place.contains(document.activeElement);
     const width = Math.max(320, this.place.clientWidth);
     const height = Math.round(Math.max(300, Math.min(width * 0.62, window.innerHeight * 0.6)));
     this.nodes = layOut(this.view.root, this.view.kind, width, height);
@@ -77,6 +84,7 @@ class Treemap {
       this.svg.append(drawn('text', { x: 20, y: 40, class: 'empty' }, 'Nothing is stored here'));
     }
     this.place.replaceChildren(this.svg);
+    if (hadFocus) this.svg.focus({ preventScroll: true });
   }
 
   tile(node, index) {
@@ -90,7 +98,7 @@ class Treemap {
       class: 'tile ' + style + (node.children ? ' group' : ''),
       transform: 'translate(' + node.x0 + ' ' + node.y0 + ')',
       role: 'option',
-      'aria-label': tileName(node.data) + ', ' + bytesText(node.value) + (mark ? ', ' + mark : ''),
+      'aria-label': tileName(node.data) + ', ' + tileFigure(node, this.view) + (mark ? ', ' + mark : ''),
     }, drawn('rect', { width, height, rx: 2 }));
     if (style === 'over') tile.append(drawn('rect', { width, height, class: 'striped' }));
     const lines = tileLines(node, this.view, width, height);

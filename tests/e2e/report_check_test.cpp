@@ -18,7 +18,7 @@ class Check : public Report {
       std::string text = one["finding"].GetString();
       if (!one["account"].IsNull()) text += " " + std::to_string(one["account"].GetInt());
       if (!one["kind"].IsNull()) text += std::string(" ") + one["kind"].GetString();
-      if (!one["where"].IsNull()) text += std::string(" ") + one["where"].GetString();
+      if (one["account"].IsNull()) text += std::string(" ") + one["where"].GetString();
       found.push_back(text);
     }
     std::sort(found.begin(), found.end());
@@ -83,23 +83,31 @@ TEST_F(Check, QuotaFoldersAndAccountsAreCompared) {
   box.set_preference(12, "max_record", "1");
   box.set_preference(12, "fax_storage", "1024");  // all of it is used
   box.add_owner(14, 98, "eve");
+  box.add_owner(15, 3, "gil");  // with files, right below a reseller
+  for (const char *kind : {"fax", "sound", "recording", "voicemail", "music"}) {
+    write_quota(std::string("3/15/") + kind, "0.0");
+  }
+  box.write_file("var/lib/quorvexquota/0003/fax.quota.dirty", "");
+  box.sql("UPDATE hs_account SET username = 'c\\nid' WHERE userID = 12");
   box.add_reseller(12345, "long");
   const std::string root = box.path("var/lib/quorvexquota/");
   EXPECT_EQ(
       findings(),
-      (texts{"account_out_of_place 14", "account_without_file 12345 fax",
+      (texts{"account_out_of_place 14", "account_out_of_place 15", "account_without_file 12345 fax",
              "account_without_file 12345 music", "account_without_file 12345 recording",
              "account_without_file 12345 sound", "account_without_file 12345 voicemail",
              "account_without_file 13 music", "dirty_mark 12 fax",
-             "file_without_account " + root + "1/12", "file_without_account " + root + "99",
-             "id_is_cut 12345", "no_record 13 fax", "over_limit 12 recording", "redo_mark 3"}));
+             "file_without_account " + root + "0003", "file_without_account " + root + "1/12",
+             "file_without_account " + root + "99", "id_is_cut 12345", "no_record 13 fax",
+             "over_limit 12 recording", "redo_mark 3"}));
   for (const rapidjson::Value &one : document_["findings"].GetArray()) {
     const bool is_dirty = one["finding"] == "dirty_mark";
     EXPECT_NEAR(is_dirty ? one["age"].GetInt() : 7200, 7200, 60);
   }
   const std::string text = box.run_report({"check"}).out;
-  EXPECT_NE(text.find("over_limit account 12 cid recording found 2036 expected 1024\n"), text.npos);
-  EXPECT_NE(text.find("\n14 findings\n"), text.npos);
+  EXPECT_NE(text.find("over_limit account 12 c\\x0aid recording found 2036 expected 1024\n"),
+            text.npos);
+  EXPECT_NE(text.find("\n16 findings\n"), text.npos);
 }
 
 TEST_F(Check, StoredFilesAndRowsAreCompared) {
@@ -116,10 +124,18 @@ TEST_F(Check, StoredFilesAndRowsAreCompared) {
             (texts{"file_without_row recording " + box.path("files/monitor/2/12/777.wav"),
                    "file_without_row voicemail " + box.path("cache/main/vm/2/12/9.wav"),
                    "row_without_file recording extension_recording 102"}));
+  std::filesystem::create_symlink("fax", box.path("files/fax"));
+  const support::process_result unreadable =
+      box.run_report({"check", "--storage", box.path("files")});
+  EXPECT_EQ(unreadable.status, 2);
+  EXPECT_NE(unreadable.err.find("/fax: Too many levels of symbolic links\n"), std::string::npos);
 }
 
 TEST_F(Check, MissingIndexesAreNamed) {
   box.sql("ALTER TABLE extension_fax_center DROP KEY sum_of_sizes, ADD KEY half (extension_id)");
+  // These serve as well.
+  box.sql("ALTER TABLE client_prefs DROP PRIMARY KEY, ADD PRIMARY KEY (param, client_id)");
+  box.sql("ALTER TABLE hs_account CHANGE userID USERID INT UNSIGNED");
   EXPECT_EQ(findings(), texts{"index_missing extension_fax_center (extension_id, filesize)"});
   box.sql(document_["findings"][0]["statement"].GetString());
   EXPECT_EQ(findings(), texts{});

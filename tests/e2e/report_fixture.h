@@ -2,32 +2,20 @@
 #ifndef TESTS_E2E_REPORT_FIXTURE_H
 #define TESTS_E2E_REPORT_FIXTURE_H
 
-#include <gtest/gtest.h>
 #include <rapidjson/document.h>
 #include <rapidjson/istreamwrapper.h>
 #include <rapidjson/schema.h>
 
 #include <fstream>
 
-#include "tests/support/sandbox.h"
+#include "tests/e2e/small_platform.h"
 
-// Resellers 1 (ann) and 3 (fay); client 2 (bob) of ann; its users 12 (cid), with an extension and
-// files of each kind, and 13 (dan), with none; all refreshed.
-class Report : public testing::Test {
+// Beside the small platform reseller 3 (fay) and user 13 (dan), who have nothing; all refreshed.
+class Report : public SmallPlatform {
  protected:
-  Report() {
-    box.add_reseller(1, "ann");
+  Report() : SmallPlatform({"administrator.md", "report.md"}) {
     box.add_reseller(3, "fay");
-    box.add_client(2, 1, "bob");
-    box.add_owner(12, 2, "cid");
     box.add_owner(13, 2, "dan");
-    box.add_extension(7, 12, "101");
-    box.add_recording(7, 1536);
-    box.add_recording(7, 500);
-    box.add_voicemail(7, 1023);
-    box.add_fax(7, 1048576);
-    box.write_file(box.sound_folder("12") + "/hello.wav", 100);
-    box.write_file(box.music_folder("0001") + "/song.mp3", 10);
     box.run_spoolcap({"--action", "set", "--all", "--quiet"});
   }
 
@@ -69,8 +57,6 @@ class Report : public testing::Test {
   void write_quota(const std::string &place_and_kind, const std::string &text) {
     box.write_file(box.quota_path(place_and_kind), text);
   }
-
-  support::sandbox box{{.guides = {"administrator.md", "report.md"}}};
 };
 
 #endif

@@ -1,30 +1,16 @@
 // Whole runs on a real platform: which accounts a run is about, what it writes and what it prints.
-#include <gtest/gtest.h>
-
 #include <map>
 #include <regex>
 
+#include "tests/e2e/small_platform.h"
 #include "tests/support/paths_sandbox.h"
-#include "tests/support/sandbox.h"
 
 namespace {
 
-// Reseller 1 (ann), client 2 (bob), owner 12 (cid) with one extension, owner 12345 (dan).
-class Run : public testing::Test {
+// Beside the small platform user 12345 (dan).
+class Run : public SmallPlatform {
  protected:
-  Run() {
-    box.add_reseller(1, "ann");
-    box.add_client(2, 1, "bob");
-    box.add_owner(12, 2, "cid");
-    box.add_owner(12345, 2, "dan");
-    box.add_extension(7, 12, "101");
-    box.add_recording(7, 1536);
-    box.add_recording(7, 500);
-    box.add_voicemail(7, 1023);
-    box.add_fax(7, 1048576);
-    box.write_file(box.sound_folder("12") + "/hello.wav", 100);
-    box.write_file(box.music_folder("0001") + "/song.mp3", 10);
-  }
+  Run() : SmallPlatform({"administrator.md"}) { box.add_owner(12345, 2, "dan"); }
 
   // Runs a command line of the shell, where $spoolcap is the command.
   support::process_result shell(const std::string &line) {
@@ -58,8 +44,6 @@ class Run : public testing::Test {
     }
     return files;
   }
-
-  support::sandbox box{{.guides = {"administrator.md"}}};
 };
 
 TEST_F(Run, SetWritesTheWholeTree) {
