@@ -32,7 +32,8 @@ class cache_file {
   double last_use() const;                               // seconds since the epoch
 
   // When it was made, which nothing changes. Its last use where that is not known.
-  double made_at() const;
+  double made_at() const;  // the last use where the file system does not know
+  bool knows_birth() const;
 
   removal remove();
 

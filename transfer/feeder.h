@@ -53,7 +53,7 @@ class work_feeder {
     bool has_found = false;
     bool is_at_end_only = false;
     clock::duration asked{};  // how long the DisDB took for this look
-    clock::time_point look_at{}, may_look_at{}, paused_until{};
+    clock::time_point look_at{}, may_look_at{};
     bool woken = false;
   };
 
@@ -63,14 +63,10 @@ class work_feeder {
   bool feed(lane &queue, std::unique_lock<std::mutex> &guard);
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
   void end_look(lane &queue);
-  void pause(lane &queue);
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
   void add(lane &queue, queue_entry entry);
   void look_for_blocked();
   void look_again(lane &queue, clock::duration after);
-  clock::time_point may_ask(const lane &queue) const {
-    return std::max(ask_at_, queue.paused_until);
-  }
   clock::time_point next_event() const;
 
   const job_context &context_;

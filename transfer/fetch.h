@@ -32,9 +32,9 @@ class object_fetch {
  private:
   fetch_step get(int target);
   fetch_step after_absence();
-  fetch_step after_trouble(const s3_answer &answer, int target);
+  fetch_step after_trouble(const s3_answer &answer, int target, std::int64_t from);
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
-  bool is_whole(const s3_answer &answer, int target) const;
+  void compare(s3_answer &answer, int target) const;
 
   transfer_queue &queue_;
   transfer_locations &locations_;
@@ -42,8 +42,10 @@ class object_fetch {
   const std::string location_text_, location_, key_;
   const std::chrono::seconds wait_;
   fetch_clock::time_point begun_{};  // of the first try
-  std::string etag_;                 // of what the target has the beginning of
-  bool is_absent_ = false;           // and nothing is queued: asked once more before that counts
+  fetch_clock::time_point moved_{};  // when a try ended that brought something, or the first began
+  fetch_clock::time_point ask_store_at_{};  // while its upload is queued
+  std::string etag_;                        // of what the target has the beginning of
+  bool is_absent_ = false;  // and nothing is queued: asked once more before that counts
   int failures_ = 0;
   receipt got_;
 };

@@ -42,6 +42,8 @@ class multipart_upload {
 
  private:
   bool resume(transfer_locations::lease &client, s3_answer &answer);
+  static bool is_over(const s3_answer &answer);
+  bool is_stored(transfer_locations::lease &client, s3_answer &answer);
   s3_answer begin(transfer_locations::lease &client, const s3_metadata &metadata);
   s3_answer send_parts();
   void send_some();

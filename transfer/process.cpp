@@ -82,6 +82,7 @@ void set_up_process() {
 signal_watch::signal_watch() {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGIO, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a limit of the size of files is an error of the write
   sigset_t watched;
   ::sigemptyset(&watched);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&watched, signal);

@@ -6,6 +6,7 @@
 
 #include <chrono>
 
+#include "platform/s3/answer.h"
 #include "platform/s3/client.h"
 #include "transfer/queue_names.h"
 #include "transfer/scripts.h"
@@ -15,6 +16,8 @@ namespace {
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
 constexpr std::string_view claim_milliseconds = "60000";
+// So long a claim may go without being renewed, and still outlives the request that begins then.
+constexpr std::chrono::seconds claim_is_sure{30};
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
 
@@ -97,14 +100,25 @@ bool transfer_queue::run(const queue_script &script, texts keys, texts arguments
 
 queue_state transfer_queue::run_state(const queue_script &script, texts keys, texts arguments) {
   vk_reply reply;
-  return run(script, keys, arguments, reply) ? state_of(text_of(*reply)) : queue_state::down;
+  const bool is_done = run(script, keys, arguments, reply);
+  if (reply) {
+    const std::lock_guard guard(lock_);
+    refusal_ = is_done ? std::string() : s3_one_line(text_of(*reply));
+  }
+  return is_done ? state_of(text_of(*reply)) : queue_state::down;
+}
+
+std::string transfer_queue::refusal() const {
+  const std::lock_guard guard(lock_);
+  return refusal_;
 }
 
 std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
   const std::lock_guard guard(lock_);
   if (claims_.contains(name)) return std::nullopt;
   const std::string value = claim_prefix_ + std::to_string(++claim_count_);
-  claims_.emplace(name, own_claim{value, std::chrono::steady_clock::now()});
+  const auto now = std::chrono::steady_clock::now();
+  claims_.emplace(name, own_claim{value, now, now});
   return value;
 }
 
@@ -120,6 +134,21 @@ std::string transfer_queue::age_of_claim(const std::string &name) const {
   if (claim == claims_.end()) return "0";
   const auto age = std::chrono::steady_clock::now() - claim->second.since;
   return std::to_string(std::chrono::ceil<std::chrono::milliseconds>(age).count());
+}
+
+bool transfer_queue::is_sure(const std::string &name) const {
+  const std::lock_guard guard(lock_);
+  const auto claim = claims_.find(name);
+  return claim != claims_.end() &&
+         std::chrono::steady_clock::now() - claim->second.renewed < claim_is_sure;
+}
+
+bool transfer_queue::holds(const upload_member &member) const {
+  return is_sure(upload_names(member).claim);
+}
+
+bool transfer_queue::holds(const delete_member &member) const {
+  return is_sure(delete_names(member).claim);
 }
 
 void transfer_queue::forget_claim(const std::string &name) {
@@ -264,8 +293,13 @@ void transfer_queue::renew_claims() {
     claims = claims_;
   }
   for (const auto &[name, held] : claims) {
+    const auto begun = std::chrono::steady_clock::now();
     const queue_state state = run_state(renew_script, {name}, {claim_milliseconds, held.value});
     if (state == queue_state::down) return;
+    const std::lock_guard guard(lock_);
+    const auto claim = claims_.find(name);
+    if (claim == claims_.end() || claim->second.value != held.value) continue;
+    claim->second.renewed = state == queue_state::unchanged ? begun : decltype(begun)();
   }
 }
 

@@ -2,6 +2,7 @@
 #include "transfer/reporter.h"
 
 #include "main/transfer/wire.h"
+#include "platform/base/diagnostics.h"
 
 namespace {
 
@@ -44,10 +45,15 @@ void reporter::run() {
     if (is_ending_) return;
     const auto askers = std::exchange(askers_, {});
     guard.unlock();
-    const std::vector<std::string> pieces = pieces_of(status_());
+    for (const auto &one : askers) one->is_asking = false;
+    const bool is_told = no_throw(false, [&] {
+      const std::vector<std::string> pieces = pieces_of(status_());
+      for (const auto &one : askers) one->say(pieces);
+      return true;
+    });
+    // Who would wait for the rest of an answer is to know.
     for (const auto &one : askers) {
-      one->is_asking = false;
-      one->say(pieces);
+      if (!is_told) one->break_off();
     }
     guard.lock();
   }

@@ -49,9 +49,9 @@ bool sweep_page(const job_context &context, const worker_settings &settings,
 
 void sweep_forgotten_parts(const job_context &context, const worker_settings &settings) {
   for (const std::string &location : context.locations.names()) {
-    if (!context.locations.may_start(location)) continue;
+    const auto permit = context.locations.start(location);
+    if (!permit) continue;
     while (sweep_page(context, settings, location)) {
     }
-    context.locations.skip(location);
   }
 }

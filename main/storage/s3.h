@@ -9,7 +9,7 @@
 
 // A request and its completion meet here, in either order; the second one gets the request, and
 // ends it.
-class download_request {
+class fetch_request {
  public:
   void *started(void *request) {
     const std::lock_guard guard(lock_);
@@ -32,7 +32,7 @@ class download_request {
 
 struct s3_fetch {
   std::string cache_path;  // where a download goes in the end
-  download_request request;
+  fetch_request request;
 };
 
 #endif

@@ -132,6 +132,7 @@ void s3_client::connection::prepare() {
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
   curl_easy_setopt(handle, CURLOPT_USERAGENT, "spoolcap");
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROXY, "");       // whatever the environment says
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, message_);
@@ -181,7 +182,8 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
     const bool stalls = ready == 0 && running.stalled();
     if (stalls || running.trickles()) {
       result = CURLE_OPERATION_TIMEDOUT;
-      running.fault = stalls ? "no byte moved for too long" : "the object comes too slowly";
+      running.fault =
+          stalls ? "no byte moved for too long" : "the object or the answer comes too slowly";
       break;
     }
   }
@@ -271,6 +273,8 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
     answer.text = std::string("the file here: ") + ::strerrordesc_np(answer.error);
     return;
   }
+  // Of which object the beginning came.
+  answer.etag = s3_unquoted(running.header("ETag"));
   long sent = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent);
   answer.outcome = sent == 0 ? s3_outcome::unreachable : s3_outcome::unclear;

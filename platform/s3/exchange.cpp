@@ -131,14 +131,20 @@ bool s3_exchange::pace(std::size_t bytes) {
 }
 
 bool s3_exchange::trickles() {
-  constexpr curl_off_t least_rate = 4096;
+  constexpr curl_off_t least_down = 4096, least_up = 512;  // bytes a second
+  constexpr auto longest_answer = std::chrono::minutes(10);
   const auto now = clock::now();
-  if (request_.to < 0 || now - window_begin_ < control_.trickle_window) return false;
-  curl_off_t down = 0;
+  const bool sends = given_ < request_.length();
+  // A store may say a byte now and then while it makes an answer.
+  if (!sends && request_.to < 0) return now - window_begin_ > longest_answer;
+  if (now - window_begin_ < control_.trickle_window) return false;
+  curl_off_t up = 0, down = 0;
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &up);
   curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
-  const bool slow = down - window_bytes_ < least_rate * control_.trickle_window.count();
+  const curl_off_t least = sends ? least_up : least_down;
+  const bool slow = up + down - window_bytes_ < least * control_.trickle_window.count();
   window_begin_ = now;
-  window_bytes_ = down;
+  window_bytes_ = up + down;
   return slow;
 }
 

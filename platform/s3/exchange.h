@@ -46,8 +46,8 @@ class s3_exchange {
 
   // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
   bool stalled();
-  // Whether a download has come too slowly for the control's window; waiting for the rate does not
-  // count.
+  // Whether the object has moved too slowly for the control's window, or an answer without one
+  // takes too long; waiting for the rate does not count.
   bool trickles();
 
   long status() const;
@@ -78,7 +78,7 @@ class s3_exchange {
   std::int64_t seen_ = -1;
   clock::time_point moved_ = clock::now();
   clock::time_point window_begin_ = clock::now();
-  curl_off_t window_bytes_ = 0;  // that had come at its begin
+  curl_off_t window_bytes_ = 0;  // that had moved at its begin
 };
 
 #endif

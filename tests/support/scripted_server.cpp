@@ -11,7 +11,7 @@
 namespace support {
 namespace {
 
-// The body of the next request; nullopt at the end of the connection.
+// The next request; nullopt at the end of the connection.
 std::optional<std::string> read_request(int fd) {
   std::string request;
   for (char buffer[65536];;) {
@@ -19,7 +19,7 @@ std::optional<std::string> read_request(int fd) {
     if (head != request.npos) {
       const size_t length = request.find("Content-Length: ");
       const size_t body = length < head ? std::strtoul(&request[length + 16], nullptr, 10) : 0;
-      if (request.size() >= head + 4 + body) return request.substr(head + 4);
+      if (request.size() >= head + 4 + body) return request;
     }
     const ssize_t received = ::recv(fd, buffer, sizeof buffer, 0);
     if (received <= 0) return std::nullopt;
@@ -49,9 +49,9 @@ void scripted_server::serve() {
     ++connections_;
     open_ = connection.get();
     while (!ends_) {
-      const std::optional<std::string> body = read_request(connection.get());
-      if (!body) break;
-      const std::string answer = answer_(*body);
+      const std::optional<std::string> request = read_request(connection.get());
+      if (!request) break;
+      const std::string answer = answer_(*request);
       const ssize_t sent = ::send(connection.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
       if (sent != std::ssize(answer) || then_ == then::closes) break;
     }

@@ -16,8 +16,8 @@ class scripted_server {
  public:
   enum class then { closes, keeps_open };
 
-  // From the body of the request.
-  using answer_maker = std::function<std::string(std::string_view body)>;
+  // From the whole request, its head first.
+  using answer_maker = std::function<std::string(std::string_view request)>;
 
   explicit scripted_server(answer_maker answer, then what = then::keeps_open);
   // The same to each request.
