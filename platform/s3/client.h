@@ -128,8 +128,8 @@ struct s3_control {
   std::atomic<std::int64_t> bytes_per_second{0};  // both ways together; 0 for no limit
   std::chrono::milliseconds connect_timeout{5000};
   std::chrono::seconds stall_timeout{30};  // without a byte moving
-  // A download that brings less than 4 KiB for each second of such a time ends, `unclear`; so does
-  // an upload that sends less than 512 bytes.
+  // A download that brings less than 4 KiB for each second of such a time ends, `unclear`. So does
+  // an upload that sends less than 512 bytes a second, and an answer that takes ten such times.
   std::chrono::seconds trickle_window{60};
   // Told to the caller for its status: bytes of running transfers are added as they move.
   std::atomic<std::uint64_t> sent{0}, received{0};

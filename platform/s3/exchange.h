@@ -46,8 +46,8 @@ class s3_exchange {
 
   // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
   bool stalled();
-  // Whether the object has moved too slowly for the control's window, or an answer without one
-  // takes too long; waiting for the rate does not count.
+  // Whether bytes have moved too slowly for the control's window, or for ten of them while the
+  // store makes an answer; waiting for the rate does not count.
   bool trickles();
 
   long status() const;
@@ -69,6 +69,7 @@ class s3_exchange {
   bool write_all(std::string_view bytes);
   bool find_start();
   bool pace(std::size_t bytes);
+  std::int64_t moved() const;  // bytes both ways, without those that the kernel still has
 
   const s3_request &request_;
   s3_control &control_;
@@ -78,7 +79,7 @@ class s3_exchange {
   std::int64_t seen_ = -1;
   clock::time_point moved_ = clock::now();
   clock::time_point window_begin_ = clock::now();
-  curl_off_t window_bytes_ = 0;  // that had moved at its begin
+  std::int64_t window_bytes_ = 0;  // that had moved at its begin
 };
 
 #endif
