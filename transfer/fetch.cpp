@@ -68,6 +68,12 @@ fetch_step object_fetch::get(int target) {
   transfer_locations::lease client = locations_.client(location_);
   if (!client) return {kind::failed, {}, "the location is not configured"};
   s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
+  if (from > 0 && answer.etag.empty()) answer.etag = etag_;
+  const bool has_content = answer || answer.outcome == s3_outcome::unclear;
+  if (from > 0 && has_content && answer.etag != etag_) {
+    answer.outcome = s3_outcome::changed;
+    answer.text = "the store went on with another object";
+  }
   if (answer) compare(answer, target);
   locations_.tell(location_, answer);
   if (answer) {
