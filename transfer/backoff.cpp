@@ -11,7 +11,9 @@ namespace {
 
 // Bounds the memory, however long the queues are.
 constexpr size_t most_members = 10'000;
-constexpr size_t most_named = 20;  // in the log; the status names more
+constexpr size_t crowd_places = size_t{1} << 19U;
+constexpr size_t most_named = 20;      // in the log; the status names more
+constexpr int tries_before_told = 10;  // of what may come right by itself
 // All in seconds.
 constexpr double first_pause = 1;
 constexpr double longest_pause = 300;
@@ -47,21 +49,35 @@ void backoff_table::schedule(const name &which, entry &what, double when) {
   due_[which.first].emplace(when, which.second);
 }
 
-bool backoff_table::holds(const work_item &item) {
+bool backoff_table::is_told(const entry &what) {
+  return what.end == job_end::parked ||
+         (what.end == job_end::retry && what.told.tries >= tries_before_told);
+}
+
+bool backoff_table::holds(const work_item &item, double now) {
   const auto found = entries_.find({item.kind, item.entry.member});
-  if (found == entries_.end()) return false;
-  // Another score is another commit, which has not failed yet.
+  if (found == entries_.end()) return !crowd_.empty() && place_in_crowd(item) > now / 60;
   if (found->second.score == item.entry.score) return true;
   forget(item);
   return false;
 }
 
-bool backoff_table::put_aside(const work_item &item, const job_result &result, double now,
+std::uint32_t &backoff_table::place_in_crowd(const work_item &item) {
+  crowd_.resize(crowd_places);
+  const size_t hash = std::hash<std::string>()(item.entry.member + ' ' + item.entry.score);
+  return crowd_[hash % crowd_places];
+}
+
+void backoff_table::put_aside(const work_item &item, const job_result &result, double now,
                               double window) {
   const name which{item.kind, item.entry.member};
   auto found = entries_.find(which);
   if (found == entries_.end()) {
-    if (entries_.size() >= most_members) return false;
+    if (entries_.size() >= most_members) {
+      place_in_crowd(item) =
+          static_cast<std::uint32_t>((now + pause_after(result, 1, window)) / 60) + 1;
+      return;
+    }
     found = entries_.emplace(which, entry{}).first;
     found->second.told.member = item.entry.member;
     found->second.told.since = now;
@@ -69,18 +85,16 @@ bool backoff_table::put_aside(const work_item &item, const job_result &result, d
     found->second.is_due = true;
   }
   entry &what = found->second;
-  // Each new reason once, and only while there are few: the log is for persons.
-  if (result.end == job_end::parked && what.told.reason != result.reason &&
-      entries_.size() <= most_named) {
-    QX_LOG(FR_LOG_WARNING, "queue member [%s] is put aside: %s\n", item.entry.member.c_str(),
-           result.reason.c_str());
-  }
+  const bool was_told = is_told(what) && what.told.reason == result.reason;
   what.score = item.entry.score;
   what.told.reason = result.reason;
   what.end = result.end;
   ++what.told.tries;
+  if (is_told(what) && !was_told && entries_.size() <= most_named) {
+    QX_LOG(FR_LOG_WARNING, "queue member [%s] is put aside: %s\n", item.entry.member.c_str(),
+           result.reason.c_str());
+  }
   schedule(which, what, now + pause_after(result, what.told.tries, window));
-  return true;
 }
 
 void backoff_table::postpone(const work_item &item, double until) {
@@ -134,7 +148,7 @@ double backoff_table::next_due(queue_kind kind) const {
 std::vector<parked_member> backoff_table::parked(size_t most) const {
   std::vector<const parked_member *> found;
   for (const auto &[which, what] : entries_) {
-    if (what.end == job_end::parked) found.push_back(&what.told);
+    if (is_told(what)) found.push_back(&what.told);
   }
   // By pointer: members hold texts, and only the first ones are copied.
   std::ranges::stable_sort(found, {}, &parked_member::since);
@@ -146,15 +160,18 @@ std::vector<parked_member> backoff_table::parked(size_t most) const {
 }
 
 size_t backoff_table::parked_count() const {
-  return static_cast<size_t>(std::ranges::count_if(
-      entries_, [](const auto &one) { return one.second.end == job_end::parked; }));
+  return static_cast<size_t>(
+      std::ranges::count_if(entries_, [](const auto &one) { return is_told(one.second); }));
 }
 
-size_t backoff_table::waiting() const {
-  return entries_.size() - parked_count();
+size_t backoff_table::waiting(double now) const {
+  return entries_.size() - parked_count() +
+         static_cast<size_t>(std::ranges::count_if(
+             crowd_, [now](std::uint32_t minute) { return minute > now / 60; }));
 }
 
 void backoff_table::hurry_all(double now) {
+  crowd_.clear();
   for (auto &[which, what] : entries_) {
     // Waiting is for time to pass, which no reload makes faster.
     if (!what.is_due && what.end != job_end::waiting) schedule(which, what, now);

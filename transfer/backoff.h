@@ -1,8 +1,9 @@
-// The members that failed and are put aside for a while, a bounded number of them. Not safe from
-// several threads.
+// The members that failed and are put aside for a while, in bounded memory. Not safe from several
+// threads.
 #ifndef TRANSFER_BACKOFF_H
 #define TRANSFER_BACKOFF_H
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -22,10 +23,10 @@ class backoff_table {
  public:
   // Whether this member is put aside with this score. One that was queued again is forgotten, and
   // may be tried at once.
-  bool holds(const work_item &item);
+  bool holds(const work_item &item, double now);
   // Puts a member aside for as long as its result says; `window` is the time of unclear ends, in
-  // seconds. False when there is no room: it is found in the queue again.
-  bool put_aside(const work_item &item, const job_result &result, double now, double window);
+  // seconds.
+  void put_aside(const work_item &item, const job_result &result, double now, double window);
   // Lets a member wait that was due and could not be tried.
   void postpone(const work_item &item, double until);
   // For a member that is done, or is in the queue no more. One that is not in the table is no
@@ -38,10 +39,10 @@ class backoff_table {
   // forgotten.
   std::vector<work_item> take_due(queue_kind kind, double now, size_t most);
   double next_due(queue_kind kind) const;  // seconds since the epoch; 0 for none
-  // Those that a person must mend, oldest first.
+  // Those that a person must mend, or may have to, oldest first.
   std::vector<parked_member> parked(size_t most) const;
   size_t parked_count() const;
-  size_t waiting() const;  // how many others there are
+  size_t waiting(double now) const;  // how many others there are, about
   // All that may be mended by now are due.
   void hurry_all(double now);
 
@@ -55,12 +56,16 @@ class backoff_table {
     job_end end = job_end::retry;
     bool is_due = false;  // taken, and not in `due_`
   };
-  // Keeps `entries_` and `due_` in step; nothing else writes to `due_` but taking and forgetting.
+  static bool is_told(const entry &what);
+  std::uint32_t &place_in_crowd(const work_item &item);
   void schedule(const name &which, entry &what, double when);
 
   // By name, so that the uploads below a prefix stand side by side; and by time, for each queue.
   std::map<name, entry> entries_;
   std::map<queue_kind, std::set<std::pair<double, std::string>>> due_;
+  // Of more members than `entries_` may have: by a hash of member and score, the minute since the
+  // epoch from which on it is tried again when a look finds it. Two in one place wait alike.
+  std::vector<std::uint32_t> crowd_;
 };
 
 #endif

@@ -36,15 +36,22 @@ std::optional<cache_file> cache_file::open(int folder, std::string name) {
   return cache_file(folder, std::move(name), std::move(fd), status);
 }
 
-// The time of birth: that of the last write changes with each use.
-double cache_file::made_at() const {
+static std::optional<double> birth_of(int fd) {
   struct statx status {};
-  if (::statx(fd_.get(), "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
+  if (::statx(fd, "", AT_EMPTY_PATH, STATX_BTIME, &status) != 0 ||
       (status.stx_mask & STATX_BTIME) == 0) {
-    return last_use();
+    return std::nullopt;
   }
   return static_cast<double>(status.stx_btime.tv_sec) +
          static_cast<double>(status.stx_btime.tv_nsec) / 1e9;
+}
+
+double cache_file::made_at() const {
+  return birth_of(fd_.get()).value_or(last_use());
+}
+
+bool cache_file::knows_birth() const {
+  return birth_of(fd_.get()).has_value();
 }
 
 double cache_file::last_use() const {

@@ -34,7 +34,8 @@ class cache_file {
   double last_use() const;                               // seconds since the epoch
 
   // When it was made, which nothing changes. Its last use where that is not known.
-  double made_at() const;
+  double made_at() const;  // the last use where the file system does not know
+  bool knows_birth() const;
 
   // Takes a write lease for the length of the call. Who opens the file meanwhile waits for it.
   removal remove();

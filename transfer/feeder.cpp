@@ -15,7 +15,6 @@ constexpr size_t most_due = 64;   // handed out at once
 constexpr auto renew_every = 15s;
 constexpr auto trim_every = 1h;
 constexpr auto pause_when_down = 500ms;
-constexpr auto pause_when_full = 30s;
 constexpr auto shortest_between_looks = 500ms;
 constexpr int share_of_looks = 10;   // so many times what a look costs the DisDB passes to the next
 constexpr double end_of_queue = 60;  // seconds: a member is told of within it
@@ -76,18 +75,17 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
   lane &queue = lane_of(item.kind);
   // First of all: from now on a look may hand the member out again.
   queue.taken.erase(item.entry.member);
+  // Uploads meet a deletion from its begin on.
+  if (item.kind == queue_kind::deletes && result.end != job_end::held) {
+    const auto deletion = delete_member::parse(item.entry.member);
+    if (deletion) aside_.hurry(*deletion, context_.queue.node(), qx_get_tstamp());
+  }
   switch (result.end) {
     case job_end::settled:
       aside_.forget(item);
       // The look's place in the set moves to the front by as much.
       ++queue.removed;
-      if (item.kind == queue_kind::deletes) {
-        const auto deletion = delete_member::parse(item.entry.member);
-        // Uploads that were cancelled wait in vain; now they can find that out.
-        if (deletion) aside_.hurry(*deletion, context_.queue.node(), qx_get_tstamp());
-      } else if (!is_blocked_) {
-        return;
-      }
+      if (item.kind == queue_kind::uploads && !is_blocked_) return;
       if (is_blocked_) look_for_blocked();  // the location answers again
       break;
     // The member is at the end of the queue now, with its new time.
@@ -105,7 +103,7 @@ void work_feeder::ended(const work_item &item, const job_result &result) {
       look_again(queue, pause_when_down);
       break;
     default:
-      if (!aside_.put_aside(item, result, qx_get_tstamp(), window_)) pause(queue);
+      aside_.put_aside(item, result, qx_get_tstamp(), window_);
   }
   has_event_ = true;
   events_.notify_one();
@@ -123,7 +121,7 @@ size_t work_feeder::parked_count() const {
 
 size_t work_feeder::waiting() const {
   const std::lock_guard guard(lock_);
-  return aside_.waiting();
+  return aside_.waiting(qx_get_tstamp());
 }
 
 bool work_feeder::is_working() const {
@@ -133,19 +131,6 @@ bool work_feeder::is_working() const {
 
 void work_feeder::look_again(lane &queue, clock::duration after) {
   queue.look_at = std::min(queue.look_at, clock::now() + after);
-}
-
-// So many fail that no more can be remembered: what is not remembered would be tried without end.
-void work_feeder::pause(lane &queue) {
-  queue.paused_until = clock::now() + pause_when_full;
-  queue.has_found = true;
-  // Members of the table stay: they count as handed out there, and nobody would do it again.
-  std::erase_if(queue.ready, [&](const queue_entry &entry) {
-    if (aside_.holds({queue.kind, entry})) return false;
-    queue.taken.erase(entry.member);
-    return true;
-  });
-  look_again(queue, pause_when_full);
 }
 
 void work_feeder::look_for_blocked() {
@@ -178,8 +163,7 @@ static std::string location_of(const queue_entry &entry) {
 void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries) {
   for (const queue_entry &entry : entries) {
     work_item item{queue.kind, entry};
-    // Work for a worker already, or put aside until its time.
-    if (queue.taken.contains(entry.member) || aside_.holds(item)) continue;
+    if (queue.taken.contains(entry.member) || aside_.holds(item, qx_get_tstamp())) continue;
     const std::string location = location_of(entry);
     // What names no location is handed out to be told of.
     if (context_.locations.is_known(location) && !context_.locations.might_start(location)) {
@@ -230,8 +214,7 @@ void work_feeder::end_look(lane &queue) {
 
 // Reads a page when the workers are about to run out. True when there may be more to read at once.
 bool work_feeder::feed(lane &queue, std::unique_lock<std::mutex> &guard) {
-  // Bounds what is held in memory, however long the queue is.
-  if (queue.ready.size() >= low_water || clock::now() < may_ask(queue)) return false;
+  if (queue.ready.size() >= low_water || clock::now() < ask_at_) return false;
   if (queue.cursor < 0 && !begin_look(queue, guard)) return false;
   // Those that workers have may be removed while the page is read, and move the rest to the front.
   long cursor =
@@ -273,8 +256,8 @@ work_feeder::clock::time_point work_feeder::next_event() const {
     if (queue->ready.size() >= low_water) continue;
     // A look that is under way goes on as soon as there is room for a page.
     const bool looks = queue->cursor >= 0 || queue->woken;
-    when = std::min(when, looks ? may_ask(*queue)
-                                : std::max({queue->look_at, queue->may_look_at, may_ask(*queue)}));
+    when =
+        std::min(when, looks ? ask_at_ : std::max({queue->look_at, queue->may_look_at, ask_at_}));
     const double due = aside_.next_due(queue->kind);
     if (due != 0) when = std::min(when, moment_of(due));
   }

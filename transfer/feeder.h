@@ -60,8 +60,7 @@ class work_feeder {
     // The look was begun in the last minute's members, as something was just queued.
     bool is_at_end_only = false;
     clock::duration asked{};  // how long the DisDB took for this look
-    // When the next look is due; before when none may begin; until when no page is read.
-    clock::time_point look_at{}, may_look_at{}, paused_until{};
+    clock::time_point look_at{}, may_look_at{};
     bool woken = false;
   };
 
@@ -77,9 +76,6 @@ class work_feeder {
   bool begin_look(lane &queue, std::unique_lock<std::mutex> &guard);
   // Sets when the next look may begin: a long queue must not keep the DisDB busy with looks.
   void end_look(lane &queue);
-  // The table of failures is full: takes back what is ready, and reads nothing for a while.
-  void pause(lane &queue);
-  // Makes members ready that no worker has, that are not put aside, and whose location is up.
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
   // Makes a member ready and wakes a worker.
   void add(lane &queue, queue_entry entry);
@@ -87,11 +83,6 @@ class work_feeder {
   void look_for_blocked();
   // Brings the next look forward; never puts it off.
   void look_again(lane &queue, clock::duration after);
-  // The DisDB is given a pause when it did not answer, a queue when too many of its members fail.
-  clock::time_point may_ask(const lane &queue) const {
-    return std::max(ask_at_, queue.paused_until);
-  }
-  // Until when `run` may sleep if nothing wakes it.
   clock::time_point next_event() const;
 
   const job_context &context_;

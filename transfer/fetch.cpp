@@ -14,10 +14,10 @@ namespace {
 using namespace std::chrono_literals;
 using kind = fetch_step::kind;
 
-constexpr fetch_clock::duration patience = 30s;      // with a store in trouble, without progress
-constexpr std::int64_t least_progress = 30 * 4096L;  // bytes
+constexpr fetch_clock::duration patience = 30s;      // with a store in trouble that brings nothing
 constexpr fetch_clock::duration look_again = 500ms;  // at a location that rests
-constexpr fetch_clock::duration next_look = 200ms;   // at an object that is still to be uploaded
+constexpr fetch_clock::duration next_look = 200ms;   // at the queue, for an upload that waits in it
+constexpr fetch_clock::duration ask_store_every = 2s;
 constexpr double first_delay = 0.5, longest_delay = 5;
 
 // -1 when it cannot be told, which equals no length of an object.
@@ -50,10 +50,14 @@ object_fetch::object_fetch(transfer_queue &queue, transfer_locations &locations,
       wait_(wait) {}
 
 fetch_step object_fetch::attempt(int target) {
-  // The time to wait counts from the first try, not from the order.
-  if (begun_ == fetch_clock::time_point()) begun_ = fetch_clock::now();
+  if (begun_ == fetch_clock::time_point()) begun_ = moved_ = fetch_clock::now();
   if (!locations_.is_known(location_)) return {kind::failed, {}, "the location is not configured"};
-  if (!locations_.may_start(location_)) return later(look_again, "the location is in trouble");
+  // Its upload tells the DisDB when it is done.
+  if (fetch_clock::now() < ask_store_at_ && queue_.is_queued(location_text_, key_) == true) {
+    return {kind::again, next_look};
+  }
+  const auto permit = locations_.start(location_);
+  if (!permit) return later(look_again, "the location is in trouble");
   return get(target);
 }
 
@@ -63,41 +67,28 @@ fetch_step object_fetch::get(int target) {
   const std::int64_t from = etag_.empty() ? 0 : size;
   // Bytes of an object that is not known are no beginning of anything.
   if (from == 0 && size != 0 && ::ftruncate(target, 0) != 0) {
-    locations_.skip(location_);
     return {kind::failed, {}, std::strerror(errno)};
   }
   transfer_locations::lease client = locations_.client(location_);
-  if (!client) {
-    locations_.skip(location_);
-    return {kind::failed, {}, "the location is not configured"};
-  }
-  // With the ETag as a condition: another object there is `changed`, and begun anew.
+  if (!client) return {kind::failed, {}, "the location is not configured"};
   s3_answer answer = client->get(key_, target, from, from > 0 ? etag_ : "");
-  if (const std::int64_t come = size_of(target); come >= furthest_ + least_progress) {
-    furthest_ = come;
-    begun_ = fetch_clock::now();
-  }
   if (from > 0 && answer.etag.empty()) answer.etag = etag_;
   const bool has_content = answer || answer.outcome == s3_outcome::unclear;
   if (from > 0 && has_content && answer.etag != etag_) {
     answer.outcome = s3_outcome::changed;
     answer.text = "the store went on with another object";
   }
-  if (answer && !is_whole(answer, target)) {
-    answer.outcome = s3_outcome::damaged;
-    answer.text = "what came is not what is stored";
-  }
-  // After the comparison, so that a store which damages objects is noticed.
+  if (answer) compare(answer, target);
   locations_.tell(location_, answer);
   if (answer) {
-    got_ = {answer.etag, answer.length};
+    got_ = {.etag = answer.etag, .length = answer.length, .is_fetched = true};
     return {kind::done};
   }
   // A bucket that is missing says nothing about the object.
   if (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket") {
     return after_absence();
   }
-  return after_trouble(answer);
+  return after_trouble(answer, target, from);
 }
 
 // Its upload may still be queued, on any node, or may have ended between the two questions.
@@ -108,15 +99,20 @@ fetch_step object_fetch::after_absence() {
   is_absent_ = is_queued == false;
   if (is_absent_) return {kind::again};
   if (fetch_clock::now() - begun_ >= wait_) return {kind::failed, {}, "its upload is still queued"};
+  ask_store_at_ = std::min(fetch_clock::now() + ask_store_every, begun_ + wait_);
   return {kind::again, next_look};
 }
 
-fetch_step object_fetch::after_trouble(const s3_answer &answer) {
+fetch_step object_fetch::after_trouble(const s3_answer &answer, int target, std::int64_t from) {
   ++failures_;
   switch (answer.outcome) {
     case s3_outcome::unclear:
-      // It broke off: what came is the beginning.
-      etag_ = answer.etag;
+      // It broke off: what came is the beginning, unless another object was asked for.
+      if (!answer.etag.empty() && size_of(target) > from) {
+        etag_ = answer.etag;
+        moved_ = fetch_clock::now();
+        failures_ = 1;
+      }
       break;
     // Nothing came, so what is there stays the beginning.
     case s3_outcome::busy:
@@ -139,19 +135,27 @@ fetch_step object_fetch::after_trouble(const s3_answer &answer) {
 }
 
 fetch_step object_fetch::later(fetch_clock::duration delay, const std::string &reason) const {
-  // A store that asks for more patience than the host has is a failure now.
-  if (fetch_clock::now() + delay - begun_ > patience) return {kind::failed, {}, reason};
+  if (fetch_clock::now() + delay - moved_ > patience) return {kind::failed, {}, reason};
   return {kind::again, delay};
 }
 
-bool object_fetch::is_whole(const s3_answer &answer, int target) const {
-  if (size_of(target) != answer.length) return false;
+// Makes the answer a failure when what came is not what is stored.
+void object_fetch::compare(s3_answer &answer, int target) const {
   const auto noted = answer.metadata.find("sha256");
   const bool by_md5 = is_md5(answer.etag);
-  if (!by_md5 && noted == answer.metadata.end()) return true;
-  s3_body body{.fd = target, .length = answer.length};
-  // One digest is enough, and computing both costs twice the time.
-  const s3_digests wanted = by_md5 ? s3_digests::md5 : s3_digests::sha256;
-  if (!s3_digest(body, &control_.stop, wanted)) return false;
-  return by_md5 ? s3_hex(body.md5) == answer.etag : s3_hex(body.sha256) == noted->second;
+  const bool can_compare = by_md5 || noted != answer.metadata.end();
+  bool is_same = size_of(target) == answer.length;
+  if (is_same && can_compare) {
+    s3_body body{.fd = target, .length = answer.length};
+    if (!s3_digest(body, &control_.stop, by_md5 ? s3_digests::md5 : s3_digests::sha256)) {
+      answer.error = errno;
+      answer.outcome = control_.stop ? s3_outcome::stopped : s3_outcome::local_error;
+      answer.text = std::string("what came cannot be read: ") + std::strerror(answer.error);
+      return;
+    }
+    is_same = by_md5 ? s3_hex(body.md5) == answer.etag : s3_hex(body.sha256) == noted->second;
+  }
+  if (is_same) return;
+  answer.outcome = s3_outcome::damaged;
+  answer.text = "what came is not what is stored";
 }

@@ -36,22 +36,20 @@ class object_fetch {
   fetch_step get(int target);
   // What to do when the store has no such object.
   fetch_step after_absence();
-  // What to do when the store or the way to it failed.
-  fetch_step after_trouble(const s3_answer &answer);
-  // Another try after the delay, or a failure when the patience is over by then.
+  fetch_step after_trouble(const s3_answer &answer, int target, std::int64_t from);
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
-  // Compares length and content. Without a digest to compare with, the length decides.
-  bool is_whole(const s3_answer &answer, int target) const;
+  void compare(s3_answer &answer, int target) const;
 
   transfer_queue &queue_;
   transfer_locations &locations_;
   s3_control &control_;
   const std::string location_text_, location_, key_;
   const std::chrono::seconds wait_;
-  fetch_clock::time_point begun_{};  // the first try, or the first after the last progress
-  std::int64_t furthest_ = 0;        // bytes that the target had then
-  std::string etag_;                 // of what the target has the beginning of
-  bool is_absent_ = false;           // and nothing is queued: asked once more before that counts
+  fetch_clock::time_point begun_{};  // of the first try
+  fetch_clock::time_point moved_{};  // when a try ended that brought something, or the first began
+  fetch_clock::time_point ask_store_at_{};  // while its upload is queued
+  std::string etag_;                        // of what the target has the beginning of
+  bool is_absent_ = false;  // and nothing is queued: asked once more before that counts
   int failures_ = 0;
   receipt got_;
 };

@@ -4,10 +4,13 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include <spoolcap/zarn_str.h>
 #include "main/storage/names.h"
+#include "transfer/jitter.h"
 
 namespace {
 
@@ -42,7 +45,8 @@ job_result failure_of(const s3_answer &answer) {
   switch (answer.outcome) {
     case s3_outcome::refused:
     case s3_outcome::not_found:
-      return {job_end::parked, reason};
+      // The location is named in its own line, and waits as a whole.
+      return {is_about_location(answer) ? job_end::held : job_end::parked, reason};
     case s3_outcome::local_error:
       return {job_end::parked,
               "the file cannot be read: " + std::string(std::strerror(answer.error))};
@@ -51,8 +55,17 @@ job_result failure_of(const s3_answer &answer) {
   }
 }
 
+void pause_before_repeating(const job_context &context, int attempt) {
+  constexpr double first = 0.2, longest = 2, step = 0.1;
+  for (double left = jittered(attempt, first, longest); left > 0 && !context.control.stop;
+       left -= step) {
+    std::this_thread::sleep_for(std::chrono::duration<double>(std::min(left, step)));
+  }
+}
+
 bool may_follow(const s3_answer &answer) {
-  // After these the store may still work on the request, for as long as it likes.
+  // Decided before the body was looked at.
+  if (answer.code == "SlowDown" || answer.status == 429) return false;
   return answer.outcome == s3_outcome::unclear || answer.outcome == s3_outcome::stopped ||
          answer.outcome == s3_outcome::damaged || answer.status >= 500;
 }
@@ -80,6 +93,13 @@ bool is_younger(const job_context &context, const worker_settings &settings, con
   return !path.empty() && ::access(path.c_str(), F_OK) == 0;
 }
 
+s3_answer claim_lost() {
+  s3_answer answer;
+  answer.outcome = s3_outcome::stopped;
+  answer.text = "another service may have the key by now";
+  return answer;
+}
+
 object_end remove_older(const job_context &context, const worker_settings &settings,
                         s3_client &client, const std::string &location, const std::string &key,
                         double deleted_at, s3_answer &failure) {
@@ -92,6 +112,9 @@ object_end remove_older(const job_context &context, const worker_settings &setti
     return is_decided ? object_end::kept : object_end::early;
   }
   // Also for what is not there: only this answer tells a missing object from a missing bucket.
-  failure = call_store(context, location, uncertain, [&] { return client.remove(key); });
+  const upload_member member{location, context.queue.node(), key};
+  failure = call_store(context, location, uncertain, [&] {
+    return context.queue.holds(member) ? client.remove(key) : claim_lost();
+  });
   return failure ? object_end::removed : object_end::failed;
 }

@@ -21,7 +21,7 @@ struct job_context {
 enum class job_end {
   settled,  // nothing is left to be done for the member as it was read
   renewed,  // the member is there with another score
-  held,     // not begun, as the location rests
+  held,     // not begun, as the location rests, or not done, as it refuses everything
   down,     // the DisDB does not answer
   claimed,  // another job, or the host that deletes, works on the key; soon again
   retry,    // failed; soon again
@@ -43,8 +43,11 @@ job_result failure_of(const s3_answer &answer);
 // Whether a request that changes something may still take effect after this answer.
 bool may_follow(const s3_answer &answer);
 
-// Makes a call up to three times at once, as one failure in many is ordinary, and tells each
-// outcome to the location.
+// A moment, at random, that grows with the attempts.
+void pause_before_repeating(const job_context &context, int attempt);
+
+// Makes a call up to three times, as one failure in many is ordinary, and tells each outcome to the
+// location.
 template <class Call>
 s3_answer call_store(const job_context &context, const std::string &location, bool &uncertain,
                      Call &&call) {
@@ -58,26 +61,9 @@ s3_answer call_store(const job_context &context, const std::string &location, bo
         (answer.outcome == s3_outcome::busy || answer.outcome == s3_outcome::unclear ||
          answer.outcome == s3_outcome::unreachable || answer.outcome == s3_outcome::damaged);
     if (attempt == attempts || is_location_down || !may_be_mended) return answer;
+    if (answer.outcome == s3_outcome::busy) pause_before_repeating(context, attempt);
   }
 }
-
-// Tells the location that its probe was not needed, unless the job made a call.
-class probe_guard {
- public:
-  probe_guard(transfer_locations &locations, const std::string &location)
-      : locations_(locations), location_(location) {}
-  probe_guard(const probe_guard &) = delete;
-  probe_guard &operator=(const probe_guard &) = delete;
-  ~probe_guard() {
-    if (!is_used_) locations_.skip(location_);
-  }
-  void use() { is_used_ = true; }
-
- private:
-  transfer_locations &locations_;
-  const std::string &location_;
-  bool is_used_ = false;
-};
 
 // The path of a key in the cache; empty for a key that leads out of it.
 std::string path_in_cache(const worker_settings &settings, const std::string &key);
@@ -85,6 +71,9 @@ std::string path_in_cache(const worker_settings &settings, const std::string &ke
 // Whether an upload that is no older than a deletion brought the object.
 bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
                 const std::string &key, double deleted_at);
+
+// The answer of a call that was not made: the claim of the job may be another's by now.
+s3_answer claim_lost();
 
 // What became of an object that a deletion covers.
 enum class object_end {

@@ -23,6 +23,14 @@ void state_journal::tell(const service_report &report) {
            "The cache server may throw queues away (maxmemory-policy %s): set it to noeviction.",
            policy_.c_str());
   }
+  const bool refuses = !report.refusal.empty();
+  if (std::exchange(refuses_, refuses) != refuses) {
+    if (refuses) {
+      QX_LOG(FR_LOG_ERROR, "The cache server lets no queue change: %s", report.refusal.c_str());
+    } else {
+      QX_LOG(FR_LOG_NOTICE, "The cache server lets queues change again.");
+    }
+  }
   const std::size_t parked = report.parked_count;
   // A number that goes up and down is no news, one that doubles is.
   if (parked == 0 && std::exchange(parked_, 0) != 0) {

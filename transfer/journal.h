@@ -16,6 +16,7 @@ class state_journal {
 
  private:
   bool answers_ = true;
+  bool refuses_ = false;
   std::string policy_;
   std::size_t parked_ = 0;
   std::int64_t not_in_store_ = 0;

@@ -141,7 +141,13 @@ class cache_keeper::engine {
   void look(const keeper_settings &settings, bool ask_all) {
     // Taken before the look: what comes during it may be counted twice, but never missed.
     const std::uint64_t moved = moved_bytes();
-    const auto result = look_through(parts_, settings, ask_all);
+    // A long look is no reason to let the disk run full.
+    clock::time_point limits_due = clock::now() + limit_interval;
+    const auto result = look_through(parts_, settings, ask_all, [&] {
+      if (clock::now() < limits_due) return;
+      if (is_room_due()) keep_limits(settings);
+      limits_due = clock::now() + limit_interval;
+    });
     const std::lock_guard guard(lock_);
     look_due_ = clock::now() + look_interval;
     if (ask_all) ask_due_ = clock::now() + ask_interval;
@@ -149,6 +155,11 @@ class cache_keeper::engine {
     if (!result) return;
     report_ = *result;
     moved_at_look_ = moved;
+  }
+
+  bool is_room_due() const {
+    const std::lock_guard guard(lock_);
+    return clock::now() >= room_due_;
   }
 
   // What came into the cache since the start, at most.

@@ -22,15 +22,17 @@ struct keeper_settings {
   std::int64_t cache_size = 0;  // bytes; 0 for no limit
   int cache_free = 10;          // percent of the file system that stay free
   int upload_interval = 120;    // seconds; after two of them a committed file has long been queued
-  transfer_config config;       // which location a file without a receipt belongs to
+  int deletions_kept = 7 * 86'400;  // seconds for which the DisDB knows a deletion
+  transfer_config config;           // which location a file without a receipt belongs to
 };
 
 // For status and metrics. A look that was broken off leaves the one before it.
 struct keeper_report {
   std::int64_t cached_files = -1;  // of the last look; -1 before it
   std::int64_t cached_bytes = -1;
-  std::int64_t not_in_store = 0;  // expired, with a receipt, and yet not in the store: kept
-  std::int64_t different = 0;     // expired, with a receipt, and another object is there: kept
+  // Expired, once stored, not in the store, and not to be brought back there: kept.
+  std::int64_t not_in_store = 0;
+  std::int64_t different = 0;  // expired, with a receipt, and another object is there: kept
   double last_look = 0;
 };
 

@@ -2,6 +2,9 @@
 // Asks queue and store; a file goes only by way of cache_file.cpp.
 #include "transfer/keeper_judge.h"
 
+#include <algorithm>
+
+#include <spoolcap/zarn_str.h>
 #include "platform/base/diagnostics.h"
 #include "transfer/receipt.h"
 #include "transfer/store_proof.h"
@@ -24,12 +27,18 @@ std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &co
   return false;
 }
 
-// The deletion of the file, or of all of its owner; 0 for none, nothing when that cannot be told.
+// The last deletion of the file, or of all of its owner, at any location, as the owner's may have
+// been another one; 0 for none, nothing when that cannot be told.
 std::optional<double> deleted_at(const keeper_parts &parts, const transfer_config &config,
                                  const std::string &key) {
-  return parts.queue.deleted_at({.location = config.location_of(first_id_of(key).value_or(0)),
-                                 .node = config.node,
-                                 .key = key});
+  double last = 0;
+  for (const transfer_location &location : config.locations) {
+    const auto deleted =
+        parts.queue.deleted_at({.location = location.name, .node = config.node, .key = key});
+    if (!deleted) return std::nullopt;
+    last = std::max(last, *deleted);
+  }
+  return last;
 }
 
 judgement remove(const keeper_parts &parts, cache_file &file) {
@@ -39,19 +48,27 @@ judgement remove(const keeper_parts &parts, cache_file &file) {
   return judgement::removed;
 }
 
-// The store has no such object, and nobody is about to bring one there.
-judgement judge_absent(const keeper_parts &parts, const transfer_config &config, cache_file &file,
-                       const std::string &key, bool had_receipt) {
-  const upload_member member{.location = config.location_of(first_id_of(key).value_or(0)),
-                             .node = config.node,
-                             .key = key};
+// The store has no such object, and nobody is about to bring one there. What was fetched is not
+// brought back, and neither is what nobody used for longer than deletions are known: it may have
+// been deleted.
+judgement judge_absent(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
+                       const std::string &key, const std::optional<receipt> &known) {
+  const transfer_config &config = settings.config;
   const double made = file.made_at();
   const auto deleted = deleted_at(parts, config, key);
   if (!deleted) return judgement::left;
   // Deleted on another node, perhaps: the file here is what is left of it.
   if (*deleted > made + clock_error) return remove(parts, file);
-  // The store had it and lost it: perhaps the last copy is here, and a person must know.
-  if (had_receipt) return judgement::lost;
+  if (known && known->is_fetched) {
+    return *deleted > 0 ? remove(parts, file) : judgement::lost;
+  }
+  if (known && qx_get_tstamp() - file.last_use() > settings.deletions_kept) return judgement::lost;
+  // Whether it was committed or fetched since, or made before, nothing can tell.
+  const bool has_origin = can_have_receipt(file.fd()) && file.knows_birth();
+  if (*deleted > 0 && !has_origin) return judgement::left;
+  const upload_member member{.location = config.location_of(first_id_of(key).value_or(0)),
+                             .node = config.node,
+                             .key = key};
   switch (parts.queue.queue_again(member, made)) {
     case queue_state::unchanged:
       ++parts.state.counters.queued_again;
@@ -89,7 +106,7 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
       return what == wanted::removal ? remove(parts, file) : judgement::kept;
     // A young file may be on its way into the queue: its host commits first and queues then.
     case proof::absent:
-      return young ? judgement::left : judge_absent(parts, config, file, key, known.has_value());
+      return young ? judgement::left : judge_absent(parts, settings, file, key, known);
     case proof::different:
       if (young) return judgement::left;
       // What this node stored before is older than what it has without a receipt. With one, an
@@ -98,7 +115,7 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
           (known && (answer.queued == 0 || answer.queued >= file.made_at() - clock_error))) {
         return known ? judgement::different : judgement::left;
       }
-      return judge_absent(parts, config, file, key, false);
+      return judge_absent(parts, settings, file, key, std::nullopt);
     case proof::unknown:
       return judgement::left;
   }

@@ -31,7 +31,7 @@ enum class judgement {
   removed,
   queued_again,  // neither the queue nor the store had it
   different,     // the store had it once and has another object there now; kept
-  lost           // the store had it once and has not any more; kept
+  lost           // the store had it once, has not any more, and is not to get it back; kept
 };
 
 // `young`: a host may be about to queue it. `key` is the object key.

@@ -25,8 +25,9 @@ constexpr int named_at_most = 5;
 // One look, on the keeper's thread. Nothing of it is kept but the report.
 class look {
  public:
-  look(const keeper_parts &parts, const keeper_settings &settings, bool ask_all)
-      : parts_(parts), settings_(settings), ask_all_(ask_all) {}
+  look(const keeper_parts &parts, const keeper_settings &settings, bool ask_all,
+       const std::function<void()> &between)
+      : parts_(parts), settings_(settings), ask_all_(ask_all), between_(between) {}
 
   std::optional<keeper_report> run() {
     report_.cached_files = report_.cached_bytes = 0;
@@ -34,14 +35,15 @@ class look {
     const bool whole = walk_tree(settings_.cache + "/main",
                                  {.visit = [this](const walked_file &file) { return cached(file); },
                                   .remove_empty_before = now_ - trash_age()});
+    const int error = errno;
     for (const std::string &folder : {settings_.transfer_in, settings_.transfer_out + "/main"}) {
       walk_tree(folder, {.visit = [this](const walked_file &file) { return transferred(file); }});
     }
     tell();
     if (parts_.stop) return std::nullopt;
-    if (!whole && errno != ENOENT) {
+    if (!whole && error != ENOENT) {
       QX_LOG(FR_LOG_WARNING, "The cache %s cannot be read: %s.", settings_.cache.c_str(),
-             std::strerror(errno));
+             std::strerror(error));
     }
     report_.last_look = now_;
     return report_;
@@ -52,6 +54,7 @@ class look {
 
   // False ends the walk, which a stop wants at once.
   bool cached(const walked_file &found) {
+    between_();
     if (found.name.starts_with(removing_prefix)) {
       restore(found);
     } else if (found.name.starts_with(storing_prefix) || is_orphan_record(found)) {
@@ -78,10 +81,13 @@ class look {
   void restore(const walked_file &found) {
     struct stat status {};
     if (::fstatat(found.folder, found.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-    // The rename set this time; a younger one may be under way in another process.
-    if (now_ - static_cast<double>(status.st_ctim.tv_sec) > removing_takes) {
-      put_back(found.folder, found.name);
-    }
+    if (now_ - static_cast<double>(status.st_ctim.tv_sec) <= removing_takes) return;
+    // Most of them were on their way out because they were deleted.
+    auto file = cache_file::open(found.folder, found.name);
+    const std::string key = found.key.substr(0, found.key.size() - found.name.size()) +
+                            found.name.substr(std::strlen(removing_prefix));
+    if (file && judge_deletion(parts_, settings_, *file, key) == judgement::removed) return;
+    put_back(found.folder, found.name);
   }
 
   void sweep(const walked_file &found) {
@@ -141,6 +147,7 @@ class look {
   const keeper_parts &parts_;
   const keeper_settings &settings_;
   const bool ask_all_;
+  const std::function<void()> &between_;
   const double now_ = qx_get_tstamp();
   keeper_report report_;
   std::int64_t queued_again_ = 0;
@@ -149,6 +156,7 @@ class look {
 }  // namespace
 
 std::optional<keeper_report> look_through(const keeper_parts &parts,
-                                          const keeper_settings &settings, bool ask_all) {
-  return look(parts, settings, ask_all).run();
+                                          const keeper_settings &settings, bool ask_all,
+                                          const std::function<void()> &between) {
+  return look(parts, settings, ask_all, between).run();
 }

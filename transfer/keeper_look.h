@@ -2,12 +2,16 @@
 #ifndef TRANSFER_KEEPER_LOOK_H
 #define TRANSFER_KEEPER_LOOK_H
 
+#include <functional>
+
 #include "transfer/keeper_judge.h"
 
 // Expires, removes leftovers and counts. With `ask_all`, asks the store for each file without a
-// receipt as well. Nothing when it was ended before it was through.
-std::optional<keeper_report> look_through(const keeper_parts &parts,
-                                          const keeper_settings &settings, bool ask_all);
+// receipt as well. `between` is called before each file of the cache. Nothing when it was ended
+// before it was through.
+std::optional<keeper_report> look_through(
+    const keeper_parts &parts, const keeper_settings &settings, bool ask_all,
+    const std::function<void()> &between = [] {});
 
 // Less freed than wanted means that nothing more could go.
 struct room_report {

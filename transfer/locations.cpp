@@ -31,23 +31,6 @@ const char *word_of(health state) {
   }
 }
 
-// Codes that say something about the location or its keys, whatever object was asked for.
-bool is_about_location(const s3_answer &answer) {
-  constexpr std::string_view codes[] = {"InvalidAccessKeyId",
-                                        "SignatureDoesNotMatch",
-                                        "NoSuchBucket",
-                                        "RequestTimeTooSkewed",
-                                        "AuthorizationHeaderMalformed",
-                                        "PermanentRedirect",
-                                        "InvalidBucketName",
-                                        "ExpiredToken",
-                                        "InvalidToken",
-                                        "AccountProblem",
-                                        "NotSignedUp"};
-  return answer.status == 401 ||
-         std::find(std::begin(codes), std::end(codes), answer.code) != std::end(codes);
-}
-
 enum class meaning { works, nothing, failure, refusal };
 
 // What an outcome says about the location.
@@ -60,9 +43,8 @@ meaning meaning_of(const s3_answer &answer) {
     case s3_outcome::not_found:
     case s3_outcome::refused:
       if (is_about_location(answer)) return meaning::refusal;
-      // Rights may be missing for one key or for all: so many in a row will tell.
-      if (answer.status == 403) return meaning::failure;
-      return meaning::works;
+      // One key may be refused, or each: so many in a row will tell.
+      return answer.outcome == s3_outcome::refused ? meaning::failure : meaning::works;
     case s3_outcome::busy:
     case s3_outcome::unreachable:
     case s3_outcome::unclear:
@@ -82,7 +64,22 @@ std::string describe(const s3_answer &answer) {
 
 }  // namespace
 
-// Guarded by the lock of the locations, as are the clients in it.
+bool is_about_location(const s3_answer &answer) {
+  constexpr std::string_view codes[] = {"InvalidAccessKeyId",
+                                        "SignatureDoesNotMatch",
+                                        "NoSuchBucket",
+                                        "RequestTimeTooSkewed",
+                                        "AuthorizationHeaderMalformed",
+                                        "PermanentRedirect",
+                                        "InvalidBucketName",
+                                        "ExpiredToken",
+                                        "InvalidToken",
+                                        "AccountProblem",
+                                        "NotSignedUp"};
+  return answer.status == 401 ||
+         std::find(std::begin(codes), std::end(codes), answer.code) != std::end(codes);
+}
+
 struct transfer_locations::place {
   s3_place settings;
   health state = health::up;
@@ -90,7 +87,7 @@ struct transfer_locations::place {
   double retry_at = 0;
   int failures = 0;  // in a row
   int rests = 0;     // in a row
-  bool is_probed = false;
+  long probe = 0;    // the number of the one that runs
   std::vector<std::unique_ptr<s3_client>> idle;
 };
 
@@ -136,23 +133,27 @@ bool transfer_locations::might_start(const std::string &location) const {
   const std::lock_guard guard(lock_);
   const place *where = find(location);
   if (where == nullptr) return false;
-  return where->state == health::up || (!where->is_probed && qx_get_tstamp() >= where->retry_at);
+  return where->state == health::up || (where->probe == 0 && qx_get_tstamp() >= where->retry_at);
 }
 
-bool transfer_locations::may_start(const std::string &location) {
+transfer_locations::permit transfer_locations::start(const std::string &location) {
+  permit made;
+  made.location_ = location;
   const std::lock_guard guard(lock_);
   place *where = find(location);
-  if (where == nullptr) return false;
-  if (where->state == health::up) return true;
-  if (where->is_probed || qx_get_tstamp() < where->retry_at) return false;
-  // From here until `tell` or `skip` nobody else gets in.
-  where->is_probed = true;
-  return true;
+  if (where == nullptr) return made;
+  if (where->state != health::up) {
+    if (where->probe != 0 || qx_get_tstamp() < where->retry_at) return made;
+    made.probe_ = where->probe = ++probes_;
+  }
+  made.owner_ = this;
+  return made;
 }
 
-void transfer_locations::skip(const std::string &location) {
+void transfer_locations::end_probe(const std::string &location, long probe) noexcept {
   const std::lock_guard guard(lock_);
-  if (place *where = find(location)) where->is_probed = false;
+  place *where = find(location);
+  if (where != nullptr && where->probe == probe) where->probe = 0;
 }
 
 bool transfer_locations::is_known(const std::string &location) const {
@@ -165,8 +166,7 @@ double transfer_locations::next_retry() const {
   double first = 0;
   for (const auto &[name, where] : places_) {
     if (where->state == health::up) continue;
-    const double when = where->is_probed ? qx_get_tstamp() + 1 : where->retry_at;
-    // 0 stands for none yet.
+    const double when = where->probe != 0 ? qx_get_tstamp() + 1 : where->retry_at;
     if (first == 0 || when < first) first = when;
   }
   return first;
@@ -221,15 +221,14 @@ transfer_locations::lease::~lease() {
 bool transfer_locations::fail(place &where, const std::string &name, const s3_answer &answer) {
   const bool is_refusal = meaning_of(answer) == meaning::refusal;
   ++where.failures;
-  if (where.state != health::up && !where.is_probed) return true;  // began before the rest
-  // Refusals and orders to wait count at once; they are no accident.
+  if (where.state != health::up && where.probe == 0) return true;  // began before the rest
   const bool is_patient = where.state == health::up && !is_refusal && !answer.retry_after;
   if (is_patient && where.failures < failures_before_rest) return false;
 
   const health before = where.state;
-  const bool is_refused = is_refusal || answer.status == 403;
+  const bool is_refused = answer.outcome == s3_outcome::refused || is_refusal;
   where.state = is_refused ? health::refusing : health::resting;
-  where.is_probed = false;
+  where.probe = 0;
   where.reason = describe(answer);
   ++where.rests;
   double rest = jittered(where.rests, is_refused ? first_refused_rest : first_rest, longest_rest);
@@ -255,9 +254,7 @@ bool transfer_locations::tell(const std::string &location, const s3_answer &answ
   // A location that a reload took away: nobody is to go on with it.
   if (where == nullptr) return true;
   if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);
-  // Also for an outcome that says nothing: the probe is over.
-  where->is_probed = false;
-  // A stop says nothing about the store.
+  where->probe = 0;
   if (what == meaning::nothing) return false;
   where->failures = where->rests = 0;
   if (where->state != health::up) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "main/transfer/config.h"
@@ -25,7 +26,9 @@ struct location_report {
   int failures = 0;  // in a row
 };
 
-// Safe from several threads. No call waits for a store; requests are made by the lease's holder.
+// Whether a refusal says something about the location or its keys, whatever object was asked for.
+bool is_about_location(const s3_answer &answer);
+
 class transfer_locations {
  public:
   // `control` must live longer.
@@ -39,12 +42,31 @@ class transfer_locations {
   // nothing changes.
   std::string configure(const transfer_config &config);
 
-  // Whether a job for the location may start now: false while it rests, or is not configured. True
-  // while it rests makes the caller the probe: it must call `tell` or `skip`.
-  bool may_start(const std::string &location);
-  void skip(const std::string &location);  // the probe was not needed
+  // The leave to use a location, which may make its holder the probe of one that rests. Another
+  // probe may follow after `tell`, or when this goes.
+  class permit {
+   public:
+    permit() = default;
+    permit(permit &&other) noexcept : owner_(std::exchange(other.owner_, nullptr)) {
+      location_.swap(other.location_);
+      probe_ = other.probe_;
+    }
+    permit &operator=(permit &&) = delete;
+    ~permit() {
+      if (owner_ != nullptr && probe_ != 0) owner_->end_probe(location_, probe_);
+    }
+    explicit operator bool() const { return owner_ != nullptr; }
+
+   private:
+    friend class transfer_locations;
+    transfer_locations *owner_ = nullptr;
+    std::string location_;
+    long probe_ = 0;  // its number; 0 for a location that is up
+  };
+  // Empty while the location rests, or is not configured.
+  permit start(const std::string &location);
   bool is_known(const std::string &location) const;
-  // What `may_start` would say, without becoming the probe.
+  // Whether `start` would give leave.
   bool might_start(const std::string &location) const;
   // When the first location that rests may be tried, in seconds since the epoch; 0 when none rests.
   // While one is probed, a time soon from now.
@@ -86,13 +108,14 @@ class transfer_locations {
   place *find(const std::string &location) const;
   // Keeps the client for the next lease, unless the configuration changed or there are enough.
   void give_back(lease &what) noexcept;
-  // The part of `tell` for failures. True when the location rests from now on.
+  void end_probe(const std::string &location, long probe) noexcept;
   bool fail(place &where, const std::string &name, const s3_answer &answer);
 
   s3_control &control_;
   mutable std::mutex lock_;  // guards all that follows
   std::map<std::string, std::unique_ptr<place>, std::less<>> places_;
   long generation_ = 0;
+  long probes_ = 0;  // so many there were
 };
 
 #endif

@@ -43,10 +43,10 @@ int serve(service_settings settings) {
   for (;;) {
     switch (signals.wait(routine.pause())) {
       case process_event::time_passed:
-        routine.run();
+        no_throw([&] { routine.run(); });
         break;
       case process_event::reload:
-        routine.reload();
+        no_throw([&] { routine.reload(); });
         break;
       case process_event::stop:
         notify_stopping();

@@ -43,7 +43,8 @@ double age(double since, double now) {
 }
 
 void put_queue(std::string &text, const service_report &report) {
-  gauge(text, "disdb_up", "Whether the cache server answers.", report.queue ? 1 : 0);
+  gauge(text, "disdb_up", "Whether the cache server answers, and lets the queues change.",
+        report.queue && report.refusal.empty() ? 1 : 0);
   gauge(text, "disdb_may_evict", "Whether the cache server may throw queues away.",
         report.dangerous_policy.empty() ? 0 : 1);
   // No figures while they are not known: a gap in a graph is true, a zero is not.

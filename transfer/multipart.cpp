@@ -108,7 +108,8 @@ s3_answer multipart_upload::send(transfer_locations::lease &client, s3_metadata 
   if (!answer) return answer;
   answer = call_store(context_, file_.member.location, uncertain_,
                       [&] { return client->complete(file_.member.key, id_, parts_); });
-  // After the completion: a kill in between is found by `resume`.
+  // The answer to an earlier call may be lost that completed it.
+  if (is_over(answer)) is_stored(client, answer);
   if (answer) ::unlink(parts_record_path(file_.path).c_str());
   return answer;
 }
@@ -134,20 +135,27 @@ bool multipart_upload::resume(transfer_locations::lease &client, s3_answer &answ
     stored_ = std::move(listing.parts);
     return true;
   }
-  // The store cannot say now what it has; a later try asks again.
-  if (answer.outcome != s3_outcome::not_found || answer.code == "NoSuchBucket") return true;
-  // The upload is over: the answer of its completion may not have come.
-  answer = call_store(context_, file_.member.location, changes_nothing,
-                      [&] { return client->head(file_.member.key); });
-  const auto sent = answer.metadata.find("sha256");
-  if (answer && answer.length == file_.length && sent != answer.metadata.end() &&
-      sent->second == sha256_ && answer.metadata["queued"] == file_.score) {
-    ::unlink(path.c_str());
-    return true;
-  }
-  // The upload is over, and the object is not this file: the record is of no use.
+  if (!is_over(answer)) return true;
+  const bool is_done = is_stored(client, answer);
   ::unlink(path.c_str());
-  return false;
+  return is_done;
+}
+
+bool multipart_upload::is_over(const s3_answer &answer) {
+  return answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket";
+}
+
+// Whether the store has the object of this very upload; then the answer is that of its look.
+bool multipart_upload::is_stored(transfer_locations::lease &client, s3_answer &answer) {
+  bool changes_nothing = false;
+  s3_answer head = call_store(context_, file_.member.location, changes_nothing,
+                              [&] { return client->head(file_.member.key); });
+  if (!head || head.length != file_.length || head.metadata["sha256"] != sha256_ ||
+      head.metadata["queued"] != file_.score) {
+    return false;
+  }
+  answer = std::move(head);
+  return true;
 }
 
 s3_answer multipart_upload::begin(transfer_locations::lease &client, const s3_metadata &metadata) {

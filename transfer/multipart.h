@@ -45,7 +45,8 @@ class multipart_upload {
  private:
   // False when nothing was begun that can go on. True leaves the decision to `answer`.
   bool resume(transfer_locations::lease &client, s3_answer &answer);
-  // Begins anew and notes the id beside the file, before the first part is sent.
+  static bool is_over(const s3_answer &answer);
+  bool is_stored(transfer_locations::lease &client, s3_answer &answer);
   s3_answer begin(transfer_locations::lease &client, const s3_metadata &metadata);
   // All parts that the store lacks. The answer is done, or the first failure.
   s3_answer send_parts();

@@ -53,15 +53,29 @@ struct memory_file {
   unique_fd fd;
 };
 
+std::string failed(const char *what, const s3_answer &answer) {
+  return std::string(what) + ": " + (answer.text.empty() ? answer.code : answer.text);
+}
+
+// What is wrong with the object that was just written, or nothing.
+std::string read_probe(s3_client &client, const std::string &key, double &difference) {
+  const double now = qx_get_tstamp();
+  const memory_file got;
+  if (!got.fd) return "no memory for a probe";
+  if (const s3_answer get = client.get(key, got.fd.get()); !get) return failed("reading", get);
+  if (!got.holds(probe_content)) return "reading: what came back is not what was written";
+  const s3_listing listing = client.list(key);
+  if (!listing.answer) return failed("listing", listing.answer);
+  for (const s3_listed &object : listing.objects) {
+    if (object.key == key) difference = now - object.modified;
+  }
+  return "";
+}
+
 // What is wrong with the location, or nothing. `difference` takes that of the clocks.
 std::string probe(s3_client &client, const std::string &key, double &difference) {
-  const auto failed = [](const char *what, const s3_answer &answer) {
-    return std::string(what) + ": " + (answer.text.empty() ? answer.code : answer.text);
-  };
-  // No disk is needed, so a full one does not look like a store in trouble.
-  const memory_file sent, got;
-  if (!sent.fd || !got.fd ||
-      ::pwrite(sent.fd.get(), probe_content.data(), probe_content.size(), 0) < 0) {
+  const memory_file sent;
+  if (!sent.fd || ::pwrite(sent.fd.get(), probe_content.data(), probe_content.size(), 0) < 0) {
     return "no memory for a probe";
   }
   s3_body body{.fd = sent.fd.get(),
@@ -71,17 +85,9 @@ std::string probe(s3_client &client, const std::string &key, double &difference)
                .sha256 = {}};
   if (!s3_digest(body)) return "no memory for a probe";
   if (const s3_answer put = client.put(key, body); !put) return failed("writing", put);
-  const double now = qx_get_tstamp();
-  if (const s3_answer get = client.get(key, got.fd.get()); !get) return failed("reading", get);
-  if (!got.holds(probe_content)) return "reading: what came back is not what was written";
-  const s3_listing listing = client.list(key);
-  if (!listing.answer) return failed("listing", listing.answer);
-  // The listing has the store's own time of the object, taken at the moment of writing.
-  for (const s3_listed &object : listing.objects) {
-    if (object.key == key) difference = now - object.modified;
-  }
-  if (const s3_answer gone = client.remove(key); !gone) return failed("deleting", gone);
-  return "";
+  std::string fault = read_probe(client, key, difference);
+  const s3_answer gone = client.remove(key);
+  return fault.empty() && !gone ? failed("deleting", gone) : fault;
 }
 
 void check_location(transfer_locations &locations, const std::string &name, const std::string &key,

@@ -89,6 +89,7 @@ signal_watch::signal_watch() {
   std::signal(SIGPIPE, SIG_IGN);
   // Sent when somebody opens a file that is leased; the lease is given back anyhow.
   std::signal(SIGIO, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a limit of the size of files is an error of the write
   sigset_t watched;
   ::sigemptyset(&watched);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaddset(&watched, signal);

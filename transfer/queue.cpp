@@ -7,6 +7,7 @@
 
 #include <chrono>
 
+#include "platform/s3/answer.h"
 #include "platform/s3/client.h"
 #include "transfer/queue_names.h"
 #include "transfer/scripts.h"
@@ -18,6 +19,8 @@ constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
 // Four times as long as between two renewals, so one that fails costs nothing.
 constexpr std::string_view claim_milliseconds = "60000";
+// So long a claim may go without being renewed, and still outlives the request that begins then.
+constexpr std::chrono::seconds claim_is_sure{30};
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
 
@@ -105,7 +108,17 @@ bool transfer_queue::run(const queue_script &script, texts keys, texts arguments
 
 queue_state transfer_queue::run_state(const queue_script &script, texts keys, texts arguments) {
   vk_reply reply;
-  return run(script, keys, arguments, reply) ? state_of(text_of(*reply)) : queue_state::down;
+  const bool is_done = run(script, keys, arguments, reply);
+  if (reply) {
+    const std::lock_guard guard(lock_);
+    refusal_ = is_done ? std::string() : s3_one_line(text_of(*reply));
+  }
+  return is_done ? state_of(text_of(*reply)) : queue_state::down;
+}
+
+std::string transfer_queue::refusal() const {
+  const std::lock_guard guard(lock_);
+  return refusal_;
 }
 
 std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
@@ -113,7 +126,8 @@ std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
   // Another thread of this process has the key: no need to ask the DisDB.
   if (claims_.contains(name)) return std::nullopt;
   const std::string value = claim_prefix_ + std::to_string(++claim_count_);
-  claims_.emplace(name, own_claim{value, std::chrono::steady_clock::now()});
+  const auto now = std::chrono::steady_clock::now();
+  claims_.emplace(name, own_claim{value, now, now});
   return value;
 }
 
@@ -130,6 +144,21 @@ std::string transfer_queue::age_of_claim(const std::string &name) const {
   // Compared with the life of a mark, which the server counts down by itself.
   const auto age = std::chrono::steady_clock::now() - claim->second.since;
   return std::to_string(std::chrono::ceil<std::chrono::milliseconds>(age).count());
+}
+
+bool transfer_queue::is_sure(const std::string &name) const {
+  const std::lock_guard guard(lock_);
+  const auto claim = claims_.find(name);
+  return claim != claims_.end() &&
+         std::chrono::steady_clock::now() - claim->second.renewed < claim_is_sure;
+}
+
+bool transfer_queue::holds(const upload_member &member) const {
+  return is_sure(upload_names(member).claim);
+}
+
+bool transfer_queue::holds(const delete_member &member) const {
+  return is_sure(delete_names(member).claim);
 }
 
 void transfer_queue::forget_claim(const std::string &name) {
@@ -281,9 +310,14 @@ void transfer_queue::renew_claims() {
   }
   // One by one, without the lock: workers take and forget claims meanwhile.
   for (const auto &[name, held] : claims) {
+    const auto begun = std::chrono::steady_clock::now();
     const queue_state state = run_state(renew_script, {name}, {claim_milliseconds, held.value});
     // The others would wait for the same server in vain; 15 s later is early enough.
     if (state == queue_state::down) return;
+    const std::lock_guard guard(lock_);
+    const auto claim = claims_.find(name);
+    if (claim == claims_.end() || claim->second.value != held.value) continue;
+    claim->second.renewed = state == queue_state::unchanged ? begun : decltype(begun)();
   }
 }
 

@@ -123,6 +123,11 @@ class transfer_queue {
   // Gives the claim back with the member as it is.
   void leave_delete(const delete_member &member);
 
+  // Whether the claim of the running job is held for sure for as long as a request takes: what
+  // cannot be taken back is begun only then.
+  bool holds(const upload_member &member) const;
+  bool holds(const delete_member &member) const;
+
   // Keeps the claims of all running jobs for another minute. To be called every 15 seconds.
   void renew_claims();
   // Forgets deletions older than `deletions_kept` seconds that no upload can meet any more, and
@@ -141,6 +146,9 @@ class transfer_queue {
   // covers it (`deleted`). A member that is there keeps its score. `unchanged` when it is queued
   // now.
   queue_state queue_again(const upload_member &member, double made);
+  // What the DisDB, which answers, said to the last change that it refused; empty since one was
+  // made.
+  std::string refusal() const;
   // The eviction policy of the DisDB when it may throw queues away, else empty.
   std::optional<std::string> dangerous_policy();
 
@@ -177,7 +185,7 @@ class transfer_queue {
   // Empty when this process does not hold it; no claim in the DisDB has an empty value.
   std::string held_claim(const std::string &name) const;
   std::string age_of_claim(const std::string &name) const;  // in milliseconds
-  // Ends its renewal. The key in the DisDB is a script's to remove, or its time's.
+  bool is_sure(const std::string &claim) const;
   void forget_claim(const std::string &name);
 
   std::unique_ptr<vk_client, void (*)(vk_client *)> client_;
@@ -189,9 +197,11 @@ class transfer_queue {
   struct own_claim {
     std::string value;
     std::chrono::steady_clock::time_point since;
+    std::chrono::steady_clock::time_point renewed;  // begin of the last change that kept it
   };
   std::map<std::string, own_claim> claims_;
   unsigned long claim_count_ = 0;
+  std::string refusal_;
 };
 
 #endif

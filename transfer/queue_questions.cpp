@@ -59,9 +59,11 @@ std::optional<double> transfer_queue::score_of(std::string_view set, const std::
 
 std::optional<bool> transfer_queue::is_queued(std::string_view location_text,
                                               std::string_view key) {
-  const auto score = score_of(upload_queue, std::string(location_text) + ":" + std::string(key));
-  if (!score) return std::nullopt;
-  return *score != 0;
+  vk_reply reply;
+  if (!ask({"ZSCORE", upload_queue, std::string(location_text) + ":" + std::string(key)}, reply)) {
+    return std::nullopt;
+  }
+  return reply->type != REDIS_REPLY_NIL;
 }
 
 std::optional<bool> transfer_queue::is_claimed(std::string_view location, std::string_view key) {

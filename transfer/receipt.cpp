@@ -13,8 +13,7 @@
 
 namespace {
 
-// "1 <length> <etag>". Another version is no receipt, so the store is asked.
-constexpr std::string_view version = "1 ";
+constexpr std::string_view committed_word = "1 ", fetched_word = "2 ";
 constexpr size_t longest = 256;
 
 }  // namespace
@@ -25,9 +24,10 @@ std::optional<receipt> read_receipt(int fd) {
   struct stat facts {};
   if (length <= 0 || ::fstat(fd, &facts) != 0) return std::nullopt;
   std::string_view text(bytes, static_cast<size_t>(length));
-  if (!text.starts_with(version)) return std::nullopt;
-  text.remove_prefix(version.size());
   receipt found;
+  found.is_fetched = text.starts_with(fetched_word);
+  if (!found.is_fetched && !text.starts_with(committed_word)) return std::nullopt;
+  text.remove_prefix(fetched_word.size());
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), found.length);
   if (error != std::errc() || end == text.data() + text.size() || *end != ' ') return std::nullopt;
   found.etag = text.substr(static_cast<size_t>(end + 1 - text.data()));
@@ -36,8 +36,13 @@ std::optional<receipt> read_receipt(int fd) {
   return found;
 }
 
+bool can_have_receipt(int fd) {
+  return ::fgetxattr(fd, receipt_attribute, nullptr, 0) >= 0 || errno != ENOTSUP;
+}
+
 int write_receipt(int fd, const receipt &what) {
-  const std::string text = std::string(version) + std::to_string(what.length) + " " + what.etag;
+  const std::string text = std::string(what.is_fetched ? fetched_word : committed_word) +
+                           std::to_string(what.length) + " " + what.etag;
   if (text.size() > longest) return EINVAL;
   return ::fsetxattr(fd, receipt_attribute, text.data(), text.size(), 0) == 0 ? 0 : errno;
 }

@@ -12,10 +12,14 @@
 struct receipt {
   std::string etag;
   std::int64_t length = 0;
+  // It came from the store: the file was not committed here.
+  bool is_fetched = false;
 };
 
 // Empty when there is none, or none for a file of this length.
 std::optional<receipt> read_receipt(int fd);
+// Whether the file system keeps receipts.
+bool can_have_receipt(int fd);
 // 0, or the error number.
 int write_receipt(int fd, const receipt &what);
 

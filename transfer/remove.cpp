@@ -25,16 +25,14 @@ class delete_job {
   }
 
   job_result run() {
-    // Before the claim: a location that rests must not keep keys claimed.
-    if (!context_.locations.may_start(member_.location)) return {job_end::held};
-    probe_guard probe(context_.locations, member_.location);
+    const auto permit = context_.locations.start(member_.location);
+    if (!permit) return {job_end::held};
     const queue_state state = context_.queue.begin_delete(entry_, member_);
     if (state != queue_state::unchanged) return result_of(state);
     is_claimed_ = true;
     // One connection for the whole job; it goes back to the pool with the job.
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
-    probe.use();
     switch (member_.whole_prefix ? remove_all() : remove_one()) {
       case object_end::removed:
         return end(context_.queue.end_delete(entry_, member_, settings_.unclear_window));
@@ -112,6 +110,7 @@ class delete_job {
     if (keys.empty()) return true;
     s3_removal removal;
     const s3_answer answer = ask([&] {
+      if (!context_.queue.holds(member_)) return claim_lost();
       removal = client_->remove(keys);
       return removal.answer;
     });

@@ -3,6 +3,7 @@
 #include "transfer/reporter.h"
 
 #include "main/transfer/wire.h"
+#include "platform/base/diagnostics.h"
 
 namespace {
 
@@ -45,12 +46,15 @@ void reporter::run() {
     if (is_ending_) return;
     const auto askers = std::exchange(askers_, {});
     guard.unlock();
-    // Without the lock: asking the DisDB takes up to some seconds.
-    const std::vector<std::string> pieces = pieces_of(status_());
+    for (const auto &one : askers) one->is_asking = false;
+    const bool is_told = no_throw(false, [&] {
+      const std::vector<std::string> pieces = pieces_of(status_());
+      for (const auto &one : askers) one->say(pieces);
+      return true;
+    });
+    // Who would wait for the rest of an answer is to know.
     for (const auto &one : askers) {
-      // Before the answer goes out: who asks after it gets a new one.
-      one->is_asking = false;
-      one->say(pieces);
+      if (!is_told) one->break_off();
     }
     guard.lock();
   }

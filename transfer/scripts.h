@@ -173,12 +173,10 @@ redis.call('ZREM', KEYS[1], ARGV[1])
 return 'unchanged'
 )lua";
 
-// KEYS: claims. ARGV: milliseconds, and the value of each claim.
-// Only claims that still have our value: one that was taken over is not ours to prolong.
+// KEYS: claim. ARGV: milliseconds, the value of the claim.
 inline constexpr char renew_text[] = R"lua(
-for i, key in ipairs(KEYS) do
-  if redis.call('GET', key) == ARGV[i + 1] then redis.call('PEXPIRE', key, ARGV[1]) end
-end
+if redis.call('GET', KEYS[1]) ~= ARGV[2] then return 'gone' end
+redis.call('PEXPIRE', KEYS[1], ARGV[1])
 return 'unchanged'
 )lua";
 

@@ -39,6 +39,7 @@ keeper_settings for_keeper(const service_settings &settings) {
           .cache_size = settings.config.cache_size,
           .cache_free = settings.config.cache_free,
           .upload_interval = settings.upload_interval,
+          .deletions_kept = keeping_of_deletions(settings.cache_expire),
           .config = settings.config};
 }
 
@@ -81,6 +82,7 @@ service_report transfer_service::parts::report() {
   report.queue = queue.summary();
   report.idle = report.queue && workers.idle(*report.queue);
   if (report.queue) report.dangerous_policy = queue.dangerous_policy().value_or("");
+  report.refusal = queue.refusal();
   report.running = state.running();
   report.parked = workers.parked();
   report.parked_count = workers.parked_count();

@@ -50,7 +50,7 @@ void put_queue(json_writer &json, const service_report &report) {
   json.StartObject();
   put(json, "reachable", report.queue.has_value());
   put(json, "dangerous_policy", report.dangerous_policy);
-  // Readers go by "reachable": the figures are missing without it.
+  put(json, "refusal", report.refusal);
   if (report.queue) {
     put(json, "uploads", std::int64_t{report.queue->uploads});
     put(json, "all_uploads", std::int64_t{report.queue->all_uploads});
@@ -156,6 +156,7 @@ std::string status_line(const service_report &report) {
   } else {
     line = "the cache server does not answer";
   }
+  if (!report.refusal.empty()) line += ", which the cache server does not let change";
   line += ", " + std::to_string(report.running.size()) + " running, " +
           std::to_string(report.parked_count) + " parked";
   for (const location_report &location : report.locations) {

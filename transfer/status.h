@@ -21,6 +21,7 @@ struct service_report {
   bool idle = false;                   // nothing of this node is queued or running
   std::optional<queue_summary> queue;  // nothing when the DisDB does not answer
   std::string dangerous_policy;        // of the DisDB; empty when it is none
+  std::string refusal;                 // of the DisDB to the last change; empty when it made it
   std::vector<running_job> running;
   std::vector<parked_member> parked;  // the oldest of them
   std::size_t parked_count = 0;       // of all

@@ -86,6 +86,8 @@ std::string queues(const Value &queue) {
                                  count(queue, "all_uploads") + " of all nodes");
     shown += line("deletes", count(queue, "deletes") + oldest(queue, "oldest_delete_age"));
   }
+  const std::string refusal = text(queue, "refusal");
+  if (!refusal.empty()) shown += line("REFUSED", "the cache server changes nothing: " + refusal);
   const std::string policy = text(queue, "dangerous_policy");
   if (!policy.empty()) {
     shown += line("DANGER", "maxmemory-policy " + policy +

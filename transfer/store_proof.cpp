@@ -75,15 +75,19 @@ bool has_content(const question &asked, const s3_answer &object) {
   return etag_of(asked, parts_of(object.etag)) == object.etag;
 }
 
+// Which node stored it; empty where it is not noted.
+std::string noted_node(const s3_answer &object) {
+  const auto node = object.metadata.find("node");
+  return node == object.metadata.end() ? std::string() : node->second;
+}
+
 // Nothing when the location rests or fails.
 std::optional<s3_answer> head(transfer_locations &locations, const std::string &name,
                               const std::string &key) {
-  if (!locations.may_start(name)) return std::nullopt;
+  const auto permit = locations.start(name);
+  if (!permit) return std::nullopt;
   auto client = locations.client(name);
-  if (!client) {
-    locations.skip(name);
-    return std::nullopt;
-  }
+  if (!client) return std::nullopt;
   s3_answer answer = client->head(key);
   locations.tell(name, answer);
   // Only these two say whether the object is there.
@@ -130,13 +134,14 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
       if (result.result == proof::absent) result.result = proof::unknown;
     } else if (*object && has_content(asked, *object)) {
       return {.result = proof::stored,
-              .found = {.etag = object->etag, .length = object->length},
+              .found = {.etag = object->etag,
+                        .length = object->length,
+                        .is_fetched = noted_node(*object) != config.node},
               .node = {},
               .queued = 0};
     } else if (*object) {
       result.result = proof::different;
-      const auto node = object->metadata.find("node");
-      if (node != object->metadata.end()) result.node = node->second;
+      result.node = noted_node(*object);
       const auto queued = object->metadata.find("queued");
       result.queued = queued == object->metadata.end() ? 0 : seconds_of(queued->second);
     }

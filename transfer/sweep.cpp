@@ -53,10 +53,9 @@ bool sweep_page(const job_context &context, const worker_settings &settings,
 void sweep_forgotten_parts(const job_context &context, const worker_settings &settings) {
   // One location after the other; what is missed today is found tomorrow.
   for (const std::string &location : context.locations.names()) {
-    if (!context.locations.may_start(location)) continue;
-    // A listing holds 20,000 at most; when some of them ended, the rest comes into sight.
+    const auto permit = context.locations.start(location);
+    if (!permit) continue;
     while (sweep_page(context, settings, location)) {
     }
-    context.locations.skip(location);
   }
 }

@@ -7,11 +7,17 @@
 #include <cerrno>
 #include <cstring>
 
+#include <spoolcap/zarn_str.h>
 #include "transfer/cache_file.h"
 #include "transfer/multipart.h"
 #include "transfer/receipt.h"
 
 namespace {
+
+// Within it the clocks of two nodes cannot tell which came first.
+constexpr double clock_error = 1;
+constexpr double soon = 60;             // seconds in which an upload is usually done
+constexpr double absent_at_first = 60;  // so young a member may be ahead of its deletion, say
 
 class upload_job {
  public:
@@ -31,30 +37,32 @@ class upload_job {
   }
 
   job_result run() {
-    // Before the claim: a location that rests must not keep keys claimed.
-    if (!context_.locations.may_start(member_.location)) return {job_end::held};
-    probe_guard probe(context_.locations, member_.location);
+    const auto permit = context_.locations.start(member_.location);
+    if (!permit) return {job_end::held};
     const queue_state state = context_.queue.begin_upload(entry_, member_);
     if (state != queue_state::unchanged && state != queue_state::contested &&
         state != queue_state::deleted) {
       return result_of(state);
     }
     is_claimed_ = true;
-    // After the claim, so that no other job removes the file between the two.
-    if (!open()) return leave({job_end::parked, "its folder in the cache: " + error_text()});
+    if (!open()) return leave({refusal_of_file(), "its folder in the cache: " + error_text()});
     client_ = context_.locations.client(member_.location);
     if (!client_) return leave({job_end::held});
     // Deleted later, or in the same second, and then the missing file decides.
     if (state == queue_state::deleted ||
         (!file_ && error_ == ENOENT && state == queue_state::contested)) {
-      probe.use();
       return cancel();
     }
-    if (!file_) return leave({job_end::parked, missing_text()});
-    return store(probe);
+    if (!file_) return leave({refusal_of_file(), missing_text()});
+    return store();
   }
 
  private:
+  job_end refusal_of_file() const {
+    const bool is_short = error_ == EMFILE || error_ == ENFILE || error_ == ENOMEM;
+    const bool is_young = qx_get_tstamp() - entry_.queued_at() < absent_at_first;
+    return is_short || (error_ == ENOENT && is_young) ? job_end::retry : job_end::parked;
+  }
   std::string error_text() const { return std::strerror(error_); }
   std::string missing_text() const {
     if (error_ == ENOENT) return "its file is not in the cache, and no deletion is known";
@@ -81,13 +89,28 @@ class upload_job {
     return result;
   }
 
-  job_result store(probe_guard &probe) {
+  // Another node may have stored the key again while this waited.
+  s3_answer look_for_newer() {
+    bool changes_nothing = false;
+    s3_answer head = call_store(context_, member_.location, changes_nothing,
+                                [&] { return client_->head(member_.key); });
+    const double queued = queue_entry{"", head.metadata["queued"]}.queued_at();
+    is_superseded_ = head && head.metadata["node"] != context_.queue.node() &&
+                     queued > entry_.queued_at() + clock_error;
+    return head;
+  }
+
+  job_result store() {
+    if (qx_get_tstamp() - entry_.queued_at() > soon) {
+      const s3_answer head = look_for_newer();
+      if (is_superseded_) return drop();
+      if (!head && head.outcome != s3_outcome::not_found) return leave(failure_of(head));
+    }
     const std::int64_t length = file_->status().st_size;
     // Deletions compare this time with theirs, on any node.
     const s3_metadata metadata = {{"queued", entry_.score}, {"node", context_.queue.node()}};
     s3_answer answer;
     if (length > settings_.config.multipart_from) {
-      probe.use();
       multipart_upload parts(context_, settings_,
                              {member_, entry_.score, path_, file_->fd(), length});
       answer = parts.send(client_, metadata);
@@ -96,10 +119,9 @@ class upload_job {
       s3_body body{.fd = file_->fd(), .length = length};
       // The file is read once for the digests and once to be sent; both go into the request.
       if (!s3_digest(body, &context_.control.stop)) {
-        return leave(
-            {job_end::retry, "its file cannot be read: " + std::string(std::strerror(errno))});
+        return leave({context_.control.stop ? job_end::retry : job_end::parked,
+                      "its file cannot be read: " + std::string(std::strerror(errno))});
       }
-      probe.use();
       answer = call_store(context_, member_.location, uncertain_,
                           [&] { return client_->put(member_.key, body, metadata); });
       // A larger file of this key may have been on its way before a restart.
@@ -143,6 +165,10 @@ class upload_job {
                                            member_.key, *deleted_at, failure);
     if (result == object_end::failed) return leave(failure_of(failure));
     if (result == object_end::early) return leave({job_end::claimed, early_text});
+    return drop();
+  }
+
+  job_result drop() {
     const queue_state state = context_.queue.drop_upload(entry_, member_, settings_.unclear_window);
     is_claimed_ = false;
     if (state == queue_state::unchanged || state == queue_state::unclear) remove_file();
@@ -165,6 +191,7 @@ class upload_job {
   int error_ = 0;
   transfer_locations::lease client_;
   bool uncertain_ = false;
+  bool is_superseded_ = false;
   bool is_claimed_ = false;
 };
 

@@ -9,7 +9,7 @@
 
 // A request and its completion meet here, in either order; the second one gets the request, and
 // ends it.
-class download_request {
+class fetch_request {
  public:
   // The request to release now, when its download has ended already; else null, and it is kept.
   void *started(void *request) {
@@ -35,7 +35,7 @@ class download_request {
 // Shared by the caller's thread and the service's; see `download_request` for the meeting.
 struct s3_fetch {
   std::string cache_path;  // where a download goes in the end
-  download_request request;
+  fetch_request request;
 };
 
 #endif

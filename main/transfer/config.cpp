@@ -156,8 +156,9 @@ class config_reader {
     const char *const file = qx_path(QX_PATH_NODE_ID);
     if (is_empty(id.get())) return std::string(file) + ": the id of this node is missing";
     config_.node = id.get();
-    if (config_.node.find('@') != config_.node.npos || has_reserved_byte(config_.node)) {
-      return std::string(file) + ":1: the id of this node has a \":\", a \"@\" or a control byte";
+    if (config_.node.find_first_of("@/") != config_.node.npos || has_reserved_byte(config_.node)) {
+      return std::string(file) +
+             ":1: the id of this node has a \":\", a \"@\", a \"/\" or a control byte";
     }
     return "";
   }

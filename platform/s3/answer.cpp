@@ -73,7 +73,18 @@ std::string region_advice(const s3_error_document &error, const s3_circumstances
   return "the bucket is in another region or at another endpoint: correct them";
 }
 
-// Redirects are not followed: the signature covers the host, and would not hold there.
+// The answer to a HEAD has no document.
+std::string code_without_document(const s3_answer &answer, const s3_circumstances &known) {
+  constexpr long long tolerated = 900;  // seconds
+  if (answer.status != 400 && answer.status != 403) return "";
+  if (known.store_time >= 0 && std::abs(known.now - known.store_time) > tolerated) {
+    return "RequestTimeTooSkewed";
+  }
+  const bool is_elsewhere =
+      !known.region_of_bucket.empty() && known.region_of_bucket != known.region;
+  return is_elsewhere ? "AuthorizationHeaderMalformed" : "";
+}
+
 std::string advice_for(const s3_answer &answer, const s3_error_document &error,
                        const s3_circumstances &known, const meaning *meant) {
   if (answer.code == "RequestTimeTooSkewed") return clock_advice(known);
@@ -126,7 +137,7 @@ void s3_judge(s3_answer &answer, std::string_view document, const s3_circumstanc
   // Some requests are answered with 200 before the work is done, and fail in the body.
   if (answer.outcome == s3_outcome::done && !told) return;
 
-  answer.code = s3_one_line(error.code);
+  answer.code = s3_one_line(document.empty() ? code_without_document(answer, known) : error.code);
   const auto meant = std::find_if(meanings.begin(), meanings.end(),
                                   [&](const meaning &one) { return one.code == answer.code; });
   if (meant != meanings.end()) {

@@ -142,7 +142,8 @@ struct s3_control {
   // Times are read when a call begins to need them: change them only while none runs.
   std::chrono::milliseconds connect_timeout{5000};
   std::chrono::seconds stall_timeout{30};  // without a byte moving
-  // A download that brings less than 4 KiB for each second of such a time ends, `unclear`.
+  // A download that brings less than 4 KiB for each second of such a time ends, `unclear`. So does
+  // an upload that sends less than 512 bytes a second, and an answer that takes ten such times.
   std::chrono::seconds trickle_window{60};
   // Told to the caller for its status: bytes of running transfers are added as they move.
   std::atomic<std::uint64_t> sent{0}, received{0};

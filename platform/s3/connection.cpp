@@ -142,6 +142,7 @@ void s3_client::connection::prepare() {
   // No proxy that the environment names: a check by hand and the service would differ.
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROXY, "");       // whatever the environment says
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, message_);
@@ -193,7 +194,8 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
     const bool stalls = ready == 0 && running.stalled();
     if (stalls || running.trickles()) {
       result = CURLE_OPERATION_TIMEDOUT;
-      running.fault = stalls ? "no byte moved for too long" : "the object comes too slowly";
+      running.fault =
+          stalls ? "no byte moved for too long" : "the object or the answer comes too slowly";
       break;
     }
   }
@@ -285,7 +287,8 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
     answer.text = std::string("the file here: ") + ::strerrordesc_np(answer.error);
     return;
   }
-  // Not a byte of the request went out: so nothing can have happened in the store.
+  // Of which object the beginning came.
+  if (running.status() / 100 == 2) answer.etag = s3_unquoted(running.header("ETag"));
   long sent = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent);
   answer.outcome = sent == 0 ? s3_outcome::unreachable : s3_outcome::unclear;

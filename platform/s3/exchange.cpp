@@ -136,32 +136,38 @@ bool s3_exchange::pace(std::size_t bytes) {
 }
 
 bool s3_exchange::trickles() {
-  constexpr curl_off_t least_rate = 4096;
+  constexpr std::int64_t least_down = 4096, least_up = 512;  // bytes a second
+  constexpr int windows_of_answer = 10;
+  // A store may say a byte now and then while it makes an answer.
+  const bool sends = given_ < request_.length(), waits = !sends && request_.to < 0;
   const auto now = clock::now();
-  if (request_.to < 0 || now - window_begin_ < control_.trickle_window) return false;
-  curl_off_t down = 0;
-  curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
-  const bool slow = down - window_bytes_ < least_rate * control_.trickle_window.count();
+  if (now - window_begin_ < control_.trickle_window * (waits ? windows_of_answer : 1)) return false;
+  const std::int64_t bytes = moved(), least = request_.to < 0 ? least_up : least_down;
+  const bool slow = bytes - window_bytes_ < least * control_.trickle_window.count();
   window_begin_ = now;
-  window_bytes_ = down;
+  window_bytes_ = bytes;
   return slow;
 }
 
 bool s3_exchange::stalled() {
+  const auto now = clock::now();
+  if (const std::int64_t bytes = moved(); bytes != seen_) {
+    seen_ = bytes;
+    moved_ = now;
+  }
+  return now - moved_ >= control_.stall_timeout;
+}
+
+// On a slow line the kernel still sends long after it took the last byte from here.
+std::int64_t s3_exchange::moved() const {
   curl_off_t up = 0, down = 0;
   curl_socket_t socket = CURL_SOCKET_BAD;
   curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &up);
   curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
   curl_easy_getinfo(handle_, CURLINFO_ACTIVESOCKET, &socket);
-  // On a slow line the kernel still sends long after it took the last byte from here.
   int waiting = 0;
   if (socket != CURL_SOCKET_BAD && ::ioctl(socket, SIOCOUTQ, &waiting) != 0) waiting = 0;
-  const auto now = clock::now();
-  if (const std::int64_t moved = up + down - waiting; moved != seen_) {
-    seen_ = moved;
-    moved_ = now;
-  }
-  return now - moved_ >= control_.stall_timeout;
+  return up + down - waiting;
 }
 
 long s3_exchange::status() const {

@@ -51,8 +51,8 @@ class s3_exchange {
 
   // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
   bool stalled();
-  // Whether a download has come too slowly for the control's window; waiting for the rate does not
-  // count.
+  // Whether bytes have moved too slowly for the control's window, or for ten of them while the
+  // store makes an answer; waiting for the rate does not count.
   bool trickles();
 
   // The HTTP status so far; 0 before there is one.
@@ -80,6 +80,7 @@ class s3_exchange {
   bool find_start();
   // Waits until the rate lets these bytes through; false when the stop flag went up meanwhile.
   bool pace(std::size_t bytes);
+  std::int64_t moved() const;  // bytes both ways, without those that the kernel still has
 
   const s3_request &request_;
   s3_control &control_;
@@ -92,7 +93,7 @@ class s3_exchange {
   clock::time_point moved_ = clock::now();
   // For `trickles`: when the present window began.
   clock::time_point window_begin_ = clock::now();
-  curl_off_t window_bytes_ = 0;  // that had come at its begin
+  std::int64_t window_bytes_ = 0;  // that had moved at its begin
 };
 
 #endif

@@ -1,8 +1,21 @@
 // Objects of a store, many at a time.
-// One request a page; the order is the store's.
+#include <algorithm>
+
+#include "platform/base/utf8.h"
 #include "platform/s3/answer.h"
 #include "platform/s3/connection.h"
 #include "platform/s3/documents.h"
+
+namespace {
+
+// XML has no way to name other bytes.
+bool can_be_xml(const std::string &key) {
+  const bool has_control = std::any_of(
+      key.begin(), key.end(), [](char byte) { return static_cast<unsigned char>(byte) < ' '; });
+  return !has_control && valid_utf8(key) == key;
+}
+
+}  // namespace
 
 s3_listing s3_client::list(std::string_view prefix, const std::string &token, int most) {
   const std::string &place_prefix = connection_->place().prefix;
@@ -29,12 +42,20 @@ s3_listing s3_client::list(std::string_view prefix, const std::string &token, in
 s3_removal s3_client::remove(const std::vector<std::string> &keys) {
   s3_removal removal;
   removal.answer.outcome = s3_outcome::done;
-  if (keys.empty()) return removal;
+  std::vector<std::string> named;
+  for (const std::string &key : keys) {
+    if (can_be_xml(key)) {
+      named.push_back(key);
+    } else if (const s3_answer answer = remove(key); !answer) {
+      removal.failed.push_back({key, answer.code});
+    }
+  }
+  if (named.empty()) return removal;
   const std::string &prefix = connection_->place().prefix;
   s3_reply reply = connection_->exchange({.method = "POST",
                                           .of_bucket = true,
                                           .query = {{"delete", ""}},
-                                          .text = s3_remove_document(prefix, keys)});
+                                          .text = s3_remove_document(prefix, named)});
   removal.answer = std::move(reply.answer);
   if (removal.answer && !s3_read_failed(reply.body, prefix, removal.failed)) {
     s3_damage(removal.answer, "the answer does not tell what was removed");

@@ -1,5 +1,8 @@
 // Hosts, the daemon and a real store together.
+#include <sys/resource.h>
+
 #include <spoolcap/transfer.h>
+#include "tests/support/faulty_proxy.h"
 #include "tests/support/object_store.h"
 #include "tests/support/transfer_daemon.h"
 #include "tests/unit/storage_fixture.h"
@@ -14,6 +17,8 @@ class Hosts : public storage_test {
   Hosts() : storage_test("s3") {
     EXPECT_EQ(qx_storage_load_config(base.c_str(), nullptr), 0);
     EXPECT_EQ(qx_transfer_start(), 0);
+    box.sql(
+        "INSERT INTO extension_recording (id, extension_id) SELECT seq, 1 FROM seq_100_to_1099");
   }
   ~Hosts() override { qx_transfer_stop(); }
 
@@ -26,9 +31,7 @@ class Hosts : public storage_test {
   bool fetch_all(int first, int count) const {
     std::vector<storage_session> sessions(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
-      sessions[static_cast<size_t>(i)].reset(qx_storage_session_retrieve(
-          QX_STORAGE_RECORDING, ("rc/1/2/" + std::to_string(first + i) + ".wav").c_str(), "s3",
-          "eu@n1"));
+      sessions[static_cast<size_t>(i)] = order(first + i);
     }
     bool are_good = true;
     for (int i = 0; i < count; ++i) {
@@ -39,7 +42,22 @@ class Hosts : public storage_test {
     return are_good;
   }
 
-  support::transfer_daemon daemon{box, support::new_bucket(support::shared_object_store())};
+  storage_session order(int id) const {
+    const std::string name = "rc/1/2/" + std::to_string(id) + ".wav";
+    return storage_session(
+        qx_storage_session_retrieve(QX_STORAGE_RECORDING, name.c_str(), "s3", "eu@n1"));
+  }
+  static int end_of(const storage_session &one) { return qx_storage_wait_for_file(one.get()); }
+  // The store is reached by way of a proxy.
+  void go_through(const support::faulty_proxy &proxy) {
+    const char *const file = "etc/quorvex/transfer.conf";
+    std::string text = box.read_file(file).value();
+    text.replace(text.find(place.endpoint), place.endpoint.size(), proxy.endpoint());
+    box.write_file(file, text);
+  }
+
+  const s3_place place = support::new_bucket(support::shared_object_store());
+  support::transfer_daemon daemon{box, place};
 };
 
 TEST_F(Hosts, AThousandFilesOfFourHostsComeAndGoAtOnce) {
@@ -52,7 +70,6 @@ TEST_F(Hosts, AThousandFilesOfFourHostsComeAndGoAtOnce) {
     }
     for (const auto &one : all) EXPECT_EQ(one->wait(90s)->status, 0);
   };
-  box.sql("INSERT INTO extension_recording (id, extension_id) SELECT seq, 1 FROM seq_100_to_1099");
   ASSERT_TRUE(daemon.start());
   in_each_host([](int first) {
     for (int id = first; id < first + files_of_each; ++id) {
@@ -80,6 +97,66 @@ TEST_F(Hosts, AKilledDaemonLosesNothingAndIsFoundAgain) {
   EXPECT_TRUE(fetch_all(7, 2));
   EXPECT_EQ(daemon.stop().status, 0);
   EXPECT_FALSE(fs::exists(box.path("run/spoolcap/transfer.sock")));
+}
+
+TEST_F(Hosts, OnePoisonedFileInAHundredAndAStoreThatFailsOneTimeInFiveHoldNobodyUp) {
+  constexpr int first = 100, count = 100, poisoned = 150;
+  const support::faulty_proxy proxy(
+      place.endpoint, {.refused = 20, .dropped = 0, .closed = 5, .poisoned = "/150.wav"});
+  go_through(proxy);
+  ASSERT_TRUE(daemon.start());
+  for (int id = first; id < first + count; ++id) {
+    EXPECT_EQ(stored(QX_STORAGE_RECORDING, id, content(id)), 0);
+  }
+  for (int i = 0; i < 300 && members("up") != "eu@n1:rc/1/2/150.wav"; ++i) {
+    std::this_thread::sleep_for(100ms);
+  }
+  EXPECT_EQ(members("up"), "eu@n1:rc/1/2/150.wav");
+  EXPECT_NE(daemon.run({"--status"}).out.find("eu@n1:rc/1/2/150.wav\n    HTTP 400"),
+            std::string::npos);
+  empty_cache();
+  EXPECT_TRUE(fetch_all(first, poisoned - first));
+  EXPECT_TRUE(fetch_all(poisoned + 1, first + count - poisoned - 1));
+}
+
+TEST_F(Hosts, ALargeFileComesAndGoesAndAFullDiskFailsItsDownloadAtOnce) {
+  std::string large(100 << 20, '\0');
+  for (size_t i = 0; i < large.size(); i += 7) large[i] = static_cast<char>(i * 2654435761U >> 13U);
+  ASSERT_TRUE(daemon.start());
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, large), 0);
+  drain();
+  empty_cache();
+  const rlimit small{50 << 20, RLIM_INFINITY}, none{RLIM_INFINITY, RLIM_INFINITY};
+  ASSERT_EQ(::prlimit(daemon.process().pid(), RLIMIT_FSIZE, &small, nullptr), 0);
+  EXPECT_LT(support::seconds_of([&] { EXPECT_EQ(end_of(order(7)), QX_STORAGE_FAILED); }), 20);
+  EXPECT_EQ(files("in"), texts{});
+  ASSERT_EQ(::prlimit(daemon.process().pid(), RLIMIT_FSIZE, &none, nullptr), 0);
+  const storage_session again = order(7);
+  ASSERT_EQ(end_of(again), QX_STORAGE_READY);
+  EXPECT_TRUE(
+      box.read_file(fs::relative(qx_storage_get_file_path(again.get()), box.root()).string()) ==
+      large);
+}
+
+TEST_F(Hosts, ADaemonThatIsStoppedHoldsNoHostUp) {
+  ASSERT_TRUE(daemon.start());
+  EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, content(7)), 0);
+  drain();
+  empty_cache();
+  daemon.process().kill(SIGSTOP);
+  std::vector<storage_session> pending;
+  const double seconds = support::seconds_of([&] {
+    for (int id = 100; id < 400; ++id) EXPECT_EQ(stored(QX_STORAGE_RECORDING, id, content(id)), 0);
+    for (int i = 0; i < 300; ++i) pending.push_back(order(7));
+    qx_transfer_stop();
+  });
+  EXPECT_LT(seconds, 20);
+  for (const storage_session &one : pending) EXPECT_EQ(end_of(one), QX_STORAGE_FAILED);
+  EXPECT_EQ(qx_transfer_start(), 0);
+  daemon.process().kill(SIGCONT);
+  EXPECT_TRUE(fetch_all(7, 1));
+  drain();
+  EXPECT_EQ(members("up"), "");
 }
 
 }  // namespace

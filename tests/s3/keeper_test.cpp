@@ -42,9 +42,10 @@ class Keeper : public testing::Test {
     EXPECT_TRUE(answer) << answer.text;
     return answer;
   }
-  void give_receipt(const std::string &key, const s3_answer &put) const {
+  void give_receipt(const std::string &key, const s3_answer &put, bool is_fetched = false) const {
     const unique_fd file(::open(node.path(key).c_str(), O_RDONLY | O_CLOEXEC));
-    EXPECT_EQ(write_receipt(file.get(), {.etag = put.etag, .length = 5}), 0);
+    const receipt what{.etag = put.etag, .length = 5, .is_fetched = is_fetched};
+    EXPECT_EQ(write_receipt(file.get(), what), 0);
   }
   bool has_receipt(const std::string &key) const {
     return read_receipt(unique_fd(::open(node.path(key).c_str(), O_RDONLY | O_CLOEXEC)).get())
@@ -72,7 +73,7 @@ TEST_F(Keeper, ExpiryTakesOnlyWhatTheStoreHasAndNobodyNeeds) {
   for (const std::string &key : {stored, again, opened, recent}) store(key);
   give_receipt(known, store(known));
   store(other, "n2", "HELLO");
-  give_receipt(lost, world.client.head(known));
+  give_receipt(lost, world.client.head(known), true);
   deleted(deleted_since, 10);
   world.queue(up_queue, node.member(again));
   const unique_fd reader(::open(node.path(opened).c_str(), O_RDONLY | O_CLOEXEC));
@@ -94,22 +95,29 @@ TEST_F(Keeper, ExpiryTakesOnlyWhatTheStoreHasAndNobodyNeeds) {
 TEST_F(Keeper, WhatTheQueueLostIsQueuedAgainAndWhatWasDeletedIsNot) {
   const std::string lost = make("lost", 1), newer = make("newer", 1), young = make("young", 0),
                     gone = make("gone", 1), deleted_before = make("before", 1),
-                    known = make("known", 1), replaced = make("replaced", 49);
+                    known = make("known", 1), replaced = make("replaced", 49),
+                    stored_once = make("once", 49), long_ago = make("long ago", 8 * 24),
+                    fetched = make("fetched", 49);
   store(newer, "n1", "older");
   give_receipt(known, store(known));
-  give_receipt(replaced, world.client.head(known));
+  for (const std::string &key : {replaced, stored_once, long_ago}) {
+    give_receipt(key, world.client.head(known));
+  }
+  give_receipt(fetched, world.client.head(known), true);
   world.client.put(replaced, support::stored_bytes("late").body(),
                    {{"node", "n1"}, {"queued", "1"}});
   deleted(known, 10);
   deleted(gone, 10);
   deleted(deleted_before, -10);
+  deleted(fetched, -10);
   look();
-  for (const std::string &key : {gone, known}) EXPECT_FALSE(node.has_file(key)) << key;
-  for (const std::string &key : {lost, newer, deleted_before, replaced}) {
+  for (const std::string &key : {gone, known, fetched}) EXPECT_FALSE(node.has_file(key)) << key;
+  for (const std::string &key : {lost, newer, deleted_before, replaced, stored_once}) {
     EXPECT_TRUE(queued(key)) << key;
   }
-  EXPECT_FALSE(queued(young));
-  EXPECT_EQ(node.state.counters.queued_again, 4);
+  for (const std::string &key : {young, long_ago}) EXPECT_FALSE(queued(key)) << key;
+  EXPECT_TRUE(node.has_file(long_ago)) << "whether it was deleted is not known any more";
+  EXPECT_EQ(node.state.counters.queued_again, 5);
   node.start();
   EXPECT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
   EXPECT_EQ(world.object(lost), "hello");

@@ -1,4 +1,6 @@
 // The work on the queues, against a real store and a real DisDB.
+#include <sys/resource.h>
+
 #include "tests/s3/uploads_fixture.h"
 #include "tests/support/scripted_server.h"
 #include "transfer/multipart.h"
@@ -103,7 +105,7 @@ TEST_F(Uploads, ADeleteDuringAnUploadWinsWhenItIsLaterAndLosesWhenItIsEarlier) {
 
 TEST_F(Uploads, AFileThatIsMissingIsNamedAndKeptUnlessItsDeletionIsKnown) {
   log.expect(FR_LOG_WARNING, "not in the cache");
-  world.queue(up_queue, here.member(key));
+  world.queue(up_queue, here.member(key), 1000);
   world.queue(up_queue, here.member("vm/1/2/4.wav"), 1000);
   here.remove("o:vm/1/2/4.wav", 1000.5);
   for (int i = 0; i < 98; ++i) here.commit("rc/1/2/" + std::to_string(i) + ".wav", "x");
@@ -148,6 +150,51 @@ TEST_F(Uploads, EachNodeUploadsItsOwnAndAnyNodeDeletes) {
   EXPECT_EQ(world.object("vm/1/3/5.wav"), "again");
   EXPECT_EQ(world.client.list("vm/1/3/").objects.size(), 1U);
   EXPECT_EQ(world.client.list("vm/1/2/").objects.size(), 19U);
+}
+
+TEST_F(Uploads, AnOlderFileOfAnotherNodeDoesNotReplaceANewerOne) {
+  transfer_node there(world, "n2");
+  there.start();
+  there.commit(key, "newer", 2000);
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  here.commit(key, "older", 1000);
+  here.start();
+  ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
+  EXPECT_EQ(world.object(key), "newer");
+}
+
+TEST_F(Uploads, ADeletionOfAnOwnerDuringItsUploadsTakesTheOlderOnesOnly) {
+  const double at = qx_get_tstamp();
+  const auto name = [](int i) { return "vm/1/2/" + std::to_string(i); };
+  here.control.bytes_per_second = 1'000'000;
+  for (int i = 0; i < 60; ++i) here.commit(name(i), bytes(40'000), at);
+  here.start();
+  ASSERT_TRUE(eventually([&] { return here.state.counters.uploads >= 10; }));
+  here.remove("r:vm/1/2", at + 10);
+  for (int i = 50; i < 70; ++i) here.commit(name(i), "again", at + 20);
+  ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
+  EXPECT_LT(here.state.counters.uploads, 80U) << "some were cancelled";
+  EXPECT_EQ(world.client.list("vm/").objects.size(), 20U);
+  for (int i = 50; i < 70; ++i) EXPECT_EQ(world.object(name(i)), "again");
+}
+
+// An upload in parts begins threads, for which this node has no memory.
+TEST_F(Uploads, AJobThatEndsByAnExceptionGivesItsKeyToOtherNodes) {
+  const support::background_process there([&] {
+    transfer_node node(world, "n2");
+    node.start();
+    std::this_thread::sleep_for(500ms);
+    const rlimit little{256 << 20, RLIM_INFINITY};
+    ::setrlimit(RLIMIT_AS, &little);
+    node.commit(key, bytes(7 << 20), 1000);
+    std::this_thread::sleep_for(60s);
+    return true;
+  });
+  ASSERT_TRUE(eventually([&] { return world.redis({"ZCARD", "storage:unclear:s3:main"}) == "1"; }));
+  here.start();
+  here.remove("o:" + std::string(key), 2000);
+  EXPECT_TRUE(eventually([&] { return world.queued() == "0 0"; })) << trouble();
+  EXPECT_EQ(world.object(key), std::nullopt);
 }
 
 TEST_F(Uploads, AnUploadInPartsGoesOnAfterAKill) {

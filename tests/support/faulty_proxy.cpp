@@ -34,7 +34,9 @@ faulty_proxy::faulty_proxy(const std::string &endpoint, const fault_shares &shar
       << "\n  http-request silent-drop if { rand(100) lt " << shares.dropped << " }\n"
       << "  http-request return status 503 content-type application/xml string "
          "\"<Error><Code>SlowDown</Code></Error>\" if { rand(100) lt "
-      << shares.refused << " }\n  default_backend store\nbackend store\n  server store "
+      << shares.refused << " }\n  http-request reject if { rand(100) lt " << shares.closed
+      << " }\n  http-request return status 400 if { path_end " << shares.poisoned
+      << " }\n  default_backend store\nbackend store\n  server store "
       << endpoint.substr(endpoint.find("//") + 2) << "\n";
   start();
 }

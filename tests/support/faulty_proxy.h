@@ -1,4 +1,4 @@
-// haproxy in front of a store: it answers some requests with 503 and drops some without a word.
+// haproxy in front of a store: it answers some requests with 503 and leaves some without an answer.
 #ifndef TESTS_SUPPORT_FAULTY_PROXY_H
 #define TESTS_SUPPORT_FAULTY_PROXY_H
 
@@ -9,8 +9,10 @@
 namespace support {
 
 struct fault_shares {
-  int refused = 20;  // of a hundred requests: 503, SlowDown
-  int dropped = 2;
+  int refused = 20;                        // of a hundred requests: 503, SlowDown
+  int dropped = 2;                         // without a word
+  int closed = 0;                          // the connection ends without an answer
+  std::string poisoned = "/no-such-name";  // what ends so is refused always: 400
 };
 
 class faulty_proxy : public server {

@@ -11,7 +11,7 @@
 namespace support {
 namespace {
 
-// The next request, head and body; nullopt at the end of the connection.
+// The next request; nullopt at the end of the connection.
 std::optional<std::string> read_request(int fd) {
   std::string request;
   for (char buffer[65536];;) {

@@ -16,7 +16,7 @@ class scripted_server {
  public:
   enum class then { closes, keeps_open };
 
-  // From the request, head and body.
+  // From the whole request, its head first.
   using answer_maker = std::function<std::string(std::string_view request)>;
 
   explicit scripted_server(answer_maker answer, then what = then::keeps_open);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "tests/unit/velkan_fixture.h"
+#include "transfer/backoff.h"
 
 namespace {
 
@@ -241,6 +242,48 @@ TEST_F(TransferQueue, AFileIsQueuedAgainUnlessItIsQueuedOrWasDeleted) {
   EXPECT_EQ(here.queue_again(upload, 500), state::deleted) << "the file is older";
   EXPECT_EQ(here.queue_again(upload, 1000), state::deleted);
   EXPECT_EQ(here.queue_again(upload, 1499), state::unchanged);
+}
+
+TEST_F(TransferQueue, WhatTheDisDbSaysToAChangeThatItRefusesIsKnownUntilItMakesOne) {
+  const queue_entry read = queue(ups, member, 1000);
+  run({"CONFIG", "SET", "maxmemory", "1"});
+  EXPECT_EQ(here.begin_upload(read, upload), state::down);
+  EXPECT_TRUE(here.refusal().starts_with("OOM ")) << here.refusal();
+  run({"CONFIG", "SET", "maxmemory", "0"});
+  EXPECT_EQ(here.begin_upload(read, upload), state::unchanged);
+  EXPECT_EQ(here.refusal(), "");
+}
+
+TEST_F(TransferQueue, AClaimIsSureWhileItIsRenewed) {
+  const queue_entry read = queue(ups, member, 1000);
+  EXPECT_FALSE(here.holds(upload));
+  ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
+  EXPECT_TRUE(here.holds(upload));
+  here.renew_claims();
+  EXPECT_TRUE(here.holds(upload));
+  run({"DEL", "storage:claim:s3:main:eu:" + key});
+  here.renew_claims();
+  EXPECT_FALSE(here.holds(upload)) << "another one may have it";
+}
+
+TEST(TransferBackoff, MembersBeyondItsRoomWaitAndHoldNobodyUp) {
+  backoff_table table;
+  const auto item = [](int i) {
+    return work_item{queue_kind::uploads, {"eu@n1:" + std::to_string(i), "1000"}};
+  };
+  constexpr int count = 30'000;
+  for (int i = 0; i < count; ++i) {
+    table.put_aside(item(i), {job_end::parked, "lost"}, 1e9, 3600);
+  }
+  EXPECT_EQ(table.parked_count(), 10'000U);
+  EXPECT_NEAR(static_cast<double>(table.waiting(1e9)), count - 10'000, 1000);
+  int free = 0;
+  for (int i = 0; i < count; ++i) {
+    EXPECT_TRUE(table.holds(item(i), 1e9)) << i;
+    free += table.holds(item(count + i), 1e9) ? 0 : 1;
+  }
+  EXPECT_GT(free, count * 9 / 10);
+  EXPECT_FALSE(table.holds(item(count - 1), 1e9 + 3600));
 }
 
 TEST_F(TransferQueue, APolicyThatEvictsQueuesIsNamedAndADisDbThatIsAwayIsDown) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <initializer_list>
+#include <thread>
 
 #include "platform/velkan/handles.h"
 #include "platform/velkan/velkan.h"
@@ -62,6 +63,18 @@ inline std::string ask(const support::redis_server &server, std::vector<const ch
   const vk_reply reply = own_reply(
       redisCommandArgv(context.get(), static_cast<int>(words.size()), words.data(), nullptr));
   return reply && reply->str != nullptr ? std::string(reply->str, reply->len) : "";
+}
+
+// Makes it a replica and waits for it to find its master.
+inline void follow(const support::redis_server &replica, const support::redis_server &master) {
+  ask(replica, {"REPLICAOF", "127.0.0.1", std::to_string(master.port()).c_str()});
+  for (int i = 0; i < 500; i++) {
+    if (ask(replica, {"INFO", "replication"}).find("master_link_status:up") != std::string::npos) {
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  FAIL() << "the replica did not find its master";
 }
 
 #endif

@@ -13,18 +13,6 @@ using support::seconds_of;
 
 namespace {
 
-// Makes it a replica and waits for it to find its master.
-void follow(const redis_server &replica, const redis_server &master) {
-  ask(replica, {"REPLICAOF", "127.0.0.1", std::to_string(master.port()).c_str()});
-  for (int i = 0; i < 500; i++) {
-    if (ask(replica, {"INFO", "replication"}).find("master_link_status:up") != std::string::npos) {
-      return;
-    }
-    std::this_thread::sleep_for(20ms);
-  }
-  FAIL() << "the replica did not find its master";
-}
-
 constexpr const char *greeting = "*3\r\n$6\r\nmaster\r\n:0\r\n*0\r\n+OK\r\n";
 
 TEST(VelkanTrouble, TheKeyIsSentOnEveryConnectAndAWrongOneIsNoServer) {
