@@ -287,8 +287,6 @@ void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode co
     answer.text = std::string("the file here: ") + ::strerrordesc_np(answer.error);
     return;
   }
-  // Of which object the beginning came.
-  if (running.status() / 100 == 2) answer.etag = s3_unquoted(running.header("ETag"));
   long sent = 0;
   curl_easy_getinfo(easy_.get(), CURLINFO_REQUEST_SIZE, &sent);
   answer.outcome = sent == 0 ? s3_outcome::unreachable : s3_outcome::unclear;
