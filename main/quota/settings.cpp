@@ -8,6 +8,7 @@
 
 #include <spoolcap/utils.h>
 #include "common/paths.h"
+#include "main/quota/locks.h"
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
 #include "platform/base/errors.h"
@@ -69,7 +70,10 @@ void log_missing_owner(int error) {
 
 int get_conf() {
   const std::lock_guard guard(kept->lock);
-  if (!kept->settings) kept->settings = read_settings();
+  if (!kept->settings) {
+    kept->settings = read_settings();
+    if (kept->settings) warn_of_local_locks(kept->settings->quota_root);
+  }
   return 0;
 }
 
