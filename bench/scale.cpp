@@ -135,6 +135,7 @@ platform_cost measure(support::mariadb_server &server, long accounts) {
     result.of_work[i] = cost_of(box, server, all_work[i]);
   }
   result.inodes = entries_below(box.path("var/lib/quorvexquota"));
+  std::fprintf(stderr, "%-25s %8.0f inodes\n", "quota root", result.inodes);
   return result;
 }
 

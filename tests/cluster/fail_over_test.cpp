@@ -163,8 +163,9 @@ TEST_F(FailOver, TheNewMasterIsFoundWithinTwoSecondsAndNothingIsWrong) {
   EXPECT_LT(gap, 2);
   EXPECT_LT(troubled.longest, calm.longest + 5);
   figures expected = before;
-  for (const char *place : {"1/fax", "1/10/fax", "1/10/100/fax"})
+  for (const char *place : {"1/fax", "1/10/fax", "1/10/100/fax"}) {
     expected[place] += updates * delta;
+  }
   EXPECT_EQ(figures_of(box), expected);
   EXPECT_GE(updates * delta, limit) << "too few to fill it";
   ASSERT_FALSE(stored.empty());
