@@ -4,6 +4,7 @@
 #   make test   build and pass all tests but those that need an object store
 #   make test-s3 those: it installs one, of some 270 MB
 #   make test-page  those of the report's page, in a real browser
+#   make cluster-test  replicas, fail-over, several nodes, and a platform of ACCOUNTS accounts (100,000)
 #   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call;
 #               then faults-s3, a thousand kills of the transfer service and of its hosts (KILLS=1000)
 #   make bench-s3 the transfer service beside other clients of an object store, which it installs
@@ -20,7 +21,7 @@ OBJECT_STORE = radosgw ceph-mon ceph-osd ceph-common
 
 SOURCES = $(shell git ls-files --cached --others --exclude-standard '*.cpp' '*.h' '*.c')
 
-.PHONY: all build demo demo-s3 test test-page test-s3 bench bench-s3 faults faults-s3 lint sanitize coverage fuzz deps package \
+.PHONY: all build demo demo-s3 test test-page test-s3 cluster-test bench bench-s3 faults faults-s3 lint sanitize coverage fuzz deps package \
   package-test install format clean
 all: build
 
@@ -57,6 +58,12 @@ test-s3: $(BUILD)/build.ninja
 	@dev/install-deps $(OBJECT_STORE) haproxy
 	cmake --build --preset release --target s3_tests kills_tests testbed
 	$(BUILD)/bin/testbed --object-store ctest --preset s3 -j $(JOBS)
+
+cluster-test: deps $(BUILD)/build.ninja
+	cmake --build --preset release --target cluster_tests scale testbed
+	$(BUILD)/bin/testbed ctest --preset cluster
+	NSS_WRAPPER_PASSWD=tests/support/passwd NSS_WRAPPER_GROUP=tests/support/group \
+	  $(BUILD)/bin/testbed $(BUILD)/bin/scale $(ACCOUNTS)
 
 bench: deps $(BUILD)/build.ninja
 	@dev/install-deps chromium-headless-shell

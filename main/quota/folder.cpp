@@ -7,6 +7,7 @@
 
 #include "main/quota/careful_open.h"
 #include "main/quota/hand_over.h"
+#include "main/quota/locks.h"
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
 
@@ -39,6 +40,7 @@ bool take_lock(quota_file &file, int operation) {
     status = ::flock(file.fd.get(), operation);
   } while (status != 0 && errno == EINTR);
   file.is_locked = status == 0;
+  if (!file.is_locked && errno != EWOULDBLOCK) note_lock_failure();
   return file.is_locked;
 }
 

@@ -9,6 +9,7 @@
 
 #include <spoolcap/utils.h>
 #include "common/paths.h"
+#include "main/quota/locks.h"
 #include "main/quota/settings.h"
 #include "platform/base/diagnostics.h"
 #include "platform/base/errors.h"
@@ -71,8 +72,11 @@ void log_missing_owner(int error) {
 
 const quota_settings *loaded_settings() {
   const std::lock_guard guard(kept->lock);
-  // Read once: with another root half way, figures of one platform would lie in two trees.
-  if (!kept->settings) kept->settings = read_settings();
+  if (!kept->settings) {
+    // Read once: with another root half way, figures of one platform would lie in two trees.
+    kept->settings = read_settings();
+    if (kept->settings) warn_of_local_locks(kept->settings->quota_root);
+  }
   return kept->settings ? &*kept->settings : nullptr;
 }
 
