@@ -121,11 +121,12 @@ std::string transfer_queue::refusal() const {
   return refusal_;
 }
 
-std::optional<std::string> transfer_queue::take_claim(const std::string &name) {
+std::optional<std::string> transfer_queue::take_claim(const std::string &name,
+                                                      const std::string &score) {
   const std::lock_guard guard(lock_);
   // Another thread of this process has the key: no need to ask the DisDB.
   if (claims_.contains(name)) return std::nullopt;
-  const std::string value = claim_prefix_ + std::to_string(++claim_count_);
+  const std::string value = claim_prefix_ + std::to_string(++claim_count_) + "/" + score;
   const auto now = std::chrono::steady_clock::now();
   claims_.emplace(name, own_claim{value, now, now});
   return value;
@@ -205,7 +206,7 @@ std::optional<long> transfer_queue::place_of(queue_kind kind, double time) {
 
 queue_state transfer_queue::begin_upload(const queue_entry &entry, const upload_member &member) {
   const upload_names names(member);
-  const auto value = take_claim(names.claim);
+  const auto value = take_claim(names.claim, entry.score);
   if (!value) return queue_state::claimed;
   // Forgets the claim unless the script has taken it; also when an exception comes.
   forgetting claim{*this, names.claim};
@@ -218,7 +219,7 @@ queue_state transfer_queue::begin_upload(const queue_entry &entry, const upload_
 }
 
 queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_member &member,
-                                       transfer_end end) {
+                                       int window, transfer_end end) {
   const upload_names names(member);
   forgetting claim{*this, names.claim};
   const queue_state state = run_state(
@@ -226,7 +227,7 @@ queue_state transfer_queue::end_upload(const queue_entry &entry, const upload_me
       {upload_queue, deletions, names.claim, names.prefix_claim, unclear_ends, names.prefix_mark},
       {entry.member, entry.score, names.deletion, names.prefix_deletion, held_claim(names.claim),
        names.unclear, queue_number(now()), end == transfer_end::unclear ? "unclear" : "clear",
-       mark_milliseconds, age_of_claim(names.claim)});
+       mark_milliseconds, age_of_claim(names.claim), queue_number(now() - window)});
   // The object is still to be removed under the claim, so it is renewed until then.
   claim.is_wanted = state != queue_state::deleted;
   return state;
@@ -243,21 +244,29 @@ queue_state transfer_queue::drop_upload(const queue_entry &entry, const upload_m
 }
 
 // Also when the DisDB does not answer the claim is forgotten here, and runs out there.
-queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member) {
+queue_state transfer_queue::leave(const std::string &claim, const std::string &unclear_member,
+                                  const queue_entry &entry) {
   const forgetting job{*this, claim};
-  return run_state(leave_script, {claim, unclear_ends},
-                   {held_claim(claim), unclear_member, queue_number(now())});
+  return run_state(
+      leave_script, {claim, unclear_ends, upload_queue},
+      {held_claim(claim), unclear_member, queue_number(now()), entry.member, entry.score});
 }
 
-void transfer_queue::leave_upload(const upload_member &member, transfer_end end) {
+void transfer_queue::leave_upload(const queue_entry &entry, const upload_member &member,
+                                  transfer_end end) {
   const upload_names names(member);
-  leave(names.claim, end == transfer_end::unclear ? names.unclear : std::string());
+  leave(names.claim, end == transfer_end::unclear ? names.unclear : std::string(), entry);
+}
+
+void transfer_queue::note_unclear_removal(const upload_member &member) {
+  vk_reply reply;
+  ask({"ZADD", unclear_ends, queue_number(now()), upload_names(member).unclear + ":older"}, reply);
 }
 
 queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_member &member) {
   const delete_names names(member);
   // Also while a job of this process has the key, which is to learn of the deletion.
-  const auto value = take_claim(names.claim);
+  const auto value = take_claim(names.claim, entry.score);
   forgetting claim{*this, names.claim, value.has_value()};
   // Only deletions claim a prefix, and what they sent brings nothing.
   const std::string unclear = member.whole_prefix ? std::string() : names.unclear;
@@ -292,7 +301,7 @@ queue_state transfer_queue::drop_delete(const queue_entry &entry, const delete_m
 }
 
 void transfer_queue::leave_delete(const delete_member &member) {
-  leave(delete_names(member).claim, {});
+  leave(delete_names(member).claim, {}, {});
 }
 
 queue_state transfer_queue::queue_again(const upload_member &member, double made) {

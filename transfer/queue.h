@@ -101,15 +101,19 @@ class transfer_queue {
   // Only after `unchanged`, `contested` and `deleted` the claim is held.
   queue_state begin_upload(const queue_entry &entry, const upload_member &member);
   // After the object was stored: removes the member if it is unchanged, and gives the claim back,
-  // except for `deleted`: the object must go again, under the claim.
-  queue_state end_upload(const queue_entry &entry, const upload_member &member,
+  // except for `deleted`: the object must go again, under the claim. The member stays, `unclear`,
+  // when something older than it may have followed in the last `window` seconds, or still follow.
+  queue_state end_upload(const queue_entry &entry, const upload_member &member, int window,
                          transfer_end end = transfer_end::clear);
   // After the object of a deleted upload went: removes the member if it is unchanged, and gives the
   // claim back. It stays, `unclear`, when an upload of the key ended unclear in the last `window`
   // seconds.
   queue_state drop_upload(const queue_entry &entry, const upload_member &member, int window);
   // Gives the claim back with the member as it is.
-  void leave_upload(const upload_member &member, transfer_end end = transfer_end::clear);
+  void leave_upload(const queue_entry &entry, const upload_member &member,
+                    transfer_end end = transfer_end::clear);
+  // A request to remove the object may still take effect, on a younger one.
+  void note_unclear_removal(const upload_member &member);
 
   // Makes the deletion known to all uploads of the key, or below the prefix, and claims it. Only
   // after `unchanged` the claim is held.
@@ -166,7 +170,8 @@ class transfer_queue {
   // For scripts that answer with a word of `queue_state`. Anything else is `down`.
   queue_state run_state(const queue_script &script, texts keys, texts arguments);
   // Gives a claim back. An empty `unclear_member` notes nothing.
-  queue_state leave(const std::string &claim, const std::string &unclear_member);
+  queue_state leave(const std::string &claim, const std::string &unclear_member,
+                    const queue_entry &entry);
   // `oldest` is the wall-clock time before which an unclear end counts no more.
   queue_state finish_delete(const queue_entry &entry, const delete_member &member, double oldest);
 
@@ -180,8 +185,9 @@ class transfer_queue {
     }
   };
 
-  // The value of a new claim; nullopt when a job of this process has it.
-  std::optional<std::string> take_claim(const std::string &name);
+  // The value of a new claim, which ends with the score of its member; nullopt when a job of this
+  // process has it.
+  std::optional<std::string> take_claim(const std::string &name, const std::string &score);
   // Empty when this process does not hold it; no claim in the DisDB has an empty value.
   std::string held_claim(const std::string &name) const;
   std::string age_of_claim(const std::string &name) const;  // in milliseconds

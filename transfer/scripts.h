@@ -71,7 +71,16 @@ if score ~= ARGV[2] then return 'renewed' end
 local holder = redis.call('GET', KEYS[3])
 if holder and string.sub(holder, 1, #ARGV[6]) ~= ARGV[6] then return 'claimed' end
 if redis.call('EXISTS', KEYS[4]) == 1 then return 'claimed' end
-if holder and holder ~= ARGV[5] then redis.call('ZADD', KEYS[5], ARGV[9], ARGV[8]) end
+if holder and holder ~= ARGV[5] then
+  redis.call('ZADD', KEYS[5], ARGV[9], ARGV[8])
+  if string.match(holder, '[^/]*$') ~= score then
+    redis.call('ZADD', KEYS[5], ARGV[9], ARGV[8] .. ':older')
+  end
+end
+local unclear = redis.call('ZSCORE', KEYS[5], ARGV[8])
+if unclear and tonumber(unclear) < tonumber(score) then
+  redis.call('ZADD', KEYS[5], unclear, ARGV[8] .. ':older')
+end
 redis.call('SET', KEYS[3], ARGV[5], 'PX', ARGV[7])
 local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
                          tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1))
@@ -82,7 +91,7 @@ return 'unchanged'
 
 // KEYS: as above, mark of the prefix. ARGV: member, score, deletion of the key, deletion of the
 // prefix, claim value, unclear member, now, "unclear" or "clear", milliseconds for which a mark is
-// kept, milliseconds since the job began.
+// kept, milliseconds since the job began, the oldest unclear end that counts.
 // The order matters: a lost claim is noted as unclear before anything else. A renewed member stays
 // and is sent again. "deleted" keeps the claim, as the object is still to be removed. The member
 // goes last, when nothing can have removed the object meanwhile.
@@ -92,6 +101,7 @@ local held = redis.call('GET', KEYS[3]) == ARGV[5]
 if not held or ARGV[8] == 'unclear' then redis.call('ZADD', KEYS[5], ARGV[7], ARGV[6]) end
 if not held then return score and 'claimed' or 'gone' end
 if score and score ~= ARGV[2] then
+  if ARGV[8] == 'unclear' then redis.call('ZADD', KEYS[5], ARGV[7], ARGV[6] .. ':older') end
   redis.call('DEL', KEYS[3])
   return 'renewed'
 end
@@ -100,6 +110,8 @@ local deleted = math.max(tonumber(redis.call('ZSCORE', KEYS[2], ARGV[3]) or -1),
 if deleted > tonumber(ARGV[2]) + 1 then return 'deleted' end
 redis.call('DEL', KEYS[3])
 if not score then return 'gone' end
+local older = tonumber(redis.call('ZSCORE', KEYS[5], ARGV[6] .. ':older') or -1)
+if older >= tonumber(ARGV[11]) then return 'unclear' end
 if redis.call('EXISTS', KEYS[4]) == 1 then return 'claimed' end
 -- The object may have come and gone between two requests of a deletion that ended meanwhile.
 local left = redis.call('PTTL', KEYS[6])
@@ -119,11 +131,15 @@ redis.call('ZREM', KEYS[1], ARGV[1])
 return 'unchanged'
 )lua";
 
-// KEYS: claim, unclear. ARGV: claim value, unclear member or "", now.
+// KEYS: claim, unclear, queue. ARGV: claim value, unclear member or "", now, member, score.
 // Leaves the queue alone. A transfer that may still take effect is noted as unclear.
 inline constexpr char leave_text[] = R"lua(
 if redis.call('GET', KEYS[1]) == ARGV[1] then redis.call('DEL', KEYS[1]) end
-if ARGV[2] ~= '' then redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2]) end
+if ARGV[2] == '' then return 'unchanged' end
+redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2])
+if redis.call('ZSCORE', KEYS[3], ARGV[4]) ~= ARGV[5] then
+  redis.call('ZADD', KEYS[2], ARGV[3], ARGV[2] .. ':older')
+end
 return 'unchanged'
 )lua";
 

@@ -33,7 +33,7 @@ class upload_job {
   // An exception may come at any point of a transfer.
   ~upload_job() {
     if (!is_claimed_) return;
-    no_throw([this] { context_.queue.leave_upload(member_, transfer_end::unclear); });
+    no_throw([this] { context_.queue.leave_upload(entry_, member_, transfer_end::unclear); });
   }
 
   job_result run() {
@@ -84,7 +84,8 @@ class upload_job {
   }
 
   job_result leave(job_result result) {
-    context_.queue.leave_upload(member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    context_.queue.leave_upload(entry_, member_,
+                                uncertain_ ? transfer_end::unclear : transfer_end::clear);
     is_claimed_ = false;
     return result;
   }
@@ -142,8 +143,9 @@ class upload_job {
   }
 
   job_result end(std::int64_t length) {
-    const queue_state state = context_.queue.end_upload(
-        entry_, member_, uncertain_ ? transfer_end::unclear : transfer_end::clear);
+    const queue_state state =
+        context_.queue.end_upload(entry_, member_, settings_.unclear_window,
+                                  uncertain_ ? transfer_end::unclear : transfer_end::clear);
     // The claim is still held: nobody else may store the key before the object is gone.
     if (state == queue_state::deleted) return cancel();
     is_claimed_ = false;

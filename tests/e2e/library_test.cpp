@@ -29,8 +29,9 @@ TEST_F(Library, ExportsWhatItsHeadersDeclare) {
   const auto made = shell("cmake -S " SPOOLCAP_SOURCE
                           "/examples -B made"
                           " -DCMAKE_PREFIX_PATH=$PWD/usr -DCMAKE_C_FLAGS=\"$FLAGS\""
-                          " && cmake --build made && made/store");
+                          " && cmake --build made && { made/store; made/recording; }");
   EXPECT_NE(made.out.find("usage: store"), std::string::npos) << made.out;
+  EXPECT_NE(made.out.find("usage: recording"), std::string::npos) << made.out;
   const auto checked = shell(SPOOLCAP_SOURCE
                              "/tests/e2e/check-exports "
                              "$LD_LIBRARY_PATH/libspoolcap.so $PWD/usr/include/spoolcap");

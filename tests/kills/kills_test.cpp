@@ -138,7 +138,12 @@ class Kills : public storage_test {
   // The hour passes after which neither an upload whose end nobody saw can take effect, nor what is
   // left in the folders can be of a process that runs.
   void let_the_window_pass() {
+    EXPECT_EQ(daemon.stop().status, 0);
     box.redis({"DEL", "storage:unclear:s3:main"});
+    box.redis({"EVAL",
+               "for _, one in ipairs(redis.call('KEYS', 'storage:claim:*')) do "
+               "redis.call('DEL', one) end",
+               "0"});
     for (const char *folder : {"cache", "in", "out"}) {
       for (const std::string &name : files(folder)) {
         const fs::path path = box.path(std::string(folder) + "/" + name);
@@ -147,7 +152,6 @@ class Kills : public storage_test {
         }
       }
     }
-    EXPECT_EQ(daemon.stop().status, 0);
     ASSERT_TRUE(daemon.start());
     EXPECT_EQ(daemon.run({"--drain", "50"}).status, 0) << daemon.run({"--status"}).out;
     daemon.process().kill(SIGHUP);  // everything is looked through
@@ -176,7 +180,7 @@ class Kills : public storage_test {
   }
 
   // Beside the files that are stored. Without a record here, parts in the store are forgotten ones,
-  // which the service ends after two days.
+  // which the service ends after seven days.
   texts leftovers(const texts &keys) const {
     texts found = files("in");
     for (const std::string &name : files("out")) found.push_back(name);

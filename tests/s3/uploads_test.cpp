@@ -182,17 +182,22 @@ TEST_F(Uploads, ADeletionOfAnOwnerDuringItsUploadsTakesTheOlderOnesOnly) {
 TEST_F(Uploads, AJobThatEndsByAnExceptionGivesItsKeyToOtherNodes) {
   const support::background_process there([&] {
     transfer_node node(world, "n2");
+    node.commit(key, bytes(7 << 20));
+    world.redis({"DEL", up_queue});
     node.start();
     std::this_thread::sleep_for(500ms);
-    const rlimit little{256 << 20, RLIM_INFINITY};
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    const rlimit little{pages * 4096 + (4 << 20), RLIM_INFINITY};
     ::setrlimit(RLIMIT_AS, &little);
-    node.commit(key, bytes(7 << 20), 1000);
+    world.queue(up_queue, node.member(key));
+    node.workers.wake();
     std::this_thread::sleep_for(60s);
     return true;
   });
   ASSERT_TRUE(eventually([&] { return world.redis({"ZCARD", "storage:unclear:s3:main"}) == "1"; }));
   here.start();
-  here.remove("o:" + std::string(key), 2000);
+  here.remove("o:" + std::string(key), qx_get_tstamp() + 10);
   EXPECT_TRUE(eventually([&] { return world.queued() == "0 0"; })) << trouble();
   EXPECT_EQ(world.object(key), std::nullopt);
 }

@@ -95,12 +95,12 @@ TEST_F(TransferQueue, AMemberLeavesTheQueueOnlyWithTheScoreThatWasRead) {
   EXPECT_EQ(read.score, "1700000000.123457");
   ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
   queue(ups, member, 1700000001);
-  EXPECT_EQ(here.end_upload(read, upload), state::renewed);
+  EXPECT_EQ(here.end_upload(read, upload, 60), state::renewed);
   EXPECT_EQ(here.begin_upload(read, upload), state::renewed);
 
   const queue_entry again{member, score_of(ups, member)};
   ASSERT_EQ(here.begin_upload(again, upload), state::unchanged);
-  EXPECT_EQ(here.end_upload(again, upload), state::unchanged);
+  EXPECT_EQ(here.end_upload(again, upload, 60), state::unchanged);
   EXPECT_EQ(here.begin_upload(again, upload), state::gone);
   EXPECT_EQ(run({"KEYS", "*"}), "") << "no claim is left";
 }
@@ -125,7 +125,7 @@ TEST_F(TransferQueue, ADeletionCoversUploadsThatAreMoreThanASecondOlder) {
       EXPECT_EQ(there.begin_delete(deletion, what),
                 what.whole_prefix ? state::unchanged : state::claimed);
       there.leave_delete(what);
-      EXPECT_EQ(here.end_upload(read, upload), row.end);
+      EXPECT_EQ(here.end_upload(read, upload, 60), row.end);
       if (row.end == state::deleted) {
         EXPECT_EQ(here.drop_upload(read, upload, 60), state::unchanged);
       }
@@ -133,7 +133,7 @@ TEST_F(TransferQueue, ADeletionCoversUploadsThatAreMoreThanASecondOlder) {
 
       queue(ups, member, 1000);
       EXPECT_EQ(here.begin_upload(read, upload), row.begin);
-      here.leave_upload(upload);
+      here.leave_upload(read, upload);
       EXPECT_EQ(here.deleted_at(upload), 1000 + row.later);
     }
   }
@@ -152,10 +152,10 @@ TEST_F(TransferQueue, AKeyHasOneJobAndAJobThatLostItsClaimEndsUnclear) {
 
   run({"DEL", claim});
   ASSERT_EQ(there.begin_delete(deletion, one), state::unchanged);
-  EXPECT_EQ(here.end_upload(read, upload), state::claimed);
+  EXPECT_EQ(here.end_upload(read, upload, 60), state::claimed);
   EXPECT_NE(score_of(unclear, "eu:" + key), "");
   run({"DEL", ups, unclear});
-  EXPECT_EQ(here.end_upload(read, upload), state::gone);
+  EXPECT_EQ(here.end_upload(read, upload, 60), state::gone);
   EXPECT_NE(score_of(unclear, "eu:" + key), "") << "also when the member went meanwhile";
   EXPECT_EQ(here.is_claimed("eu", key), true) << "the claim of another is left alone";
   EXPECT_EQ(there.drop_delete(deletion, one), state::unchanged);
@@ -168,8 +168,8 @@ TEST_F(TransferQueue, WhatAKilledProcessClaimedIsTakenOverByTheNextOneOfItsNode)
   transfer_queue restarted(client(), "n1");
   EXPECT_EQ(restarted.begin_upload(read, upload), state::unchanged);
   EXPECT_NE(score_of(unclear, "eu:" + key), "") << "what it sent may still arrive";
-  EXPECT_EQ(here.end_upload(read, upload), state::claimed);
-  EXPECT_EQ(restarted.end_upload(read, upload), state::unchanged);
+  EXPECT_EQ(here.end_upload(read, upload, 60), state::claimed);
+  EXPECT_EQ(restarted.end_upload(read, upload, 60), state::unchanged);
   transfer_queue third(client(), "n1");
   ASSERT_EQ(restarted.begin_upload(queue(ups, member, 2000), upload), state::unchanged);
   run({"DEL", unclear});
@@ -190,12 +190,12 @@ TEST_F(TransferQueue, AWholePrefixThatIsBeingDeletedHoldsUploadsBack) {
   ASSERT_EQ(here.begin_upload(second, other), state::unchanged);
   ASSERT_EQ(there.begin_delete(deletion, all), state::unchanged);
   EXPECT_EQ(here.begin_upload(read, upload), state::claimed);
-  EXPECT_EQ(here.end_upload(second, other), state::claimed) << "its object may just go";
+  EXPECT_EQ(here.end_upload(second, other, 60), state::claimed) << "its object may just go";
   EXPECT_EQ(there.end_delete(deletion, all, 60), state::unchanged);
-  EXPECT_EQ(elsewhere.end_upload(third, early), state::claimed) << "its object may have gone";
+  EXPECT_EQ(elsewhere.end_upload(third, early, 60), state::claimed) << "its object may have gone";
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_EQ(here.begin_upload(second, other), state::unchanged);
-  EXPECT_EQ(here.end_upload(second, other), state::unchanged);
+  EXPECT_EQ(here.end_upload(second, other, 60), state::unchanged);
 }
 
 TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
@@ -203,7 +203,7 @@ TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
     SCOPED_TRACE(what.key);
     const queue_entry read = queue(ups, member, 1000);
     ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
-    here.leave_upload(upload, transfer_end::unclear);
+    here.leave_upload(read, upload, transfer_end::unclear);
     ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
     EXPECT_EQ(here.drop_upload(read, upload, 60), state::unclear);
     const queue_entry deletion =
@@ -214,6 +214,37 @@ TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
       queue(unclear, "eu:" + key, now() - 61);
     }
   }
+}
+
+TEST_F(TransferQueue, AnUploadIsMadeAgainWhileSomethingOlderMayFollowIt) {
+  const auto ends_as = [this](double score) {
+    const queue_entry read = queue(ups, member, score);
+    EXPECT_EQ(here.begin_upload(read, upload), state::unchanged);
+    return here.end_upload(read, upload, 60);
+  };
+  queue_entry read = queue(ups, member, 1000);
+  ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
+  here.leave_upload(read, upload, transfer_end::unclear);
+  EXPECT_EQ(ends_as(1000), state::unchanged) << "what may follow is the same file";
+  EXPECT_EQ(ends_as(now() + 1), state::unclear) << "queued again after the unclear end";
+  run({"DEL", unclear});
+
+  read = queue(ups, member, 1000);
+  ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
+  queue(ups, member, 1001);
+  here.leave_upload(read, upload, transfer_end::unclear);
+  EXPECT_EQ(ends_as(1001), state::unclear) << "queued again before it";
+  run({"DEL", unclear});
+
+  transfer_queue killed(client(), "n1");
+  read = queue(ups, member, 1000);
+  ASSERT_EQ(killed.begin_upload(read, upload), state::unchanged);
+  EXPECT_EQ(ends_as(1001), state::unclear) << "what a killed process sent";
+  run({"DEL", unclear});
+  here.note_unclear_removal(upload);
+  EXPECT_EQ(ends_as(1002), state::unclear) << "a removal that may follow";
+  queue(unclear, "eu:" + key + ":older", now() - 61);
+  EXPECT_EQ(ends_as(1002), state::unchanged);
 }
 
 TEST_F(TransferQueue, DeletionsAreKeptForTheirTimeAndForAllOlderUploads) {
