@@ -14,6 +14,8 @@ constexpr int failures_before_rest = 8;  // in a row
 constexpr double first_rest = 1;         // seconds, as all below
 constexpr double first_refused_rest = 30;
 constexpr double longest_rest = 300;
+// A store that refuses key after key may take the next one, behind which others wait.
+constexpr double longest_doubtful_rest = 5;
 // What a store may ask for; more would be a mistake of its own.
 constexpr double longest_asked_rest = 3600;
 constexpr size_t most_idle_clients = 64;
@@ -43,8 +45,10 @@ meaning meaning_of(const s3_answer &answer) {
     case s3_outcome::not_found:
     case s3_outcome::refused:
       if (is_about_location(answer)) return meaning::refusal;
-      // One key may be refused, or each: so many in a row will tell.
-      return answer.outcome == s3_outcome::refused ? meaning::failure : meaning::works;
+      if (answer.outcome == s3_outcome::not_found) return meaning::works;
+      // One key may be refused, or each: so many in a row will tell. Without a status none was
+      // sent.
+      return answer.status == 0 ? meaning::nothing : meaning::failure;
     case s3_outcome::busy:
     case s3_outcome::unreachable:
     case s3_outcome::unclear:
@@ -55,6 +59,21 @@ meaning meaning_of(const s3_answer &answer) {
     default:
       return meaning::nothing;
   }
+}
+
+// In seconds, after so many rests in a row.
+double rest_after(const s3_answer &answer, int rests) {
+  double rest = 0;
+  if (answer.retry_after) {
+    rest = std::min(static_cast<double>(answer.retry_after->count()), longest_asked_rest);
+  }
+  // Wrong keys do not come right within a second.
+  if (meaning_of(answer) == meaning::refusal || answer.status == 403) {
+    return std::max({rest, first_refused_rest, jittered(rests, first_refused_rest, longest_rest)});
+  }
+  const bool is_doubtful = answer.outcome == s3_outcome::refused;
+  const double longest = is_doubtful ? longest_doubtful_rest : longest_rest;
+  return std::max(rest, jittered(rests, first_rest, longest));
 }
 
 std::string describe(const s3_answer &answer) {
@@ -231,14 +250,7 @@ bool transfer_locations::fail(place &where, const std::string &name, const s3_an
   where.probe = 0;
   where.reason = describe(answer);
   ++where.rests;
-  double rest = jittered(where.rests, is_refused ? first_refused_rest : first_rest, longest_rest);
-  // Wrong keys do not come right within a second.
-  if (is_refused) rest = std::max(rest, first_refused_rest);
-  if (answer.retry_after) {
-    const auto asked = static_cast<double>(answer.retry_after->count());
-    rest = std::max(rest, std::min(asked, longest_asked_rest));
-  }
-  where.retry_at = qx_get_tstamp() + rest;
+  where.retry_at = qx_get_tstamp() + rest_after(answer, where.rests);
   // Once for each change of state; the status has the reason of now.
   if (before != where.state) {
     QX_LOG(FR_LOG_WARNING, "location %s is %s: %s\n", name.c_str(), word_of(where.state),

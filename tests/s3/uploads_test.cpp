@@ -256,6 +256,14 @@ TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
   EXPECT_TRUE(eventually([&] { return node.locations.report()[0].state == "resting"; }));
 }
 
+TEST_F(Uploads, AStoreThatRefusesKeyAfterKeyIsGivenAShortRest) {
+  log.expect(FR_LOG_WARNING, "location eu is refusing");
+  for (int i = 0; i < 8; ++i)
+    here.locations.tell("eu", {.outcome = s3_outcome::refused, .status = 400});
+  EXPECT_FALSE(here.locations.report()[0].state == "up");
+  EXPECT_LT(here.locations.report()[0].retry_at, qx_get_tstamp() + 5);
+}
+
 TEST(UploadsInTrouble, NothingIsLostWhenTheDisDbAndTheStoreStopAndStart) {
   support::log_capture log;
   support::object_store store;
