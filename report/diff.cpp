@@ -38,10 +38,11 @@ compared_states read_states(std::vector<std::string> names) {
     // The order is part of the question; sorting would answer another one.
     last_taken = state.taken;
     if (states.outlooks) states.outlooks->add(state);
-    if (i == 0)
+    if (i == 0) {
       states.before = std::move(state);
-    else if (i + 1 == names.size())
+    } else if (i + 1 == names.size()) {
       states.after = std::move(state);
+    }
   }
   return states;
 }
