@@ -5,7 +5,7 @@
 #   make test-s3 those: it installs one, of some 270 MB
 #   make test-swift  the client against a second store, once per release and when signing changes
 #   make test-page  those of the report's page, in a real browser
-#   make cluster-test  replicas, fail-over, several nodes, and a platform of ACCOUNTS accounts (100,000)
+#   make cluster-test  replicas, fail-over, several nodes, and a platform of ACCOUNTS accounts (50,000)
 #   make faults every fault at every call of a run; CASE=kill AT=3 for one fault, at the third call;
 #               then faults-s3, a thousand kills of the transfer service and of its hosts (KILLS=1000)
 #   make bench-s3 the transfer service beside other clients of an object store, which it installs
