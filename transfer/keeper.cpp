@@ -31,6 +31,8 @@ constexpr std::chrono::seconds between_limits{1};  // where hosts commit file af
 // Measuring the cache costs a walk through it; where nothing more can go, it gains nothing.
 constexpr std::chrono::seconds between_rooms{30};
 constexpr std::chrono::minutes between_vain_rooms{5};
+constexpr std::chrono::minutes between_measures{1};
+constexpr int measure_share = 20;  // so many times what a measurement takes passes to the next
 
 // What hosts and transfers do comes first, for the processor and the disk.
 void lower_priority() {
@@ -83,6 +85,7 @@ class cache_keeper::engine {
 
   void inserted() {
     const std::lock_guard guard(lock_);
+    has_come_ = true;
     // The thread has just looked, and looks again within seconds.
     if (clock::now() < limits_due_) return;
     woken_ = true;
@@ -172,22 +175,33 @@ class cache_keeper::engine {
   bool may_be_large(const keeper_settings &settings) const {
     const std::lock_guard guard(lock_);
     if (settings.cache_size <= 0 || report_.cached_bytes < 0) return false;
+    // What hosts commit counts only once it is uploaded.
+    if (has_come_ && clock::now() >= measure_due_) return true;
     const auto came = static_cast<std::int64_t>(moved_bytes() - moved_at_look_);
     return report_.cached_bytes + came > settings.cache_size;
+  }
+
+  void forget_arrivals() {
+    const std::lock_guard guard(lock_);
+    has_come_ = false;
   }
 
   void keep_limits(const keeper_settings &settings) {
     const std::int64_t missing = wanted_free(settings);
     if (missing <= 0 && !may_be_large(settings)) return;
     const std::uint64_t moved = moved_bytes();
+    forget_arrivals();
+    const clock::time_point begin = clock::now();
     const room_report room = make_room(parts_, settings, missing);
     if (stop_) return;
+    const clock::duration took = clock::now() - begin;
     // Then the next try comes later: it would walk through the cache for nothing.
     const bool vain = room.freed < room.wanted;
     const std::lock_guard guard(lock_);
     report_.cached_bytes = room.left;
     moved_at_look_ = moved;
     room_due_ = clock::now() + (vain ? between_vain_rooms : between_rooms);
+    measure_due_ = clock::now() + std::max<clock::duration>(between_measures, took * measure_share);
     if (!vain) return;
     QX_LOG(FR_LOG_WARNING,
            "The cache %s is %lld bytes above its limits, and nothing more in it can go: the rest "
@@ -201,10 +215,11 @@ class cache_keeper::engine {
   mutable std::mutex lock_;  // guards all that follows
   std::condition_variable wake_;
   bool woken_ = false;
+  bool has_come_ = false;  // something into the cache since it was measured
   keeper_settings settings_;
   keeper_report report_;
   std::uint64_t moved_at_look_ = 0;
-  clock::time_point look_due_, ask_due_, room_due_, limits_due_;
+  clock::time_point look_due_, ask_due_, room_due_, limits_due_, measure_due_;
 };
 
 cache_keeper::cache_keeper(transfer_queue &queue, transfer_locations &locations,

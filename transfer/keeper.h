@@ -32,7 +32,7 @@ struct keeper_report {
   std::int64_t cached_bytes = -1;
   // Expired, once stored, not in the store, and not to be brought back there: kept.
   std::int64_t not_in_store = 0;
-  std::int64_t different = 0;  // expired, with a receipt, and another object is there: kept
+  std::int64_t different = 0;  // of which the store has another object that is no older: kept
   double last_look = 0;
 };
 

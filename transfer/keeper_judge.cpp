@@ -80,6 +80,16 @@ judgement judge_absent(const keeper_parts &parts, const keeper_settings &setting
   }
 }
 
+// Whether the object is older than the file. What this node stored is older than what it has
+// without a receipt. With one, an earlier upload of an unclear end took effect after the file was
+// stored.
+bool is_brought_anew(const transfer_config &config, const store_answer &answer,
+                     const cache_file &file, const std::optional<receipt> &known) {
+  const bool is_own = answer.node == config.node;
+  const bool is_older = answer.queued != 0 && answer.queued < file.made_at() - clock_error;
+  return known ? is_own && is_older : is_own || is_older;
+}
+
 }  // namespace
 
 judgement judge_deletion(const keeper_parts &parts, const keeper_settings &settings,
@@ -109,13 +119,9 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
       return young ? judgement::left : judge_absent(parts, settings, file, key, known);
     case proof::different:
       if (young) return judgement::left;
-      // What this node stored before is older than what it has without a receipt. With one, an
-      // earlier upload of an unclear end took effect after the file was stored.
-      if (answer.node != config.node ||
-          (known && (answer.queued == 0 || answer.queued >= file.made_at() - clock_error))) {
-        return known ? judgement::different : judgement::left;
-      }
-      return judge_absent(parts, settings, file, key, std::nullopt);
+      return is_brought_anew(config, answer, file, known)
+                 ? judge_absent(parts, settings, file, key, std::nullopt)
+                 : judgement::different;
     case proof::unknown:
       return judgement::left;
   }

@@ -30,7 +30,7 @@ enum class judgement {
   kept,  // the store has it
   removed,
   queued_again,  // neither the queue nor the store had it
-  different,     // the store had it once and has another object there now; kept
+  different,     // the store has another object there that is no older; kept
   lost           // the store had it once, has not any more, and is not to get it back; kept
 };
 

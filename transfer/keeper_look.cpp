@@ -122,7 +122,7 @@ class look {
       --report_.cached_files;
       report_.cached_bytes -= size;
     } else if (what == judgement::different) {
-      name(++report_.different, "was stored, is not what the store has now, and is kept", key);
+      name(++report_.different, "is not what the store has, is no newer, and is kept", key);
     } else if (what == judgement::lost) {
       name(++report_.not_in_store, "was stored, is not in the store any more, and is kept", key);
     } else if (what == judgement::queued_again) {

@@ -18,6 +18,8 @@ namespace {
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
 // Four times as long as between two renewals, so one that fails costs nothing.
+// For a file that stays queued for longer nothing more is remembered: the set would grow for ever.
+constexpr double longest_kept = 30 * 86'400.0;  // seconds
 constexpr std::string_view claim_milliseconds = "60000";
 // So long a claim may go without being renewed, and still outlives the request that begins then.
 constexpr std::chrono::seconds claim_is_sure{30};
@@ -332,5 +334,6 @@ void transfer_queue::renew_claims() {
 
 void transfer_queue::trim(int window, int deletions_kept) {
   run_state(trim_script, {upload_queue, deletions, unclear_ends},
-            {queue_number(now() - deletions_kept), queue_number(now() - window)});
+            {queue_number(now() - deletions_kept), queue_number(now() - window),
+             queue_number(now() - std::max<double>(deletions_kept, longest_kept))});
 }

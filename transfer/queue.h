@@ -134,8 +134,8 @@ class transfer_queue {
 
   // Keeps the claims of all running jobs for another minute. To be called every 15 seconds.
   void renew_claims();
-  // Forgets deletions older than `deletions_kept` seconds that no upload can meet any more, and
-  // unclear ends older than `window` seconds. To be called now and then.
+  // Forgets deletions older than `deletions_kept` seconds that no upload can meet any more, or than
+  // 30 days, and unclear ends older than `window` seconds. To be called now and then.
   void trim(int window, int deletions_kept);
 
   // Counts the node's uploads one by one in the server, which takes a while for long queues.

@@ -196,12 +196,14 @@ redis.call('PEXPIRE', KEYS[1], ARGV[1])
 return 'unchanged'
 )lua";
 
-// KEYS: uploads, deletions, unclear. ARGV: the oldest deletion to keep, the oldest unclear end.
-// A deletion is kept for as long as an older upload is queued, whatever its age.
+// KEYS: uploads, deletions, unclear. ARGV: the oldest deletion to keep, the oldest unclear end, the
+// oldest deletion to keep at all. Until then it is kept while an older upload is queued.
 inline constexpr char trim_text[] = R"lua(
 local oldest = redis.call('ZRANGE', KEYS[1], 0, 0, 'WITHSCORES')[2]
 local keep = ARGV[1]
-if oldest and tonumber(oldest) < tonumber(keep) then keep = oldest end
+if oldest and tonumber(oldest) < tonumber(keep) then
+  keep = tonumber(oldest) < tonumber(ARGV[3]) and ARGV[3] or oldest
+end
 redis.call('ZREMRANGEBYSCORE', KEYS[2], '-inf', '(' .. keep)
 redis.call('ZREMRANGEBYSCORE', KEYS[3], '-inf', '(' .. ARGV[2])
 return 'unchanged'

@@ -68,11 +68,20 @@ growing_file make_growing_file(const std::string &folder) {
 enum class at_target { replace, keep };
 
 // Gives a whole file its name. EEXIST when what is there is kept.
+// Not every file system, kernel and sandbox knows renameat2 or its flag.
+bool is_unknown_call(int error) {
+  return error == EINVAL || error == ENOSYS || error == EPERM;
+}
+
+// A file that is not there is success.
+int unlink_there(const std::string &path) {
+  return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+}
+
 int rename_to(const std::string &from, const std::string &to, at_target what) {
   const unsigned flags = what == at_target::keep ? RENAME_NOREPLACE : 0;
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;
-  // Not every file system, kernel and sandbox knows the call or its flag.
-  if (errno != EINVAL && errno != ENOSYS && errno != EPERM) return errno;
+  if (!is_unknown_call(errno)) return errno;
   if (what == at_target::replace) return std::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
   // A link fails where a name is taken, which a plain rename does not.
   if (::link(from.c_str(), to.c_str()) != 0) return errno;
@@ -227,16 +236,16 @@ int held_file::remove() const {
   // Only what was renamed away can be told for sure.
   const std::string folder = folder_of(path_);
   const std::string away = folder + "/" + removing_prefix + path_.substr(folder.size() + 1);
-  const bool is_away =
-      ::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, away.c_str(), RENAME_NOREPLACE) == 0;
-  if (is_away && !is_at(away)) {
+  if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, away.c_str(), RENAME_NOREPLACE) == 0) {
+    if (is_at(away)) return unlink_there(away);
     // Where a third file took the name meanwhile, the transfer service decides later.
     rename_to(away, path_, at_target::keep);
     return 0;
   }
-  // Where the file system cannot rename so, the look before has to do.
-  const char *const found = is_away ? away.c_str() : path_.c_str();
-  return ::unlink(found) == 0 || errno == ENOENT ? 0 : errno;
+  // Where the file system cannot rename so, the look before has to do. What a killed process left
+  // under the other name is the transfer service's, and so is this file then.
+  if (is_unknown_call(errno)) return unlink_there(path_);
+  return errno == ENOENT ? 0 : errno;
 }
 
 int find_file(const std::string &path) {

@@ -49,7 +49,9 @@ void transfer_host::start(transfer_config config) {
   const bool has_moved = settings_ && settings_->config.socket != made->config.socket;
   settings_ = std::move(made);
   // A new configuration keeps the connection, unless the socket lies elsewhere now.
-  if (has_moved && line_) lose_current(*line_);
+  if (!has_moved || !line_) return;
+  lose_current(*line_);
+  wake(*line_);
 }
 
 void transfer_host::stop() {

@@ -257,6 +257,10 @@ TEST_F(TransferQueue, DeletionsAreKeptForTheirTimeAndForAllOlderUploads) {
   here.trim(60, 7 * day);
   EXPECT_EQ(run({"ZRANGE", deleted, "0", "-1"}), "eu:o:8");
   EXPECT_EQ(run({"ZCARD", unclear}), "0");
+  queue(ups, member, now() - 40 * day);
+  queue(deleted, "eu:o:35", now() - 35 * day);
+  here.trim(60, 7 * day);
+  EXPECT_EQ(run({"ZRANGE", deleted, "0", "-1"}), "eu:o:8");
   run({"DEL", ups});
   here.trim(60, 7 * day);
   EXPECT_EQ(run({"ZRANGE", deleted, "0", "-1"}), "eu:o:6");
