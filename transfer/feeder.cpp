@@ -160,11 +160,20 @@ static std::string location_of(const queue_entry &entry) {
   return std::string(parts_of_location(entry.member).location);
 }
 
+// Nodes may have different locations, and each works all deletions off: another one knows where.
+bool work_feeder::is_left_to_others(const work_item &item) const {
+  if (item.kind == queue_kind::uploads) return false;
+  const auto deletion = delete_member::parse(item.entry.member);
+  return deletion && deletion->node != context_.queue.node() &&
+         !context_.locations.is_known(deletion->location);
+}
+
 void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries) {
   for (const queue_entry &entry : entries) {
     work_item item{queue.kind, entry};
     if (queue.taken.contains(entry.member) || aside_.holds(item, qx_get_tstamp())) continue;
     const std::string location = location_of(entry);
+    if (is_left_to_others(item)) continue;
     // What names no location is handed out to be told of.
     if (context_.locations.is_known(location) && !context_.locations.might_start(location)) {
       is_blocked_ = true;

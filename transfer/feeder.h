@@ -77,6 +77,7 @@ class work_feeder {
   // Sets when the next look may begin: a long queue must not keep the DisDB busy with looks.
   void end_look(lane &queue);
   void take_page(lane &queue, const std::vector<queue_entry> &entries);
+  bool is_left_to_others(const work_item &item) const;
   // Makes a member ready and wakes a worker.
   void add(lane &queue, queue_entry entry);
   // A location that rested may be tried again: its members lie anywhere in the queues.

@@ -19,6 +19,8 @@
 #include <string>
 
 #include <spoolcap/log.h>
+#include "platform/base/owner.h"
+#include "platform/base/utf8.h"
 
 namespace {
 
@@ -33,11 +35,16 @@ bool is_journal_stream() {
   return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
+// One line, whatever the names in it: keys and members come from others.
+void write_line(const char *head, const char *text) {
+  no_throw([&] { std::fprintf(stderr, "%s%s\n", head, without_controls(text).c_str()); });
+}
+
 // The number in front is the priority, which the journal takes off. Debug messages of the library
 // are dropped in both.
 void write_for_journal(const fr_log_record *record, void * /*context*/) {
   if (record->priority > FR_LOG_NOTICE) return;
-  std::fprintf(stderr, "<%d>%s\n", record->priority, record->text);
+  write_line(("<" + std::to_string(record->priority) + ">").c_str(), record->text);
 }
 
 void write_with_time(const fr_log_record *record, void * /*context*/) {
@@ -45,8 +52,8 @@ void write_with_time(const fr_log_record *record, void * /*context*/) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
   char time[32] = "";
-  if (::localtime_r(&now, &local) != nullptr) std::strftime(time, sizeof time, "%F %T", &local);
-  std::fprintf(stderr, "%s %s\n", time, record->text);
+  if (::localtime_r(&now, &local) != nullptr) std::strftime(time, sizeof time, "%F %T ", &local);
+  write_line(time, record->text);
 }
 
 void raise_descriptor_limit() {
