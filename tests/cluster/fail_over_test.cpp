@@ -18,14 +18,14 @@ using support::seconds_of;
 
 namespace {
 
-constexpr int updated_user = 100, limit = 100 * 1024, delta = 512;
+constexpr int updated_user = 100, limit = 20 * 1024, delta = 512;
 constexpr const char *media = "rc/1/2/";
 
 class FailOver : public testing::Test {
  protected:
   FailOver() {
     fill(box);
-    box.set_preference(updated_user, "fax_storage", "100");
+    box.set_preference(updated_user, "fax_storage", "20");
     std::string hosts;
     for (const redis_server *server : {&master, &replica}) {
       EXPECT_EQ(client.add("127.0.0.1", server->port()), VK_OK);
