@@ -56,6 +56,10 @@ void put_queue(std::string &text, const service_report &report) {
         static_cast<double>(queue.deletes));
   gauge(text, "oldest_upload_age_seconds", "How long the oldest upload of this node waits.",
         age(queue.oldest_upload, report.now));
+  gauge(text, "queued_uploads_all_nodes", "Files of all nodes that wait for their upload.",
+        static_cast<double>(queue.all_uploads));
+  gauge(text, "oldest_upload_all_nodes_age_seconds",
+        "How long the oldest upload of all nodes waits.", age(queue.oldest_of_all, report.now));
   gauge(text, "oldest_delete_age_seconds", "How long the oldest deletion waits.",
         age(queue.oldest_delete, report.now));
 }

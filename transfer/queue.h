@@ -69,9 +69,12 @@ enum class queue_state {
 struct queue_summary {
   long uploads = 0;      // of this node
   long all_uploads = 0;  // of all nodes
+  long own_deletes = 0;  // of this node
   long deletes = 0;
   double oldest_upload = 0;  // of this node, seconds since the epoch; 0 for none
   double oldest_delete = 0;
+  double oldest_of_all = 0;   // upload of any node, or of none: nobody works that one off
+  std::string oldest_member;  // its text
 };
 
 // Whether a transfer of the job may still take effect in the store after the job's end.
@@ -161,6 +164,8 @@ class transfer_queue {
 
   // One plain command; false when it failed. The reply is the caller's.
   bool ask(texts words, vk_reply &reply);
+  // Adds the members of this node; false when the DisDB does not answer.
+  bool count_own(queue_kind kind, long &count, double &oldest);
   // 0 for what is not in the set.
   std::optional<double> score_of(std::string_view set, const std::string &member);
   // An empty `node` stands for all nodes.

@@ -21,31 +21,42 @@ bool transfer_queue::ask(std::initializer_list<std::string_view> words, vk_reply
   return vk_run(client_.get(), list, reply) == VK_OK;
 }
 
-std::optional<queue_summary> transfer_queue::summary() {
-  queue_summary result;
+bool transfer_queue::count_own(queue_kind kind, long &count, double &oldest) {
+  const bool is_uploads = kind == queue_kind::uploads;
   // In pieces, as one long script would stop the server for everybody.
   for (long cursor = 0; cursor >= 0;) {
     vk_reply part;
     const std::string last = std::to_string(cursor + places_counted - 1);
-    const bool answered =
-        run(count_script, {upload_queue}, {std::to_string(cursor), last, node_}, part);
-    if (!answered || part->type != REDIS_REPLY_ARRAY || part->elements != 3) return std::nullopt;
+    const bool answered = run(count_script, {is_uploads ? upload_queue : delete_queue},
+                              {std::to_string(cursor), last, node_, is_uploads ? "0" : "2"}, part);
+    if (!answered || part->type != REDIS_REPLY_ARRAY || part->elements != 3) return false;
     cursor = static_cast<long>(part->element[0]->integer);
-    const redisReply &oldest = *part->element[2];
+    const redisReply &first = *part->element[2];
     // The set is sorted by time: the first piece with a member has the oldest.
-    if (result.uploads == 0) {
-      result.oldest_upload = queue_entry{"", std::string(oldest.str, oldest.len)}.queued_at();
-    }
-    result.uploads += static_cast<long>(part->element[1]->integer);
+    if (count == 0) oldest = queue_entry{"", std::string(first.str, first.len)}.queued_at();
+    count += static_cast<long>(part->element[1]->integer);
   }
-  vk_reply all, deletes, oldest;
-  if (!ask({"ZCARD", upload_queue}, all) || !ask({"ZCARD", delete_queue}, deletes) ||
-      !ask({"ZRANGE", delete_queue, "0", "0", "WITHSCORES"}, oldest)) {
+  return true;
+}
+
+std::optional<queue_summary> transfer_queue::summary() {
+  queue_summary result;
+  double own_delete = 0;
+  vk_reply all, deletes, oldest_delete, oldest;
+  if (!count_own(queue_kind::uploads, result.uploads, result.oldest_upload) ||
+      !count_own(queue_kind::deletes, result.own_deletes, own_delete) ||
+      !ask({"ZCARD", upload_queue}, all) || !ask({"ZCARD", delete_queue}, deletes) ||
+      !ask({"ZRANGE", delete_queue, "0", "0", "WITHSCORES"}, oldest_delete) ||
+      !ask({"ZRANGE", upload_queue, "0", "0", "WITHSCORES"}, oldest)) {
     return std::nullopt;
   }
   result.all_uploads = static_cast<long>(all->integer);
   result.deletes = static_cast<long>(deletes->integer);
-  result.oldest_delete = number_or_zero(*oldest);
+  result.oldest_delete = number_or_zero(*oldest_delete);
+  result.oldest_of_all = number_or_zero(*oldest);
+  if (oldest->elements > 0) {
+    result.oldest_member.assign(oldest->element[0]->str, oldest->element[0]->len);
+  }
   return result;
 }
 

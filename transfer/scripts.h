@@ -13,13 +13,14 @@ struct queue_script {
   std::string digest;  // SHA-1, lower-case hexadecimal
 };
 
-// Whether a member is one of this node's uploads; stands in front of the two scripts below.
+// Whether a member is one of this node, with so many bytes of a kind before its key; stands in
+// front of the two scripts below.
 inline constexpr char is_of_text[] = R"lua(
-local function is_of(node, member)
+local function is_of(node, member, kind)
   local at = string.find(member, '@', 1, true)
   local stop = at and at + #node + 1
   return at and string.sub(member, at + 1, stop) == node .. ':' and
-         not string.find(member, ':', stop + 1, true)
+         not string.find(member, ':', stop + 1 + kind, true)
 end
 )lua";
 
@@ -33,7 +34,7 @@ local first, last, node, most = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3], t
 local read = redis.call('ZRANGE', KEYS[1], first, last, 'WITHSCORES')
 local found = {}
 for i = 1, #read, 2 do
-  if node == '' or is_of(node, read[i]) then
+  if node == '' or is_of(node, read[i], 0) then
     found[#found + 1] = read[i]
     found[#found + 1] = read[i + 1]
     if #found == 2 * most then return {first + (i + 1) / 2, found} end
@@ -43,7 +44,7 @@ if #read < 2 * (last - first + 1) then return {-1, found} end
 return {last + 1, found}
 )lua";
 
-// KEYS: queue. ARGV: first and last place, node.
+// KEYS: queue. ARGV: first and last place, node, bytes of a kind.
 // {next place or -1, count, oldest score or ""}
 // Counts members of the node in a range of places; the caller goes on until -1.
 inline constexpr char count_text[] = R"lua(
@@ -51,7 +52,7 @@ local first, last, node = tonumber(ARGV[1]), tonumber(ARGV[2]), ARGV[3]
 local read = redis.call('ZRANGE', KEYS[1], first, last)
 local count, oldest = 0, ''
 for _, member in ipairs(read) do
-  if is_of(node, member) then
+  if is_of(node, member, tonumber(ARGV[4])) then
     if count == 0 then oldest = redis.call('ZSCORE', KEYS[1], member) end
     count = count + 1
   end

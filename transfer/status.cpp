@@ -57,6 +57,8 @@ void put_queue(json_writer &json, const service_report &report) {
     put(json, "deletes", std::int64_t{report.queue->deletes});
     put_age(json, "oldest_upload_age", report.queue->oldest_upload, report.now);
     put_age(json, "oldest_delete_age", report.queue->oldest_delete, report.now);
+    put_age(json, "oldest_of_all_age", report.queue->oldest_of_all, report.now);
+    put(json, "oldest_of_all", report.queue->oldest_member);
   }
   json.EndObject();
 }

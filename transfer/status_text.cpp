@@ -84,6 +84,11 @@ std::string queues(const Value &queue) {
     shown += line("uploads", count(queue, "uploads") + " of this node" +
                                  oldest(queue, "oldest_upload_age") + "; " +
                                  count(queue, "all_uploads") + " of all nodes");
+    // A node that is off, or none, may have it.
+    if (whole(queue, "all_uploads") > whole(queue, "uploads")) {
+      shown += line("oldest", text(queue, "oldest_of_all") + ", for " +
+                                  duration(number(queue, "oldest_of_all_age")));
+    }
     shown += line("deletes", count(queue, "deletes") + oldest(queue, "oldest_delete_age"));
   }
   const std::string refusal = text(queue, "refusal");

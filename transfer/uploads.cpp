@@ -68,18 +68,8 @@ class transfer_workers::engine {
   std::size_t waiting() const { return feeder_.waiting(); }
 
   bool idle(const queue_summary &queued) const {
-    if (queued.uploads > 0 || feeder_.is_working()) return false;
-    if (queued.deletes == 0) return true;
-    for (long cursor = 0; cursor >= 0;) {
-      const auto page = context_.queue.deletes(cursor);
-      if (!page) return false;
-      for (const queue_entry &entry : *page) {
-        // Deletions of other nodes are theirs to wait for.
-        const auto member = delete_member::parse(entry.member);
-        if (member && member->node == context_.queue.node()) return false;
-      }
-    }
-    return true;
+    // Deletions of other nodes are theirs to wait for.
+    return queued.uploads == 0 && queued.own_deletes == 0 && !feeder_.is_working();
   }
 
  private:

@@ -42,8 +42,7 @@ class transfer_workers {
   std::vector<parked_member> parked() const;  // at most a thousand, oldest first
   std::size_t parked_count() const;           // all of them
   std::size_t waiting() const;                // members that failed, and are tried again soon
-  // Whether nothing of this node was queued, as just read, or is running; false also when the DisDB
-  // does not answer.
+  // Whether nothing of this node was queued, as just read, or is running.
   bool idle(const queue_summary &queued) const;
 
  private:

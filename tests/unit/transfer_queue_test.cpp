@@ -67,6 +67,7 @@ TEST_F(TransferQueue, AMillionMembersOfOtherNodesAreFilteredInTheServer) {
     queue(ups, "eu@n1:rc/1/2/" + std::to_string(at) + ".wav", at);
   }
   queue(ups, "eu@n1:other:key", 2);
+  for (const char *what : {"eu@n1:o:k", "eu@n1:r:k", "eu@n17:o:k"}) queue(dels, what, 1);
   std::string scores;
   int pages = 0;
   for (long cursor = 0; cursor >= 0; ++pages) {
@@ -81,6 +82,8 @@ TEST_F(TransferQueue, AMillionMembersOfOtherNodesAreFilteredInTheServer) {
   EXPECT_EQ(counts->uploads, 3);
   EXPECT_EQ(counts->all_uploads, 10'004);
   EXPECT_EQ(counts->oldest_upload, 0.5);
+  EXPECT_EQ(counts->oldest_member, "eu@n1:rc/1/2/0.500000.wav");
+  EXPECT_EQ(counts->own_deletes, 2);
   EXPECT_EQ(here.place_of(queue_kind::uploads, 5000.5), 5002);
 
   // A page that is full goes on behind its last member.
