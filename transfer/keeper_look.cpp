@@ -122,9 +122,10 @@ class look {
       --report_.cached_files;
       report_.cached_bytes -= size;
     } else if (what == judgement::different) {
-      name(++report_.different, "is not what the store has, is no newer, and is kept", key);
+      name_daily(++report_.different, "is not what the store has, is no newer, and is kept", key);
     } else if (what == judgement::lost) {
-      name(++report_.not_in_store, "was stored, is not in the store any more, and is kept", key);
+      name_daily(++report_.not_in_store, "was stored, is not in the store any more, and is kept",
+                 key);
     } else if (what == judgement::queued_again) {
       name(++queued_again_, "was neither queued nor in the store, and is queued again", key);
     }
@@ -135,6 +136,11 @@ class look {
     if (count <= named_at_most) {
       QX_LOG(FR_LOG_WARNING, "Cached file [%s] %s.", key.c_str(), what);
     }
+  }
+
+  // What stays as it is need not be said again in each look.
+  void name_daily(std::int64_t count, const char *what, const std::string &key) const {
+    if (ask_all_) name(count, what, key);
   }
 
   void tell() const {
