@@ -96,7 +96,7 @@ std::string parents_text(const account_change &change) {
 // One word where both states are alike, as most are.
 std::string states_text(const account_change &change, kind_set kinds) {
   const std::string before(state_name_of(change.before, kinds));
-  const std::string after(state_name_of(change.after, kinds));
+  std::string after(state_name_of(change.after, kinds));
   if (before == after || before.empty()) return after;
   return after.empty() ? before : before + " -> " + after;
 }
