@@ -23,7 +23,7 @@ char temporary_file[PATH_MAX];
 
 void remove_and_end(int signal) {
   if (*temporary_file != '\0') ::unlink(temporary_file);
-  ::raise(signal);
+  std::raise(signal);
 }
 
 // Whoever ignores a signal goes on to do so.
