@@ -259,8 +259,8 @@ TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
 
 TEST_F(Uploads, AStoreThatRefusesKeyAfterKeyIsGivenAShortRest) {
   log.expect(FR_LOG_WARNING, "location eu is refusing");
-  for (int i = 0; i < 8; ++i)
-    here.locations.tell("eu", {.outcome = s3_outcome::refused, .status = 400});
+  const s3_answer refused{.outcome = s3_outcome::refused, .status = 400};
+  for (int i = 0; i < 8; ++i) here.locations.tell("eu", refused);
   EXPECT_FALSE(here.locations.report()[0].state == "up");
   EXPECT_LT(here.locations.report()[0].retry_at, qx_get_tstamp() + 5);
 }
