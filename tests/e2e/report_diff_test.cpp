@@ -146,13 +146,11 @@ TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
 TEST_F(Diff, KeepsLargeFiguresToTheByte) {
   std::vector<std::string> arguments = {"diff", "--format", "csv", "--kind", "fax,sound"};
   for (std::int64_t day = 1; day <= 3; ++day) {
-    const std::string fax = std::to_string(day * 4294967296);
-    const std::string sound = std::to_string(9007199254740992 + day);
-    arguments.push_back(snapshot_of(
-        "2026-01-0" + std::to_string(day),
-        R"({"id":1,"level":10,"name":"ann","limit":{"fax":1101659111424},"used":{"fax":)" + fax +
-            R"(,"sound":)" + sound +
-            R"(},"states":{"fax":"measured","sound":"measured"},"age":0})"));
+    std::string account = R"({"id":1,"level":10,"name":"ann","limit":{"fax":1101659111424},)";
+    account += R"("states":{"fax":"measured","sound":"measured"},"age":0,"used":{"fax":)";
+    account += std::to_string(day * 4294967296) + R"(,"sound":)";
+    account += std::to_string(9007199254740992 + day) + "}}";
+    arguments.push_back(snapshot_of("2026-01-0" + std::to_string(day), account));
   }
   const std::string changes = report(arguments);
   EXPECT_EQ(changes.substr(changes.find('\n') + 1),
@@ -262,15 +260,16 @@ TEST_F(Diff, ListsLimitsByFiguresThatCount) {
 // Small files can stand for any number of bytes, and numbers for what no account has.
 TEST_F(Diff, RefusesSnapshotsOfNoPlatform) {
   const std::string account = R"({"id":5,"level":10,"more":)";
+  const std::string twice = account + "1}," + account + "1}";
   const std::string nested = std::string(20, '[') + std::string(20, ']');
   for (const std::string &accounts :
        {std::string("{}"), std::string("7"), std::string("[]"), std::string(R"({"id":5})"),
         std::string(R"({"id":0,"level":10})"), std::string(R"({"id":4294967297,"level":10})"),
-        std::string(R"({"id":5,"level":11})"), account + "1}," + account + "1}",
-        account + nested + "}", account + '"' + std::string(10000, 'x') + "\"}",
-        account + R"(1,"used":{"fax":1.5}})", account + R"(1,"used":{"fax":"1"}})",
-        account + R"(1,"limit":{"fax":-1}})", account + R"(1,"limit":{"fax":9223372036854775808}})",
-        account + R"(1,"used":[1]})", account + R"(1,"states":{"fax":"fresh"}})"}) {
+        std::string(R"({"id":5,"level":11})"), twice, account + nested + "}",
+        account + '"' + std::string(10000, 'x') + "\"}", account + R"(1,"used":{"fax":1.5}})",
+        account + R"(1,"used":{"fax":"1"}})", account + R"(1,"limit":{"fax":-1}})",
+        account + R"(1,"limit":{"fax":9223372036854775808}})", account + R"(1,"used":[1]})",
+        account + R"(1,"states":{"fax":"fresh"}})"}) {
     const std::string path = snapshot_of("2026-01-01", accounts);
     EXPECT_EQ(refusal({"diff", path, path}), "spoolcap-report: " + path + ": is no snapshot\n")
         << accounts.substr(0, 99);
