@@ -23,7 +23,7 @@ char temporary_file[PATH_MAX];
 
 void remove_and_end(int signal) {
   if (*temporary_file != '\0') ::unlink(temporary_file);
-  ::raise(signal);
+  std::raise(signal);
 }
 
 // Whoever ignores a signal goes on to do so.
@@ -87,6 +87,10 @@ void prepare_standard_streams() {
   }
   std::signal(SIGPIPE, SIG_IGN);
   for (const int signal : {SIGHUP, SIGINT, SIGTERM}) end_cleanly_at(signal);
+}
+
+void write_text(FILE *stream, std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stream);
 }
 
 report_output::report_output(const char *path) {
