@@ -1,6 +1,7 @@
 // Compares figures with the sizes of rows and files.
 // Rows come from the database, sizes of media from the disk.
-#include <cstdio>
+#include <fmt/format.h>
+
 #include <vector>
 
 #include "main/quota/usage.h"
@@ -66,11 +67,11 @@ class figure_check {
   void measure(unsigned kind) {
     for (std::uint32_t place = 0; place < own_.size(); ++place) {
       const report_account &account = platform_.accounts[place];
-      char id[16];
       // As a refresh of all resellers spells them.
-      std::snprintf(id, sizeof id, account.level == LEVEL_RESELLER ? "%04u" : "%u",
-                    account.level == LEVEL_RESELLER ? account.id % 10000 : account.id);
-      const usage found = own_usage({id, nullptr, nullptr, account.level, nullptr}, kind);
+      const std::string id = account.level == LEVEL_RESELLER
+                                 ? fmt::format("{:04}", account.id % 10000)
+                                 : std::to_string(account.id);
+      const usage found = own_usage({id.c_str(), nullptr, nullptr, account.level, nullptr}, kind);
       own_[place].bytes[kind] = found.bytes;
       own_[place].is_known[kind] = found.certain;
       if (!found.certain) {

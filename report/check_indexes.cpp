@@ -1,4 +1,5 @@
 // Asks the server which indexes its tables have.
+#include <fmt/format.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -82,15 +83,9 @@ void check_indexes(findings_writer &out) {
   const indexes found = indexes_of_database();
   for (const auto &[table, wanted, in_any_order] : needed) {
     if (is_served(found, table, wanted, in_any_order)) continue;
-    std::string name = "by";
-    std::string place = std::string(table) + " (";
-    for (const std::string &column : wanted) {
-      name += "_" + column;
-      place += (column == wanted[0] ? "" : ", ") + column;
-    }
-    place += ")";
+    const std::string place = fmt::format("{} ({})", table, fmt::join(wanted, ", "));
     out.add({.name = "index_missing",
              .where = place,
-             .statement = "CREATE INDEX " + name + " ON " + place + ";"});
+             .statement = fmt::format("CREATE INDEX by_{} ON {};", fmt::join(wanted, "_"), place)});
   }
 }

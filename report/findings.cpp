@@ -2,6 +2,9 @@
 // Called by the parts of `check`; keeps nothing but a count.
 #include "report/findings.h"
 
+#include <fmt/format.h>
+
+#include "report/output.h"
 #include "report/table.h"
 
 findings_writer::findings_writer(FILE *stream, bool as_json, const report_platform &platform)
@@ -27,8 +30,7 @@ void findings_writer::add(const finding &one) {
 
 void findings_writer::end() {
   if (!json_) {
-    std::fprintf(stream_, "%lld finding%s\n", static_cast<long long>(count_),
-                 count_ == 1 ? "" : "s");
+    write_text(stream_, fmt::format("{} finding{}\n", count_, count_ == 1 ? "" : "s"));
     return;
   }
   json_->json.EndArray();
@@ -40,11 +42,11 @@ void findings_writer::end() {
 void findings_writer::add_text(const finding &one) {
   std::string line = one.name;
   if (one.account != nullptr) {
-    line += " account " + std::to_string(one.account->id) + " " + shown_login(one.account->login);
+    line += fmt::format(" account {} {}", one.account->id, shown_login(one.account->login));
   }
   if (one.kind) line += std::string(" ") + media_kinds[*one.kind].name;
   const auto add_number = [&](const char *name, std::optional<std::int64_t> number) {
-    if (number) line += std::string(" ") + name + " " + std::to_string(*number);
+    if (number) line += fmt::format(" {} {}", name, *number);
   };
   add_number("found", one.found);
   add_number("expected", one.expected);
@@ -53,7 +55,7 @@ void findings_writer::add_text(const finding &one) {
   if (!one.where.empty()) line += " in " + shown_login(one.where);
   if (!one.statement.empty()) line += ": " + one.statement;
   line += '\n';
-  std::fwrite(line.data(), 1, line.size(), stream_);
+  write_text(stream_, line);
 }
 
 void findings_writer::add_json(const finding &one) {

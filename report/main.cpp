@@ -1,5 +1,7 @@
 // spoolcap-report: the figures for people and for monitoring. One command, one exit status.
 // Finds the command and its options; whatever fails ends here, in one line.
+#include <fmt/format.h>
+
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -43,8 +45,8 @@ void print_help() {
       "Commands:\n",
       out.stream());
   for (const report_command *command : commands) {
-    const std::string call = std::string(command->name) + " " + command->arguments;
-    std::fprintf(out.stream(), "  %-18s %s\n", call.c_str(), command->summary);
+    const std::string call = fmt::format("{} {}", command->name, command->arguments);
+    write_text(out.stream(), fmt::format("  {:18} {}\n", call, command->summary));
   }
   std::fputs(
       "\n"
@@ -56,7 +58,7 @@ void print_help() {
 
 void print_help_of(const report_command &command, poptContext context) {
   report_output out;
-  std::fprintf(out.stream(), "%s.\n%s\n", command.summary, command.details);
+  write_text(out.stream(), fmt::format("{}.\n{}\n", command.summary, command.details));
   poptSetOtherOptionHelp(context, (std::string("[options] ") + command.arguments).c_str());
   poptPrintHelp(context, out.stream(), 0);
   out.commit();

@@ -1,5 +1,7 @@
 // The command `metrics`: what Prometheus reads, as the textfile collector of its node exporter
 // takes it. There are no timestamps, with which the whole file would be refused.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <limits>
 
@@ -23,14 +25,13 @@ const poptOption options[] = {top_row("So many users, those that use the most; 2
                               POPT_TABLEEND};
 
 // A label with its value: name="value".
-// The format escapes these three and nothing else.
 std::string label(const char *name, std::string_view value) {
-  std::string text = std::string(name) + "=\"";
+  std::string escaped;
   for (const char byte : value) {
-    if (byte == '\\' || byte == '"') text += '\\';
-    text += byte == '\n' ? "\\n" : std::string(1, byte);
+    if (byte == '\\' || byte == '"') escaped += '\\';
+    escaped += byte == '\n' ? "\\n" : std::string(1, byte);
   }
-  return text + '"';
+  return fmt::format("{}=\"{}\"", name, escaped);
 }
 
 class metrics_writer {
@@ -40,11 +41,11 @@ class metrics_writer {
   // All samples of a metric follow its head.
   void begin(const char *name, const char *help) {
     name_ = name;
-    std::fprintf(stream_, "# HELP %s %s\n# TYPE %s gauge\n", name, help, name);
+    write_text(stream_, fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n", name, help));
   }
   void add(const std::string &labels, std::int64_t value) const {
-    std::fprintf(stream_, labels.empty() ? "%s%s %lld\n" : "%s{%s} %lld\n", name_, labels.c_str(),
-                 static_cast<long long>(value));
+    const std::string braced = labels.empty() ? "" : "{" + labels + "}";
+    write_text(stream_, fmt::format("{}{} {}\n", name_, braced, value));
   }
 
  private:
@@ -68,8 +69,8 @@ shown_accounts accounts_to_show(const report_platform &platform, size_t users) {
 }
 
 std::string labels_of(const report_account &account) {
-  return label("account", std::to_string(account.id)) + "," + label("name", account.login) + "," +
-         label("level", name_of_level(account.level));
+  return fmt::format("{},{},{}", label("account", std::to_string(account.id)),
+                     label("name", account.login), label("level", name_of_level(account.level)));
 }
 
 // One sample for each account and kind with a figure.

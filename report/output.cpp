@@ -89,6 +89,10 @@ void prepare_standard_streams() {
   for (const int signal : {SIGHUP, SIGINT, SIGTERM}) end_cleanly_at(signal);
 }
 
+void write_text(FILE *stream, std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
 report_output::report_output(const char *path) {
   if (is_standard_output(path)) return;
   if (*path == '\0') throw report_trouble("The name of the file to write is empty");

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "platform/base/owner.h"
 
@@ -13,6 +14,9 @@
 // connection that is opened would get their number and the report with it. A reader that goes away
 // becomes an error of writing, and a signal that ends the process removes what is not complete.
 void prepare_standard_streams();
+
+// What cannot be written is told by the stream later.
+void write_text(FILE *stream, std::string_view text);
 
 // Write to stream(), then commit(). A file is written beside its place under another name, and
 // renamed when it is complete; without a commit nothing is left of it. A file that is replaced

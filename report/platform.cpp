@@ -2,9 +2,10 @@
 // In memory only; nothing here asks the database or the disk.
 #include "report/platform.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 #include <utility>
 
@@ -57,10 +58,7 @@ double shown_percent(double percent) {
 }
 
 std::string percent_text(std::optional<double> percent) {
-  char text[400];  // the highest double has 309 digits
-  return percent ? std::string(text, static_cast<size_t>(std::snprintf(text, sizeof text, "%.1f",
-                                                                       shown_percent(*percent))))
-                 : "";
+  return percent ? fmt::format("{:.1f}", shown_percent(*percent)) : "";
 }
 
 std::optional<unsigned> fullest_kind(const report_account &account, kind_set kinds) {

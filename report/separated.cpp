@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "report/output.h"
+
 namespace {
 
 // A spreadsheet runs a cell that begins so, and shows the apostrophe to nobody.
@@ -90,7 +92,7 @@ void separated_line::add_login(std::string_view login) {
 
 void separated_line::end() {
   line_ += format_ == separated_format::csv ? "\r\n" : "\n";
-  std::fwrite(line_.data(), 1, line_.size(), stream_);
+  write_text(stream_, line_);
   line_.clear();
 }
 

@@ -2,12 +2,15 @@
 // Writes to the stream that it is given.
 #include "report/table.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <clocale>
 #include <cwchar>
 
 #include "platform/base/utf8.h"
 #include "report/options.h"
+#include "report/output.h"
 
 namespace {
 
@@ -78,7 +81,7 @@ class table {
     if (worst != figure_state::updated) return name_of(worst);
     std::int32_t most = 0;
     for_each_of(style_.kinds, [&](unsigned kind) { most = std::max(most, account.updates[kind]); });
-    return std::string(name_of(worst)) + " (" + std::to_string(most) + ")";
+    return fmt::format("{} ({})", name_of(worst), most);
   }
 
   const report_platform &platform_;
@@ -115,7 +118,7 @@ void table_columns::print(FILE *stream, const std::vector<std::string> &line) co
   // No blanks at the end: they would wrap a line that just fits.
   text.erase(text.find_last_not_of(' ') + 1);
   text += '\n';
-  std::fwrite(text.data(), 1, text.size(), stream);
+  write_text(stream, text);
 }
 
 void write_table(FILE *stream, const report_platform &platform,
@@ -133,22 +136,19 @@ std::string human_size(std::int64_t bytes) {
   size_t unit = 0;
   // 64 bits end within EB, so the list of units is long enough.
   for (; scaled >= 1024; ++unit) scaled /= 1024;
-  char text[32];
-  const int length =
-      std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.2f %s", scaled, units[unit]);
-  return {text, static_cast<size_t>(length)};
+  return fmt::format("{:.{}f} {}", scaled, unit == 0 ? 0 : 2, units[unit]);
 }
 
 std::string human_time(std::int64_t seconds) {
   constexpr struct {
     std::int64_t seconds;
     const char *name;
-  } units[] = {{86400, " d"}, {3600, " h"}, {60, " min"}, {1, " s"}};
+  } units[] = {{86400, "d"}, {3600, "h"}, {60, "min"}, {1, "s"}};
   // Two of a unit at least, so that little is lost.
   const auto *const unit =
       std::find_if(std::begin(units), std::end(units) - 1,
                    [&](const auto &one) { return seconds >= 2 * one.seconds; });
-  return std::to_string(seconds / unit->seconds) + unit->name;
+  return fmt::format("{} {}", seconds / unit->seconds, unit->name);
 }
 
 std::string number_text(std::int64_t number) {
@@ -167,12 +167,13 @@ std::string shown_login(std::string_view login) {
   if (login.data() == nullptr) return std::string(unknown);
   std::string shown;
   for (size_t length = 0; !login.empty(); login.remove_prefix(length)) {
-    const bool escaped = disturbs_terminal(first_character(login, length));
-    for (const char byte : login.substr(0, length)) {
-      // Byte by byte, as the login is in the database.
-      char text[8] = {byte};
-      if (escaped) std::snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned char>(byte));
-      shown += text;
+    const bool is_escaped = disturbs_terminal(first_character(login, length));
+    const std::string_view character = login.substr(0, length);
+    if (!is_escaped) shown += character;
+    if (!is_escaped) continue;
+    // Byte by byte, as the login is in the database.
+    for (const char byte : character) {
+      shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
     }
   }
   return shown;
