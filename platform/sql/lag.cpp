@@ -30,22 +30,21 @@ lag_reading reading_of(MYSQL_RES *rows) {
   return {};
 }
 
-const char *name_of(lag_state state) {
-  return state == lag_state::fits ? "serves again" : "is passed over: it lags";
-}
-
 // Logs when it is news. The caller holds the shard's lock.
-void note(const fr_sql_shard &shard, sql_server &server, lag_state state, const char *reason) {
+void note(const fr_sql_shard &shard, sql_server &server, lag_state state, const char *reason = "") {
   const lag_state before = std::exchange(server.lag, state);
-  if (before == state || (before == lag_state::unknown && state == lag_state::fits)) return;
+  const std::string name = server.address.text();
+  if (before == state) return;
   if (state == lag_state::untold) {
     SQL_LOG(FR_LOG_WARNING, "SQL slave %s of shard %s tells no lag and serves all the same: %s\n",
-            server.address.text().c_str(), shard.id.c_str(), reason);
-    return;
+            name.c_str(), shard.id.c_str(), reason);
+  } else if (state == lag_state::exceeds) {
+    SQL_LOG(FR_LOG_WARNING, "SQL slave %s of shard %s is passed over: it lags\n", name.c_str(),
+            shard.id.c_str());
+  } else if (before == lag_state::exceeds) {
+    SQL_LOG(FR_LOG_NOTICE, "SQL slave %s of shard %s serves again\n", name.c_str(),
+            shard.id.c_str());
   }
-  SQL_LOG(state == lag_state::fits ? FR_LOG_NOTICE : FR_LOG_WARNING,
-          "SQL slave %s of shard %s %s\n", server.address.text().c_str(), shard.id.c_str(),
-          name_of(state));
 }
 
 }  // namespace
@@ -56,7 +55,8 @@ lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql) {
   const auto asked = sql_clock::now();
   {
     const std::lock_guard guard(shard.lock);
-    if (asked < server.next_look) return lag_verdict::serves;
+    const bool exceeds = server.lag == lag_state::exceeds;
+    if (asked < server.next_look) return exceeds ? lag_verdict::exceeds : lag_verdict::serves;
   }
   sql_result rows;
   const bool answered = ask_in_time(mysql, "SHOW SLAVE STATUS", rows);
@@ -72,10 +72,10 @@ lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql) {
   if (reading.lag) server.data_from = asked - *reading.lag;
   // While its replication does not run, its data is as old as it was, and the time since.
   if (asked - server.data_from <= most) {
-    note(shard, server, lag_state::fits, "");
+    note(shard, server, lag_state::fits);
     return lag_verdict::serves;
   }
-  note(shard, server, lag_state::exceeds, "");
+  note(shard, server, lag_state::exceeds);
   server.down_until = server.next_look;
   return lag_verdict::exceeds;
 }
