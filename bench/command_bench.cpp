@@ -65,13 +65,19 @@ void add_whole_platform(support::sandbox &box) {
   run_silently(box, set);
   ratio::at_most(1.15, "set --all --force --quiet, 5,550 accounts", "a bare program doing the same",
                  running(box, set), running(box, bare(SPOOLCAP_BARE_SET, box)));
-  // Two processors, and a database on them as well.
-  const command per_reseller = {"/usr/bin/env", "LD_PRELOAD=libnss_wrapper.so", "sh", "-c",
-                                "seq " + std::to_string(resellers) +
-                                    " | xargs -P 2 -n 1 " SPOOLCAP_SANDBOX_BINARY
-                                    " --action set --force --quiet --uid"};
-  ratio::at_least(1.0, "a run per reseller, 50, two at a time", "set --all --force --quiet",
-                  running(box, per_reseller), running(box, set));
+  // Two processors, which the database needs as well.
+  static_assert(resellers == 50);
+  const command two_runs = {
+      "/usr/bin/env",
+      "LD_PRELOAD=libnss_wrapper.so",
+      "sh",
+      "-c",
+      "half() { \"$0\" --action set --force --quiet --uid $(seq -s, \"$@\"); }\n"
+      "half 1 25 &\n"
+      "half 26 50 && wait $!",
+      SPOOLCAP_SANDBOX_BINARY};
+  ratio::at_least(1.3, "two runs at once, half of the resellers each", "set --all --force --quiet",
+                  running(box, two_runs), running(box, set));
 }
 
 void add_show(support::sandbox &box) {
