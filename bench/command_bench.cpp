@@ -66,16 +66,11 @@ void add_whole_platform(support::sandbox &box) {
   ratio::at_most(1.15, "set --all --force --quiet, 5,550 accounts", "a bare program doing the same",
                  running(box, set), running(box, bare(SPOOLCAP_BARE_SET, box)));
   // Two processors, which the database needs as well.
-  static_assert(resellers == 50);
-  const command two_runs = {
-      "/usr/bin/env",
-      "LD_PRELOAD=libnss_wrapper.so",
-      "sh",
-      "-c",
-      "half() { \"$0\" --action set --force --quiet --uid $(seq -s, \"$@\"); }\n"
-      "half 1 25 &\n"
-      "half 26 50 && wait $!",
-      SPOOLCAP_SANDBOX_BINARY};
+  const char *halves = R"(half() { "$0" --action set --force --quiet --uid $(seq -s, "$@"); }
+                          half 1 25 &
+                          half 26 50 && wait $!)";
+  const command two_runs = {"/usr/bin/env", "LD_PRELOAD=libnss_wrapper.so", "sh", "-c",
+                            halves,         SPOOLCAP_SANDBOX_BINARY};
   ratio::at_least(1.3, "two runs at once, half of the resellers each", "set --all --force --quiet",
                   running(box, two_runs), running(box, set));
 }

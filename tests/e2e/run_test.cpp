@@ -32,6 +32,7 @@ class Run : public SmallPlatform {
   // Runs at the same time, and then all that is in the quota root.
   std::map<std::string, std::string> tree_after(const std::vector<std::string> &targets) const {
     std::vector<std::unique_ptr<support::background_process>> runs;
+    runs.reserve(targets.size());
     for (const std::string &target : targets) {
       runs.push_back(box.start_spoolcap({"-A", "set", "-q", "-f", target}));
     }
