@@ -14,9 +14,7 @@ namespace {
 using url_owner = std::unique_ptr<CURLU, call_to_release<curl_url_cleanup>>;
 using curl_text = std::unique_ptr<char, call_to_release<curl_free>>;
 
-constexpr int look_every_ms = 200;  // for the stop flag and a stall
 // Bytes. Above it the request asks with "Expect: 100-continue" before it sends its body.
-constexpr long take_at_once = 64 << 10;
 constexpr std::int64_t send_unasked = 1 << 20;
 
 std::string part_of(CURLU *url, CURLUPart part) {
@@ -146,7 +144,7 @@ void s3_client::connection::prepare() {
   curl_easy_setopt(handle, CURLOPT_PROXY, "");       // whatever the environment says
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
-  curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, take_at_once);
+  curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 64L << 10);
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, message_);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &s3_exchange::take);
   // Without a function to rewind, libcurl cannot send a body a second time by itself.
@@ -192,7 +190,7 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
     stopped = control_.stop;
     if (stopped) break;
     int ready = 0;
-    curl_multi_poll(multi, nullptr, 0, look_every_ms, &ready);
+    curl_multi_poll(multi, nullptr, 0, 200, &ready);  // ms: for the stop flag and a stall
     const bool stalls = ready == 0 && running.stalled();
     if (stalls || running.trickles()) {
       result = CURLE_OPERATION_TIMEDOUT;

@@ -69,8 +69,9 @@ TEST(TransferService, LosesNothingWhenTheDisDbRestartsOrFailsOver) {
     ASSERT_TRUE(daemon.start());
     s3_control control;
     s3_client store(place, control);
-    while (store.list("").objects.size() < 10)
+    while (store.list("").objects.size() < 10) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     if (is_restart) {
       ask(first, {"CONFIG", "SET", "save", "3600 1"});
       first.stop();
