@@ -1,4 +1,4 @@
-// Runs the steps of the queue protocol, and keeps the claims of this process.
+// Runs the steps of the queue protocol.
 // Called from every thread; all changes of the DisDB are the scripts of scripts.h.
 #include "transfer/queue.h"
 
@@ -17,12 +17,10 @@ namespace {
 // What one script goes through; the server does nothing else meanwhile.
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
-// Four times as long as between two renewals, so one that fails costs nothing.
 // For a file that stays queued for longer nothing more is remembered: the set would grow for ever.
 constexpr double longest_kept = 30 * 86'400.0;  // seconds
+// Four times as long as between two renewals, so one that fails costs nothing.
 constexpr std::string_view claim_milliseconds = "60000";
-// So long a claim may go without being renewed, and still outlives the request that begins then.
-constexpr std::chrono::seconds claim_is_sure{30};
 // Longer than an answer of a store is waited for.
 constexpr std::string_view mark_milliseconds = "900000";
 
@@ -121,52 +119,6 @@ queue_state transfer_queue::run_state(const queue_script &script, texts keys, te
 std::string transfer_queue::refusal() const {
   const std::lock_guard guard(lock_);
   return refusal_;
-}
-
-std::optional<std::string> transfer_queue::take_claim(const std::string &name,
-                                                      const std::string &score) {
-  const std::lock_guard guard(lock_);
-  // Another thread of this process has the key: no need to ask the DisDB.
-  if (claims_.contains(name)) return std::nullopt;
-  const std::string value = claim_prefix_ + std::to_string(++claim_count_) + "/" + score;
-  const auto now = std::chrono::steady_clock::now();
-  claims_.emplace(name, own_claim{value, now, now});
-  return value;
-}
-
-std::string transfer_queue::held_claim(const std::string &name) const {
-  const std::lock_guard guard(lock_);
-  const auto claim = claims_.find(name);
-  return claim == claims_.end() ? std::string() : claim->second.value;
-}
-
-std::string transfer_queue::age_of_claim(const std::string &name) const {
-  const std::lock_guard guard(lock_);
-  const auto claim = claims_.find(name);
-  if (claim == claims_.end()) return "0";
-  // Compared with the life of a mark, which the server counts down by itself.
-  const auto age = std::chrono::steady_clock::now() - claim->second.since;
-  return std::to_string(std::chrono::ceil<std::chrono::milliseconds>(age).count());
-}
-
-bool transfer_queue::is_sure(const std::string &name) const {
-  const std::lock_guard guard(lock_);
-  const auto claim = claims_.find(name);
-  return claim != claims_.end() &&
-         std::chrono::steady_clock::now() - claim->second.renewed < claim_is_sure;
-}
-
-bool transfer_queue::holds(const upload_member &member) const {
-  return is_sure(upload_names(member).claim);
-}
-
-bool transfer_queue::holds(const delete_member &member) const {
-  return is_sure(delete_names(member).claim);
-}
-
-void transfer_queue::forget_claim(const std::string &name) {
-  const std::lock_guard guard(lock_);
-  claims_.erase(name);
 }
 
 transfer_queue::page transfer_queue::read_page(std::string_view queue, std::string_view node,
