@@ -92,7 +92,8 @@ void measure_copy(support::sandbox &box) {
   box.make_folder("copies");
   const std::string from = box.path("large");
   ratio::at_most(1.05, "a file of 256 MiB into the cache", "cp", fresh([from](auto &to) {
-                   if (copy_file(from, to) != 0) std::abort();
+                   committed_file copy;
+                   if (copy_file(from, to, copy) != 0) std::abort();
                  }),
                  fresh([from](auto &to) {
                    if (support::run_process({"cp", from, to}).status != 0) std::abort();
