@@ -155,8 +155,8 @@ TEST_F(Uploads, EachNodeUploadsItsOwnAndAnyNodeDeletes) {
 
 TEST_F(Uploads, AnOlderFileOfAnotherNodeDoesNotReplaceANewerOne) {
   transfer_node there(world, "n2");
-  there.start();
   there.commit(key, "newer", 2000);
+  there.start();
   ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
   here.commit(key, "older", 1000);
   here.start();
