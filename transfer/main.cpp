@@ -90,5 +90,9 @@ int run(const transfer_options &options) {
 int main(int argc, char **argv) {
   const auto options = parse_options(argc, const_cast<const char **>(argv));
   if (!options) return status_wrong;
-  return no_throw(static_cast<int>(status_failed), [&] { return run(*options); });
+  constexpr int nothing_left = -1;
+  const int status = no_throw(nothing_left, [&] { return run(*options); });
+  if (status != nothing_left) return status;
+  std::fputs("spoolcap-transfer: out of memory or threads\n", stderr);
+  return status_failed;
 }

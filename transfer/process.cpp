@@ -65,7 +65,7 @@ void raise_descriptor_limit() {
 
 // The sanitizers' frames need more than these.
 void bound_stacks() {
-#ifndef __SANITIZE_ADDRESS__
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   pthread_attr_t attributes;
   if (::pthread_attr_init(&attributes) != 0) return;
   if (::pthread_attr_setstacksize(&attributes, 256 << 10) == 0) {

@@ -122,8 +122,7 @@ TEST_F(Report, HostileLoginsStayTheTextOfOneCell) {
                           "a,b;\"c\"\td",
                           "two\r\nlines\\n",
                           "\n=1+1",
-                          "\xef\xbc\x9d"
-                          "1+1",
+                          "\xef\xbc\2351+1",
                           "</script>",
                           "\xe2\x80\xaegnp.exe",
                           "line\xe2\x80\xa8separator",
@@ -240,8 +239,9 @@ TEST_F(Report, HelpOfACommandIsItsPartOfTheManualPage) {
     EXPECT_EQ(plain(part.substr(0, part.find("\n#"))), help);
     for (size_t at = 0; (at = help.find("--", at)) != help.npos; ++at) {
       const std::string option = help.substr(at, help.find_first_of(" =", at) - at);
-      for (const std::string &known : completions)
+      for (const std::string &known : completions) {
         EXPECT_NE(known.find(option), known.npos) << option;
+      }
     }
   }
   EXPECT_NE(report({"--help"}).find("Status: 0 done;"), std::string::npos);
@@ -290,12 +290,12 @@ TEST_F(Report, OnlyARegularFileIsReplaced) {
     for (size_t i = 0; i + 1 < row.size(); ++i) call += " " + row[i];
     // To a fifo, through a link to nothing, to a descriptor whose file has no name any more, and to
     // the end of a file that is open.
+    constexpr char script[] =
+        "cat $1 > $2 & $0 $1 && wait && ln -sf $4 $3 && $0 $3 && "
+        "ln -sf /proc/self/fd/1 $3 && exec > $5 && rm $5 && $0 $3 && "
+        "echo first > $5 && exec 3>> $5 && $0 /dev/fd/3";
     const support::process_result result = support::run_process(
-        {"sh", "-c",
-         "cat $1 > $2 & $0 $1 && wait && ln -sf $4 $3 && $0 $3 && "
-         "ln -sf /proc/self/fd/1 $3 && exec > $5 && rm $5 && $0 $3 && "
-         "echo first > $5 && exec 3>> $5 && $0 /dev/fd/3",
-         call, fifo, output, link, box.path("new-" + row[0]), box.path("gone")},
+        {"sh", "-c", script, call, fifo, output, link, box.path("new-" + row[0]), box.path("gone")},
         {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_TRUE(std::filesystem::is_fifo(fifo));

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 
@@ -57,6 +58,10 @@ bool transfer_daemon::start() {
     const deadline soon(0.1F);
     if (!wait_ready(manager_.get(), POLLIN, &soon)) continue;
     if (told("READY=1")) return true;
+  }
+  if (!process_->running()) {
+    const process_result result = process_->wait(std::chrono::seconds(1)).value();
+    std::fprintf(stderr, "the service ended with %d: %s\n", result.status, result.err.c_str());
   }
   return false;
 }
