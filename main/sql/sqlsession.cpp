@@ -65,8 +65,11 @@ bool set_down_time(const char *value) noexcept {
 bool set_largest_lag(const char *value) noexcept {
   const char *const end = value + std::strlen(value);
   int seconds = -1;
-  const auto [stopped, error] = std::from_chars(value, end, seconds);
-  if (error == std::errc() && stopped == end && seconds >= 0) {
+  const bool is_number = no_throw(false, [&] {
+    const auto [stopped, error] = std::from_chars(value, end, seconds);
+    return error == std::errc() && stopped == end;
+  });
+  if (is_number && seconds >= 0) {
     fr_sqlpool_largest_lag_set(seconds);
   } else {
     QX_LOG(FR_LOG_ERROR, "Invalid SLAVE_MAX_LAG [%s]: a number of seconds is expected.\n\n", value);

@@ -58,7 +58,7 @@ c_string base64_enc_str(std::string_view data) noexcept {
   if (!encoded) return nullptr;
   char *output = encoded.get();
   while (!data.empty()) {
-    const std::string_view taken = data.substr(0, piece);
+    const std::string_view taken(data.data(), std::min(data.size(), piece));
     output += EVP_EncodeBlock(reinterpret_cast<unsigned char *>(output),
                               reinterpret_cast<const unsigned char *>(taken.data()),
                               static_cast<int>(taken.size()));
