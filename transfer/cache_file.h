@@ -33,8 +33,8 @@ class cache_file {
   const struct stat &status() const { return status_; }  // as it was when opened
   double last_use() const;                               // seconds since the epoch
 
-  // When it was made, which nothing changes. Its last use where that is not known.
-  double made_at() const;  // the last use where the file system does not know
+  // When it was made, which nothing changes; its last use where the file system does not know.
+  double made_at() const;
   bool knows_birth() const;
 
   // Takes a write lease for the length of the call. Who opens the file meanwhile waits for it.

@@ -14,8 +14,6 @@
 
 namespace {
 
-// Within it two nodes cannot tell which came first.
-constexpr double clock_error = 1;
 // A host removes its file after the deletion was queued. Another host may wake the service, or
 // another node be faster, before it has; so long afterwards it has, or was killed.
 constexpr double host_takes = 2;

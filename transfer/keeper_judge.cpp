@@ -11,9 +11,6 @@
 
 namespace {
 
-// Within it two clocks cannot tell which came first, and the file counts.
-constexpr double clock_error = 1;
-
 // Whether an upload waits or any job works on the key; nothing when that cannot be told.
 // All locations are asked: the owner's may have changed since the file was queued.
 std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &config,

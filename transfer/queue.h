@@ -24,6 +24,9 @@
 
 struct queue_script;
 
+// Seconds within which two clocks cannot tell which came first. The scripts reckon with it, too.
+inline constexpr double clock_error = 1;
+
 // A member and its score, as the text in which the DisDB printed it.
 struct queue_entry {
   std::string member;

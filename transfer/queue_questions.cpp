@@ -101,7 +101,7 @@ std::optional<std::string> transfer_queue::dangerous_policy() {
   }
   const std::string_view bytes(limit->element[1]->str, limit->element[1]->len);
   const std::string name(policy->element[1]->str, policy->element[1]->len);
-  // Of the protocol, only claims and marks of prefixes have a time to live. A claim that is lost
-  // costs a transfer made again.
-  return bytes != "0" && name.starts_with("allkeys-") ? name : std::string();
+  // Policies that evict only what has a time to live take claims and marks of prefixes, without
+  // which an object can be lost.
+  return bytes != "0" && name != "noeviction" ? name : std::string();
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "platform/base/owner.h"
+#include "transfer/queue.h"
 
 namespace {
 
@@ -60,12 +61,6 @@ std::optional<std::string> etag_of(const question &asked, int parts) {
   const auto whole = md5_of(digests);
   if (!whole) return std::nullopt;
   return s3_hex(*whole) + "-" + std::to_string(parts);
-}
-
-double seconds_of(const std::string &text) {
-  double seconds = 0;
-  std::from_chars(text.data(), text.data() + text.size(), seconds);
-  return seconds;
 }
 
 bool has_content(const question &asked, const s3_answer &object) {
@@ -143,7 +138,9 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
       result.result = proof::different;
       result.node = noted_node(*object);
       const auto queued = object->metadata.find("queued");
-      result.queued = queued == object->metadata.end() ? 0 : seconds_of(queued->second);
+      if (queued != object->metadata.end()) {
+        result.queued = queue_entry{"", queued->second}.queued_at();
+      }
     }
   }
   return result;

@@ -14,8 +14,6 @@
 
 namespace {
 
-// Within it the clocks of two nodes cannot tell which came first.
-constexpr double clock_error = 1;
 constexpr double soon = 60;             // seconds in which an upload is usually done
 constexpr double absent_at_first = 60;  // so young a member may be ahead of its deletion, say
 
@@ -90,21 +88,19 @@ class upload_job {
     return result;
   }
 
-  // Another node may have stored the key again while this waited.
-  s3_answer look_for_newer() {
-    bool changes_nothing = false;
-    s3_answer head = call_store(context_, member_.location, changes_nothing,
-                                [&] { return client_->head(member_.key); });
-    const double queued = queue_entry{"", head.metadata["queued"]}.queued_at();
-    is_superseded_ = head && head.metadata["node"] != context_.queue.node() &&
-                     queued > entry_.queued_at() + clock_error;
-    return head;
+  bool is_newer(s3_answer &object) const {
+    const double queued = queue_entry{"", object.metadata["queued"]}.queued_at();
+    return object.metadata["node"] != context_.queue.node() &&
+           queued > entry_.queued_at() + clock_error;
   }
 
   job_result store() {
+    // Another node may have stored the key again while this waited.
     if (qx_get_tstamp() - entry_.queued_at() > soon) {
-      const s3_answer head = look_for_newer();
-      if (is_superseded_) return drop();
+      bool changes_nothing = false;
+      s3_answer head = call_store(context_, member_.location, changes_nothing,
+                                  [&] { return client_->head(member_.key); });
+      if (head && is_newer(head)) return drop();
       if (!head && head.outcome != s3_outcome::not_found) return leave(failure_of(head));
     }
     const std::int64_t length = file_->status().st_size;
@@ -193,7 +189,6 @@ class upload_job {
   int error_ = 0;
   transfer_locations::lease client_;
   bool uncertain_ = false;
-  bool is_superseded_ = false;
   bool is_claimed_ = false;
 };
 

@@ -32,6 +32,7 @@ void look_at_mount(const std::string &quota_root) {
   const std::string mount = mount_of(quota_root);
   if (mount.empty()) return;
   line_reader lines("/proc/self/mountinfo");
+  if (!lines) return;
   while (const auto line = lines.next()) {
     if (!line->starts_with(mount + " ")) continue;
     const std::string option(local_lock_option(trimmed(*line)));

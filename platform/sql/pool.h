@@ -19,6 +19,7 @@ struct idle_connection {
   sql_clock::time_point since;
 };
 
+// What was last found out of a replica's lag, beside the largest one that is allowed.
 enum class lag_state {
   unknown,
   fits,

@@ -60,7 +60,7 @@ typedef struct vk_client {
  * four is missing. */
 vk_mm_t *vk_mm_create(void *(*allocate)(size_t), void *(*allocate_cleared)(size_t, size_t),
                       void *(*resize)(void *, size_t), void (*release)(void *));
-/* NULL is ignored. Clients keep a copy, so it may go before they do. */
+/* NULL is ignored. Clients keep nothing of it, so it may go before they do. */
 void vk_mm_destroy(vk_mm_t *mm);
 
 /* A client without servers, or NULL. The two options are the platform's (1 and 2) and are not

@@ -330,6 +330,8 @@ TEST_F(TransferQueue, APolicyThatEvictsQueuesIsNamedAndADisDbThatIsAwayIsDown) {
   EXPECT_EQ(here.dangerous_policy(), "") << "nothing is evicted without a limit";
   run({"CONFIG", "SET", "maxmemory", "100mb"});
   EXPECT_EQ(here.dangerous_policy(), "allkeys-lru");
+  run({"CONFIG", "SET", "maxmemory-policy", "volatile-ttl"});
+  EXPECT_EQ(here.dangerous_policy(), "volatile-ttl") << "claims have a time to live";
   server.stop();
   long cursor = 0;
   EXPECT_FALSE(here.uploads(cursor));
