@@ -16,10 +16,8 @@ class TransferProcess : public testing::Test {
   TransferProcess() { ::listen(silent_store.get(), 100); }
 
   bool status_shows(const std::string &text) const {
-    for (int i = 0; i < 100; ++i) {
-      if (daemon.run({"--status"}).out.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return support::eventually(
+        [&] { return daemon.run({"--status"}).out.find(text) != std::string::npos; });
   }
 
   int port = 0;

@@ -15,6 +15,7 @@
 #include "transfer/uploads.h"
 
 using namespace std::chrono_literals;
+using support::eventually;
 
 inline constexpr const char *up_queue = "storage:upqueue:s3:main";
 inline constexpr const char *delete_queue = "storage:delqueue:s3:main";
@@ -128,15 +129,5 @@ class transfer_node {
   transfer_queue queue;
   transfer_workers workers{queue, locations, state, control};
 };
-
-// Whether a condition holds before the time is up.
-inline bool eventually(const std::function<bool()> &holds, std::chrono::seconds limit = 30s) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
 
 #endif

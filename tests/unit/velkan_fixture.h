@@ -68,13 +68,9 @@ inline std::string ask(const support::redis_server &server, std::vector<const ch
 // Makes it a replica and waits for it to find its master.
 inline void follow(const support::redis_server &replica, const support::redis_server &master) {
   ask(replica, {"REPLICAOF", "127.0.0.1", std::to_string(master.port()).c_str()});
-  for (int i = 0; i < 500; i++) {
-    if (ask(replica, {"INFO", "replication"}).find("master_link_status:up") != std::string::npos) {
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  FAIL() << "the replica did not find its master";
+  EXPECT_TRUE(support::eventually([&] {
+    return ask(replica, {"INFO", "replication"}).find("master_link_status:up") != std::string::npos;
+  })) << "the replica did not find its master";
 }
 
 #endif
