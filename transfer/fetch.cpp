@@ -145,7 +145,9 @@ void object_fetch::compare(s3_answer &answer, int target) const {
   const bool by_md5 = is_md5(answer.etag);
   const bool can_compare = by_md5 || noted != answer.metadata.end();
   bool is_same = size_of(target) == answer.length;
-  if (is_same && can_compare) {
+  if (is_same && by_md5 && !answer.md5.empty()) {
+    is_same = answer.md5 == answer.etag;
+  } else if (is_same && can_compare) {
     s3_body body{.fd = target, .length = answer.length};
     if (!s3_digest(body, &control_.stop, by_md5 ? s3_digests::md5 : s3_digests::sha256)) {
       answer.error = errno;

@@ -2,12 +2,10 @@
 // On the keeper's thread; reads store and file, and changes nothing.
 #include "transfer/store_proof.h"
 
-#include <openssl/evp.h>
-
 #include <charconv>
 #include <cstring>
 
-#include "platform/base/owner.h"
+#include "platform/s3/digest.h"
 #include "transfer/queue.h"
 
 namespace {
@@ -19,15 +17,6 @@ struct question {
   const std::atomic<bool> &stop;
   std::int64_t part_size;
 };
-
-std::optional<std::string> md5_of(const std::string &bytes) {
-  unsigned char digest[EVP_MAX_MD_SIZE];
-  unsigned length = 0;
-  if (::EVP_Digest(bytes.data(), bytes.size(), digest, &length, ::EVP_md5(), nullptr) != 1) {
-    return std::nullopt;
-  }
-  return std::string(reinterpret_cast<const char *>(digest), length);
-}
 
 // The number behind the "-" of an object that was stored in parts, else 0.
 int parts_of(const std::string &etag) {
@@ -58,9 +47,7 @@ std::optional<std::string> etag_of(const question &asked, int parts) {
     offset += body.length;
   } while (offset < length);
   if (parts == 0) return s3_hex(digests);
-  const auto whole = md5_of(digests);
-  if (!whole) return std::nullopt;
-  return s3_hex(*whole) + "-" + std::to_string(parts);
+  return s3_hex(s3_md5(digests)) + "-" + std::to_string(parts);
 }
 
 bool has_content(const question &asked, const s3_answer &object) {

@@ -131,10 +131,8 @@ bool transfer_host::send(const std::string &datagram, int target, std::uint64_t 
     connection &to = *line_->current;
     // The answer cannot be overlooked: its reader needs the lock.
     if (request != nullptr) {
-      if (to.pending.empty()) {
-        to.heard = clock::now();
-        wake(*line_);  // so that the thread watches the daemon from now on
-      }
+      // The thread looks once a minute, so it need not be woken to watch the daemon.
+      if (to.pending.empty()) to.heard = clock::now();
       to.pending.emplace(id, request);
     }
     const int error = send_datagram(to.socket.get(), datagram, target);

@@ -45,8 +45,10 @@ void transfer_host::run(const std::shared_ptr<line> &own) {
 // Ends the connection to a daemon that owes answers and says nothing any more. How long the thread
 // may wait, for poll; the lock is held.
 int transfer_host::watch(line &own) {
-  if (!own.current || own.current->pending.empty()) return -1;
+  if (!own.current) return -1;
+  constexpr auto next_look = static_cast<int>(std::chrono::milliseconds(ask_after).count());
   connection &to = *own.current;
+  if (to.pending.empty()) return next_look;
   const auto now = clock::now();
   if (now - to.heard >= silent_for_good) {
     QX_LOG(FR_LOG_WARNING, "The transfer service does not answer any more; its downloads fail.\n");
@@ -59,7 +61,7 @@ int transfer_host::watch(line &own) {
     no_throw(
         [&] { send_datagram(to.socket.get(), encode_message({.word = transfer_word::status})); });
   }
-  return static_cast<int>(std::chrono::milliseconds(ask_after).count());
+  return next_look;
 }
 
 // Takes all answers that are there; why it stopped.

@@ -60,6 +60,7 @@ struct s3_answer {
   std::optional<std::chrono::seconds> retry_after;
 
   std::string etag;                             // without quotes
+  std::string md5;                              // of GET: of what came, from byte 0; else empty
   std::int64_t length = -1;                     // of the object, or of the body that came
   std::map<std::string, std::string> metadata;  // of HEAD and GET, names in lower case, no prefix
 

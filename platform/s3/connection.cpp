@@ -141,7 +141,6 @@ void s3_client::connection::prepare() {
   // No proxy that the environment names: a check by hand and the service would differ.
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(handle, CURLOPT_PROXY, "");       // whatever the environment says
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);  // does not wait for a resolver that hangs
   curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
   curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 64L << 10);
@@ -233,6 +232,7 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
     answer.text = "stopped";
   } else {
     judge(running, code, answer);
+    if (answer) answer.md5 = running.md5_of_body();
   }
   reply.body = std::move(running.body);
   return reply;

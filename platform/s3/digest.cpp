@@ -96,6 +96,18 @@ bool s3_digest(s3_body &body, const std::atomic<bool> *stop, s3_digests wanted) 
   return true;
 }
 
+s3_running_md5::s3_running_md5() : context_(new_digest()) {
+  begin_digest(context_, md5());
+}
+
+void s3_running_md5::add(std::string_view bytes) {
+  EVP_DigestUpdate(context_.get(), bytes.data(), bytes.size());
+}
+
+std::string s3_running_md5::end() {
+  return end_digest(context_);
+}
+
 std::string s3_md5(std::string_view bytes) {
   return digest_of(bytes, md5());
 }

@@ -95,12 +95,14 @@ std::size_t s3_exchange::take_bytes(std::string_view bytes) {
 bool s3_exchange::find_start() {
   if (at_ >= 0) return true;
   at_ = status() == 206 ? content_range(header("Content-Range")).first : 0;
+  if (at_ == 0) digest_.emplace();
   if (at_ == request_.from || status() != 206) return true;
   fault = "the answer is another range of the object";
   return false;
 }
 
 bool s3_exchange::write_all(std::string_view bytes) {
+  if (digest_) digest_->add(bytes);
   while (!bytes.empty()) {
     const ssize_t written = ::pwrite(request_.to, bytes.data(), bytes.size(), at_);
     if (written <= 0) {
@@ -191,4 +193,8 @@ std::string_view s3_exchange::value_of(const curl_header &header) {
 std::int64_t s3_exchange::object_length() const {
   if (status() == 200) return number(header("Content-Length"));
   return content_range(header("Content-Range")).total;
+}
+
+std::string s3_exchange::md5_of_body() {
+  return digest_ ? s3_hex(digest_->end()) : "";
 }

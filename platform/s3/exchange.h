@@ -7,10 +7,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "platform/s3/client.h"
+#include "platform/s3/digest.h"
 #include "platform/s3/signature.h"
 
 // What is to be asked. Borrows the file; all else is its own.
@@ -63,6 +65,8 @@ class s3_exchange {
   static std::string_view value_of(const curl_header &header);
   // Length of the whole object by the answer to a GET; -1 when it does not tell.
   std::int64_t object_length() const;
+  // MD5 of a body that went to a file, in hexadecimal, when it began with the object's first byte.
+  std::string md5_of_body();
 
   std::string body;             // of an answer that does not go to a file
   int error = 0;                // errno of the file here, when it ended the transfer
@@ -88,6 +92,8 @@ class s3_exchange {
   // Bytes of the body that libcurl has taken so far.
   std::int64_t given_ = 0;
   std::int64_t at_ = -1;  // where the next byte goes in the file; -1 before the first came
+  // Of what went to the file: taken on the way, as reading it again takes time.
+  std::optional<s3_running_md5> digest_;
   // For `stalled`: bytes moved at the last look, and when that number last changed.
   std::int64_t seen_ = -1;
   clock::time_point moved_ = clock::now();
