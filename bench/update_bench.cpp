@@ -37,9 +37,9 @@ void bare_update(const std::string &path) {
 }
 
 // The owner's, as the engine leaves its files: root looks twice at a file that is its own.
-void write_record(const std::string &path) {
+void write_record(const std::string &path, const char *record) {
   const c_file file(std::fopen(path.c_str(), "w"));
-  std::fputs("1000.1", file.get());
+  std::fputs(record, file.get());
   uid_t user = 0;
   gid_t group = 0;
   if (get_ids("asterisk", "asterisk", &user, &group) != 0 ||
@@ -51,8 +51,8 @@ void write_record(const std::string &path) {
 void compare_updates(double target, const std::string &folder, const std::string &where) {
   const std::string path = folder + "/update.quota";
   const std::string bare = folder + "/bare.quota";
-  write_record(path);
-  write_record(bare);
+  write_record(path, "1000.1");
+  write_record(bare, "1000.1");
   if (quota_upd_fast_internal(path.c_str(), 1, 0) != 1001) std::abort();  // and all is set up
   ratio::at_most(target, "fast update of one file, " + where,
                  "open, lock, read, truncate, write, close",
@@ -65,7 +65,7 @@ void compare_updates(double target, const std::string &folder, const std::string
 void measure_give_ups(double target, const std::string &folder, const std::string &where) {
   constexpr int attempts = 500;
   const std::string path = folder + "/shared.quota";
-  write_record(path);
+  write_record(path, "1000.1");
   std::vector<pid_t> children;
   for (unsigned seed = 0; seed < 4; ++seed) {
     children.push_back(::fork());
@@ -142,7 +142,8 @@ int main(int argc, char **argv) {
   for (const std::string &file :
        {std::string("1/recording"), std::string("1/2/recording"), below_client}) {
     records.push_back(box.quota_path(file));
-    box.write_file(records.back(), "5.1");
+    box.write_file(records.back(), "");
+    write_record(box.path(records.back()), "5.1");
   }
   const support::private_folder on_disk("bench-update");
   ::setenv(support::folder_variable, "/dev/shm", 1);

@@ -3,6 +3,7 @@
 #include "main/quota/folder.h"
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 
 #include "main/quota/careful_open.h"
@@ -253,7 +254,9 @@ int quota_folder::has(const char *name) const {
     return found == 0 || errno != ENOENT ? 1 : 0;
   }
   // Never through a link: what is behind one of its owner's might not even answer.
-  const std::string path = path_ + "/" + name;
+  std::string path;
+  path.reserve(path_.size() + 1 + std::strlen(name));  // each update comes here
+  path.append(path_).append("/").append(name);
   if (open_without_links(AT_FDCWD, path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)) return 1;
   if (errno != ELOOP) return errno == ENOENT ? 0 : 1;
   const unique_fd folder = descend(path_, nullptr);

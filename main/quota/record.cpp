@@ -3,7 +3,7 @@
 #include "main/quota/record.h"
 
 #include <algorithm>
-#include <cinttypes>
+#include <charconv>
 #include <cstring>
 #include <string_view>
 
@@ -100,12 +100,15 @@ int quota_read_internal(int fd, int64_t *value, int *revision) {
 
 int quota_write_internal(int fd, int64_t value, int revision, off_t size) {
   char record[record_size];
-  const int length = std::snprintf(record, sizeof record, "%" PRId64 ".%d", value, revision);
-  const bool fits = length > 0 && static_cast<size_t>(length) < sizeof record;
+  // The value takes 20 bytes and the revision 11 at most, so the dot and both fit.
+  char *const dot = std::to_chars(record, record + longest_record, value).ptr;
+  *dot = '.';
+  const auto end = std::to_chars(dot + 1, record + record_size, revision);
+  const auto length = static_cast<size_t>(end.ptr - record);
+  const bool fits = end.ec == std::errc{} && length < record_size;
   struct stat status {};
   if (size < 0 && ::fstat(fd, &status) == 0) size = status.st_size;
-  if (fits && size >= 0 &&
-      replace_record(fd, record, static_cast<size_t>(length), static_cast<size_t>(size))) {
+  if (fits && size >= 0 && replace_record(fd, record, length, static_cast<size_t>(size))) {
     return 0;
   }
   // An old value that looks right would never be computed again; an empty file is.
