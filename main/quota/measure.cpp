@@ -2,25 +2,22 @@
 // Reads the disk and changes nothing; keeps nothing of what it has passed.
 #include "main/quota/measure.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <vector>
 
 #include <spoolcap/quota.h>
+#include "main/quota/directory_entries.h"
 #include "platform/base/diagnostics.h"
 #include "platform/base/errors.h"
 #include "platform/base/owner.h"
 
 namespace {
 
-constexpr size_t entries_size = 256 * 1024;  // of the buffer that directories are read into
-constexpr size_t open_levels = 32;           // of the current path, counted from its deep end
-constexpr int most_linked = 100'000;         // directories of one walk with a link on the way
-constexpr size_t most_levels = 20'000;       // renames may make a path longer while it is walked
+constexpr size_t open_levels = 32;      // of the current path, counted from its deep end
+constexpr int most_linked = 100'000;    // directories of one walk with a link on the way
+constexpr size_t most_levels = 20'000;  // renames may make a path longer while it is walked
 
 // A directory by what it is, as one directory can have many names.
 struct identity {
@@ -33,10 +30,6 @@ std::optional<identity> identity_of(int directory) {
   struct stat status {};
   if (::fstat(directory, &status) != 0) return {};
   return identity{status.st_dev, status.st_ino};
-}
-
-bool is_dot_or_dot_dot(const char *name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
 // A directory of the current path. It was read as a whole; what is left are its subdirectories,
@@ -67,17 +60,13 @@ class tree_walk {
       return found_;
     }
     found_.is_opened = true;
-    entries_ = std::make_unique_for_overwrite<char[]>(entries_size);
     enter(std::move(root), false, {});
     while (!levels_.empty()) step();
     return found_;
   }
 
  private:
-  // After a call that failed: errno tells whether something was missed.
-  void note_failure() {
-    if (!means_nothing_there(errno)) found_.is_all = false;
-  }
+  void note_failure() { note_failed_call(found_); }
 
   // Names by their offset: the arena moves in memory when it grows.
   const char *name_at(size_t entry) const { return arena_.data() + entry; }
@@ -85,61 +74,14 @@ class tree_walk {
     return index + 1 < levels_.size() ? levels_[index + 1].first : arena_.size();
   }
 
-  void push_name(const char *name) {
-    arena_.insert(arena_.end(), name, name + std::strlen(name) + 1);
-  }
-
   // Counts a directory's files and, when there are subdirectories to enter, makes it a level.
   void enter(unique_fd directory, bool by_link, std::optional<identity> id) {
     const size_t first = arena_.size();
-    read_entries(directory.get());
+    entries_.read(directory.get(), recurse_, found_, arena_);
     if (arena_.size() == first) return;
     levels_.push_back({std::move(directory), first, first, first, by_link, id});
     if (by_link) ++links_;
     if (levels_.size() > open_levels) close_level(levels_[levels_.size() - 1 - open_levels]);
-  }
-
-  // By the system call: readdir would need a buffer and a descriptor for each level.
-  void read_entries(int directory) {
-    ssize_t length = 0;
-    while ((length = retry_interrupted(
-                [&] { return ::getdents64(directory, entries_.get(), entries_size); })) > 0) {
-      for (ssize_t at = 0; at < length;) {
-        const auto *entry = reinterpret_cast<const dirent64 *>(entries_.get() + at);
-        at += entry->d_reclen;
-        take(directory, entry->d_type, entry->d_name);
-      }
-    }
-    if (length < 0) note_failure();
-  }
-
-  void take(int directory, unsigned char type, const char *name) {
-    switch (type) {
-      case DT_REG:
-      case DT_LNK:
-      // Some file systems tell no type.
-      case DT_UNKNOWN:
-        take_by_status(directory, name);
-        break;
-      case DT_DIR:
-        if (recurse_ && !is_dot_or_dot_dot(name)) push_name(name);
-        break;
-      default:  // fifos, sockets and devices hold nothing that counts
-        break;
-    }
-  }
-
-  void take_by_status(int directory, const char *name) {
-    struct stat status;
-    if (::fstatat(directory, name, &status, 0) != 0) {  // vanished, or a link to nowhere
-      note_failure();
-      return;
-    }
-    if (S_ISREG(status.st_mode)) {
-      found_.bytes += static_cast<uint64_t>(status.st_size);
-    } else if (S_ISDIR(status.st_mode) && recurse_ && !is_dot_or_dot_dot(name)) {
-      push_name(name);
-    }
   }
 
   // Goes on with the next subdirectory of the deepest level, or leaves the level after its last.
@@ -280,7 +222,7 @@ class tree_walk {
   const char *path_;
   bool recurse_;
   disk_usage found_;
-  std::unique_ptr<char[]> entries_;
+  directory_entries entries_;
   std::vector<char> arena_;
   std::vector<level> levels_;
   size_t links_ = 0;         // levels of the path that were entered through a link
