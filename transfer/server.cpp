@@ -23,7 +23,8 @@
 namespace {
 
 constexpr std::size_t most_connections = 128;
-constexpr std::size_t most_downloads = 1024;  // of one connection
+constexpr std::size_t most_downloads = 1024;         // of one connection
+constexpr std::size_t most_downloads_in_all = 4096;  // each keeps a descriptor, of some 8,000
 constexpr std::size_t most_unsent = 64;  // datagrams; nothing more is read from its end until then
 constexpr int most_read = 64;            // datagrams of one connection in a row
 constexpr int rest_without_descriptors = 1000;  // milliseconds
@@ -82,6 +83,9 @@ class transfer_server::engine {
   const std::shared_ptr<const wake_event> wake_ = std::make_shared<wake_event>();
   listening_socket listener_;
   std::list<host> hosts_;
+  // Downloads of all connections; those that end after this object count it down, too.
+  const std::shared_ptr<std::atomic<std::size_t>> running_ =
+      std::make_shared<std::atomic<std::size_t>>(0);
   bool may_accept_ = true;
   std::atomic<bool> is_ending_{false};
   reporter reporter_{hooks_.status};
@@ -191,17 +195,19 @@ bool transfer_server::engine::take(const host &from, transfer_message &message) 
 
 void transfer_server::engine::order(const host &from, transfer_message &message) {
   // Refused orders are answered like failed ones: the host has nobody else to ask.
-  if (from->downloads >= most_downloads || !message.descriptor ||
-      !is_target(message.descriptor.get())) {
+  if (from->downloads >= most_downloads || *running_ >= most_downloads_in_all ||
+      !message.descriptor || !is_target(message.descriptor.get())) {
     from->say({answer(message.id, false)});
     return;
   }
   ++from->downloads;
+  ++*running_;
   hooks_.download({.location_text = std::move(message.first),
                    .key = std::move(message.second),
                    .target = std::move(message.descriptor),
-                   .done = [from, id = message.id](bool is_done) {
+                   .done = [from, running = running_, id = message.id](bool is_done) {
                      --from->downloads;
+                     --*running;
                      // An answer that is lost would leave its host waiting.
                      const bool is_said = no_throw(false, [&] {
                        from->say({answer(id, is_done)});
