@@ -1,6 +1,9 @@
 // Asks replicas how far they are behind, and passes over those that are too far.
 #include "platform/sql/lag.h"
 
+#include <mysqld_error.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -18,16 +21,30 @@ struct lag_reading {
   std::optional<seconds> lag;  // none when its replication does not run
 };
 
+// A row for each master; its data is as old as that of the master it is farthest behind.
 lag_reading reading_of(MYSQL_RES *rows) {
-  const MYSQL_ROW row = rows == nullptr ? nullptr : mysql_fetch_row(rows);
-  if (row == nullptr) return {};
+  if (rows == nullptr) return {};
   const MYSQL_FIELD *const fields = mysql_fetch_fields(rows);
-  for (unsigned i = 0; i < mysql_num_fields(rows); ++i) {
-    if (std::strcmp(fields[i].name, "Seconds_Behind_Master") != 0) continue;
-    if (row[i] == nullptr) return {true, std::nullopt};
-    return {true, seconds(std::strtol(row[i], nullptr, 10))};
+  unsigned field = 0;
+  while (field < mysql_num_fields(rows) &&
+         std::strcmp(fields[field].name, "Seconds_Behind_Master") != 0) {
+    ++field;
   }
-  return {};
+  if (field == mysql_num_fields(rows)) return {};
+  lag_reading worst;
+  while (const MYSQL_ROW row = mysql_fetch_row(rows)) {
+    if (row[field] == nullptr) return {true, std::nullopt};
+    const seconds lag{std::strtol(row[field], nullptr, 10)};
+    worst = {true, std::max(lag, worst.lag.value_or(lag))};
+  }
+  return worst;
+}
+
+// All connections of its replication, also those with a name. A server that does not know the
+// statement shows all of them by the older one.
+bool ask_for_lag(MYSQL *mysql, sql_result &rows) {
+  return ask_in_time(mysql, "SHOW ALL SLAVES STATUS", rows) ||
+         (mysql_errno(mysql) == ER_PARSE_ERROR && ask_in_time(mysql, "SHOW SLAVE STATUS", rows));
 }
 
 // Logs when it is news. The caller holds the shard's lock.
@@ -59,7 +76,7 @@ lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql) {
     if (asked < server.next_look) return exceeds ? lag_verdict::exceeds : lag_verdict::serves;
   }
   sql_result rows;
-  const bool answered = ask_in_time(mysql, "SHOW SLAVE STATUS", rows);
+  const bool answered = ask_for_lag(mysql, rows);
   if (!answered && is_lost(mysql)) return lag_verdict::lost;
   const lag_reading reading = reading_of(rows.get());
 
@@ -70,8 +87,9 @@ lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql) {
     return lag_verdict::serves;
   }
   if (reading.lag) server.data_from = asked - *reading.lag;
-  // While its replication does not run, its data is as old as it was, and the time since.
-  if (asked - server.data_from <= most) {
+  // While its replication does not run, its data is as old as it was, and the time since. If it
+  // never ran under our eyes, nobody knows how old that is.
+  if (server.data_from != sql_clock::time_point{} && asked - server.data_from <= most) {
     note(shard, server, lag_state::fits);
     return lag_verdict::serves;
   }

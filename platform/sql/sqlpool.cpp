@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/base/text.h"
+#include "platform/sql/lag.h"
 #include "platform/sql/pool.h"
 #include "platform/sql/statement.h"
 
@@ -56,14 +57,22 @@ int fail(const fr_sql_conn &session, unsigned code, const char *text) noexcept {
   return -1;
 }
 
+// Whether a session that reads from a slave may go on with it. One that is held for hours would
+// else read from a slave that has fallen behind since. A transaction stays where it began.
+bool lags(fr_sql_conn &session) {
+  MYSQL *const mysql = handle_of(session);
+  return (mysql->server_status & SERVER_STATUS_IN_TRANS) == 0 &&
+         judge_lag(*session.shard, *session.connection.server, mysql) == lag_verdict::exceeds;
+}
+
 // Sees to it that the session holds a connection that serves the purpose. After a write it stays on
 // the master, where what it wrote can be read.
 int attach(fr_sql_conn &session, sql_purpose purpose) {
-  const sql_server *const server = session.connection.server;
+  sql_server *const server = session.connection.server;
   if (server == nullptr) return fail(session, CR_SERVER_GONE_ERROR, "The SQL connection was lost");
-  if (purpose == sql_purpose::read || server->is_master) return 0;
+  if (server->is_master || (purpose == sql_purpose::read && !lags(session))) return 0;
   sql_lease lease = take_connection(*session.shard, purpose);
-  // The session keeps its slave: it can still read, and the error explains the write.
+  // The session keeps its slave, which may serve later, and the error explains the statement.
   if (lease.server == nullptr) {
     if (!lease.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL server can be reached");
     return fail(session, mysql_errno(lease.handle.get()), mysql_error(lease.handle.get()));

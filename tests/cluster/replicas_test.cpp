@@ -160,11 +160,23 @@ TEST_F(Replicas, AReplicaThatLagsGivesOldFiguresUnlessALargestLagIsSet) {
   EXPECT_EQ(figures_of(box).at("1/recording"), 2 * recordings_of_a_reseller);
   ask(replicas[0], "STOP SLAVE");
   EXPECT_EQ(server_read_from(), "1");
+  configure("SLAVE_MAX_LAG 3600\n");
+  EXPECT_NE(server_read_from(), "2") << "its replication was never seen to run";
 
+  configure("SLAVE_MAX_LAG 1\n");
+  EXPECT_EQ(server_read_from(), "1");
   follow(replicas[0], 0);
   for (int i = 0; i < 100 && server_read_from() != "2"; ++i) std::this_thread::sleep_for(100ms);
   EXPECT_EQ(server_read_from(), "2");
   EXPECT_EQ(log.count("serves again"), 1U);
+  const sql_session held;
+  const auto id_of_server = [&] {
+    return std::string(sql_text(QX_HERE, held.get(), "SELECT @@server_id").get());
+  };
+  EXPECT_EQ(id_of_server(), "2");
+  ask(replicas[0], "STOP SLAVE");
+  EXPECT_TRUE(support::eventually([&] { return id_of_server() == "1"; })) << "held, but looked at";
+  follow(replicas[0], 0);
   set_all(box);
   EXPECT_EQ(figures_of(box).at("1/recording"), 2 * recordings_of_a_reseller);
 }
