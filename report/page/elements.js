@@ -36,6 +36,12 @@ function bar(percent) {
   return element('span', { class: 'bar', 'aria-hidden': 'true' }, inner);
 }
 
+// Of the account's fullest kind.
+function percentOfLimits(account) {
+  const hasLimit = account.limit.some((limit) => limit !== null);
+  return hasLimit ? percentLabel(account.percent) : 'no limit';
+}
+
 function percentLabel(percent) {
   return bandOf(percent).mark + percentText(percent);
 }

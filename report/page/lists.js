@@ -2,11 +2,15 @@
 
 const LISTED = 7;
 
-// Which accounts a filter keeps. Summary and table use the same rules.
+// Which accounts a filter keeps, by the kind in view. Summary, lists and table use the same rules.
 const FILTERS = [
   { key: 'all', label: 'all accounts', keeps: () => true },
-  { key: 'over', label: 'over the limit', keeps: (a) => a.percent > 100 },
-  { key: 'near', label: '90 to 100 % of the limit', keeps: (a) => a.percent >= NEAR_LIMIT && a.percent <= 100 },
+  { key: 'over', label: 'over the limit', keeps: (a, kind) => percentOf(a, kind) > 100 },
+  {
+    key: 'near',
+    label: '90 to 100 % of the limit',
+    keeps: (a, kind) => percentOf(a, kind) >= NEAR_LIMIT && percentOf(a, kind) <= 100,
+  },
   { key: 'doubtful', label: 'in doubt: dirty or worse', keeps: (a) => a.state >= FIRST_DOUBTFUL },
   { key: 'old', label: 'older than a day', keeps: (a) => a.age > A_DAY },
 ];
@@ -19,15 +23,18 @@ function drawCards(place, scope, view, showFilter) {
   const card = (key, label, figure, style) =>
     element('button', { type: 'button', class: 'card ' + style, 'data-filter': key, click: () => showFilter(key) },
       element('span', { class: 'figure' }, figure), element('span', { class: 'label' }, label));
-  const count = (key) => countText(scope.filter(filterOf(key).keeps).length);
-  const oldest = scope.reduce((age, account) => Math.max(age, account.age || 0), 0);
+  const count = (key) => {
+    const { keeps } = filterOf(key);
+    return countText(scope.filter((account) => keeps(account, view.kind)).length);
+  };
+  const oldest = scope.reduce((age, account) => higher(age, account.age), null);
   place.replaceChildren(
-    card('all', 'stored in ' + countText(scope.length) + ' accounts', bytesText(valueOf(view.root, ALL_KINDS)), ''),
+    card('all', 'stored in ' + countText(scope.length) + ' accounts', bytesText(valueOf(view.root, view.kind)), ''),
     card('over', '\u25b2 over the limit', count('over'), 'over'),
     card('near', '\u25d5 at 90 to 100 %', count('near'), 'high'),
     card('doubtful', '\u2731 in doubt', count('doubtful'), 'doubt'),
     card('old', 'older than a day', count('old'), ''),
-    card('all', 'the oldest figure', scope.length === 0 ? '\u2013' : ageText(oldest), ''));
+    card('all', 'the oldest figure', ageText(oldest), ''));
 }
 
 function shortList(title, found, figure, act) {
@@ -87,7 +94,7 @@ function drawDetails(place, account) {
     element('h2', null, loginElement(account)),
     element('p', { class: 'calm' }, facts),
     element('p', { class: 'sum' }, bytesText(account.total)),
-    element('p', null, bar(account.percent), percentLabel(account.percent)),
+    element('p', null, bar(account.percent), percentOfLimits(account)),
     element('table', null, element('tbody', null, ...report.kinds.map((_, kind) => detailRow(account, kind)))),
     element('p', { class: 'calm' }, account !== root && account.children.length > 0 ? below : ''));
 }

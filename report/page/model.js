@@ -13,14 +13,14 @@ function readAccount([id, parentId, level, name, used, limit, states, age, updat
   const account = {
     index, id, parentId, level, used, limit, states, age, updates,
     label: showText(name || ''),
-    total: 0,
+    total: null,
     percent: null,
     state: 0,
     parent: null,
     children: [],
   };
   for (let kind = 0; kind < used.length; ++kind) {
-    account.total += used[kind] || 0;
+    if (used[kind] !== null) account.total = (account.total || 0) + used[kind];
     account.percent = higher(account.percent, percentOf(account, kind));
     account.state = Math.max(account.state, stateOf(account, kind));
   }
@@ -35,8 +35,8 @@ function higher(a, b) {
   return a === null || (b !== null && b > a) ? b : a;
 }
 
-// What disturbs the text around it is shown by its number, so that no login can look like another, or
-// like a part of this page.
+// What disturbs the text around it, or cannot be seen, is shown by its number: no login can then
+// look like a part of this page.
 const hex = (code) => code.toString(16).toUpperCase().padStart(4, '0');
 const DISTURBING = new RegExp('[' + report.disturbing.map(([first, last]) =>
   '\\u{' + hex(first) + '}-\\u{' + hex(last) + '}').join('') + ']', 'gu');
@@ -121,7 +121,7 @@ function bytesText(bytes) {
 }
 
 function percentText(percent) {
-  if (percent === null) return 'no limit';
+  if (percent === null) return '\u2013';
   if (percent >= 10000) return 'over 9,999\u00a0%';
   return percent.toFixed(1) + '\u00a0%';
 }
@@ -144,7 +144,7 @@ function levelText(level) {
 
 // Each band of use against limit has a colour and a mark: colour is never the only sign.
 const BANDS = [
-  { name: 'none', label: 'no limit', mark: '' },
+  { name: 'none', label: 'no limit or figure', mark: '' },
   { name: 'low', label: 'below 70 %', mark: '' },
   { name: 'middle', label: '70 to 90 %', mark: '\u25d4 ' },
   { name: 'high', label: '90 to 100 %', mark: '\u25d5 ' },

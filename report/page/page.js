@@ -64,7 +64,7 @@ function drawLegend() {
 function drawTable() {
   const query = view.query.trim().toLowerCase();
   const { keeps } = filterOf(view.filter);
-  const rows = scope.filter((account) => keeps(account) &&
+  const rows = scope.filter((account) => keeps(account, view.kind) &&
     (view.level === 0 || account.level === view.level) &&
     (query === '' || account.label.toLowerCase().includes(query) || String(account.id) === query));
   byId('count').textContent = countText(rows.length) + ' of ' + countText(scope.length);
@@ -89,7 +89,9 @@ function changeMap() {
   view.colour = byId('colour').value;
   drawLegend();
   map.draw();
+  drawCards(byId('cards'), scope, view, showFilter);
   drawLists(byId('lists'), scope, view.kind, select);
+  drawTable();
 }
 
 function buildControls() {

@@ -11,7 +11,7 @@ function kindContent(account, kind) {
 }
 
 function percentContent(account) {
-  return [bar(account.percent), element('span', null, percentLabel(account.percent))];
+  return [bar(account.percent), element('span', null, percentOfLimits(account))];
 }
 
 function parentContent(account) {

@@ -27,6 +27,7 @@ class Page : public testing::Test {
     box.add_owner(13, 2, "dan");
     box.add_owner(14, 3, "fay");
     box.set_preference(12, "fax_storage", "1");
+    box.set_preference(3, "fax_storage", "1");  // its figure is not known
     for (const auto &[place, bytes] : {std::pair("1/fax", "9000.0"),
                                        {"1/2/fax", "8000.0"},
                                        {"1/2/12/fax", "2048.0"},
@@ -87,6 +88,7 @@ TEST_F(Page, DrawsTheTreeAndOpensWhatIsClickedOrEntered) {
   page.click("#kind-choice label:last-child");
   EXPECT_EQ(page.value("[...document.querySelectorAll('.tile')].map((tile) => tile.ariaLabel)"),
             "bob, 600\u00a0B,dan, 600\u00a0B");
+  EXPECT_EQ(text_of(".card.over .figure"), "0") << "that is a fax's";
   page.click("#kind-choice label:nth-of-type(5)");
   EXPECT_EQ(text_of(".empty"), "Nothing is stored here");
 }
@@ -95,6 +97,8 @@ TEST_F(Page, SearchesSortsAndFilters) {
   add_accounts();
   support::browser &page = open_page();
   EXPECT_EQ(logins(), "ann,bob,dan,cid,fay,eve");
+  EXPECT_EQ(text_of("[data-row=\"5\"] .number:nth-child(6)"), "\u2013") << "it has a limit";
+  EXPECT_EQ(text_of("[data-row=\"5\"] .number:nth-child(5)"), "\u2013");
   page.click("[data-sort=login]");
   EXPECT_EQ(logins(), "ann,bob,cid,dan,eve,fay");
   page.click("[data-sort=login]");
