@@ -7,6 +7,7 @@
 #include "report/command.h"
 #include "report/options.h"
 #include "report/output.h"
+#include "report/statement.h"
 
 namespace {
 
@@ -45,16 +46,24 @@ report_status run(const std::vector<std::string> &words) {
 }  // namespace
 
 void for_each_entry(const std::filesystem::path &folder,
-                    const std::function<void(const std::filesystem::path &path)> &visit) {
+                    const std::function<void(const std::filesystem::directory_entry &)> &visit) {
   std::error_code error;
   std::filesystem::directory_iterator entry(folder, error);
   for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-    visit(entry->path());
+    visit(*entry);
   }
   if (error && error != std::errc::no_such_file_or_directory &&
       error != std::errc::not_a_directory) {
     throw report_trouble(folder.string() + ": " + error.message());
   }
+}
+
+bool exists_now(std::uint64_t id) {
+  const report_session session(server_choice::master);
+  bool exists = false;
+  for_each_row(session.get(), "SELECT level FROM client WHERE id = " + std::to_string(id),
+               [&](const sql_fields &row) { exists = row[0] && is_reported(number_of(row[0])); });
+  return exists;
 }
 
 const report_command check_command = {

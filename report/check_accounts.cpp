@@ -33,6 +33,13 @@ bool is_in_place(const report_platform &platform, const report_account &account)
   }
 }
 
+// Quota files are found from the resellers down.
+bool can_have_files(const report_platform &platform, const report_account &account) {
+  const report_account *top = &account;
+  while (top->above != 0) top = platform.find(top->above);
+  return top->level == LEVEL_RESELLER;
+}
+
 }  // namespace
 
 void check_accounts(const report_platform &platform, findings_writer &out) {
@@ -43,8 +50,7 @@ void check_accounts(const report_platform &platform, findings_writer &out) {
     if (!is_in_place(platform, account)) {
       out.add({.name = "account_out_of_place", .account = &account});
     }
-    // Without anything above it, it can have no files.
-    if (account.level != LEVEL_RESELLER && account.above == 0) continue;
+    if (!can_have_files(platform, account)) continue;
     for_each_of(all_kinds, [&](unsigned kind) { check_kind(account, kind, out); });
   }
 }

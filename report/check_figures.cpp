@@ -17,6 +17,12 @@ struct own_figures {
   bool is_known[QUOTA_ALL_KINDS];
 };
 
+// Stored rows whose account is not there; the id is 0 where their extension names none.
+struct rows_of_nobody {
+  std::uint32_t id;
+  std::int64_t bytes;
+};
+
 class figure_check {
  public:
   figure_check(const report_platform &platform, bool deep, findings_writer &out)
@@ -50,17 +56,30 @@ class figure_check {
   void sum_rows(unsigned kind) {
     // An account without rows uses nothing, which is known.
     for (own_figures &own : own_) own.is_known[kind] = true;
-    const report_session session;
+    const report_session session(server_choice::master);
+    std::vector<rows_of_nobody> homeless;
     for_each_row(session.get(),
                  std::string("SELECT e.client_id, SUM(f.filesize) FROM ") +
                      media_kinds[kind].rows.table +
                      " f, extension e WHERE e.id = f.extension_id GROUP BY e.client_id",
                  [&](const sql_fields &row) {
                    const auto id = static_cast<std::uint32_t>(number_of(row[0]));
+                   const std::int64_t bytes = std::max<std::int64_t>(number_of(row[1]), 0);
                    const std::optional<std::uint32_t> place = platform_.place_of(id);
-                   if (!place || platform_.accounts[*place].level != LEVEL_OWNER) return;
-                   own_[*place].bytes[kind] = std::max<std::int64_t>(number_of(row[1]), 0);
+                   if (!place) return homeless.push_back({id, bytes});
+                   if (platform_.accounts[*place].level != LEVEL_OWNER) return;
+                   own_[*place].bytes[kind] = bytes;
                  });
+    for (const rows_of_nobody &rows : homeless) tell_homeless(rows, kind);
+  }
+
+  void tell_homeless(const rows_of_nobody &rows, unsigned kind) {
+    if (exists_now(rows.id)) return;
+    const std::string whose = rows.id == 0 ? "no account" : fmt::format("account {}", rows.id);
+    out_.add({.name = "file_without_account",
+              .kind = kind,
+              .found = rows.bytes,
+              .where = fmt::format("{} of {}", media_kinds[kind].rows.table, whose)});
   }
 
   // By the engine's own measure, so that both count the same files.

@@ -56,7 +56,7 @@ class folder_check {
                          (above != nullptr || account->level == LEVEL_RESELLER);
     if (is_here) {
       look_into(folder, account);
-    } else {
+    } else if (account != nullptr || !exists_now(id)) {
       out_.add({.name = "file_without_account", .where = valid_utf8(folder.string())});
     }
   }

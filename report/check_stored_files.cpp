@@ -1,6 +1,7 @@
 // Compares rows of stored files with the files, by the ids of rows that the names of files have.
 // Reads names below storage and cache; opens no stored file.
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <vector>
@@ -20,23 +21,28 @@ using file_id = std::uint64_t;
 // Eight bytes a file: a node may have millions of them.
 using file_ids = std::vector<file_id>;  // sorted, each once
 
+using visit_entry = std::function<void(file_id id, const fs::directory_entry &entry)>;
+
 // Visits the folders or files in a folder whose names begin with a number up to a dot or the end.
-void for_each_numbered(const fs::path &folder,
-                       const std::function<void(file_id id, const fs::path &path)> &visit) {
-  for_each_entry(folder, [&](const fs::path &path) {
-    const std::string name = path.filename().string();
+void for_each_numbered(const fs::path &folder, const visit_entry &visit) {
+  for_each_entry(folder, [&](const fs::directory_entry &entry) {
+    const std::string name = entry.path().filename().string();
     if (const auto id = whole_number(std::string_view(name).substr(0, name.find('.')))) {
-      visit(*id, path);
+      visit(*id, entry);
     }
   });
 }
 
 // Visits the files <first id>/<second id>/<file id>.<extension>, as both engines name them.
-void for_each_file(const fs::path &folder,
-                   const std::function<void(file_id id, const fs::path &path)> &visit) {
+void for_each_file(const fs::path &folder, const visit_entry &visit) {
+  const visit_entry visit_file = [&](file_id id, const fs::directory_entry &entry) {
+    std::error_code error;
+    // A name of another shape may have more folders in it.
+    if (!entry.is_directory(error)) visit(id, entry);
+  };
   for_each_numbered(folder, [&](file_id, const fs::path &first) {
-    for_each_numbered(first,
-                      [&](file_id, const fs::path &second) { for_each_numbered(second, visit); });
+    for_each_numbered(
+        first, [&](file_id, const fs::path &second) { for_each_numbered(second, visit_file); });
   });
 }
 
@@ -52,6 +58,14 @@ bool has(const file_ids &ids, file_id id) {
   return std::binary_search(ids.begin(), ids.end(), id);
 }
 
+// Whether the transfer service may still have to remove a cached file, or to store it.
+bool is_kept(const fs::directory_entry &entry, int cache_expire) {
+  std::error_code error;
+  const fs::file_time_type last_use = entry.last_write_time(error);
+  // One that the service removed meanwhile is no finding either.
+  return error || fs::file_time_type::clock::now() - last_use <= std::chrono::hours(cache_expire);
+}
+
 // One kind of media: its rows, and where its files are.
 class kind_check {
  public:
@@ -60,6 +74,7 @@ class kind_check {
         local_(kind == QUOTA_RECORDING ? fs::path(config.monitor_dir)
                                        : fs::path(config.base_dir) / media_kinds[kind].folder),
         cache_(fs::path(config.cache) / "main" / media_kinds[kind].key_word),
+        cache_expire_(config.cache_expire),
         out_(out) {}
 
   void run() {
@@ -72,14 +87,15 @@ class kind_check {
       if (is_local && !has(local, id)) rows_without_files_.push_back(id);
     });
     std::sort(rows.begin(), rows.end());
-    tell_files(local, rows, local_);
-    tell_files(cached, rows, cache_);
+    tell_files(local, rows, local_, [](const fs::directory_entry &) { return false; });
+    tell_files(cached, rows, cache_,
+               [this](const fs::directory_entry &entry) { return is_kept(entry, cache_expire_); });
     tell_rows();
   }
 
  private:
   void for_each_row(const std::function<void(file_id id, bool is_local)> &visit) const {
-    const report_session session;
+    const report_session session(server_choice::master);
     ::for_each_row(session.get(), std::string("SELECT id, se FROM ") + table(),
                    [&](const sql_fields &row) {
                      // Another engine's rows need no local file: theirs may be in the store only.
@@ -89,13 +105,14 @@ class kind_check {
 
   const char *table() const { return media_kinds[kind_].rows.table; }
 
-  // Those of these files that have no row, with their paths.
-  void tell_files(const file_ids &files, const file_ids &rows, const fs::path &folder) {
+  // Those of these files that have no row and are not passed over, with their paths.
+  void tell_files(const file_ids &files, const file_ids &rows, const fs::path &folder,
+                  const std::function<bool(const fs::directory_entry &entry)> &is_passed_over) {
     if (std::includes(rows.begin(), rows.end(), files.begin(), files.end())) return;
-    for_each_file(folder, [&](file_id id, const fs::path &path) {
-      if (has(files, id) && !has(rows, id)) {
-        out_.add({.name = "file_without_row", .kind = kind_, .where = valid_utf8(path.string())});
-      }
+    for_each_file(folder, [&](file_id id, const fs::directory_entry &entry) {
+      if (!has(files, id) || has(rows, id) || is_passed_over(entry)) return;
+      out_.add(
+          {.name = "file_without_row", .kind = kind_, .where = valid_utf8(entry.path().string())});
     });
   }
 
@@ -114,6 +131,7 @@ class kind_check {
   unsigned kind_;
   fs::path local_;  // of the engine POSIX
   fs::path cache_;  // of the object store
+  int cache_expire_;
   findings_writer &out_;
   file_ids rows_without_files_;
 };

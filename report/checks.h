@@ -3,6 +3,7 @@
 #ifndef REPORT_CHECKS_H
 #define REPORT_CHECKS_H
 
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 
@@ -12,8 +13,9 @@
 // that are no records, above a limit, and with an id that the four-digit rule cuts.
 void check_accounts(const report_platform &platform, findings_writer &out);
 
-// Figures beside sums over the tables, and those of a parent beside those of its children. With
-// `deep`, figures beside the disk, too, as `spoolcap --action set --all` measures it.
+// Figures beside sums over the tables, and those of a parent beside those of its children; and
+// stored rows of no account. With `deep`, figures beside the disk, too, as
+// `spoolcap --action set --all` measures it.
 void check_figures(const report_platform &platform, bool deep, findings_writer &out);
 
 // The quota directories: those of no account, and marks.
@@ -27,7 +29,12 @@ void check_stored_files(const char *storage, findings_writer &out);
 void check_indexes(findings_writer &out);
 
 // Visits what lies in a folder; nothing when there is no such folder.
-void for_each_entry(const std::filesystem::path &folder,
-                    const std::function<void(const std::filesystem::path &path)> &visit);
+void for_each_entry(
+    const std::filesystem::path &folder,
+    const std::function<void(const std::filesystem::directory_entry &entry)> &visit);
+
+// Whether the master has an account of this id now: one that was made since the accounts were read
+// is not missing.
+bool exists_now(std::uint64_t id);
 
 #endif

@@ -14,8 +14,13 @@ namespace {
 
 }  // namespace
 
-report_session::report_session() {
-  if (!*this) throw report_trouble("The database cannot be reached");
+report_session::report_session(server_choice server) {
+  sql_result nothing;
+  // After a statement that is no SELECT the pool keeps the session on a master. This one changes
+  // nothing and needs no right.
+  const bool is_ready =
+      *this && (server == server_choice::any || sql_query(QX_HERE, get(), nothing, "DO 0") == 0);
+  if (!is_ready) throw report_trouble("The database cannot be reached");
 }
 
 void for_each_row(SessionHandle session, const std::string &statement,

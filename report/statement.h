@@ -2,6 +2,7 @@
 #ifndef REPORT_STATEMENT_H
 #define REPORT_STATEMENT_H
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -14,12 +15,16 @@
 using sql_field = std::optional<std::string_view>;
 using sql_fields = std::vector<sql_field>;
 
+// Which server a session is on: the pool's choice for reading, which may be a replica that lags, or
+// a master.
+enum class server_choice : std::uint8_t { any, master };
+
 // A session of its own; throws report_trouble when none can be had.
 // Gives its connection back at the end of its scope.
 class report_session : public sql_session {
  public:
   // From the pool that `main` has set up.
-  report_session();
+  explicit report_session(server_choice server = server_choice::any);
 };
 
 // Runs a statement and visits its rows as the server sends them; no other statement may run on the
