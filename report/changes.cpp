@@ -15,12 +15,14 @@ change_kind kind_of(const account_change &change) {
   return change.growth > 0 ? change_kind::grew : change_kind::shrank;
 }
 
-// Also what stayed the same in sum, if its kinds changed or it reaches a limit.
+// Also what stayed the same in sum, if its kinds changed, became known or unknown, or it reaches a
+// limit. The account is there on both sides.
 bool is_listed(const account_change &change, kind_set kinds) {
   if (change.change != change_kind::same) return true;
   bool listed = change.outlook.outlook >= outlook_kind::day;
-  for_each_of(kinds,
-              [&](unsigned kind) { listed = listed || growth_of(change, kind).value_or(0) != 0; });
+  for_each_of(kinds, [&](unsigned kind) {
+    listed = listed || change.before->used[kind] != change.after->used[kind];
+  });
   return listed;
 }
 

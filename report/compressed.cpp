@@ -65,7 +65,7 @@ c_file compress_into(FILE *file) {
 
 decompressed_file::decompressed_file(const std::string &path)
     : path_(path),
-      file_(std::fopen(path.c_str(), "re")),
+      file_(std::fopen(path == "-" ? "/dev/stdin" : path.c_str(), "re")),
       context_(ZSTD_createDCtx()),
       compressed_(ZSTD_DStreamInSize()) {
   if (!file_) fail(std::strerror(errno));

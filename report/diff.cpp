@@ -10,13 +10,9 @@
 
 namespace {
 
-const poptOption options[] = {list_format_row,
-                              kind_row,
-                              level_row,
-                              top_row("Only the first N changes"),
-                              human_row("Sizes with units, in a table"),
-                              output_row,
-                              POPT_TABLEEND};
+const poptOption options[] = {
+    list_format_row, kind_row,   level_row,    top_row("Only the first N changes"),
+    human_row,       output_row, POPT_TABLEEND};
 
 // Only the first and the last state are held, and what the forecast keeps of all.
 struct compared_states {
@@ -101,6 +97,7 @@ const report_command diff_command = {
         "\n"
         "The greatest growth comes first. NEW may be the word \"now\", and is so when it is "
         "missing.\n"
+        "\"-\" is standard input.\n"
         "An account has moved when another account is its parent.\n"
         "\n"
         "With three snapshots or more, the changes are those between the first and the last, and\n"

@@ -32,7 +32,7 @@ const poptOption options[] = {
      "PERCENT"},
     kind_row,
     {"tree", 't', POPT_ARG_NONE, &only_here.tree, 0, "Children below their parents", nullptr},
-    human_row("Sizes and ages with units, in a table"),
+    human_row,
     output_row,
     POPT_TABLEEND};
 
@@ -101,7 +101,8 @@ const report_command list_command = {
     .summary = "Lists accounts with what they use and may use",
     .details =
         "\n"
-        "In a table, the limit is that of the kind that is used the most of it.\n"
+        "In a table, the limit is that of the kind that is used the most of it, or the first\n"
+        "where no such figure is known.\n"
         "The state is the worst of the kinds: measured, updated (by so many quick updates),\n"
         "dirty, redo, missing, unreadable. The age is that of the oldest figure.\n",
     .options = options,

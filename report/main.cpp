@@ -13,6 +13,7 @@
 #include "platform/base/utf8.h"
 #include "report/command.h"
 #include "report/output.h"
+#include "report/table.h"
 
 namespace {
 
@@ -121,8 +122,7 @@ int main(int argc, char **argv) {
     std::fputs("spoolcap-report: Out of memory\n", stderr);
   } catch (const std::exception &trouble) {
     // It may hold words as they were typed.
-    std::fprintf(stderr, "spoolcap-report: %s\n",
-                 without_controls(valid_utf8(trouble.what())).c_str());
+    std::fprintf(stderr, "spoolcap-report: %s\n", shown_login(valid_utf8(trouble.what())).c_str());
   }
   return REPORT_TROUBLE;
 }

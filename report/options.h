@@ -36,9 +36,8 @@ inline constexpr poptOption list_format_row =
 constexpr poptOption top_row(const char *meaning) {
   return {"top", 'n', POPT_ARG_STRING, &typed.top, 0, meaning, "N"};
 }
-constexpr poptOption human_row(const char *meaning) {
-  return {"human", 'h', POPT_ARG_NONE, &typed.human, 0, meaning, nullptr};
-}
+inline constexpr poptOption human_row = {
+    "human", 'h', POPT_ARG_NONE, &typed.human, 0, "Sizes and ages with units, in a table", nullptr};
 inline constexpr poptOption kind_row = {
     "kind",      'k', POPT_ARG_STRING,
     &typed.kind, 0,   "Only these kinds: fax, sound, recording, voicemail, music",

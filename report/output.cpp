@@ -68,6 +68,16 @@ bool is_standard_output(const char *path) {
   return path == nullptr || std::strcmp(path, "-") == 0 || std::strcmp(path, "/dev/stdout") == 0;
 }
 
+// Where everybody may leave files, one of somebody else may be there to get hold of the report. The
+// kernel refuses to open such a file to write, but not to replace it.
+bool is_refused(const std::string &path, const struct stat &file) {
+  struct stat folder {};
+  constexpr mode_t shared = S_ISVTX | S_IWOTH;
+  return ::stat((path.substr(0, path.rfind('/') + 1) + ".").c_str(), &folder) == 0 &&
+         (folder.st_mode & shared) == shared && file.st_uid != ::geteuid() &&
+         file.st_uid != folder.st_uid;
+}
+
 // The mode that a new file gets from this process.
 mode_t mode_of_new_files() {
   // No call only asks for it. No other thread runs at this time.
@@ -104,6 +114,7 @@ report_output::report_output(const char *path) {
   const bool is_there = there && ::fstat(there.get(), &old) == 0;
   if (is_there && S_ISREG(old.st_mode) && !is_handed_over(old)) {
     if (std::string real = path_of(there.get()); !real.empty()) path_ = std::move(real);
+    if (is_refused(path_, old)) fail(EACCES);
     open_beside(&old);
   } else if (is_there || is_link(path_)) {
     file_.reset(std::fopen(path, "ae"));

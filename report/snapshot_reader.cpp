@@ -210,10 +210,10 @@ class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, d
     if (keys_[1] == "parent") return set(account().parent, value);
     if (keys_[1] == "level") return set(account().level, value);
     if (keys_[1] != "age") return true;
-    // The age is that of the oldest file, so all kinds get its time.
-    std::fill_n(account().modified, QUOTA_ALL_KINDS,
-                platform_.taken - std::max(value, std::int64_t{0}));
-    return value >= 0 && value <= platform_.taken;
+    // The age is that of the oldest file, so all kinds get its time: once it is known when the
+    // snapshot was taken, which may stand behind.
+    std::fill_n(account().modified, QUOTA_ALL_KINDS, value);
+    return value >= 0;
   }
 
   // The place of the member's kind; QUOTA_ALL_KINDS for none that this version has.
@@ -266,6 +266,17 @@ bool read_document(decompressed_file &content, document_reader &document) {
   }
 }
 
+// Turns ages into times. False when one is older than time itself.
+bool date_files(report_platform &platform) {
+  for (report_account &account : platform.accounts) {
+    for (std::int64_t &modified : account.modified) {
+      if (modified > platform.taken) return false;
+      if (modified >= 0) modified = platform.taken - modified;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 report_platform read_snapshot(const std::string &path) {
@@ -275,6 +286,8 @@ report_platform read_snapshot(const std::string &path) {
   document_reader document(platform);
   const bool read = read_document(content, document);
   if (document.is_newer()) throw report_trouble(path + ": was written by a newer version");
-  if (!read || !document.is_complete()) throw report_trouble(path + ": is no snapshot");
+  if (!read || !document.is_complete() || !date_files(platform)) {
+    throw report_trouble(path + ": is no snapshot");
+  }
   return platform;
 }

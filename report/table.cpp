@@ -57,31 +57,41 @@ class table {
 
   cells line_of(const chosen_account &chosen) const {
     const report_account &account = platform_.accounts[chosen.place];
-    const std::optional<unsigned> fullest = fullest_kind(account, style_.kinds);
+    const std::optional<unsigned> limited = limited_kind(account);
     cells line = {
         std::string(style_.indent ? 2 * chosen.depth : 0, ' ') + shown_login(account.login),
         std::to_string(account.id), name_of_level(account.level)};
     for_each_of(style_.kinds, [&](unsigned kind) { line.push_back(size(account.used[kind])); });
     line.push_back(size(total_of(account, style_.kinds)));
-    line.push_back(size(fullest ? account.limit[*fullest] : -1));
-    line.emplace_back(fullest ? media_kinds[*fullest].name : unknown);
-    line.push_back(fullest ? percent_text(percent_of_kind(account, *fullest)) + "%"
-                           : std::string(unknown));
+    line.push_back(size(limited ? account.limit[*limited] : -1));
+    line.emplace_back(limited ? media_kinds[*limited].name : unknown);
+    const auto percent = limited ? percent_of_kind(account, *limited) : std::nullopt;
+    line.push_back(percent ? percent_text(percent) + "%" : std::string(unknown));
     line.push_back(age_text(age_of(account, platform_.taken, style_.kinds), style_.human));
     line.push_back(state(account));
     return line;
   }
 
  private:
+  // The fullest kind; the first one with a limit where none of those has a figure.
+  std::optional<unsigned> limited_kind(const report_account &account) const {
+    std::optional<unsigned> limited = fullest_kind(account, style_.kinds);
+    for_each_of(style_.kinds, [&](unsigned kind) {
+      if (!limited && account.limit[kind] >= 0) limited = kind;
+    });
+    return limited;
+  }
+
   std::string size(std::int64_t bytes) const { return size_text(bytes, style_.human); }
 
-  // With the most updates that a file had.
+  // With the updates of all kinds.
   std::string state(const report_account &account) const {
     const figure_state worst = state_of(account, style_.kinds);
     if (worst != figure_state::updated) return name_of(worst);
-    std::int32_t most = 0;
-    for_each_of(style_.kinds, [&](unsigned kind) { most = std::max(most, account.updates[kind]); });
-    return fmt::format("{} ({})", name_of(worst), most);
+    std::int64_t updates = 0;
+    for_each_of(style_.kinds,
+                [&](unsigned kind) { updates += std::max(account.updates[kind], 0); });
+    return fmt::format("{} ({})", name_of(worst), updates);
   }
 
   const report_platform &platform_;

@@ -10,11 +10,11 @@
 
 #include "tests/e2e/small_platform.h"
 
-// Beside the small platform reseller 3 (fay) and user 13 (dan), who have nothing; all refreshed.
+// Beside the small platform reseller 3 (faÿ) and user 13 (dan), who have nothing; all refreshed.
 class Report : public SmallPlatform {
  protected:
   Report() : SmallPlatform({"administrator.md", "report.md"}) {
-    box.add_reseller(3, "fay");
+    box.add_reseller(3, "faÿ");
     box.add_owner(13, 2, "dan");
     box.run_spoolcap({"--action", "set", "--all", "--quiet"});
   }

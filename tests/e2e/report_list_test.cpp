@@ -1,5 +1,6 @@
 // The list of accounts in all its formats, beside sums over the tables and the disk.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -71,6 +72,9 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
   box.set_preference(12, "max_record", "1");
   box.set_preference(12, "max_sound", "-1");
   box.set_preference(12, "max_voice", "8388608");
+  box.set_preference(12, "max_moh", "2");
+  write_quota("1/sound", "100.3");
+  write_quota("1/fax", "1048576.4");
   write_quota("1/2/12/sound", "100.3");
   write_quota("1/2/12/music", "12 apes.0");
   write_quota("1/2/12/voicemail", "6442450944.0");
@@ -102,6 +106,7 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
   EXPECT_STREQ(account(document, 13)["state"].GetString(), "missing");
   EXPECT_STREQ(account(document, 13)["states"]["sound"].GetString(), "redo");
   EXPECT_STREQ(account(document, 3)["state"].GetString(), "redo");
+  EXPECT_STREQ(account(document, 3)["name"].GetString(), "faÿ");
   EXPECT_TRUE(account(document, 1)["parent"].IsNull());
   EXPECT_TRUE(account(document, 1)["percent"].IsNull());
 
@@ -110,6 +115,8 @@ TEST_F(Report, StatesLimitsAndAgesAreTold) {
             "         percent  age  state\n"
             "cid    12  user   1.00 MB  100 B    1.99 KB    6.00 GB      -  6.00 GB  1.00 KB  "
             "recording   198.8%  2 h  unreadable\n");
+  EXPECT_NE(report({"--level", "reseller"}).find("updated (7)\n"), std::string::npos);
+  EXPECT_NE(report({"--kind", "music"}).find("  2048  music        -  "), std::string::npos);
 }
 
 TEST_F(Report, HostileLoginsStayTheTextOfOneCell) {
@@ -179,7 +186,7 @@ TEST_F(Report, OptionsChooseAndSort) {
 TEST_F(Report, BadInputIsOneLineAndStatusTwo) {
   const words rows[] = {{"lists"},
                         {"list", "more"},
-                        {"--sort", "two\nlines\x1b[2J"},
+                        {"--sort", "two\nlines\x1b[2J\u202e"},
                         {"--top", "0"},
                         {"--over", "nan"},
                         {"--level", "10,"},
@@ -201,6 +208,7 @@ TEST_F(Report, BadInputIsOneLineAndStatusTwo) {
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err.find("spoolcap-report: "), 0U);
     EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+    EXPECT_EQ(result.err.find("\u202e"), result.err.npos);
   }
 }
 
@@ -275,6 +283,13 @@ TEST_F(Report, OnlyARegularFileIsReplaced) {
   const std::string fifo = box.path("fifo");
   const std::string link = box.path("link");
   const std::string output = box.path("output");
+  const std::string trap = box.path("shared/trap");
+  box.write_file("shared/trap", "");
+  // As anybody may leave one in /tmp.
+  ASSERT_EQ(::chmod(box.path("shared").c_str(), 01777), 0);
+  if (::chown(trap.c_str(), 1, 1) == 0) {
+    EXPECT_NE(box.run_report({"-o", trap}).err.find("Permission denied\n"), trap.npos);
+  }
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   const words rows[] = {{"list", "-o"},  {"metrics", "-o"},
                         {"check", "-o"}, {"diff", box.path("snapshot"), "-o"},
