@@ -271,6 +271,15 @@ TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
   EXPECT_TRUE(std::filesystem::is_symlink(box.path("link")));
   EXPECT_EQ(box.read_file("list"), report({"-o", "/dev/stdout"}));
   EXPECT_EQ(std::filesystem::status(box.path("list")).permissions(), mode);
+  box.make_folder("emptied");
+  box.sql("LOCK TABLES extension_fax_center WRITE");
+  constexpr char script[] =
+      "$0 check -o $1/report & while kill -0 $! && [ -z \"$(ls -A $1)\" ]; do sleep 0.1; done;"
+      "kill $!; wait $!; echo $?; ls -A $1";
+  const support::process_result ended =
+      support::run_process({"sh", "-c", script, SPOOLCAP_REPORT_BINARY, box.path("emptied")},
+                           {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});
+  EXPECT_EQ(ended.out, "143\n") << "by the signal, with nothing left behind";
   std::ofstream(box.path("etc/quorvex/sqldbase.conf")) << "DB_MASTER main:/nowhere:1\n";
   const support::process_result unreachable = box.run_report({"-o", box.path("list")});
   EXPECT_EQ(unreachable.status, 2);
