@@ -5,9 +5,7 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "platform/base/text.h"
 #include "platform/base/view.h"
@@ -51,12 +49,12 @@ c_string fr_implode(const text_array &fields, size_t first, size_t last, char se
   });
 }
 
-c_string base64_enc_str(std::string_view data) noexcept {
+std::string base64(std::string_view data) {
   // The encoder counts in int; pieces of whole groups of three bytes join without padding.
   constexpr size_t piece = 3 << 20;
-  c_string encoded(static_cast<char *>(std::malloc((data.size() + 2) / 3 * 4 + 1)));
-  if (!encoded) return nullptr;
-  char *output = encoded.get();
+  // One more, as the encoder ends with a 0.
+  std::string encoded((data.size() + 2) / 3 * 4 + 1, '\0');
+  char *output = encoded.data();
   while (!data.empty()) {
     const std::string_view taken(data.data(), std::min(data.size(), piece));
     output += EVP_EncodeBlock(reinterpret_cast<unsigned char *>(output),
@@ -64,6 +62,10 @@ c_string base64_enc_str(std::string_view data) noexcept {
                               static_cast<int>(taken.size()));
     data.remove_prefix(taken.size());
   }
-  *output = '\0';
+  encoded.pop_back();
   return encoded;
+}
+
+c_string base64_enc_str(std::string_view data) noexcept {
+  return no_throw(c_string(), [=] { return copy_text(base64(data)); });
 }

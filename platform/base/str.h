@@ -3,6 +3,7 @@
 #define PLATFORM_BASE_STR_H
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 #include "platform/base/owner.h"
@@ -23,8 +24,10 @@ text_array fr_explode(const char *text, char separator) noexcept;
 // `last`, one of them is not there, or memory is short.
 c_string fr_implode(const text_array &fields, size_t first, size_t last, char separator) noexcept;
 
-// Standard base64 in one line without a newline, with padding; "" for no bytes. NULL when memory is
-// short.
+// Standard base64 in one line without a newline, with padding; "" for no bytes. Throws
+// std::bad_alloc.
+std::string base64(std::string_view data);
+// The same for C callers; NULL when memory is short.
 c_string base64_enc_str(std::string_view data) noexcept;
 
 #endif

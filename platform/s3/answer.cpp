@@ -123,13 +123,6 @@ void s3_compare_etag(s3_answer &answer, std::string_view expected) {
   }
 }
 
-std::string s3_unquoted(std::string_view text) {
-  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
-    text = text.substr(1, text.size() - 2);
-  }
-  return std::string(text);
-}
-
 void s3_judge(s3_answer &answer, std::string_view document, const s3_circumstances &known) {
   s3_error_document error;
   const bool told = s3_read_error(document, error);

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/s3/client.h"
+#include "platform/s3/types.h"
 
 // What is known beside the status and the document, for the advice.
 struct s3_circumstances {
@@ -25,9 +25,6 @@ void s3_judge(s3_answer &answer, std::string_view document, const s3_circumstanc
 void s3_damage(s3_answer &answer, const char *text);
 // Makes an answer that is done a damaged one when its ETag is not this.
 void s3_compare_etag(s3_answer &answer, std::string_view expected);
-
-// Without the quotes around it.
-std::string s3_unquoted(std::string_view text);
 
 // For people: no control characters, and at most 300 bytes.
 std::string s3_one_line(std::string_view text);

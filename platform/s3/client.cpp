@@ -13,7 +13,7 @@ constexpr const char *no_length = "the answer does not tell the length of the ob
 }  // namespace
 
 s3_client::s3_client(s3_place place, s3_control &control)
-    : connection_(std::make_unique<connection>(std::move(place), control)) {}
+    : connection_(std::make_unique<s3_connection>(std::move(place), control)) {}
 
 s3_client::~s3_client() = default;
 

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "platform/base/str.h"
 #include "platform/s3/answer.h"
 #include "platform/s3/digest.h"
 
@@ -57,7 +58,7 @@ curl_slist *s3_header_lines::list() {
   return nodes_.data();
 }
 
-s3_client::connection::connection(s3_place place, s3_control &control)
+s3_connection::s3_connection(s3_place place, s3_control &control)
     : place_(std::move(place)), control_(control), signer_(place_.credentials, place_.region) {
   // A place that cannot be used leaves both handles empty; `exchange` then says so.
   static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
@@ -69,7 +70,7 @@ s3_client::connection::connection(s3_place place, s3_control &control)
   prepare();
 }
 
-bool s3_client::connection::read_endpoint() {
+bool s3_connection::read_endpoint() {
   const url_owner url(curl_url());
   if (!url || curl_url_set(url.get(), CURLUPART_URL, place_.endpoint.c_str(), 0) != CURLUE_OK) {
     return false;
@@ -94,18 +95,17 @@ bool s3_client::connection::read_endpoint() {
   return true;
 }
 
-s3_header_lines s3_client::connection::signed_headers(const s3_request &request,
-                                                      const std::string &path,
-                                                      const std::string &query) {
+s3_header_lines s3_connection::signed_headers(const s3_request &request, const std::string &path,
+                                              const std::string &query) {
   const std::string timestamp = s3_timestamp(std::time(nullptr));
   s3_unsigned to_sign{request.method, path, query, request.headers, digest_of_nothing()};
   std::string digest;
   if (request.file != nullptr) {
     digest = s3_hex(request.file->sha256);
-    to_sign.headers.emplace_back("content-md5", s3_base64(request.file->md5));
+    to_sign.headers.emplace_back("content-md5", base64(request.file->md5));
   } else if (!request.text.empty()) {
     digest = s3_hex(s3_sha256(request.text));
-    to_sign.headers.emplace_back("content-md5", s3_base64(s3_md5(request.text)));
+    to_sign.headers.emplace_back("content-md5", base64(s3_md5(request.text)));
   }
   if (!digest.empty()) to_sign.payload = digest;
   // The store demands that these are signed. Here each header is, but Expect.
@@ -132,7 +132,7 @@ s3_header_lines s3_client::connection::signed_headers(const s3_request &request,
 }
 
 // What all requests have in common.
-void s3_client::connection::prepare() {
+void s3_connection::prepare() {
   CURL *handle = easy_.get();
   curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);  // "." and ".." may be parts of a key
   curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -153,8 +153,8 @@ void s3_client::connection::prepare() {
   }
 }
 
-void s3_client::connection::set_options(s3_exchange &running, const s3_request &request,
-                                        const std::string &url, curl_slist *headers) {
+void s3_connection::set_options(s3_exchange &running, const s3_request &request,
+                                const std::string &url, curl_slist *headers) {
   CURL *handle = easy_.get();
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
@@ -173,7 +173,7 @@ void s3_client::connection::set_options(s3_exchange &running, const s3_request &
 
 // The multi interface runs a single request here. It returns control every 200 ms, which the plain
 // call does not, so that the stop flag and the limits are looked at.
-CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
+CURLcode s3_connection::run(s3_exchange &running, bool &stopped) {
   CURLM *multi = multi_.get();
   if (curl_multi_add_handle(multi, easy_.get()) != CURLM_OK) return CURLE_FAILED_INIT;
   CURLcode result = CURLE_ABORTED_BY_CALLBACK;
@@ -203,7 +203,7 @@ CURLcode s3_client::connection::run(s3_exchange &running, bool &stopped) {
   return result;
 }
 
-s3_reply s3_client::connection::exchange(const s3_request &request) {
+s3_reply s3_connection::exchange(const s3_request &request) {
   s3_reply reply;
   s3_answer &answer = reply.answer;
   if (!easy_ || !multi_) {
@@ -238,8 +238,7 @@ s3_reply s3_client::connection::exchange(const s3_request &request) {
   return reply;
 }
 
-void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
-                                  s3_answer &answer) const {
+void s3_connection::judge(const s3_exchange &running, CURLcode code, s3_answer &answer) const {
   // Also of an object that broke off: it tells of which one the beginning came.
   if (running.status() / 100 == 2) answer.etag = s3_unquoted(running.header("ETag"));
   if (code != CURLE_OK) return judge_broken(running, code, answer);
@@ -265,7 +264,7 @@ void s3_client::connection::judge(const s3_exchange &running, CURLcode code,
             .store_time = date.empty() ? -1 : curl_getdate(date.c_str(), nullptr)});
 }
 
-void s3_client::connection::read_metadata(std::map<std::string, std::string> &metadata) const {
+void s3_connection::read_metadata(std::map<std::string, std::string> &metadata) const {
   constexpr std::string_view marker = "x-amz-meta-";
   for (curl_header *header = nullptr;
        (header = curl_easy_nextheader(easy_.get(), CURLH_HEADER, -1, header)) != nullptr;) {
@@ -279,8 +278,8 @@ void s3_client::connection::read_metadata(std::map<std::string, std::string> &me
 }
 
 // The transfer ended before its answer did.
-void s3_client::connection::judge_broken(const s3_exchange &running, CURLcode code,
-                                         s3_answer &answer) const {
+void s3_connection::judge_broken(const s3_exchange &running, CURLcode code,
+                                 s3_answer &answer) const {
   answer.error = running.error;
   if (answer.error != 0) {
     answer.outcome = s3_outcome::local_error;

@@ -28,9 +28,9 @@ class s3_header_lines {
 };
 
 // Belongs to the thread of its client. libcurl keeps the socket open between requests.
-class s3_client::connection {
+class s3_connection {
  public:
-  connection(s3_place place, s3_control &control);
+  s3_connection(s3_place place, s3_control &control);
 
   // Runs the request to its end. A request that cannot be signed is `refused` and not sent.
   s3_reply exchange(const s3_request &request);

@@ -2,7 +2,6 @@
 // Reads files by position, so that several threads may share a descriptor.
 #include "platform/s3/digest.h"
 
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,11 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "platform/base/owner.h"
-
 namespace {
-
-using digest_owner = std::unique_ptr<EVP_MD_CTX, call_to_release<EVP_MD_CTX_free>>;
 
 unsigned char *bytes_of(std::string &text) {
   return reinterpret_cast<unsigned char *>(text.data());
@@ -116,15 +111,6 @@ std::string s3_sha256(std::string_view bytes) {
   return digest_of(bytes, sha256());
 }
 
-std::string s3_base64(std::string_view bytes) {
-  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-  const int length =
-      EVP_EncodeBlock(bytes_of(text), reinterpret_cast<const unsigned char *>(bytes.data()),
-                      static_cast<int>(bytes.size()));
-  text.resize(static_cast<size_t>(length));
-  return text;
-}
-
 std::string s3_hex(std::string_view bytes) {
   constexpr char digits[] = "0123456789abcdef";
   std::string text(2 * bytes.size(), '\0');
@@ -152,4 +138,11 @@ std::string s3_unhex(std::string_view text) {
     bytes += static_cast<char>(high * 16 + low);
   }
   return bytes;
+}
+
+std::string s3_unquoted(std::string_view text) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
+    text = text.substr(1, text.size() - 2);
+  }
+  return std::string(text);
 }

@@ -8,7 +8,6 @@
 #include <limits>
 #include <pugixml.hpp>
 
-#include "platform/s3/answer.h"
 #include "platform/s3/digest.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/s3/client.h"
+#include "platform/s3/types.h"
 
 struct s3_error_document {
   std::string code, message, region, endpoint;

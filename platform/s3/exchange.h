@@ -11,9 +11,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/s3/client.h"
 #include "platform/s3/digest.h"
 #include "platform/s3/signature.h"
+#include "platform/s3/types.h"
 
 // What is to be asked. Borrows the file; all else is its own.
 struct s3_request {

@@ -1,8 +1,10 @@
 // Objects of a store, many at a time.
+// Lists objects and uploads page by page, and removes up to 1,000 keys with one request.
 #include <algorithm>
 
 #include "platform/base/utf8.h"
 #include "platform/s3/answer.h"
+#include "platform/s3/client.h"
 #include "platform/s3/connection.h"
 #include "platform/s3/documents.h"
 

@@ -1,6 +1,7 @@
 // Objects that are sent in parts.
 // Nothing is kept here: the id of an upload is the caller's to remember.
 #include "platform/s3/answer.h"
+#include "platform/s3/client.h"
 #include "platform/s3/connection.h"
 #include "platform/s3/digest.h"
 #include "platform/s3/documents.h"

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/s3/client.h"
+#include "platform/s3/types.h"
 
 using s3_pairs = std::vector<std::pair<std::string, std::string>>;
 
