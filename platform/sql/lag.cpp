@@ -1,4 +1,5 @@
 // Asks replicas how far they are behind, and passes over those that are too far.
+// Asks outside of the lock of the shard, which only guards what was found out.
 #include "platform/sql/lag.h"
 
 #include <mysqld_error.h>

@@ -1,12 +1,11 @@
 // Keeps connections for reuse, and chooses between master and replicas.
 // Called from any thread; each shard has a lock, and none is held while connecting.
-#include "platform/sql/pool.h"
+#include "platform/sql/lease.h"
 
 #include <algorithm>
 #include <optional>
 #include <utility>
 
-#include "platform/base/process.h"
 #include "platform/sql/lag.h"
 
 namespace {
@@ -108,16 +107,6 @@ bool connect(fr_sql_shard &shard, sql_server &server, mysql_handle &handle) {
 
 }  // namespace
 
-void keep_to_own_connections(fr_sql_shard &shard) {
-  const long process = process_generation();
-  if (shard.process == process) return;
-  for (sql_server &server : shard.servers) {
-    for (idle_connection &inherited : server.idle) abandon(std::move(inherited.handle));
-    server.idle.clear();
-  }
-  shard.process = process;
-}
-
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose) {
   // The loop ends: each round uses up a kept connection or adds to the servers tried. Nothing is
   // opened under the lock, so one slow server does not stop other threads.
@@ -155,9 +144,4 @@ void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept {
     if (in_transaction || shard.retired) return;
     lease.server->idle.push_back({std::move(lease.handle), sql_clock::now()});
   });
-}
-
-sql_pool &the_sql_pool() noexcept {
-  static constinit never_destroyed<sql_pool> pool;
-  return pool.value;
 }

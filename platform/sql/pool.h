@@ -55,25 +55,9 @@ struct fr_sql_shard {
   bool retired = false;  // the pool has let go of this shard: nothing is kept any more
 };
 
-// A connection out of a shard. Without a server it is none, or was lost, and the handle, when there
-// is one, has the reason.
-struct sql_lease {
-  mysql_handle handle;
-  sql_server *server = nullptr;
-};
-
-// Only a SELECT is a read. What must see the newest data asks for a write, and gets the master.
-enum class sql_purpose { read, write };
-
-// Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
-sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
-
 // Drops what a child of fork inherited: two processes that share a connection read each other's
 // answers. The caller holds the shard's lock.
 void keep_to_own_connections(fr_sql_shard &shard);
-
-// Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
-void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept;
 
 // Settings are read on every use, without the lock. Shards are shared with their sessions.
 struct sql_pool {

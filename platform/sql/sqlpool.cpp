@@ -1,5 +1,5 @@
 // The C face of the pool: its settings, sessions, and statements on them.
-// What every module's statements go through; choosing a server is for pool.cpp.
+// What every module's statements go through; choosing a server is for lease.cpp.
 #include "platform/sql/sqlpool.h"
 
 #include <errmsg.h>
@@ -11,7 +11,7 @@
 
 #include "platform/base/text.h"
 #include "platform/sql/lag.h"
-#include "platform/sql/pool.h"
+#include "platform/sql/lease.h"
 #include "platform/sql/statement.h"
 
 struct fr_sql_conn {
