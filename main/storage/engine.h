@@ -7,7 +7,10 @@
 #include <string>
 
 #include <spoolcap/zarn_storage.h>
-#include "main/storage/config.h"
+#include "platform/base/diagnostics.h"
+
+struct storage_config;
+struct storage_snapshot;
 
 // A file that was stored: where it is, and the name that it goes by in its engine.
 struct stored_file {

@@ -8,6 +8,13 @@
 
 #include "main/account/media.h"
 
+// The part of the platform that all files belong to: a folder of the transfer-out directory and of
+// the cache, and the end of the queues' names.
+inline constexpr char storage_shard[] = "main";
+
+// The word of the engine S3, which the names of its queues have, too.
+inline constexpr char s3_word[] = "s3";
+
 // "<first id>/<second id>", and below it "<file id>.<extension>", which keeps its dot when there is
 // no extension.
 inline std::string owner_path(int first_id, int second_id) {

@@ -1,7 +1,5 @@
 // Engine POSIX: files in local folders, one folder for each kind of media.
 // Moves files within the base directory; asks neither service nor queue.
-#include "main/storage/posix.h"
-
 #include <strings.h>
 
 #include <cerrno>

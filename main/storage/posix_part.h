@@ -1,7 +1,7 @@
 // What a session under engine POSIX knows: files lie in local folders, one for each kind of media.
 // Internal to main/storage/.
-#ifndef MAIN_STORAGE_POSIX_H
-#define MAIN_STORAGE_POSIX_H
+#ifndef MAIN_STORAGE_POSIX_PART_H
+#define MAIN_STORAGE_POSIX_PART_H
 
 #include <string>
 

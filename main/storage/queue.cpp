@@ -6,9 +6,7 @@
 
 #include <spoolcap/zarn_str.h>
 #include "main/cache/client.h"
-#include "main/storage/engine.h"
 #include "main/storage/names.h"
-#include "main/storage/session.h"
 #include "platform/base/text.h"
 
 namespace {
@@ -18,7 +16,7 @@ constexpr char upload_queue[] = "storage:upqueue:%s:%s";
 constexpr char delete_queue[] = "storage:delqueue:%s:%s";
 
 int add_to_queue(const call_site &site, const char *queue, const char *member) {
-  const c_string key = format_text(queue, s3_engine.word, storage_shard);
+  const c_string key = format_text(queue, s3_word, storage_shard);
   if (!key) return ENOMEM;
   const bool is_queued =
       static_cast<bool>(cache_zaddval(site, key.get(), member, qx_get_tstamp(), QX_CACHE_NULL));

@@ -1,7 +1,5 @@
 // Engine S3: files in an object store, by way of the transfer service, the local cache and the
 // queues.
-#include "main/storage/s3.h"
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,7 +70,7 @@ bool start_download(qx_storage_session &session, const char *name, const char *e
   const qx_storage_api_t &service = *session.made_with.service;
   // The download may end before the next line, on another thread, and drop this reference.
   session.reference();
-  void *request = service.download(service.context, name, storage_shard, s3_engine.word, extra,
+  void *request = service.download(service.context, name, storage_shard, s3_word, extra,
                                    session.temporary.path().c_str(), finish_download, &session);
   // Refused at once: the session is finished, and `done` will not be called.
   if (request == nullptr) {
@@ -175,7 +173,7 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
 
 }  // namespace
 
-const storage_engine s3_engine = {.word = "s3",
+const storage_engine s3_engine = {.word = s3_word,
                                   .needs_location = true,
                                   .is_name_in_row = true,
                                   .initialize = initialize,

@@ -1,7 +1,7 @@
 // What a session under engine S3 knows: files go to an object store and come from there by way of
 // the transfer service, the local cache and the queues. Internal to main/storage/.
-#ifndef MAIN_STORAGE_S3_H
-#define MAIN_STORAGE_S3_H
+#ifndef MAIN_STORAGE_S3_PART_H
+#define MAIN_STORAGE_S3_PART_H
 
 #include <mutex>
 #include <string>

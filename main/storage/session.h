@@ -10,12 +10,8 @@
 
 #include "main/storage/config.h"
 #include "main/storage/files.h"
-#include "main/storage/posix.h"
-#include "main/storage/s3.h"
-
-// The part of the platform that all files belong to: a folder of the transfer-out directory and of
-// the cache, and the end of the queues' names.
-inline constexpr char storage_shard[] = "main";
+#include "main/storage/posix_part.h"
+#include "main/storage/s3_part.h"
 
 struct qx_storage_session {
   enum class purpose { storing, fetching };

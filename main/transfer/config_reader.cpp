@@ -1,15 +1,13 @@
 // Reads transfer.conf.
 // Read by hosts and by the service; nothing is changed, and nothing is kept.
-#include "main/transfer/config.h"
-
 #include <sys/un.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include <spoolcap/zarn_str.h>
 #include "common/paths.h"
 #include "main/storage/names.h"
+#include "main/transfer/config.h"
 #include "main/transfer/values.h"
 #include "platform/base/line_reader.h"
 #include "platform/base/owner.h"
@@ -177,23 +175,6 @@ class config_reader {
 
 }  // namespace
 
-const transfer_location *transfer_config::find(std::string_view name) const {
-  const auto found = std::find_if(locations.begin(), locations.end(),
-                                  [name](const auto &location) { return location.name == name; });
-  return found == locations.end() ? nullptr : &*found;
-}
-
-const std::string &transfer_config::location_of(int first_id) const {
-  const auto owner = owner_locations.find(first_id);
-  return owner == owner_locations.end() ? default_location : owner->second;
-}
-
 transfer_reading read_transfer_config() {
   return config_reader(qx_path(QX_PATH_TRANSFER_CONF)).read();
-}
-
-location_parts parts_of_location(std::string_view text) {
-  const std::size_t at = text.find('@');
-  if (at == std::string_view::npos) return {text, {}};
-  return {text.substr(0, at), text.substr(at + 1)};
 }
