@@ -9,17 +9,9 @@
 #include <stdint.h>
 
 #include <spoolcap/declarations.h>
+#include <spoolcap/kinds.h>
 
 SPOOLCAP_BEGIN_DECLARATIONS
-
-enum quota_kind {
-  QUOTA_FAX,
-  QUOTA_SOUND,
-  QUOTA_RECORDING,
-  QUOTA_VOICEMAIL,
-  QUOTA_MUSIC,
-  QUOTA_ALL_KINDS
-};
 
 /* Recomputes the quota files of an account and of its whole subtree from the real data, children
  * first. Files that are clean and were updated fewer than 1000 times since their last refresh are

@@ -21,12 +21,9 @@
 #define SPOOLCAP_ZARN_STORAGE_H
 
 #include <spoolcap/declarations.h>
+#include <spoolcap/kinds.h>
 
 SPOOLCAP_BEGIN_DECLARATIONS
-
-/* Resource types. Any other value is "misc": it has an object key, but no local folder and no
- * table. */
-enum { QX_STORAGE_RECORDING = 1, QX_STORAGE_VOICEMAIL = 2, QX_STORAGE_FAX = 3 };
 
 /* Statuses of a session. */
 enum { QX_STORAGE_PENDING = 1, QX_STORAGE_READY = 3, QX_STORAGE_FAILED = 4 };

@@ -2,8 +2,7 @@
 #ifndef MAIN_ACCOUNT_MEDIA_H
 #define MAIN_ACCOUNT_MEDIA_H
 
-#include <spoolcap/quota.h>
-#include <spoolcap/zarn_storage.h>
+#include <spoolcap/kinds.h>
 
 // The rows of stored files. Null texts for a kind that lies on disk only.
 struct media_rows {

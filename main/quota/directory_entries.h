@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "main/quota/measure.h"
+#include "main/quota/disk_usage.h"
 
 // After a call that failed: errno tells whether something was missed.
 void note_failed_call(disk_usage &found);

@@ -21,10 +21,6 @@
 
 #include "platform/base/owner.h"
 
-// Owner and group "asterisk" read and write; nobody else looks in.
-inline constexpr mode_t quota_file_mode = 0660;
-inline constexpr mode_t quota_directory_mode = 0770;
-
 // The process umask of 007 for the length of a scope; scopes of several threads may overlap.
 // The umask is the process's, so files that other threads make meanwhile get it too.
 class quota_umask {

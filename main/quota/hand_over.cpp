@@ -6,8 +6,8 @@
 
 #include <string_view>
 
-#include "main/quota/folder.h"
 #include "main/quota/settings.h"
+#include "platform/base/owner.h"
 
 namespace {
 

@@ -9,6 +9,10 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+// Owner and group "asterisk" read and write; nobody else looks in.
+inline constexpr mode_t quota_file_mode = 0660;
+inline constexpr mode_t quota_directory_mode = 0770;
+
 // Only root can give files away, and only root is worth tricking.
 bool running_as_root();
 

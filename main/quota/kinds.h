@@ -2,7 +2,7 @@
 #ifndef MAIN_QUOTA_KINDS_H
 #define MAIN_QUOTA_KINDS_H
 
-#include <spoolcap/quota.h>
+#include <spoolcap/kinds.h>
 #include "main/account/levels.h"
 #include "main/account/media.h"
 

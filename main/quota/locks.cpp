@@ -1,4 +1,5 @@
 // Finds out whether locks on quota files can be relied on.
+// Looks at the options of the mount that the quota root lies on, and only warns.
 #include "main/quota/locks.h"
 
 #include <fcntl.h>

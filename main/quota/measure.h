@@ -12,15 +12,7 @@
 
 #include <cstdint>
 
-// What a walk found. All false or 0 when there was nothing to walk.
-struct disk_usage {
-  uint64_t bytes = 0;      // unsigned: the sum of sparse files may pass any limit
-  bool is_opened = false;  // whether there is a directory that can be opened
-  // False when something is there that could not be read (a bad disk, no descriptors left), or
-  // that the bound on links left out. What is missing, or closed to this process, counts as
-  // nothing.
-  bool is_all = true;
-};
+#include "main/quota/disk_usage.h"
 
 // Measures one directory, and with `recurse` all below it. Throws when memory is short.
 disk_usage measure_directory(const char *path, bool recurse);

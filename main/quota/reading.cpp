@@ -1,5 +1,6 @@
 // Reads stored values; never locks, creates or repairs anything.
 // The public readers of quota files, for hosts and for the commands.
+#include <spoolcap/quota.h>
 #include "main/quota/kinds.h"
 #include "main/quota/place.h"
 #include "main/quota/record.h"

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 
+#include <spoolcap/quota.h>
 #include <spoolcap/zarn_str.h>
 #include "main/quota/kinds.h"
 #include "main/quota/marks.h"

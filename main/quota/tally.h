@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include <spoolcap/quota.h>
+#include <spoolcap/kinds.h>
 
 // Counted by the walk, read by the command at its end. Hosts of the library may ignore it.
 struct refresh_tally {

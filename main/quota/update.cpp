@@ -5,6 +5,7 @@
 #include <limits>
 #include <string>
 
+#include <spoolcap/quota.h>
 #include <spoolcap/zarn_str.h>
 #include "main/quota/kinds.h"
 #include "main/quota/marks.h"

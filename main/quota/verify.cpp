@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <spoolcap/quota.h>
 #include <spoolcap/zarn_user.h>
 #include "main/quota/kinds.h"
 #include "main/quota/limit.h"

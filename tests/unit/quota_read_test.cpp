@@ -1,4 +1,5 @@
 // Reading stored values, and finding an account's place in the tree.
+#include <spoolcap/quota.h>
 #include "main/quota/kinds.h"
 #include "main/quota/place.h"
 #include "main/sql/query.h"

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include <spoolcap/quota.h>
 #include "main/quota/kinds.h"
 #include "tests/support/platform_test.h"
 

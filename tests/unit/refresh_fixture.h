@@ -2,6 +2,7 @@
 #ifndef TESTS_UNIT_REFRESH_FIXTURE_H
 #define TESTS_UNIT_REFRESH_FIXTURE_H
 
+#include <spoolcap/quota.h>
 #include "main/quota/kinds.h"
 #include "tests/support/platform_test.h"
 
