@@ -1,4 +1,5 @@
-// Asks the server which indexes its tables have.
+// Asks the server which indexes its tables have, and names those that are missing.
+// Reads only the catalogue of the database; no index is made.
 #include <fmt/format.h>
 #include <strings.h>
 

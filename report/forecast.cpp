@@ -1,4 +1,5 @@
 // Fits a line to the figures of each account and kind, in seconds since the first state and bytes.
+// In memory only; a figure that is not to be trusted takes no part.
 #include "report/forecast.h"
 
 #include <algorithm>
