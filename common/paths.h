@@ -37,4 +37,10 @@ const char *qx_path(enum qx_path_id id);
 
 SPOOLCAP_END_DECLARATIONS
 
+/* What a configuration file says, or the fixed path for NULL and an empty text, which would be the
+ * root of the file system. Borrowed like both. */
+inline const char *qx_path_or(const char *text, qx_path_id otherwise) {
+  return text == nullptr || *text == '\0' ? qx_path(otherwise) : text;
+}
+
 #endif

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "main/quota/settings.h"
+#include "platform/base/number.h"
 #include "platform/base/utf8.h"
 #include "report/checks.h"
 #include "report/options.h"
@@ -35,7 +36,7 @@ class folder_check {
   void look_into(const fs::path &folder, const report_account *above) {
     for_each_entry(folder, [&](const fs::path &path) {
       const std::string name = path.filename().string();
-      const std::optional<std::uint64_t> id = whole_number(name);
+      const auto id = whole_number<std::uint64_t>(name);
       if (id && is_folder(path)) {
         look_at_account(path, *id, above);
       } else if (above != nullptr) {

@@ -9,6 +9,7 @@
 #include <span>
 
 #include <spoolcap/sqlsession.h>
+#include "common/popt_context.h"
 #include "platform/base/owner.h"
 #include "platform/base/utf8.h"
 #include "report/command.h"
@@ -16,8 +17,6 @@
 #include "report/table.h"
 
 namespace {
-
-using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
 // In the order of the help.
 const report_command *const commands[] = {&list_command,  &metrics_command,  &page_command,

@@ -3,11 +3,11 @@
 #include "report/options.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <functional>
 #include <limits>
 
+#include "platform/base/number.h"
 #include "report/command.h"
 
 namespace {
@@ -19,15 +19,6 @@ constexpr struct {
 
 [[noreturn]] void refuse(const char *name, std::string_view text) {
   throw report_trouble(std::string(name) + ": not understood: " + std::string(text));
-}
-
-template <class Number>
-std::optional<Number> number_in(std::string_view text) {
-  Number number = 0;
-  const auto end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(text.data(), end, number);
-  // The whole text must be the number; from_chars takes no sign "+" and no blanks.
-  return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
 
 // Hands each word of a list to `take`, which tells whether it knows it.
@@ -61,14 +52,14 @@ std::optional<size_t> typed_top(std::int64_t least) {
 std::optional<std::int64_t> number_option(const char *name, const char *text, std::int64_t least,
                                           std::int64_t most) {
   if (text == nullptr) return std::nullopt;
-  const auto number = number_in<std::int64_t>(text);
+  const auto number = whole_number<std::int64_t>(text);
   if (!number || *number < least || *number > most) refuse(name, text);
   return number;
 }
 
 std::optional<double> decimal_option(const char *name, const char *text) {
   if (text == nullptr) return std::nullopt;
-  const auto number = number_in<double>(text);
+  const auto number = whole_number<double>(text);
   if (!number || !std::isfinite(*number) || *number < 0) refuse(name, text);
   return number;
 }
@@ -109,10 +100,6 @@ std::vector<int> typed_levels() {
 
 void take_no_words(const std::vector<std::string> &words) {
   if (!words.empty()) throw report_trouble("Not understood: " + words[0]);
-}
-
-std::optional<std::uint64_t> whole_number(std::string_view text) {
-  return number_in<std::uint64_t>(text);
 }
 
 std::string name_of_level(int level) {

@@ -78,9 +78,6 @@ size_t choice_option(const char *name, const char *text, std::initializer_list<c
 // Throws when there are more words than a command takes.
 void take_no_words(const std::vector<std::string> &words);
 
-// The number that the whole text is, in decimal.
-std::optional<std::uint64_t> whole_number(std::string_view text);
-
 // A level by its name; its number for one without a name.
 std::string name_of_level(int level);
 

@@ -9,12 +9,11 @@
 #include <cstring>
 #include <memory>
 
+#include "common/popt_context.h"
 #include "platform/base/owner.h"
 #include "tool/settings.h"
 
 namespace {
-
-using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
 constexpr int help_option = 'H';
 

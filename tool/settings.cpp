@@ -8,20 +8,15 @@
 #include <spoolcap/utils.h>
 #include "common/paths.h"
 #include "platform/base/parseconfig.h"
-#include "platform/base/view.h"
 
 // Written by one thread at the start; nothing has to guard it.
 run_settings run = {};
 
 namespace {
 
-// An empty text stands for the default.
-const char *text_or(const std::string &text, qx_path_id fallback) {
-  return is_empty(text.c_str()) ? qx_path(fallback) : text.c_str();
-}
-
-void take_value(safestr_owner &setting, safestr_t value, qx_path_id fallback) {
-  setting.reset(value != nullptr ? value : safestr_dup(qx_path(fallback)));
+void take_value(safestr_owner &setting, safestr_t found, qx_path_id fallback) {
+  const safestr_owner value(found);
+  setting.reset(safestr_dup(qx_path_or(value.get(), fallback)));
 }
 
 }  // namespace
@@ -34,12 +29,12 @@ int get_config() {
       {"ASTERISK_CONF_FILE", &conf_file},
   }};
   parseconfig(qx_path(QX_PATH_PATHS_CONF), directives.data(), directives.size());
-  run.quota_dir.reset(safestr_dup(text_or(quota_dir, QX_PATH_QUOTA_ROOT)));
+  run.quota_dir.reset(safestr_dup(qx_path_or(quota_dir.c_str(), QX_PATH_QUOTA_ROOT)));
 
   constexpr std::array<const char *, 3> keys = {"astspooldir", "astlibdir", nullptr};
   std::array<safestr_t, 2> values = {};
-  get_astconf_section_values(text_or(conf_file, QX_PATH_ASTERISK_CONF), "directories", keys.data(),
-                             values.data());
+  get_astconf_section_values(qx_path_or(conf_file.c_str(), QX_PATH_ASTERISK_CONF), "directories",
+                             keys.data(), values.data());
   take_value(run.ast_spool_dir, values[0], QX_PATH_AST_SPOOL);
   take_value(run.ast_lib_dir, values[1], QX_PATH_AST_LIB);
   return 0;

@@ -2,14 +2,9 @@
 // On the main thread; writes one file, which is always whole.
 #include "transfer/metrics.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
-#include <cerrno>
 #include <cstdio>
 
-#include <spoolcap/utils.h>
-#include "platform/base/owner.h"
+#include "common/replace_file.h"
 #include "transfer/counters.h"
 
 namespace {
@@ -96,11 +91,6 @@ void put_cache(std::string &text, const keeper_report &cache) {
         cache.last_look);
 }
 
-bool write_whole(int fd, const std::string &text) {
-  const int length = static_cast<int>(text.size());
-  return write_safe(fd, text.data(), length) == length;
-}
-
 }  // namespace
 
 std::string metrics_text(const service_report &report) {
@@ -125,17 +115,7 @@ std::string metrics_text(const service_report &report) {
 }
 
 int write_metrics(const std::string &path, const std::string &text) {
-  // The collector passes over names that do not end in ".prom".
-  const std::string beside = path + ".new";
-  const unique_fd file(
-      ::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
-  if (!file) return errno;
-  // The umask of the service keeps others out; the collector is another user.
-  ::fchmod(file.get(), 0644);
-  if (!write_whole(file.get(), text) || std::rename(beside.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    ::unlink(beside.c_str());
-    return error;
-  }
-  return 0;
+  // The umask of the service keeps others out; the collector is another user. It passes over names
+  // that do not end in ".prom", like that of the file while it is written.
+  return replace_file(path, text, 0644);
 }

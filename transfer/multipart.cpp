@@ -2,13 +2,12 @@
 // On a worker's thread with up to three helpers; keeps a record beside the file.
 #include "transfer/multipart.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <thread>
 
+#include "common/replace_file.h"
 #include "platform/base/line_reader.h"
 #include "platform/base/view.h"
 
@@ -45,13 +44,7 @@ upload_record read_record(const std::string &path) {
 
 // Whole or not at all; without it a broken upload is begun anew.
 void write_record(const std::string &path, const std::string &id, const std::string &about) {
-  const std::string beside = path + ".new";
-  const unique_fd file(::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0660));
-  if (!file) return;
-  const std::string text = id + "\n" + about;
-  const bool whole =
-      ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  if (!whole || std::rename(beside.c_str(), path.c_str()) != 0) ::unlink(beside.c_str());
+  static_cast<void>(replace_file(path, id + "\n" + about, 0660));
 }
 
 s3_answer local_failure(const std::atomic<bool> &stop) {

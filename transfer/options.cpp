@@ -4,16 +4,13 @@
 
 #include <popt.h>
 
-#include <charconv>
-#include <cstring>
-#include <memory>
 #include <string>
 
+#include "common/popt_context.h"
+#include "platform/base/number.h"
 #include "platform/base/owner.h"
 
 namespace {
-
-using popt_context = std::unique_ptr<poptContext_s, call_to_release<poptFreeContext>>;
 
 constexpr char usage[] =
     "Usage: spoolcap-transfer [OPTION]\n"
@@ -34,15 +31,6 @@ constexpr char usage[] =
 std::optional<transfer_options> refuse(const std::string &why) {
   std::fprintf(stderr, "spoolcap-transfer: %s\nTry `spoolcap-transfer --help`.\n", why.c_str());
   return std::nullopt;
-}
-
-std::optional<int> whole_seconds(const char *text) {
-  // The whole text must be the number.
-  int seconds = 0;
-  const char *const end = text + std::strlen(text);
-  const auto [stop, error] = std::from_chars(text, end, seconds);
-  if (error != std::errc() || stop != end || seconds < 0) return std::nullopt;
-  return seconds;
 }
 
 // The values that poptGetNextOpt gives for each option.
@@ -95,8 +83,9 @@ std::optional<transfer_options> parse_options(int argc, const char **argv) {
     // Only --drain takes one; popt hands it over to be freed.
     const c_string argument(poptGetOptArg(context.get()));
     if (!argument) continue;
-    found.seconds = whole_seconds(argument.get());
-    if (!found.seconds) return refuse(std::string("not a number of seconds: ") + argument.get());
+    found.seconds = whole_number<int>(argument.get());
+    if (found.seconds.value_or(-1) < 0)
+      return refuse(std::string("not a number of seconds: ") + argument.get());
   }
   // -1 is the end of the options, all below it errors.
   if (option != -1) {

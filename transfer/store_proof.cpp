@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstring>
 
+#include "platform/base/number.h"
 #include "platform/s3/digest.h"
 #include "transfer/queue.h"
 
@@ -97,11 +98,7 @@ std::optional<int> first_id_of(std::string_view key) {
   const std::size_t second = key.find('/', first + 1);
   if (second == std::string_view::npos) return std::nullopt;
   if (key.find('/', second + 1) != std::string_view::npos) return std::nullopt;
-  int id = 0;
-  const char *const end = key.data() + first;
-  const auto [stop, error] = std::from_chars(key.data() + kind + 1, end, id);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return id;
+  return whole_number<int>(key.substr(kind + 1, first - kind - 1));
 }
 
 store_answer ask_store(transfer_locations &locations, const transfer_config &config,

@@ -16,7 +16,6 @@
 #include "platform/base/ids.h"
 #include "platform/base/owner.h"
 #include "platform/base/parseconfig.h"
-#include "platform/base/view.h"
 
 namespace {
 
@@ -31,10 +30,9 @@ struct process_settings {
 
 constinit never_destroyed<process_settings> kept;
 
-// An empty value counts as none: an empty path would be the root of the file system.
 std::string value_or_default(safestr_t found, qx_path_id fallback) {
   const safestr_owner value(found);
-  return is_empty(value.get()) ? qx_path(fallback) : value.get();
+  return qx_path_or(value.get(), fallback);
 }
 
 // A file that is not there means defaults. One that cannot be read does not: with the wrong root
@@ -48,7 +46,7 @@ std::optional<quota_settings> read_settings() {
   const parseconfig_entry directives[] = {{"QUORVEX_QUOTA_D", &root}};
   const bool know_root = is_read_or_absent(parseconfig(qx_path(QX_PATH_PATHS_CONF), directives, 1));
   quota_settings found;
-  found.quota_root = is_empty(root.c_str()) ? qx_path(QX_PATH_QUOTA_ROOT) : root.c_str();
+  found.quota_root = qx_path_or(root.c_str(), QX_PATH_QUOTA_ROOT);
   if (!know_root) return std::nullopt;
 
   const char *const keys[] = {"astspooldir", "astvarlibdir", nullptr};

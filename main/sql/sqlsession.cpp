@@ -4,13 +4,13 @@
 
 #include <sys/stat.h>
 
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 
 #include "common/paths.h"
 #include "main/conf/conf_line.h"
 #include "platform/base/diagnostics.h"
+#include "platform/base/number.h"
 #include "platform/base/owner.h"
 #include "platform/base/str.h"
 #include "platform/sql/sqlpool.h"
@@ -63,13 +63,8 @@ bool set_down_time(const char *value) noexcept {
 }
 
 bool set_largest_lag(const char *value) noexcept {
-  const char *const end = value + std::strlen(value);
-  int seconds = -1;
-  const bool is_number = no_throw(false, [&] {
-    const auto [stopped, error] = std::from_chars(value, end, seconds);
-    return error == std::errc() && stopped == end;
-  });
-  if (is_number && seconds >= 0) {
+  const int seconds = whole_number<int>(value).value_or(-1);
+  if (seconds >= 0) {
     fr_sqlpool_largest_lag_set(seconds);
   } else {
     QX_LOG(FR_LOG_ERROR, "Invalid SLAVE_MAX_LAG [%s]: a number of seconds is expected.\n\n", value);

@@ -22,7 +22,7 @@ int columns_of(const std::string &line) {
 }
 
 // Length of the first character by its lead byte, at most what is left of the text.
-size_t first_character(std::string_view text) {
+size_t length_of_first_character(std::string_view text) {
   const auto told = zarn_utf8_get_char_length(static_cast<unsigned char>(text.front()));
   return std::min(static_cast<size_t>(told), text.size());
 }
@@ -31,7 +31,7 @@ size_t first_character(std::string_view text) {
 size_t fitting(std::string_view text, size_t budget) {
   size_t taken = 0;
   while (taken < text.size()) {
-    const size_t next = first_character(text.substr(taken));
+    const size_t next = length_of_first_character(text.substr(taken));
     if (next > budget - taken) break;
     taken += next;
   }
@@ -47,7 +47,7 @@ void append_word(std::string &line, bool continuation, const char *charset,
   // Base64 makes four columns out of three bytes, so whole groups are counted.
   const int groups = (word_columns - columns_of(line)) / 4;
   size_t taken = groups > 0 ? fitting(text, static_cast<size_t>(groups) * 3) : 0;
-  if (taken == 0 && continuation) taken = first_character(text);
+  if (taken == 0 && continuation) taken = length_of_first_character(text);
   const c_string encoded(base64_enc_str(text.substr(0, taken)));
   if (!encoded) throw std::bad_alloc();
   line.append(encoded.get()).append("?=\n");

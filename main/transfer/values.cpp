@@ -3,10 +3,10 @@
 #include "main/transfer/values.h"
 
 #include <algorithm>
-#include <charconv>
 #include <regex>
 
 #include "main/storage/names.h"
+#include "platform/base/number.h"
 #include "platform/base/view.h"
 
 namespace {
@@ -68,9 +68,10 @@ std::string read_prefix(std::string_view text, std::string &prefix) {
 
 bool read_number(std::string_view text, std::int64_t least, std::int64_t most,
                  std::int64_t &number) {
-  const char *const end = text.data() + text.size();
-  const auto [stopped, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stopped == end && number >= least && number <= most;
+  const auto found = whole_number<std::int64_t>(text);
+  if (!found || *found < least || *found > most) return false;
+  number = *found;
+  return true;
 }
 
 std::vector<std::string_view> fields_of(std::string_view value) {
