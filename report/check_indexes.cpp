@@ -8,6 +8,7 @@
 #include <map>
 #include <vector>
 
+#include "main/account/media.h"
 #include "report/checks.h"
 #include "report/statement.h"
 
@@ -17,23 +18,25 @@ using columns = std::vector<std::string>;
 
 // An index serves when it begins with the columns; where a statement asks for equality in all of
 // them, in any order.
-struct {
+struct needed_index {
   const char *table;
   columns wanted;
   bool in_any_order = false;
-} const needed[] = {
-    {"client", {"id"}},
-    {"client", {"parent_client_id"}},
-    {"client", {"level"}},
-    {"client_prefs", {"client_id", "param"}, true},
-    {"hs_account", {"userID"}},
-    {"hs_account", {"username"}},
-    {"extension", {"id"}},
-    {"extension", {"client_id"}},
-    {"extension_fax_center", {"extension_id", "filesize"}},
-    {"extension_recording", {"extension_id", "filesize"}},
-    {"extension_voicemail", {"extension_id", "filesize"}},
 };
+
+std::vector<needed_index> needed_indexes() {
+  std::vector<needed_index> needed = {
+      {"client", {"id"}},         {"client", {"parent_client_id"}},
+      {"client", {"level"}},      {"client_prefs", {"client_id", "param"}, true},
+      {"hs_account", {"userID"}}, {"hs_account", {"username"}},
+      {"extension", {"id"}},      {"extension", {"client_id"}},
+  };
+  for (const media_kind &kind : media_kinds) {
+    if (kind.rows.table != nullptr)
+      needed.push_back({kind.rows.table, {"extension_id", "filesize"}});
+  }
+  return needed;
+}
 
 // The columns of each index in their order, by table and index.
 using indexes = std::map<std::pair<std::string, std::string>, columns>;
@@ -82,7 +85,7 @@ bool is_served(const indexes &found, const std::string &table, const columns &wa
 
 void check_indexes(findings_writer &out) {
   const indexes found = indexes_of_database();
-  for (const auto &[table, wanted, in_any_order] : needed) {
+  for (const auto &[table, wanted, in_any_order] : needed_indexes()) {
     if (is_served(found, table, wanted, in_any_order)) continue;
     const std::string place = fmt::format("{} ({})", table, fmt::join(wanted, ", "));
     out.add({.name = "index_missing",

@@ -4,13 +4,16 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "main/storage/config.h"
+#include "main/storage/engine.h"
+#include "main/storage/names.h"
+#include "platform/base/number.h"
 #include "platform/base/utf8.h"
 #include "report/checks.h"
 #include "report/command.h"
-#include "report/options.h"
 #include "report/statement.h"
 
 namespace {
@@ -27,7 +30,7 @@ using visit_entry = std::function<void(file_id id, const fs::directory_entry &en
 void for_each_numbered(const fs::path &folder, const visit_entry &visit) {
   for_each_entry(folder, [&](const fs::directory_entry &entry) {
     const std::string name = entry.path().filename().string();
-    if (const auto id = whole_number(std::string_view(name).substr(0, name.find('.')))) {
+    if (const auto id = whole_number<file_id>(std::string_view(name).substr(0, name.find('.')))) {
       visit(*id, entry);
     }
   });
@@ -66,14 +69,18 @@ bool is_kept(const fs::directory_entry &entry, int cache_expire) {
   return error || fs::file_time_type::clock::now() - last_use <= std::chrono::hours(cache_expire);
 }
 
+// Whether the file of a row lies in a local folder. A row without an engine waits for its file.
+bool is_local(const std::optional<std::string_view> &engine) {
+  return engine && engine_of(std::string(*engine).c_str()) == &posix_engine;
+}
+
 // One kind of media: its rows, and where its files are.
 class kind_check {
  public:
   kind_check(unsigned kind, const storage_config &config, findings_writer &out)
       : kind_(kind),
-        local_(kind == QUOTA_RECORDING ? fs::path(config.monitor_dir)
-                                       : fs::path(config.base_dir) / media_kinds[kind].folder),
-        cache_(fs::path(config.cache) / "main" / media_kinds[kind].key_word),
+        local_(folder_of_type(config, media_kinds[kind].storage_type)),
+        cache_(fs::path(config.cache) / storage_shard / media_kinds[kind].key_word),
         cache_expire_(config.cache_expire),
         out_(out) {}
 
@@ -82,9 +89,9 @@ class kind_check {
     const file_ids local = ids_below(local_);
     const file_ids cached = ids_below(cache_);
     file_ids rows;
-    for_each_row([&](file_id id, bool is_local) {
+    for_each_row([&](file_id id, bool lies_here) {
       rows.push_back(id);
-      if (is_local && !has(local, id)) rows_without_files_.push_back(id);
+      if (lies_here && !has(local, id)) rows_without_files_.push_back(id);
     });
     std::sort(rows.begin(), rows.end());
     tell_files(local, rows, local_, [](const fs::directory_entry &) { return false; });
@@ -96,11 +103,11 @@ class kind_check {
  private:
   void for_each_row(const std::function<void(file_id id, bool is_local)> &visit) const {
     const report_session session(server_choice::master);
-    ::for_each_row(session.get(), std::string("SELECT id, se FROM ") + table(),
-                   [&](const sql_fields &row) {
-                     // Another engine's rows need no local file: theirs may be in the store only.
-                     visit(whole_number(row[0].value_or("")).value_or(0), row[1] == "posix");
-                   });
+    ::for_each_row(
+        session.get(), std::string("SELECT id, se FROM ") + table(), [&](const sql_fields &row) {
+          // Another engine's rows need no local file: theirs may be in the store only.
+          visit(whole_number<file_id>(row[0].value_or("")).value_or(0), is_local(row[1]));
+        });
   }
 
   const char *table() const { return media_kinds[kind_].rows.table; }

@@ -2,6 +2,9 @@
 #ifndef MAIN_ACCOUNT_MEDIA_H
 #define MAIN_ACCOUNT_MEDIA_H
 
+#include <algorithm>
+#include <iterator>
+
 #include <spoolcap/kinds.h>
 
 // The rows of stored files. Null texts for a kind that lies on disk only.
@@ -60,6 +63,13 @@ inline constexpr media_kind media_kinds[QUOTA_ALL_KINDS] = {
      .label = "Music on hold",
      .folder = "music"},
 };
+
+// The types that file storage keeps, in the order in which an owner's files are deleted.
+inline constexpr int stored_types[] = {QX_STORAGE_VOICEMAIL, QX_STORAGE_FAX, QX_STORAGE_RECORDING};
+static_assert(std::ranges::all_of(media_kinds, [](const media_kind &kind) {
+  return kind.storage_type == 0 ||
+         std::ranges::find(stored_types, kind.storage_type) != std::end(stored_types);
+}));
 
 // The kind of a resource type of file storage; for any other value one without folder and rows.
 const media_kind &media_of_type(int storage_type);

@@ -59,11 +59,6 @@ std::optional<directives> read_directives(const call_site &site) {
   return std::nullopt;
 }
 
-// Texts end at a NUL byte.
-std::string directory_or(const std::string &text, qx_path_id fallback) {
-  return is_empty(text.c_str()) ? qx_path(fallback) : text.c_str();
-}
-
 // A text that is no number leaves the default.
 void take_number(const std::string &text, int &number) {
   std::from_chars(text.data(), text.data() + text.size(), number);
@@ -72,9 +67,9 @@ void take_number(const std::string &text, int &number) {
 storage_config make_config(const directives &found, const char *base_dir, const char *monitor_dir) {
   storage_config config;
   config.engine = &configured_engine(found.system.c_str());
-  config.transfer_in = directory_or(found.transfer_in, QX_PATH_TRANSFER_IN);
-  config.transfer_out = directory_or(found.transfer_out, QX_PATH_TRANSFER_OUT);
-  config.cache = directory_or(found.cache, QX_PATH_STORAGE_CACHE);
+  config.transfer_in = qx_path_or(found.transfer_in.c_str(), QX_PATH_TRANSFER_IN);
+  config.transfer_out = qx_path_or(found.transfer_out.c_str(), QX_PATH_TRANSFER_OUT);
+  config.cache = qx_path_or(found.cache.c_str(), QX_PATH_STORAGE_CACHE);
   take_number(found.cache_expire, config.cache_expire);
   take_number(found.trash_expire, config.trash_expire);
   take_number(found.upload_interval, config.upload_interval);
@@ -94,6 +89,12 @@ bool has_long_directory(const storage_config &config) {
 }
 
 }  // namespace
+
+std::string folder_of_type(const storage_config &config, int type) {
+  if (type == QX_STORAGE_RECORDING) return config.monitor_dir;
+  const char *const folder = media_of_type(type).folder;
+  return folder == nullptr ? "" : config.base_dir + "/" + folder;
+}
 
 storage_snapshot take_snapshot() noexcept {
   // Many sessions start at once; only a reload or a new service needs the lock alone.

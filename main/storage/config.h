@@ -44,6 +44,10 @@ struct storage_snapshot {
   }
 };
 
+// The folder of a kind's files under engine POSIX, empty when it has none. New files grow in its
+// sub-folder "tmp".
+std::string folder_of_type(const storage_config &config, int type);
+
 // A copy of both pointers; what they point at stays for as long as the copy.
 storage_snapshot take_snapshot() noexcept;
 

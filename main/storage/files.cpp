@@ -31,7 +31,7 @@ constexpr int name_length = 16;
 constexpr int name_attempts = 5;
 
 // The process whose names were seeded last.
-std::atomic<pid_t> seeded_process{0};
+constinit std::atomic<pid_t> seeded_process{0};
 
 std::string random_name() {
   std::string name;
@@ -67,7 +67,6 @@ growing_file make_growing_file(const std::string &folder) {
 // A commit replaces what is there. A download does not: what is there is no older.
 enum class at_target { replace, keep };
 
-// Gives a whole file its name. EEXIST when what is there is kept.
 // Not every file system, kernel and sandbox knows renameat2 or its flag.
 bool is_unknown_call(int error) {
   return error == EINVAL || error == ENOSYS || error == EPERM;
@@ -78,6 +77,7 @@ int unlink_there(const std::string &path) {
   return ::unlink(path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
+// Gives a whole file its name. EEXIST when what is there is kept.
 int rename_to(const std::string &from, const std::string &to, at_target what) {
   const unsigned flags = what == at_target::keep ? RENAME_NOREPLACE : 0;
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), flags) == 0) return 0;

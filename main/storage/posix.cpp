@@ -29,13 +29,6 @@ std::string final_path(const qx_storage_session &session, int file_id) {
                        : name);
 }
 
-// The folder of a kind, empty when it has none. New files grow in its sub-folder "tmp".
-std::string folder_of_type(const storage_config &config, int type) {
-  if (type == QX_STORAGE_RECORDING) return config.monitor_dir;
-  const char *const folder = media_of_type(type).folder;
-  return folder == nullptr ? "" : config.base_dir + "/" + folder;
-}
-
 // Folders are made when the first file comes.
 int initialize() {
   return 0;

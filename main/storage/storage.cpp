@@ -103,7 +103,7 @@ int delete_owner(const call_site &site, const qx_storage_location_query_t &query
     log_condition_failed(site);
     return ENOBUFS;
   }
-  for (const int type : {QX_STORAGE_VOICEMAIL, QX_STORAGE_FAX, QX_STORAGE_RECORDING}) {
+  for (const int type : stored_types) {
     const int error =
         queue_owner_deletion(site, location.get(), type, query.first_id, query.second_id);
     if (error != 0) return error;

@@ -2,13 +2,16 @@
 // Through the cache, from `client`, `client_prefs` and `extension`.
 #include <spoolcap/zarn_user.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include <spoolcap/zarn_cache.h>
 #include <spoolcap/zarn_extension.h>
+#include "main/account/media.h"
 #include "main/cache/keys.h"
 #include "main/cache/parameters.h"
 #include "main/user/account_place.h"
@@ -29,6 +32,12 @@ constexpr cache_binding pref_bindings[] = {
     {"max_voice", limits_key, 0, "mvoc"},
 };
 static_assert(is_sorted_by_name(pref_bindings));
+// A limit that is no preference here would read as none, and would stop nobody.
+static_assert(std::ranges::all_of(media_kinds, [](const media_kind &kind) {
+  return std::ranges::any_of(pref_bindings, [&kind](const cache_binding &row) {
+    return std::string_view(row.name) == kind.limit;
+  });
+}));
 constexpr int pref_count = static_cast<int>(std::size(pref_bindings));
 
 // Text that is no number, such as a marker, counts as 0 and is accepted.
@@ -83,26 +92,24 @@ constexpr field_lookup name_lookup =
                   "Could not query for client name with id %d");
 
 // The extensions as the database has them, each also written to the index in the cache.
-char **extensions_from_database(const call_site &site, SessionHandle session, const char *key,
-                                const char *parent_id, int account_id, bool numbers_only,
-                                size_t *count) {
+text_array extensions_from_database(const call_site &site, SessionHandle session, const char *key,
+                                    const char *parent_id, int account_id, bool numbers_only) {
   const sql_session own(session);
   if (!own) {
     log_condition_failed(site);
-    return nullptr;
+    return {};
   }
   sql_result rows;
-  if (sql_query(site, own.get(), rows, extensions_statement, account_id) != 0) return nullptr;
+  if (sql_query(site, own.get(), rows, extensions_statement, account_id) != 0) return {};
   if (!rows) {
     log_condition_failed({site.source, site.function, __LINE__});
-    return nullptr;
+    return {};
   }
   const size_t row_count = mysql_num_rows(rows.get());
-  if (row_count == 0) return nullptr;
+  if (row_count == 0) return {};
 
+  // Some slots may stay NULL: rows without a number.
   text_array numbers(row_count);
-  // Counts the slots, of which some may be NULL: rows without a number.
-  *count = row_count;
   for (size_t i = 0; i < row_count; ++i) {
     const MYSQL_ROW row = mysql_fetch_row(rows.get());
     if (row == nullptr) break;
@@ -114,26 +121,23 @@ char **extensions_from_database(const call_site &site, SessionHandle session, co
     // Without the check of markers: this writer fills the index as a whole.
     if (id != nullptr) cache_hset(site, 0, key, number, id);
   }
-  return numbers.release();
+  return numbers;
 }
 
-char **read_extensions(const call_site &site, SessionHandle session, const char *parent_id,
-                       int account_id, bool numbers_only, size_t *count) {
+text_array read_extensions(const call_site &site, SessionHandle session, const char *parent_id,
+                           int account_id, bool numbers_only) {
   const c_string key = lookup_argument(account_id).format(extension_index_key);
-  if (!key) return nullptr;
-  *count = 0;
+  if (!key) throw std::bad_alloc();
   std::optional<hash_entries> index = cache_hgetall(site, 0, key.get());
   // An index that is there counts as complete: whoever adds an extension adds it there.
   if (!index) {
-    return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only,
-                                    count);
+    return extensions_from_database(site, session, key.get(), parent_id, account_id, numbers_only);
   }
   text_array &numbers = index->fields;
-  *count = numbers.count();
   for (size_t i = 0; !numbers_only && i < numbers.count(); ++i) {
     numbers.set(i, c_string(qx_get_full_number_sess(session, parent_id, numbers[i])));
   }
-  return numbers.release();
+  return std::move(numbers);
 }
 
 }  // namespace
@@ -198,7 +202,9 @@ char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id,
                                    int numbers_only, size_t *count) {
   const call_site here = QX_HERE;
   return no_throw<char **>(nullptr, [&] {
-    return read_extensions(here, session, parent_id, account_id, numbers_only != 0, count);
+    text_array numbers = read_extensions(here, session, parent_id, account_id, numbers_only != 0);
+    *count = numbers.count();
+    return numbers.release();
   });
 }
 

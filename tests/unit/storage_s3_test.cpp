@@ -6,6 +6,7 @@
 #include <thread>
 
 #include <spoolcap/zarn_str.h>
+#include "main/storage/config.h"
 #include "main/storage/engine.h"
 #include "main/storage/files.h"
 #include "tests/unit/storage_fixture.h"
