@@ -65,7 +65,7 @@ void warn_of_local_locks(const std::string &quota_root) noexcept {
 }
 
 void note_lock_failure() noexcept {
-  static std::atomic<bool> is_noted = false;
+  static constinit std::atomic<bool> is_noted = false;
   if (is_noted.exchange(true)) return;
   const int reason = errno;
   QX_LOG(FR_LOG_ERROR, "%s:%d:quota files cannot be locked, so updates may be lost: %s\n",

@@ -12,7 +12,7 @@
 namespace {
 
 // Sessions keep to the table, and so to this, until they end.
-never_destroyed<transfer_host> host;
+constinit never_destroyed<transfer_host> host;
 
 int is_usable(void * /*context*/) {
   return no_throw(0, [] { return host.value.is_usable() ? 1 : 0; });

@@ -21,15 +21,29 @@
 
 namespace {
 
-// Null means syslog. Function and context are replaced together, under sink_lock.
+// Null means syslog.
 struct sink_setting {
   fr_log_sink sink = nullptr;
   void *context = nullptr;
 };
 
-sink_setting current_sink;
-// Held shared while a sink runs, so that a sink is never called after it was replaced.
-std::shared_mutex sink_lock;
+struct process_log {
+  // Guards `current`. Held shared while a sink runs, so that a sink is never called after it was
+  // replaced.
+  std::shared_mutex sink_lock;
+  sink_setting current;
+
+  // One thread probes while others wait for its answer. Release and acquire of `probed_at` make the
+  // answer visible together with its time.
+  std::mutex probing;
+  std::atomic<int64_t> probed_at{-1};
+  std::atomic<bool> is_reachable{false};
+
+  std::once_flag opened;
+};
+
+// Threads may log while the process exits.
+constinit never_destroyed<process_log> process;
 
 // Asks as the C library's syslog does: first by datagrams, then by a stream. Never blocks, so that
 // a daemon that hangs cannot hold up the thread that logs.
@@ -51,27 +65,23 @@ int64_t coarse_seconds() {
 
 // Whether a syslog daemon listens, looked up at most once a second.
 bool syslog_reachable() {
-  // One thread probes while others wait for its answer. Release and acquire of `probed_at` make the
-  // answer visible together with its time.
-  static std::mutex probing;
-  static std::atomic<int64_t> probed_at{-1};
-  static std::atomic<bool> reachable{false};
-
+  process_log &own = process.value;
   const int64_t now = coarse_seconds();
-  if (probed_at.load(std::memory_order_acquire) != now) {
-    const std::lock_guard lock(probing);
-    if (probed_at.load(std::memory_order_relaxed) != now) {
-      reachable.store(connects(SOCK_DGRAM) || connects(SOCK_STREAM), std::memory_order_relaxed);
-      probed_at.store(now, std::memory_order_release);
+  if (own.probed_at.load(std::memory_order_acquire) != now) {
+    const std::lock_guard lock(own.probing);
+    if (own.probed_at.load(std::memory_order_relaxed) != now) {
+      own.is_reachable.store(connects(SOCK_DGRAM) || connects(SOCK_STREAM),
+                             std::memory_order_relaxed);
+      own.probed_at.store(now, std::memory_order_release);
     }
   }
-  return reachable.load(std::memory_order_relaxed);
+  return own.is_reachable.load(std::memory_order_relaxed);
 }
 
 // The name is not copied by openlog; this one lives as long as the process.
 void open_syslog() {
-  static std::once_flag opened;
-  std::call_once(opened, [] { ::openlog(program_invocation_short_name, LOG_PID, LOG_USER); });
+  std::call_once(process->opened,
+                 [] { ::openlog(program_invocation_short_name, LOG_PID, LOG_USER); });
 }
 
 // Messages end with a newline by custom, and syslog sets its own line ends.
@@ -84,14 +94,15 @@ __attribute__((format(printf, 1, 0))) c_string format_message(const char *format
 }
 
 void log_message(fr_log_record record, const char *format, va_list args) {
-  const std::shared_lock lock(sink_lock);
+  const std::shared_lock lock(process->sink_lock);
+  const auto [sink, context] = process->current;
   // Where nobody listens, as in a container, a message is not even formatted.
-  if (current_sink.sink == nullptr && !syslog_reachable()) return;
+  if (sink == nullptr && !syslog_reachable()) return;
   const c_string text = format_message(format, args);
   if (!text) return;
   record.text = text.get();
-  if (current_sink.sink != nullptr) {
-    current_sink.sink(&record, current_sink.context);
+  if (sink != nullptr) {
+    sink(&record, context);
   } else {
     open_syslog();
     ::syslog(record.priority, "%s", record.text);
@@ -112,6 +123,6 @@ void fr_log_impl(const char *file, int line, const char *function, int channel, 
 }
 
 void fr_log_set_sink(fr_log_sink sink, void *context) {
-  const std::unique_lock lock(sink_lock);
-  current_sink = {sink, context};
+  const std::unique_lock lock(process->sink_lock);
+  process->current = {sink, context};
 }

@@ -74,6 +74,7 @@ ssize_t read_now(int fd, void *buffer, size_t length) noexcept {
   return ::read(fd, buffer, length);
 }
 
+// A pipe is written to as well: the descriptor of a command to Asterisk is the caller's choice.
 ssize_t write_now(int fd, const void *buffer, size_t length) noexcept {
   const ssize_t sent = ::send(fd, buffer, length, MSG_DONTWAIT | MSG_NOSIGNAL);
   if (sent >= 0 || errno != ENOTSOCK) return sent;
@@ -92,7 +93,7 @@ bool may_retry(const deadline &end) noexcept {
 
 }  // namespace
 
-int fr_connect_nb_unix(const char *path, float timeout) {
+int fr_connect_nb_unix(const char *path, float timeout) noexcept {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path == nullptr || std::strlen(path) >= sizeof address.sun_path) {
@@ -120,7 +121,7 @@ int fr_connect_nb_unix(const char *path, float timeout) {
   return -1;
 }
 
-ssize_t fr_read_nb(int fd, void *buffer, size_t length, float timeout) {
+ssize_t fr_read_nb(int fd, void *buffer, size_t length, float timeout) noexcept {
   const deadline end(timeout);
   while (wait_ready(fd, POLLIN, &end)) {
     const ssize_t received = read_now(fd, buffer, length);
@@ -130,7 +131,7 @@ ssize_t fr_read_nb(int fd, void *buffer, size_t length, float timeout) {
   return -1;
 }
 
-int fr_write_nb_full(int fd, const void *buffer, size_t length, float timeout) {
+int fr_write_nb_full(int fd, const void *buffer, size_t length, float timeout) noexcept {
   const deadline end(timeout);
   const auto *rest = static_cast<const char *>(buffer);
   while (length > 0) {

@@ -9,25 +9,18 @@
 #ifndef PLATFORM_BASE_NB_IO_H
 #define PLATFORM_BASE_NB_IO_H
 
-#include <stddef.h>
 #include <sys/types.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+#include <cstddef>
 
 /* Connects to the Unix-domain stream socket `path`. A close-on-exec descriptor in blocking mode,
  * the caller's to close, or -1 (ENAMETOOLONG for a path that no address holds, EINVAL for NULL). */
-int fr_connect_nb_unix(const char *path, float timeout);
+int fr_connect_nb_unix(const char *path, float timeout) noexcept;
 
 /* Waits for input and reads it once. Bytes read, 1 to `length`; 0 at the end of the input; -1. */
-ssize_t fr_read_nb(int fd, void *buffer, size_t length, float timeout);
+ssize_t fr_read_nb(int fd, void *buffer, size_t length, float timeout) noexcept;
 
 /* Writes all `length` bytes. 0, or -1: some of them may have been written then. */
-int fr_write_nb_full(int fd, const void *buffer, size_t length, float timeout);
-
-#ifdef __cplusplus
-}
-#endif
+int fr_write_nb_full(int fd, const void *buffer, size_t length, float timeout) noexcept;
 
 #endif

@@ -106,7 +106,7 @@ child_state reap_within(pid_t pid, float seconds) noexcept {
 
 }  // namespace
 
-pid_t fr_spawn_async_piped(char *const argv[], int *output) {
+pid_t fr_spawn_async_piped(char *const argv[], int *output) noexcept {
   if (argv == nullptr || argv[0] == nullptr || output == nullptr) {
     errno = EINVAL;
     return -1;
@@ -130,7 +130,7 @@ pid_t fr_spawn_async_piped(char *const argv[], int *output) {
   return pid;
 }
 
-int fr_spawn_finish(pid_t pid, float grace) {
+int fr_spawn_finish(pid_t pid, float grace) noexcept {
   if (pid <= 0) return -1;
   const child_state state = reap_within(pid, grace);
   if (state == child_state::running) {
