@@ -38,8 +38,7 @@ bool is_target_level(int level) {
   return level == LEVEL_RESELLER || level == LEVEL_CLIENT || level == LEVEL_OWNER;
 }
 
-// Index of a level's slot; 0 for a level that has none.
-// Slots of target_record::level_ids.
+// The slot of a level in target_record::level_ids; 0 for a level that has none.
 int lvl2idx(int level) {
   switch (level) {
     case LEVEL_CLIENT:

@@ -24,10 +24,10 @@ struct target_record {
 // Freed with its records and their logins. Keeps the order of the statement.
 using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy>>;
 
-// The accounts that the command line names, each once and parents first; empty when nothing was
-// selected or selection could not start. A statement that fails is logged and gives a table
-// without records instead: such a run goes on and ends with 0, unlike one that finds no account,
-// and that difference stays as it is. Throws std::bad_alloc when memory is short.
+// The accounts that the command line names, each once and parents first. Null when nothing was
+// selected or no session could be had; such a run ends with status 10. A statement that fails is
+// logged and gives a table without records; such a run goes on and ends with 0. That difference
+// stays as it is. Throws std::bad_alloc when memory is short.
 target_table get_sql_data();
 
 // Visits each target in the order of selection, holding the table's lock for the whole walk. Throws
