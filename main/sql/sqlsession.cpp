@@ -63,7 +63,7 @@ bool set_down_time(const char *value) noexcept {
 }
 
 bool set_largest_lag(const char *value) noexcept {
-  const int seconds = whole_number<int>(value).value_or(-1);
+  const int seconds = no_throw(-1, [=] { return whole_number<int>(value).value_or(-1); });
   if (seconds >= 0) {
     fr_sqlpool_largest_lag_set(seconds);
   } else {

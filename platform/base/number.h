@@ -9,7 +9,7 @@
 // The number that the whole text is, in decimal. Nothing for a sign "+", for blanks, and for what
 // the type cannot hold.
 template <class Number>
-std::optional<Number> whole_number(std::string_view text) noexcept {
+std::optional<Number> whole_number(std::string_view text) {
   Number number = 0;
   const char *const end = text.data() + text.size();
   const auto [rest, error] = std::from_chars(text.data(), end, number);
