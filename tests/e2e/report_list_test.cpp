@@ -1,7 +1,4 @@
 // The list of accounts in all its formats, beside sums over the tables and the disk.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstring>
 
 #include "tests/e2e/report_fixture.h"

@@ -1,5 +1,6 @@
 // Where a report goes: to standard output, to a file that it replaces, or to what is no file.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "tests/e2e/report_fixture.h"
 
