@@ -117,7 +117,7 @@ TEST_F(Check, QuotaFoldersAndAccountsAreCompared) {
 
 TEST_F(Check, StoredFilesAndRowsAreCompared) {
   box.sql("UPDATE extension_recording SET id = id + 100");
-  box.sql("UPDATE extension_recording SET se = 'posix'");
+  box.sql("UPDATE extension_recording SET se = 'Posix'");
   box.sql("UPDATE extension_voicemail SET se = 's3', filename = 'vm/2/12/1.wav'");
   box.write_file("files/monitor/2/12/101.wav", 1536);
   box.write_file("files/monitor/2/12/777.wav", 1);
