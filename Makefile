@@ -128,7 +128,7 @@ format:
 
 # Debian packages, in build/packages.
 package:
-	@dev/install-deps debhelper bash-completion scdoc lintian fakeroot
+	@dev/install-deps build-essential debhelper bash-completion scdoc lintian fakeroot
 	@packaging/build-packages
 
 # The packages in a Debian 12 of their own, which is kept in build/package-test: install, run, upgrade,
