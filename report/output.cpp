@@ -78,6 +78,15 @@ bool is_refused(const std::string &path, const struct stat &file) {
          file.st_uid != folder.st_uid;
 }
 
+// Gives the file the owner and the group of another. A sandbox may forbid every change of owners,
+// also one that would change nothing.
+bool give_to_owner_of(int fd, const struct stat &other) {
+  struct stat made {};
+  if (::fstat(fd, &made) != 0) return false;
+  return (made.st_uid == other.st_uid && made.st_gid == other.st_gid) ||
+         ::fchown(fd, other.st_uid, other.st_gid) == 0;
+}
+
 // The mode that a new file gets from this process.
 mode_t mode_of_new_files() {
   // No call only asks for it. No other thread runs at this time.
@@ -134,7 +143,7 @@ void report_output::open_beside(const struct stat *old) {
   if (temporary_.size() < sizeof temporary_file) std::strcpy(temporary_file, temporary_.c_str());
   mode_t mode = old == nullptr ? mode_of_new_files() : old->st_mode & 0777;
   // Without its group, the file must not be for another one.
-  if (old != nullptr && ::fchown(opened.get(), old->st_uid, old->st_gid) != 0) mode &= ~0070U;
+  if (old != nullptr && !give_to_owner_of(opened.get(), *old)) mode &= ~0070U;
   if (::fchmod(opened.get(), mode) == 0) file_.reset(::fdopen(opened.get(), "w"));
   if (file_) {
     opened.release();
