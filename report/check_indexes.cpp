@@ -32,8 +32,8 @@ std::vector<needed_index> needed_indexes() {
       {"extension", {"id"}},      {"extension", {"client_id"}},
   };
   for (const media_kind &kind : media_kinds) {
-    if (kind.rows.table != nullptr)
-      needed.push_back({kind.rows.table, {"extension_id", "filesize"}});
+    if (kind.rows.table == nullptr) continue;
+    needed.push_back({kind.rows.table, {"extension_id", "filesize"}});
   }
   return needed;
 }
