@@ -17,6 +17,9 @@ namespace {
 // A host removes its file after the deletion was queued. Another host may wake the service, or
 // another node be faster, before it has; so long afterwards it has, or was killed.
 constexpr double host_takes = 2;
+// Its own node knows whether a file is still there. Others leave it the time to be restarted.
+constexpr double node_takes = 600;
+constexpr const char *not_sent = "NotSent";
 
 }  // namespace
 
@@ -63,7 +66,7 @@ void pause_before_repeating(const job_context &context, int attempt) {
 
 bool may_follow(const s3_answer &answer) {
   // Decided before the body was looked at.
-  if (answer.code == "SlowDown" || answer.status == 429) return false;
+  if (answer.code == "SlowDown" || answer.status == 429 || answer.code == not_sent) return false;
   return answer.outcome == s3_outcome::unclear || answer.outcome == s3_outcome::stopped ||
          answer.outcome == s3_outcome::damaged || answer.status >= 500;
 }
@@ -75,25 +78,29 @@ std::string path_in_cache(const worker_settings &settings, const std::string &ke
   return is_safe ? settings.cache + "/main/" + key : std::string();
 }
 
-bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
-                const std::string &key, double deleted_at) {
+object_end judge_object(const job_context &context, const worker_settings &settings,
+                        const s3_answer &head, const std::string &key, double deleted_at) {
   const auto queued = head.metadata.find("queued");
   // An object that no node of ours stored is as old as can be.
-  if (queued == head.metadata.end()) return false;
+  if (queued == head.metadata.end()) return object_end::removed;
   const double queued_at = queue_entry{"", queued->second}.queued_at();
-  if (queued_at > deleted_at) return true;
-  if (queued_at <= deleted_at - clock_error) return false;
+  if (queued_at > deleted_at) return object_end::kept;
+  if (queued_at <= deleted_at - clock_error) return object_end::removed;
   // In one second two nodes cannot tell which came first: the file is kept. This node knows: who
   // deletes removes the file as well.
   const auto node = head.metadata.find("node");
-  if (node == head.metadata.end() || node->second != context.queue.node()) return true;
+  const bool is_own = node != head.metadata.end() && node->second == context.queue.node();
   const std::string path = path_in_cache(settings, key);
-  return !path.empty() && ::access(path.c_str(), F_OK) == 0;
+  const bool is_there = !path.empty() && ::access(path.c_str(), F_OK) == 0;
+  if (is_own && !is_there) return object_end::removed;
+  const double age = qx_get_tstamp() - deleted_at;
+  return age > (is_own ? host_takes : node_takes) ? object_end::kept : object_end::early;
 }
 
 s3_answer claim_lost() {
   s3_answer answer;
   answer.outcome = s3_outcome::stopped;
+  answer.code = not_sent;
   answer.text = "another service may have the key by now";
   return answer;
 }
@@ -104,10 +111,9 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   bool uncertain = false;
   failure = call_store(context, location, uncertain, [&] { return client.head(key); });
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
-  if (failure && is_younger(context, settings, failure, key, deleted_at)) {
-    const bool is_later = queue_entry{"", failure.metadata["queued"]}.queued_at() > deleted_at;
-    const bool is_decided = is_later || qx_get_tstamp() - deleted_at > host_takes;
-    return is_decided ? object_end::kept : object_end::early;
+  if (failure) {
+    const object_end end = judge_object(context, settings, failure, key, deleted_at);
+    if (end != object_end::removed) return end;
   }
   // Also for what is not there: only this answer tells a missing object from a missing bucket.
   const upload_member member{location, context.queue.node(), key};
@@ -115,6 +121,6 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   failure = call_store(context, location, uncertain, [&] {
     return context.queue.holds(member) ? client.remove(key) : claim_lost();
   });
-  if (uncertain) context.queue.note_unclear_removal(member);
+  if (uncertain) context.queue.note_unclear_removal(location, {key});
   return failure ? object_end::removed : object_end::failed;
 }

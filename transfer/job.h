@@ -68,10 +68,6 @@ s3_answer call_store(const job_context &context, const std::string &location, bo
 // The path of a key in the cache; empty for a key that leads out of it.
 std::string path_in_cache(const worker_settings &settings, const std::string &key);
 
-// Whether an upload that is no older than a deletion brought the object.
-bool is_younger(const job_context &context, const worker_settings &settings, const s3_answer &head,
-                const std::string &key, double deleted_at);
-
 // The answer of a call that was not made: the claim of the job may be another's by now.
 s3_answer claim_lost();
 
@@ -79,11 +75,15 @@ s3_answer claim_lost();
 enum class object_end {
   removed,  // or it was not there
   kept,     // an upload that is no older brought it
-  early,    // the host that deletes may not have removed its file yet: to be asked again soon
+  early,    // its host may still remove its file, or its node decide: to be asked again soon
   failed
 };
 
-inline constexpr const char *early_text = "the host that deletes it may not have removed its file";
+inline constexpr const char *early_text = "its own node may still have to decide";
+
+// What a deletion is to do with an object of which HEAD gave this; `removed` for an older one.
+object_end judge_object(const job_context &context, const worker_settings &settings,
+                        const s3_answer &head, const std::string &key, double deleted_at);
 
 // Removes an object unless it is younger than its deletion. `failure` is set after `failed`.
 object_end remove_older(const job_context &context, const worker_settings &settings,

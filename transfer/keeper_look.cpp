@@ -67,7 +67,8 @@ class look {
   }
 
   bool transferred(const walked_file &found) {
-    sweep(found);
+    // Hosts make their files directly in these folders; what lies deeper is somebody else's.
+    if (found.key == found.name) sweep(found);
     return !parts_.stop;
   }
 

@@ -10,6 +10,7 @@
 #include "common/replace_file.h"
 #include "platform/base/line_reader.h"
 #include "platform/base/view.h"
+#include "transfer/store_proof.h"
 
 namespace {
 
@@ -102,7 +103,11 @@ s3_answer multipart_upload::send(transfer_locations::lease &client, s3_metadata 
   answer = call_store(context_, file_.member.location, uncertain_,
                       [&] { return client->complete(file_.member.key, id_, parts_); });
   // The answer to an earlier call may be lost that completed it.
-  if (is_over(answer)) is_stored(client, answer);
+  if (is_over(answer) && !is_stored(client, answer)) {
+    // The next try begins anew.
+    answer.outcome = s3_outcome::damaged;
+    answer.text = "the store ended the upload in parts without an object of this file";
+  }
   if (answer) ::unlink(parts_record_path(file_.path).c_str());
   return answer;
 }
@@ -147,6 +152,9 @@ bool multipart_upload::is_stored(transfer_locations::lease &client, s3_answer &a
       head.metadata["queued"] != file_.score) {
     return false;
   }
+  // The metadata was sent before the parts: only the ETag tells what the store made of them.
+  const auto own = etag_of(file_.fd, file_.length, part_size_, context_.control.stop);
+  if (!own || head.etag != *own) return false;
   answer = std::move(head);
   return true;
 }

@@ -212,9 +212,18 @@ void transfer_queue::leave_upload(const queue_entry &entry, const upload_member 
   leave(names.claim, end == transfer_end::unclear ? names.unclear : std::string(), entry);
 }
 
-void transfer_queue::note_unclear_removal(const upload_member &member) {
+void transfer_queue::note_unclear_removal(const std::string &location,
+                                          const std::vector<std::string> &keys) {
   vk_reply reply;
-  ask({"ZADD", unclear_ends, queue_number(now()), upload_names(member).unclear + ":older"}, reply);
+  const std::string time = queue_number(now());
+  std::vector<std::string> members;
+  members.reserve(keys.size());
+  std::vector<std::string_view> words = {"ZADD", unclear_ends};
+  for (const std::string &key : keys) {
+    members.push_back(upload_names({location, node_, key}).unclear + ":older");
+    words.insert(words.end(), {time, members.back()});
+  }
+  vk_run(client_.get(), words, reply);
 }
 
 queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_member &member) {
@@ -222,7 +231,7 @@ queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_
   // Also while a job of this process has the key, which is to learn of the deletion.
   const auto value = take_claim(names.claim, entry.score);
   forgetting claim{*this, names.claim, value.has_value()};
-  // Only deletions claim a prefix, and what they sent brings nothing.
+  // Only deletions claim a prefix. Which keys an earlier one was at is not known.
   const std::string unclear = member.whole_prefix ? std::string() : names.unclear;
   const queue_state state =
       run_state(begin_delete_script, {delete_queue, deletions, names.claim, unclear_ends},

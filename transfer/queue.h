@@ -118,8 +118,8 @@ class transfer_queue {
   // Gives the claim back with the member as it is.
   void leave_upload(const queue_entry &entry, const upload_member &member,
                     transfer_end end = transfer_end::clear);
-  // A request to remove the object may still take effect, on a younger one.
-  void note_unclear_removal(const upload_member &member);
+  // A request to remove the objects may still take effect, on younger ones.
+  void note_unclear_removal(const std::string &location, const std::vector<std::string> &keys);
 
   // Makes the deletion known to all uploads of the key, or below the prefix, and claims it. Only
   // after `unchanged` the claim is held.

@@ -61,8 +61,8 @@ class delete_job {
 
   template <class Call>
   s3_answer ask(Call &&call) {
-    bool uncertain = false;  // a deletion that takes effect late is made again before that matters
-    return call_store(context_, member_.location, uncertain, std::forward<Call>(call));
+    bool changes_nothing = false;
+    return call_store(context_, member_.location, changes_nothing, std::forward<Call>(call));
   }
 
   bool fail(const s3_answer &answer) {
@@ -81,6 +81,7 @@ class delete_job {
   // Page by page: the token goes on even while the objects before it are removed.
   object_end remove_all() {
     std::string token;
+    has_early_ = false;
     do {
       s3_listing listing;
       const s3_answer answer = ask([&] {
@@ -91,7 +92,7 @@ class delete_job {
       if (!remove_listed(listing.objects)) return object_end::failed;
       token = listing.next;
     } while (!token.empty());
-    return object_end::removed;
+    return has_early_ ? object_end::early : object_end::removed;
   }
 
   bool remove_listed(const std::vector<s3_listed> &objects) {
@@ -102,18 +103,22 @@ class delete_job {
         const s3_answer head = ask([&] { return client_->head(object.key); });
         if (head.outcome == s3_outcome::not_found) continue;
         if (!head) return fail(head);
-        if (is_younger(context_, settings_, head, object.key, deleted_at_)) continue;
+        const object_end end = judge_object(context_, settings_, head, object.key, deleted_at_);
+        has_early_ |= end == object_end::early;
+        if (end != object_end::removed) continue;
       }
       keys.push_back(object.key);
     }
     // A request without keys would be refused.
     if (keys.empty()) return true;
     s3_removal removal;
-    const s3_answer answer = ask([&] {
+    bool uncertain = false;
+    const s3_answer answer = call_store(context_, member_.location, uncertain, [&] {
       if (!context_.queue.holds(member_)) return claim_lost();
       removal = client_->remove(keys);
       return removal.answer;
     });
+    if (uncertain) context_.queue.note_unclear_removal(member_.location, keys);
     if (!answer) return fail(answer);
     if (removal.failed.empty()) return true;
     // The listing is made again by the next try, so one reason is enough.
@@ -132,6 +137,7 @@ class delete_job {
   transfer_locations::lease client_;
   job_result failure_;
   bool is_claimed_ = false;
+  bool has_early_ = false;  // below the prefix: not decided yet
 };
 
 }  // namespace

@@ -169,7 +169,7 @@ return 'unchanged'
 // or what it begins with, "key" or "prefix", the oldest unclear end that counts, milliseconds for
 // which a mark is kept.
 // The mark of a prefix is set in any case, as uploads that ran meanwhile must be sent again. An
-// unclear end that is young enough keeps the member in the queue.
+// unclear end that is young enough keeps the member in the queue; one of a removal brings nothing.
 inline constexpr char end_delete_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[3]
@@ -183,7 +183,9 @@ if ARGV[5] == 'key' then
   if tonumber(redis.call('ZSCORE', KEYS[2], ARGV[4]) or -1) >= oldest then return 'unclear' end
 else
   for _, member in ipairs(redis.call('ZRANGEBYSCORE', KEYS[2], oldest, '+inf')) do
-    if string.sub(member, 1, #ARGV[4]) == ARGV[4] then return 'unclear' end
+    if string.sub(member, 1, #ARGV[4]) == ARGV[4] and string.sub(member, -6) ~= ':older' then
+      return 'unclear'
+    end
   end
 end
 redis.call('ZREM', KEYS[1], ARGV[1])

@@ -28,34 +28,18 @@ int parts_of(const std::string &etag) {
   return parts;
 }
 
-// The ETag that the file has when it is stored in so many parts; 0 for one request.
-// Nothing when the file cannot be read, or was not stored in such parts. The size of parts is that
-// of today's configuration: after a change old objects cannot be proved, and their files stay.
-std::optional<std::string> etag_of(const question &asked, int parts) {
+// Nothing when that cannot be told: the file cannot be read, or the object has other parts than
+// today's size gives. After a change of that size old objects cannot be proved.
+std::optional<bool> has_content(const question &asked, const s3_answer &object) {
   const std::int64_t length = asked.file.status().st_size;
-  const std::int64_t step = parts == 0 ? length : asked.part_size;
-  if (parts > 0 && (length + step - 1) / step != parts) return std::nullopt;
-  std::string digests;
-  std::int64_t offset = 0;
-  do {
-    s3_body body{.fd = asked.file.fd(),
-                 .offset = offset,
-                 .length = std::min(step, length - offset),
-                 .md5 = {},
-                 .sha256 = {}};
-    if (!s3_digest(body, &asked.stop)) return std::nullopt;
-    digests += body.md5;
-    offset += body.length;
-  } while (offset < length);
-  if (parts == 0) return s3_hex(digests);
-  return s3_hex(s3_md5(digests)) + "-" + std::to_string(parts);
-}
-
-bool has_content(const question &asked, const s3_answer &object) {
-  if (object.length != asked.file.status().st_size) return false;
+  if (object.length != length) return false;
   if (asked.known) return asked.known->etag == object.etag;
+  const std::int64_t parts = parts_of(object.etag), size = parts == 0 ? 0 : asked.part_size;
+  if (parts != 0 && (length + size - 1) / size != parts) return std::nullopt;
   // Last, as it reads the whole file.
-  return etag_of(asked, parts_of(object.etag)) == object.etag;
+  const auto own = etag_of(asked.file.fd(), length, size, asked.stop);
+  if (!own) return std::nullopt;
+  return *own == object.etag;
 }
 
 // Which node stored it; empty where it is not noted.
@@ -90,6 +74,21 @@ std::vector<std::string> in_order(const transfer_config &config, int first_id) {
 
 }  // namespace
 
+std::optional<std::string> etag_of(int fd, std::int64_t length, std::int64_t part_size,
+                                   const std::atomic<bool> &stop) {
+  const std::int64_t step = part_size == 0 ? length : part_size;
+  std::string digests;
+  std::int64_t offset = 0;
+  do {
+    s3_body body{.fd = fd, .offset = offset, .length = std::min(step, length - offset)};
+    if (!s3_digest(body, &stop, s3_digests::md5)) return std::nullopt;
+    digests += body.md5;
+    offset += body.length;
+  } while (offset < length);
+  if (part_size == 0) return s3_hex(digests);
+  return s3_hex(s3_md5(digests)) + "-" + std::to_string((length + step - 1) / step);
+}
+
 std::optional<int> first_id_of(std::string_view key) {
   const std::size_t kind = key.find('/');
   if (kind == std::string_view::npos) return std::nullopt;
@@ -106,12 +105,18 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
                        const std::optional<receipt> &known, const std::atomic<bool> &stop) {
   const question asked{.file = file, .known = known, .stop = stop, .part_size = config.part_size};
   store_answer result{.result = proof::absent, .found = {}, .node = {}, .queued = 0};
+  bool is_unsure = false;
   for (const std::string &name : in_order(config, first_id_of(key).value_or(0))) {
     const auto object = head(locations, name, key);
     if (!object) {
       // Does not take back `different`: another object was seen, whatever this location has.
       if (result.result == proof::absent) result.result = proof::unknown;
-    } else if (*object && has_content(asked, *object)) {
+      continue;
+    }
+    const auto is_same = *object ? has_content(asked, *object) : false;
+    if (!is_same) {
+      is_unsure = true;
+    } else if (*is_same) {
       return {.result = proof::stored,
               .found = {.etag = object->etag,
                         .length = object->length,
@@ -127,5 +132,6 @@ store_answer ask_store(transfer_locations &locations, const transfer_config &con
       }
     }
   }
+  if (is_unsure) result.result = proof::unknown;
   return result;
 }

@@ -3,6 +3,7 @@
 #define TRANSFER_STORE_PROOF_H
 
 #include <atomic>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,11 @@
 #include "transfer/locations.h"
 #include "transfer/receipt.h"
 
+// The ETag of an open file that is stored in parts of this size, or in one request for 0. Nothing,
+// with errno, when the file cannot be read.
+std::optional<std::string> etag_of(int fd, std::int64_t length, std::int64_t part_size,
+                                   const std::atomic<bool> &stop);
+
 // The first id of an object key, "<kind>/<first id>/<second id>/<name>"; nothing for another name.
 std::optional<int> first_id_of(std::string_view key);
 
@@ -21,7 +27,7 @@ enum class proof {
   stored,     // a location has this very file
   different,  // a location has another object of that name, and none has this file
   absent,     // no location has an object of that name
-  unknown     // not all could be asked
+  unknown     // not all could be asked, or an object could not be compared
 };
 
 // `node` and `queued` come from the metadata of the object that is different.

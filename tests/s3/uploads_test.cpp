@@ -141,8 +141,12 @@ TEST_F(Uploads, EachNodeUploadsItsOwnAndAnyNodeDeletes) {
   here.remove("r:vm/1/3", now + 10);
   here.remove("o:vm/1/2/7.wav", now + 10);
   here.remove("o:vm/1/2/none.wav", now + 10);
+  // Whether it was deleted within the second is for its own node to say.
+  world.client.put("vm/1/2/late.wav", support::stored_bytes("x").body(),
+                   {{"queued", std::to_string(now - 10.5)}, {"node", "n1"}});
+  here.remove("o:vm/1/2/late.wav", now - 10);
   there.workers.wake();
-  ASSERT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
+  ASSERT_TRUE(eventually([&] { return world.queued() == "0 1"; }));
   // An upload that waited through the deletion brings nothing, and takes nothing with it.
   here.commit("vm/1/3/5.wav", "old", now);
   transfer_node restarted(world, "n1");
@@ -228,6 +232,19 @@ TEST_F(Uploads, AnUploadInPartsGoesOnAfterAKill) {
                           {}),
             1)
       << "no record is left";
+}
+
+TEST_F(Uploads, AnUploadInPartsThatTheStorePutTogetherWronglyIsBegunAnew) {
+  const std::string content = bytes(7 << 20);
+  const support::stored_bytes file(content);
+  const std::string digest = s3_hex(file.body().sha256);
+  ASSERT_TRUE(world.client.put(key, support::stored_bytes(std::string(7 << 20, 'x')).body(),
+                               {{"sha256", digest}, {"queued", "1000"}, {"node", "n1"}}));
+  here.commit(key, content, 1000);
+  std::ofstream(parts_record_path(here.path(key))) << "gone\n1000\n7340032\n5242880\n" << digest << "\n";
+  here.start();
+  ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
+  EXPECT_TRUE(world.object(key) == content);
 }
 
 TEST_F(Uploads, ASmallerFileEndsTheUploadInPartsOfALargerOne) {

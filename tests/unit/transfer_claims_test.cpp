@@ -71,6 +71,7 @@ TEST_F(TransferQueue, ADeletionStaysUntilNoUnclearUploadCanFollowIt) {
     here.leave_upload(read, upload, transfer_end::unclear);
     ASSERT_EQ(here.begin_upload(read, upload), state::unchanged);
     EXPECT_EQ(here.drop_upload(read, upload, 60), state::unclear);
+    here.note_unclear_removal("eu", {key});  // brings nothing
     const queue_entry deletion =
         queue(dels, "eu@n1:" + std::string(what.whole_prefix ? "r:" : "o:") + what.key, 500);
     for (const state expected : {state::unclear, state::unchanged}) {
@@ -106,7 +107,7 @@ TEST_F(TransferQueue, AnUploadIsMadeAgainWhileSomethingOlderMayFollowIt) {
   ASSERT_EQ(killed.begin_upload(read, upload), state::unchanged);
   EXPECT_EQ(ends_as(1001), state::unclear) << "what a killed process sent";
   run({"DEL", unclear});
-  here.note_unclear_removal(upload);
+  here.note_unclear_removal(upload.location, {upload.key});
   EXPECT_EQ(ends_as(1002), state::unclear) << "a removal that may follow";
   queue(unclear, "eu:" + key + ":older", now() - 61);
   EXPECT_EQ(ends_as(1002), state::unchanged);
