@@ -21,6 +21,7 @@ constexpr double longest_claimed_pause = 15;
 // A person has to mend these, so a try costs more than it brings.
 constexpr double first_parked_pause = 300;
 constexpr double longest_parked_pause = 3600;
+constexpr double step_of_clock = 5;  // less is what a clock is corrected by all the time
 
 double pause_after(const job_result &result, int tries, double window) {
   switch (result.end) {
@@ -176,4 +177,9 @@ void backoff_table::hurry_all(double now) {
     // Waiting is for time to pass, which no reload makes faster.
     if (!what.is_due && what.end != job_end::waiting) schedule(which, what, now);
   }
+}
+
+void backoff_table::see_time(double now) {
+  if (now < seen_ - step_of_clock) hurry_all(now);
+  seen_ = now;
 }

@@ -45,6 +45,9 @@ class backoff_table {
   size_t waiting(double now) const;  // how many others there are, about
   // All that may be mended by now are due.
   void hurry_all(double now);
+  // To be told the time now and then. When the clock was set back, all are due as above: what they
+  // wait for lies too far ahead.
+  void see_time(double now);
 
  private:
   // Both queues may hold the same text, so the kind is part of the name.
@@ -66,6 +69,7 @@ class backoff_table {
   // Of more members than `entries_` may have: by a hash of member and score, the minute since the
   // epoch from which on it is tried again when a look finds it. Two in one place wait alike.
   std::vector<std::uint32_t> crowd_;
+  double seen_ = 0;  // the time that was told last
 };
 
 #endif

@@ -146,6 +146,7 @@ void work_feeder::add(lane &queue, queue_entry entry) {
 }
 
 void work_feeder::hand_out_due() {
+  aside_.see_time(qx_get_tstamp());
   for (lane *queue : {&deletes_, &uploads_}) {
     // The workers have enough; what is due stays due.
     if (queue->ready.size() >= low_water) continue;
@@ -191,7 +192,8 @@ bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
     // From the front: the oldest members first.
     queue.is_at_end_only = false;
     queue.look_at = now + interval_;
-  } else if (queue.woken) {
+    queue.asked = {};
+  } else if (queue.woken && queue.may_wake_at <= now) {
     // The DisDB may take seconds; workers must get and report members meanwhile.
     guard.unlock();
     const auto place = context_.queue.place_of(queue.kind, qx_get_tstamp() - end_of_queue);
@@ -202,19 +204,23 @@ bool work_feeder::begin_look(lane &queue, std::unique_lock<std::mutex> &guard) {
     }
     queue.cursor = *place;
     queue.is_at_end_only = true;
+    queue.asked = clock::now() - now;
   } else {
     return false;
   }
   // What is queued from now on sets it again, and is seen by the next look at the end.
   queue.woken = queue.has_found = false;
   queue.removed = 0;
-  queue.asked = {};
   return true;
 }
 
 void work_feeder::end_look(lane &queue) {
-  if (queue.is_at_end_only) return;
-  // With a million members a look costs the DisDB much; it gets ten times as long a rest.
+  // With a million members a look costs the DisDB much; it gets ten times as long a rest. While a
+  // location rests, the end of the queue is long, too.
+  if (queue.is_at_end_only) {
+    queue.may_wake_at = clock::now() + queue.asked * share_of_looks;
+    return;
+  }
   queue.may_look_at = clock::now() + std::max<clock::duration>(shortest_between_looks,
                                                                queue.asked * share_of_looks);
   // Members may have moved past the look as other nodes removed theirs.
@@ -264,9 +270,9 @@ work_feeder::clock::time_point work_feeder::next_event() const {
   for (const lane *queue : {&uploads_, &deletes_}) {
     if (queue->ready.size() >= low_water) continue;
     // A look that is under way goes on as soon as there is room for a page.
-    const bool looks = queue->cursor >= 0 || queue->woken;
-    when =
-        std::min(when, looks ? ask_at_ : std::max({queue->look_at, queue->may_look_at, ask_at_}));
+    auto look = std::max(queue->look_at, queue->may_look_at);
+    if (queue->woken) look = std::min(look, queue->may_wake_at);
+    when = std::min(when, queue->cursor >= 0 ? ask_at_ : std::max(look, ask_at_));
     const double due = aside_.next_due(queue->kind);
     if (due != 0) when = std::min(when, moment_of(due));
   }

@@ -61,6 +61,7 @@ class work_feeder {
     bool is_at_end_only = false;
     clock::duration asked{};  // how long the DisDB took for this look
     clock::time_point look_at{}, may_look_at{};
+    clock::time_point may_wake_at{};  // when the next look at the end may begin
     bool woken = false;
   };
 

@@ -61,6 +61,13 @@ meaning meaning_of(const s3_answer &answer) {
   }
 }
 
+using steady = std::chrono::steady_clock;
+
+// On the wall clock as it is now, which may be set meanwhile.
+double wall_time_of(steady::time_point when) {
+  return qx_get_tstamp() + std::chrono::duration<double>(when - steady::now()).count();
+}
+
 // In seconds, after so many rests in a row.
 double rest_after(const s3_answer &answer, int rests) {
   double rest = 0;
@@ -103,7 +110,7 @@ struct transfer_locations::place {
   s3_place settings;
   health state = health::up;
   std::string reason;
-  double retry_at = 0;
+  steady::time_point retry_at{};
   int failures = 0;  // in a row
   int rests = 0;     // in a row
   long probe = 0;    // the number of the one that runs
@@ -152,7 +159,7 @@ bool transfer_locations::might_start(const std::string &location) const {
   const std::lock_guard guard(lock_);
   const place *where = find(location);
   if (where == nullptr) return false;
-  return where->state == health::up || (where->probe == 0 && qx_get_tstamp() >= where->retry_at);
+  return where->state == health::up || (where->probe == 0 && steady::now() >= where->retry_at);
 }
 
 transfer_locations::permit transfer_locations::start(const std::string &location) {
@@ -162,7 +169,7 @@ transfer_locations::permit transfer_locations::start(const std::string &location
   place *where = find(location);
   if (where == nullptr) return made;
   if (where->state != health::up) {
-    if (where->probe != 0 || qx_get_tstamp() < where->retry_at) return made;
+    if (where->probe != 0 || steady::now() < where->retry_at) return made;
     made.probe_ = where->probe = ++probes_;
   }
   made.owner_ = this;
@@ -185,7 +192,7 @@ double transfer_locations::next_retry() const {
   double first = 0;
   for (const auto &[name, where] : places_) {
     if (where->state == health::up) continue;
-    const double when = where->probe != 0 ? qx_get_tstamp() + 1 : where->retry_at;
+    const double when = where->probe != 0 ? qx_get_tstamp() + 1 : wall_time_of(where->retry_at);
     if (first == 0 || when < first) first = when;
   }
   return first;
@@ -250,7 +257,8 @@ bool transfer_locations::fail(place &where, const std::string &name, const s3_an
   where.probe = 0;
   where.reason = describe(answer);
   ++where.rests;
-  where.retry_at = qx_get_tstamp() + rest_after(answer, where.rests);
+  const std::chrono::duration<double> rest(rest_after(answer, where.rests));
+  where.retry_at = steady::now() + std::chrono::ceil<steady::duration>(rest);
   // Once for each change of state; the status has the reason of now.
   if (before != where.state) {
     QX_LOG(FR_LOG_WARNING, "location %s is %s: %s\n", name.c_str(), word_of(where.state),
@@ -272,7 +280,6 @@ bool transfer_locations::tell(const std::string &location, const s3_answer &answ
   if (where->state != health::up) {
     where->state = health::up;
     where->reason.clear();
-    where->retry_at = 0;
     QX_LOG(FR_LOG_NOTICE, "location %s is up again\n", location.c_str());
   }
   return false;
@@ -289,7 +296,8 @@ std::vector<location_report> transfer_locations::report() const {
   const std::lock_guard guard(lock_);
   std::vector<location_report> lines;
   for (const auto &[name, where] : places_) {
-    lines.push_back({name, word_of(where->state), where->reason, where->retry_at, where->failures});
+    const double retry_at = where->state == health::up ? 0 : wall_time_of(where->retry_at);
+    lines.push_back({name, word_of(where->state), where->reason, retry_at, where->failures});
   }
   return lines;
 }

@@ -23,6 +23,8 @@ TEST(TransferBackoff, MembersBeyondItsRoomWaitAndHoldNobodyUp) {
   }
   EXPECT_GT(free, count * 9 / 10);
   EXPECT_FALSE(table.holds(item(count - 1), 1e9 + 3600));
+  for (const double now : {1e9, 1e9 - 60}) table.see_time(now);
+  EXPECT_EQ(table.take_due(queue_kind::uploads, 1e9 - 60, count).size(), 10'000U) << "set back";
 }
 
 }  // namespace
