@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <list>
 #include <map>
@@ -25,6 +26,7 @@ struct transfer {
   object_fetch fetch;
   int target;  // of the first order
   std::list<download_order> orders;
+  bool is_joined = false;  // by another order since the last try
 };
 
 }  // namespace
@@ -46,6 +48,7 @@ class transfer_downloads::engine {
   transfer_pointer next();
   void run(const transfer_pointer &what);
   void fail(const transfer_pointer &what, const char *reason);
+  bool prepare(const transfer_pointer &what);
   std::list<download_order> close(const transfer_pointer &what);
   void deliver(transfer &what, const std::list<download_order> &orders);
 
@@ -80,13 +83,15 @@ void transfer_downloads::engine::order(download_order what) {
       // The same object is on its way: one more target for it.
       if (found != transfers_.end()) {
         found->second->orders.push_back(std::move(what));
+        found->second->is_joined = true;
         return;
       }
       const auto one = std::make_shared<transfer>(
           transfer{name,
                    object_fetch(queue_, locations_, control_, what.location_text, what.key, wait_),
                    what.target.get(),
-                   {}});
+                   {},
+                   false});
       one->orders.push_back(std::move(what));
       // Without memory in between it runs for itself; the other way round it would never run.
       due_.emplace(fetch_clock::now(), one);
@@ -148,7 +153,26 @@ transfer_downloads::engine::transfer_pointer transfer_downloads::engine::next() 
   return nullptr;
 }
 
+// False when nobody waits for it any more: it is nobody's transfer then.
+bool transfer_downloads::engine::prepare(const transfer_pointer &what) {
+  std::list<download_order> left;  // ended without the lock, as all are
+  {
+    const std::lock_guard guard(lock_);
+    // Who ordered the object last has the full time.
+    if (std::exchange(what->is_joined, false)) what->fetch.begin_anew();
+    const auto is_wanted = [](const download_order &one) {
+      return !one.is_wanted || one.is_wanted();
+    };
+    if (std::ranges::any_of(what->orders, is_wanted)) return true;
+    transfers_.erase(what->name);
+    left.swap(what->orders);
+  }
+  for (const download_order &one : left) one.done(false);
+  return false;
+}
+
 void transfer_downloads::engine::run(const transfer_pointer &what) {
+  if (!prepare(what)) return;
   fetch_step step{fetch_step::kind::failed};
   {
     const transfer_state::ticket ticket(state_, "download", what->name);
@@ -178,7 +202,7 @@ void transfer_downloads::engine::deliver(transfer &what, const std::list<downloa
     const int target = one.target.get();
     // Each copy reads the first one's file from its start.
     ::lseek(what.target, 0, SEEK_SET);
-    const int error = target == what.target ? 0 : copy_content(what.target, target);
+    const int error = target == what.target ? 0 : copy_content(what.target, target, &control_.stop);
     // Without a receipt the store is asked instead.
     if (error == 0) no_throw([&] { write_receipt(target, object); });
     ++(error == 0 ? state_.counters.downloads : state_.counters.download_failures);

@@ -18,6 +18,8 @@ struct download_order {
   unique_fd target;  // a regular file, empty, open for writing
   // Called exactly once, from any thread: whether the whole object is in the target.
   std::function<void(bool)> done;
+  // Whether the host is still there; asked under a lock. Empty for always.
+  std::function<bool()> is_wanted = {};
 };
 
 // Safe from several threads. Orders of one object share one transfer; each has its own target.

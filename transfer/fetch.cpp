@@ -54,6 +54,7 @@ fetch_step object_fetch::attempt(int target) {
   if (!locations_.is_known(location_)) return {kind::failed, {}, "the location is not configured"};
   // Its upload tells the DisDB when it is done.
   if (fetch_clock::now() < ask_store_at_ && queue_.is_queued(location_text_, key_) == true) {
+    note_progress();
     return {kind::again, next_look};
   }
   const auto permit = locations_.start(location_);
@@ -93,6 +94,8 @@ fetch_step object_fetch::get(int target) {
 
 // Its upload may still be queued, on any node, or may have ended between the two questions.
 fetch_step object_fetch::after_absence() {
+  // The store answered: trouble from now on is of its own.
+  note_progress();
   const std::optional<bool> is_queued = queue_.is_queued(location_text_, key_);
   if (is_queued == false && is_absent_) return {kind::failed, {}, "the store does not have it"};
   // A DisDB that does not answer leaves it open, which is like being queued.
@@ -132,6 +135,11 @@ fetch_step object_fetch::after_trouble(const s3_answer &answer, int target, std:
   return later(
       std::chrono::duration_cast<fetch_clock::duration>(std::chrono::duration<double>(seconds)),
       reason_of(answer));
+}
+
+void object_fetch::note_progress() {
+  moved_ = fetch_clock::now();
+  failures_ = 0;
 }
 
 fetch_step object_fetch::later(fetch_clock::duration delay, const std::string &reason) const {

@@ -29,6 +29,8 @@ class object_fetch {
   // `target` is the same file each time. After `done` it has the whole object, and the receipt is
   // that of the object.
   fetch_step attempt(int target);
+  // The next try counts as the first one, whatever is in the target by now.
+  void begin_anew() { begun_ = {}; }
   const receipt &got() const { return got_; }
 
  private:
@@ -37,6 +39,8 @@ class object_fetch {
   // What to do when the store has no such object.
   fetch_step after_absence();
   fetch_step after_trouble(const s3_answer &answer, int target, std::int64_t from);
+  // What fails from now on has the full time to come right.
+  void note_progress();
   fetch_step later(fetch_clock::duration delay, const std::string &reason) const;
   void compare(s3_answer &answer, int target) const;
 
@@ -46,7 +50,8 @@ class object_fetch {
   const std::string location_text_, location_, key_;
   const std::chrono::seconds wait_;
   fetch_clock::time_point begun_{};  // of the first try
-  fetch_clock::time_point moved_{};  // when a try ended that brought something, or the first began
+  // When a try ended that brought something or found its upload queued, or the first began.
+  fetch_clock::time_point moved_{};
   fetch_clock::time_point ask_store_at_{};  // while its upload is queued
   std::string etag_;                        // of what the target has the beginning of
   bool is_absent_ = false;  // and nothing is queued: asked once more before that counts

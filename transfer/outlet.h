@@ -54,6 +54,10 @@ class outlet {
     const std::lock_guard guard(lock_);
     return send();
   }
+  bool is_open() const {
+    const std::lock_guard guard(lock_);
+    return static_cast<bool>(socket_);
+  }
   std::size_t unsent() const {
     const std::lock_guard guard(lock_);
     return unsent_.size();

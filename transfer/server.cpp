@@ -39,6 +39,28 @@ bool is_target(int fd) {
          ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size == 0;
 }
 
+using host = std::shared_ptr<outlet>;
+using number = std::shared_ptr<std::atomic<std::size_t>>;
+
+// Counts a download of a host, and of all, for as long as it lives.
+class counted_download {
+ public:
+  counted_download(host from, number all) : from_(std::move(from)), all_(std::move(all)) {
+    ++from_->downloads;
+    ++*all_;
+  }
+  counted_download(const counted_download &) = delete;
+  counted_download &operator=(const counted_download &) = delete;
+  ~counted_download() {
+    --from_->downloads;
+    --*all_;
+  }
+
+ private:
+  const host from_;
+  const number all_;
+};
+
 std::string answer(std::uint64_t id, bool is_done) {
   return encode_message(
       {.word = transfer_word::done, .status = is_done ? ready : failed, .id = id});
@@ -68,8 +90,6 @@ class transfer_server::engine {
   }
 
  private:
-  using host = std::shared_ptr<outlet>;
-
   void run();
   void turn();
   void serve(std::vector<pollfd> &entries);
@@ -84,8 +104,7 @@ class transfer_server::engine {
   listening_socket listener_;
   std::list<host> hosts_;
   // Downloads of all connections; those that end after this object count it down, too.
-  const std::shared_ptr<std::atomic<std::size_t>> running_ =
-      std::make_shared<std::atomic<std::size_t>>(0);
+  const number running_ = std::make_shared<std::atomic<std::size_t>>(0);
   bool may_accept_ = true;
   std::atomic<bool> is_ending_{false};
   reporter reporter_{hooks_.status};
@@ -200,21 +219,22 @@ void transfer_server::engine::order(const host &from, transfer_message &message)
     from->say({answer(message.id, false)});
     return;
   }
-  ++from->downloads;
-  ++*running_;
+  auto counted = std::make_shared<counted_download>(from, running_);
   hooks_.download({.location_text = std::move(message.first),
                    .key = std::move(message.second),
                    .target = std::move(message.descriptor),
-                   .done = [from, running = running_, id = message.id](bool is_done) {
-                     --from->downloads;
-                     --*running;
-                     // An answer that is lost would leave its host waiting.
-                     const bool is_said = no_throw(false, [&] {
-                       from->say({answer(id, is_done)});
-                       return true;
-                     });
-                     if (!is_said) from->break_off();
-                   }});
+                   .done =
+                       [from, counted = std::move(counted), id = message.id](bool is_done) mutable {
+                         // Before the host is told, who may order the next one at once.
+                         counted.reset();
+                         // An answer that is lost would leave its host waiting.
+                         const bool is_said = no_throw(false, [&] {
+                           from->say({answer(id, is_done)});
+                           return true;
+                         });
+                         if (!is_said) from->break_off();
+                       },
+                   .is_wanted = [from] { return from->is_open(); }});
 }
 
 transfer_server::transfer_server(server_hooks hooks)

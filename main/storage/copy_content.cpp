@@ -16,8 +16,8 @@ namespace {
 // source, or -1 with errno.
 using way_to_copy = ssize_t (*)(int from, int to, size_t most);
 
-// More than the kernel moves in one call, so that it is the one to choose.
-constexpr size_t most_at_once = 1U << 30;
+// Enough that calls cost nothing, and done soon enough for a stop.
+constexpr size_t most_at_once = 64U << 20;
 
 // Shares the blocks, or copies on the server, where the file system can.
 ssize_t within_file_system(int from, int to, size_t most) {
@@ -48,7 +48,7 @@ bool is_refusal(int error) {
 
 }  // namespace
 
-int copy_content(int from, int to) {
+int copy_content(int from, int to, const std::atomic<bool> *stop) {
   struct stat status {};
   if (::fstat(from, &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EINVAL;
@@ -57,6 +57,7 @@ int copy_content(int from, int to) {
   for (const way_to_copy copy : {within_file_system, between_file_systems, by_hand}) {
     ssize_t moved = 0;
     while (left > 0) {
+      if (stop != nullptr && *stop) return ECANCELED;
       moved = copy(from, to, left);
       if (moved < 0 && errno == EINTR) continue;
       if (moved <= 0) break;
