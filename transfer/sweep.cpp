@@ -13,6 +13,8 @@ namespace {
 
 // Which node began an upload is not to be told, and the files of a node may wait for days.
 constexpr double forgotten_after = 7 * 86'400.0;  // seconds
+// Of listings in a row: a store may go on listing what it has ended.
+constexpr int most_rounds = 10;
 
 bool is_forgotten(const job_context &context, const worker_settings &settings,
                   const std::string &location, const s3_upload &upload) {
@@ -26,7 +28,7 @@ bool is_forgotten(const job_context &context, const worker_settings &settings,
   return !context.queue.is_claimed(location, upload.key).value_or(true);
 }
 
-// False when nothing more is to be found, or the location does not answer.
+// Whether there may be more behind what was listed and ended.
 bool sweep_page(const job_context &context, const worker_settings &settings,
                 const std::string &location) {
   transfer_locations::lease client = context.locations.client(location);
@@ -45,7 +47,7 @@ bool sweep_page(const job_context &context, const worker_settings &settings,
     QX_LOG(FR_LOG_NOTICE, "location %s: a forgotten upload of [%s] was ended\n", location.c_str(),
            upload.key.c_str());
   }
-  return has_ended;
+  return has_ended && listing.has_more;
 }
 
 }  // namespace
@@ -55,7 +57,7 @@ void sweep_forgotten_parts(const job_context &context, const worker_settings &se
   for (const std::string &location : context.locations.names()) {
     const auto permit = context.locations.start(location);
     if (!permit) continue;
-    while (sweep_page(context, settings, location)) {
+    for (int round = 1; sweep_page(context, settings, location) && round < most_rounds; ++round) {
     }
   }
 }

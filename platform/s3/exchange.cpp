@@ -18,6 +18,8 @@ namespace {
 
 // A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
 constexpr std::size_t longest_document = std::size_t{8} << 20;
+// So many stall timeouts a store may be silent while it makes an answer that is much work.
+constexpr int silences_of_answer = 4;
 
 // All of the text must be a number: half a length would be worse than none.
 std::int64_t number(std::string_view text) {
@@ -157,19 +159,31 @@ bool s3_exchange::stalled() {
     seen_ = bytes;
     moved_ = now;
   }
-  return now - moved_ >= control_.stall_timeout;
+  return now - moved_ >= control_.stall_timeout * (may_be_silent() ? silences_of_answer : 1);
+}
+
+// Once it has all of a large body, or what names many objects or parts, a store has work to do
+// before it can answer.
+bool s3_exchange::may_be_silent() const {
+  constexpr std::int64_t large = 8 << 20;
+  const bool is_work = request_.file != nullptr ? given_ >= large : given_ > 0;
+  return is_work && given_ == request_.length() && unsent() == 0;
+}
+
+std::int64_t s3_exchange::moved() const {
+  curl_off_t up = 0, down = 0;
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &up);
+  curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
+  return up + down - unsent();
 }
 
 // On a slow line the kernel still sends long after it took the last byte from here.
-std::int64_t s3_exchange::moved() const {
-  curl_off_t up = 0, down = 0;
+int s3_exchange::unsent() const {
   curl_socket_t socket = CURL_SOCKET_BAD;
-  curl_easy_getinfo(handle_, CURLINFO_SIZE_UPLOAD_T, &up);
-  curl_easy_getinfo(handle_, CURLINFO_SIZE_DOWNLOAD_T, &down);
   curl_easy_getinfo(handle_, CURLINFO_ACTIVESOCKET, &socket);
   int waiting = 0;
-  if (socket != CURL_SOCKET_BAD && ::ioctl(socket, SIOCOUTQ, &waiting) != 0) waiting = 0;
-  return up + down - waiting;
+  const bool is_told = socket != CURL_SOCKET_BAD && ::ioctl(socket, SIOCOUTQ, &waiting) == 0;
+  return is_told ? waiting : 0;
 }
 
 long s3_exchange::status() const {

@@ -51,7 +51,8 @@ class s3_exchange {
   static std::size_t give(char *to, std::size_t size, std::size_t count, void *self);
   static std::size_t take(const char *from, std::size_t size, std::size_t count, void *self);
 
-  // Whether no byte has moved for the control's stall timeout, neither here nor in the socket.
+  // Whether no byte has moved for the control's stall timeout, neither here nor in the socket; for
+  // four of them while the store may be busy with what it got.
   bool stalled();
   // Whether bytes have moved too slowly for the control's window, or for ten of them while the
   // store makes an answer; waiting for the rate does not count.
@@ -84,7 +85,9 @@ class s3_exchange {
   bool find_start();
   // Waits until the rate lets these bytes through; false when the stop flag went up meanwhile.
   bool pace(std::size_t bytes);
+  bool may_be_silent() const;
   std::int64_t moved() const;  // bytes both ways, without those that the kernel still has
+  int unsent() const;          // bytes that the kernel still has
 
   const s3_request &request_;
   s3_control &control_;

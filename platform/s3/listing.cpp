@@ -94,5 +94,6 @@ s3_upload_listing s3_client::uploads(std::string_view prefix) {
     // An empty page that claims to go on would be asked for again without end.
     more &= listing.uploads.size() > before;
   }
+  listing.has_more = more && listing.answer;
   return listing;
 }

@@ -109,6 +109,7 @@ struct s3_upload {
 struct s3_upload_listing {
   s3_answer answer;
   std::vector<s3_upload> uploads;  // at most 20,000: done again after a sweep
+  bool has_more = false;
 };
 
 // A key that could not be removed, with the store's code: "AccessDenied".
@@ -128,7 +129,9 @@ struct s3_control {
   std::atomic<std::int64_t> bytes_per_second{0};  // both ways together; 0 for no limit
   // Times are read when a call begins to need them: change them only while none runs.
   std::chrono::milliseconds connect_timeout{5000};
-  std::chrono::seconds stall_timeout{30};  // without a byte moving
+  // Without a byte moving; four times as long for the answer to a body of 8 MiB or more, and to one
+  // that names objects or parts.
+  std::chrono::seconds stall_timeout{30};
   // A download that brings less than 4 KiB for each second of such a time ends, `unclear`. So does
   // an upload that sends less than 512 bytes a second, and an answer that takes ten such times.
   std::chrono::seconds trickle_window{60};

@@ -174,6 +174,13 @@ TEST(S3Connection, EndsACallThatStallsOrIsStopped) {
   stopper.join();
   EXPECT_EQ(answer.outcome, stopped);
   EXPECT_LT(seconds, 1);
+  const scripted_server late([](std::string_view) {
+    std::this_thread::sleep_for(1500ms);
+    return http_answer("503 Slow");
+  });
+  s3_control patient{.stall_timeout = 1s};
+  s3_client waiting(place_at(late.endpoint()), patient);
+  EXPECT_EQ(complete(waiting).outcome, busy) << "what is much work takes its time";
 }
 
 TEST(S3Connection, KeepsToTheRateThatAllClientsShare) {
