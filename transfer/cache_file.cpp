@@ -99,7 +99,7 @@ removal cache_file::remove_leased() {
   return ::unlinkat(folder_, away.c_str(), 0) == 0 ? removal::removed : removal::failed;
 }
 
-void put_back(int folder, const std::string &removing_name) {
+void put_back(int folder, const std::string &removing_name, bool tell) {
   const std::string name = removing_name.substr(std::strlen(removing_prefix));
   if (rename_new(folder, removing_name, name) == 0 || errno != EEXIST) return;
   // Which of the two is the newer one cannot be told: a download may have taken the name.
@@ -107,7 +107,7 @@ void put_back(int folder, const std::string &removing_name) {
   // With a receipt nothing is lost: the store has what is removed here.
   if (file && read_receipt(file->fd())) {
     ::unlinkat(folder, removing_name.c_str(), 0);
-  } else {
+  } else if (tell) {
     QX_LOG(FR_LOG_WARNING,
            "Cached file [%s] stays: its name is taken, and no receipt says that "
            "the store has it.",

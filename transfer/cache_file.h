@@ -55,7 +55,8 @@ class cache_file {
 };
 
 // Gives a file that was on its way out its name back. When the name is taken it is removed if its
-// receipt says that the store has it; otherwise it stays, and can be put back later.
-void put_back(int folder, const std::string &removing_name);
+// receipt says that the store has it; otherwise it stays, and can be put back later. The log names
+// it then if `tell`.
+void put_back(int folder, const std::string &removing_name, bool tell = true);
 
 #endif

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "platform/base/diagnostics.h"
 #include "platform/base/owner.h"
@@ -152,8 +153,11 @@ class cache_keeper::engine {
       limits_due = clock::now() + limit_interval;
     });
     const std::lock_guard guard(lock_);
-    look_due_ = clock::now() + look_interval;
-    if (ask_all) ask_due_ = clock::now() + ask_interval;
+    const auto now = clock::now();
+    look_due_ = now + look_interval;
+    // Sooner when something did not answer: what was lost is then likely to be found.
+    const bool is_whole = result && result->is_whole;
+    if (ask_all) ask_due_ = now + (is_whole ? ask_interval : look_interval);
     // Broken off by a stop: the numbers would be too small.
     if (!result) return;
     report_ = *result;
@@ -188,7 +192,10 @@ class cache_keeper::engine {
 
   void keep_limits(const keeper_settings &settings) {
     const std::int64_t missing = wanted_free(settings);
-    if (missing <= 0 && !may_be_large(settings)) return;
+    if (missing <= 0 && !may_be_large(settings)) {
+      is_above_limits_ = false;
+      return;
+    }
     const std::uint64_t moved = moved_bytes();
     forget_arrivals();
     const clock::time_point begin = clock::now();
@@ -202,7 +209,8 @@ class cache_keeper::engine {
     moved_at_look_ = moved;
     room_due_ = clock::now() + (vain ? between_vain_rooms : between_rooms);
     measure_due_ = clock::now() + std::max<clock::duration>(between_measures, took * measure_share);
-    if (!vain) return;
+    // Once, not each time that it is tried in vain.
+    if (std::exchange(is_above_limits_, vain) || !vain) return;
     QX_LOG(FR_LOG_WARNING,
            "The cache %s is %lld bytes above its limits, and nothing more in it can go: the rest "
            "is queued, in use, or not known to be in the store.",
@@ -211,6 +219,7 @@ class cache_keeper::engine {
 
   std::atomic<bool> stop_{false};
   const keeper_parts parts_;
+  bool is_above_limits_ = false;  // the keeper's thread has told so
   std::thread thread_;
   mutable std::mutex lock_;  // guards all that follows
   std::condition_variable wake_;

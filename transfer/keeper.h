@@ -34,6 +34,7 @@ struct keeper_report {
   std::int64_t not_in_store = 0;
   std::int64_t different = 0;  // of which the store has another object that is no older: kept
   double last_look = 0;
+  bool is_whole = true;  // false where something did not answer for some file
 };
 
 // Safe from several threads; the work is done on the keeper's own.

@@ -53,7 +53,7 @@ judgement judge_absent(const keeper_parts &parts, const keeper_settings &setting
   const transfer_config &config = settings.config;
   const double made = file.made_at();
   const auto deleted = deleted_at(parts, config, key);
-  if (!deleted) return judgement::left;
+  if (!deleted) return judgement::untold;
   // Deleted on another node, perhaps: the file here is what is left of it.
   if (*deleted > made + clock_error) return remove(parts, file);
   if (known && known->is_fetched) {
@@ -73,7 +73,7 @@ judgement judge_absent(const keeper_parts &parts, const keeper_settings &setting
     case queue_state::deleted:
       return remove(parts, file);
     default:
-      return judgement::left;
+      return judgement::untold;
   }
 }
 
@@ -94,16 +94,21 @@ judgement judge_deletion(const keeper_parts &parts, const keeper_settings &setti
   const transfer_config &config = settings.config;
   // Not a name that hosts make; who put it there may remove it.
   if (!first_id_of(key)) return judgement::left;
-  // Not known counts as not deleted: the file stays.
-  const double deleted = deleted_at(parts, config, key).value_or(0);
-  if (deleted <= file.made_at() + clock_error) return judgement::left;
-  return is_busy(parts, config, key).value_or(true) ? judgement::left : remove(parts, file);
+  const auto deleted = deleted_at(parts, config, key);
+  if (!deleted) return judgement::untold;
+  if (*deleted <= file.made_at() + clock_error) return judgement::left;
+  const auto busy = is_busy(parts, config, key);
+  if (!busy) return judgement::untold;
+  return *busy ? judgement::left : remove(parts, file);
 }
 
 judgement judge_file(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
                      const std::string &key, wanted what, bool young) {
   const transfer_config &config = settings.config;
-  if (!first_id_of(key) || is_busy(parts, config, key).value_or(true)) return judgement::left;
+  if (!first_id_of(key)) return judgement::left;
+  const auto busy = is_busy(parts, config, key);
+  if (!busy) return judgement::untold;
+  if (*busy) return judgement::left;
   const auto known = read_receipt(file.fd());
   const store_answer answer = ask_store(parts.locations, config, key, file, known, parts.stop);
   switch (answer.result) {
@@ -120,7 +125,7 @@ judgement judge_file(const keeper_parts &parts, const keeper_settings &settings,
                  ? judge_absent(parts, settings, file, key, std::nullopt)
                  : judgement::different;
     case proof::unknown:
-      return judgement::left;
+      return judgement::untold;
   }
-  return judgement::left;
+  return judgement::untold;
 }

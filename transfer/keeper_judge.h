@@ -24,10 +24,11 @@ enum class wanted {
   removal   // beside that, its removal when the store has it
 };
 
-// Only `removed` changes the cache. What is not known for sure is `left`.
+// Only `removed` changes the cache. What is not known for sure is `left` or `untold`.
 enum class judgement {
-  left,  // as it was: queued, in use, or not everything is known
-  kept,  // the store has it
+  left,    // as it was: queued, in use, or not everything can be known
+  untold,  // as it was, since DisDB or store did not answer
+  kept,    // the store has it
   removed,
   queued_again,  // neither the queue nor the store had it
   different,     // the store has another object there that is no older; kept

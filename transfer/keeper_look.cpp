@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -88,7 +89,7 @@ class look {
     const std::string key = found.key.substr(0, found.key.size() - found.name.size()) +
                             found.name.substr(std::strlen(removing_prefix));
     if (file && judge_deletion(parts_, settings_, *file, key) == judgement::removed) return;
-    put_back(found.folder, found.name);
+    put_back(found.folder, found.name, ask_all_);
   }
 
   void sweep(const walked_file &found) {
@@ -105,7 +106,9 @@ class look {
     const double unused = now_ - file->last_use();
     const bool expired = unused > settings_.cache_expire * hour;
     // Two intervals: a file is committed to the cache first, and queued after that.
-    const bool young = unused <= settings_.upload_interval * 2;
+    // One in steady use is not young.
+    const double age = now_ - std::min(file->made_at(), file->last_use());
+    const bool young = age <= settings_.upload_interval * 2;
     // Once a day: the file may have been deleted on another node, or lost its place in the queue.
     const bool is_due = ask_all_ && !young;
     const bool is_known = read_receipt(file->fd()).has_value();
@@ -127,6 +130,8 @@ class look {
     } else if (what == judgement::lost) {
       name_daily(++report_.not_in_store, "was stored, is not in the store any more, and is kept",
                  key);
+    } else if (what == judgement::untold) {
+      report_.is_whole = false;
     } else if (what == judgement::queued_again) {
       name(++queued_again_, "was neither queued nor in the store, and is queued again", key);
     }

@@ -118,6 +118,10 @@ TEST_F(Keeper, WhatTheQueueLostIsQueuedAgainAndWhatWasDeletedIsNot) {
   for (const std::string &key : {young, long_ago}) EXPECT_FALSE(queued(key)) << key;
   EXPECT_TRUE(node.has_file(long_ago)) << "whether it was deleted is not known any more";
   EXPECT_EQ(node.state.counters.queued_again, 5);
+  settings.upload_interval = 0;
+  used(node.path(young), -1);
+  EXPECT_TRUE(look().is_whole);
+  EXPECT_TRUE(queued(young)) << "however lately it was used";
   node.start();
   EXPECT_TRUE(eventually([&] { return world.queued() == "0 0"; }));
   EXPECT_EQ(world.object(lost), "hello");
@@ -139,7 +143,7 @@ TEST_F(Keeper, NothingGoesWhileTheStoreOrTheDisDbDoesNotAnswer) {
   EXPECT_TRUE(node.has_file(key));
   EXPECT_EQ(node.locations.configure(settings.config), "");
   world.server.pause();
-  look();
+  EXPECT_FALSE(look().is_whole);
   world.server.resume();
   EXPECT_TRUE(node.has_file(key));
 }
