@@ -67,7 +67,8 @@ std::string read_probe(s3_client &client, const std::string &key, double &differ
   const s3_listing listing = client.list(key);
   if (!listing.answer) return failed("listing", listing.answer);
   for (const s3_listed &object : listing.objects) {
-    if (object.key == key) difference = now - object.modified;
+    // Infinite where the store tells no time.
+    if (object.key == key && std::isfinite(object.modified)) difference = now - object.modified;
   }
   return "";
 }

@@ -61,11 +61,11 @@ void service_routine::report() {
 void service_routine::reload() {
   notify_reloading();
   settings_reading reading = read_settings();
-  if (reading.settings) metrics_file_ = reading.settings->config.metrics_file;
   // A mistake is logged, and the service goes on with what it has.
   for (const std::string &line : service_.reload(std::move(reading))) {
     QX_LOG(FR_LOG_WARNING, "Reloading: %s.", line.c_str());
   }
+  metrics_file_ = service_.metrics_file();
   QX_LOG(FR_LOG_NOTICE, "Reloaded.");
   notify_ready("reloaded");
 }

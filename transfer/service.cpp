@@ -183,6 +183,10 @@ void transfer_service::stop() {
   parts_.reset();
 }
 
+const std::string &transfer_service::metrics_file() const {
+  return parts_->settings.config.metrics_file;
+}
+
 service_report transfer_service::report() const {
   return parts_->report();
 }

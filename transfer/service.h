@@ -27,6 +27,8 @@ class transfer_service {
   // Ends within seconds; what was under way is taken up by the next start.
   void stop();
 
+  // Where metrics are written, by the configuration that holds; empty for nowhere.
+  const std::string &metrics_file() const;
   // Asks the DisDB, so it may take some seconds.
   service_report report() const;
 

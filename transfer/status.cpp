@@ -2,6 +2,8 @@
 // In memory only, on the reporter's thread or the main one.
 #include "transfer/status.h"
 
+#include <cmath>
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -38,7 +40,8 @@ void put(json_writer &json, const char *name, bool truth) {
 // null for nothing queued, as 0 would be a member that has just come.
 void put_age(json_writer &json, const char *name, double since, double now) {
   json.Key(name);
-  if (since > 0) {
+  // A score that a person set may be infinite, for which JSON has no text.
+  if (since > 0 && std::isfinite(since)) {
     json.Double(now - since);
   } else {
     json.Null();

@@ -175,8 +175,8 @@ int qx_storage_delete(int resource_type, const char *stored_name, const char *en
 /* Queues all that an owner has in the object store for deletion: voicemail, fax, recordings.
  * `text`, `other_text` and `argument` go into the service's location query, as its first and second
  * text and its argument. -1 with errno: ENOBUFS without a location, ENOMEM, or EIO when the queue
- * cannot be written; what was queued before stays. Copies in the cache stay too, until the
- * service's expiry ends them. */
+ * cannot be written; what was queued before stays. Copies in the caches stay for up to a day, until
+ * the service meets the deletion. */
 int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                 const char *other_text, void *argument);
 
