@@ -80,7 +80,7 @@ fetch_step object_fetch::get(int target) {
     answer.text = "the store went on with another object";
   }
   if (answer) compare(answer, target);
-  locations_.tell(location_, answer);
+  client.tell(answer);
   if (answer) {
     got_ = {.etag = answer.etag, .length = answer.length, .is_fetched = true};
     return {kind::done};

@@ -106,10 +106,10 @@ s3_answer claim_lost() {
 }
 
 object_end remove_older(const job_context &context, const worker_settings &settings,
-                        s3_client &client, const std::string &location, const std::string &key,
-                        double deleted_at, s3_answer &failure) {
+                        const transfer_locations::lease &client, const std::string &location,
+                        const std::string &key, double deleted_at, s3_answer &failure) {
   bool uncertain = false;
-  failure = call_store(context, location, uncertain, [&] { return client.head(key); });
+  failure = call_store(context, client, uncertain, [&] { return client->head(key); });
   if (!failure && failure.outcome != s3_outcome::not_found) return object_end::failed;
   if (failure) {
     const object_end end = judge_object(context, settings, failure, key, deleted_at);
@@ -118,8 +118,8 @@ object_end remove_older(const job_context &context, const worker_settings &setti
   // Also for what is not there: only this answer tells a missing object from a missing bucket.
   const upload_member member{location, context.queue.node(), key};
   uncertain = false;
-  failure = call_store(context, location, uncertain, [&] {
-    return context.queue.holds(member) ? client.remove(key) : claim_lost();
+  failure = call_store(context, client, uncertain, [&] {
+    return context.queue.holds(member) ? client->remove(key) : claim_lost();
   });
   if (uncertain) context.queue.note_unclear_removal(location, {key});
   return failure ? object_end::removed : object_end::failed;

@@ -49,12 +49,12 @@ void pause_before_repeating(const job_context &context, int attempt);
 // Makes a call up to three times, as one failure in many is ordinary, and tells each outcome to the
 // location.
 template <class Call>
-s3_answer call_store(const job_context &context, const std::string &location, bool &uncertain,
-                     Call &&call) {
+s3_answer call_store(const job_context &context, const transfer_locations::lease &client,
+                     bool &uncertain, Call &&call) {
   constexpr int attempts = 3;
   for (int attempt = 1;; ++attempt) {
     s3_answer answer = call();
-    const bool is_location_down = context.locations.tell(location, answer);
+    const bool is_location_down = client.tell(answer);
     uncertain |= may_follow(answer);
     const bool may_be_mended =
         !answer.retry_after &&
@@ -87,7 +87,7 @@ object_end judge_object(const job_context &context, const worker_settings &setti
 
 // Removes an object unless it is younger than its deletion. `failure` is set after `failed`.
 object_end remove_older(const job_context &context, const worker_settings &settings,
-                        s3_client &client, const std::string &location, const std::string &key,
-                        double deleted_at, s3_answer &failure);
+                        const transfer_locations::lease &client, const std::string &location,
+                        const std::string &key, double deleted_at, s3_answer &failure);
 
 #endif

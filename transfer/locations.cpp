@@ -267,11 +267,12 @@ bool transfer_locations::fail(place &where, const std::string &name, const s3_an
   return true;
 }
 
-bool transfer_locations::tell(const std::string &location, const s3_answer &answer) {
+bool transfer_locations::tell(const lease &by, const s3_answer &answer) {
   const meaning what = meaning_of(answer);
+  const std::string &location = by.location_;
   const std::lock_guard guard(lock_);
-  place *where = find(location);
-  // A location that a reload took away: nobody is to go on with it.
+  // From before a reload: it says nothing about the new keys, and nobody is to go on with the old.
+  place *where = by.generation_ == generation_ ? find(location) : nullptr;
   if (where == nullptr) return true;
   if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);
   where->probe = 0;

@@ -83,6 +83,9 @@ class transfer_locations {
     s3_client *operator->() const { return client_.get(); }
     s3_client &operator*() const { return *client_; }
     explicit operator bool() const { return client_ != nullptr; }
+    // What came of a call. True when the location is not to be asked again now, false when a
+    // failure is the key's own.
+    bool tell(const s3_answer &answer) const { return owner_->tell(*this, answer); }
 
    private:
     friend class transfer_locations;
@@ -93,10 +96,6 @@ class transfer_locations {
   };
   lease client(const std::string &location);
 
-  // What came of a call. True when the failure is the location's (it rests now), false when it is
-  // the key's own.
-  bool tell(const std::string &location, const s3_answer &answer);
-
   // All that are configured.
   std::vector<std::string> names() const;
   std::vector<location_report> report() const;
@@ -104,10 +103,11 @@ class transfer_locations {
  private:
   // A location with its keys, its health and its idle clients.
   struct place;
-  // These run under the lock, but for `give_back`, which takes it.
+  // These run under the lock, but for those that take a lease, which take it.
   place *find(const std::string &location) const;
   // Keeps the client for the next lease, unless the configuration changed or there are enough.
   void give_back(lease &what) noexcept;
+  bool tell(const lease &by, const s3_answer &answer);
   void end_probe(const std::string &location, long probe) noexcept;
   bool fail(place &where, const std::string &name, const s3_answer &answer);
 

@@ -62,13 +62,13 @@ std::string parts_record_path(const std::string &path) {
   return path.substr(0, name) + parts_prefix + path.substr(name);
 }
 
-void forget_parts(const job_context &context, transfer_locations::lease &client,
-                  const upload_member &member, const std::string &path) {
+void forget_parts(transfer_locations::lease &client, const upload_member &member,
+                  const std::string &path) {
   const std::string record = parts_record_path(path);
   const std::string id = read_record(record).id;
   if (id.empty()) return;
   const s3_answer answer = client->abort(member.key, id);
-  context.locations.tell(member.location, answer);
+  client.tell(answer);
   // Otherwise the record stays, and the next try ends the upload.
   if (answer || answer.outcome == s3_outcome::not_found) ::unlink(record.c_str());
 }
@@ -100,7 +100,7 @@ s3_answer multipart_upload::send(transfer_locations::lease &client, s3_metadata 
   if (!answer || id_.empty()) return answer;  // an earlier try was finished, or nothing began
   answer = send_parts();
   if (!answer) return answer;
-  answer = call_store(context_, file_.member.location, uncertain_,
+  answer = call_store(context_, client, uncertain_,
                       [&] { return client->complete(file_.member.key, id_, parts_); });
   // The answer to an earlier call may be lost that completed it.
   if (is_over(answer) && !is_stored(client, answer)) {
@@ -119,12 +119,12 @@ bool multipart_upload::resume(transfer_locations::lease &client, s3_answer &answ
   const upload_record found = read_record(path);
   if (found.id.empty()) return false;
   if (found.about != record()) {
-    forget_parts(context_, client, file_.member, file_.path);
+    forget_parts(client, file_.member, file_.path);
     return false;
   }
   bool changes_nothing = false;
   s3_part_listing listing;
-  answer = call_store(context_, file_.member.location, changes_nothing, [&] {
+  answer = call_store(context_, client, changes_nothing, [&] {
     listing = client->parts(file_.member.key, found.id);
     return listing.answer;
   });
@@ -146,8 +146,8 @@ bool multipart_upload::is_over(const s3_answer &answer) {
 // Whether the store has the object of this very upload; then the answer is that of its look.
 bool multipart_upload::is_stored(transfer_locations::lease &client, s3_answer &answer) {
   bool changes_nothing = false;
-  s3_answer head = call_store(context_, file_.member.location, changes_nothing,
-                              [&] { return client->head(file_.member.key); });
+  s3_answer head =
+      call_store(context_, client, changes_nothing, [&] { return client->head(file_.member.key); });
   if (!head || head.length != file_.length || head.metadata["sha256"] != sha256_ ||
       head.metadata["queued"] != file_.score) {
     return false;
@@ -161,7 +161,7 @@ bool multipart_upload::is_stored(transfer_locations::lease &client, s3_answer &a
 
 s3_answer multipart_upload::begin(transfer_locations::lease &client, const s3_metadata &metadata) {
   bool shows_nothing = false;
-  s3_answer answer = call_store(context_, file_.member.location, shows_nothing, [&] {
+  s3_answer answer = call_store(context_, client, shows_nothing, [&] {
     return client->begin_parts(file_.member.key, metadata, id_);
   });
   if (answer) write_record(parts_record_path(file_.path), id_, record());
@@ -234,6 +234,6 @@ s3_answer multipart_upload::send_part(transfer_locations::lease &client, int num
   });
   if (is_there) return answer;
   bool shows_nothing = false;  // before the completion no object appears
-  return call_store(context_, file_.member.location, shows_nothing,
+  return call_store(context_, client, shows_nothing,
                     [&] { return client->put_part(file_.member.key, id_, number, body); });
 }

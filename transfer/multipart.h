@@ -28,8 +28,8 @@ struct multipart_file {
 };
 
 // Ends an upload in parts that an earlier try began, when there is one.
-void forget_parts(const job_context &context, transfer_locations::lease &client,
-                  const upload_member &member, const std::string &path);
+void forget_parts(transfer_locations::lease &client, const upload_member &member,
+                  const std::string &path);
 
 // One try. Made on the worker's stack; up to three more threads help while parts are sent.
 class multipart_upload {

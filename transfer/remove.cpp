@@ -62,7 +62,7 @@ class delete_job {
   template <class Call>
   s3_answer ask(Call &&call) {
     bool changes_nothing = false;
-    return call_store(context_, member_.location, changes_nothing, std::forward<Call>(call));
+    return call_store(context_, client_, changes_nothing, std::forward<Call>(call));
   }
 
   bool fail(const s3_answer &answer) {
@@ -72,8 +72,8 @@ class delete_job {
 
   object_end remove_one() {
     s3_answer failure;
-    const object_end end = remove_older(context_, settings_, *client_, member_.location,
-                                        member_.key, deleted_at_, failure);
+    const object_end end = remove_older(context_, settings_, client_, member_.location, member_.key,
+                                        deleted_at_, failure);
     if (end == object_end::failed) fail(failure);
     return end;
   }
@@ -113,7 +113,7 @@ class delete_job {
     if (keys.empty()) return true;
     s3_removal removal;
     bool uncertain = false;
-    const s3_answer answer = call_store(context_, member_.location, uncertain, [&] {
+    const s3_answer answer = call_store(context_, client_, uncertain, [&] {
       if (!context_.queue.holds(member_)) return claim_lost();
       removal = client_->remove(keys);
       return removal.answer;

@@ -56,7 +56,7 @@ std::optional<s3_answer> head(transfer_locations &locations, const std::string &
   auto client = locations.client(name);
   if (!client) return std::nullopt;
   s3_answer answer = client->head(key);
-  locations.tell(name, answer);
+  client.tell(answer);
   // Only these two say whether the object is there.
   const bool told =
       answer || (answer.outcome == s3_outcome::not_found && answer.code != "NoSuchBucket");

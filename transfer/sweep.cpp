@@ -34,13 +34,13 @@ bool sweep_page(const job_context &context, const worker_settings &settings,
   transfer_locations::lease client = context.locations.client(location);
   if (!client) return false;
   const s3_upload_listing listing = client->uploads("");
-  context.locations.tell(location, listing.answer);
+  client.tell(listing.answer);
   bool has_ended = false;
   for (const s3_upload &upload : listing.uploads) {
     if (context.control.stop) return false;
     if (!is_forgotten(context, settings, location, upload)) continue;
     const s3_answer answer = client->abort(upload.key, upload.id);
-    context.locations.tell(location, answer);
+    client.tell(answer);
     if (!answer) continue;
     has_ended = true;
     ++context.state.counters.swept;

@@ -98,7 +98,7 @@ class upload_job {
     // Another node may have stored the key again while this waited.
     if (qx_get_tstamp() - entry_.queued_at() > soon) {
       bool changes_nothing = false;
-      s3_answer head = call_store(context_, member_.location, changes_nothing,
+      s3_answer head = call_store(context_, client_, changes_nothing,
                                   [&] { return client_->head(member_.key); });
       if (head && is_newer(head)) return drop();
       if (!head && head.outcome != s3_outcome::not_found) return leave(failure_of(head));
@@ -119,10 +119,10 @@ class upload_job {
         return leave({context_.control.stop ? job_end::retry : job_end::parked,
                       "its file cannot be read: " + std::string(std::strerror(errno))});
       }
-      answer = call_store(context_, member_.location, uncertain_,
+      answer = call_store(context_, client_, uncertain_,
                           [&] { return client_->put(member_.key, body, metadata); });
       // A larger file of this key may have been on its way before a restart.
-      if (answer) forget_parts(context_, client_, member_, path_);
+      if (answer) forget_parts(client_, member_, path_);
     }
     if (!answer) return leave(failure_of(answer));
     // Before the member goes: a kill in between sends the file again, and never loses it.
@@ -157,9 +157,9 @@ class upload_job {
   job_result cancel() {
     const auto deleted_at = context_.queue.deleted_at(member_);
     if (!deleted_at) return leave({job_end::down});
-    forget_parts(context_, client_, member_, path_);
+    forget_parts(client_, member_, path_);
     s3_answer failure;
-    const object_end result = remove_older(context_, settings_, *client_, member_.location,
+    const object_end result = remove_older(context_, settings_, client_, member_.location,
                                            member_.key, *deleted_at, failure);
     if (result == object_end::failed) return leave(failure_of(failure));
     if (result == object_end::early) return leave({job_end::claimed, early_text});

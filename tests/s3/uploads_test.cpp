@@ -241,7 +241,8 @@ TEST_F(Uploads, AnUploadInPartsThatTheStorePutTogetherWronglyIsBegunAnew) {
   ASSERT_TRUE(world.client.put(key, support::stored_bytes(std::string(7 << 20, 'x')).body(),
                                {{"sha256", digest}, {"queued", "1000"}, {"node", "n1"}}));
   here.commit(key, content, 1000);
-  std::ofstream(parts_record_path(here.path(key))) << "gone\n1000\n7340032\n5242880\n" << digest << "\n";
+  std::ofstream(parts_record_path(here.path(key))) << "gone\n1000\n7340032\n5242880\n"
+                                                   << digest << "\n";
   here.start();
   ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
   EXPECT_TRUE(world.object(key) == content);
@@ -277,7 +278,7 @@ TEST_F(Uploads, WhatAStoreDamagesIsNotTakenForStored) {
 TEST_F(Uploads, AStoreThatRefusesKeyAfterKeyIsGivenAShortRest) {
   log.expect(FR_LOG_WARNING, "location eu is refusing");
   const s3_answer refused{.outcome = s3_outcome::refused, .status = 400};
-  for (int i = 0; i < 8; ++i) here.locations.tell("eu", refused);
+  for (int i = 0; i < 8; ++i) here.locations.client("eu").tell(refused);
   EXPECT_FALSE(here.locations.report()[0].state == "up");
   EXPECT_LT(here.locations.report()[0].retry_at, qx_get_tstamp() + 5);
 }
