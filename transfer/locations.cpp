@@ -23,14 +23,8 @@ constexpr size_t most_idle_clients = 64;
 enum class health { up, resting, refusing };
 
 const char *word_of(health state) {
-  switch (state) {
-    case health::up:
-      return "up";
-    case health::resting:
-      return "resting";
-    default:
-      return "refusing";
-  }
+  constexpr const char *words[] = {"up", "resting", "refusing"};
+  return words[static_cast<size_t>(state)];
 }
 
 enum class meaning { works, nothing, failure, refusal };

@@ -215,15 +215,12 @@ void transfer_queue::leave_upload(const queue_entry &entry, const upload_member 
 void transfer_queue::note_unclear_removal(const std::string &location,
                                           const std::vector<std::string> &keys) {
   vk_reply reply;
-  const std::string time = queue_number(now());
-  std::vector<std::string> members;
-  members.reserve(keys.size());
-  std::vector<std::string_view> words = {"ZADD", unclear_ends};
+  std::vector<std::string> words = {"ZADD", std::string(unclear_ends)};
   for (const std::string &key : keys) {
-    members.push_back(upload_names({location, node_, key}).unclear + ":older");
-    words.insert(words.end(), {time, members.back()});
+    words.push_back(queue_number(now()));
+    words.push_back(upload_names({location, node_, key}).unclear + ":older");
   }
-  vk_run(client_.get(), words, reply);
+  vk_run(client_.get(), std::vector<std::string_view>(words.begin(), words.end()), reply);
 }
 
 queue_state transfer_queue::begin_delete(const queue_entry &entry, const delete_member &member) {
