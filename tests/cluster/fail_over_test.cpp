@@ -56,10 +56,9 @@ class FailOver : public testing::Test {
         support::process_options{.environment = {{"LD_PRELOAD", std::nullopt}},
                                  .log = folder.path() / "log"});
     // It knows the replica before anything happens to the master.
-    for (int i = 0; i < 300 && log_of_sentinel().find("+slave slave") == std::string::npos; ++i) {
-      std::this_thread::sleep_for(100ms);
-    }
-    EXPECT_NE(log_of_sentinel().find("+slave slave"), std::string::npos) << log_of_sentinel();
+    EXPECT_TRUE(support::eventually([&] {
+      return log_of_sentinel().find("+slave slave") != std::string::npos;
+    })) << log_of_sentinel();
   }
   std::string log_of_sentinel() const {
     std::ifstream file(folder.path() / "log");
@@ -182,14 +181,13 @@ TEST_F(FailOver, TheNewMasterIsFoundWithinTwoSecondsAndNothingIsWrong) {
 // Keeper.WhatTheQueueLostIsQueuedAgainAndWhatWasDeletedIsNot shows it beside a store.
 TEST_F(FailOver, AQueueEntryThatTheReplicaDidNotGetVanishesAndItsFileStays) {
   ASSERT_TRUE(commit(10'001));
-  for (int i = 0; i < 100 && !is_queued_at_replica(10'001); ++i) std::this_thread::sleep_for(20ms);
+  ASSERT_TRUE(support::eventually([&] { return is_queued_at_replica(10'001); }));
   replica.pause();
   box.redis({"SET", "more", std::string(32 << 20, 'x')});  // than sockets hold for it
   ASSERT_TRUE(commit(10'002));
   master.kill_hard();
   replica.resume();
-  for (int i = 0; i < 300 && !is_promoted(); ++i) std::this_thread::sleep_for(100ms);
-  ASSERT_TRUE(is_promoted()) << log_of_sentinel();
+  ASSERT_TRUE(support::eventually([&] { return is_promoted(); })) << log_of_sentinel();
   EXPECT_TRUE(is_queued_at_replica(10'001));
   EXPECT_FALSE(is_queued_at_replica(10'002));
   EXPECT_TRUE(std::filesystem::exists(file_of(10'002)));

@@ -42,8 +42,8 @@ class Nodes : public testing::Test {
   // Both at the same moment.
   void refresh_both() const {
     const auto one = first.start_spoolcap(refresh), other = second.start_spoolcap(refresh);
-    EXPECT_EQ(one->wait(60s)->status, 0);
-    EXPECT_EQ(other->wait(60s)->status, 0);
+    EXPECT_EQ(one->wait(60s).value().status, 0);
+    EXPECT_EQ(other->wait(60s).value().status, 0);
   }
   // Components of a node that count a byte many times.
   static std::unique_ptr<support::background_process> counting(const sandbox &node) {
@@ -57,8 +57,8 @@ class Nodes : public testing::Test {
   }
   void count_on_both() const {
     const auto one = counting(first), other = counting(second);
-    EXPECT_EQ(one->wait(60s)->status, 0);
-    EXPECT_EQ(other->wait(60s)->status, 0);
+    EXPECT_EQ(one->wait(60s).value().status, 0);
+    EXPECT_EQ(other->wait(60s).value().status, 0);
   }
 
   sandbox first;

@@ -60,8 +60,10 @@ TEST(DatabaseTrouble, AServerKilledInTheMiddleIsHealedByTheNextRun) {
   box.sql("SET GLOBAL innodb_flush_log_at_trx_commit = 2");  // what was committed survives the kill
   fill(box, 300);
   ASSERT_EQ(box.run_spoolcap(set_all).status, 0);
+  box.write_file(box.quota_path("1/2/100/fax"), "5.0");
   const auto run = box.start_spoolcap(set_all);
-  std::this_thread::sleep_for(40ms);
+  EXPECT_TRUE(
+      support::eventually([&] { return box.read_file(box.quota_path("1/2/100/fax")) != "5.0"; }));
   server.kill_hard();
   const auto ended = run->wait(20s);
   ASSERT_TRUE(ended.has_value());

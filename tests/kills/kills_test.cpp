@@ -208,7 +208,7 @@ TEST_F(Kills, LoseNothingBringNothingBackAndLeaveNothingOver) {
   int downloads = 0, versions = 0;
   for (int host = 0; host < hosts; ++host) {
     states[host].stop = true;
-    EXPECT_EQ(running[host]->wait(60s)->status, 0);
+    EXPECT_EQ(running[host]->wait(60s).value().status, 0);
     EXPECT_EQ(states[host].wrong, 0) << "a download was not what was stored";
     downloads += states[host].downloads;
     versions += states[host].versions;
@@ -220,10 +220,8 @@ TEST_F(Kills, LoseNothingBringNothingBackAndLeaveNothingOver) {
   EXPECT_EQ(box.redis({"EVAL", "return #redis.call('KEYS', 'storage:claim:*')", "0"}), "0");
   const texts keys = expect_right_objects();
   texts over;
-  for (int i = 0; i < 100 && !(over = leftovers(keys)).empty(); ++i) {
-    std::this_thread::sleep_for(100ms);
-  }
-  EXPECT_EQ(over, texts{});
+  EXPECT_TRUE(support::eventually([&] { return (over = leftovers(keys)).empty(); }))
+      << testing::PrintToString(over);
 }
 
 }  // namespace

@@ -160,7 +160,7 @@ TEST_F(Keeper, RoomIsMadeFromTheLongestUnused) {
     EXPECT_EQ(node.has_file("vm/1/2/" + std::to_string(i)), i == 0 || i > 3) << i;
   }
   // The thread does it on its own when the disk has too little room.
-  settings.cache_free = 99;
+  settings.cache_free = 100;
   for (int i = 4; i < 6; ++i) used(node.path("vm/1/2/" + std::to_string(i)), 1);
   cache_keeper keeper{node.queue, node.locations, node.state};
   keeper.start(settings);

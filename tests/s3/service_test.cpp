@@ -69,9 +69,7 @@ TEST(TransferService, LosesNothingWhenTheDisDbRestartsOrFailsOver) {
     ASSERT_TRUE(daemon.start());
     s3_control control;
     s3_client store(place, control);
-    while (store.list("").objects.size() < 10) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    ASSERT_TRUE(support::eventually([&] { return store.list("").objects.size() >= 10; }));
     if (is_restart) {
       ask(first, {"CONFIG", "SET", "save", "3600 1"});
       first.stop();
@@ -98,10 +96,10 @@ TEST(TransferService, KnowsDeletionsForLongerThanFilesStayInTheCache) {
                "eu:o:" + std::to_string(days)});
   }
   ASSERT_TRUE(daemon.start());
-  EXPECT_TRUE(daemon.told("STATUS="));
-  EXPECT_EQ(box.redis({"EVAL", "return redis.call('ZRANGE', KEYS[1], 0, 0)[1]", "1",
-                       "storage:deleted:s3:main"}),
-            "eu:o:11");
+  EXPECT_TRUE(support::eventually([&] {
+    return box.redis({"EVAL", "return redis.call('ZRANGE', KEYS[1], 0, 0)[1]", "1",
+                      "storage:deleted:s3:main"}) == "eu:o:11";
+  }));
 }
 
 }  // namespace

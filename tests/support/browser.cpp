@@ -47,8 +47,8 @@ browser::browser()
       // Descriptors 3 and 4 are where it looks for its pipes.
       process_({"/bin/sh", "-c", "cd \"$1\" && shift && exec \"$@\" 3<to 4>from", "sh",
                 folder_.path(), program, "--no-sandbox", "--disable-gpu", "--disable-sync",
-                "--disable-background-networking", "--disable-component-update",
-                "--window-size=1400,1000", "--remote-debugging-pipe",
+                "--disable-dev-shm-usage", "--disable-background-networking",
+                "--disable-component-update", "--window-size=1400,1000", "--remote-debugging-pipe",
                 "--user-data-dir=" + (folder_.path() / "profile").string(), "about:blank"},
                {.environment = {{"LD_PRELOAD", {}}}}) {
   const rapidjson::Document target = call("Target.createTarget", R"({"url": "about:blank"})");
@@ -111,11 +111,10 @@ void browser::note(const rapidjson::Document &message) {
 
 void browser::open(const std::string &path) {
   call("Page.navigate", R"({"url": )" + json_text("file://" + path) + "}");
-  for (int tries = 0; tries < 600; ++tries) {
-    if (value("performance.getEntriesByName('drawn').length") == "1") return;
-    ::poll(nullptr, 0, 50);
-  }
-  throw std::runtime_error("the page does not draw itself: " + path);
+  const auto is_drawn = [this] {
+    return value("performance.getEntriesByName('drawn').length") == "1";
+  };
+  if (!eventually(is_drawn)) throw std::runtime_error("the page does not draw itself: " + path);
 }
 
 std::string browser::value(const std::string &expression) {

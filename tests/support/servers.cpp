@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -52,13 +53,13 @@ std::vector<std::string> words(const std::string &text, const std::vector<std::s
 unique_fd bound_to_loopback(int &port) {
   unique_fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t length = sizeof address;
-  auto *generic = reinterpret_cast<sockaddr *>(&address);
-  if (bind(fd.get(), generic, length) != 0 || getsockname(fd.get(), generic, &length) != 0) {
-    throw std::runtime_error("no free port on 127.0.0.1");
+  std::random_device draw;  // from below the ports that outgoing connections take
+  for (int tries = 0; tries < 100; ++tries) {
+    port = 20'000 + static_cast<int>(draw() % 12'000);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) == 0) return fd;
   }
-  port = ntohs(address.sin_port);
-  return fd;
+  throw std::runtime_error("no free port on 127.0.0.1");
 }
 
 private_folder::private_folder(const std::string &prefix) {

@@ -48,7 +48,7 @@ std::unique_ptr<background_process> transfer_daemon::start_with(
 }
 
 process_result transfer_daemon::run(const std::vector<std::string> &arguments) const {
-  return start_with(arguments)->wait(std::chrono::seconds(60)).value();
+  return start_with(arguments)->wait(std::chrono::seconds(90)).value();
 }
 
 bool transfer_daemon::start() {
@@ -68,7 +68,7 @@ bool transfer_daemon::start() {
 
 process_result transfer_daemon::stop(int signal) {
   process_->kill(signal);
-  return process_->wait(std::chrono::seconds(10)).value();
+  return process_->wait(std::chrono::seconds(30)).value();
 }
 
 std::optional<std::string> transfer_daemon::told(std::string_view begin) {

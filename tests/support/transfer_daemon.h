@@ -21,7 +21,7 @@ class transfer_daemon {
 
   // Starts the service and waits until it says that it is ready. False when it ended instead.
   bool start();
-  // Ends it with this signal; its result, which must come within ten seconds.
+  // Ends it with this signal; its result, which must come within half a minute.
   process_result stop(int signal = SIGTERM);
   background_process &process() { return *process_; }
 

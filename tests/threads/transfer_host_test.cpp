@@ -82,7 +82,7 @@ TEST_F(TransferHost, AChildOfForkHasAConnectionOfItsOwn) {
     return end_of(theirs) == QX_STORAGE_READY && (qx_transfer_stop(), true);
   });
   write_whole(daemon.next(), "theirs");
-  EXPECT_EQ(child.wait(std::chrono::seconds(30))->status, 0);
+  EXPECT_EQ(child.wait(std::chrono::seconds(60)).value().status, 0);
   EXPECT_EQ(state_of(ours), QX_STORAGE_PENDING);
   write_whole(order, "ours");
   EXPECT_EQ(end_of(ours), QX_STORAGE_READY);

@@ -129,7 +129,7 @@ TEST_F(Contention, FirstUpdatesOfAFileMeetWithoutAMark) {
     for (int i = 0; i < 6; ++i) {
       children.emplace_back([&] {
         while (!shared->stop) continue;
-        return quota_upd_fast_internal(path.c_str(), 5, 10'000) > 0;
+        return quota_upd_fast_internal(path.c_str(), 5, 60'000) > 0;
       });
     }
     shared->stop = true;

@@ -84,14 +84,15 @@ TEST(VelkanTime, AServerThatHangsCostsWhatIsLeftAndIsFoundAgainAfterThePause) {
   ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
   leave_of_budget(300ms);
   server.pause();
-  EXPECT_NEAR(seconds_of([&] { EXPECT_EQ(client.get("h", "f"), VK_ERR_IO); }), 0.3, 0.1);
-  const cache_client other({server.socket()});
-  const double spent_already = seconds_of([&] { EXPECT_EQ(other.get("h", "f"), VK_ERR_DOWN); });
-  EXPECT_LT(spent_already, 0.1) << "all clients of a process have one budget";
+  const double spent = seconds_of([&] { EXPECT_EQ(client.get("h", "f"), VK_ERR_IO); });
+  EXPECT_GE(spent, 0.2);
+  EXPECT_LT(spent, 1.9) << "without the budget it is 2 s";
   server.resume();
+  const cache_client other({server.socket()});
+  EXPECT_EQ(other.get("h", "f"), VK_ERR_DOWN) << "all clients of a process have one budget";
+  leave_of_budget(2s);
   EXPECT_EQ(client.get("h", "f"), VK_ERR_DOWN);
-  std::this_thread::sleep_for(5s);
-  EXPECT_EQ(client.get("h", "f"), VK_OK);
+  EXPECT_TRUE(support::eventually([&] { return client.get("h", "f") == VK_OK; }, 10s));
 }
 
 TEST(VelkanTime, APatientClientHasNoBudgetAndAsksAgainAfterHalfASecond) {
@@ -101,11 +102,13 @@ TEST(VelkanTime, APatientClientHasNoBudgetAndAsksAgainAfterHalfASecond) {
   leave_of_budget(0ms);
   ASSERT_EQ(client.set("h", "f", "v"), VK_OK);
   server.pause();
-  EXPECT_NEAR(seconds_of([&] { EXPECT_EQ(client.get("h", "f"), VK_ERR_IO); }), 2, 0.2);
-  server.resume();
-  EXPECT_EQ(client.get("h", "f"), VK_ERR_DOWN);
-  std::this_thread::sleep_for(500ms);
-  EXPECT_EQ(client.get("h", "f"), VK_OK);
+  const double spent = seconds_of([&] {
+    EXPECT_EQ(client.get("h", "f"), VK_ERR_IO);
+    server.resume();
+    EXPECT_TRUE(support::eventually([&] { return client.get("h", "f") == VK_OK; }));
+  });
+  EXPECT_GE(spent, 2.4) << "2 s and a pause";
+  EXPECT_LT(spent, 6.9) << "the pause of others is 5 s";
 }
 
 TEST(VelkanTime, ANameIsLookedUpAgainOnlyWhenItsAddressesDoNotServe) {
@@ -124,8 +127,7 @@ TEST(VelkanTime, ANameIsLookedUpAgainOnlyWhenItsAddressesDoNotServe) {
   EXPECT_EQ(client.get("h", "f"), VK_ERR_DOWN);
 
   name_is_at("127.0.0.1");
-  std::this_thread::sleep_for(5s);
-  EXPECT_EQ(client.get("h", "f"), VK_OK);
+  EXPECT_TRUE(support::eventually([&] { return client.get("h", "f") == VK_OK; }));
 
   name_is_at("127.0.0.2");
   ask(server, {"CLIENT", "KILL", "TYPE", "normal"});
@@ -145,7 +147,7 @@ TEST(VelkanTime, AnAddressThatHangsDoesNotHideTheNextOneOfItsName) {
     queue.push_back(std::move(*connection));
   }
   addresses.push_back(addresses_of("127.0.0.1", server.port())[0]);
-  auto connection = vk_connection::open(addresses, in(200ms));
+  auto connection = vk_connection::open(addresses, in(4s));
   ASSERT_TRUE(connection);
 
   // An answer that is there too late is none, or a peer that never ends could go on for ever.

@@ -183,11 +183,9 @@ TEST(Clock, SleepsItsTimeThroughSignals) {
   std::signal(SIGALRM, [](int) { alarms = alarms + 1; });
   const itimerval every_10_ms = {{0, 10000}, {0, 10000}};
   ::setitimer(ITIMER_REAL, &every_10_ms, nullptr);
-  const double start = qx_get_tstamp();
-  EXPECT_EQ(zarn_sleep(0.25F), 0);
-  EXPECT_GE(qx_get_tstamp() - start, 0.249);
-  EXPECT_GE(alarms, 3);
-  EXPECT_NEAR(start, static_cast<double>(::time(nullptr)), 10);
+  EXPECT_GE(support::seconds_of([] { EXPECT_EQ(zarn_sleep(0.25F), 0); }), 0.249);
+  EXPECT_GE(alarms, 1);
+  EXPECT_NEAR(qx_get_tstamp(), static_cast<double>(::time(nullptr)), 10);
   EXPECT_EQ(zarn_sleep(-0.5F), -1);
 }
 
