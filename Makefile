@@ -1,8 +1,8 @@
 # The front door. Each target does all that it needs, from a fresh Debian 12 machine.
 #   make demo   run the main job on a private MariaDB and Redis, then remove everything
 #   make demo-s3 a recording to a private object store and back; it installs one, of some 270 MB
-#   make test   build and pass all tests but those that need an object store
-#   make test-s3 those: it installs one, of some 270 MB
+#   make test   build and pass all tests but those of test-s3 and cluster-test
+#   make test-s3 those with an object store: it installs one, of some 270 MB
 #   make test-swift  the client against a second store, once per release and when signing changes
 #   make test-page  those of the report's page, in a real browser
 #   make cluster-test  replicas, fail-over, several nodes, and a platform of ACCOUNTS accounts (50,000)

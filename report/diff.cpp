@@ -100,10 +100,9 @@ const report_command diff_command = {
         "\"-\" is standard input.\n"
         "An account has moved when another account is its parent.\n"
         "\n"
-        "With three snapshots or more, the changes are those between the first and the last, and\n"
-        "each account has the day on which it reaches the first of its limits, if its use goes on\n"
-        "as the straight line through its trusted figures does. Accounts that reach one are "
-        "listed\n"
+        "With three snapshots or more, the changes are those between the first and the last.\n"
+        "Each account also has the day on which it reaches its first limit. That day continues\n"
+        "the straight line through its trusted figures. Accounts that reach one are listed\n"
         "even if their use is the same.\n",
     .options = options,
     .run = run,
