@@ -2,14 +2,12 @@
  * spoolcap-transfer of this node, which carries files to and from the object store.
  *
  * A host calls qx_transfer_start once, beside qx_storage_initialize, and qx_transfer_stop before it
- * ends. Where files go is told by /etc/quorvex/transfer.conf alone: a daemon that is stopped, or a
- * store in trouble, never keeps a file from being stored. Only downloads need the daemon: while it
- * is away they fail at once, and work again when it is back.
+ * ends. /etc/quorvex/transfer.conf alone says where files go: storing needs neither the daemon nor
+ * the store. Downloads fail at once while the daemon is away, and work again when it is back.
  *
- * The library has one thread of its own for this, from the first use of the daemon on. A child of
- * fork goes on with a connection of its own; downloads that its parent started are the parent's,
- * and never end in the child. Both functions may be called from any thread, but not from a signal
- * handler. */
+ * The library starts one thread at the first use of the daemon. A child of fork has a connection of
+ * its own; downloads that its parent started never end in the child. Call both functions from any
+ * thread, but not from a signal handler. */
 #ifndef SPOOLCAP_TRANSFER_H
 #define SPOOLCAP_TRANSFER_H
 
@@ -17,13 +15,12 @@
 
 SPOOLCAP_BEGIN_DECLARATIONS
 
-/* Reads the configuration and installs the service, in place of one that was registered with
- * qx_storage_register_api. Called again, it reads the configuration again. 0, or -1 after logging
- * what is wrong, with all as it was. */
+/* Reads the configuration, also when called again, and installs the service in place of another
+ * one. 0; -1 with nothing changed, after logging what is wrong. */
 int qx_transfer_start(void);
 
-/* Removes the service: the object store is not usable from then on. Every download that runs ends
- * as failed before the call returns. Nothing happens when the service was not started. */
+/* Removes the service: the object store is not usable from then on. All running downloads fail
+ * before the call returns. No effect when the service was not started. */
 void qx_transfer_stop(void);
 
 SPOOLCAP_END_DECLARATIONS

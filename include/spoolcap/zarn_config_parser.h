@@ -1,10 +1,10 @@
 /* Readers of the platform's directive files: a keyword, blank space, a value.
  *
- * There are two families, whose line rules differ on purpose:
- * - qx_conf_parse_string_value and the multi-directive readers take the keyword at the start of
- *   the line, ignoring case; a line that begins with "#" is a comment; lines of up to 8191 bytes;
- * - the credentials, worker and host readers take the keyword anywhere in the line, by case; the
- *   line ends at its first "#"; lines of up to 255 bytes.
+ * The line rules of two families differ on purpose:
+ *             string value, multi-directive     credentials, worker, host
+ *   keyword   start of line, ignoring case      anywhere, by case
+ *   comment   a line that begins with "#"       from the first "#" on
+ *   line      up to 8191 bytes                  up to 255 bytes
  * Longer lines are read in pieces that count as lines. Values are trimmed of white space.
  *
  * Results are 0 for success, -1 for failure, out of memory included. Strings handed out are

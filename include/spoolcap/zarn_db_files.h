@@ -2,9 +2,8 @@
  * extension_recording, extension_voicemail or extension_fax_center. Each call takes a session of
  * its own. Safe from several threads on different lists.
  *
- * WARNING: tables, columns, folders, values and every other text go into the statements as they
- * are, unescaped. None may come from outside without having been checked. A NULL where nothing says
- * that it may be is the function's failure. */
+ * WARNING: every text, tables and columns too, goes into the statements unescaped. Check each that
+ * comes from outside. A NULL is a failure, unless the function allows it. */
 #ifndef SPOOLCAP_ZARN_DB_FILES_H
 #define SPOOLCAP_ZARN_DB_FILES_H
 
@@ -14,10 +13,11 @@
 
 SPOOLCAP_BEGIN_DECLARATIONS
 
-/* Bytes that a table holds for one account: for a level of 100 its own extensions', for 50 and 10
- * those of all users below it, for 0 the whole table, which must then be given with its alias
- * ("extension_recording as er"); 0 for any other level and when there are no files. -1 on failure.
- * Table and account id go into the statement as they are. */
+/* Bytes that a table holds for one account; 0 without files, -1 on failure.
+ *   100     of its own extensions
+ *   50, 10  of all users below it
+ *   0       of the whole table, given with its alias: "extension_recording as er"
+ *   other   0 */
 int64_t qx_get_db_files_quota(const char *table, int level, const char *account_id);
 
 /* One stored file. Texts are malloc'ed and belong to the record's list. */
@@ -26,7 +26,7 @@ typedef struct qx_db_file {
   int64_t filesize; /* bytes; 0 where the database has no size */
   char *ext;        /* never NULL in a record that qx_list_db_files gave */
   char *filename;   /* may be NULL, as may the next two */
-  char *se;         /* columns se and az of the row, as they are */
+  char *se;         /* columns se and az of the row, unchanged */
   char *az;
 } qx_db_file_t;
 
@@ -36,22 +36,21 @@ typedef struct qx_db_file_list {
   uint64_t count;
 } qx_db_file_list_t;
 
-/* The files of an extension; `folder` (NULL: all) must match, `order_by` (NULL: any order) is what
- * follows ORDER BY. With *list NULL a list is allocated, otherwise that one is reset and used
- * again; release it with qx_release_db_files either way, also after a failure, which leaves it
- * empty (as it was for a NULL argument). Faxes have the extension "pdf", and the name of the column
- * file_name. The number of records, which may be 0, or -1. */
+/* The files of an extension; `folder` (NULL: all) must match, `order_by` (NULL: any order) follows
+ * ORDER BY. A NULL *list is allocated, another one reset and used again. Release it with
+ * qx_release_db_files, also after a failure: that leaves it empty, or unchanged for a NULL
+ * argument. Faxes have the extension "pdf" and the name of the column file_name. Returns the number
+ * of records, which may be 0, or -1. */
 int64_t qx_list_db_files(const char *table, int extension_id, const char *folder,
                          const char *order_by, qx_db_file_list_t **list);
 
 /* The files that a text names, "12.wav 15.gsm": id, dot, extension, with blanks between them. The
- * list is dealt with as above. It has one record for every dot of the text, ids and extensions in
- * the order of the text; the rows fill size, name, se and az from the first record on, in the order
- * of the text too. So where an id has no row or comes twice, the files behind it get their data one
- * record early, and what is left at the end stays zero and NULL; so do the records of further dots
- * within an extension. A name without a dot makes the statement fail, unless it is the last or
- * there is no dot at all, which gives no records. The column `filename` is asked for by that name:
- * the statement fails for extension_fax_center. The number of records, or -1. */
+ * list is handled as above; returns the number of records, or -1. Each dot of the text makes one
+ * record, with id and extension in the order of the text. The rows then fill size, name, se and az
+ * in the same order, from the first record on. WARNING: an id without a row, or given twice, moves
+ * the data of all that follow one record forward. Records left over stay zero and NULL, as do those
+ * of further dots within an extension. The statement fails for a name without a dot that is not the
+ * last, and for extension_fax_center, which has no column `filename`. No dot gives no records. */
 int64_t qx_parse_db_files(const char *table, const char *names, qx_db_file_list_t **list);
 
 /* How many files an extension has, in a folder or (NULL) in all; -1 on failure. */
@@ -73,8 +72,8 @@ int qx_db_file_set_meta(const char *table, uint64_t id, const char *column, cons
  */
 uint64_t qx_db_file_creation_timestamp(const char *table, uint64_t id, const char *column);
 
-/* The newest recording id (`rid`) of a call in one direction at an extension, told by its full
- * number; -1 when there is none and on failure. */
+/* The newest recording id (`rid`) of a call in one direction at an extension, by its full number;
+ * -1 when there is none and on failure. */
 int qx_get_db_recording(const char *call_id, const char *flow, const char *full_number);
 
 SPOOLCAP_END_DECLARATIONS

@@ -3,10 +3,10 @@
  * A full number is the owner part, a separator of one character, and the extension's short number
  * of a fixed length: "0003*101".
  *
- * Unless a function says otherwise, it reads through the cache and puts its arguments into
- * statements unescaped: they are the platform's own numbers and names, never text from outside.
- * Strings and arrays are malloc'ed and the caller's. A NULL number or name counts as an unknown
- * extension. Safe from several threads. A session may be NULL; it is used only during the call. */
+ * Unless it says otherwise, a function reads through the cache and puts its arguments into
+ * statements unescaped: never pass text from outside. Strings and arrays are malloc'ed and the
+ * caller's. A NULL number or name is an unknown extension. Safe from several threads. A session may
+ * be NULL; it is used only during the call. */
 #ifndef SPOOLCAP_ZARN_EXTENSION_H
 #define SPOOLCAP_ZARN_EXTENSION_H
 
@@ -19,14 +19,13 @@ SPOOLCAP_BEGIN_DECLARATIONS
 
 /* --- Numbers ---------------------------------------------------------------------------------- */
 
-/* The full number of an extension, from its short number and the id of its owner's parent as text;
- * NULL when there is none, an argument is NULL, or the database fails. Asks the database only. */
+/* The full number of a short number and its owner's parent, an id as text. NULL without one, for a
+ * NULL argument, and when the database fails. Asks the database only. */
 char *qx_get_full_number(const char *parent_id, const char *number);
 char *qx_get_full_number_sess(SessionHandle session, const char *parent_id, const char *number);
 
 /* The two parts of a full number, by the length and the separator in force; an out may be NULL.
- * 0, or -1 for a number of another form and when length or separator are not known; the outs are
- * not touched then. */
+ * 0; -1 with untouched outs for a number of another form, or without length or separator. */
 int qx_split_full_number(const char *full_number, char **owner, char **number);
 
 /* The owner part as text, or NULL. */
@@ -48,9 +47,9 @@ int qx_extension_exists(const char *full_number);
 
 /* --- Ids -------------------------------------------------------------------------------------- */
 
-/* The extension's id, its user's (the account that owns it) and its organisation's (the user's
- * parent). An out may be NULL for an id that is not wanted; each is -1 when it is not known. 0, or
- * -1 when the extension is not known, which is not cached. The number is escaped. */
+/* The ids of the extension, its user (the account that owns it) and its organisation (the user's
+ * parent). An out may be NULL; it becomes -1 when not known. 0; -1 when the extension is not known,
+ * which is not cached. The number is escaped. */
 int qx_get_extension_ids_sess_internal(SessionHandle session, const char *full_number,
                                        int *extension_id, int *user_id, int *organisation_id);
 int qx_get_extension_ids_sess(SessionHandle session, const char *full_number, int *extension_id,
@@ -71,17 +70,17 @@ int qx_get_extension_usrid_from_extid(int extension_id);
 /* The name of the user, or NULL. */
 char *qx_get_user_name_from_number(SessionHandle session, const char *full_number);
 
-/* Ids of the accounts below an account that own extensions (level 100). A non-zero flag adds the
- * accounts between them (resellers, clients), level by level. For an account that owns extensions
- * itself, its own id. The array ends with -1; release with free. NULL when the account is not known
- * or the database fails: never a part of the ids. Asks the database only. */
+/* Ids of the accounts below an account that own extensions (level 100); of such an account, its
+ * own. A non-zero flag adds the resellers and clients between them, level by level. The array ends
+ * with -1; release with free. NULL for an unknown account or a failed database: never a part of the
+ * ids. Asks the database only. */
 int *qx_get_extensions_of(int account_id, int flag);
 
 /* --- Preferences and system parameters -------------------------------------------------------- */
 
-/* `count` preferences of an extension by the names that `extension_prefs` has for them, NULL where
- * there is none; NULL when they cannot be read. Release with qx_free_string_array. The number is
- * escaped, the names are not. */
+/* `count` preferences of an extension, named as in `extension_prefs`, NULL where there is none.
+ * NULL when they cannot be read. Release with qx_free_string_array. Escapes the number, not the
+ * names. */
 char **qx_extension_get_prefs(const char *full_number, int count, const char *const *names);
 
 /* One preference, or NULL. The second form asks the database only. */
@@ -117,32 +116,27 @@ char *qx_get_extension_codecs(const char *full_number);
 /* The name of the time zone of the extension's user, or NULL. Asks the database only. */
 char *qx_get_extension_timezone(int extension_id);
 
-/* Positive when the extension may register, else 0. From the database it is 1 or 0; from the
- * cache, which has the column as it is, the number there. */
+/* Positive when the extension may register, else 0: 1 from the database, from the cache the number
+ * there. */
 int qx_extension_can_register(SessionHandle session, const char *full_number);
 
-/* Non-zero when the extension's user works with several users, 0 also when that is not known. A
- * database failure is cached as 0. */
+/* Non-zero when the extension's user works with several users. 0 when unknown. A database failure
+ * is cached as 0. */
 int qx_is_multiuser_aware(const char *full_number);
 
-/* Whether no phone is reachable for the extension: 0 when its SIP session lasts beyond now and is
- * reachable, else 1. A virtual phone's number stands for the one behind it. Asks the cache only. */
+/* 0 when the extension has a SIP session that is reachable and lasts beyond now, else 1. A virtual
+ * phone's number stands for the one behind it. Asks the cache only. */
 int qx_extension_expired(const char *full_number);
 
 /* Caller screening: the behaviour as the platform spells it, and the numbers allowed and denied,
- * each list joined with "," and NULL when it is empty. An out may be NULL when it is not wanted.
- * 0; -1 when no behaviour is known, for which no list applies, and all outs are NULL.
- *
- * get_screening_prefs (full number) gives one row: behaviour, allow list, deny list, the lists
- * joined with ",". The cache holds a list as a hash with a field and an equal value for each
- * number: "res:scral:ext:%s" allowed, "res:scrdl:ext:%s" denied. A program that changes the lists
- * in the database must delete both hashes and the field "scrb"; otherwise removed numbers stay in
- * them. */
+ * each list joined with ",", NULL when empty. An out may be NULL. 0; -1 with all outs NULL when no
+ * behaviour is known. A program that changes the lists in the database must delete what the cache
+ * has of them: see docs/library.md, "Lookups". */
 int qx_screening_get_behaviour(const char *full_number, char **behaviour, char **allowed,
                                char **denied);
 
 /* Parses a UTC time as the cache has it, "2024-02-29 12:00:00", with or without single quotes. 0;
- * or -1 for any other text and for NULL, and the out is not touched. */
+ * -1, with the out untouched, for any other text. */
 int redis_str2time(const char *text, time_t *time);
 
 SPOOLCAP_END_DECLARATIONS

@@ -30,9 +30,9 @@ int qx_user_get_phonestatus(int account_id);
 char *qx_account_get_name_sess(SessionHandle session, int account_id);
 char *qx_account_get_name(int account_id);
 
-/* The account's extensions, short numbers when numbers_only is non-zero, else full numbers (an
- * element is NULL when its full number is not known). *count is their number; without any the
- * result is NULL and *count is what the cache left there. The caller frees each and the array. */
+/* The account's extensions: short numbers when numbers_only is non-zero, else full numbers, NULL
+ * for each that is not known. *count is their number. Without any, the result is NULL and *count is
+ * what the cache left there. The caller frees each and the array. */
 char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id, int account_id,
                                    int numbers_only, size_t *count);
 
@@ -41,7 +41,7 @@ char **qx_user_get_extensions_sess(SessionHandle session, const char *parent_id,
 char **qx_account_get_prefs(int account_id, int count, const char *const *names);
 
 /* One of those that the cache has a place for (storage limits, concurrency limits); NULL for any
- * other name, without asking anybody. */
+ * other name, without a look at cache or database. */
 char *qx_account_get_pref(int account_id, const char *name);
 
 SPOOLCAP_END_DECLARATIONS
