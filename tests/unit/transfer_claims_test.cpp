@@ -58,6 +58,7 @@ TEST_F(TransferQueue, AWholePrefixThatIsBeingDeletedHoldsUploadsBack) {
   EXPECT_EQ(here.end_upload(second, other, 60), state::claimed) << "its object may just go";
   EXPECT_EQ(there.end_delete(deletion, all, 60), state::unchanged);
   EXPECT_EQ(elsewhere.end_upload(third, early, 60), state::claimed) << "its object may have gone";
+  // A job counts only removals that ended after it began, by a clock of milliseconds.
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
   ASSERT_EQ(here.begin_upload(second, other), state::unchanged);
   EXPECT_EQ(here.end_upload(second, other, 60), state::unchanged);

@@ -31,8 +31,10 @@ TEST_F(TransferConfig, OneLocationIsEnough) {
   EXPECT_EQ(config.credentials_file, box.path("etc/quorvex/transfer.keys"));
   EXPECT_EQ(config.socket, box.path("run/spoolcap/transfer.sock"));
   const transfer_location &eu = *config.find("eu");
-  EXPECT_EQ(eu.endpoint + " " + eu.region + " " + eu.bucket + " " + eu.prefix,
-            "https://s3.example.com eu-1 media ");
+  EXPECT_EQ(eu.endpoint, "https://s3.example.com");
+  EXPECT_EQ(eu.region, "eu-1");
+  EXPECT_EQ(eu.bucket, "media");
+  EXPECT_EQ(eu.prefix, "");
   EXPECT_FALSE(eu.virtual_host);
 }
 
@@ -62,13 +64,18 @@ TRANSFER_METRICS /metrics
   EXPECT_EQ(config.find("a_1")->prefix, "voice/of/");
   EXPECT_TRUE(config.find("b-2")->virtual_host);
   EXPECT_EQ(config.find("c"), nullptr);
-  EXPECT_EQ((texts{config.credentials_file, config.ca_file, config.socket, config.metrics_file}),
-            (texts{"/my keys", "/ca", "/socket", "/metrics"}));
-  EXPECT_EQ((std::vector{config.uploads, config.downloads, config.wait, config.cache_free}),
-            (std::vector{1, 2, 0, 8}));
-  EXPECT_EQ((std::vector{config.bytes_per_second, config.multipart_from, config.part_size,
-                         config.cache_size}),
-            (std::vector<std::int64_t>{3 << 10, 5 << 20, 6 << 20, 7LL << 30}));
+  EXPECT_EQ(config.credentials_file, "/my keys");
+  EXPECT_EQ(config.ca_file, "/ca");
+  EXPECT_EQ(config.socket, "/socket");
+  EXPECT_EQ(config.metrics_file, "/metrics");
+  EXPECT_EQ(config.uploads, 1);
+  EXPECT_EQ(config.downloads, 2);
+  EXPECT_EQ(config.wait, 0);
+  EXPECT_EQ(config.cache_free, 8);
+  EXPECT_EQ(config.bytes_per_second, 3 << 10);
+  EXPECT_EQ(config.multipart_from, 5 << 20);
+  EXPECT_EQ(config.part_size, 6 << 20);
+  EXPECT_EQ(config.cache_size, 7LL << 30);
 }
 
 TEST_F(TransferConfig, WhatIsWrongIsToldWithItsLine) {

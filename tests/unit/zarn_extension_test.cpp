@@ -46,25 +46,26 @@ TEST_F(Extension, FullNumberIsFoundByShortNumberAndParent) {
 
 TEST_F(Extension, NumberIsSplitByTheLengthAndSeparatorInForce) {
   const struct {
-    const char *length, *separator, *number, *parts;
-  } rows[] = {{"3", "'*'", "1*101", "1 101"},
-              {"3", "'*'", "0003-101", ""},
-              {"3", "'*'", "*101", ""},
-              {"3", "'*'", nullptr, ""},
-              {"3", "NULL", "0003*101", ""},
-              {"NULL", "'*'", "0003*101", ""},
-              {"-5", "''", "0003*101", ""},
-              {"0", "'*'", "0003*", "0003 "},
-              {"2", "'\xC3\xA9'", "3\xC3_1", "3 _1"}};
+    const char *length, *separator, *number;
+    text owner, shorter;
+  } rows[] = {{"3", "'*'", "1*101", "1", "101"},
+              {"3", "'*'", "0003-101", {}, {}},
+              {"3", "'*'", "*101", {}, {}},
+              {"3", "'*'", nullptr, {}, {}},
+              {"3", "NULL", "0003*101", {}, {}},
+              {"NULL", "'*'", "0003*101", {}, {}},
+              {"-5", "''", "0003*101", {}, {}},
+              {"0", "'*'", "0003*", "0003", ""},
+              {"2", "'\xC3\xA9'", "3\xC3_1", "3", "_1"}};
   for (const auto &row : rows) {
     box.redis({"DEL", "system:pbx"});
     box.sql(std::string("UPDATE misc SET value=IF(param='ext_length',") + row.length + "," +
             row.separator + ")");
     char *owner = nullptr, *shorter = nullptr;
     const int status = qx_split_full_number(row.number, &owner, &shorter);
-    const c_string owned[] = {c_string(owner), c_string(shorter)};
-    EXPECT_EQ(status == 0 ? std::string(owner) + " " + shorter : "", row.parts)
-        << row.length << row.separator;
+    EXPECT_EQ(status, row.owner ? 0 : -1) << row.length << row.separator;
+    EXPECT_EQ(taken(owner), row.owner) << row.length << row.separator;
+    EXPECT_EQ(taken(shorter), row.shorter) << row.length << row.separator;
   }
 }
 
