@@ -1,5 +1,5 @@
 // Figures as ratios: each piece of work runs beside its limit, in rounds that Google Benchmark
-// interleaves at random, and the medians of the two are compared with a target.
+// interleaves at random. The medians of the two are compared with a target.
 #ifndef BENCH_RATIO_H
 #define BENCH_RATIO_H
 

@@ -1,6 +1,6 @@
 // What an account costs on a large platform, beside a small one: time, memory and inodes of the
-// commands over all accounts. `scale [ACCOUNTS]` compares that many (50,000) with 10,000 and ends
-// with 1 when an account of the large platform costs more than 1.3 times as much.
+// commands over all accounts. `scale [ACCOUNTS]` compares that many (50,000) with 10,000. It
+// ends with 1 when an account of the large platform costs more than 1.3 times as much.
 //
 // Of 10,000 accounts, one is a reseller and 100 are clients. A user has an extension, two
 // recordings, a voicemail and a fax; one in 100 has a folder of sounds with two files.

@@ -100,7 +100,7 @@ void measure_copy(support::sandbox &box) {
                  }));
 }
 
-// The same number of files, shared by so many threads. They lie in memory: on a disk the waits for
+// The same number of files, shared by several threads. They lie in memory: on a disk the waits for
 // its journal differ more from round to round than the two sides do.
 ratio::body stored_by(int threads, support::sandbox &box, const std::string &folder) {
   return [threads, &box, folder](benchmark::State &state) {

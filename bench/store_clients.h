@@ -21,7 +21,7 @@ client_command rclone_copy(const s3_place &place, const std::string &folder);
 client_command s3cmd_sync(const s3_place &place, const std::string &folder);
 client_command aws_copy(const s3_place &place, const std::string &folder);
 
-// How many objects the bucket has, and so many bytes in all.
+// How many objects the bucket has, and their bytes in all.
 struct bucket_content {
   int count = 0;
   std::int64_t bytes = 0;

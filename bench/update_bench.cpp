@@ -1,4 +1,4 @@
-// The fast update of a quota file beside the bare system calls, alone and against others, and the
+// The fast update of a quota file beside the bare system calls, alone and against others. Also the
 // verification of an account beside the reads that it cannot do without.
 #include <fcntl.h>
 #include <sys/file.h>

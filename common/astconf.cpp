@@ -1,5 +1,5 @@
 // Reads values of Asterisk's configuration files.
-// Only opens the file that it is told; other lines and sections are passed over.
+// Opens only the named file; skips other lines and sections.
 #include <cstdio>
 #include <cstring>
 #include <new>

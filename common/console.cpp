@@ -38,7 +38,7 @@ int rasterisk(const char *asterisk_binary, const char *command) {
   char dropped[1024];
   while (fr_read_nb(reading.get(), dropped, sizeof dropped, output_pause) > 0) {
   }
-  // A child that goes on writing learns from the closed pipe that nobody listens.
+  // A child that goes on writing gets an error or SIGPIPE from the closed pipe.
   reading.reset();
   fr_spawn_finish(child, end_of_child);
   return 0;
@@ -60,7 +60,8 @@ int ast_runcmd(int fd, const char *command, int wait) {
   while (true) {
     const deadline pause(next_output);
     if (!wait_ready(fd, POLLIN, &pause)) return 0;
-    // The end of the output is ready to be read for ever: it is a failure here, which ends this.
+    // At end of file poll() keeps reporting readable; ast_el_read_char() then returns -1 and ends
+    // the loop.
     char last = 0;
     if (ast_el_read_char(fd, &last) == -1) return -1;
     if (end.passed()) return 0;

@@ -52,7 +52,7 @@ int write_safe(int fd, const void *buffer, int length) {
   return total;
 }
 
-// It writes. The name promises otherwise, but callers got used to what it does.
+// It writes, despite its name: callers rely on that.
 int read_safe(int fd, const void *buffer, int length) {
   return write_safe(fd, buffer, length);
 }

@@ -1,5 +1,5 @@
-// Cache replies: whatever a server answers, a command ends at once and hands out what the answer
-// says or nothing, and the next command never gets what was left of this answer.
+// Cache replies: whatever a server answers, a command ends at once and returns what the answer
+// says, or nothing. The next command never gets what was left of this answer.
 #include <chrono>
 
 #include "fuzz/fuzz.h"
@@ -77,7 +77,7 @@ void check(std::string_view bytes) {
   // As an answer, after which the server hangs up.
   const result got = ask(conversation({greeting, text}));
   for (const std::string &handed_out : got.pairs) REQUIRE(bytes.find(handed_out) != bytes.npos);
-  // As the greeting: only who says to be a master is asked for more.
+  // As the greeting: only a server that says to be a master gets further commands.
   const int status = ask(conversation({text})).status;
   const bool may_be_master = bytes.starts_with('*') && bytes.find("master") != bytes.npos;
   REQUIRE(status == VK_ERR_DOWN || (status == VK_ERR_IO && may_be_master));

@@ -74,7 +74,7 @@ void check_changes(std::span<report_platform> states) {
 
 }  // namespace
 
-// The file as it is, and as the document of one.
+// The input as a whole file, and as the document of one.
 void check(std::string_view bytes) {
   static const fuzz::memory_file file;
   for (const std::string &content : {std::string(bytes), compressed(bytes)}) {

@@ -20,7 +20,7 @@ void check_kind(const report_account &account, unsigned kind, findings_writer &o
   out.add(one);
 }
 
-// Users are to be below clients, these below resellers, and these below nobody.
+// Users must be below clients, clients below resellers, and resellers below no account.
 bool is_in_place(const report_platform &platform, const report_account &account) {
   const report_account *const parent = platform.find(account.parent);
   switch (account.level) {

@@ -1,5 +1,5 @@
-// The parts of `check`. Each compares the collected accounts with one source of truth, tells what
-// differs, and changes nothing. All throw report_trouble when the source cannot be read.
+// The parts of `check`. Each compares the collected accounts with one source of truth, reports
+// what differs, and changes nothing. All throw report_trouble when the source cannot be read.
 #ifndef REPORT_CHECKS_H
 #define REPORT_CHECKS_H
 

@@ -15,7 +15,7 @@ struct list_choice {
   std::optional<double> over;  // a percentage above this one
   sort_key sort = sort_key::id;
   bool tree = false;  // children behind their parents, siblings sorted
-  size_t top = 0;     // only so many, the first ones; 0 for all
+  size_t top = 0;     // only the first N; 0 for all
 };
 
 struct chosen_account {

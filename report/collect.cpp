@@ -67,7 +67,7 @@ void read_limits(report_platform &platform, SessionHandle session) {
   report_account *account = nullptr;
   for_each_row(session, select_limits(), [&](const sql_fields &row) {
     const auto id = static_cast<std::uint32_t>(number_of(row[0]));
-    // Preferences of accounts that are not reported are passed over.
+    // Skips preferences of accounts that are not reported.
     if (account == nullptr || account->id != id) account = platform.find(id);
     if (account != nullptr) take_limit(*account, row);
   });

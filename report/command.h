@@ -1,4 +1,4 @@
-// A command of the program, and how it tells that it cannot go on.
+// A command of the program, and what it throws when it cannot go on.
 #ifndef REPORT_COMMAND_H
 #define REPORT_COMMAND_H
 

@@ -38,7 +38,7 @@ bool compress(compression &to, ZSTD_inBuffer input, ZSTD_EndDirective how) {
 ssize_t write_part(void *cookie, const char *bytes, size_t size) {
   const bool done =
       compress(*static_cast<compression *>(cookie), {bytes, size, 0}, ZSTD_e_continue);
-  // 0 is how a cookie stream tells an error of writing.
+  // A cookie stream reports an error of writing as 0.
   return done ? static_cast<ssize_t>(size) : 0;
 }
 
@@ -84,7 +84,7 @@ size_t decompressed_file::read_more() {
 }
 
 char decompressed_file::fill() {
-  // For the position that the parser tells in its errors.
+  // For the position in the parser's errors.
   before_ += std::exchange(next_, 0);
   content_.resize(ZSTD_DStreamOutSize());
   ZSTD_outBuffer output = {content_.data(), content_.size(), 0};

@@ -1,4 +1,4 @@
-// What `check` finds: each finding is told as soon as it is found.
+// What `check` finds: each finding is written as soon as it is found.
 #ifndef REPORT_FINDINGS_H
 #define REPORT_FINDINGS_H
 

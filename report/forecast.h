@@ -1,4 +1,4 @@
-// Where the use of accounts leads, told by their figures in several states of the platform.
+// Where the use of accounts leads, judged by their figures in several states of the platform.
 #ifndef REPORT_FORECAST_H
 #define REPORT_FORECAST_H
 
@@ -50,7 +50,7 @@ class forecast {
   // No state may be older than the one before it.
   void add(const report_platform &state);
 
-  // When the account, as it is in the last state, reaches the first of its limits: where the line
+  // When the account, with the limits of the last state, reaches the first of them. There the line
   // through its figures meets the limit. Takes three figures or more, of which the last state has
   // one.
   account_outlook of(const report_account &account, kind_set kinds) const;

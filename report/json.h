@@ -22,7 +22,7 @@ struct json_stream {
   json_writer json;
 };
 
-// Visits accounts in the order in which they are to be written.
+// Visits accounts in the order in which they must be written.
 using account_source =
     std::function<void(const std::function<void(const report_account &account)> &visit)>;
 

@@ -48,7 +48,7 @@ list_choice typed_choice() {
   choice.tree = only_here.tree != 0;
   // The first N of a tree would be parts of it without their parents.
   if (choice.tree && choice.top != 0) throw report_trouble("--top and --tree exclude each other");
-  // Who asks for the first ones means the largest.
+  // With --top alone, the user means the largest.
   const sort_key otherwise = choice.top != 0 ? sort_key::used : sort_key::id;
   choice.sort = static_cast<sort_key>(choice_option("--sort", only_here.sort,
                                                     {"id", "login", "used", "percent", "age"},

@@ -80,7 +80,7 @@ void write_figures(metrics_writer &out, const shown_accounts &accounts,
     const std::string labels = labels_of(*account);
     for_each_of(all_kinds, [&](unsigned kind) {
       const std::int64_t figure = (account->*figures)[kind];
-      // No sample is how the format tells an unknown value.
+      // In this format, no sample means an unknown value.
       if (figure >= 0) out.add(labels + "," + label("kind", media_kinds[kind].name), figure);
     });
   }
@@ -123,7 +123,7 @@ std::vector<std::int64_t> times_of_refreshes(const report_platform &platform) {
   for (const report_account &account : platform.accounts) {
     std::int64_t latest = -1;
     for_each_of(all_kinds, [&](unsigned kind) {
-      // An update renews the time of a file, which then tells nothing of the refresh.
+      // An update renews the time of a file, which then no longer shows the refresh.
       if (account.updates[kind] == 0) latest = std::max(latest, account.modified[kind]);
     });
     if (latest >= 0) times.push_back(latest);

@@ -10,20 +10,19 @@
 
 #include "platform/base/owner.h"
 
-// Call first of all. Takes the place of standard descriptors that are closed, as the first file or
-// connection that is opened would get their number and the report with it. A reader that goes away
+// Call first of all. Opens standard descriptors that are closed. Otherwise the first file or
+// connection would get their number, and the report with it. A reader that goes away
 // becomes an error of writing, and a signal that ends the process removes what is not complete.
 void prepare_standard_streams();
 
-// What cannot be written is told by the stream later.
+// What cannot be written shows later, in the state of the stream.
 void write_text(FILE *stream, std::string_view text);
 
 // Write to stream(), then commit(). A file is written beside its place under another name, and
 // renamed when it is complete; without a commit nothing is left of it. A file that is replaced
-// hands on its mode and, where this process may give it away, its owner. What is there and no
-// regular file, like a device, a fifo or a link to nothing, is never replaced, and neither is a
-// file that the caller has open for this process: these are written to at their end. All functions
-// throw report_trouble.
+// hands on its mode and, where this process may give it away, its owner. A device,
+// a fifo or a link to nothing is never replaced. Neither is a file that the caller has open for
+// this process. These are written to at their end. All functions throw report_trouble.
 class report_output {
  public:
   // Without a path, with "-" or "/dev/stdout", standard output.
@@ -44,7 +43,7 @@ class report_output {
   void remove_temporary();
   void forget_temporary();
 
-  std::string path_;       // where the content is to be in the end; empty for standard output
+  std::string path_;       // where the content ends up; empty for standard output
   std::string temporary_;  // where it is as yet; empty when it is in its place
   c_file file_;
 };

@@ -86,7 +86,7 @@ std::int64_t age_of(const report_account &account, std::int64_t taken, kind_set 
   std::int64_t oldest = -1;
   for_each_of(kinds, [&](unsigned kind) {
     const std::int64_t time = account.modified[kind];
-    // A missing file has no age; its state tells of it.
+    // A missing file has no age; its state shows that.
     if (time >= 0 && (oldest < 0 || time < oldest)) oldest = time;
   });
   return oldest < 0 ? -1 : std::max<std::int64_t>(taken - oldest, 0);

@@ -1,5 +1,5 @@
-// The accounts of the platform with what they use, what they may use, and how far the figures are
-// to be trusted, as they were at one moment.
+// The accounts of the platform at one moment: what they use, what they may use, and how far to
+// trust the figures.
 //
 // Figures are bytes and times are seconds since the epoch; -1 stands for what is not known, and for
 // no limit. Arrays are in the order of the kinds of media: QUOTA_FAX to QUOTA_MUSIC.

@@ -141,7 +141,7 @@ void read_subtree(report_platform &platform, int above, report_account &account)
   }
 }
 
-// Runs it in so many threads at most, and not in more than there are processors.
+// Runs it in `most` threads at most, and not in more than there are processors.
 void run_side_by_side(const std::function<void()> &work, size_t most) {
   std::vector<std::jthread> helpers;
   try {

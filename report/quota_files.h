@@ -4,8 +4,8 @@
 
 #include "report/platform.h"
 
-// Fills figures, states and times of the accounts that have files; what is said of the others
-// stays. One whose place in the tree cannot be told, as no reseller is above it, has none. Throws
+// Fills figures, states and times of the accounts that have files; the others stay unchanged. An
+// account without a reseller above it has no place in the tree, and so no files. Throws
 // report_trouble when the quota root cannot be read.
 void read_quota_files(report_platform &platform);
 

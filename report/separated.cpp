@@ -9,7 +9,7 @@
 
 namespace {
 
-// A spreadsheet runs a cell that begins so, and shows the apostrophe to nobody.
+// A spreadsheet runs a cell that begins so, and does not show an apostrophe in front.
 std::string guarded(std::string_view text) {
   // The last four are the wide forms of the first.
   static constexpr std::string_view risky[] = {"=",  "+",  "-",      "@",      "'",      "\t",

@@ -2,9 +2,9 @@
 //
 // CSV is as RFC 4180 has it, lines ending with CR LF. In TSV lines end with LF, and a backslash
 // stands before "\", "t", "n" and "r" for a backslash, tab, line feed and carriage return. What is
-// unknown, and no limit, is an empty value. A login that a spreadsheet could take for a formula (it
-// begins with one of = + - @, their wide forms, a tab or the end of a line), and one that begins
-// with an apostrophe, has one more apostrophe in front.
+// unknown, and no limit, is an empty value. A spreadsheet could take a login for a formula if it
+// begins with = + - @, their wide forms, a tab or the end of a line. Such a login, and one that
+// begins with an apostrophe, has one more apostrophe in front.
 #ifndef REPORT_SEPARATED_H
 #define REPORT_SEPARATED_H
 
@@ -16,8 +16,8 @@
 
 enum class separated_format { csv, tsv };
 
-// One line, whose values are told one by one; the first is not empty.
-// Separators and quoting are its affair; callers tell bare values in the order of the head.
+// One line, written value by value; the first is not empty. It adds separators and quotes itself:
+// callers pass bare values in the order of the head.
 class separated_line {
  public:
   separated_line(FILE *stream, separated_format format) : stream_(stream), format_(format) {}

@@ -23,7 +23,7 @@ report_status run(const std::vector<std::string> &words) {
     for (const report_account &account : platform.accounts) visit(account);
   });
   const bool whole = std::ferror(compressed.get()) == 0 && std::fclose(compressed.release()) == 0;
-  // What the file could not take is told by the file; else there was no memory to compress.
+  // If the file's own stream has no error, there was no memory to compress.
   if (!whole && std::ferror(out.stream()) == 0) throw std::bad_alloc();
   out.commit();
   return REPORT_OK;

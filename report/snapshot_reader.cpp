@@ -36,7 +36,7 @@ report_account unknown_account() {
   return account;
 }
 
-// Thrown through the parser, which has no other way to be told of it.
+// Thrown through the parser, which has no other way to report it.
 class too_long {};
 
 // The memory of the parser, which holds the text at hand. No login is as long.
@@ -81,8 +81,8 @@ std::optional<json_type> type_of(std::span<const member> members, std::string_vi
   return found == members.end() ? std::nullopt : std::optional(found->type);
 }
 
-// The events of the parser. Members that it does not know are passed over, whatever they hold, and
-// so is null. A false ends the parse: the document is no snapshot.
+// The events of the parser. Skips null, and members that it does not know, whatever they hold. A
+// false ends the parse: the document is no snapshot.
 class document_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, document_reader> {
  public:
   explicit document_reader(report_platform &platform) : platform_(platform) {

@@ -1,4 +1,4 @@
-// Statements whose rows come one by one: a platform has more accounts than are to be held twice.
+// Statements whose rows come one by one: a platform has too many accounts to hold them twice.
 #ifndef REPORT_STATEMENT_H
 #define REPORT_STATEMENT_H
 

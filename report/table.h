@@ -40,7 +40,7 @@ void write_table(FILE *stream, const report_platform &platform,
 class table_columns {
  public:
   // The heads, each with whether its column is one of text, which begins at the left.
-  // Sets the locale of the process for characters, which tells how wide they are.
+  // Sets the locale of the process for characters, which knows how wide they are.
   explicit table_columns(const std::vector<std::pair<std::string, bool>> &heads);
   // Widens the columns to the cells; a line has a cell for each column.
   void measure(const std::vector<std::string> &line);

@@ -69,7 +69,7 @@ exit_status end_without_memory() {
 
 int main(int argc, char **argv) {
   // The order matters: output is watched before anything opens a file, and before a bad command
-  // line is told.
+  // line is reported.
   start_clock();
   watch_output();
   parse_args(argc, const_cast<const char **>(argv));

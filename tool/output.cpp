@@ -41,7 +41,7 @@ void watch_output() {
     [[maybe_unused]] const int taken =
         ::open("/dev/null", fd == STDERR_FILENO ? O_WRONLY : O_RDONLY);
   }
-  // A reader that went away is an error to be told like any other, and no reason to die silently.
+  // A reader that went away is an error to report like any other, and no reason to die silently.
   std::signal(SIGPIPE, SIG_IGN);
   std::atexit(tell_lost_output);
 }

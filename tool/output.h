@@ -2,8 +2,8 @@
 #ifndef TOOL_OUTPUT_H
 #define TOOL_OUTPUT_H
 
-// Call first of all. Takes the place of standard descriptors that are closed, as the first file or
-// connection that is opened would get their number and the report with it. At the end of the
+// Call first of all. Opens standard descriptors that are closed. Otherwise the first file or
+// connection would get their number, and the report with it. At the end of the
 // process, output that was not written whole is reported on standard error, with the reason; the
 // exit status stays.
 void watch_output();

@@ -22,7 +22,7 @@ namespace {
 constexpr char select_accounts[] =
     "SELECT client.id, acc.username FROM client, hs_account acc WHERE client.id = acc.userID";
 
-// The longest display name is one longer and overflows the column; it stays as it is.
+// The longest display name is one longer and overflows the column; scripts know that form.
 constexpr int name_width = 12;
 
 // puts ends its line once more than the texts do: an empty line sets the next account off.
@@ -34,8 +34,8 @@ void print_start(const char *login) {
   print_login(login);
 }
 
-// Scales a byte count down by 1024 as often as it stays at least 1, writes the unit (at most two
-// characters, "?B" from 1024 TB on) to `unit` and returns the scaled number.
+// Scales a byte count down by 1024 as often as it stays at least 1, and returns the result. Writes
+// the unit to `unit`: at most two characters, "?B" from 1024 TB on.
 float to_human_readable(char (&unit)[3], float bytes) {
   static constexpr const char *units[] = {"B", "KB", "MB", "GB", "TB", "?B"};
   unsigned scale = 0;

@@ -29,7 +29,7 @@ struct run_settings {
 extern run_settings run;
 
 // Reads the directories from the platform's and Asterisk's configuration files; a missing file or
-// directive gives the default. 0: it has no failing path, though main has an answer to one.
+// directive gives the default. Always 0; `main` keeps a status for a failure.
 int get_config();
 
 #endif

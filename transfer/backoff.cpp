@@ -25,7 +25,7 @@ constexpr double step_of_clock = 5;  // less is what a clock is corrected by all
 
 double pause_after(const job_result &result, int tries, double window) {
   switch (result.end) {
-    // The other job is done soon; its end is not told to us.
+    // The other job is done soon, but this service does not learn when.
     case job_end::claimed:
       return jittered(tries, first_pause, longest_claimed_pause);
     case job_end::parked:

@@ -59,7 +59,7 @@ double cache_file::last_use() const {
          static_cast<double>(status_.st_mtim.tv_nsec) / 1e9;
 }
 
-// The lease is given only while nobody else has the file open. Whoever opens it meanwhile waits.
+// The lease is given only while no other process has the file open. One that opens it then waits.
 removal cache_file::remove() {
   if (::fcntl(fd_.get(), F_SETLEASE, F_WRLCK) != 0) {
     return errno == EAGAIN ? removal::in_use : removal::failed;
@@ -83,13 +83,13 @@ removal cache_file::remove_leased() {
     return errno == ENOENT ? removal::changed : removal::failed;
   }
   if (!same_file(now, status_)) return removal::changed;
-  // What was renamed away can be told for sure.
+  // Only after a rename is it certain which file this is.
   const std::string away = removing_prefix + name_;
   if (rename_new(folder_, name_, away) != 0) {
     return errno == ENOENT ? removal::changed : removal::failed;
   }
   if (::fstatat(folder_, away.c_str(), &now, AT_SYMLINK_NOFOLLOW) != 0) return removal::failed;
-  // A host that was told of the file in between has noted its use, and is about to open it.
+  // A host that found the file in between has noted its use, and is about to open it.
   const bool is_same = same_file(now, status_);
   // Before it is removed for good, its name goes back if anything is doubtful.
   if (!is_same || !same_time(now.st_mtim, status_.st_mtim)) {
@@ -102,7 +102,7 @@ removal cache_file::remove_leased() {
 void put_back(int folder, const std::string &removing_name, bool tell) {
   const std::string name = removing_name.substr(std::strlen(removing_prefix));
   if (rename_new(folder, removing_name, name) == 0 || errno != EEXIST) return;
-  // Which of the two is the newer one cannot be told: a download may have taken the name.
+  // Either of the two may be newer: a download may have taken the name.
   const auto file = cache_file::open(folder, removing_name);
   // With a receipt nothing is lost: the store has what is removed here.
   if (file && read_receipt(file->fd())) {

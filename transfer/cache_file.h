@@ -19,7 +19,7 @@ enum class removal {
   removed,
   in_use,   // open in a process, or used since it was looked at
   changed,  // another file has its name now, or none
-  failed    // errno tells why
+  failed    // errno has the reason
 };
 
 class cache_file {
@@ -37,7 +37,7 @@ class cache_file {
   double made_at() const;
   bool knows_birth() const;
 
-  // Takes a write lease for the length of the call. Who opens the file meanwhile waits for it.
+  // Takes a write lease for the length of the call. A process that opens the file meanwhile waits.
   removal remove();
 
  private:

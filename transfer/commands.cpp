@@ -14,7 +14,8 @@
 
 namespace {
 
-// To count a long queue takes the DisDB a while: so many times as long passes between two looks.
+// To count a long queue takes the DisDB a while: the pause between two looks is this many times as
+// long.
 constexpr int share_of_looks = 10;
 constexpr std::chrono::nanoseconds shortest_between_looks = std::chrono::milliseconds(500);
 constexpr std::chrono::nanoseconds longest_between_looks = std::chrono::seconds(5);
@@ -53,7 +54,7 @@ int drain(const std::string &socket_path, std::optional<int> seconds) {
     const status_answer answer = ask_status(socket_path);
     const std::chrono::nanoseconds asked = std::chrono::steady_clock::now() - start;
     if (answer.json && is_idle(*answer.json)) return 0;
-    // Each error once: a service that is away for long is not told of twice a second.
+    // Each error once: a service that is away for long is not reported twice a second.
     if (answer.error != told && !answer.error.empty()) tell(answer.error + "; waiting for it");
     told = answer.error;
     if (seconds && limit.passed()) return tell("the time is over, and not all is done");

@@ -1,10 +1,10 @@
-// The counters of the service and their names, in the order in which they are told.
+// The counters of the service and their names, in the order in which they are shown.
 #ifndef TRANSFER_COUNTERS_H
 #define TRANSFER_COUNTERS_H
 
 #include "transfer/state.h"
 
-// One row for each counter: JSON takes the name as it is, Prometheus with a prefix and "_total".
+// One row for each counter: JSON has the bare name, Prometheus adds a prefix and "_total".
 struct counter_name {
   const char *name;
   const char *help;

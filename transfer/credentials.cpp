@@ -1,5 +1,5 @@
 // Reads the keys to the object stores, and refuses a file that others can read.
-// Reads one file; what is in it goes to nobody but the caller.
+// Reads one file; its content goes only to the caller.
 #include "transfer/credentials.h"
 
 #include <fcntl.h>

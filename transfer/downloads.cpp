@@ -19,7 +19,7 @@
 
 namespace {
 
-// One object for all who ordered it; it grows in the first one's file.
+// One object for all orders of it; it grows in the file of the first.
 // A thread has it while it tries; between tries it is in `due_`. The orders are under the lock.
 struct transfer {
   std::string name;  // "<location text>:<key>"
@@ -115,7 +115,7 @@ void transfer_downloads::engine::stop() {
   for (std::thread &one : threads_) one.join();
   threads_.clear();
   due_.clear();
-  // No thread is left, and `order` lets nothing in any more. Each host is told exactly once.
+  // No thread is left, and `order` lets nothing in any more. Each host gets exactly one answer.
   for (const auto &[name, one] : std::exchange(transfers_, {})) {
     for (const download_order &order : one->orders) order.done(false);
   }
@@ -189,7 +189,7 @@ void transfer_downloads::engine::run(const transfer_pointer &what) {
   deliver(*what, close(what));
 }
 
-// Who orders the object from now on begins a transfer of his own.
+// A later order of the object begins a transfer of its own.
 std::list<download_order> transfer_downloads::engine::close(const transfer_pointer &what) {
   const std::lock_guard guard(lock_);
   transfers_.erase(what->name);

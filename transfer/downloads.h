@@ -33,7 +33,7 @@ class transfer_downloads {
 
   // `at_once` transfers; `wait` seconds for an object whose upload is still queued.
   void start(int at_once, int wait);
-  // Never waits. What cannot be done is told through `done`, perhaps before this returns.
+  // Never waits. A refusal calls `done`, perhaps before this returns.
   void order(download_order what);
   // Ends all that wait or run as failed; `control.stop` is up by then.
   void stop();

@@ -16,8 +16,8 @@ constexpr auto renew_every = 15s;
 constexpr auto trim_every = 1h;
 constexpr auto pause_when_down = 500ms;
 constexpr auto shortest_between_looks = 500ms;
-constexpr int share_of_looks = 10;   // so many times what a look costs the DisDB passes to the next
-constexpr double end_of_queue = 60;  // seconds: a member is told of within it
+constexpr int share_of_looks = 10;   // pause between looks, as a multiple of a look's cost
+constexpr double end_of_queue = 60;  // seconds within which a new member is announced
 
 // When a time of the wall clock comes.
 // At most an hour ahead, so that a clock that jumps cannot stop the feeder.
@@ -42,7 +42,7 @@ void work_feeder::configure(const worker_settings &settings) {
 
 void work_feeder::wake() {
   const std::lock_guard guard(lock_);
-  // Which queue grew is not told; a look at an end costs little.
+  // The caller does not say which queue grew; a look at an end costs little.
   uploads_.woken = deletes_.woken = has_event_ = true;
   events_.notify_one();
 }
@@ -175,7 +175,7 @@ void work_feeder::take_page(lane &queue, const std::vector<queue_entry> &entries
     if (queue.taken.contains(entry.member) || aside_.holds(item, qx_get_tstamp())) continue;
     const std::string location = location_of(entry);
     if (is_left_to_others(item)) continue;
-    // What names no location is handed out to be told of.
+    // A member without a known location goes to a worker, which reports it.
     if (context_.locations.is_known(location) && !context_.locations.might_start(location)) {
       is_blocked_ = true;
       continue;

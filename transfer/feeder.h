@@ -50,7 +50,7 @@ class work_feeder {
   struct lane {
     queue_kind kind;
     std::deque<queue_entry> ready{};
-    // Members in here are passed over by looks, so no two workers get one.
+    // Looks skip members in here, so no two workers get one.
     std::set<std::string> taken{};  // ready or worked on
     std::condition_variable filled{};
     long cursor = -1;  // -1 between looks

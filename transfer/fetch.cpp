@@ -20,7 +20,7 @@ constexpr fetch_clock::duration next_look = 200ms;   // at the queue, for an upl
 constexpr fetch_clock::duration ask_store_every = 2s;
 constexpr double first_delay = 0.5, longest_delay = 5;
 
-// -1 when it cannot be told, which equals no length of an object.
+// -1 when not known, which equals no length of an object.
 std::int64_t size_of(int fd) {
   struct stat status {};
   return ::fstat(fd, &status) == 0 ? status.st_size : -1;

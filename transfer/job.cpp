@@ -115,7 +115,8 @@ object_end remove_older(const job_context &context, const worker_settings &setti
     const object_end end = judge_object(context, settings, failure, key, deleted_at);
     if (end != object_end::removed) return end;
   }
-  // Also for what is not there: only this answer tells a missing object from a missing bucket.
+  // Also for what is not there: only this answer distinguishes a missing object from a missing
+  // bucket.
   const upload_member member{location, context.queue.node(), key};
   uncertain = false;
   failure = call_store(context, client, uncertain, [&] {

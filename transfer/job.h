@@ -46,7 +46,7 @@ bool may_follow(const s3_answer &answer);
 // A moment, at random, that grows with the attempts.
 void pause_before_repeating(const job_context &context, int attempt);
 
-// Makes a call up to three times, as one failure in many is ordinary, and tells each outcome to the
+// Makes a call up to three times, as one failure in many is ordinary. Reports each outcome to the
 // location.
 template <class Call>
 s3_answer call_store(const job_context &context, const transfer_locations::lease &client,

@@ -33,7 +33,7 @@ constexpr std::chrono::seconds between_limits{1};  // where hosts commit file af
 constexpr std::chrono::seconds between_rooms{30};
 constexpr std::chrono::minutes between_vain_rooms{5};
 constexpr std::chrono::minutes between_measures{1};
-constexpr int measure_share = 20;  // so many times what a measurement takes passes to the next
+constexpr int measure_share = 20;  // pause between measurements, as a multiple of one's time
 
 // What hosts and transfers do comes first, for the processor and the disk.
 void lower_priority() {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Whether an upload waits or any job works on the key; nothing when that cannot be told.
+// Whether an upload waits or any job works on the key; nothing when not known.
 // All locations are asked: the owner's may have changed since the file was queued.
 std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &config,
                             const std::string &key) {
@@ -24,8 +24,8 @@ std::optional<bool> is_busy(const keeper_parts &parts, const transfer_config &co
   return false;
 }
 
-// The last deletion of the file, or of all of its owner, at any location, as the owner's may have
-// been another one; 0 for none, nothing when that cannot be told.
+// The last deletion of the file, or of all of its owner, at any location: the owner's may have been
+// another one. 0 for none, nothing when not known.
 std::optional<double> deleted_at(const keeper_parts &parts, const transfer_config &config,
                                  const std::string &key) {
   double last = 0;
@@ -45,9 +45,9 @@ judgement remove(const keeper_parts &parts, cache_file &file) {
   return judgement::removed;
 }
 
-// The store has no such object, and nobody is about to bring one there. What was fetched is not
-// brought back, and neither is what nobody used for longer than deletions are known: it may have
-// been deleted.
+// The store has no such object, and no upload of it waits or runs. A fetched file is not brought
+// back. Neither is one that was unused for longer than deletions are known: it may have been
+// deleted.
 judgement judge_absent(const keeper_parts &parts, const keeper_settings &settings, cache_file &file,
                        const std::string &key, const std::optional<receipt> &known) {
   const transfer_config &config = settings.config;
@@ -92,7 +92,7 @@ bool is_brought_anew(const transfer_config &config, const store_answer &answer,
 judgement judge_deletion(const keeper_parts &parts, const keeper_settings &settings,
                          cache_file &file, const std::string &key) {
   const transfer_config &config = settings.config;
-  // Not a name that hosts make; who put it there may remove it.
+  // Not a name that hosts make: not ours to remove.
   if (!first_id_of(key)) return judgement::left;
   const auto deleted = deleted_at(parts, config, key);
   if (!deleted) return judgement::untold;

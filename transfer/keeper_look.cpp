@@ -144,7 +144,7 @@ class look {
     }
   }
 
-  // What stays as it is need not be said again in each look.
+  // What has not changed need not be logged in each look.
   void name_daily(std::int64_t count, const char *what, const std::string &key) const {
     if (ask_all_) name(count, what, key);
   }

@@ -20,8 +20,8 @@ struct room_report {
   std::int64_t left = 0;  // bytes in the cache
 };
 
-// Measures the cache and removes files that the store has, longest unused first, until the cache
-// is below its size and so many bytes of the disk are free that were not.
+// Measures the cache and removes files that the store has, longest unused first. Stops when the
+// cache is below its size and `wanted_free` more bytes of the disk are free.
 room_report make_room(const keeper_parts &parts, const keeper_settings &settings,
                       std::int64_t wanted_free);
 

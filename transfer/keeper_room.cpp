@@ -10,13 +10,13 @@
 
 namespace {
 
-// A host may be about to open what it was just told of.
+// Seconds: a host may be about to open a file that it has just found.
 constexpr double announced = 60;
 
 // Ages grow by one part in 128 from step to step, up to 130 years.
 constexpr std::size_t steps = std::size_t{32} * 128;
 
-// By the logarithm, so that young files are told apart finely and old ones coarsely.
+// By the logarithm: fine steps for young files, coarse ones for old files.
 std::size_t step_of(double age) {
   const double step = age < 1 ? 0 : std::log2(age) * 128;
   return std::min(static_cast<std::size_t>(step), steps - 1);

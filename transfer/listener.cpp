@@ -26,7 +26,7 @@ std::string clear(const std::string &path) {
   if (::lstat(path.c_str(), &status) != 0) return "";
   if (!S_ISSOCK(status.st_mode)) return told(path, "there is a file that is no socket");
   // EAGAIN: its service is there, and has much to do.
-  // Asked by connecting: a file alone does not tell whether somebody listens.
+  // Asked by connecting: a file alone does not show whether a service listens.
   if (connect_to_service(path) || errno == EAGAIN) return told(path, "another service runs here");
   if (errno != ECONNREFUSED && errno != ENOENT) return told(path, std::strerror(errno));
   return ::unlink(path.c_str()) == 0 || errno == ENOENT ? "" : told(path, std::strerror(errno));

@@ -40,8 +40,8 @@ meaning meaning_of(const s3_answer &answer) {
     case s3_outcome::refused:
       if (is_about_location(answer)) return meaning::refusal;
       if (answer.outcome == s3_outcome::not_found) return meaning::works;
-      // One key may be refused, or each: so many in a row will tell. Without a status none was
-      // sent.
+      // One key may be refused, or each: several failures in a row will show. Without a status, no
+      // request was sent.
       return answer.status == 0 ? meaning::nothing : meaning::failure;
     case s3_outcome::busy:
     case s3_outcome::unreachable:
@@ -62,7 +62,7 @@ double wall_time_of(steady::time_point when) {
   return qx_get_tstamp() + std::chrono::duration<double>(when - steady::now()).count();
 }
 
-// In seconds, after so many rests in a row.
+// In seconds, after this many rests in a row.
 double rest_after(const s3_answer &answer, int rests) {
   double rest = 0;
   if (answer.retry_after) {

@@ -115,7 +115,7 @@ class transfer_locations {
   mutable std::mutex lock_;  // guards all that follows
   std::map<std::string, std::unique_ptr<place>, std::less<>> places_;
   long generation_ = 0;
-  long probes_ = 0;  // so many there were
+  long probes_ = 0;  // how many there were
 };
 
 #endif

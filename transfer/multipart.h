@@ -1,5 +1,5 @@
-// Uploading a large file in parts, several at a time. The id of the upload is kept beside the file,
-// so that one that was broken off goes on where it was, as far as the store has its parts.
+// Uploading a large file in parts, several at a time. The id of the upload is kept beside the file.
+// So one that was broken off goes on with the parts that the store lacks.
 #ifndef TRANSFER_MULTIPART_H
 #define TRANSFER_MULTIPART_H
 

@@ -22,7 +22,7 @@ void notify_alive() {
 
 void notify_reloading() {
   timespec now{};
-  // The manager tells by this time which reload the next "ready" belongs to.
+  // By this time the manager knows which reload the next "ready" belongs to.
   ::clock_gettime(CLOCK_MONOTONIC, &now);
   const long long microseconds = now.tv_sec * 1'000'000LL + now.tv_nsec / 1000;
   ::sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds)).c_str());

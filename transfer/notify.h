@@ -1,4 +1,4 @@
-// What the service manager is told. Without one, nothing happens here.
+// Messages to the service manager. Without one, nothing happens here.
 #ifndef TRANSFER_NOTIFY_H
 #define TRANSFER_NOTIFY_H
 
@@ -15,7 +15,7 @@ void notify_reloading();
 // The manager then waits for the end, and takes it for no failure.
 void notify_stopping();
 
-// How often the manager wants to be told that the service lives, or `otherwise`.
+// How often the manager wants to hear that the service lives, or `otherwise`.
 std::chrono::milliseconds alive_interval(std::chrono::milliseconds otherwise);
 
 #endif

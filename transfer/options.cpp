@@ -75,7 +75,7 @@ std::optional<transfer_options> parse_options(int argc, const char **argv) {
 
   bool chosen = false;
   int option = 0;
-  // Options that only set a variable, as --json does, are passed over here.
+  // popt handles options that only set a variable, as --json does, by itself.
   while ((option = poptGetNextOpt(context.get())) > 0) {
     if (chosen) return refuse("only one of the tasks can be done at a time");
     chosen = true;

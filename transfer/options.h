@@ -11,10 +11,10 @@ enum class transfer_task { serve, status, check, drain, help, version };
 struct transfer_options {
   transfer_task task = transfer_task::serve;
   bool json = false;           // of status
-  std::optional<int> seconds;  // of drain; without a number it waits for ever
+  std::optional<int> seconds;  // of drain; without a number it waits without limit
 };
 
-// Nothing when the command line is wrong; standard error has been told why.
+// Nothing when the command line is wrong; standard error has the reason.
 std::optional<transfer_options> parse_options(int argc, const char **argv);
 
 void print_usage(FILE *stream);

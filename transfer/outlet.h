@@ -16,7 +16,7 @@
 
 #include "main/transfer/wire.h"
 
-// Ends the server's wait. It outlives the server for as long as somebody may speak.
+// Ends the server's wait. It outlives the server for as long as another thread may write to it.
 struct wake_event {
   wake_event() : fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
   void set() const { ::eventfd_write(fd.get(), 1); }

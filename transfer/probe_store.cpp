@@ -16,7 +16,7 @@
 
 namespace {
 
-// Within it deletions and uploads of several nodes cannot be told apart.
+// Within it the order of deletions and uploads of several nodes is not certain.
 constexpr double tolerated_seconds = 1;
 // The times of a store are whole seconds, and a transfer takes some.
 constexpr double tolerated_of_store = 30;

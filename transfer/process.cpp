@@ -94,7 +94,7 @@ void set_up_process() {
 
 signal_watch::signal_watch() {
   std::signal(SIGPIPE, SIG_IGN);
-  // Sent when somebody opens a file that is leased; the lease is given back anyhow.
+  // Sent when a process opens a leased file; the lease is given back anyhow.
   std::signal(SIGIO, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);  // a limit of the size of files is an error of the write
   sigset_t watched;

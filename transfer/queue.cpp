@@ -17,7 +17,8 @@ namespace {
 // What one script goes through; the server does nothing else meanwhile.
 constexpr long places_in_page = 4000;
 constexpr long most_in_page = 1000;
-// For a file that stays queued for longer nothing more is remembered: the set would grow for ever.
+// For a file that stays queued for longer nothing more is remembered: the set would grow without
+// end.
 constexpr double longest_kept = 30 * 86'400.0;  // seconds
 // Four times as long as between two renewals, so one that fails costs nothing.
 constexpr std::string_view claim_milliseconds = "60000";

@@ -53,7 +53,7 @@ struct delete_member {
   static std::optional<delete_member> parse(std::string_view member);
 };
 
-// Uploads are worked off by their own node, deletes by any.
+// A node processes its own uploads, and any deletes.
 enum class queue_kind { uploads, deletes };
 
 // How a script found the member. Each function says which of them leave the claim held.
@@ -76,7 +76,7 @@ struct queue_summary {
   long deletes = 0;
   double oldest_upload = 0;  // of this node, seconds since the epoch; 0 for none
   double oldest_delete = 0;
-  double oldest_of_all = 0;   // upload of any node, or of none: nobody works that one off
+  double oldest_of_all = 0;   // upload of any node, or of none, which no node processes
   std::string oldest_member;  // its text
 };
 
@@ -95,15 +95,15 @@ class transfer_queue {
 
   const std::string &node() const { return node_; }
 
-  // A page of this node's uploads, or of all deletes, oldest first, from the place `cursor` on,
-  // which starts at 0 and is -1 after the last page. A page may be empty and not the last. Members
-  // that are removed move those behind them to the front.
+  // A page of this node's uploads, or of all deletes, oldest first. `cursor` is its place: 0 at
+  // first, -1 after the last page. A page may be empty and not the last. Members that are removed
+  // move those behind them to the front.
   page uploads(long &cursor);
   page deletes(long &cursor);
   // The place of the first member, of any node, that is no older than `time`.
   std::optional<long> place_of(queue_kind kind, double time);
 
-  // Claims the key of an upload for this process, and tells whether it is still to be done.
+  // Claims the key of an upload for this process, and returns whether it must still be done.
   // Only after `unchanged`, `contested` and `deleted` the claim is held.
   queue_state begin_upload(const queue_entry &entry, const upload_member &member);
   // After the object was stored: removes the member if it is unchanged, and gives the claim back,
@@ -115,7 +115,7 @@ class transfer_queue {
   // claim back. It stays, `unclear`, when an upload of the key ended unclear in the last `window`
   // seconds.
   queue_state drop_upload(const queue_entry &entry, const upload_member &member, int window);
-  // Gives the claim back with the member as it is.
+  // Gives the claim back and leaves the member unchanged.
   void leave_upload(const queue_entry &entry, const upload_member &member,
                     transfer_end end = transfer_end::clear);
   // A request to remove the objects may still take effect, on younger ones.
@@ -130,7 +130,7 @@ class transfer_queue {
   queue_state end_delete(const queue_entry &entry, const delete_member &member, int window);
   // The same for a deletion that an upload overtook: nothing is left to be deleted.
   queue_state drop_delete(const queue_entry &entry, const delete_member &member);
-  // Gives the claim back with the member as it is.
+  // Gives the claim back and leaves the member unchanged.
   void leave_delete(const delete_member &member);
 
   // Whether the claim of the running job is held for sure for as long as a request takes: what

@@ -14,8 +14,8 @@ inline constexpr std::string_view unclear_ends = "storage:unclear:s3:main";
 std::string queue_number(double value);
 
 // What belongs to a key: its claim, and its members in the sets of deletions and unclear ends. The
-// mark of a prefix tells for a while that a deletion of all below it ended. A
-// prefix is "<kind>/<first id>/<second id>".
+// mark of a prefix says for a while that a deletion of all below it ended. A prefix is
+// "<kind>/<first id>/<second id>".
 struct upload_names {
   explicit upload_names(const upload_member &member);
   std::string claim, prefix_claim, prefix_mark;

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-// The ETag without quotes, as the store told it, and the length of the file it was told for.
+// The ETag that the store gave, without quotes, and the length of the file.
 struct receipt {
   std::string etag;
   std::int64_t length = 0;

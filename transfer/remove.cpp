@@ -54,7 +54,7 @@ class delete_job {
 
   job_result end(queue_state state) {
     is_claimed_ = false;
-    // Other states mean that the deletion is to be done again, or was done by somebody.
+    // Other states mean that the deletion must be repeated, or was done by another node.
     if (state == queue_state::unchanged) ++context_.state.counters.deletes;
     return result_of(state);
   }

@@ -1,4 +1,4 @@
-// Makes the state's text on a thread of its own, so that nobody waits for a slow cache server.
+// Makes the state's text on a thread of its own, so that no other part waits for a slow DisDB.
 // Its text goes out in pieces, over the connections that asked.
 #include "transfer/reporter.h"
 
@@ -52,7 +52,7 @@ void reporter::run() {
       for (const auto &one : askers) one->say(pieces);
       return true;
     });
-    // Who would wait for the rest of an answer is to know.
+    // A host must not wait for the rest of a broken answer.
     for (const auto &one : askers) {
       if (!is_told) one->break_off();
     }

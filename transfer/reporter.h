@@ -1,5 +1,4 @@
-// Tells the state to who asks for it, on a thread of its own: the DisDB is asked for it, which may
-// take seconds.
+// Answers requests for the state on a thread of its own: it asks the DisDB, which may take seconds.
 #ifndef TRANSFER_REPORTER_H
 #define TRANSFER_REPORTER_H
 
@@ -10,7 +9,7 @@
 
 #include "transfer/outlet.h"
 
-// All who ask while one answer is made share the next one.
+// All requests that come while one answer is made share the next one.
 class reporter {
  public:
   // `status` must live longer.

@@ -38,7 +38,7 @@ void service_routine::run() {
     // From its end: a slow report must not follow on itself.
     report_due_ = end + std::max<clock::duration>(report_interval, (end - begin) * report_share);
   }
-  // Last: a part that hangs with a lock keeps the report from ending, and this from being told.
+  // Last: if a part hangs with a lock, the report does not end, and the manager notices.
   if (clock::now() >= alive_due_) {
     notify_alive();
     alive_due_ = clock::now() + alive_interval_;

@@ -1,5 +1,5 @@
-// What the main thread does beside waiting for signals: tells the service manager that the service
-// lives, writes the metrics, and logs what changed.
+// What the main thread does beside waiting for signals. It notifies the service manager that the
+// service lives, writes the metrics, and logs what changed.
 #ifndef TRANSFER_ROUTINE_H
 #define TRANSFER_ROUTINE_H
 

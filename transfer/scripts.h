@@ -13,7 +13,7 @@ struct queue_script {
   std::string digest;  // SHA-1, lower-case hexadecimal
 };
 
-// Whether a member is one of this node, with so many bytes of a kind before its key; stands in
+// Whether a member is one of this node, with `kind` bytes of a kind before its key; stands in
 // front of the two scripts below.
 inline constexpr char is_of_text[] = R"lua(
 local function is_of(node, member, kind)
@@ -62,9 +62,10 @@ return {#read < last - first + 1 and -1 or last + 1, count, oldest}
 
 // KEYS: uploads, deletions, claim, claim of the prefix, unclear. ARGV: member, score, deletion of
 // the key, deletion of the prefix, claim value, claim owner, milliseconds, unclear member, now.
-// Nothing is changed unless the member is as it was read. A claim of another owner, or of the whole
-// prefix, ends it with "claimed". An old claim of this node is taken over, and its transfer counts
-// as unclear. The two scores of deletions decide between "unchanged", "contested" and "deleted".
+// Nothing is changed unless the member has the score that was read. A claim of another owner, or of
+// the whole prefix, ends it with "claimed". An old claim of this node is taken over, and its
+// transfer counts as unclear. The two scores of deletions decide between "unchanged", "contested"
+// and "deleted".
 inline constexpr char begin_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 if not score then return 'gone' end
@@ -90,12 +91,13 @@ if deleted >= tonumber(score) then return 'contested' end
 return 'unchanged'
 )lua";
 
-// KEYS: as above, mark of the prefix. ARGV: member, score, deletion of the key, deletion of the
-// prefix, claim value, unclear member, now, "unclear" or "clear", milliseconds for which a mark is
-// kept, milliseconds since the job began, the oldest unclear end that counts.
-// The order matters: a lost claim is noted as unclear before anything else. A renewed member stays
-// and is sent again. "deleted" keeps the claim, as the object is still to be removed. The member
-// goes last, when nothing can have removed the object meanwhile.
+// KEYS: as above, mark of the prefix.
+// ARGV: 1 member, 2 score, 3 deletion of the key, 4 deletion of the prefix, 5 claim value, 6
+// unclear member, 7 now, 8 "unclear" or "clear". In milliseconds: 9 for which a mark is kept, 10
+// since the job began. 11 the oldest unclear end that counts. The order matters: a lost claim is
+// noted as unclear before anything else. A renewed member stays and is sent again. "deleted" keeps
+// the claim, as the object is still to be removed. The member goes last, when nothing can have
+// removed the object meanwhile.
 inline constexpr char end_upload_text[] = R"lua(
 local score = redis.call('ZSCORE', KEYS[1], ARGV[1])
 local held = redis.call('GET', KEYS[3]) == ARGV[5]
@@ -165,9 +167,9 @@ redis.call('SET', KEYS[3], ARGV[4], 'PX', ARGV[6])
 return 'unchanged'
 )lua";
 
-// KEYS: queue, unclear, claim, mark of the prefix. ARGV: member, score, claim value, unclear member
-// or what it begins with, "key" or "prefix", the oldest unclear end that counts, milliseconds for
-// which a mark is kept.
+// KEYS: queue, unclear, claim, mark of the prefix.
+// ARGV: 1 member, 2 score, 3 claim value, 4 unclear member or what it begins with, 5 "key" or
+// "prefix". 6 the oldest unclear end that counts, 7 milliseconds for which a mark is kept.
 // The mark of a prefix is set in any case, as uploads that ran meanwhile must be sent again. An
 // unclear end that is young enough keeps the member in the queue; one of a removal brings nothing.
 inline constexpr char end_delete_text[] = R"lua(

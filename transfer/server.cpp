@@ -78,7 +78,7 @@ class transfer_server::engine {
     is_ending_ = true;
     wake_->set();
     thread_.join();
-    // Those who still have a download running keep their end.
+    // Hosts with a running download keep their end of the connection.
     // Answers of downloads that end later are dropped: their hosts see the connection end.
     for (const host &one : hosts_) one->close();
   }
@@ -159,11 +159,11 @@ void transfer_server::engine::accept_hosts() {
   for (;;) {
     unique_fd socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket) {
-      // Short of descriptors or memory: those who wait are taken later.
+      // Short of descriptors or memory: accept the waiting hosts later.
       may_accept_ = errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
       return;
     }
-    // Whoever connects may order any object, so the kernel is asked who it is.
+    // A host that is connected may order any object, so the kernel is asked which user it is.
     if (!peers_.trust(socket.get())) {
       QX_LOG(FR_LOG_WARNING, "refused a connection of a user that is not trusted");
     } else if (hosts_.size() >= most_connections) {
@@ -204,7 +204,7 @@ bool transfer_server::engine::take(const host &from, transfer_message &message) 
       hooks_.queued();
       return true;
     case transfer_word::status:
-      // Who asks again before the answer is there gets one answer.
+      // A host that asks again before the answer is there gets one answer.
       if (!from->is_asking.exchange(true)) reporter_.ask(from);
       return true;
     default:
@@ -213,7 +213,7 @@ bool transfer_server::engine::take(const host &from, transfer_message &message) 
 }
 
 void transfer_server::engine::order(const host &from, transfer_message &message) {
-  // Refused orders are answered like failed ones: the host has nobody else to ask.
+  // Refused orders are answered like failed ones: the host has no other service to ask.
   if (from->downloads >= most_downloads || *running_ >= most_downloads_in_all ||
       !message.descriptor || !is_target(message.descriptor.get())) {
     from->say({answer(message.id, false)});

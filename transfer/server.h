@@ -1,8 +1,8 @@
 // The socket on which hosts ask for downloads and people for the state: protocol.h of
 // main/transfer.
 //
-// One thread serves all connections and waits for none of them. What is wrong with a datagram, or
-// who sends it, ends the connection, with one line in the log.
+// One thread serves all connections and waits for none of them. A wrong datagram, or a sender
+// that is not trusted, ends the connection with one line in the log.
 #ifndef TRANSFER_SERVER_H
 #define TRANSFER_SERVER_H
 

@@ -14,8 +14,8 @@
 
 namespace {
 
-// A cached file that nobody used expires before its deletion is forgotten, also on a node that was
-// off for as long.
+// An unused cached file expires before its deletion is forgotten, also on a node that was off for
+// as long.
 int keeping_of_deletions(int cache_expire) {
   constexpr int least_days = 7, days_more = 2;
   return std::max(least_days * 24, cache_expire + days_more * 24) * 3600;
@@ -43,7 +43,7 @@ keeper_settings for_keeper(const service_settings &settings) {
           .config = settings.config};
 }
 
-// What the running parts cannot change: takes the old value and tells it.
+// What the running parts cannot change: keeps the old value and adds a line that says so.
 template <class Value>
 void keep(const char *what, const Value &old, Value &now, std::vector<std::string> &lines) {
   if (old == now) return;
@@ -175,7 +175,7 @@ void transfer_service::stop() {
   if (!parts_) return;
   // Ends running transfers, so that no part waits for a store.
   parts_->control.stop = true;
-  // The server goes last: through it hosts are told of the downloads that end here.
+  // The server goes last: hosts learn through it of the downloads that end here.
   parts_->keeper.stop();
   parts_->workers.stop();
   parts_->downloads.stop();

@@ -20,7 +20,7 @@ struct transfer_counters {
   std::atomic<std::uint64_t> evicted{0}, evicted_bytes{0}, queued_again{0}, swept{0};
 };
 
-// A member that cannot be worked off for now, and why.
+// A member that cannot be processed for now, and why.
 struct parked_member {
   std::string member;
   std::string reason;  // one line

@@ -1,4 +1,4 @@
-// Ends uploads in parts that nobody finished.
+// Ends uploads in parts that were never finished.
 // On a thread of the workers, once a day; changes the store only.
 #include "transfer/sweep.h"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Which node began an upload is not to be told, and the files of a node may wait for days.
+// An upload does not show which node began it, and the files of a node may wait for days.
 constexpr double forgotten_after = 7 * 86'400.0;  // seconds
 // Of listings in a row: a store may go on listing what it has ended.
 constexpr int most_rounds = 10;

@@ -17,7 +17,7 @@ namespace {
 
 using open_folder = std::unique_ptr<DIR, call_to_release<::closedir>>;
 
-// Keys have four levels; what lies deeper is nobody's.
+// Keys have four levels; what lies deeper is no file of a host.
 constexpr int deepest = 16;
 
 // A link in place of a folder is not followed: it may lead anywhere.

@@ -1,5 +1,5 @@
-// Walks the files of a folder and of the folders in it, without following links, with one open
-// folder for each level and no list of names.
+// Walks the files of a folder and of the folders in it. Follows no link, keeps one folder open for
+// each level, and makes no list of names.
 #ifndef TRANSFER_TREE_WALK_H
 #define TRANSFER_TREE_WALK_H
 

@@ -142,7 +142,7 @@ class upload_job {
     const queue_state state =
         context_.queue.end_upload(entry_, member_, settings_.unclear_window,
                                   uncertain_ ? transfer_end::unclear : transfer_end::clear);
-    // The claim is still held: nobody else may store the key before the object is gone.
+    // The claim is still held: no other job may store the key before the object is gone.
     if (state == queue_state::deleted) return cancel();
     is_claimed_ = false;
     if (state == queue_state::unchanged || state == queue_state::gone) {

@@ -25,7 +25,7 @@ struct level_word {
   unsigned bit;
 };
 
-// As VELKAN_DEBUG_PBX names them, with "|" between. Other words are passed over.
+// As VELKAN_DEBUG_PBX names them, with "|" between. Other words are skipped.
 constexpr level_word level_words[] = {
     {"ERROR", VK_LOG_ERROR},   {"DEBUG", VK_LOG_DEBUG},     {"EVENT", VK_LOG_EVENT},
     {"NOTICE", VK_LOG_NOTICE}, {"WARNING", VK_LOG_WARNING},

@@ -16,7 +16,7 @@ bool is_link(int folder, const char *name, struct stat &status) {
   return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
 }
 
-// Only root can have made the link, and nobody else can put another one in its place.
+// True if only root can have made the link, and only root can replace it.
 bool is_links_maker_root(int folder, const struct stat &link) {
   struct stat around {};
   return link.st_uid == 0 && ::fstat(folder, &around) == 0 && around.st_uid == 0 &&

@@ -1,5 +1,5 @@
-// Opening where others may put links. A link counts only when root owns it in a folder that only
-// root may write, and what it leads to is walked by the same rule. Internal to the engine.
+// Opening where others may put links. A link counts only if root owns it in a folder that only root
+// may write. The same rule holds for what it leads to. Internal to the engine.
 //
 // Flags are those of open; results are empty, with errno, when nothing was opened: ELOOP for a link
 // that does not count.

@@ -17,8 +17,8 @@ namespace {
 // Never blocks, whatever was put in the place of a file.
 constexpr int file_flags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-// Who is inside a quota_umask. The first sets the mask, the last restores it: with a memory of its
-// own for each, overlapping threads would leave the process with the wrong one.
+// The scopes that are in a quota_umask. The first sets the mask, the last restores it. If each
+// remembered a mask of its own, overlapping threads would leave the process with the wrong one.
 struct {
   std::mutex lock;
   int users = 0;
@@ -65,7 +65,7 @@ unique_fd make_folder(int at, const char *name, const owner &whose) {
   // Another process may have been faster; the folder is then there as wanted.
   const bool made = ::mkdirat(at, name, whose.mode) == 0;
   if (!made && errno != EEXIST) return {};
-  // Opened by the careful way, as somebody may have put a link in its place meanwhile.
+  // Opened carefully: another process may have put a link in its place.
   unique_fd folder = open_entry(at, name, folder_flags);
   struct stat status {};
   if (!made || !folder || !running_as_root() || ::fstat(folder.get(), &status) != 0) return folder;

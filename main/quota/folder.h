@@ -1,17 +1,15 @@
-// Directories and files at and below the quota root, opened so that nobody but root decides where
-// the way leads. Internal to the engine.
+// Directories and files at and below the quota root, opened so that only root decides where a path
+// leads. The rule itself is in careful_open.h. Internal to the engine.
 //
-// The quota root belongs to user "asterisk", who may put anything into it, and a refresh runs as
-// root. So the way below the root goes from descriptor to descriptor. A link counts only when root
-// owns it in a folder that only root may write, as an administrator makes it who moves a reseller
-// to another disk. Any other link is refused, and so is a quota file that is no regular file or has
-// a second name. A refusal gives ELOOP and one warning in the log that names the file; a folder or
-// file that is only looked at to read it is refused without a word. The quota root itself may be a
+// User "asterisk" may put anything into the quota root, and a refresh runs as root. So the way
+// below the root goes from descriptor to descriptor. A link counts only if root owns it in a folder
+// that only root may write: an administrator moved a reseller to another disk. Refused are other
+// links, and quota files that are not regular or have a second name. A refusal is ELOOP and one
+// warning in the log; when opened only to read, it is not logged. The quota root itself may be a
 // link. Nothing in here waits for a fifo or a device.
 //
-// What root made and could not give to its owner any more, as it was killed, is given when a
-// refresh or an update opens it: a folder or file that root owns and that has the mode of one of
-// ours.
+// If root was killed before it gave a new folder or file to its owner, a later refresh or update
+// does so. It takes what root owns with the mode of our files.
 #ifndef MAIN_QUOTA_FOLDER_H
 #define MAIN_QUOTA_FOLDER_H
 
@@ -77,8 +75,8 @@ class quota_folder {
   // that fails.
   quota_file open_to_read(const char *name, bool hand_over = false) const;
   // Opens a file to read and write it; one that is missing is created and given to its owner. The
-  // lock is tried once, without waiting: nobody may keep a run waiting before the file was looked
-  // at, and a size learned under the lock need not be asked for again.
+  // lock is tried once, without waiting: no other process may delay a run before it has looked at
+  // the file. A size learned under the lock need not be asked for again.
   quota_file open_to_write(const char *name) const;
 
   // Creates an empty file and gives it to its owner, or opens the one that is there. Empty, with

@@ -21,7 +21,7 @@ bool give(int fd, uid_t uid, gid_t gid);
 // Gives to the owner of the quota files; one that cannot be found out leaves the file as it is.
 void give_to_owner(int fd);
 
-// Whether a folder that was just made is still in its place: somebody who may write the folder
+// Whether a folder that was just made is still in its place. A process that may write the folder
 // around it may have put another one of root's there.
 bool is_just_made(int fd, const struct stat &status);
 

@@ -13,8 +13,8 @@ std::string_view local_lock_option(std::string_view mount);
 // Logs a warning when the root lies on a file system that is mounted so.
 void warn_of_local_locks(const std::string &quota_root) noexcept;
 
-// Logs, once in a process, that a lock failed for another reason than that somebody holds it. errno
-// has the reason, and stays.
+// Logs, once in a process, that a lock failed although no other process holds it. errno has the
+// reason, and is unchanged.
 void note_lock_failure() noexcept;
 
 #endif

@@ -7,8 +7,7 @@
 // The redo mark of an account ("quota.redo") says that the refresh which wrote the account's files,
 // or was about to, did not know all. Only a refresh sets, heeds and removes it; the next refresh
 // computes all files of the account again. Setting it never waits. A refresh holds a shared lock on
-// the mark that it set, so that another one, which finds all in order meanwhile, does not take it
-// away: the first may yet be killed.
+// the mark that it set. Another refresh then leaves it, as the first may still be killed.
 #ifndef MAIN_QUOTA_MARKS_H
 #define MAIN_QUOTA_MARKS_H
 
@@ -41,8 +40,8 @@ class redo_mark {
   // lives, it shows other refreshes that one is at work here.
   bool set();
 
-  // Takes the mark away, as this refresh knew all. One that was there before stays when only one
-  // kind was computed, and so does one that another refresh is at work under or has set since.
+  // Removes the mark, as this refresh knew all. An older mark stays when only one kind was
+  // computed. So does one that another refresh holds or has set since.
   void settle(bool all_kinds);
 
  private:

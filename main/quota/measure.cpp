@@ -111,7 +111,7 @@ class tree_walk {
       note_failure();
       return;
     }
-    // Only a link leads back up; as long as the path has none, nobody needs to know who is who.
+    // Only a link leads back up: without one on the path, identities are not needed.
     std::optional<identity> id;
     if (is_linked) {
       id = identity_of(directory.get());
@@ -158,7 +158,8 @@ class tree_walk {
     }
   }
 
-  // Closes a level that is to be found again, which takes knowing it by more than its name.
+  // Closes a level that must be reopened by path. Remembers its identity first, so that a replaced
+  // directory is noticed.
   static void close_level(level &closed) {
     if (!closed.directory) return;
     if (!closed.id) closed.id = identity_of(closed.directory.get());
@@ -175,8 +176,8 @@ class tree_walk {
   }
 
   // Goes down the current path by its names, from the nearest open directory above level `first`
-  // to the deepest level, learns the identity of each level on the way, and opens again those that
-  // have more to enter. False when the path is no longer what it was.
+  // to the deepest level. Learns or checks the identity of each, and reopens those that have more
+  // to enter. False when the path has changed.
   bool retrace(size_t first) {
     size_t index = first;
     while (index > 0 && !levels_[index - 1].directory) --index;
@@ -251,7 +252,7 @@ int compute_quota_dir(char **path, int64_t *total, int recurse) {
 
 int64_t quota_get_dirsize(const char *path) {
   return no_throw<int64_t>(-1, [&] {
-    // The count starts one short, and callers have come to add the one: kept as it is.
+    // The count starts one short: callers add the one.
     int64_t total = -1;
     compute_quota(path, &total, 1);
     return total;

@@ -1,8 +1,8 @@
 // Usage of directories: apparent sizes (st_size) of the regular files in them, links followed.
 // Internal to the engine.
 //
-// A walk goes relative to directory descriptors, so names of any bytes and paths of any length are
-// measured, with few descriptors open at a time. A directory that is already on the current path
+// A walk goes relative to directory descriptors. So it measures names of any bytes and paths of any
+// length, with few descriptors open at a time. A directory that is already on the current path
 // is not entered again. Directories linked to each other can have more ways through them than any
 // walk can go: after 100,000 directories that were entered with a link on the way no further one
 // is, with one warning in the log. An entry that vanishes is skipped; fifos, sockets and devices

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The longest way up that is followed. Trees have three levels; a circle has no end.
+// The longest parent chain that is followed. Trees have three levels; a circle has no end.
 constexpr int most_levels = 64;
 
 void give_parent(const c_string &text, int *parent_id, std::string *parent_text) {

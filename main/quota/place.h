@@ -45,7 +45,7 @@ struct tree_place {
 tree_place place_of(int account_id, const located_account &found);
 
 // Visits an account and all above it, with their levels, until one with a level below 11 was
-// visited. 0; the error of get_parid_level; -1 when the way up does not end.
+// visited. 0; the error of get_parid_level; -1 when the parent chain does not end.
 int climb_tree(SessionHandle session, int account_id,
                const std::function<void(int account_id, int level)> &visit);
 

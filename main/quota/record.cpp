@@ -67,10 +67,10 @@ bool holds_dot(int fd) {
   return count > 0 && std::memchr(bytes, '.', static_cast<size_t>(count)) != nullptr;
 }
 
-// Goes over the old record in one call and then cuts the file, so that it never shows empty and
-// never half. (Emptying it first also costs many times as much where that waits for the journal.)
-// Where the lengths differ, filler covers what is neither old nor new: whoever is killed here
-// leaves a record that reads right and shows that it was not finished.
+// Writes over the old record in one call and then cuts the file, so that it is never empty or half
+// written. (Emptying it first costs many times as much if that waits for the journal.) Where the
+// lengths differ, filler covers what is neither old nor new. A process killed here leaves a record
+// that reads right and shows that it was not finished.
 bool replace_record(int fd, const char *record, size_t length, size_t old_length) {
   char bytes[record_size];
   std::memset(bytes, filler, sizeof bytes);

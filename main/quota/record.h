@@ -39,7 +39,7 @@ std::optional<quota_record> record_of(const quota_file &file);
 int is_rev_inrange(const quota_folder &folder, const char *file, int64_t *value);
 
 // Writes one record under the file's lock, creating the file when it is not there. 0, or -1 when
-// it can be neither opened nor created; what the write itself gave is told in *written only.
+// it can be neither opened nor created. Only *written says whether the write itself succeeded.
 int quota_real_update(const quota_folder &folder, const char *file, int64_t value, int revision,
                       bool *written = nullptr);
 

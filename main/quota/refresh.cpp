@@ -30,7 +30,7 @@ outcome stopped(unsigned kind) {
   return {-1, set_of(kind)};
 }
 
-// The way up has three levels in a sound tree, so a walk along it costs little.
+// The parent chain has three levels in a sound tree, so a walk along it costs little.
 bool is_on_path(const tree_account *deepest, int id) {
   for (const tree_account *one = deepest; one != nullptr; one = one->above) {
     if (std::atoi(one->id) == id) return true;
@@ -95,7 +95,7 @@ outcome refresh_account(const tree_account &self, unsigned kind, std::string &di
 }
 
 outcome account_refresh::run(int64_t &value) {
-  // A folder that somebody else put in the way is passed over with all that is below it.
+  // A foreign link in place of the folder: skip it with all accounts below it.
   if (!folder_.open() && errno == ELOOP) {
     ++the_tally.skipped;
     return stopped(kind_);
@@ -153,8 +153,7 @@ outcome account_refresh::refresh_children() {
   kind_set uncertain = 0;
   while (MYSQL_ROW row = ::mysql_fetch_row(rows.get())) {
     if (row[0] == nullptr || row[1] == nullptr) return stopped(kind_);
-    // An account that is its own ancestor can only be damaged data; the walk would go round in it
-    // for ever.
+    // An account that is its own ancestor can only be damaged data: the walk would never end.
     if (is_on_path(&self_, std::atoi(row[0]))) continue;
     const tree_account child{row[0], self_.id, self_.parent_id, std::atoi(row[1]), &self_};
     // Children go by the id as the database gives it, in directories without leading zeros.
@@ -180,7 +179,7 @@ void account_refresh::mark_before_children() {
   });
 }
 
-// Whether an unforced refresh leaves the file as it is; its value is then in `value`.
+// Whether an unforced refresh leaves the file unchanged; its value is then in `value`.
 bool account_refresh::is_fresh(unsigned kind, int64_t &value) const {
   const char *file = media_kinds[kind].quota_file;
   return !redo_.was_there() && is_dirty(folder_, file) == 0 &&
@@ -259,8 +258,8 @@ int quota_update_slow_internal(int account_id, unsigned kind, int64_t *total, in
   const int error = find_target(account_id, found, directory);
   if (error != 0) return error;
   const auto text = [](const std::string &one) { return one.empty() ? nullptr : one.c_str(); };
-  // The walk's own result is dropped: callers go by whether the account could be found, and a
-  // refresh that stopped half way is made up for by the next one.
+  // Drop the walk's own result: callers go by whether the account could be found. The next refresh
+  // repairs one that stopped half way.
   quota_update_subtree(id.get(), text(found.parent_text), text(found.grandparent_text), found.level,
                        kind, directory, total, force, scratch);
   return 0;

@@ -20,8 +20,8 @@ int get_conf();
 // The settings, loaded at the first call; null while a file that holds them cannot be read.
 const quota_settings *loaded_settings();
 
-// The ids of user and group "asterisk", who own all that the engine creates as root. Looked up at
-// the first need and kept; a kept 0 counts as not yet looked up. -1, logged once at error
+// The ids of user and group "asterisk", the owners of all that the engine creates as root. Looked
+// up at the first need and kept; a kept 0 counts as not yet looked up. -1, logged once at error
 // priority, when they are not known.
 int owner_ids(uid_t *uid, gid_t *gid);
 

@@ -15,8 +15,9 @@ int make_qpaths(unsigned kind, int reseller_id, int client_id, int owner_id,
                 std::string *reseller_path, std::string *client_path, std::string *owner_path);
 
 // Adds the media directories to measure for one account and kind. Ids are texts, empty where there
-// is none. 0; -1 for a level without an id, for kinds 0, 2 and 3 of a level below 100, for kinds
-// above 4, and for settings that cannot be read.
+// is none. 0; -1 in these cases:
+// - a level without an id, or settings that cannot be read;
+// - kinds 0, 2 and 3 of a level below 100, and kinds above 4.
 int make_dpath(unsigned kind, int level, const char *reseller_id, const char *client_id,
                const char *owner_id, std::vector<std::string> &paths);
 

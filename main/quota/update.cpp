@@ -20,8 +20,8 @@ namespace {
 constexpr int default_wait = 30;  // ms
 constexpr int lock_step = 10;     // ms
 
-// Whether the file is locked for this update. Somebody else's file that is still empty is being
-// created: who made it has yet to come for the lock, and is let in first.
+// Whether the file is locked for this update. An empty file that this call did not create is still
+// being created: its maker is about to lock it, and goes first.
 bool holds_lock(quota_file &file) {
   if (!file.is_locked || file.created || file.size != 0) return file.is_locked;
   ::flock(file.fd.get(), LOCK_UN);
@@ -133,7 +133,7 @@ int quota_update_fast(unsigned kind, int64_t delta, int wait, int reseller_id, i
     if (make_qpaths(kind, reseller_id, client_id, owner_id, &reseller, &client, &owner) != 0) {
       return -1;
     }
-    // Deepest first. What becomes of one file is told by its dirty mark and stops no other.
+    // Deepest first. A file that fails gets a dirty mark and stops no other.
     for (const std::string *path : {&owner, &client, &reseller}) {
       if (!path->empty()) quota_upd_fast_internal(path->c_str(), delta, wait);
     }

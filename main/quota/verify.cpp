@@ -38,8 +38,8 @@ int64_t limit_of(int account_id, unsigned kind) {
 bool is_full(const std::string &path, int64_t limit) {
   if (limit < 0 || path.empty()) return false;
   // A file with a dirty mark gives no value, and is thereby never full. The value comes with 32
-  // bits: one of 2 GiB and more wraps, and a negative one is never full. Kept as it is: platforms
-  // rely on accounts of that size not being stopped.
+  // bits: one of 2 GiB and more wraps, and a negative one is never full. Kept: platforms rely on
+  // accounts of that size not being stopped.
   const int value = quota_upd_fast_internal(path.c_str(), 0, -1);
   return value >= 0 && value >= limit;
 }

@@ -88,7 +88,7 @@ int qx_sql_pool_init_from_config_files(const char *credentials_file, const char 
     return -1;
   }
   warn_if_public(file.get(), credentials_file);
-  // Shards come first: a server without the credentials of its shard is passed over.
+  // Shards come first: a server without the credentials of its shard is skipped.
   if (!for_each_value<add_shard>(file.get(), "DB_CREDENTIALS")) return -1;
 
   file.reset();

@@ -25,8 +25,8 @@ struct storage_config {
   std::string monitor_dir;
 };
 
-// Both at one moment. The configuration is null before the first one was loaded, the service while
-// none is registered.
+// Configuration and service as read under one lock. `config` is null before the first load,
+// `service` while none is registered.
 struct storage_snapshot {
   std::shared_ptr<const storage_config> config;
   std::shared_ptr<const qx_storage_api_t> service;

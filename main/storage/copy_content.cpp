@@ -12,8 +12,8 @@
 
 namespace {
 
-// Each moves up to so many bytes from one position to the other: the number, 0 at the end of the
-// source, or -1 with errno.
+// Each moves up to `most` bytes from one file's position to the other's. Returns the number, 0 at
+// the end of the source, or -1 with errno.
 using way_to_copy = ssize_t (*)(int from, int to, size_t most);
 
 // Enough that calls cost nothing, and done soon enough for a stop.

@@ -188,8 +188,8 @@ std::optional<temporary_file> make_temporary_file(const std::string &folder,
   return std::nullopt;
 }
 
-// A deletion tells it by the lock, the transfer service by the open file. A child of fork shares
-// the lock, so it is taken off rather than left to the last descriptor.
+// A deletion recognises it by the lock, the transfer service by the open file. A child of fork
+// shares the lock, so it is removed rather than left to the last descriptor.
 committed_file::committed_file(int fd) : fd_(::fcntl(fd, F_DUPFD_CLOEXEC, 0)) {
   if (fd_) ::flock(fd_.get(), LOCK_EX | LOCK_NB);
 }
@@ -233,7 +233,7 @@ int held_file::remove() const {
   if (error_ != 0) return error_ == ENOENT ? 0 : error_;
   // A commit has put another file there since; that one was not to be deleted.
   if (!is_at(path_)) return 0;
-  // Only what was renamed away can be told for sure.
+  // Only after a rename is it certain which file this is.
   const std::string folder = folder_of(path_);
   const std::string away = folder + "/" + removing_prefix + path_.substr(folder.size() + 1);
   if (::renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, away.c_str(), RENAME_NOREPLACE) == 0) {

@@ -1,5 +1,5 @@
 // The queues of the transfer service, sorted sets of the cache scored by the time of queueing. The
-// caller tells the service of what it queued. Errors are error numbers: 0 success, EIO when the
+// caller notifies the service of what it queued. Errors are error numbers: 0 success, EIO when the
 // queue cannot be written, ENOMEM. Internal to main/storage/.
 #ifndef MAIN_STORAGE_QUEUE_H
 #define MAIN_STORAGE_QUEUE_H

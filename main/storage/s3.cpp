@@ -160,8 +160,8 @@ int remove_file(const call_site &site, const storage_config &config, int /*type*
   const int error = queue_deletion(site, location, name);
   if (error != 0) return error;
   // A copy left in the cache would keep serving a deleted file. The service removes it where this
-  // process is killed first; it is told only now, as it takes a file that is still there for a
-  // commit of the same moment.
+  // process is killed first. Notify it only now: it takes a file that is still there for a commit
+  // of the same moment.
   const int cause = deleted.is_being_committed() ? 0 : deleted.remove();
   take_snapshot().tell_queued();
   if (cause != 0) {

@@ -19,7 +19,7 @@ int qx_storage_session::status() noexcept {
 
 void qx_storage_session::finish(int result, std::string path) noexcept {
   const std::lock_guard guard(lock_);
-  // Path and status change together: who sees the session ready finds its file.
+  // Path and status change together: a thread that sees the session ready finds its file.
   status_ = result;
   path_ = std::move(path);
   changed_.notify_all();

@@ -1,4 +1,4 @@
-// Case conversion of ASCII letters; every other byte stays as it is, whatever the locale.
+// Case conversion of ASCII letters; every other byte is unchanged, whatever the locale.
 // Exported to C; results of the first two are malloc'ed.
 #include <cstring>
 

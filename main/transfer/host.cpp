@@ -120,7 +120,7 @@ void *transfer_host::download(const char *key, const char *location, const char 
 
 void transfer_host::queued() {
   const std::lock_guard guard(lock_);
-  // The daemon looks at the queue by itself, if later: it need not be told.
+  // A failure does no harm: the daemon also looks at the queue by itself, only later.
   send(encode_message({.word = transfer_word::queued}), -1, 0, nullptr);
 }
 

@@ -99,7 +99,7 @@ void transfer_host::take_answer(connection &from, const transfer_message &answer
   finish(request, answer.status == QX_STORAGE_READY);
 }
 
-// Of a connection that nobody uses any more; what came over it before its end counts.
+// Of a connection that is no longer used; what came over it before its end counts.
 void transfer_host::end_downloads(connection &of) {
   take_answers(of);
   std::map<std::uint64_t, ordered_download *> rest;

@@ -1,4 +1,4 @@
-// Tells by the kernel's word who is at the other end of a socket, and whether to trust them.
+// Asks the kernel which user is at the other end of a socket, and decides whether to trust it.
 // Used by both ends before the first byte is believed.
 #include "main/transfer/peers.h"
 

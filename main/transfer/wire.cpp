@@ -96,7 +96,7 @@ receiving receive_message(int socket, transfer_message &message) {
     header.msg_controllen = control.size();
     const ssize_t length = ::recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (length < 0 && errno == EAGAIN) return receiving::nothing;
-    // A reset is told once; what came before it is still to be had.
+    // The kernel reports a reset once; what came before it can still be read.
     if (length < 0 && (errno == EINTR || errno == ECONNRESET)) continue;
     // No datagram of the protocol is empty, so 0 is the end of the connection.
     if (length <= 0) return receiving::ended;
@@ -121,7 +121,7 @@ unique_fd connect_to_service(const std::string &path) {
   const auto address = socket_address(path);
   errno = ENAMETOOLONG;
   if (!address) return {};
-  // SEQPACKET keeps the bounds of datagrams and tells when the other end goes.
+  // SEQPACKET keeps the bounds of datagrams and shows when the other end goes.
   unique_fd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const auto *const bytes = reinterpret_cast<const sockaddr *>(&*address);
   if (socket && ::connect(socket.get(), bytes, sizeof *address) != 0) socket.reset();

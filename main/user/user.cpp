@@ -167,7 +167,7 @@ account_place get_account_place(SessionHandle session, int account_id) {
   const char *const fields[] = {level_lookup.field, parent_lookup.field};
   text_array cached;
   if (key) cached = rmget_hash_key(QX_HERE, 0, key.get(), fields, std::size(fields));
-  // One read instead of two: the engine asks this for every account on the way up.
+  // One read instead of two: the engine asks this for every account of the parent chain.
   if (cached && cached[0] != nullptr && cached[1] != nullptr && not_negative(cached[0])) {
     return {std::atoi(cached[0]), cached.take(1)};
   }
@@ -215,7 +215,7 @@ char **qx_account_get_prefs(int account_id, int count, const char *const *names)
 }
 
 char *qx_account_get_pref(int account_id, const char *name) {
-  // Unlike the call for several names, this one asks nobody about an unknown name.
+  // Unlike the call for several names, this one looks up no unknown name.
   if (get_binding(pref_count, pref_bindings, name) == nullptr) return nullptr;
   return only_text(qx_account_get_prefs(account_id, 1, &name)).release();
 }

@@ -18,8 +18,7 @@ class deadline {
   // A moment that is over already is allowed: `passed` is true then at once.
   explicit deadline(clock::time_point end) noexcept : end_(end) {}
 
-  // In so many seconds. What is no positive number has passed at once; a year stands for all that
-  // is longer.
+  // `seconds` from now. 0, negative and NaN have already passed; more than a year is cut to a year.
   explicit deadline(float seconds) noexcept
       : end_(clock::now() + std::chrono::ceil<clock::duration>(std::chrono::duration<double>(
                                 seconds > 0 ? std::min<double>(seconds, 31'536'000) : 0.0))) {}
@@ -36,8 +35,8 @@ class deadline {
   clock::time_point end_;
 };
 
-// Whether `fd` is ready for `events`, or has failed or hung up, which the next read or write then
-// tells; signals do not end the wait. Without a deadline it waits for ever. errno has the reason
+// Whether `fd` is ready for `events`, or has failed or hung up: the next read or write then shows
+// which. Signals do not end the wait. Without a deadline there is no limit. errno has the reason
 // for false: ETIMEDOUT when the time is up.
 inline bool wait_ready(int fd, short events, const deadline *end) noexcept {
   // poll would pass over a descriptor that is none and wait for nothing.

@@ -20,7 +20,7 @@ constexpr bool means_nothing_there(int error) {
   }
 }
 
-// Makes a system call again while signals interrupt it, but not for ever.
+// Makes a system call again while signals interrupt it, a limited number of times.
 template <class Call>
 auto retry_interrupted(Call call) {
   auto result = call();

@@ -19,8 +19,8 @@ struct fr_array {
   std::vector<const void *> elements;
 };
 
-// Entries stand in a deque in the order of their arrival, where they never move, so that the map
-// may look them up by views of their keys.
+// Entries stand in a deque in the order of their arrival. There they never move, so the map may
+// look them up by views of their keys.
 struct fr_hash {
   struct entry {
     std::string key;

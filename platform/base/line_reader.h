@@ -14,7 +14,7 @@
 // bytes.
 class line_reader {
  public:
-  // Opens the file; errno tells why when the reader is false after that.
+  // Opens the file; errno has the reason when the reader is false after that.
   explicit line_reader(const char *path) noexcept : file_(std::fopen(path, "re")) {}
   explicit operator bool() const noexcept { return file_ != nullptr; }
 
@@ -29,7 +29,7 @@ class line_reader {
     return std::string_view(buffer, static_cast<size_t>(length));
   }
 
-  // After the last line: whether there may be more that could not be read.
+  // After next() returned nothing: true if it stopped on a read error instead of end of file.
   bool failed() const noexcept { return std::feof(file_.get()) == 0; }
 
  private:

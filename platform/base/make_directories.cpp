@@ -9,7 +9,7 @@
 
 namespace {
 
-// Follows links: an administrator may have put a folder elsewhere. errno tells why not.
+// Follows links: an administrator may have put a folder elsewhere. errno has the reason for false.
 bool is_directory(const char *path) {
   struct stat status {};
   if (::stat(path, &status) != 0) return false;
@@ -34,7 +34,7 @@ int make_directory(const char *path, mode_t mode, const std::function<int(const 
 
 int make_directories(const char *path, mode_t mode,
                      const std::function<int(const char *)> &finish) {
-  // Nearly always the whole path is there, and one look tells.
+  // Nearly always the whole path exists, so one look suffices.
   if (is_directory(path)) return 0;
   std::string missing = path;
   for (size_t slash = missing.find('/', 1); slash != missing.npos;

@@ -18,7 +18,7 @@
 
 namespace {
 
-// The mode is that of the open file, not of the descriptor, and so of all who share it: it is
+// The mode belongs to the open file, which other descriptors and processes may share. So it is
 // changed for one system call at a time.
 class non_blocking_scope {
  public:
@@ -65,8 +65,8 @@ class no_sigpipe {
   bool was_pending_;
 };
 
-// A socket takes the flag for this one call, so its mode stays untouched for all who share it.
-// ENOTSOCK tells a pipe or a file, which has no such flag.
+// A socket takes the flag for this one call, so its mode stays untouched for all that share it.
+// ENOTSOCK means a pipe or a file, which has no such flag.
 ssize_t read_now(int fd, void *buffer, size_t length) noexcept {
   const ssize_t received = ::recv(fd, buffer, length, MSG_DONTWAIT);
   if (received >= 0 || errno != ENOTSOCK) return received;
@@ -83,7 +83,7 @@ ssize_t write_now(int fd, const void *buffer, size_t length) noexcept {
   return ::write(fd, buffer, length);
 }
 
-// Whether it may be tried again: readiness was announced, but somebody else was faster.
+// Whether it may be tried again: readiness was announced, but another reader or writer was faster.
 bool may_retry(const deadline &end) noexcept {
   if (errno != EAGAIN && errno != EINTR) return false;
   if (!end.passed()) return true;
@@ -104,7 +104,7 @@ int fr_connect_nb_unix(const char *path, float timeout) noexcept {
   unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) return -1;
   const deadline end(timeout);
-  // A Unix socket in non-blocking mode is refused by a full queue and never tells when there is
+  // A full queue refuses a Unix socket in non-blocking mode, and poll never reports when there is
   // room; the send timeout bounds the blocking wait for it instead.
   do {
     // Each try is given what is left of the time; at least 1 ms, as 0 would mean no limit.

@@ -1,10 +1,10 @@
-/* Input and output that never waits longer than it is told.
+/* Input and output that never waits longer than its time limit.
  *
  * Timeouts are in seconds and hold for the whole call, however many pieces the bytes come in and
  * whatever signals arrive; one of 0 or less takes only what can be had at once. A descriptor's
  * blocking mode is found again as it was; on what is no socket it is changed for the length of one
  * system call, which whoever shares the open file may notice: one process and thread at a time may
- * use such a file here, or a call may wait longer than it is told. No call raises SIGPIPE.
+ * use such a file here, or a call may wait longer than its limit. No call raises SIGPIPE.
  * Failures are -1 with errno set, ETIMEDOUT when the time was up. Safe from several threads. */
 #ifndef PLATFORM_BASE_NB_IO_H
 #define PLATFORM_BASE_NB_IO_H

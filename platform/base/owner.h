@@ -32,7 +32,7 @@ using c_string = c_memory<char>;
 // Counted strings (safestr.h), which free() must not be given.
 using safestr_owner = std::unique_ptr<char, call_to_release<safestr_free>>;
 
-// The error of fclose is lost here. Who writes a file closes it by hand before that.
+// The error of fclose is lost here: code that writes a file closes it by hand first.
 using c_file = std::unique_ptr<FILE, call_to_release<std::fclose>>;
 
 // A file descriptor; -1 holds nothing.
@@ -52,7 +52,7 @@ class unique_fd {
   explicit operator bool() const noexcept { return fd_ >= 0; }
   // The descriptor is the caller's to close from then on.
   int release() noexcept { return std::exchange(fd_, -1); }
-  // errno survives, so that a failure's cause can be told after its descriptor went.
+  // errno survives, so that the cause of a failure can be logged afterwards.
   void reset(int fd = -1) noexcept {
     if (fd_ >= 0) {
       const int saved = errno;

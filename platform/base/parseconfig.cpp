@@ -1,5 +1,5 @@
 // Reads directive files by table.
-// Reads the one file that it is told, and keeps nothing.
+// Reads the one file that is named, and keeps nothing.
 #include "platform/base/parseconfig.h"
 
 #include "platform/base/line_reader.h"

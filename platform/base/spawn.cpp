@@ -20,7 +20,7 @@
 
 namespace {
 
-// What the child does before it becomes the program. Each setter tells its error as a result.
+// What the child does before it becomes the program. Each setter returns its error.
 class launch_plan {
  public:
   launch_plan() noexcept

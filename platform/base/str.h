@@ -12,7 +12,7 @@
 // Sides for fr_str_trim; both together are mode 3.
 enum { FR_TRIM_START = 1, FR_TRIM_END = 2, FR_TRIM_BOTH = 3 };
 
-// Removes white space (the standard isspace class) in place at the sides told; returns `text`.
+// Removes white space (the standard isspace class) in place at the sides of `mode`; returns `text`.
 // NULL gives NULL.
 char *fr_str_trim(char *text, int mode) noexcept;
 

@@ -33,7 +33,7 @@ void set_options(MYSQL *mysql, const sql_address &address) {
   mysql_options(mysql, MYSQL_SET_CHARSET_NAME, "utf8mb4");
 }
 
-// What the client library is to be told of the wait that it asked for. After the deadline there is
+// The result, for the client library, of the wait that it asked for. After the deadline there is
 // none: a server that always has more to say must not prolong it.
 int wait_for(MYSQL *mysql, int events, const deadline &end) {
   short wanted = 0;

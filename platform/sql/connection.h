@@ -41,7 +41,7 @@ bool is_closed_by_server(MYSQL *mysql);
 bool answers_ping(MYSQL *mysql);
 
 // Runs a statement whose answer is short, within the time that connecting may take. False on a
-// failure, which mysql_error tells.
+// failure, which mysql_error describes.
 bool ask_in_time(MYSQL *mysql, std::string_view statement, sql_result &result);
 
 // Lets go of a connection that another process goes on using, without a word to the server.

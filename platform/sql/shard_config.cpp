@@ -54,7 +54,7 @@ std::optional<std::string_view> value_of(std::string_view line, std::string_view
   return trimmed(line);
 }
 
-// Gives the server to its shard; a line of a shard that nobody has credentials for is passed over.
+// Gives the server to its shard; skips the line of a shard without credentials.
 void add_server(const server_line &line, bool is_master) {
   sql_pool &pool = the_sql_pool();
   // Always the pool's lock before a shard's: no function takes them the other way round.

@@ -23,8 +23,8 @@ namespace {
 
 constexpr char out_of_memory[] = "Out of memory";
 
-// Starting the client library makes the process ignore SIGPIPE. It does not need that, as it sends
-// without raising the signal, and a host may want to end when the reader of its output does.
+// Starting the client library makes the process ignore SIGPIPE. The library does not need that: it
+// sends without raising the signal. A host may want to end when the reader of its output does.
 bool start_client_library() {
   struct sigaction before = {};
   ::sigaction(SIGPIPE, nullptr, &before);
@@ -77,7 +77,7 @@ int attach(fr_sql_conn &session, sql_purpose purpose) {
     if (!lease.handle) return fail(session, CR_CONNECTION_ERROR, "No SQL server can be reached");
     return fail(session, mysql_errno(lease.handle.get()), mysql_error(lease.handle.get()));
   }
-  // The slave's connection goes back to the pool for somebody else's reads.
+  // The slave's connection goes back to the pool for other reads.
   std::swap(session.connection, lease);
   return_connection(*session.shard, std::move(lease));
   return 0;
@@ -169,7 +169,7 @@ void fr_sqlpool_conn_free(fr_sql_conn_t *session) {
 
 int fr_sqlpool_destroy(void) {
   return no_throw(-1, [] {
-    // Sessions that are out share their shard and keep it alive; `retired` tells them to close.
+    // Sessions that are out share their shard and keep it alive; `retired` makes them close.
     std::vector<std::shared_ptr<fr_sql_shard>> shards;
     {
       sql_pool &pool = the_sql_pool();

@@ -4,8 +4,8 @@
 
 #include <string_view>
 
-// Whether the statement is a SELECT, after blanks and opening parentheses. One behind a comment
-// counts as a write, which costs no more than the turn of the slaves.
+// Whether the statement is a SELECT, after blanks and opening parentheses. A SELECT after a comment
+// is treated as a write: it runs on the master, which is always correct.
 bool is_read_statement(std::string_view text);
 
 #endif

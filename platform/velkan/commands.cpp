@@ -212,7 +212,7 @@ int vk_zaddval(vk_client_t *client, const char *key, size_t key_length, const ch
 }
 
 int vk_exists(vk_client_t *client, const char *key, size_t key_length) {
-  // Who cannot ask must not conclude that the key is free to create.
+  // A caller that could not ask must not conclude that the key is free to create.
   constexpr int unknown = 1;
   if (client == nullptr || key == nullptr) return unknown;
   return no_throw(unknown, [=] {

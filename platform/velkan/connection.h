@@ -56,7 +56,7 @@ std::vector<vk_address> addresses_of(const std::string &host, int port);
 // Used under the lock of its client. Closed with its owner; nothing is said to the server.
 class vk_connection {
  public:
-  // How long a plain wait may take; other waits are told their deadline.
+  // How long a plain wait may take; other waits get their deadline.
   static constexpr std::chrono::milliseconds command_timeout{2000};
 
   // Connects before the deadline to the first of a host's addresses that lets it. Each one gets an

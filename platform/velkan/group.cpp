@@ -142,7 +142,7 @@ search connect_to_master(vk_state &state, vk_clock::time_point deadline) {
   return result;
 }
 
-// The connection goes too: what it may still deliver answers a command nobody waits for.
+// The connection goes too: a late answer on it would belong to a command that has ended.
 int give_up(vk_state &state, int code, milliseconds length = pause) {
   state.connection.reset();
   if (state.is_patient) length = short_pause;
@@ -194,7 +194,7 @@ int run_command(vk_state &state, const vk_command &command, vk_reply &reply) {
       start + std::min<vk_clock::duration>(budget, vk_connection::command_timeout);
 
   int failure = VK_ERR_IO;
-  // A kept connection may have been closed while it idled; a second try on a new one tells.
+  // A kept connection may have been closed while it idled; a second try on a new one decides.
   for (int attempt = 0; attempt < 2; attempt++) {
     const bool is_fresh = !state.connection;
     if (is_fresh) {

@@ -4,7 +4,7 @@
 // One budget of the process (budget.h) pays for everything that commands wait for: the resolver,
 // connecting, sending and receiving. A command takes 2 s at most and no longer than the budget
 // lasts; when it is spent, commands fail at once. A failure is followed by a pause of 5 s without
-// any attempt, so that a cache that refuses, or talks garbage, costs next to nothing as well. Where
+// any attempt. So a cache that refuses, or answers garbage, costs next to nothing either. Where
 // a replica answers and no master does, a fail-over is under way, and the pause is 1 s.
 #ifndef PLATFORM_VELKAN_GROUP_H
 #define PLATFORM_VELKAN_GROUP_H
@@ -46,7 +46,7 @@ struct vk_state {
   // At most one, to the master. Empty before the first command and after a failure.
   std::optional<vk_connection> connection;
   long connected_by = 0;  // process generation
-  // Commands before this moment fail at once and ask nobody.
+  // Commands before this moment fail at once, without asking a server.
   vk_clock::time_point paused_until;
 };
 

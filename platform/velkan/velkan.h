@@ -1,16 +1,16 @@
 /* Client of the distributed key-value cache, over hiredis.
  *
- * The servers of a client are one replicated group: it uses the first one that answers and is a
- * master, and moves on when that one is lost or turns read-only, so a fail-over needs no new
- * configuration. It connects at the first command (500 ms), and then gives each command 2 s. A
- * failure is followed by a pause of 5 s in which commands fail at once; of 1 s when a replica
- * answers and no master does, as during a fail-over.
+ * The servers of a client are one replicated group. The client uses the first master that answers,
+ * and moves on when that one is lost or turns read-only: a fail-over needs no new configuration. It
+ * connects at the first command (500 ms), and then gives each command 2 s. A failure is followed by
+ * a pause of 5 s in which commands fail at once; of 1 s when a replica answers and no master does,
+ * as during a fail-over.
  *
- * All waiting of a process, whatever its clients, has one budget: in any ten minutes commands take
- * no more than 5 s, and half a millisecond for each command, however slow the cache is or in what
- * way. When the budget is spent, commands fail at once. A host name is looked up at the first
- * connect, and again when its addresses do not serve; that takes as long as the resolver does, and
- * is charged afterwards. An address costs nothing.
+ * All waiting of a process, whatever its clients, has one budget. In any ten minutes commands take
+ * no more than 5 s, and half a millisecond each, however slow the cache is. When the budget is
+ * spent, commands fail at once. A host name is looked up at the first connect, and again when its
+ * addresses do not serve; that takes as long as the resolver does, and is charged afterwards. An
+ * address costs nothing.
  *
  * Keys, fields and values are counted byte strings. Functions return 0 on success and an error
  * code that vk_strerror explains otherwise. They may be called from any thread, and in a child of
