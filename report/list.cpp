@@ -101,7 +101,7 @@ const report_command list_command = {
     .summary = "Lists accounts with what they use and may use",
     .details =
         "\n"
-        "In a table, the limit is that of the kind that is used the most of it, or the first\n"
+        "In a table, the limit is that of the kind with the highest percentage, or the first\n"
         "where no such figure is known.\n"
         "The state is the worst of the kinds: measured, updated (by so many quick updates),\n"
         "dirty, redo, missing, unreadable. The age is that of the oldest figure.\n",

@@ -68,7 +68,7 @@ bool is_standard_output(const char *path) {
   return path == nullptr || std::strcmp(path, "-") == 0 || std::strcmp(path, "/dev/stdout") == 0;
 }
 
-// Where everybody may leave files, one of somebody else may be there to get hold of the report. The
+// Where every user may leave files, another user's may be there to get hold of the report. The
 // kernel refuses to open such a file to write, but not to replace it.
 bool is_refused(const std::string &path, const struct stat &file) {
   struct stat folder {};

@@ -21,7 +21,7 @@ struct character_range {
   char32_t first, last;
 };
 
-// Characters that could disturb what stands around them, or that nobody sees: controls, marks of
+// Characters that could disturb what stands around them, or that are invisible: controls, marks of
 // direction, ends of lines, fillers, selectors of variants, tags.
 inline constexpr character_range disturbing[] = {
     {0, 0x1f},        {0x7f, 0x9f},       {0xad, 0xad},       {0x34f, 0x34f},    {0x61c, 0x61c},

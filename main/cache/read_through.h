@@ -15,7 +15,7 @@ class lookup_argument {
   explicit lookup_argument(const char *text) noexcept
       : kind_(text == nullptr ? kind::none : kind::text), text_(text) {}
 
-  // A text with the argument put in as it is; null when memory is short.
+  // A text with the argument put in, unescaped; null when memory is short.
   c_string format(const char *pattern) const noexcept;
 
  private:

@@ -1,4 +1,4 @@
-// Opens by descriptor and component; knows nothing of quota files or of who is to own them.
+// Opens by descriptor and component; knows nothing of quota files or of their owners.
 // Called as root in folders that others may write; see the header for the rule.
 #include "main/quota/careful_open.h"
 

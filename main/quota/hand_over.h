@@ -18,7 +18,7 @@ bool running_as_root();
 
 // False, with errno, when the system refuses.
 bool give(int fd, uid_t uid, gid_t gid);
-// Gives to the owner of the quota files; one that cannot be found out leaves the file as it is.
+// Gives to the owner of the quota files; the file is unchanged when the owner is not known.
 void give_to_owner(int fd);
 
 // Whether a folder that was just made is still in its place. A process that may write the folder

@@ -212,7 +212,8 @@ bool account_refresh::store(unsigned kind, int64_t value, bool certain) {
   const int revision = certain || redo_.set() ? 0 : expired_revision;
   bool written = false;
   quota_real_update(folder_, file, value, revision, &written);
-  // The dirty mark goes whatever came of the write, but not as long as it is the only note.
+  // The dirty mark goes after a write. After a failed one it goes only if the redo mark could be
+  // set.
   if (written || redo_.set()) unset_dirty(folder_, file);
   return written;
 }

@@ -1,5 +1,5 @@
-// Where quota files and measured media live, and who owns what the engine makes. Process-wide,
-// loaded at the first need and kept. Internal to the engine.
+// Where quota files and measured media live, and which user owns what the engine makes.
+// Process-wide, loaded at the first need and kept. Internal to the engine.
 #ifndef MAIN_QUOTA_SETTINGS_H
 #define MAIN_QUOTA_SETTINGS_H
 

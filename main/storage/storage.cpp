@@ -25,7 +25,7 @@ int result_of(int error) noexcept {
   return -1;
 }
 
-// Where the session's file is to be kept; false when the engine cannot do without and has nothing.
+// Where the session's file belongs; false when the engine needs a location and there is none.
 bool take_location(const call_site &site, qx_storage_session &session) {
   const c_string text = session.made_with.location({.resource_type = session.resource_type,
                                                     .first_id = session.first_id,

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-/* A line as it is read; no keyword for a comment and an empty line. Borrowed from the line. */
+/* A line as read; no keyword for a comment and an empty line. Borrowed from the line. */
 struct parseconfig_line {
   std::string_view keyword;
   std::string_view value;

@@ -12,7 +12,7 @@
 struct s3_circumstances {
   std::string_view bucket;
   std::string_view region;            // that was signed for
-  std::string_view region_of_bucket;  // as a header told it; empty when none did
+  std::string_view region_of_bucket;  // from a header; empty without one
   std::time_t now = 0;
   std::time_t store_time = -1;  // of the answer; -1 when it did not tell
 };

@@ -32,8 +32,8 @@ class document_of {
   pugi::xml_node root_;
 };
 
-// Like "2026-11-21T20:32:50.123Z". What is no time counts as later than any other, so that nobody
-// takes its object for an old one.
+// Like "2026-11-21T20:32:50.123Z". What is no time counts as later than any other, so that
+// its object never looks old.
 double seconds_of(const char *text) {
   std::tm parts{};
   const char *rest = ::strptime(text, "%Y-%m-%dT%H:%M:%S", &parts);
@@ -43,7 +43,7 @@ double seconds_of(const char *text) {
 }
 
 // Listings are asked for with encoding-type=url, as XML cannot carry every byte of a key. A "%"
-// without two digits stays as it is, and "+" is a blank.
+// without two digits is unchanged, and "+" is a blank.
 std::string decoded(std::string_view text) {
   std::string result;
   for (size_t i = 0; i < text.size(); ++i) {

@@ -15,7 +15,7 @@
 #include "platform/s3/signature.h"
 #include "platform/s3/types.h"
 
-// What is to be asked. Borrows the file; all else is its own.
+// A request. Borrows the file; all else is its own.
 struct s3_request {
   const char *method = "GET";
   std::string key = {};    // without the place's prefix
@@ -27,7 +27,7 @@ struct s3_request {
   int to = -1;            // where the body of a successful answer goes, by pwrite
   std::int64_t from = 0;  // the byte of the object that goes there first
 
-  // PUT and POST have one even when it is empty, which libcurl must be told.
+  // PUT and POST have one even when it is empty, which libcurl must know.
   bool has_body() const {
     return file != nullptr || std::string_view(method) == "PUT" ||
            std::string_view(method) == "POST";

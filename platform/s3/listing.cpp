@@ -32,7 +32,7 @@ s3_listing s3_client::list(std::string_view prefix, const std::string &token, in
   if (!listing.answer) return listing;
   const bool whole =
       s3_read_objects(reply.body, {place_prefix, prefix}, listing.objects, listing.next);
-  // The same token again would make the caller ask for this page for ever.
+  // With the same token again, the caller would ask for this page without end.
   if (!whole || (!token.empty() && listing.next == token)) {
     s3_damage(listing.answer, "the answer is no listing of what was asked for");
     listing.objects.clear();

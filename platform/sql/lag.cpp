@@ -16,7 +16,7 @@ using std::chrono::seconds;
 
 constexpr seconds between_looks{2};
 
-// What a replica told of its lag.
+// What a replica reported of its lag.
 struct lag_reading {
   bool replicates = false;     // false: it has no master, or may not tell
   std::optional<seconds> lag;  // none when its replication does not run
@@ -88,8 +88,8 @@ lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql) {
     return lag_verdict::serves;
   }
   if (reading.lag) server.data_from = asked - *reading.lag;
-  // While its replication does not run, its data is as old as it was, and the time since. If it
-  // never ran under our eyes, nobody knows how old that is.
+  // While its replication does not run, its data is as old as it was, and the time since. If
+  // this process never saw it run, that age is not known.
   if (server.data_from != sql_clock::time_point{} && asked - server.data_from <= most) {
     note(shard, server, lag_state::fits);
     return lag_verdict::serves;

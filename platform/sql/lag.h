@@ -6,13 +6,13 @@
 
 enum class lag_verdict {
   serves,
-  exceeds,  // it is to be passed over; the connection is as good as before
+  exceeds,  // the pool skips it; the connection is as good as before
   lost      // the connection was lost when the replica was asked
 };
 
 // Whether a server may serve as far as its lag goes. A replica is asked every two seconds at most,
-// and only when a largest lag is set. One that tells no lag, for want of a right or of replication,
-// serves; that is logged once.
+// and only when a largest lag is set. One that reports no lag, for want of a right or of
+// replication, serves; that is logged once.
 lag_verdict judge_lag(fr_sql_shard &shard, sql_server &server, MYSQL *mysql);
 
 #endif

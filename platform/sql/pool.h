@@ -13,7 +13,7 @@
 #include "platform/base/diagnostics.h"
 #include "platform/sql/connection.h"
 
-// A kept connection, and since when nobody has used it.
+// A kept connection, and since when it has been idle.
 struct idle_connection {
   mysql_handle handle;
   sql_clock::time_point since;
@@ -31,7 +31,7 @@ enum class lag_state {
 struct sql_server {
   sql_address address;
   bool is_master = false;
-  // Until then nobody tries it; in the past for a server that is up.
+  // Until then it is not tried; in the past for a server that is up.
   sql_clock::time_point down_until = {};
   std::vector<idle_connection> idle = {};  // the one used last is at the end
 

@@ -2,12 +2,12 @@
  *
  * Shards are named by the id that ties a DB_CREDENTIALS line to its DB_MASTER and DB_SLAVE lines;
  * the first one registered is shard 0. A session reads (SELECT) from a slave when one is up, and
- * from the master otherwise; everything else goes to the master, and after such a statement the
- * session stays there. A slave that cannot be reached is passed over for the down time (30 s
- * unless set); a master only when it made its caller wait, and then for no more than 5 s, as there
- * is nobody to take its place. Connections are kept and reused per server; one that idled for
- * longer than the limit given at initialisation is checked before it is handed out. No statement
- * is retried: after a lost connection every further one on its session fails.
+ * from the master otherwise. Everything else goes to the master, and the session then stays there.
+ * A slave that cannot be reached is skipped for the down time (30 s unless set). A master is
+ * skipped only if it made its caller wait, and for 5 s at most: no other server can replace it.
+ * Connections are kept and reused per server. One that idled for longer than the limit is checked
+ * before it is handed out. No statement is retried: after a lost connection every further one on
+ * its session fails.
  *
  * Connecting takes 3 s at most, after what the resolver takes for a host name; a statement without
  * any answer fails after 600 s. Text is utf8mb4.
@@ -34,12 +34,12 @@ int fr_sqlpool_init_api(const void *reserved1, const void *reserved2, double idl
 /* Up to which detail the pool logs: 0 nothing, 100 everything. */
 void fr_sqlpool_verbosity_set(int level);
 
-/* Seconds for which an unreachable server is passed over; a negative number counts as 0. */
+/* Seconds for which an unreachable server is skipped; a negative number counts as 0. */
 void fr_sqlpool_down_time_set(int seconds);
 
-/* How many seconds a slave may be behind its master; one that is further behind is passed over, as
- * is one whose replication stopped longer ago. A slave is asked every two seconds at most. A
- * negative number, as at the start, takes slaves whatever their lag, and asks none. */
+/* How many seconds a slave may be behind its master. Skips one that is further behind, or whose
+ * replication stopped longer ago. A slave is asked every two seconds at most. A negative number, as
+ * at the start, uses slaves whatever their lag, and asks none. */
 void fr_sqlpool_largest_lag_set(int seconds);
 
 /* Parses "id:user:password:database" (the password may hold colons). The shard is the caller's
