@@ -104,7 +104,7 @@ bool refuse_locks() {
          prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
 }
 
-TEST_F(Nodes, ARootWithoutWorkingLocksIsToldOnce) {
+TEST_F(Nodes, ARootWithoutWorkingLocksIsLoggedOnce) {
   const int status = support::run_forked([this] {
     support::log_capture log;
     support::set_paths_root(first.root());

@@ -46,7 +46,7 @@ class Replicas : public testing::Test {
             .arguments = {"--server-id=" + std::to_string(number), "--log-bin=binlog",
                           "--gtid-strict-mode=1"}};
   }
-  // Begins to follow the primary, so many seconds behind it.
+  // Begins to follow the primary, `delay` seconds behind it.
   void follow(const mariadb_server &replica, int delay) const {
     ask(replica, "STOP SLAVE; CHANGE MASTER TO MASTER_HOST='127.0.0.1', MASTER_PORT=" +
                      std::to_string(primary.port()) + ", MASTER_USER='" + support::database_user +
@@ -189,7 +189,7 @@ TEST_F(Replicas, AReplicaThatLagsGivesOldFiguresUnlessALargestLagIsSet) {
   EXPECT_EQ(figures_of(box).at("1/recording"), 2 * recordings_of_a_reseller);
 }
 
-TEST_F(Replicas, AUserWithoutTheRightToAskIsToldOnceAndReadsFromReplicas) {
+TEST_F(Replicas, AMissingRightToAskIsLoggedOnceAndReplicasStillServe) {
   box.sql("CREATE USER 'reader'@'%' IDENTIFIED BY 'secret'; GRANT SELECT ON *.* TO 'reader'@'%'");
   catch_up();
   box.write_file("etc/quorvex/pbx.conf", "DB_CREDENTIALS main:reader:secret:" + box.database());

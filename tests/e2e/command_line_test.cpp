@@ -1,5 +1,5 @@
-// The command line: what is accepted, what is refused and how that is told. Nothing here may reach
-// a file or a database, so the sandbox has neither.
+// The command line: what is accepted, what is refused and what the user sees. Nothing here may
+// reach a file or a database, so the sandbox has neither.
 #include <gtest/gtest.h>
 
 #include "tests/support/sandbox.h"

@@ -119,7 +119,7 @@ TEST_F(Diff, ListsWhatGrewShrankCameWentAndMovedByGrowth) {
   EXPECT_TRUE(moved["growths"]["sound"].IsNull());
 }
 
-TEST_F(Diff, TellsTheDayOnWhichALimitIsReached) {
+TEST_F(Diff, ShowsTheDayOnWhichALimitIsReached) {
   for (const int id : {1, 2, 12, 13}) box.set_preference(id, "fax_storage", "1");
   const auto set = [&](int ann, int bob, int cid, int dan) {
     write_quota("1/fax", std::to_string(ann) + ".0");
@@ -177,7 +177,7 @@ TEST_F(Diff, ShowsLoginsOfASnapshotThatDisturb) {
   EXPECT_NE(lines.find(",\"'=\ufffd\u3164\n\","), lines.npos);
 }
 
-TEST_F(Diff, TellsWhatIsWrongWithASnapshot) {
+TEST_F(Diff, NamesWhatIsWrongWithASnapshot) {
   const std::string whole = box.path("whole");
   report({"snapshot", whole});
   const std::string content = box.read_file("whole").value();

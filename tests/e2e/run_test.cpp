@@ -86,7 +86,7 @@ TEST_F(Run, ShowScalesSizesForPeople) {
             "\n");
 }
 
-TEST_F(Run, ShowTellsWhichAccountsCannotBeRead) {
+TEST_F(Run, ShowNamesTheAccountsThatCannotBeRead) {
   box.add_account(3, 0, 0, "root");
   const std::string all = box.run_spoolcap({"-A", "show", "-a"}).out;
   EXPECT_NE(all.find("Quota for user root (with id: 3)\tQuota Not found\n\n"), std::string::npos);
@@ -109,7 +109,7 @@ TEST_F(Run, ALoginWritesNoControlCharactersToATerminal) {
   }
 }
 
-TEST_F(Run, OutputThatIsNotWrittenWholeIsTold) {
+TEST_F(Run, OutputThatIsNotWrittenWholeIsReported) {
   const struct {
     const char *command, *reason;
   } rows[] = {

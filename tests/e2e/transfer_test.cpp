@@ -66,7 +66,7 @@ TEST_F(TransferProcess, AWrongCommandLineOrConfigurationEndsWithTwo) {
   EXPECT_NE(refused.err.find("root must not run the service"), std::string::npos) << refused.err;
 }
 
-TEST_F(TransferProcess, TellsItsManagerAndReloads) {
+TEST_F(TransferProcess, NotifiesItsManagerAndReloads) {
   ASSERT_TRUE(daemon.start());
   EXPECT_TRUE(daemon.told("STATUS=0 uploads and 0 deletes queued"));
   EXPECT_TRUE(daemon.told("WATCHDOG=1"));

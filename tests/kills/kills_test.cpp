@@ -135,8 +135,8 @@ class Kills : public storage_test {
     }
   }
 
-  // The hour passes after which neither an upload whose end nobody saw can take effect, nor what is
-  // left in the folders can be of a process that runs.
+  // The hour passes. After it, no upload with an unknown end can take effect, and no leftover in
+  // the folders belongs to a process that runs.
   void let_the_window_pass() {
     EXPECT_EQ(daemon.stop().status, 0);
     box.redis({"DEL", "storage:unclear:s3:main"});

@@ -38,7 +38,7 @@ class Downloads : public testing::Test {
   transfer_downloads downloads{node.queue, node.locations, node.state, node.control};
 };
 
-TEST_F(Downloads, OneTransferServesAllWhoOrderedTheObject) {
+TEST_F(Downloads, OneTransferServesAllOrdersOfTheObject) {
   const std::string content(2'000'000, 'x');
   put(content);
   std::vector<std::unique_ptr<ordered>> orders(20);
@@ -55,7 +55,7 @@ TEST_F(Downloads, OneTransferServesAllWhoOrderedTheObject) {
   EXPECT_EQ(node.state.counters.downloads, orders.size());
 }
 
-TEST_F(Downloads, AnObjectWhoseUploadIsQueuedIsWaitedFor) {
+TEST_F(Downloads, ADownloadWaitsForTheQueuedUploadOfItsObject) {
   downloads.start(1, 30);
   world.queue(up_queue, "eu@n2:" + std::string(key));
   const auto waiting = order(key, "eu@n2");

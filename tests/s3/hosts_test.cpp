@@ -99,7 +99,7 @@ TEST_F(Hosts, AKilledDaemonLosesNothingAndIsFoundAgain) {
   EXPECT_FALSE(fs::exists(box.path("run/spoolcap/transfer.sock")));
 }
 
-TEST_F(Hosts, OnePoisonedFileInAHundredAndAStoreThatFailsOneTimeInFiveHoldNobodyUp) {
+TEST_F(Hosts, APoisonedFileAndAStoreThatFailsOneTimeInFiveDelayNoOthers) {
   constexpr int first = 100, count = 100, poisoned = 150;
   const support::faulty_proxy proxy(
       place.endpoint, {.refused = 20, .dropped = 0, .closed = 5, .poisoned = "/150.wav"});

@@ -65,7 +65,7 @@ class Keeper : public testing::Test {
   const keeper_parts parts{node.queue, node.locations, node.state, stop};
 };
 
-TEST_F(Keeper, ExpiryTakesOnlyWhatTheStoreHasAndNobodyNeeds) {
+TEST_F(Keeper, ExpiryTakesOnlyUnusedFilesThatTheStoreHas) {
   const std::string stored = make("stored", 49), known = make("known", 49),
                     deleted_since = make("deleted", 49), again = make("again", 49),
                     opened = make("opened", 49), other = make("other", 49), lost = make("lost", 49),

@@ -162,7 +162,7 @@ TEST_F(Store, ForgetsPartsThatAreGivenUp) {
   EXPECT_EQ(client.uploads("").uploads.size(), 1001U) << "on several pages";
 }
 
-TEST_F(Store, TellsWhatIsWrongWithAPlace) {
+TEST_F(Store, NamesWhatIsWrongWithAPlace) {
   const struct {
     string bucket, key, secret, code, text;
     s3_outcome outcome;

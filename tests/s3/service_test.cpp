@@ -12,7 +12,7 @@ bool has(const std::string &text, const std::string &part) {
   return text.find(part) != std::string::npos;
 }
 
-TEST(TransferService, UploadsTellsItsStateAndTakesUpWhereItWasKilled) {
+TEST(TransferService, UploadsShowsItsStateAndGoesOnWhereItWasKilled) {
   support::sandbox box{{.use_database = false}};
   const s3_place place = support::new_bucket(support::shared_object_store());
   support::transfer_daemon daemon(box, place, "TRANSFER_METRICS " + box.path("node.prom") + "\n");

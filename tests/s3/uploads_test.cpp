@@ -59,7 +59,7 @@ TEST_F(Uploads, FilesOfEverySizeComeToTheStoreAsTheyAre) {
   EXPECT_EQ(world.redis({"DBSIZE"}), "0") << "no claim is left";
 }
 
-TEST_F(Uploads, WhatIsToldOfIsUploadedAtOnce) {
+TEST_F(Uploads, AnAnnouncedFileIsUploadedAtOnce) {
   here.start();
   ASSERT_TRUE(eventually([&] { return is_idle(); })) << trouble();
   std::this_thread::sleep_for(700ms);

@@ -1,7 +1,7 @@
 // A real browser without a window, driven over two pipes by its own protocol of JSON messages.
 //
 // It needs the Debian package chromium-headless-shell. All functions throw std::runtime_error when
-// the browser does not do what it is told.
+// the browser refuses a command.
 #ifndef TESTS_SUPPORT_BROWSER_H
 #define TESTS_SUPPORT_BROWSER_H
 

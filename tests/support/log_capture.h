@@ -48,7 +48,7 @@ class log_capture {
 
   mutable std::mutex mutex_;
   std::vector<log_line> lines_;
-  std::size_t cleared_ = 0;  // so many of them are forgotten
+  std::size_t cleared_ = 0;  // the number of messages that are forgotten
   std::vector<announced> announced_;
 };
 

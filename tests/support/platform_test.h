@@ -1,5 +1,5 @@
 // What tests of the modules share: a platform of their own with its pool set up, and the
-// diagnostics of one module as they were told.
+// diagnostics of one module as they were logged.
 #ifndef TESTS_SUPPORT_PLATFORM_TEST_H
 #define TESTS_SUPPORT_PLATFORM_TEST_H
 

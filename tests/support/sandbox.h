@@ -1,7 +1,7 @@
 // A platform of one's own for one test: folder, configuration files, database and cache.
 //
-// Rows and files are added with the helpers below, and the code under test, in this process or in
-// the sandboxed command, sees only what is in here. Failures of the helpers throw.
+// The helpers below add rows and files. The code under test, in this process or in the sandboxed
+// command, sees only what is in here. Failures of the helpers throw.
 #ifndef TESTS_SUPPORT_SANDBOX_H
 #define TESTS_SUPPORT_SANDBOX_H
 

@@ -1,4 +1,4 @@
-// An HTTP server for what no real one can be made to do: it answers with the bytes that it is told.
+// An HTTP server for what no real one can be made to do: it answers with the bytes of its script.
 #ifndef TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define TESTS_SUPPORT_SCRIPTED_SERVER_H
 

@@ -1,9 +1,9 @@
 // testbed [--object-store] COMMAND ARGUMENTS...
 //
-// Starts a private MariaDB and Redis in a temporary folder, and an object store if it is asked for,
-// runs the command with their addresses in its environment, and gives back its status. In the end,
-// also on INT, TERM and HUP and when the program that started the testbed dies, the command, the
-// servers and the folder are gone.
+// Starts a private MariaDB and Redis in a temporary folder, and an object store if it is asked for.
+// Runs the command with their addresses in its environment, and returns its status. In the end the
+// command, the servers and the folder are gone, also on INT, TERM and HUP, and when the parent
+// dies.
 #include <sys/prctl.h>
 #include <unistd.h>
 

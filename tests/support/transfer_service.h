@@ -43,7 +43,7 @@ class transfer_service {
   std::atomic<outcome> result{outcome::whole};
   std::atomic<moment> when{moment::later};
   std::atomic<int> slowness{0};                       // milliseconds between the halves of a file
-  std::optional<std::string> location = "eu:bucket";  // change it while nobody asks
+  std::optional<std::string> location = "eu:bucket";  // change it while no call runs
   void let_go();
 
   // The last location query, "<type> <first id> <second id> <first text> <second text>", or

@@ -17,7 +17,7 @@ class StorageThreads : public storage_test {
   }
 };
 
-TEST_F(StorageThreads, WhoLooksSeesWholeFilesOnly) {
+TEST_F(StorageThreads, AReaderSeesWholeFilesOnly) {
   constexpr int threads = 16, rounds = 12, size = 1 << 20;
   box.sql("INSERT INTO extension_recording (id, extension_id) SELECT seq, 1 FROM seq_100_to_2000");
   for (int i = 0; i < rounds; ++i) box.write_file(service->object("in/" + std::to_string(i)), i);

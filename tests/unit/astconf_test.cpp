@@ -69,7 +69,7 @@ TEST(LineHelpers, AnInlineCommentBringsThePaddingBeforeIt) {
   EXPECT_STREQ(get_inline_comment("value", nullptr, 0, nullptr), "");
 }
 
-TEST(LineHelpers, PaddingIsTheLeadingRunOfTheBytesTold) {
+TEST(LineHelpers, PaddingIsTheLeadingRunOfTheGivenBytes) {
   char text[8];
   EXPECT_STREQ(get_start_padding("--+x", text, 8, "+-"), "--+");
   EXPECT_STREQ(get_start_padding(nullptr, text, 8, nullptr), "");

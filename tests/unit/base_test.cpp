@@ -68,7 +68,7 @@ TEST(Log, RecordsReachTheSinkWithTheirPlaceAndLeaveErrnoAlone) {
   log_one();
 }
 
-TEST(BaseText, TrimRemovesWhiteSpaceAtTheSidesToldOnly) {
+TEST(BaseText, TrimRemovesWhiteSpaceAtTheSidesOfItsModeOnly) {
   const struct {
     string text;
     int mode;

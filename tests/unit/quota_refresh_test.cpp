@@ -159,7 +159,7 @@ TEST_F(Refresh, ARowWithoutALevelStopsTheWalkAtItsParent) {
   EXPECT_FALSE(fs::exists(quota_root() + "/1/3"));
 }
 
-TEST_F(Refresh, AWalkThatStopsIsToldAndBeginsAgainNextTime) {
+TEST_F(Refresh, AWalkThatStopsIsReportedAndBeginsAgainNextTime) {
   store_everywhere("9.5");
   box.sql("RENAME TABLE client TO gone");
   const std::string given = quota_root() + "/1/";
@@ -196,7 +196,7 @@ TEST_F(Refresh, ARedoMarkStaysUntilAllFilesAreComputed) {
   EXPECT_EQ(stored()["1/3"], "10.6 4.0 9.5 9.5 9.5");
 }
 
-TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
+TEST_F(Refresh, AFailedStatementIsRepairedByTheNextRefresh) {
   box.sql("RENAME TABLE extension_recording TO gone");
   EXPECT_EQ(refresh(QUOTA_ALL_KINDS, 0), 0);
   for (auto [place, files] : stored()) {
@@ -212,7 +212,7 @@ TEST_F(Refresh, WhatTheDatabaseDidNotTellIsMadeUpForLater) {
   EXPECT_EQ(the_tally.bytes[QUOTA_SOUND], 2 * 1234) << "of the account that was asked for, twice";
 }
 
-TEST_F(Refresh, WaitsForWhoeverHoldsALock) {
+TEST_F(Refresh, WaitsForAnotherHolderOfALock) {
   const std::string path = box.quota_path("1/2/sound");
   box.write_file(path, "1.0");
   const unique_fd held(::open(path.c_str(), O_RDWR | O_CLOEXEC));

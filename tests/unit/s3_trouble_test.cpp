@@ -193,7 +193,7 @@ TEST(S3Connection, KeepsToTheRateThatAllClientsShare) {
   EXPECT_EQ(control.sent, 512 << 10);
 }
 
-TEST(S3Connection, TellsWhatNeverReachedAStore) {
+TEST(S3Connection, KnowsWhatNeverReachedAStore) {
   s3_control control;
   int port = 0;
   const unique_fd silent = support::bound_to_loopback(port);

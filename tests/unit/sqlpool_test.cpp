@@ -175,7 +175,7 @@ TEST_F(SqlPool, StartingLeavesTheProcessToEndAtABrokenPipe) {
   EXPECT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
 }
 
-TEST_F(SqlPool, ASlaveThatIsDownIsPassedOverForTheDownTimeAndAMasterIsAlwaysAsked) {
+TEST_F(SqlPool, ASlaveThatIsDownIsSkippedForTheDownTimeButAMasterNever) {
   mariadb_server master, slave;
   start(line("DB_SLAVE", slave) + line("DB_MASTER", master));
   slave.kill_hard();
@@ -283,7 +283,7 @@ void expect_three_seconds(const sql_address &address) {
   EXPECT_STRNE(mysql_error(handle.get()), "");
 }
 
-TEST(SqlConnection, AServerThatDripsItsGreetingOrAcceptsNobodyIsHeldToThreeSecondsInAll) {
+TEST(SqlConnection, AServerThatDripsItsGreetingOrAcceptsNoConnectionCostsThreeSecondsInAll) {
   int port = 0;
   const support::private_folder folder("sql");
   const std::string path = folder.path() / "dripping", full = folder.path() / "full";

@@ -87,7 +87,7 @@ TEST_F(SqlSession, ALargestLagIsANumberOfSecondsAndAsksSlavesOnlyWhenItIsSet) {
   }
 }
 
-TEST_F(SqlSession, WhatIsMissingIsAFailureToldInItsOwnWay) {
+TEST_F(SqlSession, WhatIsMissingIsAFailureWithAMessageOfItsOwn) {
   const std::string missing = box.path("missing");
   EXPECT_EQ(qx_sql_pool_init_from_config_files(pbx.c_str(), missing.c_str()), -1);
   EXPECT_TRUE(log.lines().empty()) << "a missing servers file has no message";

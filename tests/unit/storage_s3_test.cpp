@@ -64,7 +64,7 @@ TEST_F(StorageS3, ACommitQueuesTheUploadOfACompleteCopy) {
   EXPECT_EQ(members("del"), "");
 }
 
-TEST_F(StorageS3, ADeletionTakesWhatWasQueuedBeforeItAndTellsTheServiceAfterwards) {
+TEST_F(StorageS3, ADeletionTakesWhatWasQueuedBeforeItAndNotifiesTheServiceAfterwards) {
   EXPECT_EQ(stored(QX_STORAGE_RECORDING, 7, "old"), 0);
   const auto remove = [] {
     return qx_storage_delete(QX_STORAGE_RECORDING, key.c_str(), "s3", "eu");
@@ -140,7 +140,7 @@ TEST_F(StorageS3, WhileItIsNotUsableFilesAreStoredLocally) {
   }
 }
 
-TEST_F(StorageS3, ADownloadWakesAllWhoWait) {
+TEST_F(StorageS3, ADownloadWakesAllThreadsThatWait) {
   const std::string content(200'000, 'x');
   box.write_file(service->object(key), content);
   for (const moment when : {moment::later, moment::at_once, moment::held}) {

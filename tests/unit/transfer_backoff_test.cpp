@@ -5,7 +5,7 @@
 
 namespace {
 
-TEST(TransferBackoff, MembersBeyondItsRoomWaitAndHoldNobodyUp) {
+TEST(TransferBackoff, MembersBeyondItsRoomWaitAndDelayNoOthers) {
   backoff_table table;
   const auto item = [](int i) {
     return work_item{queue_kind::uploads, {"eu@n1:" + std::to_string(i), "1000"}};

@@ -1,4 +1,4 @@
-// Who may work on a key, and what a job that ended unclearly leaves to those after it.
+// Which job may work on a key, and what a job that ended unclearly leaves to those after it.
 #include <thread>
 
 #include "tests/unit/transfer_queue_fixture.h"

@@ -78,7 +78,7 @@ TRANSFER_METRICS /metrics
   EXPECT_EQ(config.cache_size, 7LL << 30);
 }
 
-TEST_F(TransferConfig, WhatIsWrongIsToldWithItsLine) {
+TEST_F(TransferConfig, AnErrorNamesTheLine) {
   const std::pair<const char *, const char *> lines[] = {
       {"TRANSFER_UPLAODS 3", "TRANSFER_UPLAODS: no such directive"},
       {"TRANSFER_UPLOADS 0", "TRANSFER_UPLOADS: a number from 1 to 256 is expected, not \"0\""},

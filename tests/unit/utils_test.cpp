@@ -88,7 +88,7 @@ TEST(BoundedOutput, NoReaderOrASlowOneHoldsAWriterNoLongerThanItsTime) {
   const auto write_much = [&] {
     return fr_write_nb_full(writing.get(), much.data(), much.size(), 0.3F);
   };
-  expect_time_is_up(write_much);  // nobody reads yet
+  expect_time_is_up(write_much);  // no reader yet
   std::thread slow_reader([reading = unique_fd(ends[0])] {
     char part[512];
     for (int i = 0; i < 100 && read(reading.get(), part, sizeof part) > 0; ++i) sleep_for(20ms);
@@ -168,7 +168,7 @@ TEST(Names, ExtensionsAreWhatFollowsTheLastDot) {
   }
 }
 
-TEST(Names, AlphanumericOnesHaveUnderscoresAndTheLengthTold) {
+TEST(Names, AlphanumericOnesHaveUnderscoresAndTheGivenLength) {
   const struct {
     const char *name;
     int length, expected;

@@ -150,7 +150,7 @@ TEST(VelkanTime, AnAddressThatHangsDoesNotHideTheNextOneOfItsName) {
   auto connection = vk_connection::open(addresses, in(4s));
   ASSERT_TRUE(connection);
 
-  // An answer that is there too late is none, or a peer that never ends could go on for ever.
+  // An answer that comes too late is none: a peer must not prolong a command without end.
   bool waited = false;
   ASSERT_EQ(connection->send_all("PING\r\n", in(1s), waited), vk_io::ok);
   std::this_thread::sleep_for(100ms);

@@ -27,7 +27,7 @@ TEST(VelkanTrouble, TheKeyIsSentOnEveryConnectAndAWrongOneIsNoServer) {
   EXPECT_EQ(right.set("h", "f", "v"), VK_OK) << "a restart is not the caller's business";
 }
 
-TEST(VelkanTrouble, AReplicaIsPassedOverAndAFailOverIsFollowed) {
+TEST(VelkanTrouble, AReplicaIsSkippedAndAFailOverIsFollowed) {
   const redis_server first({.tcp = true});
   redis_server second({.tcp = true});
   follow(second, first);

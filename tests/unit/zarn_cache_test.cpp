@@ -67,7 +67,7 @@ TEST_F(CacheLayer, FailedStatementIsCachedLikeAMissingRow) {
   EXPECT_TRUE(log.has("../main/zarn_cache:drget_hash:"));
 }
 
-TEST_F(CacheLayer, EachStepIsTold) {
+TEST_F(CacheLayer, EachStepIsLogged) {
   get("none");
   const std::string refused = "error Trying to add NOROWS to nonexistent hash";
   EXPECT_EQ(told(), (texts{"rget_hash_str(res:t:none,f): (null)", "cache_exists(res:t:none): 0",
@@ -87,7 +87,7 @@ TEST_F(CacheLayer, EachStepIsTold) {
                            "cache_hgetall(h): 1X", "rgetall_hash_comma(h): 1 memberss"}));
 }
 
-TEST_F(CacheLayer, AFailedReadOrWriteIsOnlyTold) {
+TEST_F(CacheLayer, AFailedReadOrWriteIsOnlyLogged) {
   box.redis({"SET", "res:t:full", "no hash"});
   const char *const fields[] = {"a"};
   EXPECT_EQ(get("full"), "v1");
@@ -99,7 +99,7 @@ TEST_F(CacheLayer, AFailedReadOrWriteIsOnlyTold) {
   }
 }
 
-TEST_F(CacheLayer, LookupWithoutAnArgumentAsksNobody) {
+TEST_F(CacheLayer, LookupWithoutAnArgumentAsksNoServer) {
   constexpr char by_id[] = "SELECT value FROM t WHERE id=%d";
   EXPECT_EQ(get(nullptr), std::nullopt);
   for (const int id : {0, -1}) {

@@ -89,7 +89,7 @@ TEST(ZarnStrInPlace, ReplacesFromLeftToRightWithoutLookingAtItsOwnWork) {
   }
 }
 
-TEST(ZarnStrInPlace, TrimStripsBytes1To32AtTheSidesTold) {
+TEST(ZarnStrInPlace, TrimStripsBytes1To32AtTheSidesOfItsMode) {
   const char *const expected[] = {"\t\x01\xa0x\x7f \n", "\xa0x\x7f \n", "\t\x01\xa0x\x7f",
                                   "\xa0x\x7f"};
   for (int mode = 0; mode < 4; ++mode) {

@@ -111,7 +111,7 @@ TEST_F(Account, UnknownOneIsNotKnownAndNothingIsCached) {
   EXPECT_EQ(box.redis({"EXISTS", "res:inf:mng:77"}), "0");
 }
 
-TEST_F(Account, FailedStatementIsTold) {
+TEST_F(Account, FailedStatementIsLogged) {
   box.sql("RENAME TABLE client TO elsewhere, extension TO elsewhere_too");
   size_t count = 0;
   EXPECT_EQ(name.ask(3), std::nullopt);
@@ -146,7 +146,7 @@ TEST_F(AccountExtensions, AreIndexedOnTheFirstCallAndReadFromTheIndexLater) {
       << "the one that only the cache knows has no full number";
 }
 
-TEST_F(AccountExtensions, FullNumbersAreThoseUnderTheParentTold) {
+TEST_F(AccountExtensions, FullNumbersAreThoseUnderTheGivenParent) {
   EXPECT_EQ(extensions("2", 0), (values{"0002*101", "0002*102"}));
   EXPECT_EQ(cached("res:ind:3:ext", "101"), "11") << "the index has short numbers";
   EXPECT_EQ(extensions("5", 0), (values{std::nullopt, std::nullopt}));
