@@ -12,7 +12,7 @@
  * id of its row in extension_recording, extension_voicemail or extension_fax_center.
  *
  * Unless they say otherwise, functions return 0, or -1 after logging why (short memory not always).
- * For a NULL session they return -1 or NULL. A DisDB that comes back may be noticed a minute later.
+ * For a NULL session they return -1 or NULL. A DisDB that comes back is noticed within a minute.
  * All may be called from several threads; one thread at a time writes and commits a session. */
 #ifndef SPOOLCAP_ZARN_STORAGE_H
 #define SPOOLCAP_ZARN_STORAGE_H
@@ -169,9 +169,9 @@ int qx_storage_delete(int resource_type, const char *stored_name, const char *en
                       const char *location);
 
 /* Queues all of an owner's voicemail, fax and recordings in the object store for deletion. `text`,
- * `other_text` and `argument` go into the service's location query. Copies in the caches stay for up to
- * a day. -1 with errno: ENOBUFS without a location, ENOMEM, or EIO when the queue cannot be
- * written; what was queued before stays. */
+ * `other_text` and `argument` become first_text, second_text and argument of the query. Copies in
+ * caches stay for up to a day. -1 with errno: ENOBUFS without a location, ENOMEM, or EIO when the
+ * queue cannot be written; what was queued before stays. */
 int qx_storage_delete_extension(int second_id, const char *text, int first_id,
                                 const char *other_text, void *argument);
 
