@@ -112,7 +112,7 @@ class kind_check {
 
   const char *table() const { return media_kinds[kind_].rows.table; }
 
-  // Those of these files that have no row and are not passed over, with their paths.
+  // Those of these files that have no row and are not skipped, with their paths.
   void tell_files(const file_ids &files, const file_ids &rows, const fs::path &folder,
                   const std::function<bool(const fs::directory_entry &entry)> &is_passed_over) {
     if (std::includes(rows.begin(), rows.end(), files.begin(), files.end())) return;

@@ -27,7 +27,7 @@ using target_table = std::unique_ptr<fr_hash_t, call_to_release<fr__hash_destroy
 // The accounts that the command line names, each once and parents first. Null when nothing was
 // selected or no session could be had; such a run ends with status 10. A statement that fails is
 // logged and gives a table without records; such a run goes on and ends with 0. That difference
-// stays as it is. Throws std::bad_alloc when memory is short.
+// is kept. Throws std::bad_alloc when memory is short.
 target_table get_sql_data();
 
 // Visits each target in the order of selection, holding the table's lock for the whole walk. Throws

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-// Owner and group "asterisk" read and write; nobody else looks in.
+// Owner and group "asterisk" read and write; others have no access.
 inline constexpr mode_t quota_file_mode = 0660;
 inline constexpr mode_t quota_directory_mode = 0770;
 

@@ -31,7 +31,7 @@ std::string read_socket(std::string_view value, transfer_config &config) {
   return read_path(value, config.socket);
 }
 
-// The bounds are those of the value as it is typed.
+// The bounds are those of the value as typed.
 struct number_directive {
   std::string_view keyword;
   std::int64_t least, most;

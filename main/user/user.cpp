@@ -32,7 +32,7 @@ constexpr cache_binding pref_bindings[] = {
     {"max_voice", limits_key, 0, "mvoc"},
 };
 static_assert(is_sorted_by_name(pref_bindings));
-// A limit that is no preference here would read as none, and would stop nobody.
+// A limit that is no preference here would read as none, and would stop no account.
 static_assert(std::ranges::all_of(media_kinds, [](const media_kind &kind) {
   return std::ranges::any_of(pref_bindings, [&kind](const cache_binding &row) {
     return std::string_view(row.name) == kind.limit;

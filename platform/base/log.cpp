@@ -96,7 +96,7 @@ __attribute__((format(printf, 1, 0))) c_string format_message(const char *format
 void log_message(fr_log_record record, const char *format, va_list args) {
   const std::shared_lock lock(process->sink_lock);
   const auto [sink, context] = process->current;
-  // Where nobody listens, as in a container, a message is not even formatted.
+  // Without a listener, as in a container, a message is not even formatted.
   if (sink == nullptr && !syslog_reachable()) return;
   const c_string text = format_message(format, args);
   if (!text) return;

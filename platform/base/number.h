@@ -1,4 +1,4 @@
-// Numbers out of text that is to be nothing else.
+// Numbers out of text that must be nothing else.
 #ifndef PLATFORM_BASE_NUMBER_H
 #define PLATFORM_BASE_NUMBER_H
 

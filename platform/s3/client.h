@@ -27,7 +27,7 @@ class s3_client {
 
   // Objects. `put` is done only when the ETag of the answer is the MD5 of the body.
   s3_answer put(std::string_view key, const s3_body &body, const s3_metadata &metadata = {});
-  // Length, ETag and metadata without the object; `damaged` when no length is told.
+  // Length, ETag and metadata without the object; `damaged` when the store reports no length.
   s3_answer head(std::string_view key);
   // Appends the object from byte `from` on to `fd`, which is positioned there by pwrite; `length`
   // of the answer is that of the whole object. With `if_match`, only the object with this ETag. The

@@ -124,8 +124,8 @@ s3_header_lines s3_connection::signed_headers(const s3_request &request, const s
     line.append(value.empty() ? ";" : ": ").append(value);
     lines.add(std::move(line));
   }
-  // Asking first costs a turn. It is worth that only where a refusal would meet a body that is not
-  // sent yet, since the connection is lost then, and the refusal with it.
+  // Asking first costs a turn. It is worth that only for a large body: a refusal
+  // in the middle of it loses the connection, and the refusal with it.
   if (request.has_body() && request.length() <= send_unasked) lines.add("expect:");
   lines.add("authorization: " + signer_.authorization(to_sign, timestamp));
   return lines;

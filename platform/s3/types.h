@@ -18,13 +18,13 @@ struct s3_credentials {
   std::string session_token;  // empty for none
 };
 
-// One place in an object store. Keys of the calls below are put behind `prefix` as it is.
+// One place in an object store. Keys of the calls below are put directly behind `prefix`.
 struct s3_place {
   std::string endpoint;  // URL with scheme and host, perhaps a port: "https://s3.eu.example.com"
   std::string region;
   std::string bucket;
   bool virtual_host = false;  // bucket in the host name instead of in the path
-  std::string prefix;         // empty, or as it is put in front of each key
+  std::string prefix;         // put in front of each key, may be empty
   std::string ca_file;        // certificates beside the system's; empty for none
   s3_credentials credentials;
 };
@@ -77,8 +77,8 @@ struct s3_listed {
   std::string key;  // without the place's prefix
   std::int64_t length = 0;
   std::string etag;
-  // Seconds since the epoch by the store's clock; infinite when the store tells no time, so that
-  // nobody takes the object for an old one.
+  // Seconds since the epoch by the store's clock; infinite when the store gives no time, so that
+  // the object never looks old.
   double modified = 0;
 };
 // One page. After a failure there are no objects and no next page.
@@ -88,7 +88,7 @@ struct s3_listing {
   std::string next;  // token of the next page; empty at the end
 };
 
-// A part as the store has it, or as it is named to complete the object.
+// A part as the store has it, or as named to complete the object.
 struct s3_part {
   int number = 0;  // from 1
   std::string etag;

@@ -12,8 +12,8 @@ namespace {
 
 using std::chrono::seconds;
 
-// A master is the last resort of its shard: one that refuses at once is asked again each time, as
-// that costs nothing, and one that let its caller wait is passed over for no longer than this.
+// A master is the last resort of its shard. One that refuses at once is asked again each time, as
+// that costs nothing. One that let its caller wait is skipped for no longer than this.
 constexpr seconds longest_master_pause{5};
 constexpr seconds slow_failure{1};
 // So short a time that a look at the socket would tell nothing new.
@@ -138,7 +138,7 @@ void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept {
   if (lease.server == nullptr) return;
   // Without memory to keep it, it is closed.
   no_throw([&] {
-    // The next taker would commit or lose the work of somebody else.
+    // The next taker would commit or lose the work of another one.
     const bool in_transaction = (lease.handle->server_status & SERVER_STATUS_IN_TRANS) != 0;
     const std::lock_guard guard(shard.lock);
     if (in_transaction || shard.retired) return;

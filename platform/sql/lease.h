@@ -17,7 +17,7 @@ enum class sql_purpose { read, write };
 // Takes a kept connection or opens one. Servers are chosen under the lock, connected outside it.
 sql_lease take_connection(fr_sql_shard &shard, sql_purpose purpose);
 
-// Keeps the connection for the next taker, unless it is lost or somebody's transaction is open.
+// Keeps the connection for the next taker, unless it is lost or a transaction is open.
 void return_connection(fr_sql_shard &shard, sql_lease lease) noexcept;
 
 #endif

@@ -73,7 +73,7 @@ struct sql_pool {
 // The process-wide pool. It is never destroyed: a process may end with sessions out.
 sql_pool &the_sql_pool() noexcept;
 
-// Logs in the name of the pool when it is to be that talkative; levels are priorities.
+// Logs in the name of the pool when its verbosity allows; levels are priorities.
 #define SQL_LOG(priority, ...)                                                 \
   do {                                                                         \
     if ((priority) <= the_sql_pool().verbosity) QX_LOG(priority, __VA_ARGS__); \

@@ -8,9 +8,9 @@
 
 // A budget of 2.5 s at most that gains 4 ms a second. A command is charged with what it takes
 // beyond half a millisecond, and what it takes less is given back. So in any ten minutes the
-// commands of one client take at most 2.5 s + 2.4 s, that is 4.9 s, and half a millisecond each. It does
-// not matter how the time is spread over them. Commands of several clients that wait at the same
-// moment may each use what is left. No cache is charged whose answers take less than half a
+// commands of one client take at most 2.5 s + 2.4 s, that is 4.9 s, and half a millisecond each.
+// The spread of the time over them does not matter. Commands of several clients that wait at the
+// same moment may each use what is left. No cache is charged whose answers take less than half a
 // millisecond on average.
 //
 // A look-up of a name cannot be cut off, and may so leave a debt. A longer one than ten minutes

@@ -64,7 +64,7 @@ TEST_F(Report, FiguresAreTheSumsOverTablesAndDisk) {
   }
 }
 
-TEST_F(Report, StatesLimitsAndAgesAreTold) {
+TEST_F(Report, StatesLimitsAndAgesAreShown) {
   box.set_preference(12, "fax_storage", "2048");  // KiB
   box.set_preference(12, "max_record", "1");
   box.set_preference(12, "max_sound", "-1");

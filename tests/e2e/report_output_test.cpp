@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST_F(Report, OutputThatCannotBeWrittenIsTold) {
+TEST_F(Report, OutputThatCannotBeWrittenIsReported) {
   const support::process_result closed =
       support::run_process({"sh", "-c", SPOOLCAP_REPORT_BINARY " >&-"},
                            {.environment = {{"SPOOLCAP_SANDBOX", box.root().string()}}});

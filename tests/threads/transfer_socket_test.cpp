@@ -70,7 +70,7 @@ TEST_F(TransferSocket, OnlyAnEmptyFileThatCanBeReadAndWrittenIsATarget) {
   }
 }
 
-TEST_F(TransferSocket, ASlowReaderOfTheStateHoldsNobodyUp) {
+TEST_F(TransferSocket, ASlowReaderOfTheStateDelaysNoOther) {
   serving daemon(path);
   daemon.state = std::string(5'000'000, 's');
   const unique_fd reader = connect_to_service(path);

@@ -52,6 +52,7 @@ std::string line(const char *kind, const mariadb_server &server) {
 
 class SqlPool : public testing::Test {
  protected:
+  SqlPool() { fr_sqlpool_verbosity_set(100); }
   ~SqlPool() override { fr_sqlpool_destroy(); }
 
   int read_servers(const std::string &text, int need_master = 1) const {
@@ -62,7 +63,6 @@ class SqlPool : public testing::Test {
 
   void start(const std::string &servers, double idle_limit = 60.0) const {
     ASSERT_EQ(fr_sqlpool_init_api(nullptr, nullptr, idle_limit), 0);
-    fr_sqlpool_verbosity_set(100);
     const std::string credentials =
         std::string("main:") + support::database_user + ":" + support::database_password + ":mysql";
     ASSERT_EQ(fr_sqlpool_shard_add(fr_sql_shard_parse_info(credentials.c_str())), 0);
@@ -74,7 +74,6 @@ class SqlPool : public testing::Test {
 };
 
 TEST_F(SqlPool, CredentialsThatLackAPartAreRefusedWithoutThePasswordInTheLog) {
-  fr_sqlpool_verbosity_set(100);
   log.expect(FR_LOG_ERROR, "Invalid SQL credentials");
   for (const char *value : {"main:u:secret", ":u:secret:d", "main::secret:d", "main:u:secret:"}) {
     EXPECT_EQ(fr_sql_shard_parse_info(value), nullptr) << value;
@@ -111,7 +110,6 @@ TEST_F(SqlPool, ServerLinesGiveEachServerToItsShard) {
   log.expect(FR_LOG_ERROR, "Invalid SQL server line [4] in <");
   for (const auto &row : rows) {
     fr_sqlpool_init_api(nullptr, nullptr, 60.0);
-    fr_sqlpool_verbosity_set(100);
     ASSERT_EQ(fr_sqlpool_shard_add(fr_sql_shard_parse_info("main:u:p:d")), 0);
     EXPECT_EQ(read_servers(row.text), row.status) << row.text;
     log.clear();
@@ -124,7 +122,6 @@ TEST_F(SqlPool, ServerLinesGiveEachServerToItsShard) {
 }
 
 TEST_F(SqlPool, AFileThatIsNotThereAndAShardThatIsThereTwiceAreErrors) {
-  fr_sqlpool_verbosity_set(100);
   log.expect(FR_LOG_ERROR, "Failed to open SQL servers file");
   EXPECT_EQ(fr_sql_shard_parse_connection_info("/nonexistent/file", nullptr, 0), -1);
   EXPECT_EQ(fr_sqlpool_shard_add(fr_sql_shard_parse_info("main:u:p:d")), 0);
