@@ -84,8 +84,9 @@ std::optional<transfer_options> parse_options(int argc, const char **argv) {
     const c_string argument(poptGetOptArg(context.get()));
     if (!argument) continue;
     found.seconds = whole_number<int>(argument.get());
-    if (found.seconds.value_or(-1) < 0)
+    if (found.seconds.value_or(-1) < 0) {
       return refuse(std::string("not a number of seconds: ") + argument.get());
+    }
   }
   // -1 is the end of the options, all below it errors.
   if (option != -1) {
