@@ -153,12 +153,12 @@ transfer_downloads::engine::transfer_pointer transfer_downloads::engine::next() 
   return nullptr;
 }
 
-// False when nobody waits for it any more: it is nobody's transfer then.
+// False when no host waits for it any more: it has no owner then.
 bool transfer_downloads::engine::prepare(const transfer_pointer &what) {
   std::list<download_order> left;  // ended without the lock, as all are
   {
     const std::lock_guard guard(lock_);
-    // Who ordered the object last has the full time.
+    // The host that ordered the object last has the full time.
     if (std::exchange(what->is_joined, false)) what->fetch.begin_anew();
     const auto is_wanted = [](const download_order &one) {
       return !one.is_wanted || one.is_wanted();

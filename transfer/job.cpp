@@ -86,8 +86,8 @@ object_end judge_object(const job_context &context, const worker_settings &setti
   const double queued_at = queue_entry{"", queued->second}.queued_at();
   if (queued_at > deleted_at) return object_end::kept;
   if (queued_at <= deleted_at - clock_error) return object_end::removed;
-  // In one second two nodes cannot tell which came first: the file is kept. This node knows: who
-  // deletes removes the file as well.
+  // Within a second, two nodes cannot know which came first: the file is kept. This node knows, as
+  // its host removes the file when it deletes.
   const auto node = head.metadata.find("node");
   const bool is_own = node != head.metadata.end() && node->second == context.queue.node();
   const std::string path = path_in_cache(settings, key);

@@ -68,7 +68,7 @@ class look {
   }
 
   bool transferred(const walked_file &found) {
-    // Hosts make their files directly in these folders; what lies deeper is somebody else's.
+    // Hosts make their files directly in these folders; what lies deeper is not theirs.
     if (found.key == found.name) sweep(found);
     return !parts_.stop;
   }

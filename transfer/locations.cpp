@@ -265,7 +265,7 @@ bool transfer_locations::tell(const lease &by, const s3_answer &answer) {
   const meaning what = meaning_of(answer);
   const std::string &location = by.location_;
   const std::lock_guard guard(lock_);
-  // From before a reload: it says nothing about the new keys, and nobody is to go on with the old.
+  // From before a reload: it says nothing about the new keys, and no job may use the old.
   place *where = by.generation_ == generation_ ? find(location) : nullptr;
   if (where == nullptr) return true;
   if (what == meaning::failure || what == meaning::refusal) return fail(*where, location, answer);

@@ -225,7 +225,7 @@ void transfer_server::engine::order(const host &from, transfer_message &message)
                    .target = std::move(message.descriptor),
                    .done =
                        [from, counted = std::move(counted), id = message.id](bool is_done) mutable {
-                         // Before the host is told, who may order the next one at once.
+                         // Before the answer: the host may then order the next one at once.
                          counted.reset();
                          // An answer that is lost would leave its host waiting.
                          const bool is_said = no_throw(false, [&] {

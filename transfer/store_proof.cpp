@@ -28,7 +28,7 @@ int parts_of(const std::string &etag) {
   return parts;
 }
 
-// Nothing when that cannot be told: the file cannot be read, or the object has other parts than
+// Nothing when not known: the file cannot be read, or the object has other parts than
 // today's size gives. After a change of that size old objects cannot be proved.
 std::optional<bool> has_content(const question &asked, const s3_answer &object) {
   const std::int64_t length = asked.file.status().st_size;

@@ -18,7 +18,7 @@ namespace {
 
 // A page of 1,000 objects whose keys are as long as they may be, three letters a byte, is below it.
 constexpr std::size_t longest_document = std::size_t{8} << 20;
-// So many stall timeouts a store may be silent while it makes an answer that is much work.
+// Stall timeouts for which a store may be silent while it makes an answer that is much work.
 constexpr int silences_of_answer = 4;
 
 // All of the text must be a number: half a length would be worse than none.
