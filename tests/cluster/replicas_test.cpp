@@ -178,8 +178,9 @@ TEST_F(Replicas, AReplicaThatLagsGivesOldFiguresUnlessALargestLagIsSet) {
   EXPECT_TRUE(support::eventually([&] { return server_read_from() == "2"; }));
   EXPECT_EQ(log.count("serves again"), 1U);
   const sql_session held;
+  const call_site here = QX_HERE;
   const auto id_of_server = [&] {
-    return std::string(sql_text(QX_HERE, held.get(), "SELECT @@server_id").get());
+    return std::string(sql_text(here, held.get(), "SELECT @@server_id").get());
   };
   EXPECT_EQ(id_of_server(), "2");
   ask(replicas[0], "STOP SLAVE");
