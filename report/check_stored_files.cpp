@@ -114,10 +114,10 @@ class kind_check {
 
   // Those of these files that have no row and are not skipped, with their paths.
   void tell_files(const file_ids &files, const file_ids &rows, const fs::path &folder,
-                  const std::function<bool(const fs::directory_entry &entry)> &is_passed_over) {
+                  const std::function<bool(const fs::directory_entry &entry)> &is_skipped) {
     if (std::includes(rows.begin(), rows.end(), files.begin(), files.end())) return;
     for_each_file(folder, [&](file_id id, const fs::directory_entry &entry) {
-      if (!has(files, id) || has(rows, id) || is_passed_over(entry)) return;
+      if (!has(files, id) || has(rows, id) || is_skipped(entry)) return;
       out_.add(
           {.name = "file_without_row", .kind = kind_, .where = valid_utf8(entry.path().string())});
     });
