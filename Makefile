@@ -134,7 +134,7 @@ package:
 # The packages in a Debian 12 of their own, which is kept in build/package-test: install, run, upgrade,
 # remove, purge; and that two builds give the same bytes.
 package-test: package
-	@dev/install-deps mmdebstrap
+	@dev/install-deps mmdebstrap procps
 	@DEB_BUILD_OPTIONS=nocheck packaging/build-packages build/packages-again/elsewhere >build/packages-again.log 2>&1 || \
 	  { tail -n 40 build/packages-again.log; exit 1; }
 	@packaging/same-packages build/packages build/packages-again/elsewhere

@@ -19,8 +19,9 @@
 namespace {
 
 // Of network file systems.
-constexpr std::array<std::string_view, 6> local_lock_options = {
-    "nolock", "local_lock=all", "local_lock=flock", "nobrl", "localflock", "noflock"};
+constexpr std::array<std::string_view, 7> local_lock_options = {
+    "nolock",     "local_lock=all", "local_lock=flock", "nobrl",
+    "localflock", "localflocks",    "noflock"};
 
 // The mount that a path lies on, as mountinfo numbers it; empty when the kernel does not tell.
 std::string mount_of(const std::string &path) {
