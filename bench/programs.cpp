@@ -40,13 +40,12 @@ ratio::body running(const support::sandbox &box, const command &arguments) {
 }
 
 command bare(const char *program, const support::sandbox &box) {
-  const support::shared_server_set &servers = support::shared_servers();
   return {program,
-          servers.mariadb_socket,
+          box.mariadb_socket(),
           support::database_user,
           support::database_password,
           box.database(),
-          servers.redis_socket,
+          box.redis_socket(),
           std::to_string(box.cache_database()),
           box.root().string()};
 }

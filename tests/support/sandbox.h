@@ -55,6 +55,7 @@ class sandbox {
 
   // Database.
   const std::string &database() const { return database_; }
+  const std::string &mariadb_socket() const { return mariadb_socket_; }
   std::vector<sql_row> sql(const std::string &statement) const;
   // First column of the first row; nullopt for NULL and for no row.
   std::optional<std::string> sql_value(const std::string &statement) const;
@@ -62,6 +63,7 @@ class sandbox {
   // Cache, in the database of this sandbox. The reply as text: integers in decimal, nullopt for
   // nil; an error reply throws.
   int cache_database() const { return cache_database_; }
+  const std::string &redis_socket() const { return redis_socket_; }
   std::optional<std::string> redis(const std::vector<std::string> &command) const;
 
   // Accounts: a row of client and one of hs_account.
