@@ -185,6 +185,7 @@ platform_cost measure(support::sandbox &box, const support::mariadb_server &serv
 // Of some runs of a work, the middle one: a short run varies.
 cost middle(const std::array<platform_cost, 3> &platforms, size_t which) {
   std::vector<cost> runs;
+  runs.reserve(platforms.size());
   for (const platform_cost &one : platforms) runs.push_back(one.of_work[which]);
   std::sort(runs.begin(), runs.end(),
             [](const cost &one, const cost &other) { return one.processor < other.processor; });
